@@ -1,0 +1,47 @@
+# What every target of the three rooms shares, and how a service of the platform is declared.
+
+find_package(Threads REQUIRED)
+
+# All libraries stand in one folder of their own, so that their plain names collide with nothing on the system.
+set(MIRADO_LIBDIR ${CMAKE_INSTALL_LIBDIR}/mirado)
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/${MIRADO_LIBDIR})
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/${CMAKE_INSTALL_BINDIR})
+
+add_library(mirado_flags INTERFACE)
+target_compile_options(mirado_flags INTERFACE -Wall -Wextra -Wpedantic -Wconversion)
+target_link_options(mirado_flags INTERFACE -Wl,--as-needed)
+if(MIRADO_WERROR)
+  target_compile_options(mirado_flags INTERFACE -Werror)
+endif()
+if(MIRADO_SANITIZE)
+  target_compile_options(mirado_flags INTERFACE -fsanitize=${MIRADO_SANITIZE} -fno-omit-frame-pointer
+                                                -fno-sanitize-recover=all)
+  if(MIRADO_SANITIZE MATCHES address)  # one name for it; each compiler has its own
+    target_compile_definitions(mirado_flags INTERFACE MIRADO_SANITIZE_ADDRESS)
+  endif()
+  target_link_options(mirado_flags INTERFACE -fsanitize=${MIRADO_SANITIZE})
+else()  # a library may leave a sanitizer's calls to the program
+  target_link_options(mirado_flags INTERFACE -Wl,--no-undefined)
+endif()
+
+# mirado_service(NAME SOURCES file... [LINKS public-target...] [PRIVATE_LINKS target...])
+#
+# One shared library of the platform. `include/` holds what the plug-in may include; `control/`, where there is one,
+# holds the side that steers the service and belongs to the target NAME_control, which the plug-in never links.
+function(mirado_service NAME)
+  cmake_parse_arguments(ARG "" "" "SOURCES;LINKS;PRIVATE_LINKS" ${ARGN})
+  add_library(${NAME} SHARED ${ARG_SOURCES})
+  target_include_directories(${NAME} PUBLIC ${CMAKE_CURRENT_SOURCE_DIR}/include PRIVATE src)
+  target_link_libraries(${NAME} PUBLIC ${ARG_LINKS} PRIVATE mirado_flags Threads::Threads ${ARG_PRIVATE_LINKS})
+  # A service's calls of its own functions need no detour through the linker's tables.
+  target_compile_options(${NAME} PRIVATE -fno-semantic-interposition)
+  target_link_options(${NAME} PRIVATE -Wl,-Bsymbolic-functions)
+  set_target_properties(${NAME} PROPERTIES INSTALL_RPATH "$ORIGIN" BUILD_RPATH_USE_ORIGIN ON)
+  install(TARGETS ${NAME} LIBRARY DESTINATION ${MIRADO_LIBDIR})
+  if(EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/control)
+    add_library(${NAME}_control INTERFACE)
+    target_include_directories(${NAME}_control INTERFACE ${CMAKE_CURRENT_SOURCE_DIR}/control)
+    target_link_libraries(${NAME}_control INTERFACE ${NAME})
+    target_include_directories(${NAME} PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/control)
+  endif()
+endfunction()

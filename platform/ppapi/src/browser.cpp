@@ -1,0 +1,89 @@
+#include "browser_control.h"
+
+#include <dlfcn.h>
+
+#include "embedding.h"
+#include "ppapi/cpp/instance.h"
+#include "ppapi/cpp/module.h"
+
+namespace pp::browser {
+namespace {
+
+class Page final : public PageInstance {
+ public:
+  explicit Page(std::shared_ptr<Embedding> embedding) : embedding_(std::move(embedding)) {}
+  Page(const Page&) = delete;
+  Page& operator=(const Page&) = delete;
+  ~Page() override { Page::Destroy(); }
+
+  /// Makes the plug-in's side. False when there is none.
+  bool Create(Module* module, const std::vector<std::pair<std::string, std::string>>& arguments) {
+    instance_.reset(module->CreateInstance(embedding_->id()));
+    if (!instance_) return false;
+    std::vector<const char*> names;
+    std::vector<const char*> values;
+    for (const auto& [name, value] : arguments) {
+      names.push_back(name.c_str());
+      values.push_back(value.c_str());
+    }
+    return instance_->Init(static_cast<std::uint32_t>(arguments.size()), names.data(), values.data());
+  }
+
+  PP_Instance id() const override { return embedding_->id(); }
+  Var Send(const Var& message) override { return embedding_->Send(message); }
+  void Post(const Var& message) override { embedding_->Post(message); }
+  void Settle() override { embedding_->Settle(); }
+  void EndRegistration() override { embedding_->EndRegistration(); }
+
+  void Destroy() override {
+    // Messages reach the handler until the instance itself ends its loop, and what it posts meanwhile reaches the page.
+    instance_.reset();
+    embedding_->Close();
+  }
+
+ private:
+  const std::shared_ptr<Embedding> embedding_;
+  std::unique_ptr<Instance> instance_;
+};
+
+struct CloseLibrary {
+  void operator()(void* library) const noexcept { dlclose(library); }
+};
+
+class LoadedPlugin final : public Plugin {
+ public:
+  using Library = std::unique_ptr<void, CloseLibrary>;
+
+  LoadedPlugin(Library library, std::unique_ptr<Module> module)
+      : library_(std::move(library)), module_(std::move(module)) {}
+
+  std::shared_ptr<PageInstance> CreateInstance(
+      Listener listener, const std::vector<std::pair<std::string, std::string>>& arguments) override {
+    auto page = std::make_shared<Page>(Embedding::Make(std::move(listener)));
+    return page->Create(module_.get(), arguments) ? page : nullptr;
+  }
+
+ private:
+  const Library library_;  // the module's code: it goes last
+  const std::unique_ptr<Module> module_;
+};
+
+}  // namespace
+
+std::unique_ptr<Plugin> Plugin::Load(const std::string& path, std::string* error) {
+  const auto fail = [&](const std::string& cause) {
+    *error = path + ": " + cause;
+    return nullptr;
+  };
+  if (Module::Get() != nullptr) return fail("a plug-in is loaded already");
+  LoadedPlugin::Library library(dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL));
+  if (!library) return fail(dlerror());
+  void* const entry = dlsym(library.get(), "_ZN2pp12CreateModuleEv");
+  if (entry == nullptr) return fail("no plug-in, it has no pp::CreateModule");
+  std::unique_ptr<Module> module(reinterpret_cast<decltype(&CreateModule)>(entry)());
+  if (!module) return fail("pp::CreateModule gave no module");
+  if (!module->Init()) return fail("the module's Init failed");
+  return std::make_unique<LoadedPlugin>(std::move(library), std::move(module));
+}
+
+}  // namespace pp::browser

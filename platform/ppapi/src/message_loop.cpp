@@ -1,0 +1,111 @@
+#include "ppapi/cpp/message_loop.h"
+
+#include <utility>
+
+#include "hand_over.h"
+#include "message_loop_control.h"
+
+namespace pp {
+namespace {
+
+using Core = MessageLoop::Core;
+
+/// How long an idle loop stays awake: more than a page that asks in a row takes between two requests.
+constexpr std::chrono::microseconds kIdleSpin{20};
+
+class Mark final : public Core::Work {
+ public:
+  void Run() override {}
+  void Drop() override {}
+};
+
+// What stands in place of the newest work while the loop's thread is parked, and after the loop's end.
+constinit Mark g_parked;
+constinit Mark g_ended;
+
+thread_local Core* t_current = nullptr;
+
+}  // namespace
+
+MessageLoop MessageLoop::GetCurrent() {
+  return t_current != nullptr ? MessageLoop(t_current->shared_from_this()) : MessageLoop();
+}
+
+Core::~Core() { Quit(); }
+
+Core* Core::Current() noexcept { return t_current; }
+
+bool Core::has_ended() const noexcept { return newest_.load(std::memory_order_acquire) == &g_ended; }
+
+bool Core::Push(Work* work) noexcept {
+  Work* newest = newest_.load(std::memory_order_relaxed);
+  do {
+    if (newest == &g_ended) return false;
+    work->next_ = newest == &g_parked ? nullptr : newest;
+  } while (!newest_.compare_exchange_weak(newest, work, std::memory_order_acq_rel, std::memory_order_relaxed));
+  if (newest == &g_parked) Unpark();
+  return true;
+}
+
+void Core::Run() {
+  t_current = this;
+  Seat seat;  // kept until the thread parks: to take one for every message would cost as much as the hand-over
+  while (Work* oldest = WaitForWork(&seat)) {
+    while (oldest != nullptr) {
+      Work* const work = std::exchange(oldest, oldest->next_);
+      if (has_ended()) {
+        work->Drop();
+      } else {
+        work->Run();
+      }
+    }
+  }
+  t_current = nullptr;
+}
+
+void Core::Quit() noexcept {
+  Work* const newest = newest_.exchange(&g_ended, std::memory_order_acq_rel);
+  if (newest == &g_ended) return;
+  if (newest == &g_parked) {
+    Unpark();
+    return;
+  }
+  for (Work* oldest = OldestFirst(newest); oldest != nullptr;) std::exchange(oldest, oldest->next_)->Drop();
+}
+
+Core::Work* Core::OldestFirst(Work* newest) noexcept {
+  Work* oldest = nullptr;
+  while (newest != nullptr) {
+    Work* const older = std::exchange(newest->next_, oldest);
+    oldest = std::exchange(newest, older);
+  }
+  return oldest;
+}
+
+/// All work that is queued, oldest first; null after the end.
+Core::Work* Core::WaitForWork(Seat* seat) noexcept {
+  while (true) {
+    Spin spin(kIdleSpin, seat);
+    do {
+      Work* newest = newest_.load(std::memory_order_acquire);
+      if (newest == &g_ended) return nullptr;
+      if (newest != nullptr && newest_.compare_exchange_strong(newest, nullptr, std::memory_order_acq_rel)) {
+        return OldestFirst(newest);
+      }
+    } while (spin.Again());
+    Work* none = nullptr;
+    seat->Leave();
+    parked_.store(1, std::memory_order_relaxed);
+    if (newest_.compare_exchange_strong(none, &g_parked, std::memory_order_acq_rel)) {
+      while (parked_.load(std::memory_order_acquire) == 1) Park(&parked_, 1);
+    }
+  }
+}
+
+/// Called by the one who took the mark of the parked thread away, so once for each time that it parks.
+void Core::Unpark() noexcept {
+  parked_.store(0, std::memory_order_release);
+  WakeOne(&parked_);
+}
+
+}  // namespace pp

@@ -1,0 +1,104 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+/// The side of the store that a runtime, a shell or a test steers: which store this process uses, values of every type
+/// and prefix, changes of whole prefixes, and faults.
+///
+/// Beside `db/` and `memory/` the store holds the rest of the simulated set under `set/` (kept on disk), which the
+/// `vconf_*` functions do not serve. A path is at most 511 bytes long, a text 65,536 bytes. Every function may be
+/// called on any thread; failures come as text for a person that names the file or the path and the cause.
+namespace vconf {
+
+using Value = std::variant<int, bool, std::string>;
+
+struct Entry {
+  std::string path;
+  Value value;
+  bool operator==(const Entry&) const = default;
+};
+
+/// One change, by whatever process. A removed key has no value. A text of more than 128 bytes is not kept with its
+/// change: it is the one that the key holds when the change is told, and missing if the key is then gone.
+struct Change {
+  std::uint64_t sequence;
+  std::string path;
+  std::optional<Value> value;
+};
+
+/// An error in words, or nothing.
+using Error = std::optional<std::string>;
+
+/// Opens the store in `directory` for this process. A directory that does not exist yet is made with `initial` in one
+/// step, so that no other process sees half of it; a store that exists is never filled, emptied or replaced. On
+/// failure every later call fails by value and this process has no store. One store for a process at a time.
+///
+/// `memory/` lies under /dev/shm, or the folder that the environment variable MIRADO_MEMORY_ROOT names. Where there is
+/// none, `memory/` alone fails. A store that this process may only read is opened for reading, and so is one whose lock
+/// file a full disk has no room for.
+Error OpenStore(const std::string& directory, const std::vector<Entry>& initial = {});
+
+/// Ends all subscriptions and closes the store. No call may be running on another thread. Not on the notification
+/// thread.
+void CloseStore();
+
+/// Nothing for a missing key or a store that cannot be read.
+std::optional<Value> Get(const std::string& path);
+
+/// A key keeps its type: another type is an error, and so is a path with another prefix. What `db/` and `set/` gain is
+/// durable when the call returns.
+Error Set(const std::string& path, const Value& value);
+Error Remove(const std::string& path);
+
+/// Removes every key of the store and writes `entries`: first those in memory, in one step, then those on disk, in
+/// another, which may fail alone. A change for each key that differs. Faults stay.
+Error Reset(const std::vector<Entry>& entries);
+
+/// All keys that begin with `prefix`, in the order of their bytes. Faults are not among them.
+std::vector<Entry> List(const std::string& prefix);
+
+/// Calls `on_change` on the notification thread for each change of a path that begins with `prefix`, until the result
+/// is destroyed; the destructor returns when no call is running any more, except on the notification thread itself.
+/// Who falls behind by more than 65,536 changes gets one call for each key under `prefix` instead. Null and a text in
+/// `error` on failure.
+class Watch {
+ public:
+  virtual ~Watch() = default;
+};
+std::unique_ptr<Watch> WatchPrefix(const std::string& prefix, std::function<void(const Change&)> on_change,
+                                   std::string* error = nullptr);
+
+/// Returns when all callbacks and watches of this process have been given every change made, by whatever process,
+/// before the call. Not on the notification thread.
+void Settle();
+
+/// How many `vconf_notify_key_changed` subscriptions this process has now.
+std::size_t SubscriptionCount();
+
+/// "This call on this path answers that." A fault lies in the store, so that it reaches every process at once; it goes
+/// when it has answered `times` calls, or with 0 stays until it is cleared. The calls are named as their callers write
+/// them: the seven of the store, and those of the other services that ask with `TakeFault`. The path "*" means every
+/// path; a fault for one path goes before one for all.
+struct Fault {
+  std::string call;
+  std::string path;
+  int answer = 0;
+  unsigned times = 0;
+  bool operator==(const Fault&) const = default;
+};
+Error SetFault(const Fault& fault);  ///< in place of an earlier fault for the same call and path
+Error ClearFault(const std::string& call, const std::string& path);  ///< no error when there is none
+Error ClearFaults();
+std::vector<Fault> ListFaults();
+
+/// The answer that a fault gives to this call now, and one use of it taken; nothing when there is none.
+std::optional<int> TakeFault(std::string_view call, std::string_view path);
+
+}  // namespace vconf

@@ -1,0 +1,74 @@
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+#include "status.h"
+#include "store.h"
+#include "vconf.h"
+
+namespace vconf {
+
+/// Hands the changes of a store to those who asked for them, on one thread that runs while anybody does. Any thread.
+///
+/// A listener is called without any lock held, so it may call whatever it likes, also here. Whoever ends a listening
+/// waits for a call that is running, except on the notification thread, which would wait for itself.
+class Notifier {
+ public:
+  struct Listener;
+  using ListenerPtr = std::shared_ptr<Listener>;
+
+  explicit Notifier(Store& store) : store_(store) {}
+  Notifier(const Notifier&) = delete;
+  Notifier& operator=(const Notifier&) = delete;
+  ~Notifier();
+
+  Status Subscribe(const std::string& path, vconf_callback_fn callback, void* user_data);
+
+  /// Ends all subscriptions of the pair, if there are any.
+  void Ignore(const std::string& path, vconf_callback_fn callback);
+
+  Status Watch(const std::string& prefix, std::function<void(const Change&)> on_change, ListenerPtr* watch);
+  void EndWatch(const ListenerPtr& watch);
+
+  /// Returns when every change made before the call has been handed out.
+  void Settle();
+
+  std::size_t subscriptions() const;
+
+ private:
+  Status Start(std::unique_lock<std::mutex>& lock, std::uint64_t* since);
+  void AwaitEnd(std::unique_lock<std::mutex>& lock, const std::vector<ListenerPtr>& ended);
+  bool IdleLocked() const { return by_path_.empty() && watches_.empty(); }
+  bool OnThread() const { return std::this_thread::get_id() == thread_id_; }
+
+  void Run();
+  bool Deliver();
+  void CatchUp();
+  void Call(const ListenerPtr& listener, const Change& change);
+  std::vector<ListenerPtr> ListenersOf(const Change& change) const;
+
+  Store& store_;
+
+  mutable std::mutex mutex_;
+  std::condition_variable progress_;  // a call ended, a change was handed out, or the thread ended
+  std::unordered_map<std::string, std::vector<ListenerPtr>> by_path_;
+  std::vector<ListenerPtr> watches_;
+  std::size_t subscriptions_ = 0;
+  const Listener* running_ = nullptr;
+  std::uint64_t next_ = 0;   // the first change that was not handed out yet
+  bool alive_ = false;       // the thread runs, or will look at the listeners once more
+  bool unreadable_ = false;  // the last attempt to read changes failed
+  unsigned waiting_ = 0;     // threads that wait for progress
+  std::thread thread_;
+  std::thread::id thread_id_;
+};
+
+}  // namespace vconf
