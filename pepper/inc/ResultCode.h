@@ -1,0 +1,10 @@
+#pragma once
+
+/// What an operation came to; the numbers are the codes that the page gets.
+enum ResultCode : int {
+  RESULT_OK = 0,
+  RESULT_NOT_SUPPORTED = 9,
+  RESULT_NO_PRIVILEGE = 18,
+  RESULT_INVALID_VALUE = 26,
+  RESULT_FAILED = 9999,  ///< a platform call failed
+};

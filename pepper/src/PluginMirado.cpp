@@ -1,0 +1,500 @@
+#include "PluginMirado.h"
+
+#include <panelbase.h>
+#include <system_info.h>
+#include <vconf.h>
+
+#include <algorithm>
+#include <cstring>
+#include <optional>
+#include <shared_mutex>
+#include <string_view>
+#include <utility>
+
+#include "KeyTables.h"
+#include "ppapi/cpp/message_loop.h"
+
+// ---------------------------------------------------------------------------------------------------------------------
+// Tables
+
+#define KEY_ROW(enumerator, path) {enumerator, path},
+
+constexpr KeyMapEntry g_MenuCaptionMap[CAPTION_SETTING_MAP_SIZE] = {MENU_CAPTION_ROWS(KEY_ROW)};
+constexpr KeyMapEntry g_MiradoKeyMap[MIRADO_MAP_SIZE] = {MIRADO_ROWS(KEY_ROW)};
+
+#undef KEY_ROW
+
+namespace {
+
+/// Whether every path of the table leads back to its own row, when the first row that begins with a path decides.
+template <std::size_t N>
+constexpr bool EveryPathFindsItsRow(const KeyMapEntry (&rows)[N]) {
+  for (std::size_t row = 0; row < N; ++row) {
+    for (std::size_t earlier = 0; earlier < row; ++earlier) {
+      if (std::string_view(rows[earlier].path).starts_with(rows[row].path)) return false;
+    }
+  }
+  return true;
+}
+static_assert(EveryPathFindsItsRow(g_MenuCaptionMap) && EveryPathFindsItsRow(g_MiradoKeyMap));
+
+}  // namespace
+
+const std::map<std::string, MiradoMessageHandler::Command> MiradoMessageHandler::m_messageMap = {
+    {"getVersion", &MiradoMessageHandler::getVersion},
+    {"getMenuValue", &MiradoMessageHandler::getMenuValue},
+    {"isTVSPicSizeResized", &MiradoMessageHandler::isTVSPicSizeResized},
+    {"registerVconfKeysForCaption", &MiradoMessageHandler::registerVconfKeysForCaption},
+    {"unRegisterVconfKeysForCaption", &MiradoMessageHandler::unRegisterVconfKeysForCaption},
+    {"showCaption", &MiradoMessageHandler::showCaption},
+    {"registerInAppCaptionControl", &MiradoMessageHandler::registerInAppCaptionControl},
+    {"getMiradoValue", &MiradoMessageHandler::getMiradoValue},
+    {"registerVconfKeysForMirado", &MiradoMessageHandler::registerVconfKeysForMirado},
+    {"unRegisterVconfKeysForMirado", &MiradoMessageHandler::unRegisterVconfKeysForMirado},
+};
+
+static const std::string strBlank;
+
+/// The last command text that a dispatch accepted. Each worker sees the text of the message that it is handling, so
+/// that with several instances in one process every reply names its own command.
+static thread_local std::string command;
+
+// ---------------------------------------------------------------------------------------------------------------------
+// Requests and replies
+
+namespace {
+
+/// The entry `key` when it is there and an Int; a missing entry and one of another type are the same to every command.
+std::optional<std::int32_t> IntEntry(const pp::VarDictionary& dictionary, const char* key) {
+  if (!dictionary.HasKey(key) || dictionary.Get(key).type() != PP_VARTYPE_INT32) return std::nullopt;
+  return dictionary.Get(key).AsInt();
+}
+
+/// Makes the text under "command" the current command; false, and the old one stays, when there is none.
+bool AcceptCommand(const pp::VarDictionary& dictionary) {
+  if (!dictionary.HasKey("command") || dictionary.Get("command").type() != PP_VARTYPE_STRING) return false;
+  command = dictionary.Get("command").AsString();
+  return true;
+}
+
+/// The one error name that goes with a code. The trailing blank of the last is part of it.
+const char* ErrorName(int code) {
+  switch (code) {
+    case RESULT_NOT_SUPPORTED:
+      return "NotSupportedError";
+    case RESULT_NO_PRIVILEGE:
+      return "SecurityError";
+    case RESULT_INVALID_VALUE:
+      return "InvalidValuesError";
+    default:
+      return "UnknownError ";
+  }
+}
+
+/// What the page is told when the manager could not serve its key.
+const char* ManagerMessage(int result, const char* platform_call_failed) {
+  switch (result) {
+    case RESULT_INVALID_VALUE:
+      return "value or key is not valid";
+    case RESULT_NOT_SUPPORTED:
+      return "key is not supported";
+    default:
+      return platform_call_failed;
+  }
+}
+
+}  // namespace
+
+pp::Var MiradoMessageHandler::success(pp::Var value) { return createMessage(RESULT_OK, value, strBlank, strBlank); }
+
+pp::Var MiradoMessageHandler::failure(int code, const std::string& message) {
+  return createMessage(code, pp::Var(pp::Var::Null()), ErrorName(code), message);
+}
+
+void MiradoMessageHandler::respondFailure(pp::Instance instance, const std::string& text, int code,
+                                          const std::string& message, pp::Var value) {
+  responseData(instance, text, code, value, ErrorName(code), message);
+}
+
+// ---------------------------------------------------------------------------------------------------------------------
+// Dispatch
+
+pp::Var MiradoMessageHandler::HandleBlockingMessageImpl(pp::InstanceHandle, const pp::Var& message) {
+  if (message.type() != PP_VARTYPE_DICTIONARY) {
+    return failure(RESULT_INVALID_VALUE, "Incoming message is not dictionary");
+  }
+  const pp::VarDictionary dictionary(message);
+  if (!AcceptCommand(dictionary)) return failure(RESULT_INVALID_VALUE, "Parameter command is invalid");
+  if (const auto found = m_messageMap.find(command); found != m_messageMap.end()) {
+    return (this->*found->second)(dictionary);
+  }
+  MIRADO_LOG_AS(0, 6, __func__, "Can not handle the command!!");
+  return failure(RESULT_NOT_SUPPORTED, "Command not recognized");
+}
+
+void MiradoMessageHandler::HandleMessageImpl(pp::InstanceHandle handle, const pp::Var& message) {
+  pp::Instance instance(handle);
+  if (message.type() != PP_VARTYPE_DICTIONARY) {
+    return respondFailure(instance, strBlank, RESULT_INVALID_VALUE, "Incoming message is invalid");
+  }
+  const pp::VarDictionary dictionary(message);
+  if (!AcceptCommand(dictionary)) {
+    return respondFailure(instance, "", RESULT_INVALID_VALUE, "Parameter command is invalid");
+  }
+  if (command == "setMenuValue") return setMenuValue(instance, dictionary);
+  MIRADO_LOG_AS(0, 6, __func__, "Can not handle the command!!");
+  respondFailure(instance, command, RESULT_NOT_SUPPORTED, "Command" + command + " no recognized", pp::Var(""));
+}
+
+void MiradoMessageHandler::WasUnregistered(pp::InstanceHandle handle) {
+  pp::Instance instance(handle);
+  instance.PostMessage(pp::Var("Unregister"));
+}
+
+void MiradoMessageHandler::Register() {
+  if (m_instance->RegisterMessageHandler(this, pp::MessageLoop::GetCurrent()) != 0) {
+    m_instance->PostMessage(pp::Var("Error while registering MessageHandler"));
+  }
+}
+
+pp::Instance MiradoMessageHandler::GetInstance() { return pp::Instance(*m_instance); }
+
+// ---------------------------------------------------------------------------------------------------------------------
+// Reading
+
+pp::Var MiradoMessageHandler::getVersion(const pp::VarDictionary&) { return success(pp::Var("4.0")); }
+
+pp::Var MiradoMessageHandler::getMenuValue(const pp::VarDictionary& dictionary) {
+  const auto key = IntEntry(dictionary, "propertyKey");
+  if (!key) return failure(RESULT_INVALID_VALUE, "Parameter propertyKey is invalid");
+  MenuValue value;
+  const int result = m_menuValueManager->getMenuValue(static_cast<unsigned int>(*key), value);
+  if (result != RESULT_OK) return failure(result, ManagerMessage(result, "getMenuValue is failed"));
+  return success(*key == MENU_KEY_VOICE_GUIDE_SPEED ? pp::Var(value.sValue) : pp::Var(value.iValue));
+}
+
+pp::Var MiradoMessageHandler::getMiradoValue(const pp::VarDictionary& dictionary) {
+  const auto key = IntEntry(dictionary, "propertyKey");
+  if (!key) return failure(RESULT_INVALID_VALUE, "Parameter propertyKey is invalid");
+  int value = -1;
+  if (!getMiradoValue(static_cast<unsigned int>(*key), value)) return failure(RESULT_FAILED, "getMiradoValue fail ");
+  return success(pp::Var(value));
+}
+
+bool MiradoMessageHandler::getMiradoValue(unsigned int key, int& value) {
+  if (key >= MIRADO_MAP_SIZE) {
+    MIRADO_LOG("Not supported Key  = %d", key);
+    return false;
+  }
+  if (vconf_get_int(g_MiradoKeyMap[key].path, &value) != 0) {
+    MIRADO_LOG("Fail to get the vonf value, key = %d", key);
+    return false;
+  }
+  return true;
+}
+
+pp::Var MiradoMessageHandler::isTVSPicSizeResized(const pp::VarDictionary&) {
+  IVideoControl* control = nullptr;
+  int size = 0;
+  Panelbase::CreateVideoControl(static_cast<EProfile>(1), 0, &control);
+  if (control == nullptr) return success(pp::Var(true));
+  control->GetPictureSize(&size);
+  MIRADO_LOG("PictureSize is %d", size);
+  return success(pp::Var(size == 0 || size == 3));
+}
+
+// ---------------------------------------------------------------------------------------------------------------------
+// Writing
+
+void MiradoMessageHandler::setMenuValue(pp::Instance instance, const pp::VarDictionary& dictionary) {
+  const auto refuse = [&](int code, const char* message) { respondFailure(instance, command, code, message); };
+
+  bool b2b = false;
+  if (system_info_get_custom_bool("com.norvika/featureconf/product.b2b_option_support", &b2b) != 0) {
+    return refuse(RESULT_NOT_SUPPORTED, "menu value can be setted on B2B product only");
+  }
+  if (!b2b) {
+    MIRADO_LOG("[PluginMirado] SUBTITLE menu can be setted on B2B product only");
+    return refuse(RESULT_NOT_SUPPORTED, "SUBTITLE menu can be setted on B2B product only");
+  }
+  if (!hasPrivilege) {
+    MIRADO_LOG("%d", hasPrivilege);
+    MIRADO_LOG("[PluginMirado] setMenuValue hasPrivilege fail");
+    return refuse(RESULT_NO_PRIVILEGE, "You do not have the privilege");
+  }
+
+  const auto entry = IntEntry(dictionary, "propertyKey");
+  if (!entry) return refuse(RESULT_INVALID_VALUE, "Parameter propertyKey is invalid");
+  const PP_VarType type = dictionary.HasKey("value") ? dictionary.Get("value").type() : PP_VARTYPE_UNDEFINED;
+  if (type != PP_VARTYPE_INT32 && type != PP_VARTYPE_STRING) {
+    return refuse(RESULT_INVALID_VALUE, "Parameter value is invalid");
+  }
+  const auto key = static_cast<unsigned int>(*entry);
+  MenuValue requested;
+  requested.iValue = dictionary.Get("value").AsInt();
+
+  MenuValue current;
+  if (const int result = m_menuValueManager->getMenuValue(key, current); result != RESULT_OK) {
+    return refuse(result, ManagerMessage(result, "getMenuValue is failed"));
+  }
+  if (const int result = m_menuValueManager->confirmMenuValue(key, requested, current); result != RESULT_OK) {
+    return refuse(result, ManagerMessage(result, "confirmMenuValue is failed"));
+  }
+  if (m_menuValueManager->setMenuValue(key, current) != RESULT_OK) {
+    return refuse(RESULT_INVALID_VALUE, "setMenuValue was failed");
+  }
+  responseData(instance, command, RESULT_OK, pp::Var(current.iValue), "", "Mirado setMenuValue success.");
+}
+
+// ---------------------------------------------------------------------------------------------------------------------
+// The two caption values that the page publishes
+
+struct MiradoMessageHandler::CaptionValueCommand {
+  const char* name;
+  const char* request_key;
+  const char* path;
+  const char* invalid;
+  const char* failed;
+};
+
+pp::Var MiradoMessageHandler::showCaption(const pp::VarDictionary& dictionary) {
+  return publishCaptionValue({"showCaption", "show", MEM_CAPTION_PATH, "Parameter show is invalid",
+                              "Fail to set the show caption vconf value"},
+                             dictionary);
+}
+
+pp::Var MiradoMessageHandler::registerInAppCaptionControl(const pp::VarDictionary& dictionary) {
+  return publishCaptionValue({"registerInAppCaptionControl", "status", MEM_AVPLAY_PATH,
+                              "Parameter avplay status is invalid", "Fail to set the avplay status vconf value"},
+                             dictionary);
+}
+
+pp::Var MiradoMessageHandler::publishCaptionValue(const CaptionValueCommand& row, const pp::VarDictionary& dictionary) {
+  const auto value = IntEntry(dictionary, row.request_key);
+  if (!value) return failure(RESULT_INVALID_VALUE, row.invalid);
+  if (vconf_set_int(row.path, *value) != 0) {
+    MIRADO_LOG_AS(0, 4, row.name, "Fail to set the config value, key = %s, vlaue = %d", row.path, *value);
+    return failure(RESULT_FAILED, row.failed);
+  }
+  vconf_sync_key(row.path);
+  MIRADO_LOG_AS(0, 4, row.name, "SUCCESS to set the config value, key = %s, vlaue = %d", row.path, *value);
+  return success(pp::Var(pp::Var::Null()));
+}
+
+// ---------------------------------------------------------------------------------------------------------------------
+// Subscriptions
+
+/// What tells the four commands apart.
+struct MiradoMessageHandler::SubscriptionCommand {
+  const char* name;
+  bool watches;  // or ends a watch
+  const KeyMapEntry* rows;
+  std::uint32_t size;
+  std::set<std::string> MiradoMessageHandler::*keys;
+  vconf_callback_fn callback;
+  int failure_log_id;
+  int failure_priority;
+  bool logs_entry;  // whether the log first says which path
+
+  static const SubscriptionCommand kRegisterCaption, kUnRegisterCaption, kRegisterMirado, kUnRegisterMirado;
+};
+
+using Handler = MiradoMessageHandler;
+
+// clang-format off
+constexpr Handler::SubscriptionCommand Handler::SubscriptionCommand::kRegisterCaption = {
+    "registerVconfKeysForCaption", true, g_MenuCaptionMap, CAPTION_SETTING_MAP_SIZE,
+    &Handler::m_captionVconfKeys, &Handler::CaptionVconfCb, 2, 6, true};
+constexpr Handler::SubscriptionCommand Handler::SubscriptionCommand::kUnRegisterCaption = {
+    "unRegisterVconfKeysForCaption", false, g_MenuCaptionMap, CAPTION_SETTING_MAP_SIZE,
+    &Handler::m_captionVconfKeys, &Handler::CaptionVconfCb, 2, 6, false};
+constexpr Handler::SubscriptionCommand Handler::SubscriptionCommand::kRegisterMirado = {
+    "registerVconfKeysForMirado", true, g_MiradoKeyMap, MIRADO_MAP_SIZE,
+    &Handler::m_miradoVconfKeys, &Handler::MiradoChangeCb, 0, 4, false};
+constexpr Handler::SubscriptionCommand Handler::SubscriptionCommand::kUnRegisterMirado = {
+    "unRegisterVconfKeysForMirado", false, g_MiradoKeyMap, MIRADO_MAP_SIZE,
+    &Handler::m_miradoVconfKeys, &Handler::MiradoChangeCb, 0, 4, false};
+// clang-format on
+
+pp::Var MiradoMessageHandler::registerVconfKeysForCaption(const pp::VarDictionary& dictionary) {
+  return changeSubscription(dictionary, &MiradoMessageHandler::registerVconfKeysForCaption, __func__);
+}
+
+pp::Var MiradoMessageHandler::unRegisterVconfKeysForCaption(const pp::VarDictionary& dictionary) {
+  return changeSubscription(dictionary, &MiradoMessageHandler::unRegisterVconfKeysForCaption, __func__);
+}
+
+pp::Var MiradoMessageHandler::registerVconfKeysForMirado(const pp::VarDictionary& dictionary) {
+  return changeSubscription(dictionary, &MiradoMessageHandler::registerVconfKeysForMirado, __func__);
+}
+
+pp::Var MiradoMessageHandler::unRegisterVconfKeysForMirado(const pp::VarDictionary& dictionary) {
+  return changeSubscription(dictionary, &MiradoMessageHandler::unRegisterVconfKeysForMirado, __func__);
+}
+
+pp::Var MiradoMessageHandler::changeSubscription(const pp::VarDictionary& dictionary,
+                                                 bool (MiradoMessageHandler::*worker)(unsigned int), const char* name) {
+  const auto key = IntEntry(dictionary, "propertyKey");
+  if (!key) return failure(RESULT_INVALID_VALUE, "Parameter propertyKey is invalid");
+  if (!(this->*worker)(static_cast<unsigned int>(*key))) return failure(RESULT_FAILED, std::string(name) + " failed");
+  return success(pp::Var(pp::Var::Null()));
+}
+
+bool MiradoMessageHandler::registerVconfKeysForCaption(unsigned int key) {
+  return changeSubscription(SubscriptionCommand::kRegisterCaption, key);
+}
+
+bool MiradoMessageHandler::unRegisterVconfKeysForCaption(unsigned int key) {
+  return changeSubscription(SubscriptionCommand::kUnRegisterCaption, key);
+}
+
+bool MiradoMessageHandler::registerVconfKeysForMirado(unsigned int key) {
+  return changeSubscription(SubscriptionCommand::kRegisterMirado, key);
+}
+
+bool MiradoMessageHandler::unRegisterVconfKeysForMirado(unsigned int key) {
+  return changeSubscription(SubscriptionCommand::kUnRegisterMirado, key);
+}
+
+bool MiradoMessageHandler::changeSubscription(const SubscriptionCommand& row, unsigned int key) {
+  if (key >= row.size) {
+    MIRADO_LOG_AS(row.failure_log_id, row.failure_priority, row.name, "Not supported Key  = %d", key);
+    return false;
+  }
+  const char* verb = row.watches ? "register" : "unregister";
+  const std::string path = row.rows[key].path;
+  if (row.logs_entry) MIRADO_LOG_AS(0, 4, row.name, "Key = %d, db = %s", key, path.c_str());
+
+  const std::lock_guard lock(m_keysMutex);
+  std::set<std::string>& keys = this->*row.keys;
+  if (keys.contains(path) != row.watches) {
+    // Once the keys have been cleared nothing may be subscribed any more: nobody would end it.
+    const bool refused = row.watches ? m_keysClosed || vconf_notify_key_changed(path.c_str(), row.callback, this) < 0
+                                     : vconf_ignore_key_changed(path.c_str(), row.callback) < 0;
+    if (refused) {
+      MIRADO_LOG_AS(row.failure_log_id, row.failure_priority, row.name, "unable to %s a vconf changed cb to key: %d",
+                    verb, key);
+      return false;
+    }
+    if (row.watches) {
+      keys.insert(path);
+    } else {
+      keys.erase(path);
+    }
+  }
+  MIRADO_LOG_AS(0, 4, row.name, "success to %s a vconf changed cb to key: key: %d", verb, key);
+  return true;
+}
+
+void MiradoMessageHandler::ClearAllVConfKeys() {
+  const auto clear = [](std::set<std::string>& keys, vconf_callback_fn callback) {
+    for (const std::string& path : keys) {
+      if (vconf_ignore_key_changed(path.c_str(), callback) < 0) {
+        MIRADO_LOG_AS(0, 4, "ClearAllVConfKeys", "unable to unregister a vconf changed cb to key: %s", path.c_str());
+      }
+    }
+    keys.clear();
+  };
+  const std::lock_guard lock(m_keysMutex);
+  m_keysClosed = true;
+  clear(m_captionVconfKeys, &CaptionVconfCb);
+  clear(m_miradoVconfKeys, &MiradoChangeCb);
+}
+
+// ---------------------------------------------------------------------------------------------------------------------
+// Changes
+
+namespace {
+
+/// The first row that begins with the whole of `path`, or -1.
+int RowOf(const char* path, const KeyMapEntry* rows, std::uint32_t size, const char* operation) {
+  const std::size_t length = std::strlen(path);
+  for (std::uint32_t row = 0; row < size; ++row) {
+    if (std::strncmp(path, rows[row].path, length) == 0) return static_cast<int>(row);
+  }
+  MIRADO_LOG_AS(0, 4, operation, "Can't find the key[%d]", size);
+  return -1;
+}
+
+/// The handlers that may still be reached. A change callback holds the register shared for its whole run and drops its
+/// event when its handler is not in it, so that it never touches a destroyed one, whatever the store still delivers.
+struct LiveRegister {
+  std::shared_mutex mutex;
+  std::set<const MiradoMessageHandler*> handlers;
+};
+
+LiveRegister& Live() {
+  // Never destroyed: the store's thread may call back until the process ends.
+  static auto* const live = new LiveRegister;
+  return *live;
+}
+
+}  // namespace
+
+void MiradoMessageHandler::enterLiveRegister() {
+  const std::unique_lock lock(Live().mutex);
+  Live().handlers.insert(this);
+}
+
+void MiradoMessageHandler::leaveLiveRegister() {
+  const std::unique_lock lock(Live().mutex);
+  Live().handlers.erase(this);
+}
+
+int MiradoMessageHandler::ConvertCaptionKey(const char* path) {
+  return RowOf(path, g_MenuCaptionMap, CAPTION_SETTING_MAP_SIZE, __func__);
+}
+
+int MiradoMessageHandler::ConvertMiradoChangeKey(const char* path) {
+  const int key = RowOf(path, g_MiradoKeyMap, MIRADO_MAP_SIZE, __func__);
+  if (key >= 0) MIRADO_LOG("Conver from db path[%s] -> key[%d]", path, key);
+  return key;
+}
+
+struct MiradoMessageHandler::ChangeEvent {
+  const char* callback;  // the operation's name in the log
+  const char* name;
+  const char* setting;  // how the log names what changed
+  int (*convert)(const char* path);
+};
+
+void MiradoMessageHandler::CaptionVconfCb(_keynode_t* node, void* data) {
+  sendChange({__func__, "MIRADO_EVENT_CAPTION_CHANGED", "Caption Menu", &ConvertCaptionKey}, node, data);
+}
+
+void MiradoMessageHandler::MiradoChangeCb(_keynode_t* node, void* data) {
+  sendChange({__func__, "MIRADO_EVENT_CHANGED", "MIRADO Change", &ConvertMiradoChangeKey}, node, data);
+}
+
+void MiradoMessageHandler::sendChange(const ChangeEvent& event, _keynode_t* node, void* data) {
+  if (data == nullptr) {
+    MIRADO_LOG_AS(0, 4, event.callback, "Invalid data pointer");
+    return;
+  }
+  auto* const handler = static_cast<MiradoMessageHandler*>(data);
+  const std::shared_lock lock(Live().mutex);
+  if (!Live().handlers.contains(handler)) return;
+
+  MIRADO_LOG_AS(0, 4, event.callback, "Sending %s event", event.name);
+  const char* path = node->keyname;
+  MIRADO_LOG_AS(0, 4, event.callback, "%s Key Change callback recieved for key : %s", event.setting, path);
+  const int key = event.convert(path);
+  if (key < 0) {
+    MIRADO_LOG_AS(0, 4, event.callback, "Fail to get key code");
+    return;
+  }
+  handler->sendData(handler->GetInstance(), event.name, RESULT_OK, pp::Var(key), "", "");
+}
+
+// ---------------------------------------------------------------------------------------------------------------------
+// The module
+
+bool PluginMirado::Init(std::uint32_t, const char*[], const char*[]) { return true; }
+
+pp::Instance* PluginMiradoModule::CreateInstance(PP_Instance instance) { return new PluginMirado(instance); }
+
+namespace pp {
+
+Module* CreateModule() { return new PluginMiradoModule; }
+
+}  // namespace pp
