@@ -1,0 +1,102 @@
+#include <iostream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "commands.h"
+#include "json.h"
+#include "simulated_set.h"
+
+namespace desk::cli {
+namespace {
+
+constexpr char kEveryPath[] = "*";
+
+struct FaultOptions {
+  std::string store;
+  std::vector<std::string> arguments;
+  unsigned times = 0;
+  bool list = false;
+  bool clear = false;
+};
+
+void ListFaults() {
+  for (const vconf::Fault& fault : vconf::ListFaults()) {
+    std::cout << fault.call << ' ' << fault.path << ' ' << fault.answer;
+    if (fault.times > 0) {
+      std::cout << " --times " << fault.times;
+    }
+    std::cout << '\n';
+  }
+}
+
+vconf::Error Clear(const std::vector<std::string>& arguments) {
+  if (arguments.empty()) {
+    return vconf::ClearFaults();
+  }
+  return vconf::ClearFault(arguments[0], arguments.size() > 1 ? arguments[1] : kEveryPath);
+}
+
+vconf::Error ChangeFaults(const FaultOptions& options) {
+  if (options.clear) {
+    return Clear(options.arguments);
+  }
+  if (options.arguments.empty()) {
+    ListFaults();
+    return std::nullopt;
+  }
+  const auto answer = ValueFromArgument(options.arguments.back());
+  return AddFault({.call = options.arguments.front(),
+                   .path = options.arguments.size() == 3 ? options.arguments[1] : kEveryPath,
+                   .answer = std::get<int>(answer),
+                   .times = options.times});
+}
+
+/// The middle one of three may be left out, which the parser has no words for.
+void Check(const FaultOptions& options) {
+  if (options.clear || options.list || options.arguments.empty()) {
+    return;
+  }
+  if (options.arguments.size() < 2 || !std::holds_alternative<int>(ValueFromArgument(options.arguments.back()))) {
+    throw CLI::ValidationError("a fault takes CALL [PATH] ANSWER, and the answer is an integer");
+  }
+}
+
+std::string Calls() {
+  std::string text = "Calls, and what their paths are:\n";
+  for (const FaultCall& call : FaultCalls()) {
+    text.append("  ").append(call.name);
+    if (!call.path.empty()) {
+      text.append(28 - std::min<std::size_t>(call.name.size(), 28), ' ').append(call.path);
+    }
+    text += '\n';
+  }
+  return text;
+}
+
+}  // namespace
+
+void AddFaultCommand(CLI::App& app, Run& run) {
+  auto options = std::make_shared<FaultOptions>();
+  auto* command = app.add_subcommand("fault", "Let a call of the set fail, or show which do");
+  command->footer(
+      "  mirado fault CALL [PATH] ANSWER [--times N]\n"
+      "  mirado fault --list\n"
+      "  mirado fault --clear [CALL [PATH]]\n"
+      "The call answers ANSWER instead of doing its work, in every process, at once. Without PATH it does so on every\n"
+      "path.\n" +
+      Calls());
+  AddStoreOption(*command, options->store);
+  command->add_option("FAULT", options->arguments, "CALL [PATH] ANSWER; behind --clear, CALL [PATH]")
+      ->expected(0, 3)
+      ->type_name("");
+  command->add_option("--times", options->times, "How often; 0 is until the fault is cleared")->capture_default_str();
+  auto* list = command->add_flag("--list", options->list, "Print the faults that are set");
+  command->add_flag("--clear", options->clear, "Clear all faults, or the one that is named")->excludes(list);
+  command->callback([options, &run] {
+    Check(*options);
+    run = [options] { return WithStore(options->store, [&] { return ChangeFaults(*options); }); };
+  });
+}
+
+}  // namespace desk::cli

@@ -1,0 +1,114 @@
+#include <unistd.h>
+
+#include <iostream>
+#include <memory>
+#include <string>
+#include <variant>
+
+#include "commands.h"
+#include "dlog_control.h"
+#include "lines.h"
+#include "recording.h"
+#include "session.h"
+#include "simulated_set.h"
+
+namespace desk::cli {
+namespace {
+
+struct HostOptions {
+  std::string plugin;
+  std::string store;
+  std::string record;
+  int log_level = 4;
+};
+
+/// Reads requests until the input ends and complains of bad ones. Returns whether all of them were good.
+bool Converse(Session& session, const EndRequest& end, Recorder* recorder, LineWriter& writer) {
+  LineReader reader(STDIN_FILENO, end);
+  bool all_good = true;
+  std::string line;
+  for (int number = 1;; ++number) {
+    const auto result = reader.Next(line);
+    if (result == LineReader::Result::kEnd) {
+      return all_good;
+    }
+    std::variant<Request, std::string> parsed = "longer than " + std::to_string(LineReader::kMaxLine) + " bytes";
+    if (result == LineReader::Result::kLine) {
+      parsed = ParseRequest(line);
+    }
+    vconf::Error error;
+    if (const auto* request = std::get_if<Request>(&parsed)) {
+      end.WaitFor(-1, Latency(*request));  // not in the recorder's time: what others change meanwhile is theirs
+      error = recorder != nullptr ? recorder->Handle(session, line, *request) : session.Handle(*request);
+    } else {
+      error = std::get<std::string>(parsed);
+    }
+    if (error) {
+      all_good = false;
+      Json answer = Json::object();
+      answer["error"] = "line " + std::to_string(number) + ": " + *error;
+      writer.Write(ToText(answer));
+    }
+  }
+}
+
+int Host(const HostOptions& options) {
+  EndRequest end;
+  dlog::SetThreshold(options.log_level);
+  if (const auto error = vconf::OpenStore(options.store, DefaultEntries())) {
+    std::cerr << "mirado: there is no store, so every reply that needs it will say so: " << *error << '\n';
+  }
+  std::unique_ptr<Recorder> recorder;
+  if (!options.record.empty()) {
+    recorder = std::make_unique<Recorder>(options.record);
+    if (recorder->Failed()) {
+      std::cerr << options.record << ": cannot be written\n";
+      return kCannotStart;
+    }
+  }
+  LineWriter writer(STDOUT_FILENO, [&end] { end.Raise(); });
+  const auto say = [&](const Json& line) {
+    if (recorder != nullptr) {
+      recorder->Out(line);
+    }
+    writer.Write(ToText(line));
+  };
+  std::string error;
+  auto session = Session::Start(options.plugin, say, &error);
+  if (session == nullptr) {
+    std::cerr << error << '\n';
+    return kCannotStart;
+  }
+  bool all_good = Converse(*session, end, recorder.get(), writer);
+  session.reset();
+  vconf::CloseStore();
+  if (recorder != nullptr && recorder->Failed()) {
+    std::cerr << options.record << ": is incomplete, it could not be written to the end\n";
+    all_good = false;
+  }
+  return all_good ? kDone : kFailed;
+}
+
+}  // namespace
+
+void AddHostCommand(CLI::App& app, Run& run) {
+  auto options = std::make_shared<HostOptions>();
+  auto* command = app.add_subcommand("host", "Run a page's session with the plug-in, in JSON lines");
+  command->footer(R"(In, one line each:
+  {"send": MESSAGE}       the page waits:          {"reply": REPLY}
+  {"post": MESSAGE}       the page does not wait:  {"message": DELIVERY}, sooner or later
+  {"set": {PATH: VALUE}}  somebody changes the store
+  {"settle": true}        all that was asked has been handled, all changes told:  {"settled": true}
+A line that is none of these is answered {"error": …} and changes nothing. Log lines go to stderr.
+The session ends with its input, or on SIGINT or SIGTERM. Exit status: 0, 1 when there were bad lines,
+2 for a wrong command line, 3 when the plug-in cannot be loaded.)");
+  AddPluginOption(*command, options->plugin);
+  AddStoreOption(*command, options->store);
+  command->add_option("--log-level", options->log_level, "Drop log lines below 2 verbose … 4 info, 6 error, 7 fatal")
+      ->capture_default_str();
+  command->add_option("--record", options->record, "Write what goes in and comes out, for `mirado replay`")
+      ->type_name("FILE");
+  command->callback([options, &run] { run = [options] { return Host(*options); }; });
+}
+
+}  // namespace desk::cli

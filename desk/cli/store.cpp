@@ -1,0 +1,119 @@
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <iomanip>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "commands.h"
+#include "lines.h"
+#include "settings.h"
+#include "simulated_set.h"
+
+namespace desk::cli {
+namespace {
+
+struct StoreOptions {
+  std::string store;
+  std::string path;
+  std::string value;
+  bool now = false;
+};
+
+vconf::Error Get(const StoreOptions& options) {
+  const auto value = vconf::Get(options.path);
+  if (!value) {
+    return options.path + ": there is no such key";
+  }
+  const auto* text = std::get_if<std::string>(&*value);
+  std::cout << (text == nullptr ? ToArgument(*value) : *text) << '\n';
+  return std::nullopt;
+}
+
+vconf::Error List(const StoreOptions& options) {
+  std::map<std::string, vconf::Value> others;
+  for (const vconf::Entry& entry : vconf::List(options.path)) {
+    others.emplace(entry.path, entry.value);
+  }
+  constexpr int kPathWidth = 66;
+  constexpr int kNameWidth = 44;
+  std::cout << std::left;
+  for (const Setting& setting : Settings()) {
+    if (setting.path.starts_with(options.path)) {
+      const auto found = others.find(std::string(setting.path));
+      std::cout << std::setw(7) << setting.table << std::right << std::setw(2) << setting.key << "  " << std::left
+                << std::setw(kNameWidth) << setting.enumerator << std::setw(kPathWidth) << setting.path << ' '
+                << (found == others.end() ? "(missing)" : ToArgument(found->second)) << '\n';
+      others.erase(std::string(setting.path));
+    }
+  }
+  for (const auto& [path, value] : others) {
+    std::cout << std::setw(11 + kNameWidth) << "" << std::setw(kPathWidth) << path << ' ' << ToArgument(value) << '\n';
+  }
+  return std::nullopt;
+}
+
+vconf::Error Watch(const StoreOptions& options) {
+  EndRequest end;
+  LineWriter writer(STDOUT_FILENO, [&end] { end.Raise(); });
+  std::string error;
+  const auto watch = vconf::WatchPrefix(
+      options.path,
+      [&writer](const vconf::Change& change) {
+        writer.Write(change.path + " " + (change.value ? ToArgument(*change.value) : "(removed)"));
+      },
+      &error);
+  if (watch == nullptr) {
+    return error;
+  }
+  if (options.now) {
+    for (const vconf::Entry& entry : vconf::List(options.path)) {
+      writer.Write(entry.path + " " + ToArgument(entry.value));
+    }
+  }
+  end.WaitFor(-1);
+  return std::nullopt;
+}
+
+using Work = vconf::Error (*)(const StoreOptions&);
+
+CLI::App* Add(CLI::App& app, Run& run, const std::shared_ptr<StoreOptions>& options, const char* name, const char* text,
+              Work work) {
+  auto* command = app.add_subcommand(name, text);
+  AddStoreOption(*command, options->store);
+  command->callback([options, work, &run] {
+    run = [options, work] { return WithStore(options->store, [&] { return work(*options); }); };
+  });
+  return command;
+}
+
+}  // namespace
+
+void AddStoreCommands(CLI::App& app, Run& run) {
+  auto options = std::make_shared<StoreOptions>();
+  auto* get = Add(app, run, options, "get", "Print the value of a key", Get);
+  get->add_option("PATH", options->path, "The key, such as db/menu/caption/caption")->required();
+
+  auto* set = Add(app, run, options, "set", "Give a key a value",
+                  [](const StoreOptions& given) { return vconf::Set(given.path, ValueFromArgument(given.value)); });
+  set->footer(
+      "A value is an integer of 32 bits, true, false or else a text. A text that looks like one of the others\n"
+      "goes in double quotes of its own: mirado set PATH '\"42\"'. A key keeps the type that it has.");
+  set->add_option("PATH", options->path, "The key")->required();
+  set->add_option("VALUE", options->value, "The value")->required();
+
+  auto* list = Add(app, run, options, "list", "Print the settings with their key numbers, and all other keys", List);
+  list->add_option("PREFIX", options->path, "Only keys that begin with this");
+
+  auto* watch = Add(app, run, options, "watch", "Print each change as it happens, until SIGINT or SIGTERM", Watch);
+  watch->add_option("PREFIX", options->path, "Only keys that begin with this");
+  watch->add_flag("--now", options->now, "Print what the keys hold first");
+
+  Add(app, run, options, "reset", "Put the whole set back to what a new one holds; faults go too",
+      [](const StoreOptions&) { return ResetSet(); });
+}
+
+}  // namespace desk::cli
