@@ -1,0 +1,179 @@
+// The example application on a desk, each page with a real plug-in.
+import assert from "node:assert/strict";
+import { describe, it } from "node:test";
+import { Desk, isRunning } from "../desk_server/desk.mjs";
+import { useDesk } from "./harness.mjs";
+
+const CAPTION = "db/menu/caption/caption";
+const SIZE = "db/menu/caption/digitalcaptionoptions/size";
+
+const { desk, app, openPage } = await useDesk();
+
+const openApp = () => openPage(app.url);
+
+const rowShows = (page, name, value) =>
+  page.getByRole("button", { name: new RegExp(`^${name}\\b.*\\b${value}\\b`) }).waitFor();
+const caption = (page, state) => page.locator("#caption").waitFor({ state });
+const notice = (page, text) => page.getByRole("status").filter({ hasText: text }).waitFor();
+const pages = async () => (await desk.call("GET", "/api/pages")).pages;
+const newestPage = async () => (await pages()).at(-1);
+
+describe("the example application", () => {
+  it("switches its captions as another process changes the settings", async () => {
+    const page = await openApp();
+    await rowShows(page, "Captions", "Off");
+    await caption(page, "hidden");
+
+    await desk.mirado("set", CAPTION, "1");
+    await caption(page, "visible");
+    const text = page.locator("#caption .text");
+    const heightOf = async () => parseFloat(await text.evaluate((element) => getComputedStyle(element).fontSize));
+    const usual = await heightOf();
+
+    await desk.mirado("set", SIZE, "4");
+    await rowShows(page, "Size", "Extra large");
+    assert.equal(await heightOf(), usual * 1.8);
+
+    await desk.mirado("set", "db/menu/caption/digitalcaptionoptions/fontcolor", "6");
+    await rowShows(page, "Text", "Yellow");
+    assert.equal(await text.evaluate((element) => getComputedStyle(element).color), "rgb(255, 220, 60)");
+
+    assert.equal(await desk.mirado("get", "memory/webapp/caption"), "1");
+    await desk.mirado("set", CAPTION, "0");
+    await caption(page, "hidden");
+    assert.equal(await desk.mirado("get", "memory/webapp/caption"), "0");
+  });
+
+  it("writes settings by remote control, and says why when the set refuses", async () => {
+    const page = await openApp();
+    await rowShows(page, "Size", "Standard");
+    await page.keyboard.press("ArrowDown");
+    await page.keyboard.press("ArrowRight");
+    await rowShows(page, "Size", "Large");
+    assert.equal(await desk.mirado("get", SIZE), "3");
+
+    await desk.call("PATCH", "/api/set", { b2b: false });
+    await page.keyboard.press("ArrowRight");
+    await notice(page, "SUBTITLE menu can be setted on B2B product only (9)");
+    await rowShows(page, "Size", "Large");
+    assert.equal(await desk.mirado("get", SIZE), "3");
+  });
+
+  it("goes on when a setting cannot be read", async () => {
+    await desk.call("POST", "/api/faults", { call: "vconf_get_int", path: SIZE, answer: -1 });
+    const page = await openApp();
+    await notice(page, "getMenuValue is failed (9999)");
+    await desk.mirado("set", CAPTION, "1");
+    await caption(page, "visible");
+  });
+});
+
+describe("pages and their plug-ins", () => {
+  it("each have one of their own: a crash of one is told to its page and spares the other", async () => {
+    const first = await openApp();
+    await rowShows(first, "Captions", "Off");
+    const { id } = await newestPage();
+    const second = await openApp();
+    await rowShows(second, "Captions", "Off");
+
+    await first.keyboard.press("ArrowRight");
+    await Promise.all([caption(first, "visible"), caption(second, "visible")]);
+
+    await desk.call("POST", `/api/pages/${id}/kill`);
+    await notice(first, "The plug-in has crashed.");
+    await desk.mirado("set", CAPTION, "0");
+    await caption(second, "hidden");
+    await caption(first, "visible"); // It plays on with what it last knew.
+
+    await first.reload();
+    await caption(first, "hidden");
+    await desk.mirado("set", CAPTION, "1");
+    await Promise.all([caption(first, "visible"), caption(second, "visible")]);
+  });
+
+  it("leave together", async () => {
+    const page = await openApp();
+    await rowShows(page, "Captions", "Off");
+    const { id, pid } = await newestPage();
+    assert(isRunning(pid));
+    const events = await desk.follow("/api/events");
+    await page.close();
+    assert.equal((await events.next("gone")).data.id, id);
+    events.close();
+    assert(!isRunning(pid));
+  });
+
+  it("lose no message but the one that the desk refuses", async () => {
+    const page = await openApp();
+    const outcome = await page.evaluate(async () => {
+      const embed = document.querySelector("embed");
+      const refused = "\ud800"; // half a character
+      const write = (value) => embed.postMessage({ command: "setMenuValue", propertyKey: 0, value });
+      write(1);
+      embed.postMessage(refused);
+      write(2);
+      const { value } = embed.postMessageAndAwaitResponse({ command: "getMenuValue", propertyKey: 0 });
+      write(3);
+      embed.postMessage(refused);
+      write(4);
+      await new Promise((resolve) =>
+        embed.addEventListener("message", ({ data }) => { if (data.value === 4) resolve(); }));
+      try {
+        return embed.postMessageAndAwaitResponse(refused);
+      } catch (error) {
+        return [value, error.name];
+      }
+    });
+    assert.deepEqual(outcome, [2, "TypeError"]);
+  });
+
+  it("keep no call waiting when the plug-in dies", async () => {
+    await desk.call("PATCH", "/api/set", { latency: { isTVSPicSizeResized: 60_000, setMenuValue: 60_000 } });
+    for (const command of ["isTVSPicSizeResized", "setMenuValue"]) {
+      const page = await openApp();
+      await rowShows(page, "Captions", "Off");
+      const { id } = await newestPage();
+      const events = await desk.follow("/api/events");
+      const outcome = page.evaluate(async (name) => {
+        const { connect } = await import("./mirado.js");
+        try {
+          return await connect(document.querySelector("embed"))[name](0, 1);
+        } catch (error) {
+          return error.name;
+        }
+      }, command);
+      await events.next("dialogue", ({ body }) => body.command === command);
+      events.close();
+      await desk.call("POST", `/api/pages/${id}/kill`);
+      assert.equal(await outcome, "PluginGoneError", command);
+      await page.close();
+    }
+  });
+});
+
+describe("a page from elsewhere", () => {
+  it("gets no plug-in, unless the desk was told to allow it", async () => {
+    const stranger = `http://stranger.test:${app.port}`;
+    await notice(await openPage(stranger), "The plug-in");
+    assert.deepEqual((await pages()).filter(({ url }) => url.startsWith(stranger)), []);
+
+    const open = await Desk.start("--allow-origin", stranger);
+    app.deskUrl = open.url;
+    try {
+      const page = await openPage(stranger);
+      await rowShows(page, "Captions", "Off");
+      await open.mirado("set", CAPTION, "1");
+      await caption(page, "visible");
+      await page.close();
+    } finally {
+      app.deskUrl = desk.url;
+      await open.stop();
+    }
+  });
+
+  it("does not reach the desk under a name of its own", async () => {
+    const page = await openPage("about:blank");
+    const response = await page.goto(`http://stranger.test:${new URL(desk.url).port}/`);
+    assert.equal(response.status(), 403);
+  });
+});

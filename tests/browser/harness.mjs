@@ -1,0 +1,79 @@
+// What the tests in a browser share: a desk on a store of its own, the example application on a server of its own, and
+// Chromium.
+import assert from "node:assert/strict";
+import { once } from "node:events";
+import { readFile } from "node:fs/promises";
+import { createServer } from "node:http";
+import { basename, extname, join } from "node:path";
+import { after, afterEach, beforeEach } from "node:test";
+import { fileURLToPath } from "node:url";
+import { chromium } from "playwright-core";
+import { Desk } from "../desk_server/desk.mjs";
+
+const appFolder = fileURLToPath(new URL("../../examples/app", import.meta.url));
+const TIMEOUT = 20_000; // milliseconds, for what happens in a blink on a machine with nothing else to do
+
+const TYPES = { ".html": "text/html", ".js": "text/javascript", ".css": "text/css" };
+
+/** Serves the example application. Its script tag points at `deskUrl` of the result, which may be changed. */
+async function serveApp(deskUrl) {
+  const server = createServer(async (request, response) => {
+    const name = basename(request.url) || "index.html";
+    try {
+      const content = await readFile(join(appFolder, name), "utf8");
+      response.setHeader("Content-Type", TYPES[extname(name)]);
+      response.end(content.replace("http://localhost:8480", served.deskUrl));
+    } catch {
+      response.writeHead(404).end();
+    }
+  });
+  server.listen(0, "127.0.0.1");
+  await once(server, "listening");
+  const { port } = server.address();
+  const stop = () => new Promise((resolve) => {
+    server.close(resolve);
+    server.closeAllConnections();
+  });
+  const served = { deskUrl, port, url: `http://localhost:${port}/`, stop };
+  return served;
+}
+
+// Names that end in .test lead to this machine, so that a page can have a foreign origin.
+const launchBrowser = () => chromium.launch({
+  executablePath: "/usr/bin/chromium",
+  args: ["--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run", "--disable-background-networking",
+         "--disable-component-update", "--disable-sync", "--host-resolver-rules=MAP *.test 127.0.0.1"],
+});
+
+/**
+ * A desk, the example application and a browser for all tests of a file. Each test begins with a set as new and fails
+ * when one of its pages left an error uncaught.
+ */
+export async function useDesk() {
+  const [desk, browser] = await Promise.all([Desk.start(), launchBrowser()]);
+  const app = await serveApp(desk.url);
+  let context, errors;
+
+  after(async () => {
+    await browser.close();
+    await app.stop();
+    assert.equal(await desk.stop(), 0, "the desk's exit status");
+  });
+  beforeEach(async () => {
+    await desk.call("POST", "/api/reset");
+    context = await browser.newContext({ viewport: { width: 1280, height: 720 } });
+    context.setDefaultTimeout(TIMEOUT);
+    errors = [];
+    context.on("weberror", (error) => errors.push(error.error()));
+  });
+  afterEach(async () => {
+    await context.close();
+    assert.deepEqual(errors, []);
+  });
+  const openPage = async (url) => {
+    const page = await context.newPage();
+    await page.goto(url);
+    return page;
+  };
+  return { desk, app, openPage };
+}

@@ -1,0 +1,154 @@
+// A desk on a store of its own, and what a client of it needs.
+import assert from "node:assert/strict";
+import { execFile, spawn } from "node:child_process";
+import { once } from "node:events";
+import { mkdtemp, rm } from "node:fs/promises";
+import { request as httpRequest } from "node:http";
+import { connect } from "node:net";
+import { tmpdir } from "node:os";
+import { join } from "node:path";
+import { createInterface } from "node:readline";
+import { fileURLToPath } from "node:url";
+import { promisify } from "node:util";
+
+const run = promisify(execFile);
+const program = process.env.MIRADO ?? fileURLToPath(new URL("../../build/release/bin/mirado", import.meta.url));
+
+export class Desk {
+  static async start(...options) {
+    const folder = await mkdtemp(join(tmpdir(), "mirado-desk-test-"));
+    return Object.assign(await Desk.startOn(join(folder, "store"), ...options), { folder });
+  }
+
+  static async startOn(store, ...options) {
+    const desk = Object.assign(new Desk(), { store });
+    const port = options.includes("--port") ? [] : ["--port", "0"];
+    desk.child = spawn(program, ["desk", ...port, "--store", store, ...options],
+      { stdio: ["ignore", "pipe", "inherit"] });
+    desk.exit = once(desk.child, "exit");
+    desk.lines = [];
+    for await (const line of createInterface(desk.child.stdout)) {
+      if (desk.lines.push(line) === 3) break;
+    }
+    desk.port = Number(/:(\d+)\/$/.exec(desk.lines[0])?.[1]);
+    assert(desk.port, `the desk did not start: ${desk.lines}`);
+    desk.url = `http://localhost:${desk.port}`;
+    return desk;
+  }
+
+  async stop(signal = "SIGTERM") {
+    this.child.kill(signal);
+    const [status] = await this.exit;
+    if (this.folder) await rm(this.folder, { recursive: true });
+    return status;
+  }
+
+  // A subcommand on the desk's store, in a process of its own. Gives what it printed.
+  async mirado(command, ...args) {
+    const { stdout } = await run(program, [command, ...args], { env: { ...process.env, MIRADO_STORE: this.store } });
+    return stdout.trim();
+  }
+
+  // Gives {status, headers, text, json}; `json` is undefined where the text is none.
+  request(method, path, { body, headers = {} } = {}) {
+    return new Promise((resolve, reject) => {
+      const text = body === undefined || typeof body === "string" ? body : JSON.stringify(body);
+      const usual = text === undefined ? {}
+        : { "Content-Type": "application/json", "Content-Length": Buffer.byteLength(text) };
+      const to = { host: "127.0.0.1", port: this.port, agent: false };
+      const request = httpRequest({ ...to, method, path, headers: { ...usual, ...headers } }, async (response) => {
+        const chunks = await response.setEncoding("utf8").toArray();
+        const answer = { status: response.statusCode, headers: response.headers, text: chunks.join("") };
+        try {
+          answer.json = JSON.parse(answer.text);
+        } catch {
+          // The caller looks at the text.
+        }
+        resolve(answer);
+      });
+      request.on("error", reject);
+      request.end(text);
+    });
+  }
+
+  // For calls that must go well.
+  async call(method, path, body) {
+    const answer = await this.request(method, path, { body });
+    assert(answer.status < 300, `${method} ${path}: ${answer.status} ${answer.text}`);
+    return answer.json;
+  }
+
+  openPage(description = {}) {
+    return this.call("POST", "/api/pages", { grace: 3600, ...description });
+  }
+
+  // What a page says; `message` is {send: M}, {post: M} or an array of such.
+  say(page, message) {
+    return this.request("POST", `/api/pages/${page.id}/messages`, { body: message });
+  }
+
+  async follow(path, lastEventId) {
+    const stream = new Stream();
+    const headers = lastEventId === undefined ? {} : { "Last-Event-ID": String(lastEventId) };
+    stream.request = httpRequest({ host: "127.0.0.1", port: this.port, path, headers, agent: false });
+    stream.request.on("error", () => {}).end();
+    [stream.response] = await once(stream.request, "response");
+    assert.equal(stream.response.statusCode, 200);
+    stream.events = stream.parse();
+    return stream;
+  }
+
+  deliveriesOf(page, lastEventId) {
+    return this.follow(`/api/pages/${page.id}/deliveries`, lastEventId);
+  }
+
+  // A connection for those who speak no good HTTP.
+  async dial(text) {
+    const socket = connect(this.port, "127.0.0.1").setEncoding("utf8");
+    socket.on("error", () => {});
+    await once(socket, "connect");
+    socket.write(text);
+    return socket;
+  }
+}
+
+// Server-sent events, one after the other.
+class Stream {
+  async *parse() {
+    let text = "";
+    for await (const chunk of this.response.setEncoding("utf8")) {
+      const parts = (text + chunk).split("\n\n");
+      text = parts.pop();
+      for (const part of parts) {
+        const fields = Object.fromEntries(part.split("\n").map((line) => line.split(/: ?(.*)/s, 2)));
+        if (fields.retry) this.retry = Number(fields.retry);
+        if (fields.event) yield { id: Number(fields.id), kind: fields.event, data: JSON.parse(fields.data) };
+      }
+    }
+  }
+
+  // The next event of `kind` that `matches`; those before it are passed over.
+  async next(kind, matches = () => true) {
+    for (;;) {
+      const { value, done } = await this.events.next();
+      assert(!done, `the stream ended before ${kind}`);
+      if (value.kind === kind && matches(value.data)) return value;
+    }
+  }
+
+  close() {
+    this.request.destroy();
+  }
+}
+
+export function isRunning(pid) {
+  try {
+    process.kill(pid, 0);
+    return true;
+  } catch {
+    return false;
+  }
+}
+
+// Returns when a process that is nobody's child here has ended.
+export const ended = (pid) => run("tail", ["--sleep-interval=0.05", `--pid=${pid}`, "-f", "/dev/null"]);

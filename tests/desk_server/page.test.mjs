@@ -1,0 +1,176 @@
+// Pages, their messages and the life of their processes.
+import assert from "node:assert/strict";
+import { writeFile } from "node:fs/promises";
+import { join } from "node:path";
+import { after, before, test } from "node:test";
+import { Desk, ended, isRunning } from "./desk.mjs";
+
+const CAPTION = "db/menu/caption/caption";
+const VERSION = { command: "getVersion" };
+const READ = { command: "getMenuValue", propertyKey: 0 };
+const write = (value) => ({ command: "setMenuValue", propertyKey: 0, value });
+
+let desk;
+before(async () => { desk = await Desk.start(); });
+after(() => desk.stop());
+
+test("a page sends, posts and hears", async () => {
+  const page = await desk.openPage({ title: "App", url: "http://localhost/app" });
+  assert.equal(page.state, "running");
+  const stream = await desk.deliveriesOf(page);
+
+  const { json } = await desk.say(page, { send: VERSION });
+  assert.deepEqual(json, { reply: { code: 0, value: "4.0", errorName: "", errorMessage: "" } });
+  assert.deepEqual((await desk.say(page, { post: write(3) })).json, {});
+  const { data } = await stream.next("message");
+  assert.equal(data.command, "setMenuValue");
+  assert.equal(data.code, 0);
+
+  const { dialogue } = await desk.call("GET", `/api/pages/${page.id}/dialogue`);
+  assert.deepEqual(dialogue.map(({ kind, n, to }) => [kind, n, to]),
+    [["send", 1, undefined], ["reply", 2, 1], ["post", 3, undefined], ["message", 4, 3]]);
+  assert(dialogue.every(({ duration }) => duration === undefined || duration > 0));
+  stream.close();
+});
+
+test("messages keep their order, and one that is sent again counts once", async () => {
+  const page = await desk.openPage();
+  const stream = await desk.deliveriesOf(page);
+  const posts = Array.from({ length: 50 }, (_, i) => ({ n: i + 1, post: write(i) }));
+  // The posts' own request may still be on its way when the send that carries them again arrives.
+  const [, { json }] = await Promise.all([
+    desk.say(page, posts.slice(0, 30)),
+    desk.say(page, [...posts, { n: 51, send: READ }]),
+  ]);
+  assert.equal(json.reply.value, 49);
+  for (const { post } of posts) assert.equal((await stream.next("message")).data.value, post.value);
+  assert.equal((await desk.call("GET", `/api/pages/${page.id}`)).delivered, 50);
+  stream.close();
+});
+
+test("a stream that comes back goes on where it ended", async () => {
+  const page = await desk.openPage();
+  await desk.say(page, { send: { command: "registerVconfKeysForCaption", propertyKey: 0 } });
+  const first = await desk.deliveriesOf(page);
+  await desk.mirado("set", CAPTION, "1");
+  const { id } = await first.next("message");
+  assert.equal(first.retry, 500);
+  first.close();
+  for (const value of ["2", "3", "4"]) await desk.mirado("set", CAPTION, value);
+  const second = await desk.deliveriesOf(page, id);
+  for (let n = 1; n <= 3; ++n) {
+    const event = await second.next("message");
+    assert.equal(event.id, id + n);
+    assert.equal(event.data.event, "MIRADO_EVENT_CAPTION_CHANGED");
+  }
+  second.close();
+});
+
+test("says who watches a setting, until they stop, crash or go", async () => {
+  const watchers = async () =>
+    (await desk.call("GET", "/api/settings")).settings.find(({ path }) => path === CAPTION).watchers;
+  const before = await watchers();
+  const [one, two] = [await desk.openPage(), await desk.openPage()];
+  const events = await desk.follow("/api/events");
+  const register = { command: "registerVconfKeysForCaption", propertyKey: 0 };
+  for (const page of [one, two]) await desk.say(page, { send: register });
+  assert.deepEqual(await watchers(), [...before, one.number, two.number]);
+  await desk.say(one, { send: { command: "unRegisterVconfKeysForCaption", propertyKey: 0 } });
+  assert.deepEqual(await watchers(), [...before, two.number]);
+  await desk.call("POST", `/api/pages/${two.id}/kill`);
+  await events.next("page", ({ id, state }) => id === two.id && state === "crashed");
+  assert.deepEqual(await watchers(), before);
+  events.close();
+});
+
+test("a crash takes one page's plug-in, and lets go who waits for it", async () => {
+  const [victim, other] = [await desk.openPage(), await desk.openPage()];
+  const stream = await desk.deliveriesOf(victim);
+  const events = await desk.follow("/api/events");
+  await desk.call("PATCH", "/api/set", { latency: { getMenuValue: 60_000 } });
+  const waiting = desk.say(victim, { send: READ });
+  await events.next("dialogue", ({ page, kind }) => page === victim.id && kind === "send");
+  process.kill(victim.pid, "SIGABRT");
+  assert.equal((await waiting).status, 410);
+  const { data } = await stream.next("crash");
+  assert.equal(data.signal, 6);
+  assert.match(data.reason, /SIGABRT/);
+  assert.equal((await desk.say(victim, { post: VERSION })).status, 410);
+  await desk.call("PATCH", "/api/set", { latency: { getMenuValue: null } });
+  assert.equal((await desk.say(other, { send: READ })).json.reply.code, 0);
+  stream.close();
+  events.close();
+});
+
+test("a page that leaves, or is not heard of any more, takes its process with it", async () => {
+  const events = await desk.follow("/api/events");
+  const left = await desk.openPage();
+  const closed = await desk.openPage({ grace: 1 });
+  const silent = await desk.openPage({ grace: 1 });
+  const stream = await desk.deliveriesOf(closed);
+  await desk.say(left, { send: VERSION });
+  process.kill(left.pid, "SIGSTOP"); // no request waits for one that cannot end
+  const start = performance.now();
+  const gone = new Map([left, closed, silent].map((page) => [page.id, page.pid]));
+  const heard = await desk.deliveriesOf(left);
+  const waiting = desk.say(left, { send: READ });
+  await events.next("dialogue", ({ page, kind, body }) => page === left.id && kind === "send" && body.propertyKey === 0);
+  await desk.call("POST", `/api/pages/${left.id}/leave`);
+  assert.equal((await waiting).status, 410);
+  assert.equal((await heard.next("crash")).data.reason, "the desk has ended this page");
+  assert(performance.now() - start < 1500);
+  stream.close();
+  while (gone.size) {
+    const { data } = await events.next("gone", ({ id }) => gone.has(id));
+    assert(!isRunning(gone.get(data.id)));
+    assert.equal((await desk.request("GET", `/api/pages/${data.id}`)).status, 404);
+    gone.delete(data.id);
+  }
+  events.close();
+});
+
+test("a page that waits for a slow reply is not given up", async () => {
+  const page = await desk.openPage({ grace: 1 });
+  await desk.call("PATCH", "/api/set", { latency: { getVersion: 2500 } });
+  assert.equal((await desk.say(page, { send: VERSION })).json?.reply?.value, "4.0");
+  await desk.call("PATCH", "/api/set", { latency: { getVersion: null } });
+});
+
+test("a session that is saved can be replayed", async () => {
+  const page = await desk.openPage();
+  await desk.say(page, [{ post: write(2) }, { post: write(-1) }, { post: { command: "nothing" } }, { send: READ }]);
+  await desk.say(page, { send: { command: "showCaption", show: true } });
+  const { text, headers } = await desk.request("GET", `/api/pages/${page.id}/session`);
+  assert.equal(headers["content-type"], "application/jsonl");
+  const file = join(desk.folder, "session.jsonl");
+  await writeFile(file, text);
+  assert.match(await desk.mirado("replay", file), /the same/);
+});
+
+test("the desk starts whatever the set does, but not without a plug-in", async () => {
+  const fault = { call: "RegisterMessageHandler", path: "*", answer: -1, times: 1 };
+  await desk.call("POST", "/api/faults", fault);
+  await desk.call("PATCH", "/api/set", { latency: { getVersion: 60_000 } });
+  const second = await Desk.startOn(desk.store);
+  assert.deepEqual((await second.call("GET", "/api/faults")).faults, [fault]);
+  assert.equal(await second.stop("SIGINT"), 0);
+  await desk.call("POST", "/api/reset");
+  await assert.rejects(desk.mirado("desk", "--port", "0", "--plugin", "/none.so"), { code: 3, stderr: /none\.so: .*open/ });
+});
+
+test("however the desk ends, no child is left", async () => {
+  for (const [signal, status] of [["SIGINT", 0], ["SIGTERM", 0], ["SIGKILL", null]]) {
+    const mortal = await Desk.start();
+    assert.match(mortal.lines[2], /4\.0/);
+    const pages = [await mortal.openPage(), await mortal.openPage()];
+    const stream = await mortal.deliveriesOf(pages[0]);
+    await mortal.say(pages[1], { send: VERSION });
+    process.kill(pages[1].pid, "SIGSTOP"); // one that cannot end on its own
+    assert.equal(await mortal.stop(signal), status);
+    for (const { pid } of pages) {
+      if (signal === "SIGKILL") await ended(pid);
+      assert(!isRunning(pid), signal);
+    }
+    stream.close();
+  }
+});

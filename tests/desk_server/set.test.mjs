@@ -1,0 +1,77 @@
+// The simulated set over HTTP.
+import assert from "node:assert/strict";
+import { after, before, beforeEach, test } from "node:test";
+import { Desk } from "./desk.mjs";
+
+const CAPTION = "db/menu/caption/caption";
+const READ = { send: { command: "getMenuValue", propertyKey: 0 } };
+
+let desk;
+before(async () => { desk = await Desk.start(); });
+after(() => desk.stop());
+beforeEach(() => desk.call("POST", "/api/reset"));
+
+test("settings are listed, read, written and removed", async () => {
+  const { settings } = await desk.call("GET", "/api/settings");
+  assert.equal(settings.length, 23);
+  assert.deepEqual(settings.find(({ name }) => name === "MENU_KEY_TTS"), {
+    table: "menu", key: 15, name: "MENU_KEY_TTS", path: "db/setting/accessibility/tts", type: "bool", value: false,
+    initial: false, watchers: [] });
+
+  await desk.call("PUT", `/api/store/${CAPTION}`, { value: 5 });
+  assert.equal(await desk.mirado("get", CAPTION), "5");
+  await desk.call("PUT", "/api/store/memory/a%20new/one", { value: "text" });
+  const { keys } = await desk.call("GET", "/api/store?prefix=memory/a");
+  assert.deepEqual(keys, [{ path: "memory/a new/one", value: "text" }]);
+  await desk.call("DELETE", "/api/store/memory/a%20new/one");
+  assert.equal((await desk.request("GET", "/api/store/memory/a%20new/one")).status, 404);
+  assert.equal((await desk.request("DELETE", "/api/store/memory/a%20new/one")).status, 404);
+});
+
+test("changes by anyone are told as they happen", async () => {
+  const events = await desk.follow("/api/events");
+  const page = await desk.openPage();
+  await desk.mirado("set", CAPTION, "1");
+  assert.deepEqual((await events.next("setting")).data, { path: CAPTION, value: 1 });
+  await desk.say(page, { post: { command: "setMenuValue", propertyKey: 0, value: 2 } });
+  const { id, data } = await events.next("setting");
+  assert.deepEqual(data, { path: CAPTION, value: 2 });
+  await desk.call("DELETE", `/api/store/${CAPTION}`);
+  assert.deepEqual((await events.next("setting")).data, { path: CAPTION, value: null });
+  await desk.mirado("set-up", "b2b", "off");
+  await events.next("set");
+  const changed = await desk.call("PATCH", "/api/set", { latency: { getVersion: 5 } });
+  assert.deepEqual([changed.b2b, changed.latency], [false, { getVersion: 5 }]);
+  assert.deepEqual(await desk.call("GET", "/api/set"), changed);
+  events.close();
+
+  const again = await desk.follow("/api/events", id);
+  assert.equal((await again.next("setting")).data.value, null);
+  again.close();
+});
+
+test("faults answer calls, as often as they are meant to", async () => {
+  const page = await desk.openPage();
+  const fault = { call: "vconf_get_int", path: CAPTION, answer: -1, times: 2 };
+  assert.deepEqual((await desk.call("POST", "/api/faults", fault)).faults, [fault]);
+  const codes = [];
+  for (let i = 0; i < 3; ++i) codes.push((await desk.say(page, READ)).json.reply.code);
+  assert.deepEqual(codes, [9999, 9999, 0]);
+
+  await desk.call("POST", "/api/faults", { call: "vconf_get_int", answer: -1 });
+  await desk.call("POST", "/api/faults", { call: "vconf_set_int", path: CAPTION, answer: -2 });
+  const left = await desk.call("DELETE", "/api/faults?call=vconf_get_int&path=*");
+  assert.deepEqual(left.faults.map(({ call }) => call), ["vconf_set_int"]);
+  assert.deepEqual((await desk.call("DELETE", "/api/faults")).faults, []);
+});
+
+test("the plug-in's log is kept and told, with its parts", async () => {
+  const events = await desk.follow("/api/events");
+  const page = await desk.openPage();
+  await desk.say(page, { send: { command: "no such command" } });
+  const { data } = await events.next("log", ({ text }) => text.includes("Can not handle the command!!"));
+  assert.deepEqual([data.page, data.priority, data.tag, data.logId], [page.id, "E", "QRL_BASE", 0]);
+  const { log } = await desk.call("GET", `/api/pages/${page.id}/log`);
+  assert.deepEqual(log.at(-1), data);
+  events.close();
+});
