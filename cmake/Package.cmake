@@ -1,0 +1,12 @@
+# One Debian package of the whole. What it needs of the system is read from the programs themselves.
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME mirado)
+set(CPACK_PACKAGE_CONTACT "The Mirado developers <mirado@localhost>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Develop television pages against the real menu settings plug-in")
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SECTION devel)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_BINARY_DIR}/${MIRADO_LIBDIR})
+include(CPack)
