@@ -1,0 +1,79 @@
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include <lmdb.h>
+
+#include "harness.h"
+
+/// What the system stands beside: the same steps, as bare as they can be written.
+namespace bench {
+
+/// A second thread that waits awake, does `work` when asked and hands back. One asking thread.
+class SpinPartner {
+ public:
+  explicit SpinPartner(std::function<void()> work);
+  SpinPartner(const SpinPartner&) = delete;
+  SpinPartner& operator=(const SpinPartner&) = delete;
+  ~SpinPartner();
+
+  /// There and back.
+  void Ask() {
+    turn_.store(kPartner, std::memory_order_release);
+    while (turn_.load(std::memory_order_acquire) != kAsker) {
+    }
+  }
+
+ private:
+  enum Turn : std::uint32_t { kAsker, kPartner, kEnd };
+  std::atomic<Turn> turn_{kAsker};
+  std::thread thread_;
+};
+
+/// A second thread that waits on a condition variable, and hands back through another one. One asking thread.
+class CondvarPartner {
+ public:
+  CondvarPartner();
+  CondvarPartner(const CondvarPartner&) = delete;
+  CondvarPartner& operator=(const CondvarPartner&) = delete;
+  ~CondvarPartner();
+
+  /// There and back. Returns when the partner woke.
+  Clock::time_point Ask();
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable partner_;
+  std::condition_variable asker_;
+  bool partners_turn_ = false;
+  bool end_ = false;
+  Clock::time_point woke_;
+  std::thread thread_;
+};
+
+/// An LMDB environment with one tree of text to int, used the shortest way. One thread.
+class BareStore {
+ public:
+  /// In the existing folder `directory`, with `keys` keys beside `key`. `flags` as `mdb_env_open` takes them.
+  BareStore(const std::string& directory, unsigned flags, std::string key, int keys = 30);
+  BareStore(const BareStore&) = delete;
+  BareStore& operator=(const BareStore&) = delete;
+  ~BareStore();
+
+  int Read();
+  void Write(int value);
+
+ private:
+  std::string key_;
+  MDB_env* env_ = nullptr;
+  MDB_dbi tree_ = 0;
+  MDB_txn* reader_ = nullptr;
+};
+
+}  // namespace bench

@@ -1,0 +1,118 @@
+#pragma once
+
+#include <algorithm>
+#include <chrono>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+/// How things are measured and told. All times are in nanoseconds unless a name says otherwise.
+namespace bench {
+
+using Clock = std::chrono::steady_clock;
+
+/// How much is measured; the quick effort shows that everything works, its figures are rough.
+struct Effort {
+  int rounds;                        ///< how often each measurement of a comparison is repeated
+  std::chrono::milliseconds sample;  ///< what one measurement of a short operation takes
+  int singles;                       ///< how many operations are timed one by one for one measurement
+};
+inline constexpr Effort kFullEffort{15, std::chrono::milliseconds(40), 100};
+inline constexpr Effort kQuickEffort{3, std::chrono::milliseconds(10), 20};
+
+/// Thrown by `CheckStop` once the user asked for the end, so that everything that was started is given back on the way.
+struct Stop {};
+
+/// Makes SIGINT and SIGTERM end the run cleanly, at the next `CheckStop`. A reader that went away first does not end
+/// it.
+void HandleStopSignals();
+bool StopAsked();
+void CheckStop();
+
+/// Says on the terminal what is being measured. Any later output of stderr, such as log lines, goes to nowhere.
+void Progress(const std::string& text);
+void TakeStderr();
+
+inline double Between(Clock::time_point start, Clock::time_point end) {
+  return std::chrono::duration<double, std::nano>(end - start).count();
+}
+inline double Since(Clock::time_point start) { return Between(start, Clock::now()); }
+
+/// Sleeps for longer than any thread of the system with nothing to do stays awake.
+void Rest();
+
+double Median(std::vector<double> values);
+
+/// The time of one call of `operation`, for those that are too short to be timed one by one: the median over slices of
+/// about a tenth of a millisecond, so that the slices in which another process had the core do not count.
+template <typename Operation>
+double PerCall(const Effort& effort, Operation&& operation) {
+  const auto slice = [&](int calls) {
+    const auto start = Clock::now();
+    for (int call = 0; call < calls; ++call) operation();
+    return Since(start);
+  };
+  int calls = 1;
+  while (slice(calls) < 100'000) calls *= 2;
+  std::vector<double> slices;
+  for (const auto end = Clock::now() + effort.sample; Clock::now() < end || slices.empty();) {
+    slices.push_back(slice(calls) / calls);
+  }
+  CheckStop();
+  return Median(std::move(slices));
+}
+
+/// The median of `count` results of `operation`, which times itself.
+template <typename Operation>
+double MedianOf(int count, Operation&& operation) {
+  std::vector<double> times;
+  for (int i = 0; i < count; ++i) {
+    times.push_back(operation());
+    CheckStop();
+  }
+  return Median(std::move(times));
+}
+
+/// Two measurements that were taken in turns: the medians of each, and the median of the rounds' ratios, which a
+/// machine that is faster in one minute than in the next does not change.
+struct Comparison {
+  double floor;
+  double ours;
+  double ratio;
+};
+Comparison Compare(const Effort& effort, const std::function<double()>& floor, const std::function<double()>& ours);
+
+/// One line of the table.
+struct Row {
+  std::string what;
+  std::string beside;  ///< what it stands beside
+  std::string floor;
+  std::string ours;
+  std::string ratio;
+  std::string goal;
+  std::optional<bool> reached;  ///< nothing when it could not be measured
+};
+
+/// A row of times whose ratio to the floor shall be at most `goal`.
+Row AtMost(std::string what, std::string beside, const Comparison& times, double goal);
+/// A row of one figure that shall be at most `goal`; `text` says both of them with their unit.
+Row AtMost(std::string what, double figure, double goal, std::string (*text)(double));
+/// A row that could not be measured, and why.
+Row Missing(std::string what, std::string why);
+
+/// A time with its unit, such as "1.26 µs".
+std::string Time(double nanoseconds);
+/// An amount of memory with its unit, such as "96 KiB".
+std::string Memory(double bytes);
+/// A number with at most `digits` digits behind the point.
+std::string Number(double value, int digits = 2);
+
+/// Figures that grow with something: the first column is what grows.
+struct Series {
+  std::string name;
+  std::vector<std::string> columns;
+  std::vector<std::vector<double>> points;
+};
+
+}  // namespace bench

@@ -1,0 +1,130 @@
+// Measures the system beside its floors; script/bench runs it and shows how.
+
+#include <array>
+#include <cstdlib>
+#include <fstream>
+#include <iostream>
+#include <stdexcept>
+
+#include <CLI/CLI.hpp>
+
+#include "growth.h"
+#include "rows.h"
+#include "simulated.h"
+
+namespace {
+
+using namespace bench;
+
+struct Measurement {
+  const char* name;
+  const char* what;
+  Growth (*measure)(const Effort& effort);
+};
+
+template <std::vector<Row> (*Rows)(const Effort&)>
+Growth RowsOnly(const Effort& effort) {
+  return {{}, Rows(effort)};
+}
+
+constexpr std::array<Measurement, 13> kMeasurements{{
+    {"warm", "warm round trip", RowsOnly<WarmRow>},
+    {"parked", "round trip to a parked worker", RowsOnly<ParkedRow>},
+    {"dbus", "read through D-Bus", RowsOnly<DbusRow>},
+    {"work", "the commands' own work", RowsOnly<WorkRows>},
+    {"write", "durable write", RowsOnly<WriteRow>},
+    {"event", "change to event", RowsOnly<EventRows>},
+    {"host", "start and memory of the host", RowsOnly<HostRows>},
+    {"library", "size of the library", RowsOnly<LibraryRow>},
+    {"instances", "growth: instances", GrowInstances},
+    {"subscribers", "growth: subscribers of a change", GrowSubscribers},
+    {"subscriptions", "growth: subscriptions of a page", GrowSubscriptions},
+    {"keys", "growth: keys in the store", GrowKeys},
+    {"messages", "growth: size of a message", GrowMessages},
+}};
+
+void WriteTable(std::ostream& out, const std::vector<Row>& rows) {
+  out << "| what | beside | floor | ours | ratio | goal | reached |\n|---|---|---|---|---|---|---|\n";
+  for (const Row& row : rows) {
+    out << "| " << row.what << " | " << row.beside << " | " << row.floor << " | " << row.ours << " | " << row.ratio
+        << " | " << row.goal << " | "
+        << (!row.reached   ? "not measured"
+            : *row.reached ? "yes"
+                           : "no")
+        << " |\n";
+  }
+}
+
+void WriteSeries(std::ostream& out, const Series& series) {
+  for (std::size_t i = 0; i < series.columns.size(); ++i) out << (i == 0 ? "" : "\t") << series.columns[i];
+  out << '\n';
+  for (const auto& point : series.points) {
+    for (std::size_t i = 0; i < point.size(); ++i) out << (i == 0 ? "" : "\t") << Number(point[i]);
+    out << '\n';
+  }
+}
+
+int Measure(const std::vector<std::string>& names, const Effort& effort, const std::filesystem::path& out) {
+  HandleStopSignals();
+  TakeStderr();
+  const StoreMemory memory;
+  std::vector<Row> rows;
+  int done = 0;
+  for (const auto& [name, what, measure] : kMeasurements) {
+    ++done;
+    if (!names.empty() && std::find(names.begin(), names.end(), name) == names.end()) continue;
+    Progress("[" + std::to_string(done) + "/" + std::to_string(kMeasurements.size()) + "] " + what);
+    const Growth growth = measure(effort);
+    rows.insert(rows.end(), growth.rows.begin(), growth.rows.end());
+    for (const Series& series : growth.series) {
+      WriteSeries(std::cout, series);
+      if (!out.empty()) {
+        std::ofstream file(out / (series.name + ".tsv"));
+        WriteSeries(file, series);
+      }
+    }
+  }
+  WriteTable(std::cout, rows);
+  if (!out.empty()) {
+    std::ofstream file(out / "table.md");
+    WriteTable(file, rows);
+  }
+  return EXIT_SUCCESS;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app("Measures Mirado beside its floors.");
+  std::vector<std::string> names;
+  std::vector<std::string> known;
+  known.reserve(std::size(kMeasurements));
+  for (const auto& each : kMeasurements) known.emplace_back(each.name);
+  bool quick = false;
+  bool instances = false;
+  std::string out;
+  std::string writer;
+  std::string service;
+  std::string address;
+  app.add_option("rows", names, "What to measure; everything when left out")->check(CLI::IsMember(known));
+  app.add_flag("--quick", quick, "Rough figures in a fraction of the time");
+  app.add_option("--out", out, "A folder for the table and the curves")->check(CLI::ExistingDirectory);
+  app.add_option("--scratch", Scratch::Place(), "A folder on the file system that is measured");
+  app.add_flag("--instances", instances)->group("");
+  app.add_option("--writer", writer)->group("");
+  app.add_option("--dbus-service", service)->group("");
+  app.add_option("--address", address)->group("");
+  CLI11_PARSE(app, argc, argv);
+  try {
+    if (instances) return RunInstances();
+    if (!writer.empty()) return RunWriter(writer);
+    if (!service.empty()) return RunDbusService(service, address);
+    return Measure(names, quick ? kQuickEffort : kFullEffort, out);
+  } catch (const Stop&) {
+    Progress("stopped");
+    return 130;
+  } catch (const std::exception& error) {
+    Progress(StopAsked() ? "stopped" : std::string("error: ") + error.what());
+    return StopAsked() ? 130 : EXIT_FAILURE;
+  }
+}
