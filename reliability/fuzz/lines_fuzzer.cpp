@@ -1,0 +1,91 @@
+// JSON lines into a page's session, as `mirado host` reads them.
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdint>
+
+#include "lines.h"
+#include "property.h"
+#include "session.h"
+
+namespace {
+
+/// Both signals that the program takes stay the fuzzer's here.
+desk::EndRequest& NoEnd() {
+  static auto* const end = [] {
+    auto* const made = new desk::EndRequest;
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGTERM);
+    pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+    return made;
+  }();
+  return *end;
+}
+
+/// What one line that is a request must be answered with before the next is read.
+void Converse(desk::Session& session, const desk::Request& request, fuzz::PageEar& ear, const desk::Json& answer) {
+  using Kind = desk::Request::Kind;
+  if (request.kind == Kind::kPost) ear.Expect(fuzz::CommandOf(desk::ToVar(request.argument)));
+  const auto error = session.Handle(request);
+  switch (request.kind) {
+    case Kind::kSend:
+      fuzz::Require(answer.size() == 1 && answer[0].contains("reply"), "one reply", answer);
+      fuzz::CheckReply(answer[0]["reply"]);
+      break;
+    case Kind::kSettle:
+      fuzz::Require(answer == desk::Json::array({{{"settled", true}}}), "one answer to settle", answer);
+      break;
+    case Kind::kPost:
+    case Kind::kSet:
+      fuzz::Require(answer.empty(), "no answer", answer);
+      break;
+  }
+  fuzz::Require(!error || (request.kind == Kind::kSet && !error->empty()), "only set may fail", error.value_or(""));
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  static fuzz::Store store;
+  const desk::Descriptor input(memfd_create("lines", MFD_CLOEXEC));
+  fuzz::Require(write(input.get(), data, size) == static_cast<ssize_t>(size), "the input");
+  lseek(input.get(), 0, SEEK_SET);
+
+  fuzz::PageEar ear;
+  desk::Json answer = desk::Json::array();
+  const auto say = [&](const desk::Json& line) {
+    const auto read_back = desk::ParseJson(desk::ToText(line), nullptr, desk::kMaxJsonDepth + 2);
+    fuzz::Require(std::holds_alternative<desk::ParsedJson>(read_back), "what is said is JSON", line);
+    if (line.contains("message")) {
+      ear.Hear(line["message"]);
+    } else {
+      answer.push_back(line);  // on this thread: it answers the request in hand
+    }
+  };
+  std::string error;
+  auto session = desk::Session::Start(MIRADO_PLUGIN_PATH, say, &error);
+  fuzz::Require(session != nullptr, "a session", error);
+
+  desk::LineReader reader(input.get(), NoEnd());
+  std::string line;
+  for (auto result = reader.Next(line); result != desk::LineReader::Result::kEnd; result = reader.Next(line)) {
+    if (result != desk::LineReader::Result::kLine) continue;
+    const auto request = desk::ParseRequest(line);
+    if (const auto* cause = std::get_if<std::string>(&request)) {
+      fuzz::Require(!cause->empty(), "a bad line is told why");
+      continue;
+    }
+    fuzz::Require(answer.empty(), "nothing is answered that was not asked", answer);
+    Converse(*session, std::get<desk::Request>(request), ear, answer);
+    answer.clear();
+  }
+  session->Settle();
+  session.reset();
+  ear.Finish();
+  fuzz::Require(answer.empty(), "nothing is answered at the end", answer);
+  store.Settle();
+  return 0;
+}
