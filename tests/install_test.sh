@@ -18,6 +18,9 @@ find "$scratch/moved" -type f \( -name '*.so' -o -perm -100 \) | while read -r f
   fi
 done
 
+lost=$(find "$scratch/moved" -xtype l)
+[ -z "$lost" ] || { echo "leads nowhere: $lost"; exit 1; }
+
 answer=$(echo '{"send": {"command": "getVersion"}}' |
   "$scratch/moved/bin/mirado" host --store "$scratch/store" 2>"$scratch/log" | head -n 1 | tr -d ' ')
 case $answer in
