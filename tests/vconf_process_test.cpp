@@ -57,6 +57,53 @@ TEST_F(VconfProcessTest, TwoProcessesWriteAndEveryChangeComesOnceInOrder) {
   }
 }
 
+TEST_F(VconfProcessTest, AReadIsNeverOlderThanAWriteThatReturned) {
+  constexpr int kRounds = 200;
+  Open();
+  vconf::CloseStore();
+  std::array<int, 2> ask{};
+  std::array<int, 2> told{};
+  ASSERT_EQ(pipe(ask.data()) | pipe(told.data()), 0);
+  Process other([&] {
+    close(ask[1]);
+    char byte = 0;
+    if (vconf::OpenStore(directory())) {
+      return 1;
+    }
+    for (int i = 1; read(ask[0], &byte, 1) == 1; ++i) {
+      if (vconf_set_int("db/a", i) != 0 || vconf_set_int("memory/a", -i) != 0 || write(told[1], "t", 1) != 1) {
+        return 2;
+      }
+    }
+    return 0;
+  });
+  close(ask[0]);
+  close(told[1]);
+  Open();
+  for (int i = 1; i <= kRounds; ++i) {
+    char byte = 0;
+    ASSERT_EQ(write(ask[1], "a", 1), 1);
+    ASSERT_EQ(read(told[0], &byte, 1), 1);
+    for (int again = 0; again < 2; ++again) {
+      ASSERT_EQ(GetInt("db/a", 0), i);
+      ASSERT_EQ(GetInt("memory/a", 0), -i);
+    }
+  }
+  close(ask[1]);
+  close(told[0]);
+  EXPECT_EQ(other.Wait(), 0);
+
+  // Nor is it one of something that was removed, or of another store that came to the same number of commits.
+  EXPECT_EQ(vconf::Remove("db/a"), std::nullopt);
+  EXPECT_EQ(GetInt("db/a", 0), 0);
+  for (const int value : {1, 2}) {
+    vconf::CloseStore();
+    std::filesystem::remove_all(directory());
+    Open({{"db/a", value}});
+    EXPECT_EQ(GetInt("db/a", 0), value);
+  }
+}
+
 TEST_F(VconfProcessTest, WhatWasAcknowledgedSurvivesAKill) {
   Open();
   std::mt19937 random(7);  // NOLINT(cert-msc51-cpp): the same moments, as far as a schedule can be the same

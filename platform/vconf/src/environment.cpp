@@ -400,13 +400,14 @@ Status Environment::MakeReader(MDB_txn** reader) {
 }
 
 // What is usual takes one guarded step; the rest, and to tell what is wrong, is left to a transaction.
-Status Environment::Get(std::string_view key, RecordBuffer* record) {
+Status Environment::Get(std::string_view key, RecordBuffer* record, State* state) {
   const auto& mine = ThreadReaders::readers[static_cast<std::size_t>(kind_)];
   if (mine.environment == id_) {
     MDB_val value = {};
     const Status status = Guarded([&] {
       Status found = mdb_txn_renew(mine.txn);
       if (found == kOk) {
+        *state = {.environment = id_, .number = mdb_txn_id(mine.txn)};
         found = Transaction::Find(mine.txn, tree_, key, &value, record);
       }
       mdb_txn_reset(mine.txn);
@@ -420,7 +421,22 @@ Status Environment::Get(std::string_view key, RecordBuffer* record) {
       Quietly([&] { mdb_txn_reset(mine.txn); });
     }
   }
-  return ReadTransaction(*this).Get(key, record);
+  ReadTransaction view(*this);
+  const Status status = view.Get(key, record);
+  if (status == kOk) {
+    *state = {.environment = id_, .number = view.number()};
+  }
+  return status;
+}
+
+// Of two heads LMDB writes the older one, so a torn number is one that nobody has read from yet, or lower than the
+// other. Without a lock a writer that was killed may leave a number behind that the next one gives to something else.
+Environment::State Environment::LastState() const {
+  MDB_envinfo info = {};
+  if (read_only_ || Guarded([&] { return mdb_env_info(env_, &info); }) != kOk) {
+    return {};
+  }
+  return {.environment = id_, .number = info.me_last_txnid};
 }
 
 void Environment::DropReader(MDB_txn* reader) {

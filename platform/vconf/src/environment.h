@@ -30,6 +30,13 @@ class Environment {
   };
   using Records = std::vector<std::pair<std::string, std::string>>;
 
+  /// What is committed at one time, in one environment of this process. Each commit makes another one.
+  struct State {
+    std::uint64_t environment = 0;
+    std::uint64_t number = 0;
+    bool operator==(const State&) const = default;
+  };
+
   /// Makes `directory` with an environment that holds `records`, in one step and durably. EEXIST when it is there.
   static Status Create(const std::string& directory, Kind kind, const Records& records);
 
@@ -43,7 +50,11 @@ class Environment {
   const std::string& file() const { return file_; }
 
   /// One record as it stands now, as a `ReadTransaction` for it alone would give it. Not within one of this thread.
-  Status Get(std::string_view key, RecordBuffer* record);
+  /// `state` is what it was read from; only when it goes well.
+  Status Get(std::string_view key, RecordBuffer* record, State* state);
+
+  /// The state that a reader would see now, for little more than a look at two words. Empty when it cannot be told.
+  State LastState() const;
 
   /// Makes all commits durable.
   Status Sync();

@@ -96,15 +96,48 @@ Status GetNumber(Transaction& transaction, std::string_view key, std::uint64_t a
   return decoded ? kOk : kDamaged;
 }
 
-template <typename Source>  // a transaction or an environment
-Status GetValue(Source& source, std::string_view path, std::optional<Value>* value) {
+template <typename... State>  // when `source` is an environment
+Status GetValue(auto& source, std::string_view path, std::optional<Value>* value, State*... state) {
   RecordBuffer record;
-  const Status status = source.Get(path, &record);
+  const Status status = source.Get(path, &record, state...);
   if (status != kOk) {
     return status;
   }
   *value = record::DecodeValue(path, record.view());
   return *value ? kOk : kDamaged;
+}
+
+/// A number or a flag that a thread has read, and from which state. While that is still the last one, it need not be
+/// looked up again.
+class Noted {
+ public:
+  bool Is(const Environment::State& state, std::string_view path) const {
+    return state_ == state && std::string_view(path_.data(), size_) == path;
+  }
+  Value value() const { return is_flag_ ? Value(number_ != 0) : Value(number_); }
+
+  void Note(const Environment::State& state, std::string_view path, const Value& value) {
+    if (path.size() > path_.size() || std::holds_alternative<std::string>(value)) {
+      return;
+    }
+    state_ = state;
+    size_ = static_cast<std::uint8_t>(path.copy(path_.data(), path_.size()));
+    is_flag_ = std::holds_alternative<bool>(value);
+    number_ = is_flag_ ? static_cast<int>(std::get<bool>(value)) : std::get<int>(value);
+  }
+
+ private:
+  Environment::State state_;
+  int number_ = 0;
+  bool is_flag_ = false;
+  std::uint8_t size_ = 0;
+  std::array<char, 66> path_{};
+};
+
+/// Where this thread notes `path`, and some others.
+Noted& NotedOf(std::string_view path) {
+  static thread_local constinit std::array<Noted, 32> noted;
+  return noted[(path.size() * 29 + static_cast<unsigned char>(path.back())) % noted.size()];
 }
 
 std::string NewId() {
@@ -464,7 +497,17 @@ Status Store::Get(std::string_view path, std::optional<Value>* value) {
   if (home == nullptr) {
     return kNoMemory;
   }
-  return home->NoteRead(GetValue(*home, path, value));
+  Noted& noted = NotedOf(path);
+  if (const Environment::State last = home->LastState(); last.number != 0 && noted.Is(last, path)) {
+    *value = noted.value();
+    return kOk;
+  }
+  Environment::State state;
+  const Status status = GetValue(*home, path, value, &state);
+  if (status == kOk) {
+    noted.Note(state, path, **value);
+  }
+  return home->NoteRead(status);
 }
 
 Status Store::Set(std::string_view path, const Value& value) {
