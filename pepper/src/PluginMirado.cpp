@@ -362,15 +362,15 @@ bool MiradoMessageHandler::changeSubscription(const SubscriptionCommand& row, un
     return false;
   }
   const char* verb = row.watches ? "register" : "unregister";
-  const std::string path = row.rows[key].path;
-  if (row.logs_entry) MIRADO_LOG_AS(0, 4, row.name, "Key = %d, db = %s", key, path.c_str());
+  const char* const path = row.rows[key].path;
+  if (row.logs_entry) MIRADO_LOG_AS(0, 4, row.name, "Key = %d, db = %s", key, path);
 
   const std::lock_guard lock(m_keysMutex);
   std::set<std::string>& keys = this->*row.keys;
   if (keys.contains(path) != row.watches) {
     // Once the keys have been cleared nothing may be subscribed any more: nobody would end it.
-    const bool refused = row.watches ? m_keysClosed || vconf_notify_key_changed(path.c_str(), row.callback, this) < 0
-                                     : vconf_ignore_key_changed(path.c_str(), row.callback) < 0;
+    const bool refused = row.watches ? m_keysClosed || vconf_notify_key_changed(path, row.callback, this) < 0
+                                     : vconf_ignore_key_changed(path, row.callback) < 0;
     if (refused) {
       MIRADO_LOG_AS(row.failure_log_id, row.failure_priority, row.name, "unable to %s a vconf changed cb to key: %d",
                     verb, key);

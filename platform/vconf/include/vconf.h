@@ -13,7 +13,8 @@ struct _keynode_t {
 };
 using keynode_t = _keynode_t;
 
-/// Called once for each change of a subscribed key, in the order of the changes, on the store's notification thread. It
+/// Called once for each change of a subscribed key, in the order of the changes, on the store's notification thread. A
+/// process that has fallen further behind than the store remembers is called once for each subscribed key instead. It
 /// must not throw.
 using vconf_callback_fn = void (*)(keynode_t* node, void* user_data);
 
