@@ -117,7 +117,11 @@ TEST_F(HostTest, EndsCleanlyHoweverItIsEnded) {
   unheard.CloseOutput();
   unheard.Say(R"({"send":{"command":"getVersion"}})");
   EXPECT_EQ(unheard.Wait(), 0);
-  EXPECT_EQ(RunAsIs({"host", "--plugin", folder() / "none.so", "--store", store()}).status, 3);
+  const std::string none = folder() / "none.so";
+  const Outcome failed = Run({"host", "--plugin", none});
+  EXPECT_EQ(failed.status, 3);
+  EXPECT_TRUE(failed.log.starts_with(none + ": ")) << failed.log;
+  EXPECT_EQ(failed.log.rfind(none), 0U) << failed.log;
 }
 
 TEST_F(HostTest, GoesOnWithoutAStore) {
