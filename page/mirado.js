@@ -170,7 +170,11 @@ function createClient(element) {
       subscriptions[data.event](data.value);
     }
   });
-  element.addEventListener("crash", () => end("The plug-in has crashed."));
+  // On the desk the event says more: without a status and a signal it was no crash, the desk has ended or never began.
+  element.addEventListener("crash", ({ detail }) => {
+    const crashed = !detail || detail.status !== null || detail.signal !== null;
+    end(crashed ? "The plug-in has crashed." : "The plug-in is gone: " + detail.reason + ".");
+  });
 
   return Object.freeze(client);
 }

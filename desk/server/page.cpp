@@ -299,12 +299,11 @@ void Page::ReleaseWaiting() {
   answered_.notify_all();
 }
 
-void Page::End() {
+void Page::End(std::string_view reason) {
   {
     const std::lock_guard lock(mutex_);
     if (!ended_ && !leaving_) {
-      deliveries_.Add("crash",
-                      ToText({{"status", nullptr}, {"signal", nullptr}, {"reason", "the desk has ended this page"}}));
+      deliveries_.Add("crash", ToText({{"status", nullptr}, {"signal", nullptr}, {"reason", reason}}));
     }
     leaving_ = true;
     ReleaseWaiting();
@@ -425,7 +424,7 @@ void PageBook::Close() {
   closing_.notify_all();
   // All are asked first, so that the slowest alone counts.
   for (const auto& [number, page] : pages) {
-    page->End();
+    page->End("the desk has ended");
   }
 }
 

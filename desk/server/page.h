@@ -82,9 +82,9 @@ class Page final : private HostProcess::Listener {
 
   void Kill() { host_->Kill(); }
 
-  /// Asks the plug-in to end and lets everybody go who waits for it or reads its deliveries; these hear of a crash if
-  /// there was none. Returns at once.
-  void End();
+  /// Asks the plug-in to end and lets everybody go who waits for it or reads its deliveries; these hear of `reason`
+  /// unless they have heard of a crash. Returns at once.
+  void End(std::string_view reason = "the desk has ended this page");
 
   /// A stream of deliveries begins or ends.
   void StreamOpened();

@@ -90,7 +90,7 @@ function startPlugin() {
   console_.usePage(element.dataset.page);
   settings.usePlugin(client);
   element.addEventListener("crash", ({ detail }) => {
-    plugin.textContent = "✕ Plug-in crashed";
+    plugin.textContent = detail.status === null && detail.signal === null ? "✕ Plug-in gone" : "✕ Plug-in crashed";
     plugin.className = "bad";
     byId("crashed").hidden = false;
     byId("crashed").firstElementChild.textContent = `✕ ${detail.reason}.`;

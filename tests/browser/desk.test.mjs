@@ -134,6 +134,15 @@ describe("the desk's page", () => {
     await spoken(page, '"value":"NORMAL"');
   });
 
+  it("says that its desk has ended", async () => {
+    const mortal = await Desk.start();
+    const page = await openDesk(mortal);
+    await mortal.stop();
+    await page.getByRole("alert").filter({ hasText: "the desk has ended" }).waitFor();
+    await page.getByText("Plug-in gone").waitFor();
+    await page.close();
+  });
+
   it("says that its desk is gone, and shows the set of the next one", async () => {
     const first = await Desk.start();
     const page = await openDesk(first);

@@ -167,6 +167,7 @@ test("however the desk ends, no child is left", async () => {
     await mortal.say(pages[1], { send: VERSION });
     process.kill(pages[1].pid, "SIGSTOP"); // one that cannot end on its own
     assert.equal(await mortal.stop(signal), status);
+    if (signal !== "SIGKILL") assert.equal((await stream.next("crash")).data.reason, "the desk has ended");
     for (const { pid } of pages) {
       if (signal === "SIGKILL") await ended(pid);
       assert(!isRunning(pid), signal);

@@ -121,6 +121,18 @@ describe("a plug-in that is gone", () => {
     });
   }
 
+  it("is said to have crashed only when it has", async () => {
+    for (const [detail, said] of [
+      [undefined, "The plug-in has crashed."],
+      [{ status: null, signal: 9, reason: "killed" }, "The plug-in has crashed."],
+      [{ status: null, signal: null, reason: "the desk has ended" }, "The plug-in is gone: the desk has ended."],
+    ]) {
+      const { element, client } = connected();
+      element.dispatchEvent(Object.assign(new Event("crash"), { detail }));
+      assert.equal((await client.whenGone).message, said);
+    }
+  });
+
   it("is noticed by a client that comes too late to be told", async () => {
     const { element, client } = connected();
     element.answer = () => undefined;
