@@ -6,6 +6,7 @@
 #include <cctype>
 #include <charconv>
 #include <cstdint>
+#include <regex>
 
 namespace desk {
 namespace {
@@ -44,6 +45,14 @@ bool IsAllowedOrigin(std::string_view origin, const std::vector<std::string>& al
   }
   const std::size_t scheme = origin.find("://");
   return scheme != std::string_view::npos && IsLoopbackHost(origin.substr(scheme + 3));
+}
+
+bool IsOriginName(const std::string& name) {
+  static const std::regex form(
+      R"(null|file://|([a-z][a-z0-9+.-]*)://([a-z0-9._-]+|\[[0-9a-f:.]+\])(:[1-9][0-9]{0,4})?)");
+  std::smatch parts;
+  return std::regex_match(name, parts, form) && !(parts[1] == "http" && parts[3] == ":80") &&
+         !(parts[1] == "https" && parts[3] == ":443");
 }
 
 bool IsJsonType(std::string_view content_type) {

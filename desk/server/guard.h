@@ -14,6 +14,10 @@ bool IsLoopbackHost(std::string_view host);
 /// A loopback origin of any scheme and port, or literally one of `allowed`.
 bool IsAllowedOrigin(std::string_view origin, const std::vector<std::string>& allowed);
 
+/// Whether a browser may call an origin by this name, letter for letter: scheme, host and port, the port only where it
+/// is not the scheme's own; or `null`, or `file://`.
+bool IsOriginName(const std::string& name);
+
 /// `application/json`, whatever parameters follow.
 bool IsJsonType(std::string_view content_type);
 

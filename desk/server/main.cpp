@@ -9,6 +9,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "guard.h"
 #include "places.h"
 #include "server.h"
 #include "simulated_set.h"
@@ -21,6 +22,16 @@ constexpr int kCannotStart = 3;
 int Complain(const std::string& error) {
   std::cerr << "mirado desk: " << error << "\n";
   return kCannotStart;
+}
+
+// What is wrong with the name of an origin; one that no browser uses would never let anybody in.
+std::string OriginCheck(const std::string& name) {
+  if (desk::IsOriginName(name)) {
+    return "";
+  }
+  return name +
+         " is no origin as a browser names it, such as http://tv.example:3000: a scheme, a host in small letters, the "
+         "port unless it is the scheme's own, and nothing behind, not even a slash";
 }
 
 // Asks the plug-in for its version and prints the answer. False when its process has ended on its own instead.
@@ -55,9 +66,9 @@ int main(int argc, char** argv) {
       ->capture_default_str();
   app.add_option("--store", options.host.store, "The folder of the set's store")->capture_default_str();
   app.add_option("--plugin", options.host.plugin, "The plug-in")->capture_default_str();
-  app.add_option(
-      "--allow-origin", options.allowed_origins,
-      "Lets in the pages of an origin that is not loopback, such as http://tv.example:3000; may be repeated");
+  app.add_option("--allow-origin", options.allowed_origins,
+                 "Lets in the pages of an origin that is not loopback, such as http://tv.example:3000; may be repeated")
+      ->check(OriginCheck);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

@@ -6,7 +6,8 @@ import { Desk } from "./desk.mjs";
 
 const FRIEND = "http://tv.example:3000";
 let desk;
-before(async () => { desk = await Desk.start("--allow-origin", FRIEND); });
+const NAMES = [FRIEND, "null", "https://tv.example:8443", "http://[fd00::1]:3000", "app://-"];
+before(async () => { desk = await Desk.start(...NAMES.flatMap((name) => ["--allow-origin", name])); });
 after(() => desk.stop());
 
 const statusWith = async (headers, path = "/api/settings") => (await desk.request("GET", path, { headers })).status;
@@ -27,12 +28,12 @@ test("answers to loopback names alone", async () => {
 });
 
 test("lets in the origins of this machine and those that are named", async () => {
-  for (const origin of ["http://localhost:5173", "https://127.0.0.1", "http://p1-f.localhost", FRIEND]) {
+  for (const origin of ["http://localhost:5173", "https://127.0.0.1", "http://p1-f.localhost", ...NAMES]) {
     const { status, headers } = await desk.request("GET", "/api/settings", { headers: { Origin: origin } });
     assert.equal(status, 200, origin);
     assert.equal(headers["access-control-allow-origin"], origin);
   }
-  for (const origin of ["null", "http://tv.example", "http://tv.example:30000", "https://tv.example:3000",
+  for (const origin of ["http://tv.example", "http://tv.example:30000", "https://tv.example:3000",
     "http://localhost.tv.example", "file://", "http://user@localhost", "localhost"]) {
     const { status, headers } = await desk.request("GET", "/api/settings", { headers: { Origin: origin } });
     assert.equal(status, 403, origin);
@@ -41,6 +42,15 @@ test("lets in the origins of this machine and those that are named", async () =>
     assert.equal(preflight.status, 403, origin);
     const blind = await desk.request("POST", "/api/reset", { headers: { Origin: origin } });
     assert.equal(blind.status, 403, origin);
+  }
+});
+
+test("is told of no origin that a browser never names", async () => {
+  for (const origin of ["http://tv.example/", "http://tv.example/app", "HTTP://tv.example", "http://TV.example",
+    "tv.example:3000", "http://tv.example:80", "https://tv.example:443", "*"]) {
+    // One that were taken would fail for want of a plug-in.
+    await assert.rejects(desk.mirado("desk", "--port", "0", "--plugin", "/none.so", "--allow-origin", origin),
+      ({ code, stderr }) => code === 2 && stderr.includes(`${origin} is no origin`), origin);
   }
 });
 
