@@ -38,7 +38,7 @@ std::string DefaultStore() {
   if (!state.is_absolute()) {
     state = std::filesystem::path(FromEnvironment("HOME")) / ".local/state";
   }
-  return state / "mirado/store";
+  return state.is_absolute() ? state / "mirado/store" : "";
 }
 
 std::string DefaultPlugin() {

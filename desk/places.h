@@ -6,7 +6,7 @@
 /// so that a build folder and an installation work alike.
 namespace desk {
 
-/// `MIRADO_STORE`, else `mirado/store` in the user's state directory.
+/// `MIRADO_STORE`, else `mirado/store` in the user's state directory; empty for a user who has none.
 std::string DefaultStore();
 
 /// `MIRADO_PLUGIN`, else `libmirado.so` beside the platform's libraries.

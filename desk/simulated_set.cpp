@@ -235,6 +235,13 @@ std::vector<vconf::Entry> DefaultEntries() {
   return entries;
 }
 
+vconf::Error OpenSet(const std::string& store) {
+  if (store.empty()) {
+    return "there is no home folder to keep the store in: name another one with --store or MIRADO_STORE";
+  }
+  return vconf::OpenStore(store, DefaultEntries());
+}
+
 vconf::Error ResetSet() {
   const auto error = vconf::Reset(DefaultEntries());
   return error ? error : vconf::ClearFaults();

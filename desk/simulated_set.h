@@ -35,6 +35,10 @@ inline constexpr int kMaxLatency = 60'000;
 /// privilege.
 std::vector<vconf::Entry> DefaultEntries();
 
+/// Opens the store in the folder `store`, which is filled with a new set when it does not exist. An empty name is
+/// refused with a hint how to give one.
+vconf::Error OpenSet(const std::string& store);
+
 /// Puts the open store back to `DefaultEntries` and clears all faults.
 vconf::Error ResetSet();
 

@@ -31,6 +31,14 @@ TEST_F(CliTest, ExitStatusTellsRefusedFromMisunderstoodFromUnopened) {
   EXPECT_EQ(RunAsIs({}).status, 2);
   EXPECT_EQ(RunAsIs({"get", "db/a", "--store", "/dev/null/store"}).status, 3);
   EXPECT_EQ(RunAsIs({"replay", folder() / "none.jsonl"}).status, 3);
+  const std::string home = std::getenv("HOME") == nullptr ? "" : std::getenv("HOME");
+  for (const char* name : {"HOME", "XDG_STATE_HOME", "MIRADO_STORE"}) {
+    unsetenv(name);
+  }
+  const Outcome homeless = RunAsIs({"get", "db/a"});
+  setenv("HOME", home.c_str(), 1);
+  EXPECT_EQ(homeless.status, 3);
+  EXPECT_TRUE(Holds(homeless.log, "--store or MIRADO_STORE")) << homeless.log;
   EXPECT_TRUE(Holds(Run({"get", "db/no/such/key"}).log, "db/no/such/key"));
   EXPECT_TRUE(Holds(RunAsIs({"get", "db/a", "--store", "/dev/null/store"}).log, "/dev/null/store"));
   for (const char* command : {"host", "get", "set", "list", "watch", "reset", "set-up", "fault", "replay"}) {

@@ -22,7 +22,7 @@ void AddPluginOption(CLI::App& command, std::string& plugin) {
 }
 
 int WithStore(const std::string& store, const std::function<vconf::Error()>& work) {
-  if (const auto error = vconf::OpenStore(store, DefaultEntries())) {
+  if (const auto error = OpenSet(store)) {
     std::cerr << *error << '\n';
     return kCannotStart;
   }

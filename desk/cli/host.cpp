@@ -55,7 +55,7 @@ bool Converse(Session& session, const EndRequest& end, Recorder* recorder, LineW
 int Host(const HostOptions& options) {
   EndRequest end;
   dlog::SetThreshold(options.log_level);
-  if (const auto error = vconf::OpenStore(options.store, DefaultEntries())) {
+  if (const auto error = OpenSet(options.store)) {
     std::cerr << "mirado: there is no store, so every reply that needs it will say so: " << *error << '\n';
   }
   std::unique_ptr<Recorder> recorder;

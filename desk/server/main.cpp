@@ -84,7 +84,7 @@ int main(int argc, char** argv) {
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   std::signal(SIGPIPE, SIG_IGN);
 
-  if (const vconf::Error error = vconf::OpenStore(options.host.store, desk::DefaultEntries())) {
+  if (const vconf::Error error = desk::OpenSet(options.host.store)) {
     return Complain(*error);
   }
   std::atomic<bool> without_plugin = false;
