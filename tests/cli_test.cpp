@@ -177,8 +177,12 @@ TEST_F(ReplayTest, TheSameComesOutOfTheRecordedState) {
   EXPECT_TRUE(Holds(Contents(file()), R"({"in": {"set":{"db/menu/caption/captionmode":7}}})")) << Contents(file());
   EXPECT_TRUE(Holds(Contents(file()), R"("value":261)")) << Contents(file());
   Run({"reset"});
+  const Outcome again = Run({"host", "--record", file()});
+  EXPECT_EQ(again.status, 3);
+  EXPECT_TRUE(Holds(again.log, file())) << again.log;
   const Outcome replay = RunAsIs({"replay", file(), file()});
   EXPECT_EQ(replay.status, 0) << replay.out << replay.log;
+  EXPECT_TRUE(Holds(Run({"host", "--record", "/dev/stdout"}).out, R"("recording")"));
 }
 
 TEST_F(ReplayTest, TheRecordedExamplesComeOutTheSame) {

@@ -1,8 +1,10 @@
 #include <unistd.h>
 
+#include <filesystem>
 #include <iostream>
 #include <memory>
 #include <string>
+#include <system_error>
 #include <variant>
 
 #include "commands.h"
@@ -52,7 +54,17 @@ bool Converse(Session& session, const EndRequest& end, Recorder* recorder, LineW
   }
 }
 
+/// A file that holds something already; what is no regular file, such as a pipe, holds nothing that could be lost.
+bool WouldBeLost(const std::string& file) {
+  std::error_code ignored;
+  return std::filesystem::is_regular_file(file, ignored) && !std::filesystem::is_empty(file, ignored);
+}
+
 int Host(const HostOptions& options) {
+  if (WouldBeLost(options.record)) {
+    std::cerr << options.record << ": holds something already; remove it, or record to another file\n";
+    return kCannotStart;
+  }
   EndRequest end;
   dlog::SetThreshold(options.log_level);
   if (const auto error = OpenSet(options.store)) {
@@ -101,7 +113,7 @@ void AddHostCommand(CLI::App& app, Run& run) {
   {"settle": true}        all that was asked has been handled, all changes told:  {"settled": true}
 A line that is none of these is answered {"error": …} and changes nothing. Log lines go to stderr.
 The session ends with its input, or on SIGINT or SIGTERM. Exit status: 0, 1 when there were bad lines,
-2 for a wrong command line, 3 when the plug-in cannot be loaded.)");
+2 for a wrong command line, 3 when the plug-in cannot be loaded or FILE holds something already.)");
   AddPluginOption(*command, options->plugin);
   AddStoreOption(*command, options->store);
   command->add_option("--log-level", options->log_level, "Drop log lines below 2 verbose … 4 info, 6 error, 7 fatal")
