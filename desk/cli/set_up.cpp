@@ -143,7 +143,6 @@ void AddEmbedder(CLI::App& set_up, Run& run, const std::shared_ptr<SetUpOptions>
 void AddSetUpCommand(CLI::App& app, Run& run) {
   auto options = std::make_shared<SetUpOptions>();
   auto* set_up = app.add_subcommand("set-up", "Show the simulated set, or change it");
-  set_up->footer("Without a word behind it, it prints the set in the words that change it.");
   AddStoreOption(*set_up, options->store);
   set_up->add_flag("--json", options->json, "Print the set as JSON");
   set_up->require_subcommand(0, 1);
@@ -196,6 +195,12 @@ void AddSetUpCommand(CLI::App& app, Run& run) {
   latency->add_option("MILLISECONDS", options->value, "0 to 60000, or none")->required();
 
   AddEmbedder(*set_up, run, options);
+
+  // Now that the words are there, which would take it over as theirs.
+  set_up->footer(
+      "Alone it prints the set in the words that change it, or with --json. What the set does not have, such as a "
+      "list\n"
+      "that was removed, has no line.");
 }
 
 }  // namespace desk::cli
