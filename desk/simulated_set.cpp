@@ -95,13 +95,20 @@ vconf::Error ReadAny(const ParsedJson& json, const std::string& path, Changes& c
 }
 
 vconf::Error ReadLatency(const ParsedJson& json, const std::string& path, Changes& changes) {
+  const auto commands = Commands();
+  if (std::ranges::find(commands, std::string_view(path).substr(std::size(kLatencyPrefix) - 1)) == commands.end()) {
+    std::string error = "is no command of the plug-in, which has these:";
+    for (const std::string_view command : commands) {
+      error.append(" ").append(command);
+    }
+    return error;
+  }
   const auto value = ToValue(json);
   const int* milliseconds = value ? std::get_if<int>(&*value) : nullptr;
-  if (milliseconds == nullptr || *milliseconds < 0 || *milliseconds > kMaxLatency) {
-    return "must be milliseconds, 0 to " + std::to_string(kMaxLatency) + ", or null";
+  if (milliseconds != nullptr && (*milliseconds < 0 || *milliseconds > kMaxLatency)) {
+    return "must be 0 to " + std::to_string(kMaxLatency) + " milliseconds";
   }
-  changes.Add(path, value);
-  return std::nullopt;
+  return ReadInt(json, path, changes);
 }
 
 vconf::Error ReadList(const ParsedJson& json, const std::string& path, Changes& changes) {
@@ -218,6 +225,21 @@ Json ListItems(const vconf::Value& value) {
 Json OrNull(const std::optional<vconf::Value>& value) { return value ? ToJson(*value) : Json(); }
 
 }  // namespace
+
+std::span<const std::string_view> Commands() {
+  static constexpr std::array<std::string_view, 11> commands{"getVersion",
+                                                             "getMenuValue",
+                                                             "getMiradoValue",
+                                                             "setMenuValue",
+                                                             "registerVconfKeysForCaption",
+                                                             "unRegisterVconfKeysForCaption",
+                                                             "registerVconfKeysForMirado",
+                                                             "unRegisterVconfKeysForMirado",
+                                                             "showCaption",
+                                                             "registerInAppCaptionControl",
+                                                             "isTVSPicSizeResized"};
+  return commands;
+}
 
 std::vector<vconf::Entry> DefaultEntries() {
   std::vector<vconf::Entry> entries;

@@ -31,6 +31,9 @@ inline constexpr char kPrivilege[] = "http://norvika.com/privilege/mirado";
 /// The longest that a latency may hold a message back, in milliseconds.
 inline constexpr int kMaxLatency = 60'000;
 
+/// The commands of the plug-in, which are what can be held back.
+std::span<const std::string_view> Commands();
+
 /// What a new set holds: all settings, both language lists, a picture size; a B2B product whose application holds the
 /// privilege.
 std::vector<vconf::Entry> DefaultEntries();

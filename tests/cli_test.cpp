@@ -18,6 +18,7 @@ TEST_F(CliTest, ExitStatusTellsRefusedFromMisunderstoodFromUnopened) {
   EXPECT_EQ(Run({"get", "db/no/such/key"}).status, 1);
   EXPECT_EQ(Run({"set", "db/menu/caption/caption", "true"}).status, 1);
   EXPECT_EQ(Run({"set-up", "latency", "getVersion", "60001"}).status, 1);
+  EXPECT_EQ(Run({"set-up", "latency", "getVersoin", "5"}).status, 1);
   EXPECT_EQ(Run({"fault", "vconf_get_float", "-1"}).status, 1);
   for (const std::vector<std::string>& words : std::vector<std::vector<std::string>>{{"get"},
                                                                                      {"frobnicate"},

@@ -175,6 +175,17 @@ TEST_F(HostTest, TellsThePageThatNobodyListensWhenTheRegistrationFails) {
   EXPECT_EQ(Run({"host"}, "{\"send\":{\"command\":\"getVersion\"}}\n").out, Done(R"("4.0")") + "\n" + kGoodbye + "\n");
 }
 
+TEST_F(HostTest, HasEveryCommandThatCanBeHeldBack) {
+  std::string lines;
+  for (const std::string_view command : desk::Commands()) {
+    const std::string kind = command == "setMenuValue" ? "post" : "send";
+    lines += "{\"" + kind + R"(":{"command":")" + std::string(command) + "\"}}\n";
+  }
+  const Outcome outcome = Run({"host"}, lines);
+  EXPECT_EQ(std::ranges::count(outcome.out, '\n'), std::ssize(desk::Commands()) + 1) << outcome.out;
+  EXPECT_EQ(outcome.log.find("Can not handle the command"), std::string::npos) << outcome.log;
+}
+
 TEST_F(HostTest, LatencyHoldsOneCommandBackAndASignalEndsTheWait) {
   using Clock = std::chrono::steady_clock;
   constexpr std::chrono::milliseconds kLatency(60);
