@@ -297,36 +297,66 @@ vconf::Error ChangeSet(const ParsedJson& change) {
   return changes.Apply();
 }
 
+std::vector<std::string> KnownPaths(std::string_view prefix) {
+  std::vector<std::string> paths;
+  for (const auto& entries : {DefaultEntries(), vconf::List(std::string(prefix))}) {
+    for (const vconf::Entry& entry : entries) {
+      if (entry.path.starts_with(prefix)) {
+        paths.push_back(entry.path.substr(prefix.size()));
+      }
+    }
+  }
+  if (prefix == kReplyPrefix) {
+    paths.insert(paths.end(), {"check_ace_privilege", "get_window_id", "set_ime_recommended_words_type",
+                               "set_ime_recommended_words"});
+  }
+  return paths;
+}
+
+bool IsOpenPath(std::string_view path) {
+  return std::ranges::any_of(
+      Places(), [&](const Place& place) { return place.path.ends_with('/') && path.starts_with(place.path); });
+}
+
 std::span<const FaultCall> FaultCalls() {
   constexpr std::string_view kKey = "a key's path";
   static constexpr std::array<FaultCall, 13> calls{{
-      {"vconf_get_int", kKey},
-      {"vconf_get_bool", kKey},
-      {"vconf_set_int", kKey},
-      {"vconf_set_bool", kKey},
-      {"vconf_sync_key", kKey},
-      {"vconf_notify_key_changed", kKey},
-      {"vconf_ignore_key_changed", kKey},
-      {"system_info_get_custom_bool", "a feature's name"},
-      {"GetItemDataList", "a list's name"},
-      {"CreateVideoControl", ""},
-      {"GetPictureSize", ""},
-      {"RegisterMessageHandler", ""},
-      {"GenericSyncCall", "an operation's name"},
+      {"vconf_get_int", kKey, ""},
+      {"vconf_get_bool", kKey, ""},
+      {"vconf_set_int", kKey, ""},
+      {"vconf_set_bool", kKey, ""},
+      {"vconf_sync_key", kKey, ""},
+      {"vconf_notify_key_changed", kKey, ""},
+      {"vconf_ignore_key_changed", kKey, ""},
+      {"system_info_get_custom_bool", "a feature's name", system_info::kFeaturePrefix},
+      {"GetItemDataList", "a list's name", prefdeck::kListPrefix},
+      {"CreateVideoControl", "", ""},
+      {"GetPictureSize", "", ""},
+      {"RegisterMessageHandler", "", ""},
+      {"GenericSyncCall", "an operation's name", kReplyPrefix},
   }};
   return calls;
 }
 
-vconf::Error AddFault(const vconf::Fault& fault) {
+std::variant<const FaultCall*, std::string> FindFaultCall(std::string_view name) {
   const auto calls = FaultCalls();
-  if (std::ranges::find(calls, fault.call, &FaultCall::name) != calls.end()) {
-    return vconf::SetFault(fault);
+  const auto found = std::ranges::find(calls, name, &FaultCall::name);
+  if (found != calls.end()) {
+    return &*found;
   }
-  std::string error = "no call \"" + fault.call + "\" can be made to fail, but these can:";
+  std::string error = "no call \"" + std::string(name) + "\" can be made to fail, but these can:";
   for (const FaultCall& call : calls) {
     error.append(" ").append(call.name);
   }
   return error;
+}
+
+vconf::Error AddFault(const vconf::Fault& fault) {
+  auto call = FindFaultCall(fault.call);
+  if (auto* error = std::get_if<std::string>(&call)) {
+    return std::move(*error);
+  }
+  return vconf::SetFault(fault);
 }
 
 Json ToJson(const vconf::Fault& fault) {

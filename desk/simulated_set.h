@@ -59,16 +59,27 @@ Json DescribeSet();
 /// Nothing is changed when a part of it is not understood. The error names that part, such as "latency/getVersion".
 vconf::Error ChangeSet(const ParsedJson& change);
 
+/// What the store and a new set hold under `prefix`, by what stands behind it: what a path may be meant for. Operations
+/// of the embedder are known too, though the set holds a reply to none of them yet.
+std::vector<std::string> KnownPaths(std::string_view prefix = "");
+
+/// Whether `path` lies where the set takes any name, such as a latency.
+bool IsOpenPath(std::string_view path);
+
 /// A call that can be made to fail.
 struct FaultCall {
   std::string_view name;
-  std::string_view path;  ///< what its path is, such as "a list's name"; empty when the call has none
+  std::string_view path;    ///< what its path is, such as "a list's name"; empty when the call has none
+  std::string_view prefix;  ///< what `KnownPaths` takes for such paths
 };
 
 /// All calls that ask for faults.
 std::span<const FaultCall> FaultCalls();
 
-/// Sets `fault`; an error for a call that is none of `FaultCalls`, which lists them.
+/// The call named `name`, or an error that lists all.
+std::variant<const FaultCall*, std::string> FindFaultCall(std::string_view name);
+
+/// Sets `fault`, or says that there is no such call.
 vconf::Error AddFault(const vconf::Fault& fault);
 
 /// {"call": "vconf_get_int", "path": "*", "answer": -1, "times": 0}. Reading one back, `path` may be left out and is

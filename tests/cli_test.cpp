@@ -1,6 +1,7 @@
 // The subcommands of `mirado` beside `host`, as a shell and a script use them.
 
 #include <algorithm>
+#include <cstdlib>
 #include <sstream>
 
 #include "host_program.h"
@@ -20,13 +21,17 @@ TEST_F(CliTest, ExitStatusTellsRefusedFromMisunderstoodFromUnopened) {
   EXPECT_EQ(Run({"set-up", "latency", "getVersion", "60001"}).status, 1);
   EXPECT_EQ(Run({"set-up", "latency", "getVersoin", "5"}).status, 1);
   EXPECT_EQ(Run({"fault", "vconf_get_float", "-1"}).status, 1);
-  for (const std::vector<std::string>& words : std::vector<std::vector<std::string>>{{"get"},
-                                                                                     {"frobnicate"},
-                                                                                     {"set-up", "b2b", "maybe"},
-                                                                                     {"set-up", "picture-size", "x"},
-                                                                                     {"fault", "vconf_get_int", "x"},
-                                                                                     {"fault", "vconf_get_int"},
-                                                                                     {"host", "--log-level", "loud"}}) {
+  EXPECT_EQ(Run({"fault", "--clear", "vconf_get_float"}).status, 1);
+  for (const std::vector<std::string>& words :
+       std::vector<std::vector<std::string>>{{"get"},
+                                             {"frobnicate"},
+                                             {"set-up", "b2b", "maybe"},
+                                             {"set-up", "picture-size", "x"},
+                                             {"fault", "vconf_get_int", "x"},
+                                             {"fault", "vconf_get_int"},
+                                             {"fault", "--list", "x"},
+                                             {"fault", "--clear", "a", "b", "c"},
+                                             {"host", "--log-level", "loud"}}) {
     EXPECT_EQ(Run(words).status, 2) << words.back();
   }
   EXPECT_EQ(RunAsIs({}).status, 2);
@@ -68,6 +73,42 @@ TEST_F(CliTest, ValuesKeepTheTypeTheyAreTypedWith) {
     EXPECT_EQ(Run({"get", path}).out, each.got + "\n");
     EXPECT_TRUE(Holds(Run({"list", path}).out, " " + each.listed + "\n"));
   }
+}
+
+TEST_F(CliTest, AnswersASlipWithWhatMayBeMeant) {
+  const std::string caption = "db/menu/caption/caption";
+  ASSERT_EQ(Run({"set", "db/test/text", "words"}).status, 0);
+  struct Case {
+    std::vector<std::string> words;
+    int status;
+    std::string said;  // empty for nothing
+  };
+  const std::vector<Case> cases = {
+      {{"set", caption, "1"}, 0, ""},
+      {{"set", "db/test/text", "other words"}, 0, ""},
+      {{"set", "set/latency/getVersion", "0"}, 0, ""},
+      {{"set", "db/menu/caption/captoin", "1"},
+       0,
+       "captoin: no setting has this path, but the key is set; did you mean " + caption + "?\n"},
+      {{"set", "memory/mine", "1"}, 0, "memory/mine: no setting has this path, but the key is set\n"},
+      {{"set", caption, "one"}, 1, "integer"},
+      {{"set", "db/setting/accessibility/tts", "1"}, 1, "write true or false"},
+      {{"set", "db/test/text", "42"}, 1, R"('"42"')"},
+      {{"fault", "vconf_get_int", caption, "-1"}, 0, ""},
+      {{"fault", "vconf_get_int", "db/menu/captions/caption", "-1"}, 0, "did you mean " + caption + "?\n"},
+      {{"fault", "GetItemDataList", "primary-audio-language", "-1"}, 0, ""},
+      {{"fault", "GetItemDataList", "primary_audio_language", "-1"}, 0, "did you mean primary-audio-language?\n"},
+      {{"fault", "GenericSyncCall", "get_window_id", "-1"}, 0, ""},
+      {{"fault", "GetPictureSize", caption, "-1"}, 0, "GetPictureSize has no path"},
+      {{"set-up", "latency", "getVersoin", "5"}, 1, " getVersion "},
+      {{"set-up", "latency", "getVersoin", "none"}, 0, ""},
+  };
+  for (const Case& each : cases) {
+    const Outcome outcome = Run(each.words);
+    EXPECT_EQ(outcome.status, each.status) << each.words[1];
+    EXPECT_TRUE(each.said.empty() ? outcome.log.empty() : Holds(outcome.log, each.said)) << outcome.log;
+  }
+  EXPECT_EQ(Run({"get", "db/menu/caption/captoin"}).out, "1\n");
 }
 
 TEST_F(CliTest, ListNamesEverySettingAndKeepsItsLinesInColumns) {

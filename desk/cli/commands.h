@@ -2,6 +2,7 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
 #include <CLI/CLI.hpp>
 
@@ -34,6 +35,10 @@ void AddPluginOption(CLI::App& command, std::string& plugin);
 /// Opens `store`, which is filled with a new set when it does not exist, and does `work` on it. An error goes to
 /// stderr.
 int WithStore(const std::string& store, const std::function<vconf::Error()>& work);
+
+/// Says on stderr that `path` is none of `known`: `what` is so, and which of them may be meant. Nothing is said of one
+/// that is known.
+void NoteUnknown(const std::string& path, const std::string& what, const std::vector<std::string>& known);
 
 /// How a value is typed on the command line: an integer of 32 bits, `true`, `false`, or a text. A text that looks like
 /// one of the others stands in double quotes of its own, as JSON has it.

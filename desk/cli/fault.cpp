@@ -34,7 +34,23 @@ vconf::Error Clear(const std::vector<std::string>& arguments) {
   if (arguments.empty()) {
     return vconf::ClearFaults();
   }
+  auto call = FindFaultCall(arguments[0]);
+  if (auto* error = std::get_if<std::string>(&call)) {
+    return std::move(*error);
+  }
   return vconf::ClearFault(arguments[0], arguments.size() > 1 ? arguments[1] : kEveryPath);
+}
+
+/// A slip in the path makes a fault that no call ever meets.
+void NotePath(const vconf::Fault& fault) {
+  const auto found = FindFaultCall(fault.call);
+  const FaultCall& call = *std::get<const FaultCall*>(found);
+  if (fault.path != kEveryPath && !call.path.empty()) {
+    NoteUnknown(fault.path, "is not known as " + std::string(call.path) + ", but the fault is set",
+                KnownPaths(call.prefix));
+  } else if (fault.path != kEveryPath && !fault.path.empty()) {
+    NoteUnknown(fault.path, fault.call + " has no path, but the fault is set", {});
+  }
 }
 
 vconf::Error ChangeFaults(const FaultOptions& options) {
@@ -46,15 +62,23 @@ vconf::Error ChangeFaults(const FaultOptions& options) {
     return std::nullopt;
   }
   const auto answer = ValueFromArgument(options.arguments.back());
-  return AddFault({.call = options.arguments.front(),
-                   .path = options.arguments.size() == 3 ? options.arguments[1] : kEveryPath,
-                   .answer = std::get<int>(answer),
-                   .times = options.times});
+  const vconf::Fault fault{.call = options.arguments.front(),
+                           .path = options.arguments.size() == 3 ? options.arguments[1] : kEveryPath,
+                           .answer = std::get<int>(answer),
+                           .times = options.times};
+  auto error = AddFault(fault);
+  if (!error) {
+    NotePath(fault);
+  }
+  return error;
 }
 
 /// The middle one of three may be left out, which the parser has no words for.
 void Check(const FaultOptions& options) {
-  if (options.clear || options.list || options.arguments.empty()) {
+  if (options.clear && options.arguments.size() > 2) {
+    throw CLI::ValidationError("--clear takes CALL and PATH at most");
+  }
+  if (options.clear || options.arguments.empty()) {
     return;
   }
   if (options.arguments.size() < 2 || !std::holds_alternative<int>(ValueFromArgument(options.arguments.back()))) {
@@ -87,11 +111,11 @@ void AddFaultCommand(CLI::App& app, Run& run) {
       "path.\n" +
       Calls());
   AddStoreOption(*command, options->store);
-  command->add_option("FAULT", options->arguments, "CALL [PATH] ANSWER; behind --clear, CALL [PATH]")
-      ->expected(0, 3)
-      ->type_name("");
+  auto* fault = command->add_option("FAULT", options->arguments, "CALL [PATH] ANSWER; behind --clear, CALL [PATH]")
+                    ->expected(0, 3)
+                    ->type_name("");
   command->add_option("--times", options->times, "How often; 0 is until the fault is cleared")->capture_default_str();
-  auto* list = command->add_flag("--list", options->list, "Print the faults that are set");
+  auto* list = command->add_flag("--list", options->list, "Print the faults that are set")->excludes(fault);
   command->add_flag("--clear", options->clear, "Clear all faults, or the one that is named")->excludes(list);
   command->callback([options, &run] {
     Check(*options);

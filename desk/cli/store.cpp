@@ -33,6 +33,31 @@ vconf::Error Get(const StoreOptions& options) {
   return std::nullopt;
 }
 
+/// Why a key that holds `held` does not take what was typed, and what to type.
+std::string OtherType(const vconf::Value& held, const std::string& typed) {
+  if (std::holds_alternative<int>(held)) {
+    return "holds an integer of 32 bits and takes no other type: write it in digits, such as " + ToArgument(held);
+  }
+  if (std::holds_alternative<bool>(held)) {
+    return "holds a boolean and takes no other type: write true or false";
+  }
+  return "holds a text and takes no other type: write it as '" + ToArgument(vconf::Value(typed)) + "'";
+}
+
+vconf::Error Set(const StoreOptions& options) {
+  const auto value = ValueFromArgument(options.value);
+  const auto held = vconf::Get(options.path);
+  if (held && held->index() != value.index()) {
+    return options.path + ": " + OtherType(*held, options.value);
+  }
+  const auto known = KnownPaths();
+  auto error = vconf::Set(options.path, value);
+  if (!error && !IsOpenPath(options.path)) {
+    NoteUnknown(options.path, "no setting has this path, but the key is set", known);
+  }
+  return error;
+}
+
 vconf::Error List(const StoreOptions& options) {
   std::map<std::string, vconf::Value> others;
   for (const vconf::Entry& entry : vconf::List(options.path)) {
@@ -97,11 +122,11 @@ void AddStoreCommands(CLI::App& app, Run& run) {
   auto* get = Add(app, run, options, "get", "Print the value of a key", Get);
   get->add_option("PATH", options->path, "The key, such as db/menu/caption/caption")->required();
 
-  auto* set = Add(app, run, options, "set", "Give a key a value",
-                  [](const StoreOptions& given) { return vconf::Set(given.path, ValueFromArgument(given.value)); });
+  auto* set = Add(app, run, options, "set", "Give a key a value", Set);
   set->footer(
       "A value is an integer of 32 bits, true, false or else a text. A text that looks like one of the others\n"
-      "goes in double quotes of its own: mirado set PATH '\"42\"'. A key keeps the type that it has.");
+      "goes in double quotes of its own: mirado set PATH '\"42\"'. A key keeps the type that it has.\n"
+      "A key that is not there yet is made; a note on stderr tells when nothing on the set is known to have it.");
   set->add_option("PATH", options->path, "The key")->required();
   set->add_option("VALUE", options->value, "The value")->required();
 
