@@ -79,6 +79,30 @@ std::variant<Request, std::string> ParseRequest(std::string_view line) {
   return request;
 }
 
+bool Converse(int input, const EndRequest& end,
+              const std::function<vconf::Error(std::string_view line, const Request& request)>& handle,
+              const std::function<void(const Json&)>& complain) {
+  LineReader reader(input, end);
+  bool all_good = true;
+  std::string line;
+  for (int number = 1;; ++number) {
+    const auto result = reader.Next(line);
+    if (result == LineReader::Result::kEnd) {
+      return all_good;
+    }
+    std::variant<Request, std::string> parsed = "longer than " + std::to_string(LineReader::kMaxLine) + " bytes";
+    if (result == LineReader::Result::kLine) {
+      parsed = ParseRequest(line);
+    }
+    const auto* const request = std::get_if<Request>(&parsed);
+    const vconf::Error error = request != nullptr ? handle(line, *request) : std::get<std::string>(parsed);
+    if (error) {
+      all_good = false;
+      complain({{"error", "line " + std::to_string(number) + ": " + *error}});
+    }
+  }
+}
+
 std::chrono::milliseconds Latency(const Request& request) {
   const bool is_message = request.kind == Request::Kind::kSend || request.kind == Request::Kind::kPost;
   const ParsedJson& message = request.argument;

@@ -9,6 +9,7 @@
 
 #include "browser_control.h"
 #include "json.h"
+#include "lines.h"
 
 namespace desk {
 
@@ -26,6 +27,13 @@ struct Request {
 
 /// What `line` asks for, or what is wrong with it.
 std::variant<Request, std::string> ParseRequest(std::string_view line);
+
+/// Reads lines from `input` until it ends, or `end` is asked for, and hands each request to `handle`, which returns
+/// what is wrong with it. What is wrong with a line is said in one `error` line that names it. Returns whether all were
+/// good.
+bool Converse(int input, const EndRequest& end,
+              const std::function<vconf::Error(std::string_view line, const Request& request)>& handle,
+              const std::function<void(const Json&)>& complain);
 
 /// How long the set holds `request` back before the plug-in gets it.
 std::chrono::milliseconds Latency(const Request& request);

@@ -5,7 +5,6 @@
 #include <memory>
 #include <string>
 #include <system_error>
-#include <variant>
 
 #include "commands.h"
 #include "dlog_control.h"
@@ -23,36 +22,6 @@ struct HostOptions {
   std::string record;
   int log_level = 4;
 };
-
-/// Reads requests until the input ends and complains of bad ones. Returns whether all of them were good.
-bool Converse(Session& session, const EndRequest& end, Recorder* recorder, LineWriter& writer) {
-  LineReader reader(STDIN_FILENO, end);
-  bool all_good = true;
-  std::string line;
-  for (int number = 1;; ++number) {
-    const auto result = reader.Next(line);
-    if (result == LineReader::Result::kEnd) {
-      return all_good;
-    }
-    std::variant<Request, std::string> parsed = "longer than " + std::to_string(LineReader::kMaxLine) + " bytes";
-    if (result == LineReader::Result::kLine) {
-      parsed = ParseRequest(line);
-    }
-    vconf::Error error;
-    if (const auto* request = std::get_if<Request>(&parsed)) {
-      end.WaitFor(-1, Latency(*request));  // not in the recorder's time: what others change meanwhile is theirs
-      error = recorder != nullptr ? recorder->Handle(session, line, *request) : session.Handle(*request);
-    } else {
-      error = std::get<std::string>(parsed);
-    }
-    if (error) {
-      all_good = false;
-      Json answer = Json::object();
-      answer["error"] = "line " + std::to_string(number) + ": " + *error;
-      writer.Write(ToText(answer));
-    }
-  }
-}
 
 /// A file that holds something already; what is no regular file, such as a pipe, holds nothing that could be lost.
 bool WouldBeLost(const std::string& file) {
@@ -91,7 +60,11 @@ int Host(const HostOptions& options) {
     std::cerr << error << '\n';
     return kCannotStart;
   }
-  bool all_good = Converse(*session, end, recorder.get(), writer);
+  const auto handle = [&](std::string_view line, const Request& request) {
+    end.WaitFor(-1, Latency(request));  // not in the recorder's time: what others change meanwhile is theirs
+    return recorder != nullptr ? recorder->Handle(*session, line, request) : session->Handle(request);
+  };
+  bool all_good = Converse(STDIN_FILENO, end, handle, [&](const Json& error) { writer.Write(ToText(error)); });
   session.reset();
   vconf::CloseStore();
   if (recorder != nullptr && recorder->Failed()) {

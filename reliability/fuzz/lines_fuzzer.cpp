@@ -2,10 +2,12 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdint>
+#include <string>
+#include <string_view>
 
-#include "lines.h"
 #include "property.h"
 #include "session.h"
 
@@ -26,10 +28,11 @@ desk::EndRequest& NoEnd() {
 }
 
 /// What one line that is a request must be answered with before the next is read.
-void Converse(desk::Session& session, const desk::Request& request, fuzz::PageEar& ear, const desk::Json& answer) {
+vconf::Error Handle(desk::Session& session, const desk::Request& request, fuzz::PageEar& ear,
+                    const desk::Json& answer) {
   using Kind = desk::Request::Kind;
   if (request.kind == Kind::kPost) ear.Expect(fuzz::CommandOf(desk::ToVar(request.argument)));
-  const auto error = session.Handle(request);
+  auto error = session.Handle(request);
   switch (request.kind) {
     case Kind::kSend:
       fuzz::Require(answer.size() == 1 && answer[0].contains("reply"), "one reply", answer);
@@ -44,6 +47,7 @@ void Converse(desk::Session& session, const desk::Request& request, fuzz::PageEa
       break;
   }
   fuzz::Require(!error || (request.kind == Kind::kSet && !error->empty()), "only set may fail", error.value_or(""));
+  return error;
 }
 
 }  // namespace
@@ -69,19 +73,31 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   auto session = desk::Session::Start(MIRADO_PLUGIN_PATH, say, &error);
   fuzz::Require(session != nullptr, "a session", error);
 
-  desk::LineReader reader(input.get(), NoEnd());
-  std::string line;
-  for (auto result = reader.Next(line); result != desk::LineReader::Result::kEnd; result = reader.Next(line)) {
-    if (result != desk::LineReader::Result::kLine) continue;
-    const auto request = desk::ParseRequest(line);
-    if (const auto* cause = std::get_if<std::string>(&request)) {
-      fuzz::Require(!cause->empty(), "a bad line is told why");
-      continue;
-    }
+  std::size_t good = 0;
+  std::size_t bad = 0;
+  const auto handle = [&](std::string_view, const desk::Request& request) {
     fuzz::Require(answer.empty(), "nothing is answered that was not asked", answer);
-    Converse(*session, std::get<desk::Request>(request), ear, answer);
+    auto wrong = Handle(*session, request, ear, answer);
     answer.clear();
-  }
+    if (!wrong) ++good;
+    return wrong;
+  };
+  const auto complain = [&](const desk::Json& line) {
+    ++bad;
+    const std::string begin = "line " + std::to_string(good + bad) + ": ";
+    fuzz::Require(line.size() == 1 && line.contains("error") && line["error"].is_string(), "the form of an error",
+                  line);
+    const auto& text = line["error"].get_ref<const std::string&>();
+    fuzz::Require(text.starts_with(begin) && text.size() > begin.size(), "the line is named, and the cause", line);
+    const auto read_back = desk::ParseJson(desk::ToText(line), nullptr, desk::kMaxJsonDepth + 2);
+    fuzz::Require(std::holds_alternative<desk::ParsedJson>(read_back), "what is said is JSON", line);
+  };
+  const bool all_good = desk::Converse(input.get(), NoEnd(), handle, complain);
+  fuzz::Require(all_good == (bad == 0), "what is wrong is told");
+  const std::string_view text(reinterpret_cast<const char*>(data), size);
+  const auto newlines = static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
+  const std::size_t lines = newlines + (!text.empty() && text.back() != '\n' ? 1 : 0);
+  fuzz::Require(good + bad == lines, "one outcome for each line", good + bad);
   session->Settle();
   session.reset();
   ear.Finish();
