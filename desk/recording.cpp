@@ -149,7 +149,7 @@ std::variant<std::vector<ParsedJson>, std::string> Play(const Recording& recordi
 
 }  // namespace
 
-Recorder::Recorder(const std::string& file) : stream_(file, std::ios::trunc) {
+Recorder::Recorder(const std::string& file, Hear hear) : hear_(std::move(hear)), stream_(file, std::ios::trunc) {
   // A change that comes meanwhile waits for the first line.
   const std::lock_guard lock(mutex_);
   std::string error;
@@ -174,20 +174,33 @@ Recorder::Recorder(const std::string& file) : stream_(file, std::ios::trunc) {
 }
 
 vconf::Error Recorder::Handle(Session& session, std::string_view line, const Request& request) {
-  const auto set_handling = [this](bool handling) {
-    const std::lock_guard lock(mutex_);
-    handling_ = handling;
-  };
   session.Settle();
-  set_handling(true);
-  Write("in", line);
+  {
+    const std::lock_guard lock(mutex_);
+    handling_ = true;
+    WriteLocked("in", line);
+  }
   auto error = session.Handle(request);
   session.Settle();
-  set_handling(false);
+  const std::lock_guard lock(mutex_);
+  handling_ = false;
+  for (std::string& text : unheard_) {
+    hear_(std::move(text));
+  }
+  unheard_.clear();
   return error;
 }
 
-void Recorder::Out(const Json& line) { Write("out", ToText(line)); }
+void Recorder::Out(const Json& line) {
+  std::string text = ToText(line);
+  const std::lock_guard lock(mutex_);
+  WriteLocked("out", text);
+  if (handling_) {
+    unheard_.push_back(std::move(text));
+  } else {
+    hear_(std::move(text));
+  }
+}
 
 bool Recorder::Failed() {
   const std::lock_guard lock(mutex_);
@@ -195,22 +208,19 @@ bool Recorder::Failed() {
 }
 
 // Each line is flushed: what a session did until it was killed is what one wants to see most.
-void Recorder::Write(const char* name, std::string_view text) {
-  const std::lock_guard lock(mutex_);
+void Recorder::WriteLocked(const char* name, std::string_view text) {
   stream_ << R"({")" << name << R"(": )" << text << '}' << std::endl;
 }
 
 // What changes while a request is handled changes again when the request is played.
 void Recorder::OnChange(const vconf::Change& change) {
-  {
-    const std::lock_guard lock(mutex_);
-    if (handling_ || !change.value) {
-      return;
-    }
+  const std::lock_guard lock(mutex_);
+  if (handling_ || !change.value) {
+    return;
   }
   Json set = Json::object();
   set["set"][change.path] = ToJson(*change.value);
-  Write("in", ToText(set));
+  WriteLocked("in", ToText(set));
 }
 
 std::variant<Recording, std::string> ReadRecording(const std::string& file) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -27,12 +28,16 @@ namespace desk {
 /// Writes a recording.
 class Recorder {
  public:
+  /// Takes a line that comes out, as text; one at a time.
+  using Hear = std::function<void(std::string)>;
+
   /// Writes the first line with what the open store holds now, and notes changes from then on. `Failed` tells whether
-  /// the file can be written.
-  explicit Recorder(const std::string& file);
+  /// the file can be written. What comes out goes to `hear` as well.
+  Recorder(const std::string& file, Hear hear);
 
   /// Does `request`, which came in as `line`. A recording must say the same each time it is played, so everything is
-  /// seen through before and after it. One thread, that of the session.
+  /// seen through before and after it, and what comes out of it is heard when it is over: who changes something upon
+  /// hearing it changes it after the request. One thread, that of the session.
   vconf::Error Handle(Session& session, std::string_view line, const Request& request);
 
   /// A line that comes out. Any thread.
@@ -42,12 +47,14 @@ class Recorder {
   bool Failed();
 
  private:
-  void Write(const char* name, std::string_view text);
+  void WriteLocked(const char* name, std::string_view text);
   void OnChange(const vconf::Change& change);
 
-  std::mutex mutex_;
+  const Hear hear_;
+  std::mutex mutex_;  // guards the three below
   std::ofstream stream_;
   bool handling_ = false;
+  std::vector<std::string> unheard_;     // what has come out of the request that is handled
   std::unique_ptr<vconf::Watch> watch_;  // last, so that it ends first
 };
 

@@ -5,7 +5,9 @@
 #include <sstream>
 
 #include "host_program.h"
+#include "recording.h"
 #include "settings.h"
+#include "simulated_set.h"
 
 namespace {
 
@@ -225,6 +227,28 @@ TEST_F(ReplayTest, TheSameComesOutOfTheRecordedState) {
   const Outcome replay = RunAsIs({"replay", file(), file()});
   EXPECT_EQ(replay.status, 0) << replay.out << replay.log;
   EXPECT_TRUE(Holds(Run({"host", "--record", "/dev/stdout"}).out, R"("recording")"));
+}
+
+TEST_F(ReplayTest, AChangeUponAnAnswerIsNoneOfTheRequest) {
+  ASSERT_EQ(desk::OpenSet(store()), std::nullopt);
+  int value = 0;
+  {
+    desk::Recorder recorder(file(), [&](const std::string&) { vconf::Set("db/menu/caption/captionmode", ++value); });
+    ASSERT_FALSE(recorder.Failed());
+    std::string error;
+    const auto session = desk::Session::Start(
+        MIRADO_PLUGIN_PATH, [&](const desk::Json& line) { recorder.Out(line); }, &error);
+    ASSERT_NE(session, nullptr) << error;
+    const std::string ask = R"({"send":{"command":"getMenuValue","propertyKey":1}})";
+    const std::string write = R"({"post":{"command":"setMenuValue","propertyKey":16,"value":5}})";
+    for (const std::string& line : {ask, ask, write, ask, std::string(R"({"settle":true})"), ask}) {
+      ASSERT_EQ(recorder.Handle(*session, line, std::get<desk::Request>(desk::ParseRequest(line))), std::nullopt);
+    }
+  }
+  vconf::CloseStore();
+  EXPECT_EQ(value, 7) << "six answers and the last word";
+  const Outcome replay = RunAsIs({"replay", file()});
+  EXPECT_EQ(replay.status, 0) << replay.out << Contents(file());
 }
 
 TEST_F(ReplayTest, TheRecordedExamplesComeOutTheSame) {

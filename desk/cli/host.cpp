@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 #include <system_error>
+#include <utility>
 
 #include "commands.h"
 #include "dlog_control.h"
@@ -39,20 +40,22 @@ int Host(const HostOptions& options) {
   if (const auto error = OpenSet(options.store)) {
     std::cerr << "mirado: there is no store, so every reply that needs it will say so: " << *error << '\n';
   }
+  LineWriter writer(STDOUT_FILENO, [&end] { end.Raise(); });
   std::unique_ptr<Recorder> recorder;
   if (!options.record.empty()) {
-    recorder = std::make_unique<Recorder>(options.record);
+    recorder =
+        std::make_unique<Recorder>(options.record, [&writer](std::string text) { writer.Write(std::move(text)); });
     if (recorder->Failed()) {
       std::cerr << options.record << ": cannot be written\n";
       return kCannotStart;
     }
   }
-  LineWriter writer(STDOUT_FILENO, [&end] { end.Raise(); });
   const auto say = [&](const Json& line) {
     if (recorder != nullptr) {
       recorder->Out(line);
+    } else {
+      writer.Write(ToText(line));
     }
-    writer.Write(ToText(line));
   };
   std::string error;
   auto session = Session::Start(options.plugin, say, &error);
