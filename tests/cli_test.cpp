@@ -188,6 +188,15 @@ TEST_F(CliTest, FaultsAreListedAsTheyAreTypedAndCanBeCleared) {
 
 class ReplayTest : public CliTest {
  protected:
+  static void Settle(Program& host) {
+    host.Say(R"({"settle":true})");
+    std::string line = host.Hear();
+    while (!line.empty() && line != R"({"settled":true})") {
+      line = host.Hear();
+    }
+    ASSERT_EQ(line, R"({"settled":true})");
+  }
+
   /// A session that reads, watches, writes and fails, with a change by somebody else in between.
   void Record() const {
     Run({"set", "db/menu/caption/captionmode", "300"});
@@ -197,17 +206,18 @@ class ReplayTest : public CliTest {
     host.Say(R"({"post":{"command":"setMenuValue","propertyKey":1,"value":5}})");
     host.Say(R"({"post":{"command":"setMenuValue","propertyKey":16,"value":5}})");
     host.Say("no request at all");
-    host.Say(R"({"settle":true})");
-    while (host.Hear() != R"({"settled":true})") {
-    }
+    Settle(host);
     Run({"set", "db/menu/caption/captionmode", "7"});
     EXPECT_TRUE(Holds(host.Hear(), "MIRADO_EVENT_CAPTION_CHANGED"));
     host.Say(R"({"send":{"command":"getMenuValue","propertyKey":1}})");
     EXPECT_TRUE(Holds(host.Hear(), R"("value":7)"));
     // While the set holds a message back, others may change what it asks for.
-    Run({"set-up", "latency", "getMenuValue", "300"});
+    // Somebody who need not be started first, so that the change comes in time.
+    Program other({"host", "--store", store()}, folder() / "other-log");
+    Settle(other);
+    Run({"set-up", "latency", "getMenuValue", "1000"});
     host.Say(R"({"send":{"command":"getMenuValue","propertyKey":1}})");
-    Run({"set", "db/menu/caption/captionmode", "9"});
+    other.Say(R"({"set":{"db/menu/caption/captionmode":9}})");
     EXPECT_TRUE(Holds(host.Hear() + host.Hear(), "MIRADO_EVENT_CAPTION_CHANGED"));
     host.CloseInput();
     EXPECT_EQ(host.Wait(), 1);
