@@ -78,6 +78,37 @@ void Forked::Join() {
   close(pipe_);
 }
 
+Witness::Witness() : thread_([this](const std::stop_token& stop) { Watch(stop); }) {}
+
+Clock::duration Witness::Blamed(Clock::time_point begin, Clock::time_point end) {
+  std::unique_lock lock(mutex_);
+  woken_.wait(lock, [&] { return awake_ > end; });  // the gap that it may be in is over
+  std::erase_if(gaps_, [&](const Gap& gap) { return gap.end < begin; });
+  Clock::duration blamed = end - begin;
+  for (const Gap& gap : gaps_) {
+    blamed -= std::max(std::min(gap.end, end) - std::max(gap.begin, begin), Clock::duration::zero());
+  }
+  return blamed;
+}
+
+void Witness::Watch(const std::stop_token& stop) {
+  constexpr std::chrono::milliseconds kPeriod(1);
+  constexpr std::chrono::milliseconds kGap(10);
+  std::unique_lock lock(mutex_);
+  while (!stop.stop_requested()) {
+    woken_.wait_for(lock, stop, kPeriod, [] { return false; });
+    const auto now = Clock::now();
+    if (now - awake_ > kGap) gaps_.push_back({awake_, now});
+    awake_ = now;
+    woken_.notify_all();
+  }
+}
+
+void Slowest::Take(Witness& witness, Clock::time_point begin, Clock::time_point end) {
+  slowest_ = std::max(slowest_.load(), end - begin);
+  if (end - begin > blamed_.load()) blamed_ = std::max(blamed_.load(), witness.Blamed(begin, end));
+}
+
 Usage OwnUsage() {
   double mebibytes = 0;
   std::ifstream status("/proc/self/status");

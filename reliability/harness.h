@@ -1,10 +1,15 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
+#include <mutex>
 #include <random>
+#include <stop_token>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "host_program.h"
@@ -78,6 +83,45 @@ class Forked {
 /// Memory that a process shares with those it forks; `T` is not destroyed.
 template <typename T>
 T& SharedWithForks();
+
+/// A thread that wakes every millisecond and notes when it could not: the machine had other work or stood still, which
+/// no other part of the process is to blame for.
+class Witness {
+ public:
+  Witness();
+  Witness(const Witness&) = delete;
+  Witness& operator=(const Witness&) = delete;
+
+  /// The time from `begin` to `end`, which is past, less what the process lost of it. Waits until the witness wakes.
+  Clock::duration Blamed(Clock::time_point begin, Clock::time_point end);
+
+ private:
+  struct Gap {
+    Clock::time_point begin;
+    Clock::time_point end;
+  };
+
+  void Watch(const std::stop_token& stop);
+
+  std::mutex mutex_;
+  std::condition_variable_any woken_;
+  Clock::time_point awake_ = Clock::now();
+  std::vector<Gap> gaps_;
+  std::jthread thread_;  // last, so that it ends first
+};
+
+/// The slowest of many, as it was and without what the process is not to blame for.
+class Slowest {
+ public:
+  void Take(Witness& witness, Clock::time_point begin, Clock::time_point end);
+
+  double milliseconds() const { return Milliseconds(slowest_.load()); }
+  double blamed_milliseconds() const { return Milliseconds(blamed_.load()); }
+
+ private:
+  std::atomic<Clock::duration> slowest_;
+  std::atomic<Clock::duration> blamed_;
+};
 
 struct Usage {
   double mebibytes;  ///< of memory that is backed by no file

@@ -31,8 +31,8 @@ struct Seen {
   std::atomic<std::uint64_t> torn;
   std::atomic<std::uint64_t> back_in_time;
   std::atomic<std::uint64_t> failed_writes;
-  std::atomic<std::uint64_t> slowest_read_ns;
-  std::atomic<std::uint64_t> slowest_write_ns;
+  Slowest read;
+  Slowest write;
   std::atomic<std::uint64_t> events;
   std::atomic<bool> stop;
 };
@@ -71,16 +71,13 @@ void Write(const std::string& store, int pipe) {
   }
 }
 
-void Raise(std::atomic<std::uint64_t>& most, Clock::duration time) {
-  most = std::max(most.load(), static_cast<std::uint64_t>(time.count()));
-}
-
 /// Reads all the time and writes a little too, since the lock of the killed writer has to come free.
 void Read(const std::string& store, Seen& seen, int pipe) {
   EXPECT_EQ(vconf::OpenStore(store), std::nullopt);
   const auto count = [](keynode_t*, void* events) { ++*static_cast<std::atomic<std::uint64_t>*>(events); };
   EXPECT_GE(vconf_notify_key_changed(kNumber, count, &seen.events), 0);
   EXPECT_EQ(write(pipe, "", 1), 1);
+  Witness witness;
   std::array<int, 3> last{};
   for (std::uint64_t round = 1; !seen.stop; ++round) {
     const auto before = Clock::now();
@@ -96,10 +93,11 @@ void Read(const std::string& store, Seen& seen, int pipe) {
       }
     }
     const auto between = Clock::now();
-    Raise(seen.slowest_read_ns, between - before);
+    seen.read.Take(witness, before, between);
     if (round % 256 == 0) {
+      const auto written_from = Clock::now();
       if (vconf_set_int("db/kill/reader", static_cast<int>(round / 256)) != 0) ++seen.failed_writes;
-      Raise(seen.slowest_write_ns, Clock::now() - between);
+      seen.write.Take(witness, written_from, Clock::now());
     }
     ++seen.reads;
   }
@@ -140,6 +138,7 @@ void RunKill(double kills, unsigned seed) {
   };
   std::array<int, 3> held{};
   std::vector<double> opening;
+  Slowest slowest_opening;
   std::uint64_t acknowledged = 0;
   int kill = 0;
   for (; progress.GoesOn(kill); ++kill) {
@@ -163,9 +162,14 @@ void RunKill(double kills, unsigned seed) {
     writer.Signal(SIGKILL);
     while (take()) {
     }
-    const auto before = Clock::now();
-    EXPECT_EQ(vconf::OpenStore(store), std::nullopt);
-    opening.push_back(Milliseconds(Clock::now() - before));
+    {
+      Witness witness;
+      const auto before = Clock::now();
+      EXPECT_EQ(vconf::OpenStore(store), std::nullopt);
+      const auto opened = Clock::now();
+      opening.push_back(Milliseconds(opened - before));
+      slowest_opening.Take(witness, before, opened);
+    }
     for (int key = 0; key < 3; ++key) {
       const auto at = static_cast<std::size_t>(key);
       held[at] = NumberIn(key);
@@ -181,16 +185,14 @@ void RunKill(double kills, unsigned seed) {
   EXPECT_EQ(seen.back_in_time, 0U);
   EXPECT_EQ(seen.failed_writes, 0U);
   EXPECT_EQ(seen.events, static_cast<std::uint64_t>(held[0])) << "one event for each write";
-  const double slowest_read = static_cast<double>(seen.slowest_read_ns) / 1e6;
-  const double slowest_write = static_cast<double>(seen.slowest_write_ns) / 1e6;
   constexpr double kLongTime = kSanitized ? 2'000 : 500;  // with room for a machine that has other work
-  EXPECT_LT(slowest_read, kLongTime) << "the reader stalled";
-  EXPECT_LT(Quantile(opening, 1), kLongTime) << "the store opens at once";
+  EXPECT_LT(seen.read.blamed_milliseconds(), kLongTime) << "the reader stalled";
+  EXPECT_LT(slowest_opening.blamed_milliseconds(), kLongTime) << "the store opens at once";
   std::printf(
       "kill: %d kills%s, %llu acknowledged writes all there; store open again after %.2f ms (median), %.2f ms (most)\n"
       "  beside it %llu reads, none torn, the slowest %.1f ms (a write: %.1f ms); %llu events, one for each write\n",
       kill, Progress::Remark().c_str(), static_cast<unsigned long long>(acknowledged), Quantile(opening, 0.5),
-      Quantile(opening, 1), 3ULL * seen.reads.load(), slowest_read, slowest_write,
+      Quantile(opening, 1), 3ULL * seen.reads.load(), seen.read.milliseconds(), seen.write.milliseconds(),
       static_cast<unsigned long long>(seen.events.load()));
 }
 

@@ -1,4 +1,5 @@
 // 64 pages at once: what one of them feels while a second process drives the others.
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <thread>
@@ -19,6 +20,7 @@ struct Tally {
   std::atomic<int> asked;
   std::atomic<int> heard;
   std::atomic<int> failed;
+  std::atomic<std::uint64_t> waited_us;  ///< for the answers to `asked`
 };
 
 /// A page that listens, watches a setting and asks ten times a second.
@@ -40,8 +42,10 @@ void BeAPage(int port, const std::string& id, Tally& tally) {
   const std::string messages = "/api/pages/" + id + "/messages";
   Desk::Ask(port, "POST", messages, {{"send", {{"command", "registerVconfKeysForCaption"}, {"propertyKey", 0}}}});
   while (true) {  // until the process ends
+    const auto before = Clock::now();
     const auto answer =
         Desk::Ask(port, "POST", messages, {{"send", {{"command", "getMenuValue"}, {"propertyKey", 0}}}});
+    tally.waited_us += static_cast<std::uint64_t>(Milliseconds(Clock::now() - before) * 1000);
     ++(answer.status == 200 ? tally.asked : tally.failed);
     std::this_thread::sleep_for(kBetweenRequests);
   }
@@ -89,15 +93,19 @@ void RunLoad(double requests, unsigned /*seed*/) {
   EXPECT_EQ(desk.Ask("GET", "/api/pages").json()["pages"].size(), kOthers + 1U);
   EXPECT_EQ(desk.Ask("POST", "/api/pages", Json::object()).status, 503);
   const int asked_before = tally.asked;
+  const std::uint64_t waited_before = tally.waited_us;
   const int heard_before = tally.heard;
   const auto begun = Clock::now();
   const auto crowded = Measure(progress, desk, id, requests, requests);
   const double seconds = Milliseconds(Clock::now() - begun) / 1000;
-  const double asked = (tally.asked - asked_before) / seconds;
+  const int asked_meanwhile = tally.asked - asked_before;
+  const double asked = asked_meanwhile / seconds;
+  const double mean = static_cast<double>(tally.waited_us - waited_before) / 1000 / std::max(asked_meanwhile, 1);
   const double heard = (tally.heard - heard_before) / seconds / kOthers;
   crowd.Kill();
   desk.End();
-  EXPECT_LT(Quantile(crowded, 0.99), 1'000) << "milliseconds";
+  // The others ask as fast as they are answered, so on a slow machine all wait for one another; none waits much longer.
+  EXPECT_LT(Quantile(crowded, 0.99), std::max(1'000.0, 10 * mean)) << "milliseconds; the others wait " << mean;
   EXPECT_EQ(tally.failed, 0) << "requests of the others";
   EXPECT_TRUE(Progress::Stopped() || heard > 0);
   std::printf(
