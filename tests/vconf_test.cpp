@@ -99,13 +99,20 @@ TEST_F(VconfTest, ANewStoreIsFilledOnceAndAnOldOneNever) {
 TEST_F(VconfTest, TheMemoryOfLostStoresIsSweptAndNothingElse) {
   Open();
   const auto memory = std::filesystem::directory_iterator(memory_root())->path();
-  const std::string lost = memory.string().replace(memory.string().size() - 12, 3, "abc");
+  // Another store's: one digit of the id, counted from its end, is another.
+  const auto with_other_digit = [&](std::size_t from_end) {
+    std::string other = memory.string();
+    char& digit = other[other.rfind('-') - from_end];
+    digit = digit == '0' ? '1' : '0';
+    return other;
+  };
+  const std::string lost = with_other_digit(1);
   const std::string users = memory_root() + "/mirado-demo";
   for (const std::string& each : {lost, users}) {
     std::filesystem::create_directory(each);
     std::filesystem::last_write_time(each, std::filesystem::file_time_type::clock::now() - std::chrono::hours(1));
   }
-  const std::string dangling = memory.string().replace(memory.string().size() - 12, 3, "def");
+  const std::string dangling = with_other_digit(2);
   std::filesystem::create_directory(dangling);
   std::filesystem::create_symlink(folder() + "/removed", dangling + "/store");
   vconf::CloseStore();
@@ -318,7 +325,12 @@ TEST_F(VconfChangeTest, NothingIsLeftBehind) {
   const auto count = [](const char* folder) {
     return std::distance(std::filesystem::directory_iterator(folder), std::filesystem::directory_iterator());
   };
-  std::thread([] {}).join();  // with the first thread a sanitizer starts one of its own
+  // With the first thread a sanitizer starts one of its own; ours stands in the list until the kernel has taken it out.
+  pid_t first = 0;
+  std::thread([&] { first = gettid(); }).join();
+  while (std::filesystem::exists("/proc/self/task/" + std::to_string(first))) {
+    std::this_thread::yield();
+  }
   const auto files = count("/proc/self/fd");
   const auto threads = count("/proc/self/task");
   std::unique_ptr<vconf::Watch> outlives;
