@@ -21,6 +21,10 @@ const std::string& FeaturePath() {
   return path;
 }
 
+constexpr std::string_view kAny = "any";
+constexpr std::string_view kNotZero = "any but 0";
+constexpr std::string_view kNegative = "any below 0";
+
 constexpr char kLanguages[] = "1 English\n2 French\n3 Spanish\n4 German\n5 Italian\n6 Portuguese\n7 Korean";
 
 /// The changes that a description asks for, gathered before the first is made.
@@ -320,20 +324,21 @@ bool IsOpenPath(std::string_view path) {
 
 std::span<const FaultCall> FaultCalls() {
   constexpr std::string_view kKey = "a key's path";
+  // As the calls' own declarations have it.
   static constexpr std::array<FaultCall, 13> calls{{
-      {"vconf_get_int", kKey, ""},
-      {"vconf_get_bool", kKey, ""},
-      {"vconf_set_int", kKey, ""},
-      {"vconf_set_bool", kKey, ""},
-      {"vconf_sync_key", kKey, ""},
-      {"vconf_notify_key_changed", kKey, ""},
-      {"vconf_ignore_key_changed", kKey, ""},
-      {"system_info_get_custom_bool", "a feature's name", system_info::kFeaturePrefix},
-      {"GetItemDataList", "a list's name", prefdeck::kListPrefix},
-      {"CreateVideoControl", "", ""},
-      {"GetPictureSize", "", ""},
-      {"RegisterMessageHandler", "", ""},
-      {"GenericSyncCall", "an operation's name", kReplyPrefix},
+      {"vconf_get_int", kNotZero, kKey, ""},
+      {"vconf_get_bool", kNotZero, kKey, ""},
+      {"vconf_set_int", kNotZero, kKey, ""},
+      {"vconf_set_bool", kNotZero, kKey, ""},
+      {"vconf_sync_key", kNegative, kKey, ""},
+      {"vconf_notify_key_changed", kNegative, kKey, ""},
+      {"vconf_ignore_key_changed", kNegative, kKey, ""},
+      {"system_info_get_custom_bool", kNegative, "a feature's name", system_info::kFeaturePrefix},
+      {"GetItemDataList", kAny, "a list's name", prefdeck::kListPrefix},
+      {"CreateVideoControl", kNegative, "", ""},
+      {"GetPictureSize", kNegative, "", ""},
+      {"RegisterMessageHandler", kNotZero, "", ""},
+      {"GenericSyncCall", kNotZero, "an operation's name", kReplyPrefix},
   }};
   return calls;
 }
@@ -352,9 +357,14 @@ std::variant<const FaultCall*, std::string> FindFaultCall(std::string_view name)
 }
 
 vconf::Error AddFault(const vconf::Fault& fault) {
-  auto call = FindFaultCall(fault.call);
-  if (auto* error = std::get_if<std::string>(&call)) {
+  auto found = FindFaultCall(fault.call);
+  if (auto* error = std::get_if<std::string>(&found)) {
     return std::move(*error);
+  }
+  const FaultCall& call = *std::get<const FaultCall*>(found);
+  if ((call.failures == kNotZero && fault.answer == 0) || (call.failures == kNegative && fault.answer >= 0)) {
+    return std::to_string(fault.answer) + " is no failure of " + fault.call + ": " + std::string(call.failures) +
+           " is one";
   }
   return vconf::SetFault(fault);
 }

@@ -69,8 +69,9 @@ bool IsOpenPath(std::string_view path);
 /// A call that can be made to fail.
 struct FaultCall {
   std::string_view name;
-  std::string_view path;    ///< what its path is, such as "a list's name"; empty when the call has none
-  std::string_view prefix;  ///< what `KnownPaths` takes for such paths
+  std::string_view failures;  ///< which answers are failures of it: "any", "any but 0" or "any below 0"
+  std::string_view path;      ///< what its path is, such as "a list's name"; empty when the call has none
+  std::string_view prefix;    ///< what `KnownPaths` takes for such paths
 };
 
 /// All calls that ask for faults.
@@ -79,7 +80,8 @@ std::span<const FaultCall> FaultCalls();
 /// The call named `name`, or an error that lists all.
 std::variant<const FaultCall*, std::string> FindFaultCall(std::string_view name);
 
-/// Sets `fault`, or says that there is no such call.
+/// Sets `fault`, or says that there is no such call, or that the answer is no failure of the call: whoever makes it
+/// would believe that it had done its work.
 vconf::Error AddFault(const vconf::Fault& fault);
 
 /// {"call": "vconf_get_int", "path": "*", "answer": -1, "times": 0}. Reading one back, `path` may be left out and is

@@ -87,13 +87,15 @@ void Check(const FaultOptions& options) {
 }
 
 std::string Calls() {
-  std::string text = "Calls, and what their paths are:\n";
+  std::string text = "Calls, which answers are failures of them, and what their paths are:\n";
+  const auto add = [&](std::string_view column, std::size_t width) {
+    text.append(column).append(width - std::min(column.size(), width), ' ');
+  };
   for (const FaultCall& call : FaultCalls()) {
-    text.append("  ").append(call.name);
-    if (!call.path.empty()) {
-      text.append(28 - std::min<std::size_t>(call.name.size(), 28), ' ').append(call.path);
-    }
-    text += '\n';
+    text += "  ";
+    add(call.name, 29);
+    add(call.failures, call.path.empty() ? 0 : 13);
+    text.append(call.path) += '\n';
   }
   return text;
 }

@@ -85,7 +85,8 @@ std::size_t SubscriptionCount();
 /// "This call on this path answers that." A fault lies in the store, so that it reaches every process at once; it goes
 /// when it has answered `times` calls, or with 0 stays until it is cleared. The calls are named as their callers write
 /// them: the seven of the store, and those of the other services that ask with `TakeFault`. The path "*" means every
-/// path; a fault for one path goes before one for all.
+/// path; a fault for one path goes before one for all. Any answer is taken here, also one that is no failure of its
+/// call.
 struct Fault {
   std::string call;
   std::string path;
