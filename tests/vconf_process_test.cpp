@@ -1,5 +1,8 @@
 // The store among several processes, and when what it stands on gives way.
 
+#include <fcntl.h>
+#include <lmdb.h>
+
 #include <array>
 #include <atomic>
 #include <random>
@@ -141,6 +144,63 @@ TEST_F(VconfProcessTest, WhatWasAcknowledgedSurvivesAKill) {
     acknowledged = GetInt("db/a", -1);
     ASSERT_EQ(vconf_set_int("db/a", acknowledged), 0);
   }
+}
+
+// Ends this process as if it were killed behind a commit, before it said so in the table of readers.
+[[noreturn]] void DieBehindACommit(const std::string& environment) {
+  constexpr off_t kNumberOfTheLast = 8 + sizeof(pthread_mutex_t);  // behind two words that say what file it is
+  MDB_env* env = nullptr;
+  MDB_txn* txn = nullptr;
+  std::uint64_t number = 0;
+  const int table = open((environment + "/lock.mdb").c_str(), O_RDWR);
+  const bool done = mdb_env_create(&env) == 0 && mdb_env_open(env, environment.c_str(), MDB_NOSYNC, 0600) == 0 &&
+                    mdb_txn_begin(env, nullptr, 0, &txn) == 0 &&
+                    pread(table, &number, sizeof number, kNumberOfTheLast) == sizeof number &&
+                    number == mdb_txn_id(txn) - 1 && --number > 0 &&
+                    pwrite(table, &number, sizeof number, kNumberOfTheLast) == sizeof number;
+  _exit(done ? 0 : 1);
+}
+
+TEST_F(VconfProcessTest, ACommitWhoseWriterDiedIsSeenAndItsNumberNotGivenAgain) {
+  Open({{"memory/a", 1}, {"db/a", 1}});
+  vconf::CloseStore();
+  std::string memory;
+  for (const auto& entry : std::filesystem::directory_iterator(memory_root())) {
+    memory = entry.path();
+  }
+  const auto die_in = [&](const std::string& environment, const char* path, int value) {
+    return [=, this] {
+      if (vconf::OpenStore(directory()) || vconf_set_int(path, value) != 0) {
+        return 1;
+      }
+      DieBehindACommit(environment);
+    };
+  };
+  EXPECT_EQ(Process(die_in(directory(), "db/a", 2)).Wait(), 0);
+  EXPECT_EQ(Process(die_in(memory, "memory/a", 2)).Wait(), 0);
+  Open();
+  EXPECT_EQ(GetInt("db/a", 0), 2);
+  EXPECT_EQ(GetInt("memory/a", 0), 2);
+  vconf::CloseStore();
+
+  std::array<int, 2> go{};
+  ASSERT_EQ(pipe(go.data()), 0);
+  Process late([&] {
+    char byte = 0;
+    return read(go[0], &byte, 1) == 1 ? die_in(memory, "memory/a", 3)() : 1;
+  });
+  Open();
+  std::vector<Change> changes;
+  const auto watch = vconf::WatchPrefix("", [&](const Change& change) { changes.push_back(change); });
+  ASSERT_EQ(write(go[1], "g", 1), 1);
+  EXPECT_EQ(late.Wait(), 0);
+  EXPECT_EQ(vconf_set_int("db/a", 3), 0);
+  vconf::Settle();
+  ASSERT_EQ(changes.size(), 2U);
+  EXPECT_EQ(changes[0].path, "memory/a");
+  EXPECT_EQ(changes[1].sequence, changes[0].sequence + 1);
+  close(go[0]);
+  close(go[1]);
 }
 
 // ---- damage

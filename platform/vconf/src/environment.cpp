@@ -326,6 +326,20 @@ Status Environment::FileSize(std::size_t* size) const {
 
 // A file that ends before its last page may still hold all pages that are in use; else it was cut short. What a view
 // sees is not written to, but its head is, by the second change that others make meanwhile; then another view is taken.
+void Environment::SeeLastCommit() {
+  std::uint64_t seen = 0;
+  {
+    const ReadTransaction view(*this);
+    if (view.status() != kOk) {
+      return;
+    }
+    seen = view.number();
+  }
+  if (const State last = LastState(); last.number != 0 && last.number != seen) {
+    const WriteTransaction lock(*this);  // LMDB puts it right for the first who takes the lock after the dead
+  }
+}
+
 Status Environment::CheckWhole() {
   constexpr int kAttempts = 5;
   Status status = kDamaged;

@@ -56,6 +56,10 @@ class Environment {
   /// The state that a reader would see now, for little more than a look at two words. Empty when it cannot be told.
   State LastState() const;
 
+  /// Lets everybody see a commit whose writer died before it had said so, as the next writer here would. Costs next to
+  /// nothing where there is none. Not within a transaction of this thread.
+  void SeeLastCommit();
+
   /// Makes all commits durable.
   Status Sync();
 

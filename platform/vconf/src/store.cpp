@@ -320,6 +320,7 @@ class Store::Batch {
       if (write) {
         return GetNumber(*write, kHeadKey, 0, head);
       }
+      environment.SeeLastCommit();  // else its numbers would be given again
       ReadTransaction view(environment);
       return GetNumber(view, kHeadKey, 0, head);
     };
@@ -364,6 +365,11 @@ std::unique_ptr<Store> Store::Open(const std::string& directory, const std::vect
   if (const Status status = store->OpenMemory(); status != kOk) {
     __dlog_print(2, 6, "VCONF", "%s: %s", Environment::FileIn(store->memory_directory_).c_str(),
                  StatusText(status).c_str());
+  }
+  for (Environment* const environment : {store->disk_.get(), store->memory_.get()}) {
+    if (environment != nullptr) {
+      environment->SeeLastCommit();
+    }
   }
   if (!store->bell_->KnownFaultless()) {
     store->NoteFaultless();
