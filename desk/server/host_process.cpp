@@ -55,47 +55,42 @@ class PipeReader {
   int descriptor() const { return source_.get(); }
 
   /// Reads what there is, up to what a full pipe holds, so that a child that never stops talking cannot keep the thread
-  /// from its other work. Hands on the lines; at the end of the input also the piece that has no newline.
-  template <typename Handler>
-  void Drain(const Handler& on_line) {
+  /// from its other work.
+  void Read() {
     std::array<char, 8UL * 1024> chunk;  // NOLINT(*-member-init): filled by read
-    for (int left = kChunks; source_; --left) {
-      if (left == 0) {
-        return;
-      }
+    for (int left = kChunks; source_ && left > 0; --left) {
       const ssize_t size = read(source_.get(), chunk.data(), chunk.size());
-      if (size < 0 && errno == EINTR) {
-        continue;
-      }
-      if (size < 0 && errno == EAGAIN) {
+      if (size > 0) {
+        text_.append(chunk.data(), static_cast<std::size_t>(size));
+      } else if (size < 0 && errno == EAGAIN) {
         return;
-      }
-      if (size <= 0) {
+      } else if (size == 0 || errno != EINTR) {
         source_.Close();
-        break;
-      }
-      std::string_view rest(chunk.data(), static_cast<std::size_t>(size));
-      for (std::size_t end = rest.find('\n'); end != std::string_view::npos; end = rest.find('\n')) {
-        line_.append(rest.substr(0, end));
-        on_line(std::string_view(line_));
-        line_.clear();
-        rest.remove_prefix(end + 1);
-      }
-      line_.append(rest);
-      if (line_.size() > kMaxLine) {
-        on_line(std::string_view(line_));
-        line_.clear();
       }
     }
-    if (!line_.empty()) {
-      on_line(std::string_view(line_));
-      line_.clear();
+  }
+
+  /// Hands on the lines that were read; at the end of the input also the piece that has no newline.
+  template <typename Handler>
+  void HandOn(const Handler& on_line) {
+    const std::string_view text(text_);
+    std::size_t start = 0;
+    for (std::size_t end = text.find('\n', searched_); end != std::string_view::npos; end = text.find('\n', start)) {
+      on_line(text.substr(start, end - start));
+      start = end + 1;
     }
+    if (const std::string_view rest = text.substr(start); rest.size() > kMaxLine || (!source_ && !rest.empty())) {
+      on_line(rest);
+      start = text.size();
+    }
+    text_.erase(0, start);
+    searched_ = text_.size();
   }
 
  private:
   Descriptor source_;
-  std::string line_;
+  std::string text_;          // read and not handed on
+  std::size_t searched_ = 0;  // how much of it holds no newline
 };
 
 // Runs in the child between fork and exec, where only calls that are safe in a signal handler are allowed.
@@ -232,9 +227,12 @@ void HostProcess::Run(Pipes pipes) {
   PipeReader output(std::move(pipes.output));
   PipeReader log(std::move(pipes.log));
   const auto drain = [&] {
-    // The log first: what the plug-in says before it answers is then seen before the answer.
-    log.Drain([this](std::string_view line) { listener_.OnLogLine(line); });
-    output.Drain([this](std::string_view line) { listener_.OnLine(line); });
+    // What the plug-in says before it answers is seen before the answer: the log is read after the output, and handed
+    // on before it.
+    output.Read();
+    log.Read();
+    log.HandOn([this](std::string_view line) { listener_.OnLogLine(line); });
+    output.HandOn([this](std::string_view line) { listener_.OnLine(line); });
   };
   for (bool running = true; running;) {
     const bool more = WriteQueued(pipes.input);

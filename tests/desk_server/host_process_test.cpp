@@ -1,0 +1,45 @@
+#include "host_process.h"
+
+#include <functional>
+#include <future>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace desk {
+namespace {
+
+struct Listener final : HostProcess::Listener {
+  void OnLine(std::string_view line) override { on_line(line); }
+  void OnLogLine(std::string_view line) override { on_log_line(line); }
+  void OnEnd(int /*wait_status*/) override { ended.set_value(); }
+
+  std::function<void(std::string_view)> on_line = [](std::string_view) {};
+  std::function<void(std::string_view)> on_log_line = [](std::string_view) {};
+  std::promise<void> ended;
+};
+
+std::vector<std::string> Shell(std::string script) { return {"/bin/sh", "-c", std::move(script)}; }
+
+TEST(HostProcess, TellsALogLineBeforeTheLineThatCameAfterIt) {
+  Listener listener;
+  int logged = 0;
+  int lines = 0;
+  int early = 0;
+  listener.on_log_line = [&](std::string_view line) { logged = std::stoi(std::string(line)); };
+  listener.on_line = [&](std::string_view line) {
+    ++lines;
+    early += std::stoi(std::string(line)) > logged ? 1 : 0;
+  };
+  const HostProcess process(Shell("i=0; while [ $i -lt 50000 ]; do i=$((i+1)); echo $i >&2; echo $i; done"), -1,
+                            listener);
+  listener.ended.get_future().wait();
+  EXPECT_EQ(lines, 50000);
+  EXPECT_EQ(early, 0);
+}
+
+}  // namespace
+}  // namespace desk
