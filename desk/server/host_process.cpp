@@ -185,7 +185,10 @@ HostProcess::Pipes HostProcess::Start(int kept_descriptor) {
 bool HostProcess::Write(std::string_view line) {
   {
     const std::lock_guard lock(mutex_);
-    if (ended_ || kill_at_ || queue_.size() + line.size() > kMaxQueue) {
+    if (ended_ || kill_at_) {
+      return true;
+    }
+    if (queue_.size() + line.size() > kMaxQueue) {
       return false;
     }
     queue_.append(line).push_back('\n');

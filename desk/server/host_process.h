@@ -43,8 +43,8 @@ class HostProcess {
   HostProcess(const HostProcess&) = delete;
   HostProcess& operator=(const HostProcess&) = delete;
 
-  /// Queues one line, given without its newline; returns at once. False when the child is ended or ending, or when it
-  /// has left 8 MiB unread. Any thread.
+  /// Queues one line, given without its newline; returns at once. False when the child has left 8 MiB unread. A line
+  /// for a child that is ended or ending is dropped: `OnEnd` is what answers it. Any thread.
   bool Write(std::string_view line);
 
   /// Closes the child's input after what is queued, which asks it to end; one that has not after two seconds is killed.

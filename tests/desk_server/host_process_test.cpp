@@ -1,5 +1,6 @@
 #include "host_process.h"
 
+#include <csignal>
 #include <functional>
 #include <future>
 #include <string>
@@ -15,17 +16,19 @@ namespace {
 struct Listener final : HostProcess::Listener {
   void OnLine(std::string_view line) override { on_line(line); }
   void OnLogLine(std::string_view line) override { on_log_line(line); }
-  void OnEnd(int /*wait_status*/) override { ended.set_value(); }
+  void OnEnd(int /*wait_status*/) override { on_end(); }
 
   std::function<void(std::string_view)> on_line = [](std::string_view) {};
   std::function<void(std::string_view)> on_log_line = [](std::string_view) {};
-  std::promise<void> ended;
+  std::function<void()> on_end = [] {};
 };
 
 std::vector<std::string> Shell(std::string script) { return {"/bin/sh", "-c", std::move(script)}; }
 
 TEST(HostProcess, TellsALogLineBeforeTheLineThatCameAfterIt) {
   Listener listener;
+  std::promise<void> ended;
+  listener.on_end = [&] { ended.set_value(); };
   int logged = 0;
   int lines = 0;
   int early = 0;
@@ -36,9 +39,27 @@ TEST(HostProcess, TellsALogLineBeforeTheLineThatCameAfterIt) {
   };
   const HostProcess process(Shell("i=0; while [ $i -lt 50000 ]; do i=$((i+1)); echo $i >&2; echo $i; done"), -1,
                             listener);
-  listener.ended.get_future().wait();
+  ended.get_future().wait();
   EXPECT_EQ(lines, 50000);
   EXPECT_EQ(early, 0);
+}
+
+// Whoever writes may come between the end of the process and OnEnd.
+TEST(HostProcess, CallsOnlyAChildThatLivesTooFarBehind) {
+  std::signal(SIGPIPE, SIG_IGN);  // as the desk does
+  const std::string line(1024UL * 1024, 'x');
+  Listener listener;
+  std::promise<bool> written;
+  HostProcess process(Shell("exec sleep 1000"), -1, listener);
+  listener.on_end = [&] { written.set_value(process.Write(line)); };
+  int taken = 0;
+  while (taken < 100 && process.Write(line)) {
+    ++taken;
+  }
+  EXPECT_GE(taken, 7);
+  EXPECT_LT(taken, 10);
+  process.Kill();
+  EXPECT_TRUE(written.get_future().get());
 }
 
 }  // namespace
