@@ -75,6 +75,13 @@ void Write(const Answer& answer, Response& response) {
 
 bool IsShared(std::string_view path) { return path.starts_with("db/") || path.starts_with("memory/"); }
 
+// What became of a change of the store, once its events are on their way. So whoever has the answer and then opens a
+// stream does not take them for something new.
+vconf::Error Told(vconf::Error error) {
+  vconf::Settle();
+  return error;
+}
+
 Json DescribeKey(const std::string& path, const std::optional<vconf::Value>& value) {
   return {{"path", path}, {"value", value ? ToJson(*value) : Json()}};
 }
@@ -561,7 +568,7 @@ void DeskServer::Impl::AddSettings() {
     if (!value) {
       return Fail(400, "\"value\" must be an integer of 32 bits, true, false or a text");
     }
-    if (const vconf::Error error = vconf::Set(path, *value)) {
+    if (const vconf::Error error = Told(vconf::Set(path, *value))) {
       return Fail(400, *error);
     }
     return Answer{.body = DescribeKey(path, value)};
@@ -571,7 +578,7 @@ void DeskServer::Impl::AddSettings() {
     if (!IsShared(path) || !vconf::Get(path)) {
       return Fail(404, "there is no key " + path);
     }
-    const vconf::Error error = vconf::Remove(path);
+    const vconf::Error error = Told(vconf::Remove(path));
     return error ? Fail(500, *error) : Answer{};
   });
 }
@@ -579,7 +586,7 @@ void DeskServer::Impl::AddSettings() {
 void DeskServer::Impl::AddSet() {
   Get("/api/set", [](const Request&) { return Answer{.body = DescribeSet()}; });
   PatchJson("/api/set", [](const Request&, const ParsedJson& body) {
-    const vconf::Error error = ChangeSet(body);
+    const vconf::Error error = Told(ChangeSet(body));
     return error ? Fail(400, *error) : Answer{.body = DescribeSet()};
   });
 
@@ -605,7 +612,7 @@ void DeskServer::Impl::AddSet() {
                                   : vconf::ClearFaults());
   });
   Post("/api/reset", [this](const Request&) {
-    const vconf::Error error = ResetSet();
+    const vconf::Error error = Told(ResetSet());
     everything_.Add("set", "{}");
     return error ? Fail(500, *error) : Answer{};
   });
