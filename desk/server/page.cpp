@@ -305,10 +305,10 @@ void Page::End(std::string_view reason) {
     if (!ended_ && !leaving_) {
       deliveries_.Add("crash", ToText({{"status", nullptr}, {"signal", nullptr}, {"reason", reason}}));
     }
+    deliveries_.Close();  // here, so that nothing is delivered behind the end
     leaving_ = true;
     ReleaseWaiting();
   }
-  deliveries_.Close();
   host_->End();
 }
 
@@ -406,11 +406,13 @@ std::vector<std::shared_ptr<Page>> PageBook::All() const {
 void PageBook::Leave(const std::string& id) {
   const std::shared_ptr<Page> page = Find(id);
   if (page) {
-    page->End();
-    const std::lock_guard lock(mutex_);
-    if (pages_.erase(page->number()) > 0) {
-      ended_.push_back(page);
+    {
+      const std::lock_guard lock(mutex_);
+      if (pages_.erase(page->number()) > 0) {
+        ended_.push_back(page);
+      }
     }
+    page->End();  // last: whoever hears of it finds the page no more
   }
 }
 
