@@ -182,19 +182,20 @@ HostProcess::Pipes HostProcess::Start(int kept_descriptor) {
   return {.input = std::move(input.write), .output = std::move(output.read), .log = std::move(log.read)};
 }
 
-bool HostProcess::Write(std::string_view line) {
+bool HostProcess::HasRoom(std::string_view line) {
+  const std::lock_guard lock(mutex_);
+  return ended_ || kill_at_ || queue_.size() + line.size() <= kMaxQueue;
+}
+
+void HostProcess::Write(std::string_view line) {
   {
     const std::lock_guard lock(mutex_);
     if (ended_ || kill_at_) {
-      return true;
-    }
-    if (queue_.size() + line.size() > kMaxQueue) {
-      return false;
+      return;
     }
     queue_.append(line).push_back('\n');
   }
   eventfd_write(wake_.get(), 1);
-  return true;
 }
 
 void HostProcess::End() {

@@ -43,9 +43,13 @@ class HostProcess {
   HostProcess(const HostProcess&) = delete;
   HostProcess& operator=(const HostProcess&) = delete;
 
-  /// Queues one line, given without its newline; returns at once. False when the child has left 8 MiB unread. A line
+  /// False when the child has left so much unread that with `line` it would be more than 8 MiB. One that is ended or
+  /// ending has room for everything. Any thread.
+  bool HasRoom(std::string_view line);
+
+  /// Queues one line, given without its newline; returns at once. It is for the caller to ask for room first. A line
   /// for a child that is ended or ending is dropped: `OnEnd` is what answers it. Any thread.
-  bool Write(std::string_view line);
+  void Write(std::string_view line);
 
   /// Closes the child's input after what is queued, which asks it to end; one that has not after two seconds is killed.
   /// Returns at once. Any thread.

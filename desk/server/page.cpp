@@ -173,7 +173,8 @@ Page::Result Page::Submit(std::vector<Message> messages) {
 bool Page::SubmitOne(const Message& message, Result* result) {
   const std::string_view kind = message.waits ? "send" : "post";
   const Json body(message.body);
-  if (!host_->Write(ToText({{kind, body}}))) {
+  const std::string line = ToText({{kind, body}});
+  if (!host_->HasRoom(line)) {
     return false;
   }
   auto [watch_path, watch_begins] = message.waits ? WatchOf(message.body) : std::pair<std::string, bool>();
@@ -185,6 +186,7 @@ bool Page::SubmitOne(const Message& message, Result* result) {
                   .watch_path = std::move(watch_path),
                   .watch_begins = watch_begins,
                   .result = result});
+  host_->Write(line);  // last: what comes of it, on this page or elsewhere, is told after it
   return true;
 }
 
