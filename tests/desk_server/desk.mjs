@@ -150,5 +150,13 @@ export function isRunning(pid) {
   }
 }
 
+// `attempt` gives the milliseconds that it took. A machine may stall for longer than `limit` once; a desk that waits
+// where it must not takes that long each time.
+export async function oneOfFiveIsBelow(limit, attempt) {
+  const times = [];
+  do times.push(await attempt()); while (times.at(-1) >= limit && times.length < 5);
+  assert(times.at(-1) < limit, `milliseconds, of which one must be below ${limit}: ${times}`);
+}
+
 // Returns when a process that is nobody's child here has ended.
 export const ended = (pid) => run("tail", ["--sleep-interval=0.05", `--pid=${pid}`, "-f", "/dev/null"]);
