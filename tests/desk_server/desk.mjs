@@ -17,7 +17,12 @@ const program = process.env.MIRADO ?? fileURLToPath(new URL("../../build/release
 export class Desk {
   static async start(...options) {
     const folder = await mkdtemp(join(tmpdir(), "mirado-desk-test-"));
-    return Object.assign(await Desk.startOn(join(folder, "store"), ...options), { folder });
+    try {
+      return Object.assign(await Desk.startOn(join(folder, "store"), ...options), { folder });
+    } catch (error) {
+      await rm(folder, { recursive: true });
+      throw error;
+    }
   }
 
   static async startOn(store, ...options) {
@@ -31,7 +36,10 @@ export class Desk {
       if (desk.lines.push(line) === 3) break;
     }
     desk.port = Number(/:(\d+)\/$/.exec(desk.lines[0])?.[1]);
-    assert(desk.port, `the desk did not start: ${desk.lines}`);
+    if (!desk.port) {
+      const [status] = await desk.exit;
+      throw Object.assign(new Error(`the desk did not start: ${desk.lines}`), { status });
+    }
     desk.url = `http://localhost:${desk.port}`;
     return desk;
   }
