@@ -70,9 +70,10 @@ export async function useDesk() {
     await context.close();
     assert.deepEqual(errors, []);
   });
-  const openPage = async (url) => {
+  // `shows` waits for what stands there for a while only, so it begins before the page does.
+  const openPage = async (url, shows = () => {}) => {
     const page = await context.newPage();
-    await page.goto(url);
+    await Promise.all([shows(page), page.goto(url)]);
     return page;
   };
   return { desk, app, openPage };
