@@ -12,17 +12,6 @@
 
 namespace {
 
-constexpr std::array kCommands = {"getVersion",
-                                  "getMenuValue",
-                                  "getMiradoValue",
-                                  "isTVSPicSizeResized",
-                                  "registerVconfKeysForCaption",
-                                  "unRegisterVconfKeysForCaption",
-                                  "registerVconfKeysForMirado",
-                                  "unRegisterVconfKeysForMirado",
-                                  "showCaption",
-                                  "registerInAppCaptionControl",
-                                  "setMenuValue"};
 constexpr std::array kEntries = {"command", "propertyKey", "value", "show", "status"};
 
 /// A variable that nests at most `depth` deep, apart from the towers.
@@ -78,7 +67,8 @@ pp::Var AnyVar(FuzzedDataProvider& data, int depth) {
 pp::Var AnyMessage(FuzzedDataProvider& data) {
   if (data.ConsumeIntegralInRange(0, 3) == 0) return AnyVar(data, 4);
   pp::VarDictionary message;
-  message.Set("command", data.PickValueInArray(kCommands));
+  const auto commands = desk::Commands();
+  message.Set("command", std::string(commands[data.ConsumeIntegralInRange<std::size_t>(0, commands.size() - 1)]));
   for (const char* entry : {"propertyKey", "value", "show", "status"}) {
     if (data.ConsumeBool()) message.Set(entry, AnyVar(data, 1));
   }
