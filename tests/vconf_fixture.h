@@ -36,6 +36,17 @@ class VconfTest : public testing::Test {
   std::string directory() const { return folder_ / "store"; }
   std::string file() const { return directory() + "/data.mdb"; }
 
+  /// Where the keys in memory lie, once there is a store.
+  std::string memory() const {
+    for (const auto& entry : std::filesystem::directory_iterator(memory_root())) {
+      std::error_code other;
+      if (std::filesystem::equivalent(entry.path() / "store", directory(), other)) {
+        return entry.path().string();
+      }
+    }
+    return {};
+  }
+
   void Open(const std::vector<vconf::Entry>& initial = {}) {
     ASSERT_EQ(vconf::OpenStore(directory(), initial), std::nullopt);
   }

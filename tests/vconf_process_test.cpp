@@ -5,7 +5,9 @@
 
 #include <array>
 #include <atomic>
+#include <future>
 #include <random>
+#include <thread>
 
 #include "vconf_fixture.h"
 
@@ -164,10 +166,6 @@ TEST_F(VconfProcessTest, WhatWasAcknowledgedSurvivesAKill) {
 TEST_F(VconfProcessTest, ACommitWhoseWriterDiedIsSeenAndItsNumberNotGivenAgain) {
   Open({{"memory/a", 1}, {"db/a", 1}});
   vconf::CloseStore();
-  std::string memory;
-  for (const auto& entry : std::filesystem::directory_iterator(memory_root())) {
-    memory = entry.path();
-  }
   const auto die_in = [&](const std::string& environment, const char* path, int value) {
     return [=, this] {
       if (vconf::OpenStore(directory()) || vconf_set_int(path, value) != 0) {
@@ -177,7 +175,7 @@ TEST_F(VconfProcessTest, ACommitWhoseWriterDiedIsSeenAndItsNumberNotGivenAgain) 
     };
   };
   EXPECT_EQ(Process(die_in(directory(), "db/a", 2)).Wait(), 0);
-  EXPECT_EQ(Process(die_in(memory, "memory/a", 2)).Wait(), 0);
+  EXPECT_EQ(Process(die_in(memory(), "memory/a", 2)).Wait(), 0);
   Open();
   EXPECT_EQ(GetInt("db/a", 0), 2);
   EXPECT_EQ(GetInt("memory/a", 0), 2);
@@ -187,7 +185,7 @@ TEST_F(VconfProcessTest, ACommitWhoseWriterDiedIsSeenAndItsNumberNotGivenAgain) 
   ASSERT_EQ(pipe(go.data()), 0);
   Process late([&] {
     char byte = 0;
-    return read(go[0], &byte, 1) == 1 ? die_in(memory, "memory/a", 3)() : 1;
+    return read(go[0], &byte, 1) == 1 ? die_in(memory(), "memory/a", 3)() : 1;
   });
   Open();
   std::vector<Change> changes;
@@ -286,15 +284,7 @@ TEST_F(VconfDamageTest, AFileThatChangesWhileInUseIsAFailureOnly) {
     for (const bool cut : {true, false}) {
       std::filesystem::remove_all(directory());
       Fill();
-      std::string damaged = file();
-      if (memory) {
-        for (const auto& entry : std::filesystem::directory_iterator(memory_root())) {
-          if (std::filesystem::equivalent(entry.path() / "store", directory())) {
-            damaged = entry.path() / "data.mdb";
-          }
-        }
-        ASSERT_NE(damaged, file());
-      }
+      const std::string damaged = memory ? this->memory() + "/data.mdb" : file();
       const std::size_t size = std::filesystem::file_size(damaged);
       std::atomic<int> calls{0};
       const auto watch = vconf::WatchPrefix("", [&](const Change&) { ++calls; });
@@ -320,6 +310,33 @@ TEST_F(VconfDamageTest, AFileThatChangesWhileInUseIsAFailureOnly) {
       EXPECT_LE(log.size(), 4U);
     }
   }
+}
+
+TEST_F(VconfDamageTest, NobodyWaitsForChangesThatAreGone) {
+  Open({{"memory/a", 0}});
+  std::promise<void> called;
+  std::promise<void> go_on;
+  auto watch = vconf::WatchPrefix("memory/first", [&](const Change&) {
+    called.set_value();
+    go_on.get_future().wait();
+  });
+  ASSERT_EQ(vconf_set_int("memory/first", 1), 0);
+  called.get_future().wait();
+  ASSERT_EQ(vconf_set_int("memory/a", 1), 0);
+  std::promise<pid_t> id;
+  std::thread waiting([&] {
+    id.set_value(gettid());
+    vconf::Settle();
+  });
+  // It has read how far it has to wait when it sleeps.
+  const std::string state = "/proc/self/task/" + std::to_string(id.get_future().get()) + "/stat";
+  while (Contents(state).find(") S ") == std::string::npos) {
+    std::this_thread::yield();
+  }
+  std::filesystem::resize_file(memory() + "/data.mdb", 0);
+  go_on.set_value();
+  waiting.join();
+  watch.reset();
 }
 
 TEST_F(VconfDamageTest, ALostBellCostsNothingButTime) {

@@ -95,7 +95,6 @@ Status Notifier::Start(std::unique_lock<std::mutex>& /*lock*/, std::uint64_t* si
     thread_.join();  // it has ended but for its last instructions, and takes no lock in them
   }
   next_ = *since + 1;
-  unreadable_ = false;
   try {
     const SignalsBlocked blocked;
     thread_ = std::thread([this] { Run(); });
@@ -160,9 +159,9 @@ void Notifier::Settle() {
     return;
   }
   store_.bell().Ring(0);
-  unreadable_ = false;
   ++waiting_;
-  progress_.wait(lock, [&] { return !alive_ || unreadable_ || (next_ > last && running_ == nullptr); });
+  progress_.wait(
+      lock, [&, before = looks_] { return !alive_ || vain_look_ > before || (next_ > last && running_ == nullptr); });
   --waiting_;
 }
 
@@ -204,10 +203,11 @@ bool Notifier::Deliver() {
       return false;
     }
     const std::uint64_t next = next_;
+    const std::uint64_t look = ++looks_;
     lock.unlock();
     changes.clear();
     bool fell_behind = false;
-    const Status status = store_.ReadChanges(next, &changes, &fell_behind);
+    static_cast<void>(store_.ReadChanges(next, &changes, &fell_behind));  // which logs what it cannot read
     if (fell_behind) {
       CatchUp();
     }
@@ -223,11 +223,12 @@ bool Notifier::Deliver() {
     if (!changes.empty()) {
       next_ = changes.back().sequence + 1;
     }
-    unreadable_ = status != kOk;
+    const bool vain = changes.empty() && !fell_behind;
+    vain_look_ = vain ? look : vain_look_;
     if (waiting_ > 0) {
       progress_.notify_all();
     }
-    if (changes.empty() && !fell_behind) {
+    if (vain) {
       return true;
     }
   }

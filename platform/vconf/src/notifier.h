@@ -63,10 +63,11 @@ class Notifier {
   std::vector<ListenerPtr> watches_;
   std::size_t subscriptions_ = 0;
   const Listener* running_ = nullptr;
-  std::uint64_t next_ = 0;   // the first change that was not handed out yet
-  bool alive_ = false;       // the thread runs, or will look at the listeners once more
-  bool unreadable_ = false;  // the last attempt to read changes failed
-  unsigned waiting_ = 0;     // threads that wait for progress
+  std::uint64_t next_ = 0;       // the first change that was not handed out yet
+  bool alive_ = false;           // the thread runs, or will look at the listeners once more
+  std::uint64_t looks_ = 0;      // how often the thread has looked for changes
+  std::uint64_t vain_look_ = 0;  // the last look that found none, be it that they could not be read
+  unsigned waiting_ = 0;         // threads that wait for progress
   std::thread thread_;
   std::thread::id thread_id_;
 };
