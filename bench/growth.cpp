@@ -206,7 +206,7 @@ Growth GrowKeys(const Effort& effort) {
   Points points;
   for (int round = 0; round < SeriesRounds(effort); ++round) {
     for (const int count : {10, 100, 1'000, 10'000, 100'000}) {
-      std::vector<vconf::Entry> entries{{kDiskKey, 1}, {kMemoryKey, 1}};
+      std::vector<vconf::Entry> entries{{kDiskKey, 1}, {kMemoryKey, 1}, {kTextKey, "text"}};
       while (entries.size() < static_cast<std::size_t>(count)) {
         const std::string number = std::to_string(entries.size());
         entries.push_back({(entries.size() % 2 == 0 ? "db/other/" : "memory/other/") + number, 1});
@@ -216,15 +216,16 @@ Growth GrowKeys(const Effort& effort) {
       const Page page = set.Page(arrivals.Listener());
       int value = 0;
       const double round_trip = PerCall(effort, [&] { page->Send(request); });
-      const double read = PerCall(effort, [&] { vconf_get_int(kDiskKey, &value); });
+      const double read = PerCall(effort, [&] { vconf::Get(kTextKey); });
       const double write = PerCall(effort, [&] { vconf_set_int(kMemoryKey, ++value); });
       MustSucceed(*page, Request("registerVconfKeysForMirado", kMemoryKeyNumber));
       points.Add(count, {round_trip, read, write, EventTime(effort, arrivals, 1)});
     }
   }
-  return {
-      {{"keys", {"keys", "ns warm round trip", "ns read", "ns write in memory", "ns to an event"}, points.Medians()}},
-      {}};
+  return {{{"keys",
+            {"keys", "ns warm round trip", "ns to look a text up", "ns write in memory", "ns to an event"},
+            points.Medians()}},
+          {}};
 }
 
 Growth GrowMessages(const Effort& effort) {

@@ -42,7 +42,7 @@ set title 'The store as it fills'
 set xlabel 'keys'
 set ylabel 'µs'
 plot data.'/keys.tsv' using 1:($2/1000) title 'warm round trip', \
-     '' using 1:($3/1000) title 'read', \
+     '' using 1:($3/1000) title 'look-up of a text', \
      '' using 1:($4/1000) title 'write in memory', \
      '' using 1:($5/1000) title 'change to event'
 

@@ -17,9 +17,11 @@
 /// The set that is measured, and what runs beside it.
 namespace bench {
 
-/// The keys that are read and written: one on disk, one in memory.
+/// The keys that are read and written: one on disk, one in memory, and a text, which the store looks up each time that
+/// it is read.
 inline constexpr char kDiskKey[] = "db/menu/caption/caption";
 inline constexpr char kMemoryKey[] = "memory/tv-viewer/bg_executable";
+inline constexpr char kTextKey[] = "db/text";
 inline constexpr int kDiskKeyNumber = 0;
 inline constexpr int kMemoryKeyNumber = 0;
 

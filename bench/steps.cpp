@@ -61,6 +61,9 @@ int main(int argc, char** argv) {
       int value = 0;
       benchmark::DoNotOptimize(vconf_get_int(kDiskKey, &value));
     });
+    const std::string text = kTextKey;
+    if (const auto error = vconf::Set(text, "text")) throw std::runtime_error(*error);
+    Register("store: a text, which is looked up each time", [&] { benchmark::DoNotOptimize(vconf::Get(text)); });
     Register("variables: reading the request", [&] { ReadRequest(request); });
     const std::string blank;
     Register("variables: `createMessage` of the reply, and its end",

@@ -111,7 +111,7 @@ class TemporaryStore {
   vconf::Error Open(const Recording& recording) {
     auto error = vconf::OpenStore(folder_ / "store", recording.state);
     for (const vconf::Fault& fault : recording.faults) {
-      error = error ? error : AddFault(fault);
+      error = error ? error : vconf::SetFault(fault);
     }
     return error;
   }

@@ -37,7 +37,8 @@ class Recorder {
 
   /// Does `request`, which came in as `line`. A recording must say the same each time it is played, so everything is
   /// seen through before and after it, and what comes out of it is heard when it is over: who changes something upon
-  /// hearing it changes it after the request. One thread, that of the session.
+  /// hearing it changes it after the request. Of a plug-in that dies within a request the recording may hold more than
+  /// was heard. One thread, that of the session.
   vconf::Error Handle(Session& session, std::string_view line, const Request& request);
 
   /// A line that comes out. Any thread.

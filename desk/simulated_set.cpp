@@ -310,6 +310,11 @@ std::vector<std::string> KnownPaths(std::string_view prefix) {
       }
     }
   }
+  for (const std::string_view command : Commands()) {
+    if (const std::string path = kLatencyPrefix + std::string(command); path.starts_with(prefix)) {
+      paths.push_back(path.substr(prefix.size()));
+    }
+  }
   if (prefix == kReplyPrefix) {
     paths.insert(paths.end(), {"check_ace_privilege", "get_window_id", "set_ime_recommended_words_type",
                                "set_ime_recommended_words"});
@@ -318,8 +323,9 @@ std::vector<std::string> KnownPaths(std::string_view prefix) {
 }
 
 bool IsOpenPath(std::string_view path) {
-  return std::ranges::any_of(
-      Places(), [&](const Place& place) { return place.path.ends_with('/') && path.starts_with(place.path); });
+  return std::ranges::any_of(Places(), [&](const Place& place) {
+    return place.path.ends_with('/') && place.path != kLatencyPrefix && path.starts_with(place.path);
+  });
 }
 
 std::span<const FaultCall> FaultCalls() {

@@ -63,8 +63,11 @@ vconf::Error ChangeSet(const ParsedJson& change);
 /// of the embedder are known too, though the set holds a reply to none of them yet.
 std::vector<std::string> KnownPaths(std::string_view prefix = "");
 
-/// Whether `path` lies where the set takes any name, such as a latency.
+/// Whether `path` lies where the set takes any name, such as a privilege.
 bool IsOpenPath(std::string_view path);
+
+/// The path of a fault that answers a call whatever its path.
+inline constexpr char kEveryPath[] = "*";
 
 /// A call that can be made to fail.
 struct FaultCall {

@@ -10,8 +10,6 @@
 namespace desk::cli {
 namespace {
 
-constexpr char kEveryPath[] = "*";
-
 struct FaultOptions {
   std::string store;
   std::vector<std::string> arguments;

@@ -89,7 +89,7 @@ Json DescribeKey(const std::string& path, const std::optional<vconf::Value>& val
 Json DescribeFaults() {
   Json calls = Json::array();
   for (const FaultCall& call : FaultCalls()) {
-    calls.push_back({{"name", call.name}, {"path", call.path}});
+    calls.push_back({{"name", call.name}, {"failures", call.failures}, {"path", call.path}});
   }
   Json faults = Json::array();
   for (const vconf::Fault& fault : vconf::ListFaults()) {
@@ -607,9 +607,15 @@ void DeskServer::Impl::AddSet() {
     return answer_with_faults(AddFault(std::get<vconf::Fault>(fault)));
   });
   Delete("/api/faults", [answer_with_faults](const Request& request) {
-    return answer_with_faults(request.has_param("call")
-                                  ? vconf::ClearFault(request.get_param_value("call"), request.get_param_value("path"))
-                                  : vconf::ClearFaults());
+    if (!request.has_param("call")) {
+      return answer_with_faults(vconf::ClearFaults());
+    }
+    const std::string name = request.get_param_value("call");
+    if (auto call = FindFaultCall(name); std::holds_alternative<std::string>(call)) {
+      return Fail(400, std::get<std::string>(std::move(call)));
+    }
+    const bool has_path = request.has_param("path");
+    return answer_with_faults(vconf::ClearFault(name, has_path ? request.get_param_value("path") : kEveryPath));
   });
   Post("/api/reset", [this](const Request&) {
     const vconf::Error error = Told(ResetSet());

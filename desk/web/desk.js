@@ -62,7 +62,7 @@
       try {
         this.open();
       } catch (error) {
-        this.end({ reason: `the desk started no plug-in: ${error.message}` });
+        this.end({ reason: `the desk started no plug-in: ${error.message.replace(/\.$/, "")}` });
       }
     }
 

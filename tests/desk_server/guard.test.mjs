@@ -80,6 +80,8 @@ test("takes JSON of a bounded size and says what is wrong with it", async () => 
     [desk.request("POST", "/api/pages", { body: '{"grace": 0}' }), 400],
     [desk.request("POST", "/api/pages", { body: '{"colour": "red"}' }), 400],
     [desk.request("POST", "/api/faults", { body: '{"call": "no_such_call", "answer": 1}' }), 400, /vconf_get_int/],
+    [desk.request("POST", "/api/faults", { body: '{"call": "vconf_get_int", "answer": 0}' }), 400, /any but 0/],
+    [desk.request("DELETE", "/api/faults?call=no_such_call"), 400, /vconf_get_int/],
     [desk.request("PATCH", "/api/set", { body: '{"b2b": "perhaps"}' }), 400, /b2b/],
   ];
   for (const [index, [request, status, text = /./]] of cases.entries()) {

@@ -324,8 +324,6 @@ Status Environment::FileSize(std::size_t* size) const {
   return file.st_nlink == 0 ? kGone : kOk;
 }
 
-// A file that ends before its last page may still hold all pages that are in use; else it was cut short. What a view
-// sees is not written to, but its head is, by the second change that others make meanwhile; then another view is taken.
 void Environment::SeeLastCommit() {
   std::uint64_t seen = 0;
   {
@@ -340,6 +338,8 @@ void Environment::SeeLastCommit() {
   }
 }
 
+// A file that ends before its last page may still hold all pages that are in use; else it was cut short. What a view
+// sees is not written to, but its head is, by the second change that others make meanwhile; then another view is taken.
 Status Environment::CheckWhole() {
   constexpr int kAttempts = 5;
   Status status = kDamaged;
