@@ -16,6 +16,9 @@ endif()
 if(MIRADO_SANITIZE)
   target_compile_options(mirado_flags INTERFACE -fsanitize=${MIRADO_SANITIZE} -fno-omit-frame-pointer
                                                 -fno-sanitize-recover=all)
+  # The sanitizers' runtimes guess the size of a loaded library's thread-local block from a header that the C library no
+  # longer writes, and now and then die of it. Laid out beside the program's own there is no such block.
+  target_compile_options(mirado_flags INTERFACE -ftls-model=initial-exec)
   if(MIRADO_SANITIZE MATCHES address)  # one name for it; each compiler has its own
     target_compile_definitions(mirado_flags INTERFACE MIRADO_SANITIZE_ADDRESS)
   endif()

@@ -116,7 +116,8 @@ void AddFaultCommand(CLI::App& app, Run& run) {
                     ->type_name("");
   command->add_option("--times", options->times, "How often; 0 is until the fault is cleared")->capture_default_str();
   auto* list = command->add_flag("--list", options->list, "Print the faults that are set")->excludes(fault);
-  command->add_flag("--clear", options->clear, "Clear all faults, or the one that is named")->excludes(list);
+  command->add_flag("--clear", options->clear, "Clear all faults, or the one that is named; without PATH, that for *")
+      ->excludes(list);
   command->callback([options, &run] {
     Check(*options);
     run = [options] { return WithStore(options->store, [&] { return ChangeFaults(*options); }); };

@@ -166,10 +166,12 @@
       return answer.reply === null ? undefined : answer.reply;
     }
 
-    // The plug-in is gone. The stream stays open, so that the desk shows the page until it is closed.
+    // The plug-in is gone. After a crash the stream stays open, so that the desk shows the page until it is closed;
+    // otherwise there is nobody to ask any more.
     end({ status = null, signal = null, reason }) {
       if (this.gone) return;
       this.gone = true;
+      if (status === null && signal === null) this.deliveries?.close();
       console.error(`Mirado: ${reason}`);
       const detail = { status, signal, reason };
       // Not at once: who made the element has had no time to listen.
