@@ -12,10 +12,10 @@
 #include <stop_token>
 #include <thread>
 
-#include "json.h"
+#include "base/json.h"
 #include "ppapi/cpp/var_dictionary.h"
+#include "set/simulated_set.h"
 #include "simulated.h"
-#include "simulated_set.h"
 #include "vconf.h"
 
 namespace bench {

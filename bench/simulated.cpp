@@ -16,9 +16,9 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "embedder.h"
 #include "ppapi/cpp/var_dictionary.h"
-#include "simulated_set.h"
+#include "set/embedder.h"
+#include "set/simulated_set.h"
 #include "vconf.h"
 
 namespace bench {

@@ -1,4 +1,4 @@
-#include "commands.h"
+#include "cli/commands.h"
 
 #include <algorithm>
 #include <iostream>
@@ -7,9 +7,9 @@
 #include <utility>
 #include <variant>
 
-#include "json.h"
-#include "places.h"
-#include "simulated_set.h"
+#include "base/json.h"
+#include "base/paths.h"
+#include "set/simulated_set.h"
 
 namespace desk::cli {
 namespace {

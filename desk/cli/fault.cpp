@@ -3,9 +3,9 @@
 #include <string>
 #include <vector>
 
-#include "commands.h"
-#include "json.h"
-#include "simulated_set.h"
+#include "base/json.h"
+#include "cli/commands.h"
+#include "set/simulated_set.h"
 
 namespace desk::cli {
 namespace {

@@ -7,12 +7,12 @@
 #include <system_error>
 #include <utility>
 
-#include "commands.h"
+#include "base/lines.h"
+#include "cli/commands.h"
 #include "dlog_control.h"
-#include "lines.h"
-#include "recording.h"
-#include "session.h"
-#include "simulated_set.h"
+#include "host/recording.h"
+#include "host/session.h"
+#include "set/simulated_set.h"
 
 namespace desk::cli {
 namespace {
@@ -35,7 +35,7 @@ int Host(const HostOptions& options) {
     std::cerr << options.record << ": holds something already; remove it, or record to another file\n";
     return kCannotStart;
   }
-  EndRequest end;
+  ShutdownSignal end;
   dlog::SetThreshold(options.log_level);
   if (const auto error = OpenSet(options.store)) {
     std::cerr << "mirado: there is no store, so every reply that needs it will say so: " << *error << '\n';
@@ -67,7 +67,7 @@ int Host(const HostOptions& options) {
     end.WaitFor(-1, Latency(request));  // not in the recorder's time: what others change meanwhile is theirs
     return recorder != nullptr ? recorder->Handle(*session, line, request) : session->Handle(request);
   };
-  bool all_good = Converse(STDIN_FILENO, end, handle, [&](const Json& error) { writer.Write(ToText(error)); });
+  bool all_good = ReadRequests(STDIN_FILENO, end, handle, [&](const Json& error) { writer.Write(ToText(error)); });
   session.reset();
   vconf::CloseStore();
   if (recorder != nullptr && recorder->Failed()) {

@@ -9,9 +9,9 @@
 #include <string>
 #include <vector>
 
-#include "commands.h"
+#include "cli/commands.h"
 #include "dlog_control.h"
-#include "recording.h"
+#include "host/recording.h"
 
 namespace desk::cli {
 namespace {

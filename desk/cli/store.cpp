@@ -8,10 +8,10 @@
 #include <memory>
 #include <string>
 
-#include "commands.h"
-#include "lines.h"
-#include "settings.h"
-#include "simulated_set.h"
+#include "base/lines.h"
+#include "cli/commands.h"
+#include "set/settings.h"
+#include "set/simulated_set.h"
 
 namespace desk::cli {
 namespace {
@@ -82,7 +82,7 @@ vconf::Error List(const StoreOptions& options) {
 }
 
 vconf::Error Watch(const StoreOptions& options) {
-  EndRequest end;
+  ShutdownSignal end;
   LineWriter writer(STDOUT_FILENO, [&end] { end.Raise(); });
   std::string error;
   const auto watch = vconf::WatchPrefix(

@@ -1,4 +1,4 @@
-#include "event_log.h"
+#include "server/event_log.h"
 
 #include <utility>
 

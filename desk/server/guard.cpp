@@ -1,4 +1,4 @@
-#include "guard.h"
+#include "server/guard.h"
 
 #include <arpa/inet.h>
 

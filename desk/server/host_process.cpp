@@ -1,4 +1,4 @@
-#include "host_process.h"
+#include "server/host_process.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -28,8 +28,8 @@ constexpr std::size_t kMaxQueue = 8UL * 1024 * 1024;
 constexpr std::size_t kMaxLine = 8UL * 1024 * 1024;
 
 struct Pipe {
-  Descriptor read;
-  Descriptor write;
+  UniqueFd read;
+  UniqueFd write;
 };
 
 Pipe MakePipe() {
@@ -37,10 +37,10 @@ Pipe MakePipe() {
   if (pipe2(ends.data(), O_CLOEXEC) != 0) {
     throw std::system_error(errno, std::generic_category(), "pipe");
   }
-  return {.read = Descriptor(ends[0]), .write = Descriptor(ends[1])};
+  return {.read = UniqueFd(ends[0]), .write = UniqueFd(ends[1])};
 }
 
-void SetNonBlocking(const Descriptor& descriptor) {
+void SetNonBlocking(const UniqueFd& descriptor) {
   fcntl(descriptor.get(), F_SETFL, fcntl(descriptor.get(), F_GETFL) | O_NONBLOCK);
 }
 
@@ -50,7 +50,7 @@ constexpr int kChunks = 10;
 // Cuts what comes in at the newlines. A line that never ends is cut at kMaxLine, so that memory stays bounded.
 class PipeReader {
  public:
-  explicit PipeReader(Descriptor source) : source_(std::move(source)) { SetNonBlocking(source_); }
+  explicit PipeReader(UniqueFd source) : source_(std::move(source)) { SetNonBlocking(source_); }
 
   int descriptor() const { return source_.get(); }
 
@@ -88,7 +88,7 @@ class PipeReader {
   }
 
  private:
-  Descriptor source_;
+  UniqueFd source_;
   std::string text_;          // read and not handed on
   std::size_t searched_ = 0;  // how much of it holds no newline
 };
@@ -127,9 +127,9 @@ class PipeReader {
 
 /// This side's ends.
 struct HostProcess::Pipes {
-  Descriptor input;
-  Descriptor output;
-  Descriptor log;
+  UniqueFd input;
+  UniqueFd output;
+  UniqueFd log;
 };
 
 HostProcess::HostProcess(std::vector<std::string> command, int kept_descriptor, Listener& listener)
@@ -178,7 +178,7 @@ HostProcess::Pipes HostProcess::Start(int kept_descriptor) {
   if (pid_ < 0) {
     throw std::system_error(errno, std::generic_category(), "fork");
   }
-  child_ = Descriptor(pidfd_open(pid_, 0));
+  child_ = UniqueFd(pidfd_open(pid_, 0));
   return {.input = std::move(input.write), .output = std::move(output.read), .log = std::move(log.read)};
 }
 
@@ -212,7 +212,7 @@ void HostProcess::End() {
 void HostProcess::Kill() { pidfd_send_signal(child_.get(), SIGKILL, nullptr, 0); }
 
 // False when there is nothing left to write.
-bool HostProcess::WriteQueued(Descriptor& input) {
+bool HostProcess::WriteQueued(UniqueFd& input) {
   const std::lock_guard lock(mutex_);
   if (!queue_.empty() && input) {
     const ssize_t written = write(input.get(), queue_.data(), queue_.size());

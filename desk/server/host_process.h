@@ -11,7 +11,7 @@
 #include <thread>
 #include <vector>
 
-#include "lines.h"
+#include "base/lines.h"
 
 namespace desk {
 
@@ -65,12 +65,12 @@ class HostProcess {
 
   Pipes Start(int kept_descriptor);
   void Run(Pipes pipes);
-  bool WriteQueued(Descriptor& input);
+  bool WriteQueued(UniqueFd& input);
 
   const std::vector<std::string> command_;
   Listener& listener_;
-  Descriptor wake_;
-  Descriptor child_;  // a descriptor of the process itself, readable once it has ended
+  UniqueFd wake_;
+  UniqueFd child_;  // a descriptor of the process itself, readable once it has ended
   pid_t pid_ = -1;
 
   std::mutex mutex_;

@@ -9,10 +9,10 @@
 
 #include <CLI/CLI.hpp>
 
-#include "guard.h"
-#include "places.h"
-#include "server.h"
-#include "simulated_set.h"
+#include "base/paths.h"
+#include "server/guard.h"
+#include "server/server.h"
+#include "set/simulated_set.h"
 #include "vconf_control.h"
 
 namespace {

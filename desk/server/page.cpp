@@ -1,4 +1,4 @@
-#include "page.h"
+#include "server/page.h"
 
 #include <fcntl.h>
 #include <sys/wait.h>
@@ -14,8 +14,8 @@
 #include <random>
 #include <utility>
 
-#include "settings.h"
-#include "simulated_set.h"
+#include "set/settings.h"
+#include "set/simulated_set.h"
 
 namespace desk {
 namespace {
@@ -39,16 +39,16 @@ std::string MakeId(int number) {
 }
 
 // A file that has lost its name at once: it is gone with its last user, however that ends.
-Descriptor MakeRecording() {
+UniqueFd MakeRecording() {
   std::string name = std::filesystem::temp_directory_path() / "mirado-session-XXXXXX";
-  Descriptor file(mkostemp(name.data(), O_CLOEXEC));
+  UniqueFd file(mkostemp(name.data(), O_CLOEXEC));
   if (file) {
     unlink(name.c_str());
   }
   return file;
 }
 
-std::vector<std::string> Arguments(const HostCommand& command, const Descriptor& recording) {
+std::vector<std::string> Arguments(const HostCommand& command, const UniqueFd& recording) {
   std::vector<std::string> arguments{command.program, "host", "--plugin", command.plugin, "--store", command.store};
   if (recording) {
     arguments.insert(arguments.end(), {"--record", "/dev/fd/" + std::to_string(recording.get())});

@@ -14,9 +14,9 @@
 #include <thread>
 #include <vector>
 
-#include "event_log.h"
-#include "host_process.h"
-#include "json.h"
+#include "base/json.h"
+#include "server/event_log.h"
+#include "server/host_process.h"
 
 namespace desk {
 
@@ -128,7 +128,7 @@ class Page final : private HostProcess::Listener {
   EventLog deliveries_;
   EventLog dialogue_;
   EventLog log_;
-  Descriptor recording_;
+  UniqueFd recording_;
 
   mutable std::mutex mutex_;
   std::condition_variable answered_;

@@ -1,4 +1,4 @@
-#include "server.h"
+#include "server/server.h"
 
 #include <poll.h>
 #include <sys/socket.h>
@@ -19,10 +19,10 @@
 
 #include <httplib.h>
 
-#include "guard.h"
-#include "places.h"
-#include "settings.h"
-#include "simulated_set.h"
+#include "base/paths.h"
+#include "server/guard.h"
+#include "set/settings.h"
+#include "set/simulated_set.h"
 
 namespace desk {
 namespace {
@@ -228,7 +228,7 @@ class Connection final : public httplib::Stream {
     return count;
   }
 
-  const Descriptor socket_;
+  const UniqueFd socket_;
   const std::chrono::steady_clock::time_point end_ = std::chrono::steady_clock::now() + kPatience;
   std::array<char, 4096> buffer_{};
   std::string_view received_;  // and not read yet

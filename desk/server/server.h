@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "page.h"
+#include "server/page.h"
 
 namespace desk {
 

@@ -1,7 +1,7 @@
 // The example application on a desk, each page with a real plug-in.
 import assert from "node:assert/strict";
 import { describe, it } from "node:test";
-import { Desk, isRunning } from "../desk_server/desk.mjs";
+import { Desk, isRunning } from "../desk/desk.mjs";
 import { useDesk } from "./harness.mjs";
 
 const CAPTION = "db/menu/caption/caption";

@@ -1,7 +1,7 @@
 // The desk's own page.
 import assert from "node:assert/strict";
 import { describe, it } from "node:test";
-import { Desk } from "../desk_server/desk.mjs";
+import { Desk } from "../desk/desk.mjs";
 import { useDesk } from "./harness.mjs";
 
 const CAPTION = "db/menu/caption/caption";

@@ -8,7 +8,7 @@ import { basename, extname, join } from "node:path";
 import { after, afterEach, beforeEach } from "node:test";
 import { fileURLToPath } from "node:url";
 import { chromium } from "playwright-core";
-import { Desk } from "../desk_server/desk.mjs";
+import { Desk } from "../desk/desk.mjs";
 
 const appFolder = fileURLToPath(new URL("../../examples/app", import.meta.url));
 const TIMEOUT = 20_000; // milliseconds, for what happens in a blink on a machine with nothing else to do

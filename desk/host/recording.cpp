@@ -1,0 +1,296 @@
+#include "host/recording.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <filesystem>
+#include <iostream>
+#include <system_error>
+#include <utility>
+
+#include "set/simulated_set.h"
+
+namespace desk {
+namespace {
+
+constexpr int kVersion = 1;
+
+/// Three streams of output, each with an order of its own.
+struct Stream {
+  const char* name;
+  bool (*holds)(const ParsedJson& line);
+};
+
+bool IsEvent(const ParsedJson& line) {
+  const auto message = line.find("message");
+  return message != line.end() && message->is_object() && message->contains("event");
+}
+
+constexpr std::array<Stream, 3> kStreams = {{
+    {"reply", [](const ParsedJson& line) { return line.contains("reply"); }},
+    {"delivery", [](const ParsedJson& line) { return line.contains("message") && !IsEvent(line); }},
+    {"event", IsEvent},
+}};
+
+std::vector<std::string> Pick(const Stream& stream, const std::vector<ParsedJson>& out) {
+  std::vector<std::string> lines;
+  for (const ParsedJson& line : out) {
+    if (stream.holds(line)) {
+      lines.push_back(line.begin().value().dump());
+    }
+  }
+  return lines;
+}
+
+/// A session that was saved while it ran, or broke off, did not hear the plug-in's last word.
+void ForgetUnheardEnd(const std::vector<ParsedJson>& recorded, std::vector<ParsedJson>& replayed) {
+  const ParsedJson end = {{"message", "Unregister"}};
+  if (std::ranges::find(recorded, end) == recorded.end()) {
+    std::erase(replayed, end);
+  }
+}
+
+std::string ReadStart(const ParsedJson& json, Recording& recording) {
+  const auto state = json.find("state");
+  const auto faults = json.find("faults");
+  if (json.value("recording", ParsedJson()) != kVersion || state == json.end() || !state->is_object() ||
+      faults == json.end() || !faults->is_array()) {
+    return "is not the start of a recording";
+  }
+  for (const auto& [path, value] : state->items()) {
+    const auto held = ToValue(value);
+    if (!held) {
+      return path + " has no value that a key can hold";
+    }
+    recording.state.push_back({path, *held});
+  }
+  for (const ParsedJson& fault : *faults) {
+    auto read = FaultFromJson(fault);
+    if (auto* error = std::get_if<std::string>(&read)) {
+      return std::move(*error);
+    }
+    recording.faults.push_back(std::get<vconf::Fault>(read));
+  }
+  return "";
+}
+
+std::string ReadStep(const ParsedJson& json, Recording& recording) {
+  const auto in = json.find("in");
+  const auto out = json.find("out");
+  if (json.size() != 1 || (in == json.end() && out == json.end())) {
+    return R"(is neither an "in" nor an "out")";
+  }
+  if (out != json.end()) {
+    recording.out.push_back(*out);
+    return out->is_object() && out->size() == 1 ? "" : R"("out" holds no output line)";
+  }
+  recording.in.push_back(in->dump());
+  const auto request = ParseRequest(recording.in.back());
+  const auto* error = std::get_if<std::string>(&request);
+  return error == nullptr ? "" : *error;
+}
+
+/// A store of this process's own that goes with this object.
+class TemporaryStore {
+ public:
+  TemporaryStore() {
+    std::string pattern = std::filesystem::temp_directory_path() / "mirado-replay-XXXXXX";
+    if (mkdtemp(pattern.data()) != nullptr) {
+      folder_ = pattern;
+      setenv("MIRADO_MEMORY_ROOT", pattern.c_str(), 1);  // what the set forgets when it is switched off goes as well
+    }
+  }
+  TemporaryStore(const TemporaryStore&) = delete;
+  TemporaryStore& operator=(const TemporaryStore&) = delete;
+  ~TemporaryStore() {
+    vconf::CloseStore();
+    std::error_code ignored;
+    std::filesystem::remove_all(folder_, ignored);
+  }
+
+  vconf::Error Open(const Recording& recording) {
+    auto error = vconf::OpenStore(folder_ / "store", recording.state);
+    for (const vconf::Fault& fault : recording.faults) {
+      error = error ? error : vconf::SetFault(fault);
+    }
+    return error;
+  }
+
+ private:
+  std::filesystem::path folder_;
+};
+
+/// What comes out when the recording's input is played.
+std::variant<std::vector<ParsedJson>, std::string> Play(const Recording& recording, const std::string& plugin) {
+  TemporaryStore store;
+  if (auto error = store.Open(recording)) {
+    return std::move(*error);
+  }
+  std::mutex mutex;
+  std::vector<ParsedJson> out;
+  const auto say = [&](const Json& line) {
+    const std::lock_guard lock(mutex);
+    out.push_back(ParsedJson::parse(ToText(line)));  // as a reader of the output would have it
+  };
+  std::string error;
+  auto session = Session::Start(plugin, say, &error);
+  if (session == nullptr) {
+    return error;
+  }
+  for (const std::string& line : recording.in) {
+    const auto request = ParseRequest(line);
+    // A change that failed when it was recorded fails here too; it is no output of the plug-in.
+    static_cast<void>(session->Handle(std::get<Request>(request)));
+    session->Settle();
+  }
+  session.reset();
+  return out;
+}
+
+}  // namespace
+
+Recorder::Recorder(const std::string& file, Hear hear) : hear_(std::move(hear)), stream_(file, std::ios::trunc) {
+  // A change that comes meanwhile waits for the first line.
+  const std::lock_guard lock(mutex_);
+  std::string error;
+  watch_ = vconf::WatchPrefix(
+      "", [this](const vconf::Change& change) { OnChange(change); }, &error);
+  if (watch_ == nullptr) {
+    std::cerr << file << ": will lack what others change: " << error << '\n';
+  }
+  Json state = Json::object();
+  for (const vconf::Entry& entry : vconf::List("")) {
+    state.push_back({entry.path, ToJson(entry.value)});
+  }
+  Json faults = Json::array();
+  for (const vconf::Fault& fault : vconf::ListFaults()) {
+    faults.push_back(ToJson(fault));
+  }
+  Json start = Json::object();
+  start["recording"] = kVersion;
+  start["state"] = std::move(state);
+  start["faults"] = std::move(faults);
+  stream_ << ToText(start) << std::endl;
+}
+
+vconf::Error Recorder::Handle(Session& session, std::string_view line, const Request& request) {
+  session.Settle();
+  {
+    const std::lock_guard lock(mutex_);
+    handling_ = true;
+    WriteLocked("in", line);
+  }
+  auto error = session.Handle(request);
+  session.Settle();
+  const std::lock_guard lock(mutex_);
+  handling_ = false;
+  for (std::string& text : unheard_) {
+    hear_(std::move(text));
+  }
+  unheard_.clear();
+  return error;
+}
+
+void Recorder::Out(const Json& line) {
+  std::string text = ToText(line);
+  const std::lock_guard lock(mutex_);
+  WriteLocked("out", text);
+  if (handling_) {
+    unheard_.push_back(std::move(text));
+  } else {
+    hear_(std::move(text));
+  }
+}
+
+bool Recorder::Failed() {
+  const std::lock_guard lock(mutex_);
+  return !stream_.good();
+}
+
+// Each line is flushed: what a session did until it was killed is what one wants to see most.
+void Recorder::WriteLocked(const char* name, std::string_view text) {
+  stream_ << R"({")" << name << R"(": )" << text << '}' << std::endl;
+}
+
+// What changes while a request is handled changes again when the request is played.
+void Recorder::OnChange(const vconf::Change& change) {
+  const std::lock_guard lock(mutex_);
+  if (handling_ || !change.value) {
+    return;
+  }
+  Json set = Json::object();
+  set["set"][change.path] = ToJson(*change.value);
+  WriteLocked("in", ToText(set));
+}
+
+std::variant<Recording, std::string> ReadRecording(const std::string& file) {
+  std::ifstream stream(file);
+  if (!stream) {
+    return file + ": cannot be read";
+  }
+  Recording recording;
+  int number = 0;
+  for (std::string line; std::getline(stream, line);) {
+    ++number;
+    auto parsed = ParseJson(line, nullptr, kMaxJsonDepth + 1);
+    std::string error;
+    if (auto* cause = std::get_if<std::string>(&parsed)) {
+      error = std::move(*cause);
+    } else if (const auto& json = std::get<ParsedJson>(parsed); !json.is_object()) {
+      error = "is no object";
+    } else {
+      error = number == 1 ? ReadStart(json, recording) : ReadStep(json, recording);
+    }
+    if (!error.empty()) {
+      return std::string(file).append(": line ").append(std::to_string(number)).append(": ").append(error);
+    }
+  }
+  if (number == 0) {
+    return file + ": is empty";
+  }
+  return recording;
+}
+
+std::string Difference(const Recording& recording, const std::vector<ParsedJson>& out) {
+  constexpr std::size_t kShown = 5;
+  std::string text;
+  for (const Stream& stream : kStreams) {
+    const auto recorded = Pick(stream, recording.out);
+    const auto replayed = Pick(stream, out);
+    std::size_t different = 0;
+    for (std::size_t index = 0; index < std::max(recorded.size(), replayed.size()); ++index) {
+      const std::string& before = index < recorded.size() ? recorded[index] : "nothing";
+      const std::string& now = index < replayed.size() ? replayed[index] : "nothing";
+      if (before != now && ++different <= kShown) {
+        text.append("  ").append(stream.name).append(" ").append(std::to_string(index + 1));
+        text.append("\n    recorded ").append(before).append("\n    replayed ").append(now).append("\n");
+      }
+    }
+    if (different > kShown) {
+      text += "  and " + std::to_string(different - kShown) + " more of this kind\n";
+    }
+  }
+  return text;
+}
+
+int Replay(const std::string& file, const std::string& plugin) {
+  const auto read = ReadRecording(file);
+  if (const auto* error = std::get_if<std::string>(&read)) {
+    std::cerr << *error << '\n';
+    return 3;
+  }
+  const auto& recording = std::get<Recording>(read);
+  auto played = Play(recording, plugin);
+  if (const auto* error = std::get_if<std::string>(&played)) {
+    std::cerr << file << ": cannot be played: " << *error << '\n';
+    return 3;
+  }
+  auto& out = std::get<std::vector<ParsedJson>>(played);
+  ForgetUnheardEnd(recording.out, out);
+  const std::string difference = Difference(recording, out);
+  std::cout << file << ": " << recording.in.size() << " lines in, "
+            << (difference.empty() ? "the same came out\n" : "something else came out\n" + difference) << std::flush;
+  return difference.empty() ? 0 : 1;
+}
+
+}  // namespace desk

@@ -1,0 +1,83 @@
+#pragma once
+
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+#include "base/json.h"
+#include "host/session.h"
+#include "vconf_control.h"
+
+/// A session on file: the store as it was at the start, then what went in and what came out, as JSON lines.
+///
+///   {"recording": 1, "state": {"db/menu/caption/caption": 0, …}, "faults": [{"call": …}, …]}
+///   {"in": {"send": {"command": "getVersion"}}}
+///   {"out": {"reply": {"code": 0, "value": "4.0", "errorName": "", "errorMessage": ""}}}
+///
+/// A value that somebody else gave a key between two requests stands there as a request of its own, {"in": {"set": …}}.
+/// Left out are lines that were no requests, which never reached the plug-in, and what a player cannot repeat: faults
+/// that came or went meanwhile, keys that somebody else removed, and what somebody else changed while the plug-in was
+/// at a request, which cannot be told from what the request changed.
+namespace desk {
+
+/// Writes a recording.
+class Recorder {
+ public:
+  /// Takes a line that comes out, as text; one at a time.
+  using Hear = std::function<void(std::string)>;
+
+  /// Writes the first line with what the open store holds now, and notes changes from then on. `Failed` tells whether
+  /// the file can be written. What comes out goes to `hear` as well.
+  Recorder(const std::string& file, Hear hear);
+
+  /// Does `request`, which came in as `line`. A recording must say the same each time it is played, so everything is
+  /// seen through before and after it, and what comes out of it is heard when it is over: who changes something upon
+  /// hearing it changes it after the request. Of a plug-in that dies within a request the recording may hold more than
+  /// was heard. One thread, that of the session.
+  vconf::Error Handle(Session& session, std::string_view line, const Request& request);
+
+  /// A line that comes out. Any thread.
+  void Out(const Json& line);
+
+  /// Whether anything so far could not be written. Any thread.
+  bool Failed();
+
+ private:
+  void WriteLocked(const char* name, std::string_view text);
+  void OnChange(const vconf::Change& change);
+
+  const Hear hear_;
+  std::mutex mutex_;  // guards the three below
+  std::ofstream stream_;
+  bool handling_ = false;
+  std::vector<std::string> unheard_;     // what has come out of the request that is handled
+  std::unique_ptr<vconf::Watch> watch_;  // last, so that it ends first
+};
+
+struct Recording {
+  std::vector<vconf::Entry> state;
+  std::vector<vconf::Fault> faults;
+  std::vector<std::string> in;
+  std::vector<ParsedJson> out;
+};
+
+/// Reads the file, or says which line of it is none of a recording.
+std::variant<Recording, std::string> ReadRecording(const std::string& file);
+
+/// How what came out of a session differs from what was recorded, in lines for a person; empty when it does not.
+///
+/// Compared one by one are the replies to waiting calls, the deliveries and the events, each in their own order.
+/// Deliveries come from the plug-in's worker and events from the store's thread, so the order between them is not the
+/// plug-in's to keep.
+std::string Difference(const Recording& recording, const std::vector<ParsedJson>& out);
+
+/// Plays `file` with `plugin` on a fresh store and prints what differs. Returns 0 when nothing does, 1 when something
+/// does, 3 when it could not be played. Uses the process's one store and one plug-in.
+int Replay(const std::string& file, const std::string& plugin);
+
+}  // namespace desk

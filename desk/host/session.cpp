@@ -1,0 +1,179 @@
+#include "host/session.h"
+
+#include <algorithm>
+#include <array>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "set/embedder.h"
+#include "set/simulated_set.h"
+#include "vconf_control.h"
+
+namespace desk {
+namespace {
+
+struct KindName {
+  std::string_view name;
+  Request::Kind kind;
+};
+
+constexpr std::array<KindName, 4> kKinds = {{
+    {"send", Request::Kind::kSend},
+    {"post", Request::Kind::kPost},
+    {"set", Request::Kind::kSet},
+    {"settle", Request::Kind::kSettle},
+}};
+
+constexpr char kForm[] = R"(a line is an object with one of "send", "post", "set" and "settle")";
+
+std::string BadSetting(const std::string& path) {
+  return path + ": a value is an integer of 32 bits, true, false or a text";
+}
+
+vconf::Error CheckArgument(const Request& request) {
+  if (request.kind == Request::Kind::kSettle && request.argument != true) {
+    return R"("settle" takes true)";
+  }
+  if (request.kind != Request::Kind::kSet) {
+    return std::nullopt;
+  }
+  if (!request.argument.is_object() || request.argument.empty()) {
+    return R"("set" takes an object of paths and values)";
+  }
+  for (const auto& [path, value] : request.argument.items()) {
+    if (!ToValue(value)) {
+      return BadSetting(path);
+    }
+  }
+  return std::nullopt;
+}
+
+Json Line(const char* name, Json value) {
+  Json line = Json::object();
+  line[name] = std::move(value);
+  return line;
+}
+
+}  // namespace
+
+std::variant<Request, std::string> ParseRequest(std::string_view line) {
+  int names = 0;
+  auto parsed = ParseJson(line, &names);
+  if (auto* error = std::get_if<std::string>(&parsed)) {
+    return std::move(*error);
+  }
+  auto& json = std::get<ParsedJson>(parsed);
+  if (!json.is_object() || names != 1) {
+    return kForm;
+  }
+  const std::string& name = json.begin().key();
+  const auto kind = std::ranges::find(kKinds, name, &KindName::name);
+  if (kind == kKinds.end()) {
+    return "unknown \"" + name + "\": " + kForm;
+  }
+  Request request{kind->kind, std::move(json.begin().value())};
+  if (auto error = CheckArgument(request)) {
+    return std::move(*error);
+  }
+  return request;
+}
+
+bool ReadRequests(int input, const ShutdownSignal& end,
+                  const std::function<vconf::Error(std::string_view line, const Request& request)>& handle,
+                  const std::function<void(const Json&)>& complain) {
+  LineReader reader(input, end);
+  bool all_good = true;
+  std::string line;
+  for (int number = 1;; ++number) {
+    const auto result = reader.Next(line);
+    if (result == LineReader::Result::kEnd) {
+      return all_good;
+    }
+    std::variant<Request, std::string> parsed = "longer than " + std::to_string(LineReader::kMaxLine) + " bytes";
+    if (result == LineReader::Result::kLine) {
+      parsed = ParseRequest(line);
+    }
+    const auto* const request = std::get_if<Request>(&parsed);
+    const vconf::Error error = request != nullptr ? handle(line, *request) : std::get<std::string>(parsed);
+    if (error) {
+      all_good = false;
+      complain({{"error", "line " + std::to_string(number) + ": " + *error}});
+    }
+  }
+}
+
+std::chrono::milliseconds Latency(const Request& request) {
+  const bool is_message = request.kind == Request::Kind::kSend || request.kind == Request::Kind::kPost;
+  const ParsedJson& message = request.argument;
+  if (!is_message || !message.is_object() || !message.contains("command") || !message["command"].is_string()) {
+    return {};
+  }
+  const auto latency = vconf::Get(kLatencyPrefix + message["command"].get<std::string>());
+  const int* const milliseconds = latency ? std::get_if<int>(&*latency) : nullptr;
+  return std::chrono::milliseconds(milliseconds != nullptr ? std::clamp(*milliseconds, 0, kMaxLatency) : 0);
+}
+
+Session::Session(Say say) : say_(std::move(say)) {}
+
+std::unique_ptr<Session> Session::Start(const std::string& plugin, Say say, std::string* error) {
+  std::unique_ptr<Session> session(new Session(std::move(say)));
+  OfferEmbedder();
+  pp::browser::SetRegisterMessageHandlerResult(vconf::TakeFault("RegisterMessageHandler", "").value_or(0));
+  session->plugin_ = pp::browser::Plugin::Load(plugin, error);
+  if (session->plugin_ == nullptr) {
+    return nullptr;
+  }
+  session->page_ =
+      session->plugin_->CreateInstance([&say = session->say_, ended = false](const pp::Var& message) mutable {
+        if (ended) {
+          return;  // an event of a subscription that stands until the instance is destroyed
+        }
+        ended = message.is_string() && message.AsString() == "Unregister";
+        say(Line("message", ToJson(message)));
+      });
+  if (session->page_ == nullptr) {
+    *error = plugin + ": makes no instance";
+    return nullptr;
+  }
+  return session;
+}
+
+Session::~Session() {
+  if (page_ != nullptr) {
+    page_->EndRegistration();
+    page_->Destroy();
+    page_.reset();
+  }
+}
+
+vconf::Error Session::Handle(const Request& request) {
+  switch (request.kind) {
+    case Request::Kind::kSend:
+      say_(Line("reply", ToJson(page_->Send(ToVar(request.argument)))));
+      break;
+    case Request::Kind::kPost:
+      page_->Post(ToVar(request.argument));
+      break;
+    case Request::Kind::kSet:
+      for (const auto& [path, json] : request.argument.items()) {
+        const auto value = ToValue(json);
+        if (auto error = value ? vconf::Set(path, *value) : BadSetting(path)) {
+          return error;
+        }
+      }
+      break;
+    case Request::Kind::kSettle:
+      Settle();
+      say_(Line("settled", true));
+      break;
+  }
+  return std::nullopt;
+}
+
+void Session::Settle() {
+  page_->Settle();
+  vconf::Settle();
+}
+
+}  // namespace desk

@@ -1,0 +1,73 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <variant>
+
+#include "base/json.h"
+#include "base/lines.h"
+#include "browser_control.h"
+
+namespace desk {
+
+/// One line of a session's input, understood.
+struct Request {
+  enum class Kind {
+    kSend,    ///< a message on whose reply the page waits
+    kPost,    ///< a message that the page does not wait on
+    kSet,     ///< somebody else changes the set's store
+    kSettle,  ///< wait until everything so far has been handled
+  };
+  Kind kind;
+  ParsedJson argument;
+};
+
+/// What `line` asks for, or what is wrong with it.
+std::variant<Request, std::string> ParseRequest(std::string_view line);
+
+/// Reads lines from `input` until it ends, or `end` is asked for, and hands each request to `handle`, which returns
+/// what is wrong with it. What is wrong with a line is said in one `error` line that names it. Returns whether all were
+/// good.
+bool ReadRequests(int input, const ShutdownSignal& end,
+                  const std::function<vconf::Error(std::string_view line, const Request& request)>& handle,
+                  const std::function<void(const Json&)>& complain);
+
+/// How long the set holds `request` back before the plug-in gets it.
+std::chrono::milliseconds Latency(const Request& request);
+
+/// A page's session with the plug-in in this process: JSON lines in and out.
+///
+/// Made, driven and destroyed on one thread, which is the plug-in's main thread. One session at a time.
+class Session {
+ public:
+  /// Takes each line that the session has to say, on whatever thread it arises, perhaps several at once.
+  using Say = std::function<void(const Json&)>;
+
+  /// Loads the plug-in and embeds it in a page. Null and a text in `error` that names the file and the cause on
+  /// failure.
+  static std::unique_ptr<Session> Start(const std::string& plugin, Say say, std::string* error);
+
+  Session(const Session&) = delete;
+  Session& operator=(const Session&) = delete;
+
+  /// Ends the registration, which is the last that the page hears, then destroys the instance and unloads the plug-in.
+  ~Session();
+
+  /// Does what `request` asks for and says the answer, where there is one. Returns what is wrong with it, or nothing.
+  vconf::Error Handle(const Request& request);
+
+  /// Returns when all messages posted so far have been handled and all changes made so far have been told.
+  void Settle();
+
+ private:
+  explicit Session(Say say);
+
+  Say say_;
+  std::unique_ptr<pp::browser::Plugin> plugin_;
+  std::shared_ptr<pp::browser::PageInstance> page_;
+};
+
+}  // namespace desk

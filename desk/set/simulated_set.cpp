@@ -1,0 +1,418 @@
+#include "set/simulated_set.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <optional>
+#include <sstream>
+#include <utility>
+
+#include "panelbase_control.h"
+#include "prefdeck_control.h"
+#include "set/settings.h"
+#include "system_info_control.h"
+
+namespace desk {
+namespace {
+
+const std::string& FeaturePath() {
+  static const std::string path =
+      std::string(system_info::kFeaturePrefix) + "com.norvika/featureconf/product.b2b_option_support";
+  return path;
+}
+
+constexpr std::string_view kAny = "any";
+constexpr std::string_view kNotZero = "any but 0";
+constexpr std::string_view kNegative = "any below 0";
+
+constexpr char kLanguages[] = "1 English\n2 French\n3 Spanish\n4 German\n5 Italian\n6 Portuguese\n7 Korean";
+
+/// The changes that a description asks for, gathered before the first is made.
+class Changes {
+ public:
+  /// A value, or nothing to take the key away.
+  void Add(std::string path, std::optional<vconf::Value> value) {
+    changes_.emplace_back(std::move(path), std::move(value));
+  }
+
+  vconf::Error Apply() const {
+    for (const auto& [path, value] : changes_) {
+      const auto present = vconf::Get(path);
+      vconf::Error error;
+      // A key keeps its type until it is removed, and here the value as a whole is given anew.
+      if (present && (!value || value->index() != present->index())) {
+        error = vconf::Remove(path);
+      }
+      if (!error && value) {
+        error = vconf::Set(path, *value);
+      }
+      if (error) {
+        return error;
+      }
+    }
+    return std::nullopt;
+  }
+
+ private:
+  std::vector<std::pair<std::string, std::optional<vconf::Value>>> changes_;
+};
+
+/// Each reader takes one member of the description, `where` in the whole, and says what it should have been when it is
+/// not understood. Null takes the key away, whatever it holds.
+vconf::Error ReadNull(const ParsedJson&, const std::string& path, Changes& changes) {
+  changes.Add(path, std::nullopt);
+  return std::nullopt;
+}
+
+vconf::Error ReadBool(const ParsedJson& json, const std::string& path, Changes& changes) {
+  if (!json.is_boolean()) {
+    return "must be true, false or null";
+  }
+  changes.Add(path, json.get<bool>());
+  return std::nullopt;
+}
+
+vconf::Error ReadInt(const ParsedJson& json, const std::string& path, Changes& changes) {
+  const auto value = ToValue(json);
+  if (!value || !std::holds_alternative<int>(*value)) {
+    return "must be an integer of 32 bits or null";
+  }
+  changes.Add(path, value);
+  return std::nullopt;
+}
+
+vconf::Error ReadText(const ParsedJson& json, const std::string& path, Changes& changes) {
+  if (!json.is_string()) {
+    return "must be a text or null";
+  }
+  changes.Add(path, json.get<std::string>());
+  return std::nullopt;
+}
+
+vconf::Error ReadAny(const ParsedJson& json, const std::string& path, Changes& changes) {
+  const auto value = ToValue(json);
+  if (!value) {
+    return "must be an integer of 32 bits, true, false, a text or null";
+  }
+  changes.Add(path, value);
+  return std::nullopt;
+}
+
+vconf::Error ReadLatency(const ParsedJson& json, const std::string& path, Changes& changes) {
+  const auto commands = Commands();
+  if (std::ranges::find(commands, std::string_view(path).substr(std::size(kLatencyPrefix) - 1)) == commands.end()) {
+    std::string error = "is no command of the plug-in, which has these:";
+    for (const std::string_view command : commands) {
+      error.append(" ").append(command);
+    }
+    return error;
+  }
+  const auto value = ToValue(json);
+  const int* milliseconds = value ? std::get_if<int>(&*value) : nullptr;
+  if (milliseconds != nullptr && (*milliseconds < 0 || *milliseconds > kMaxLatency)) {
+    return "must be 0 to " + std::to_string(kMaxLatency) + " milliseconds";
+  }
+  return ReadInt(json, path, changes);
+}
+
+vconf::Error ReadList(const ParsedJson& json, const std::string& path, Changes& changes) {
+  constexpr char kError[] = R"(must be an array of {"value": an integer, "label": a text of one line} or null)";
+  if (!json.is_array()) {
+    return kError;
+  }
+  std::string lines;
+  for (const ParsedJson& item : json) {
+    const auto value = item.is_object() && item.size() == 2 ? item.find("value") : item.end();
+    const auto label = item.is_object() ? item.find("label") : item.end();
+    if (value == item.end() || label == item.end() || !label->is_string()) {
+      return kError;
+    }
+    const auto number = ToValue(*value);
+    const auto& text = label->get_ref<const std::string&>();
+    if (!number || !std::holds_alternative<int>(*number) || text.find('\n') != std::string::npos) {
+      return kError;
+    }
+    lines += (lines.empty() ? "" : "\n") + std::to_string(std::get<int>(*number)) + " " + text;
+  }
+  changes.Add(path, lines);
+  return std::nullopt;
+}
+
+using Reader = vconf::Error (*)(const ParsedJson&, const std::string& path, Changes&);
+
+/// One place in the description. A path that ends in '/' stands for an object of names, each read by `read`.
+struct Place {
+  std::string_view where;
+  std::string path;
+  Reader read;
+};
+
+std::span<const Place> Places() {
+  static const std::array<Place, 8> places{{
+      {"b2b", FeaturePath(), ReadBool},
+      {"privileges", kPrivilegePrefix, ReadBool},
+      {"pictureSize", panelbase::kPictureSizePath, ReadInt},
+      {"lists", prefdeck::kListPrefix, ReadList},
+      {"latency", kLatencyPrefix, ReadLatency},
+      {"embedder/offered", kEmbedderOffered, ReadBool},
+      {"embedder/name", kEmbedderName, ReadText},
+      {"embedder/replies", kReplyPrefix, ReadAny},
+  }};
+  return places;
+}
+
+vconf::Error ReadOne(const Place& place, const std::string& where, const std::string& path, const ParsedJson& json,
+                     Changes& changes) {
+  const auto error = (json.is_null() ? ReadNull : place.read)(json, path, changes);
+  return error ? where + " " + *error : error;
+}
+
+vconf::Error ReadMember(const std::string& where, const ParsedJson& json, Changes& changes) {
+  if (where == "embedder" && json.is_object()) {
+    for (const auto& [name, member] : json.items()) {
+      if (auto error = ReadMember("embedder/" + name, member, changes)) {
+        return error;
+      }
+    }
+    return std::nullopt;
+  }
+  const auto places = Places();
+  const auto place = std::ranges::find(places, where, &Place::where);
+  if (place == places.end()) {
+    return where == "embedder" ? "embedder must be an object" : "the set has no \"" + where + "\"";
+  }
+  if (!place->path.ends_with('/')) {
+    return ReadOne(*place, where, place->path, json, changes);
+  }
+  if (!json.is_object()) {
+    return where + " must be an object";
+  }
+  for (const auto& [name, member] : json.items()) {
+    const std::string behind = "/" + name;
+    if (auto error = ReadOne(*place, where + behind, place->path + name, member, changes)) {
+      return error;
+    }
+  }
+  return std::nullopt;
+}
+
+/// An object of what stands under `prefix`, by the names behind it.
+template <typename Convert>
+Json Names(const char* prefix, Convert convert) {
+  Json json = Json::object();
+  for (const vconf::Entry& entry : vconf::List(prefix)) {
+    json[entry.path.substr(std::string_view(prefix).size())] = convert(entry.value);
+  }
+  return json;
+}
+
+Json Plain(const vconf::Value& value) { return ToJson(value); }
+
+Json ListItems(const vconf::Value& value) {
+  const auto* lines = std::get_if<std::string>(&value);
+  Json items = Json::array();
+  std::istringstream stream(lines == nullptr ? "" : *lines);
+  for (std::string line; std::getline(stream, line);) {
+    const auto blank = std::min(line.find(' '), line.size());
+    int number = 0;
+    const char* end = line.data() + blank;
+    const auto parsed = std::from_chars(line.data(), end, number);
+    Json item = Json::object();
+    // A list that somebody wrote by hand may hold what is no number; it shows as it is.
+    item["value"] = parsed.ec == std::errc() && parsed.ptr == end ? Json(number) : Json(line.substr(0, blank));
+    item["label"] = blank == line.size() ? "" : line.substr(blank + 1);
+    items.push_back(std::move(item));
+  }
+  return items;
+}
+
+Json OrNull(const std::optional<vconf::Value>& value) { return value ? ToJson(*value) : Json(); }
+
+}  // namespace
+
+std::span<const std::string_view> Commands() {
+  static constexpr std::array<std::string_view, 11> commands{"getVersion",
+                                                             "getMenuValue",
+                                                             "getMiradoValue",
+                                                             "setMenuValue",
+                                                             "registerVconfKeysForCaption",
+                                                             "unRegisterVconfKeysForCaption",
+                                                             "registerVconfKeysForMirado",
+                                                             "unRegisterVconfKeysForMirado",
+                                                             "showCaption",
+                                                             "registerInAppCaptionControl",
+                                                             "isTVSPicSizeResized"};
+  return commands;
+}
+
+std::vector<vconf::Entry> DefaultEntries() {
+  std::vector<vconf::Entry> entries;
+  for (const Setting& setting : Settings()) {
+    entries.push_back({std::string(setting.path), setting.initial});
+  }
+  const std::string lists = prefdeck::kListPrefix;
+  entries.push_back({FeaturePath(), true});
+  entries.push_back({std::string(kPrivilegePrefix) + kPrivilege, true});
+  entries.push_back({panelbase::kPictureSizePath, 0});
+  entries.push_back({lists + "primary-audio-language", kLanguages});
+  entries.push_back({lists + "secondary-audio-language", kLanguages});
+  entries.push_back({kEmbedderOffered, true});
+  entries.push_back({kEmbedderName, kUsualEmbedder});
+  return entries;
+}
+
+vconf::Error OpenSet(const std::string& store) {
+  if (store.empty()) {
+    return "there is no home folder to keep the store in: name another one with --store or MIRADO_STORE";
+  }
+  return vconf::OpenStore(store, DefaultEntries());
+}
+
+vconf::Error ResetSet() {
+  const auto error = vconf::Reset(DefaultEntries());
+  return error ? error : vconf::ClearFaults();
+}
+
+Json DescribeSet() {
+  Json embedder = Json::object();
+  embedder["offered"] = ToJson(vconf::Get(kEmbedderOffered).value_or(true));
+  embedder["name"] = ToJson(vconf::Get(kEmbedderName).value_or(kUsualEmbedder));
+  embedder["replies"] = Names(kReplyPrefix, Plain);
+  Json set = Json::object();
+  set["b2b"] = OrNull(vconf::Get(FeaturePath()));
+  set["privileges"] = Names(kPrivilegePrefix, Plain);
+  set["pictureSize"] = OrNull(vconf::Get(panelbase::kPictureSizePath));
+  set["lists"] = Names(prefdeck::kListPrefix, ListItems);
+  set["embedder"] = std::move(embedder);
+  set["latency"] = Names(kLatencyPrefix, Plain);
+  return set;
+}
+
+vconf::Error ChangeSet(const ParsedJson& change) {
+  if (!change.is_object()) {
+    return "a change of the set must be an object";
+  }
+  Changes changes;
+  for (const auto& [name, member] : change.items()) {
+    if (auto error = ReadMember(name, member, changes)) {
+      return error;
+    }
+  }
+  return changes.Apply();
+}
+
+std::vector<std::string> KnownPaths(std::string_view prefix) {
+  std::vector<std::string> paths;
+  for (const auto& entries : {DefaultEntries(), vconf::List(std::string(prefix))}) {
+    for (const vconf::Entry& entry : entries) {
+      if (entry.path.starts_with(prefix)) {
+        paths.push_back(entry.path.substr(prefix.size()));
+      }
+    }
+  }
+  for (const std::string_view command : Commands()) {
+    if (const std::string path = kLatencyPrefix + std::string(command); path.starts_with(prefix)) {
+      paths.push_back(path.substr(prefix.size()));
+    }
+  }
+  if (prefix == kReplyPrefix) {
+    paths.insert(paths.end(), {"check_ace_privilege", "get_window_id", "set_ime_recommended_words_type",
+                               "set_ime_recommended_words"});
+  }
+  return paths;
+}
+
+bool IsOpenPath(std::string_view path) {
+  return std::ranges::any_of(Places(), [&](const Place& place) {
+    return place.path.ends_with('/') && place.path != kLatencyPrefix && path.starts_with(place.path);
+  });
+}
+
+std::span<const FaultCall> FaultCalls() {
+  constexpr std::string_view kKey = "a key's path";
+  // As the calls' own declarations have it.
+  static constexpr std::array<FaultCall, 13> calls{{
+      {"vconf_get_int", kNotZero, kKey, ""},
+      {"vconf_get_bool", kNotZero, kKey, ""},
+      {"vconf_set_int", kNotZero, kKey, ""},
+      {"vconf_set_bool", kNotZero, kKey, ""},
+      {"vconf_sync_key", kNegative, kKey, ""},
+      {"vconf_notify_key_changed", kNegative, kKey, ""},
+      {"vconf_ignore_key_changed", kNegative, kKey, ""},
+      {"system_info_get_custom_bool", kNegative, "a feature's name", system_info::kFeaturePrefix},
+      {"GetItemDataList", kAny, "a list's name", prefdeck::kListPrefix},
+      {"CreateVideoControl", kNegative, "", ""},
+      {"GetPictureSize", kNegative, "", ""},
+      {"RegisterMessageHandler", kNotZero, "", ""},
+      {"GenericSyncCall", kNotZero, "an operation's name", kReplyPrefix},
+  }};
+  return calls;
+}
+
+std::variant<const FaultCall*, std::string> FindFaultCall(std::string_view name) {
+  const auto calls = FaultCalls();
+  const auto found = std::ranges::find(calls, name, &FaultCall::name);
+  if (found != calls.end()) {
+    return &*found;
+  }
+  std::string error = "no call \"" + std::string(name) + "\" can be made to fail, but these can:";
+  for (const FaultCall& call : calls) {
+    error.append(" ").append(call.name);
+  }
+  return error;
+}
+
+vconf::Error AddFault(const vconf::Fault& fault) {
+  auto found = FindFaultCall(fault.call);
+  if (auto* error = std::get_if<std::string>(&found)) {
+    return std::move(*error);
+  }
+  const FaultCall& call = *std::get<const FaultCall*>(found);
+  if ((call.failures == kNotZero && fault.answer == 0) || (call.failures == kNegative && fault.answer >= 0)) {
+    return std::to_string(fault.answer) + " is no failure of " + fault.call + ": " + std::string(call.failures) +
+           " is one";
+  }
+  return vconf::SetFault(fault);
+}
+
+Json ToJson(const vconf::Fault& fault) {
+  Json json = Json::object();
+  json["call"] = fault.call;
+  json["path"] = fault.path;
+  json["answer"] = fault.answer;
+  json["times"] = fault.times;
+  return json;
+}
+
+std::variant<vconf::Fault, std::string> FaultFromJson(const ParsedJson& json) {
+  if (!json.is_object()) {
+    return "a fault must be an object";
+  }
+  vconf::Fault fault{.call = {}, .path = "*", .answer = 0, .times = 0};
+  bool has_call = false;
+  bool has_answer = false;
+  for (const auto& [name, member] : json.items()) {
+    const auto value = ToValue(member);
+    const auto* text = value ? std::get_if<std::string>(&*value) : nullptr;
+    const auto* number = value ? std::get_if<int>(&*value) : nullptr;
+    if (name == "call" && text != nullptr) {
+      fault.call = *text;
+      has_call = true;
+    } else if (name == "path" && text != nullptr) {
+      fault.path = *text;
+    } else if (name == "answer" && number != nullptr) {
+      fault.answer = *number;
+      has_answer = true;
+    } else if (name == "times" && number != nullptr && *number >= 0) {
+      fault.times = static_cast<unsigned>(*number);
+    } else {
+      return "a fault has no \"" + name + "\" like this";
+    }
+  }
+  if (!has_call || !has_answer) {
+    return R"(a fault needs "call" and "answer")";
+  }
+  return fault;
+}
+
+}  // namespace desk

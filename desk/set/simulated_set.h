@@ -1,0 +1,95 @@
+#pragma once
+
+#include <span>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+#include "base/json.h"
+#include "vconf_control.h"
+
+/// What the desk knows of a set beside its settings: what a new one holds, and how it is shown and changed.
+///
+/// Everything lies in the store under `set/`, so that a shell, the desk and a test steer a running set alike. Every
+/// function works on the store that this process has open and may be called on any thread.
+namespace desk {
+
+/// Where the host and the embedder look. Each of the prefixes is followed by a name.
+inline constexpr char kPrivilegePrefix[] = "set/embedder/privilege/";  ///< URI: bool
+inline constexpr char kReplyPrefix[] = "set/embedder/reply/";          ///< operation: any value
+inline constexpr char kLatencyPrefix[] = "set/latency/";               ///< command: int, milliseconds
+inline constexpr char kEmbedderOffered[] = "set/embedder/offered";     ///< bool
+inline constexpr char kEmbedderName[] = "set/embedder/name";           ///< text
+
+/// The embedder's name when the set says nothing of it.
+inline constexpr char kUsualEmbedder[] = "OstraWRT";
+
+/// The privilege that the plug-in asks for.
+inline constexpr char kPrivilege[] = "http://norvika.com/privilege/mirado";
+
+/// The longest that a latency may hold a message back, in milliseconds.
+inline constexpr int kMaxLatency = 60'000;
+
+/// The commands of the plug-in, which are what can be held back.
+std::span<const std::string_view> Commands();
+
+/// What a new set holds: all settings, both language lists, a picture size; a B2B product whose application holds the
+/// privilege.
+std::vector<vconf::Entry> DefaultEntries();
+
+/// Opens the store in the folder `store`, which is filled with a new set when it does not exist. An empty name is
+/// refused with a hint how to give one.
+vconf::Error OpenSet(const std::string& store);
+
+/// Puts the open store back to `DefaultEntries` and clears all faults.
+vconf::Error ResetSet();
+
+/// The set as it is now:
+///
+///   {"b2b": true,                                     null: the set has no answer
+///    "privileges": {"http://…": true},
+///    "pictureSize": 0,                                null: no video control is to be had
+///    "lists": {"primary-audio-language": [{"value": 1, "label": "English"}]},
+///    "embedder": {"offered": true, "name": "OstraWRT", "replies": {"get_window_id": 7}},
+///    "latency": {"getMenuValue": 250}}                milliseconds
+Json DescribeSet();
+
+/// Changes what `change` names and leaves the rest; it has the form that `DescribeSet` gives, and null takes away.
+/// Nothing is changed when a part of it is not understood. The error names that part, such as "latency/getVersion".
+vconf::Error ChangeSet(const ParsedJson& change);
+
+/// What the store and a new set hold under `prefix`, by what stands behind it: what a path may be meant for. Operations
+/// of the embedder are known too, though the set holds a reply to none of them yet.
+std::vector<std::string> KnownPaths(std::string_view prefix = "");
+
+/// Whether `path` lies where the set takes any name, such as a privilege.
+bool IsOpenPath(std::string_view path);
+
+/// The path of a fault that answers a call whatever its path.
+inline constexpr char kEveryPath[] = "*";
+
+/// A call that can be made to fail.
+struct FaultCall {
+  std::string_view name;
+  std::string_view failures;  ///< which answers are failures of it: "any", "any but 0" or "any below 0"
+  std::string_view path;      ///< what its path is, such as "a list's name"; empty when the call has none
+  std::string_view prefix;    ///< what `KnownPaths` takes for such paths
+};
+
+/// All calls that ask for faults.
+std::span<const FaultCall> FaultCalls();
+
+/// The call named `name`, or an error that lists all.
+std::variant<const FaultCall*, std::string> FindFaultCall(std::string_view name);
+
+/// Sets `fault`, or says that there is no such call, or that the answer is no failure of the call: whoever makes it
+/// would believe that it had done its work.
+vconf::Error AddFault(const vconf::Fault& fault);
+
+/// {"call": "vconf_get_int", "path": "*", "answer": -1, "times": 0}. Reading one back, `path` may be left out and is
+/// then "*", and so may `times`, which is then 0: until it is cleared.
+Json ToJson(const vconf::Fault& fault);
+std::variant<vconf::Fault, std::string> FaultFromJson(const ParsedJson& json);
+
+}  // namespace desk

@@ -1,0 +1,141 @@
+// The desk's JSON against the plug-in's variables, and the description of the set.
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <random>
+
+#include "browser_control.h"
+#include "set/settings.h"
+#include "set/simulated_set.h"
+#include "support/host_program.h"
+
+namespace desk {
+namespace {
+
+ParsedJson Parsed(const std::string& text) {
+  auto parsed = ParseJson(text);
+  EXPECT_TRUE(std::holds_alternative<ParsedJson>(parsed)) << text << ": " << std::get<std::string>(parsed);
+  return std::get<ParsedJson>(parsed);
+}
+
+TEST(JsonTest, OnlyIntegersOf32BitsAreInt) {
+  for (const char* text : {"0", "-1", "2147483647", "-2147483648"}) {
+    EXPECT_TRUE(ToVar(Parsed(text)).is_int()) << text;
+  }
+  for (const char* text : {"7.0", "1e3", "2147483648", "-2147483649", "18446744073709551615", "1e300"}) {
+    const pp::Var var = ToVar(Parsed(text));
+    EXPECT_TRUE(var.is_double()) << text;
+    EXPECT_EQ(var.AsDouble(), std::stod(text)) << text;
+  }
+}
+
+TEST(JsonTest, WhatJsonCannotSayBecomesNullOrIsReplaced) {
+  EXPECT_EQ(ToText(ToJson(pp::Var())), "null");
+  EXPECT_EQ(ToText(ToJson(pp::Var(std::numeric_limits<double>::infinity()))), "null");
+  EXPECT_EQ(ToText(ToJson(pp::Var(std::nan("")))), "null");
+  EXPECT_EQ(ToText(ToJson(pp::Var("a\xff"
+                                  "b\n"))),
+            "\"a\xEF\xBF\xBD"
+            "b\\n\"");
+}
+
+TEST(JsonTest, ReplyFieldsComeFirst) {
+  const pp::Var reply = ToVar(Parsed(R"({"event":"e","errorName":"n","a":1,"errorMessage":"m","value":2,"code":3})"));
+  EXPECT_EQ(ToText(ToJson(reply)), R"({"code":3,"value":2,"errorName":"n","errorMessage":"m","a":1,"event":"e"})");
+}
+
+ParsedJson RandomJson(std::mt19937& random, int depth) {
+  const auto below = [&random](unsigned limit) { return static_cast<std::uint32_t>(random() % limit); };
+  switch (below(depth > 0 ? 7 : 5)) {
+    case 0:
+      return nullptr;
+    case 1:
+      return below(2) == 1;
+    case 2:
+      return static_cast<std::int32_t>(random());
+    case 3:
+      return std::ldexp(static_cast<double>(random()), static_cast<int>(below(200)) - 100);
+    case 4: {
+      std::string text;
+      for (auto length = below(6); length > 0; --length) {
+        text += std::string_view("ab\"\\\n\x7f").substr(below(6), 1);
+        text.append(below(3) == 0 ? "\xC3\xA9" : std::string(1, '\0'));
+      }
+      return text;
+    }
+    case 5: {
+      ParsedJson array = ParsedJson::array();
+      for (auto count = below(4); count > 0; --count) array.push_back(RandomJson(random, depth - 1));
+      return array;
+    }
+    default: {
+      ParsedJson object = ParsedJson::object();
+      for (auto count = below(5); count > 0; --count) object[std::to_string(random())] = RandomJson(random, depth - 1);
+      return object;
+    }
+  }
+}
+
+TEST(JsonTest, EveryValueSurvivesTheWayInAndBackOut) {
+  const auto nodes = pp::browser::LiveVarNodes();
+  std::mt19937 random(20240607);
+  for (int round = 0; round < 2'000; ++round) {
+    const std::string text = RandomJson(random, 4).dump();
+    const std::string back = ToText(ToJson(ToVar(Parsed(text))));
+    EXPECT_EQ(back.find('\n'), std::string::npos);
+    ASSERT_EQ(Parsed(back).dump(), text);
+  }
+  EXPECT_EQ(pp::browser::LiveVarNodes(), nodes);
+}
+
+class SetTest : public testing::Test {
+ protected:
+  void SetUp() override { ASSERT_EQ(vconf::OpenStore(folder_ / "store", DefaultEntries()), std::nullopt); }
+  void TearDown() override { vconf::CloseStore(); }
+
+  TemporaryFolder folder_;
+};
+
+TEST_F(SetTest, ADescriptionBringsTheSetBack) {
+  ASSERT_EQ(ChangeSet(Parsed(R"({"b2b":null,"privileges":{"http://a/b":true},"pictureSize":3,
+      "lists":{"x":[{"value":-1,"label":""},{"value":2,"label":"Two words"}]},
+      "embedder":{"offered":false,"name":"N","replies":{"a":1,"b":"t","c":true}},"latency":{"getVersion":9}})")),
+            std::nullopt);
+  const Json described = DescribeSet();
+  ASSERT_EQ(ResetSet(), std::nullopt);
+  EXPECT_NE(DescribeSet(), described);
+  ASSERT_EQ(ChangeSet(described), std::nullopt);
+  EXPECT_EQ(DescribeSet(), described);
+  EXPECT_EQ(ChangeSet(Parsed(R"({"embedder":{"replies":{"a":"another type","b":null}}})")), std::nullopt);
+  EXPECT_EQ(ToText(DescribeSet()["embedder"]["replies"]), R"({"a":"another type","c":true})");
+}
+
+TEST_F(SetTest, AChangeThatIsNotUnderstoodChangesNothingAndNamesItsPart) {
+  const Json before = DescribeSet();
+  const std::vector<std::pair<std::string, std::string>> changes = {
+      {"[]", "object"},
+      {R"({"b2b":false,"color":1})", "color"},
+      {R"({"b2b":1})", "b2b"},
+      {R"({"privileges":{"a":1}})", "privileges/a"},
+      {R"({"b2b":false,"pictureSize":1.5})", "pictureSize"},
+      {R"({"latency":{"getVersion":-1}})", "latency/getVersion"},
+      {R"({"latency":{"getVersion":"1"}})", "latency/getVersion"},
+      {R"({"latency":{"x":1}})", "latency/x"},
+      {R"({"latency":5})", "latency"},
+      {R"({"embedder":{"age":1}})", "embedder/age"},
+      {R"({"embedder":null})", "embedder"},
+      {R"({"lists":{"x":[{"value":"1","label":"a"}]}})", "lists/x"},
+      {R"({"lists":{"x":[{"value":1,"label":"a\nb"}]}})", "lists/x"},
+  };
+  for (const auto& [change, part] : changes) {
+    const auto error = ChangeSet(Parsed(change));
+    ASSERT_TRUE(error.has_value()) << change;
+    EXPECT_NE(error->find(part), std::string::npos) << *error;
+    EXPECT_EQ(DescribeSet(), before) << change;
+  }
+}
+
+}  // namespace
+}  // namespace desk

@@ -1,0 +1,107 @@
+// JSON lines into a page's session, as `mirado host` reads them.
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "host/session.h"
+#include "property.h"
+
+namespace {
+
+/// Both signals that the program takes stay the fuzzer's here.
+desk::ShutdownSignal& NoEnd() {
+  static auto* const end = [] {
+    auto* const made = new desk::ShutdownSignal;
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGTERM);
+    pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+    return made;
+  }();
+  return *end;
+}
+
+/// What one line that is a request must be answered with before the next is read.
+vconf::Error Handle(desk::Session& session, const desk::Request& request, fuzz::PageEar& ear,
+                    const desk::Json& answer) {
+  using Kind = desk::Request::Kind;
+  if (request.kind == Kind::kPost) ear.Expect(fuzz::CommandOf(desk::ToVar(request.argument)));
+  auto error = session.Handle(request);
+  switch (request.kind) {
+    case Kind::kSend:
+      fuzz::Require(answer.size() == 1 && answer[0].contains("reply"), "one reply", answer);
+      fuzz::CheckReply(answer[0]["reply"]);
+      break;
+    case Kind::kSettle:
+      fuzz::Require(answer == desk::Json::array({{{"settled", true}}}), "one answer to settle", answer);
+      break;
+    case Kind::kPost:
+    case Kind::kSet:
+      fuzz::Require(answer.empty(), "no answer", answer);
+      break;
+  }
+  fuzz::Require(!error || (request.kind == Kind::kSet && !error->empty()), "only set may fail", error.value_or(""));
+  return error;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  static fuzz::Store store;
+  const desk::UniqueFd input(memfd_create("lines", MFD_CLOEXEC));
+  fuzz::Require(write(input.get(), data, size) == static_cast<ssize_t>(size), "the input");
+  lseek(input.get(), 0, SEEK_SET);
+
+  fuzz::PageEar ear;
+  desk::Json answer = desk::Json::array();
+  const auto say = [&](const desk::Json& line) {
+    const auto read_back = desk::ParseJson(desk::ToText(line), nullptr, desk::kMaxJsonDepth + 2);
+    fuzz::Require(std::holds_alternative<desk::ParsedJson>(read_back), "what is said is JSON", line);
+    if (line.contains("message")) {
+      ear.Hear(line["message"]);
+    } else {
+      answer.push_back(line);  // on this thread: it answers the request in hand
+    }
+  };
+  std::string error;
+  auto session = desk::Session::Start(MIRADO_PLUGIN_PATH, say, &error);
+  fuzz::Require(session != nullptr, "a session", error);
+
+  std::size_t good = 0;
+  std::size_t bad = 0;
+  const auto handle = [&](std::string_view, const desk::Request& request) {
+    fuzz::Require(answer.empty(), "nothing is answered that was not asked", answer);
+    auto wrong = Handle(*session, request, ear, answer);
+    answer.clear();
+    if (!wrong) ++good;
+    return wrong;
+  };
+  const auto complain = [&](const desk::Json& line) {
+    ++bad;
+    const std::string begin = "line " + std::to_string(good + bad) + ": ";
+    fuzz::Require(line.size() == 1 && line.contains("error") && line["error"].is_string(), "the form of an error",
+                  line);
+    const auto& text = line["error"].get_ref<const std::string&>();
+    fuzz::Require(text.starts_with(begin) && text.size() > begin.size(), "the line is named, and the cause", line);
+    const auto read_back = desk::ParseJson(desk::ToText(line), nullptr, desk::kMaxJsonDepth + 2);
+    fuzz::Require(std::holds_alternative<desk::ParsedJson>(read_back), "what is said is JSON", line);
+  };
+  const bool all_good = desk::ReadRequests(input.get(), NoEnd(), handle, complain);
+  fuzz::Require(all_good == (bad == 0), "what is wrong is told");
+  const std::string_view text(reinterpret_cast<const char*>(data), size);
+  const auto newlines = static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
+  const std::size_t lines = newlines + (!text.empty() && text.back() != '\n' ? 1 : 0);
+  fuzz::Require(good + bad == lines, "one outcome for each line", good + bad);
+  session->Settle();
+  session.reset();
+  ear.Finish();
+  fuzz::Require(answer.empty(), "nothing is answered at the end", answer);
+  store.Settle();
+  return 0;
+}

@@ -1,0 +1,385 @@
+// The store among several processes, and when what it stands on gives way.
+
+#include <fcntl.h>
+#include <lmdb.h>
+
+#include <array>
+#include <atomic>
+#include <future>
+#include <random>
+#include <thread>
+
+#include "support/vconf_fixture.h"
+
+namespace {
+
+using vconf::Change;
+
+class VconfProcessTest : public VconfTest {};
+
+TEST_F(VconfProcessTest, TwoProcessesWriteAndEveryChangeComesOnceInOrder) {
+  constexpr int kEach = 5000;
+  Open({{"db/other", 0}, {"memory/own", 0}});
+  vconf::CloseStore();
+  std::array<int, 2> go{};
+  ASSERT_EQ(pipe(go.data()), 0);
+  Process other([&] {
+    char byte = 0;
+    if (read(go[0], &byte, 1) != 1 || vconf::OpenStore(directory())) {
+      return 1;
+    }
+    for (int i = 1; i <= kEach; ++i) {
+      if (vconf_set_int(i % 2 == 0 ? "memory/other" : "db/other", i) != 0) {
+        return 2;
+      }
+    }
+    return 0;
+  });
+  Open();
+  std::vector<Change> changes;
+  std::atomic<int> calls{0};
+  const auto watch = vconf::WatchPrefix("", [&](const Change& change) { changes.push_back(change); });
+  ASSERT_GE(vconf_notify_key_changed(
+                "memory/own", [](keynode_t*, void* n) { ++*static_cast<std::atomic<int>*>(n); }, &calls),
+            0);
+  ASSERT_EQ(write(go[1], "g", 1), 1);
+  for (int i = 1; i <= kEach; ++i) {
+    ASSERT_EQ(vconf_set_int("memory/own", i), 0);
+  }
+  EXPECT_EQ(other.Wait(), 0);
+  vconf::Settle();
+  close(go[0]);
+  close(go[1]);
+
+  EXPECT_EQ(calls, kEach);
+  ASSERT_EQ(changes.size(), 2U * kEach);
+  int own = 0;
+  int others = 0;
+  for (std::size_t i = 0; i < changes.size(); ++i) {
+    ASSERT_EQ(changes[i].sequence, changes[0].sequence + i);
+    int& last = changes[i].path == "memory/own" ? own : others;
+    ASSERT_EQ(changes[i].value, vconf::Value(++last));
+  }
+}
+
+TEST_F(VconfProcessTest, AReadIsNeverOlderThanAWriteThatReturned) {
+  constexpr int kRounds = 200;
+  Open();
+  vconf::CloseStore();
+  std::array<int, 2> ask{};
+  std::array<int, 2> told{};
+  ASSERT_EQ(pipe(ask.data()) | pipe(told.data()), 0);
+  Process other([&] {
+    close(ask[1]);
+    char byte = 0;
+    if (vconf::OpenStore(directory())) {
+      return 1;
+    }
+    for (int i = 1; read(ask[0], &byte, 1) == 1; ++i) {
+      if (vconf_set_int("db/a", i) != 0 || vconf_set_int("memory/a", -i) != 0 || write(told[1], "t", 1) != 1) {
+        return 2;
+      }
+    }
+    return 0;
+  });
+  close(ask[0]);
+  close(told[1]);
+  Open();
+  for (int i = 1; i <= kRounds; ++i) {
+    char byte = 0;
+    ASSERT_EQ(write(ask[1], "a", 1), 1);
+    ASSERT_EQ(read(told[0], &byte, 1), 1);
+    for (int again = 0; again < 2; ++again) {
+      ASSERT_EQ(GetInt("db/a", 0), i);
+      ASSERT_EQ(GetInt("memory/a", 0), -i);
+    }
+  }
+  close(ask[1]);
+  close(told[0]);
+  EXPECT_EQ(other.Wait(), 0);
+
+  // Nor is it one of something that was removed, or of another store that came to the same number of commits.
+  EXPECT_EQ(vconf::Remove("db/a"), std::nullopt);
+  EXPECT_EQ(GetInt("db/a", 0), 0);
+  for (const int value : {1, 2}) {
+    vconf::CloseStore();
+    std::filesystem::remove_all(directory());
+    Open({{"db/a", value}});
+    EXPECT_EQ(GetInt("db/a", 0), value);
+  }
+}
+
+TEST_F(VconfProcessTest, WhatWasAcknowledgedSurvivesAKill) {
+  Open();
+  std::mt19937 random(7);  // NOLINT(cert-msc51-cpp): the same moments, as far as a schedule can be the same
+  int acknowledged = 0;
+  for (int round = 0; round < 30; ++round) {
+    vconf::CloseStore();
+    std::array<int, 2> told{};
+    ASSERT_EQ(pipe(told.data()), 0);
+    Process writer([&, first = acknowledged] {
+      if (vconf::OpenStore(directory())) {
+        return 1;
+      }
+      for (int i = first + 1;; ++i) {
+        if (vconf_set_int("db/a", i) != 0 || vconf_set_int("memory/a", i) != 0 || write(told[1], &i, sizeof i) < 0) {
+          return 1;
+        }
+      }
+    });
+    close(told[1]);
+    const auto moment = random() % 200;
+    int last = acknowledged;
+    for (unsigned i = 0; i <= moment && read(told[0], &last, sizeof last) == sizeof last; ++i) {
+    }
+    writer.Kill();
+    while (read(told[0], &last, sizeof last) == sizeof last) {
+    }
+    close(told[0]);
+    EXPECT_EQ(writer.Wait(), -SIGKILL);
+    Open();
+    EXPECT_GT(last, acknowledged);
+    for (const char* path : {"db/a", "memory/a"}) {
+      EXPECT_GE(GetInt(path, -1), last);
+      EXPECT_LE(GetInt(path, -1), last + 1);
+    }
+    acknowledged = GetInt("db/a", -1);
+    ASSERT_EQ(vconf_set_int("db/a", acknowledged), 0);
+  }
+}
+
+// Ends this process as if it were killed behind a commit, before it said so in the table of readers.
+[[noreturn]] void DieBehindACommit(const std::string& environment) {
+  constexpr off_t kNumberOfTheLast = 8 + sizeof(pthread_mutex_t);  // behind two words that say what file it is
+  MDB_env* env = nullptr;
+  MDB_txn* txn = nullptr;
+  std::uint64_t number = 0;
+  const int table = open((environment + "/lock.mdb").c_str(), O_RDWR);
+  const bool done = mdb_env_create(&env) == 0 && mdb_env_open(env, environment.c_str(), MDB_NOSYNC, 0600) == 0 &&
+                    mdb_txn_begin(env, nullptr, 0, &txn) == 0 &&
+                    pread(table, &number, sizeof number, kNumberOfTheLast) == sizeof number &&
+                    number == mdb_txn_id(txn) - 1 && --number > 0 &&
+                    pwrite(table, &number, sizeof number, kNumberOfTheLast) == sizeof number;
+  _exit(done ? 0 : 1);
+}
+
+TEST_F(VconfProcessTest, ACommitWhoseWriterDiedIsSeenAndItsNumberNotGivenAgain) {
+  Open({{"memory/a", 1}, {"db/a", 1}});
+  vconf::CloseStore();
+  const auto die_in = [&](const std::string& environment, const char* path, int value) {
+    return [=, this] {
+      if (vconf::OpenStore(directory()) || vconf_set_int(path, value) != 0) {
+        return 1;
+      }
+      DieBehindACommit(environment);
+    };
+  };
+  EXPECT_EQ(Process(die_in(directory(), "db/a", 2)).Wait(), 0);
+  EXPECT_EQ(Process(die_in(memory(), "memory/a", 2)).Wait(), 0);
+  Open();
+  EXPECT_EQ(GetInt("db/a", 0), 2);
+  EXPECT_EQ(GetInt("memory/a", 0), 2);
+  vconf::CloseStore();
+
+  std::array<int, 2> go{};
+  ASSERT_EQ(pipe(go.data()), 0);
+  Process late([&] {
+    char byte = 0;
+    return read(go[0], &byte, 1) == 1 ? die_in(memory(), "memory/a", 3)() : 1;
+  });
+  Open();
+  std::vector<Change> changes;
+  const auto watch = vconf::WatchPrefix("", [&](const Change& change) { changes.push_back(change); });
+  ASSERT_EQ(write(go[1], "g", 1), 1);
+  EXPECT_EQ(late.Wait(), 0);
+  EXPECT_EQ(vconf_set_int("db/a", 3), 0);
+  vconf::Settle();
+  ASSERT_EQ(changes.size(), 2U);
+  EXPECT_EQ(changes[0].path, "memory/a");
+  EXPECT_EQ(changes[1].sequence, changes[0].sequence + 1);
+  close(go[0]);
+  close(go[1]);
+}
+
+// ---- damage
+
+class VconfDamageTest : public VconfTest {
+ protected:
+  static constexpr int kKeys = 300;
+
+  void Fill() {
+    Open();
+    for (int i = 0; i < kKeys; ++i) {
+      ASSERT_EQ(vconf_set_int(("db/key" + std::to_string(i)).c_str(), i), 0);
+      ASSERT_EQ(vconf_set_int(("memory/key" + std::to_string(i)).c_str(), i), 0);
+    }
+    ASSERT_EQ(vconf::Set("set/text", std::string(20'000, 'x')), std::nullopt);
+  }
+
+  // Every call is made on every key; whatever they answer, no value may be wrong.
+  static void UseAll() {
+    for (int i = 0; i < kKeys; ++i) {
+      for (const char* room : {"db/key", "memory/key"}) {
+        const std::string path = room + std::to_string(i);
+        EXPECT_EQ(GetInt(path, i), i);
+        if (vconf_set_int(path.c_str(), i) == 0) {
+          EXPECT_EQ(GetInt(path, i), i);
+        }
+      }
+    }
+    vconf_sync_key("db/key0");
+    for (const vconf::Entry& entry : vconf::List("")) {
+      EXPECT_NE(entry.path, "");
+    }
+    vconf::Remove("db/key7");
+    vconf::Get("set/text");
+    vconf::ListFaults();
+  }
+};
+
+TEST_F(VconfDamageTest, AStoreThatIsNoneIsRefusedAndLeftAlone) {
+  Fill();
+  vconf::CloseStore();
+  const std::string whole = Contents(file());
+  for (const auto& bytes :
+       {std::string(), std::string("no store at all"), whole.substr(0, 4096), Noise(whole.size(), 1),
+        std::string(whole.size(), '\0'), Noise(8192, 2) + whole.substr(8192)}) {
+    std::ofstream(file(), std::ios::binary | std::ios::trunc) << bytes;
+    ClearLog();
+    const auto error = vconf::OpenStore(directory(), {{"db/key1", 1}});
+    EXPECT_EQ(error, file() + ": is damaged");
+    EXPECT_EQ(Log(), std::vector<std::string>{"E/VCONF(2): " + error.value_or("")});
+    EXPECT_EQ(Contents(file()), bytes);
+  }
+  std::filesystem::remove(file());
+  EXPECT_NE(vconf::OpenStore(directory()), std::nullopt);
+  EXPECT_FALSE(std::filesystem::exists(file()));
+  std::ofstream(file(), std::ios::binary | std::ios::trunc) << whole;
+  Open();
+  EXPECT_EQ(GetInt("db/key7", 0), 7);
+}
+
+TEST_F(VconfDamageTest, NoiseOnDiskIsNeverAWrongValueNorTheEnd) {
+  Fill();
+  vconf::CloseStore();
+  const std::string whole = Contents(file());
+  std::size_t readable = 0;
+  for (unsigned seed = 0; seed < 60; ++seed) {
+    std::ofstream(file(), std::ios::binary | std::ios::trunc) << whole;
+    std::mt19937 random(seed);
+    const std::size_t page = random() % (whole.size() / 4096);
+    // A whole page, or a few bytes of its head, which is what misleads most.
+    Overwrite(file(), page * 4096 + random() % 32, seed % 2 == 0 ? Noise(4000, seed) : Noise(2 + random() % 6, seed));
+    if (!vconf::OpenStore(directory())) {
+      UseAll();
+      readable += vconf::List("db/").size();
+    }
+    vconf::CloseStore();
+  }
+  EXPECT_GT(readable, 0U);
+}
+
+TEST_F(VconfDamageTest, AFileThatChangesWhileInUseIsAFailureOnly) {
+  for (const bool memory : {false, true}) {
+    for (const bool cut : {true, false}) {
+      std::filesystem::remove_all(directory());
+      Fill();
+      const std::string damaged = memory ? this->memory() + "/data.mdb" : file();
+      const std::size_t size = std::filesystem::file_size(damaged);
+      std::atomic<int> calls{0};
+      const auto watch = vconf::WatchPrefix("", [&](const Change&) { ++calls; });
+      if (cut) {
+        std::filesystem::resize_file(damaged, 0);
+      } else {
+        Overwrite(damaged, 0, Noise(size, 3));
+      }
+      ClearLog();
+      UseAll();
+      int value = 77;
+      EXPECT_LT(vconf_get_int(memory ? "memory/key1" : "db/key1", &value), 0);
+      EXPECT_EQ(value, 77);
+      if (memory) {
+        EXPECT_EQ(GetInt("db/key2", -1), 2);
+        EXPECT_EQ(vconf_set_int("db/key2", 2), 0);
+      }
+      vconf::CloseStore();
+      const std::vector<std::string> log = Log();
+      EXPECT_TRUE(std::any_of(log.begin(), log.end(), [&](const std::string& line) {
+        return line.find(damaged + ": is damaged") != std::string::npos;
+      })) << (log.empty() ? "no line" : log.front());
+      EXPECT_LE(log.size(), 4U);
+    }
+  }
+}
+
+TEST_F(VconfDamageTest, NobodyWaitsForChangesThatAreGone) {
+  Open({{"memory/a", 0}});
+  std::promise<void> called;
+  std::promise<void> go_on;
+  auto watch = vconf::WatchPrefix("memory/first", [&](const Change&) {
+    called.set_value();
+    go_on.get_future().wait();
+  });
+  ASSERT_EQ(vconf_set_int("memory/first", 1), 0);
+  called.get_future().wait();
+  ASSERT_EQ(vconf_set_int("memory/a", 1), 0);
+  std::promise<pid_t> id;
+  std::thread waiting([&] {
+    id.set_value(gettid());
+    vconf::Settle();
+  });
+  // It has read how far it has to wait when it sleeps.
+  const std::string state = "/proc/self/task/" + std::to_string(id.get_future().get()) + "/stat";
+  while (Contents(state).find(") S ") == std::string::npos) {
+    std::this_thread::yield();
+  }
+  std::filesystem::resize_file(memory() + "/data.mdb", 0);
+  go_on.set_value();
+  waiting.join();
+  watch.reset();
+}
+
+TEST_F(VconfDamageTest, ALostBellCostsNothingButTime) {
+  Open();
+  std::atomic<int> calls{0};
+  const auto watch = vconf::WatchPrefix("", [&](const Change&) { ++calls; });
+  std::filesystem::resize_file(directory() + "/bell", 0);
+  EXPECT_EQ(vconf_set_int("db/key1", 1), 0);
+  vconf::Settle();
+  EXPECT_EQ(calls, 1);
+}
+
+TEST_F(VconfDamageTest, AStoreThatMayOnlyBeReadIsRead) {
+  Fill();
+  ASSERT_EQ(vconf::SetFault({"vconf_get_int", "db/key4", -9, 1}), std::nullopt);
+  vconf::CloseStore();
+  for (const std::string& each : {folder(), directory()}) {
+    std::filesystem::permissions(each, std::filesystem::perms(0555));
+  }
+  for (const auto& entry : std::filesystem::directory_iterator(directory())) {
+    std::filesystem::permissions(entry.path(), std::filesystem::perms(0444));
+  }
+  Process reader([&] {
+    constexpr uid_t kNobody = 65534;
+    if (getuid() == 0 && setuid(kNobody) != 0) {
+      return 1;
+    }
+    if (vconf::OpenStore(directory())) {
+      return 2;
+    }
+    std::atomic<int> calls{0};
+    const auto watch = vconf::WatchPrefix("", [&](const Change&) { ++calls; });
+    const auto error = vconf::Set("db/key3", 1);
+    vconf::Settle();
+    int value = 0;
+    return vconf_get_int("db/key4", &value) == -9 && GetInt("db/key3", -1) == 3 &&
+                   error == file() + ": may only be read by this process"
+               ? 0
+               : 3;
+  });
+  EXPECT_EQ(reader.Wait(), 0);
+  std::filesystem::permissions(folder(), std::filesystem::perms(0755));
+  std::filesystem::permissions(directory(), std::filesystem::perms(0755));
+}
+
+}  // namespace

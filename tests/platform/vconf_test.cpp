@@ -1,0 +1,394 @@
+// The store as one process sees it.
+
+#include <atomic>
+#include <chrono>
+#include <climits>
+#include <future>
+#include <iterator>
+#include <latch>
+#include <optional>
+#include <thread>
+
+#include "support/vconf_fixture.h"
+
+namespace {
+
+using vconf::Change;
+using vconf::Entry;
+using vconf::Fault;
+
+void CountCall(keynode_t* /*node*/, void* count) { ++*static_cast<std::atomic<int>*>(count); }
+void CollectPath(keynode_t* node, void* paths) {
+  static_cast<std::vector<std::string>*>(paths)->emplace_back(node->keyname);
+}
+
+TEST_F(VconfTest, KeysKeepTypeAndValue) {
+  Open();
+  for (const std::string room : {"db/", "memory/"}) {
+    const std::string number = room + "number";
+    const std::string flag = room + "flag";
+    int value = 77;
+    EXPECT_NE(vconf_get_int(number.c_str(), &value), 0);
+    EXPECT_EQ(value, 77);
+    for (const int written : {0, -5, INT_MAX, INT_MIN}) {
+      EXPECT_EQ(vconf_set_int(number.c_str(), written), 0);
+      EXPECT_EQ(vconf_get_int(number.c_str(), &value), 0);
+      EXPECT_EQ(value, written);
+    }
+    EXPECT_EQ(vconf_set_bool(flag.c_str(), 1), 0);
+    EXPECT_NE(vconf_set_bool(number.c_str(), 1), 0);
+    EXPECT_NE(vconf_set_int(flag.c_str(), 3), 0);
+    value = 77;
+    EXPECT_NE(vconf_get_bool(number.c_str(), &value), 0);
+    EXPECT_NE(vconf_get_int(flag.c_str(), &value), 0);
+    EXPECT_EQ(value, 77);
+    EXPECT_EQ(vconf_sync_key(number.c_str()), 0);
+  }
+  Reopen();
+  EXPECT_EQ(GetInt("db/number", 0), INT_MIN);
+  EXPECT_EQ(GetInt("memory/number", 0), INT_MIN);
+  int flag = 0;
+  EXPECT_EQ(vconf_get_bool("db/flag", &flag), 0);
+  EXPECT_EQ(flag, 1);
+  EXPECT_TRUE(Log().empty()) << Log().front();
+}
+
+TEST_F(VconfTest, WhatIsNoPathOrHasNoStoreFailsByValue) {
+  int value = 77;
+  std::atomic<int> calls{0};
+  const auto all_fail = [&](const char* path) {
+    EXPECT_LT(vconf_get_int(path, &value), 0);
+    EXPECT_LT(vconf_get_bool(path, &value), 0);
+    EXPECT_LT(vconf_set_int(path, 1), 0);
+    EXPECT_LT(vconf_set_bool(path, 1), 0);
+    EXPECT_LT(vconf_sync_key(path), 0);
+    EXPECT_LT(vconf_notify_key_changed(path, CountCall, &calls), 0);
+    EXPECT_LT(vconf_ignore_key_changed(path, CountCall), 0);
+  };
+  all_fail("db/no-store");
+  EXPECT_EQ(vconf::Set("db/a", 1), "no store is open");
+  Open();
+  const std::string too_long = "db/" + std::string(509, 'x');
+  const std::string longest = too_long.substr(0, 511);
+  for (const char* path :
+       {static_cast<const char*>(nullptr), "", "db/", "db", "/db/a", "set/a", "other/a", too_long.c_str()}) {
+    all_fail(path);
+  }
+  EXPECT_EQ(value, 77);
+  EXPECT_LT(vconf_notify_key_changed("db/a", nullptr, nullptr), 0);
+  EXPECT_EQ(vconf_set_int(longest.c_str(), 4), 0);
+  EXPECT_EQ(GetInt(longest, 0), 4);
+}
+
+TEST_F(VconfTest, ANewStoreIsFilledOnceAndAnOldOneNever) {
+  Open({{"db/a", 1}, {"memory/b", true}, {"set/c", std::string("text")}});
+  EXPECT_EQ(vconf::List(""), (std::vector<Entry>{{"db/a", 1}, {"memory/b", true}, {"set/c", std::string("text")}}));
+  EXPECT_EQ(vconf::Remove("db/a"), std::nullopt);
+  EXPECT_NE(vconf::OpenStore(folder() + "/second"), std::nullopt);
+  vconf::CloseStore();
+  Open({{"db/a", 1}, {"db/d", 2}});
+  EXPECT_EQ(vconf::List("db/"), std::vector<Entry>{});
+  vconf::CloseStore();
+  const auto error = vconf::OpenStore(folder() + "/third", {{"other/a", 1}});
+  EXPECT_EQ(error, "other/a: is no path of the store");
+  EXPECT_FALSE(std::filesystem::exists(folder() + "/third"));
+  EXPECT_NE(vconf::OpenStore(""), std::nullopt);
+  EXPECT_EQ(vconf::OpenStore(folder() + "/third/"), std::nullopt);
+}
+
+TEST_F(VconfTest, TheMemoryOfLostStoresIsSweptAndNothingElse) {
+  Open();
+  const auto memory = std::filesystem::directory_iterator(memory_root())->path();
+  // Another store's: one digit of the id, counted from its end, is another.
+  const auto with_other_digit = [&](std::size_t from_end) {
+    std::string other = memory.string();
+    char& digit = other[other.rfind('-') - from_end];
+    digit = digit == '0' ? '1' : '0';
+    return other;
+  };
+  const std::string lost = with_other_digit(1);
+  const std::string users = memory_root() + "/mirado-demo";
+  for (const std::string& each : {lost, users}) {
+    std::filesystem::create_directory(each);
+    std::filesystem::last_write_time(each, std::filesystem::file_time_type::clock::now() - std::chrono::hours(1));
+  }
+  const std::string dangling = with_other_digit(2);
+  std::filesystem::create_directory(dangling);
+  std::filesystem::create_symlink(folder() + "/removed", dangling + "/store");
+  vconf::CloseStore();
+  ASSERT_EQ(vconf::OpenStore(folder() + "/second", {{"memory/m", 1}}), std::nullopt);
+  EXPECT_TRUE(std::filesystem::exists(memory) && std::filesystem::exists(users));
+  EXPECT_FALSE(std::filesystem::exists(lost) || std::filesystem::exists(dangling));
+}
+
+TEST_F(VconfTest, ControlServesEveryTypeAndRoom) {
+  Open();
+  const std::string longest(65536, 'z');
+  EXPECT_EQ(vconf::Set("set/long", longest), std::nullopt);
+  EXPECT_EQ(vconf::Get("set/long"), vconf::Value(longest));
+  EXPECT_NE(vconf::Set("set/long", longest + "z"), std::nullopt);
+  EXPECT_EQ(vconf::Set("set/long", 1), "set/long: holds a value of another type");
+  EXPECT_EQ(vconf::Remove("db/none"), "db/none: no such key");
+  EXPECT_EQ(vconf::Set("memory/m", std::string()), std::nullopt);
+  EXPECT_EQ(vconf::Set("db/b", false), std::nullopt);
+  EXPECT_EQ(vconf::Set("db/a", 1), std::nullopt);
+  EXPECT_EQ(vconf::List("db"), (std::vector<Entry>{{"db/a", 1}, {"db/b", false}}));
+  EXPECT_EQ(vconf::List("memory/m"), (std::vector<Entry>{{"memory/m", std::string()}}));
+  EXPECT_EQ(vconf::List("x"), std::vector<Entry>{});
+  EXPECT_EQ(vconf::Remove("db/a"), std::nullopt);
+  EXPECT_EQ(vconf::Set("db/a", true), std::nullopt);  // a removed key has no type any more
+}
+
+class VconfChangeTest : public VconfTest {
+ protected:
+  void SetUp() override { Open(); }
+
+  std::unique_ptr<vconf::Watch> Collect(const std::string& prefix) {
+    return vconf::WatchPrefix(prefix, [this](const Change& change) { changes_.push_back(change); });
+  }
+
+  std::vector<Change> changes_;
+};
+
+TEST_F(VconfChangeTest, EachChangeComesOnceInOrderWithItsUserData) {
+  std::vector<std::string> first;
+  std::vector<std::string> second;
+  EXPECT_EQ(vconf_set_int("db/a", 0), 0);
+  EXPECT_GE(vconf_notify_key_changed("db/a", CollectPath, &first), 0);
+  EXPECT_GE(vconf_notify_key_changed("memory/b", CollectPath, &first), 0);
+  EXPECT_GE(vconf_notify_key_changed("db/a", CollectPath, &second), 0);
+  EXPECT_EQ(vconf::SubscriptionCount(), 3U);
+  EXPECT_EQ(vconf_set_int("db/a", 0), 0);
+  EXPECT_EQ(vconf_set_int("memory/b", 1), 0);
+  EXPECT_NE(vconf_set_bool("db/a", 1), 0);
+  EXPECT_EQ(vconf_set_int("db/other", 1), 0);
+  EXPECT_EQ(vconf::Remove("db/a"), std::nullopt);
+  vconf::Settle();
+  EXPECT_EQ(first, (std::vector<std::string>{"db/a", "memory/b", "db/a"}));
+  EXPECT_EQ(second, (std::vector<std::string>{"db/a", "db/a"}));
+
+  EXPECT_GE(vconf_ignore_key_changed("db/a", CollectPath), 0);
+  EXPECT_GE(vconf_ignore_key_changed("db/a", CollectPath), 0);
+  EXPECT_GE(vconf_ignore_key_changed("memory/b", CountCall), 0);
+  EXPECT_EQ(vconf::SubscriptionCount(), 1U);
+  EXPECT_EQ(vconf_set_int("db/a", 1), 0);
+  EXPECT_EQ(vconf_set_int("memory/b", 2), 0);
+  vconf::Settle();
+  EXPECT_EQ(first.size(), 4U);
+  EXPECT_EQ(second.size(), 2U);
+}
+
+TEST_F(VconfChangeTest, AWatchSeesValuesRemovalsAndResets) {
+  const std::string long_text(5000, 'x');
+  EXPECT_EQ(vconf::Set("memory/kept", 1), std::nullopt);
+  EXPECT_EQ(vconf::Set("db/gone", 1), std::nullopt);
+  const auto watch = Collect("");
+  ASSERT_NE(watch, nullptr);
+  EXPECT_EQ(vconf::Set("set/a", std::string("short")), std::nullopt);
+  EXPECT_EQ(vconf::Set("set/a", long_text), std::nullopt);
+  EXPECT_EQ(vconf::Remove("set/a"), std::nullopt);
+  EXPECT_EQ(vconf::Reset({{"memory/kept", 1}, {"memory/new", 2}, {"db/new", true}}), std::nullopt);
+  vconf::Settle();
+  using Seen = std::pair<std::string, std::optional<vconf::Value>>;
+  std::vector<Seen> seen;
+  for (const Change& change : changes_) {
+    seen.emplace_back(change.path, change.value);
+    EXPECT_EQ(change.sequence, changes_.front().sequence + seen.size() - 1);
+  }
+  // A long text is not kept with the change: what the key holds when it is told comes in its place.
+  ASSERT_EQ(seen.size(), 6U);
+  EXPECT_TRUE(!seen[1].second || seen[1].second == vconf::Value(long_text));
+  seen[1].second.reset();
+  EXPECT_EQ(seen, (std::vector<Seen>{{"set/a", std::string("short")},
+                                     {"set/a", std::nullopt},
+                                     {"set/a", std::nullopt},
+                                     {"memory/new", 2},
+                                     {"db/gone", std::nullopt},
+                                     {"db/new", true}}));
+  EXPECT_EQ(vconf::List(""), (std::vector<Entry>{{"db/new", true}, {"memory/kept", 1}, {"memory/new", 2}}));
+}
+
+TEST_F(VconfChangeTest, ACallbackMayCallAnythingAndEndItself) {
+  struct Once {
+    std::promise<int> value;
+    static void Call(keynode_t* node, void* self) {
+      int value = 0;
+      vconf_get_int(node->keyname, &value);
+      vconf_set_int("memory/copy", value);
+      vconf_ignore_key_changed(node->keyname, Call);
+      static_cast<Once*>(self)->value.set_value(value);  // throws, were it called twice
+    }
+  };
+  for (int round = 0; round < 50; ++round) {
+    Once once;
+    ASSERT_GE(vconf_notify_key_changed("memory/a", Once::Call, &once), 0);
+    vconf_set_int("memory/a", round);
+    vconf_set_int("memory/a", round);
+    EXPECT_EQ(once.value.get_future().get(), round);
+    vconf::Settle();
+  }
+  EXPECT_EQ(vconf::SubscriptionCount(), 0U);
+  std::unique_ptr<vconf::Watch> watch;
+  std::promise<void> ended;
+  watch = vconf::WatchPrefix("memory/", [&](const Change&) {
+    watch.reset();
+    ended.set_value();
+  });
+  vconf_set_int("memory/a", 1);
+  ended.get_future().wait();
+}
+
+/// A subscriber whose first call waits until it may go on.
+struct Slow {
+  std::latch running{1};
+  std::latch go_on{1};
+  int finished = 0;  // not atomic: the end of the subscription, or Settle, is what orders it
+  static void Call(keynode_t* node, void* self) {
+    auto& slow = *static_cast<Slow*>(self);
+    if (slow.finished == 0) {
+      slow.running.count_down();
+      slow.go_on.wait();
+      vconf_sync_key(node->keyname);
+    }
+    ++slow.finished;
+  }
+};
+
+TEST_F(VconfChangeTest, IgnoreWaitsForARunningCallback) {
+  Slow slow;
+  ASSERT_GE(vconf_notify_key_changed("db/a", Slow::Call, &slow), 0);
+  vconf_set_int("db/a", 1);
+  slow.running.wait();
+  std::thread releaser([&] { slow.go_on.count_down(); });
+  EXPECT_GE(vconf_ignore_key_changed("db/a", Slow::Call), 0);
+  EXPECT_EQ(slow.finished, 1);
+  releaser.join();
+}
+
+TEST_F(VconfChangeTest, WhoFallsBehindTheJournalIsToldOnceOfEachKey) {
+  Slow slow;
+  std::atomic<int> other{0};
+  ASSERT_GE(vconf_notify_key_changed("memory/a", Slow::Call, &slow), 0);
+  vconf_set_int("memory/a", 0);
+  slow.running.wait();
+  ASSERT_GE(vconf_notify_key_changed("memory/b", CountCall, &other), 0);
+  const auto watch = Collect("memory/");
+  std::atomic<int> late{0};
+  std::vector<Entry> many;
+  many.reserve(33'000);
+  for (int i = 0; i < 33'000; ++i) {
+    many.push_back({"memory/many" + std::to_string(i), i});
+  }
+  ASSERT_EQ(vconf::Reset(many), std::nullopt);
+  ASSERT_EQ(vconf::Reset({{"memory/last", 1}}), std::nullopt);
+  ASSERT_GE(vconf_notify_key_changed("memory/a", CountCall, &late), 0);
+  slow.go_on.count_down();
+  vconf::Settle();
+  EXPECT_EQ(late, 0);
+  EXPECT_EQ(slow.finished, 2);
+  EXPECT_EQ(other, 1);
+  ASSERT_EQ(changes_.size(), 1U);
+  EXPECT_EQ(changes_[0].path, "memory/last");
+  vconf_set_int("memory/b", 5);
+  vconf::Settle();
+  EXPECT_EQ(other, 2);
+  EXPECT_EQ(changes_.size(), 2U);
+}
+
+TEST_F(VconfChangeTest, ThreadsChangeAndSubscribeAtOnce) {
+  std::atomic<int> steady{0};
+  std::atomic<int> passing{0};
+  ASSERT_GE(vconf_notify_key_changed("memory/a", CountCall, &steady), 0);
+  std::vector<std::jthread> threads;
+  for (int i = 0; i < 2; ++i) {
+    threads.emplace_back([] {
+      for (int n = 0; n < 500; ++n) {
+        vconf_set_int(n % 2 == 0 ? "memory/a" : "db/a", n);
+      }
+    });
+    threads.emplace_back([&passing, path = "db/" + std::to_string(i)] {
+      for (int n = 0; n < 200; ++n) {
+        EXPECT_GE(vconf_notify_key_changed(path.c_str(), CountCall, &passing), 0);
+        EXPECT_EQ(vconf_set_int(path.c_str(), n), 0);
+        EXPECT_GE(vconf_ignore_key_changed(path.c_str(), CountCall), 0);
+      }
+    });
+  }
+  threads.clear();
+  vconf::Settle();
+  EXPECT_EQ(steady, 500);
+  EXPECT_LE(passing, 400);
+  EXPECT_EQ(vconf::SubscriptionCount(), 1U);
+}
+
+TEST_F(VconfChangeTest, NothingIsLeftBehind) {
+  const auto count = [](const char* folder) {
+    return std::distance(std::filesystem::directory_iterator(folder), std::filesystem::directory_iterator());
+  };
+  // With the first thread a sanitizer starts one of its own; ours stands in the list until the kernel has taken it out.
+  pid_t first = 0;
+  std::thread([&] { first = gettid(); }).join();
+  while (std::filesystem::exists("/proc/self/task/" + std::to_string(first))) {
+    std::this_thread::yield();
+  }
+  const auto files = count("/proc/self/fd");
+  const auto threads = count("/proc/self/task");
+  std::unique_ptr<vconf::Watch> outlives;
+  for (int i = 0; i < 100; ++i) {
+    outlives = vconf::WatchPrefix("db/", [](const Change&) {});
+    std::thread([] { vconf_set_int("db/a", GetInt("db/a", 0) + 1); }).join();
+    Reopen();
+  }
+  outlives.reset();
+  EXPECT_EQ(count("/proc/self/fd"), files);
+  // A joined thread stands in the list until the kernel has taken it out.
+  const auto patience = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (count("/proc/self/task") != threads && std::chrono::steady_clock::now() < patience) {
+    std::this_thread::yield();
+  }
+  EXPECT_EQ(count("/proc/self/task"), threads);
+  EXPECT_EQ(GetInt("db/a", 0), 100);
+  // More threads than readers have places, one after the other.
+  for (int i = 0; i < 2500; ++i) {
+    std::thread([] { EXPECT_EQ(GetInt("db/a", 0), 100); }).join();
+  }
+}
+
+TEST_F(VconfChangeTest, FaultsAnswerInPlaceOfTheCall) {
+  vconf_set_int("db/a", 1);
+  vconf_set_int("db/b", 2);
+  EXPECT_EQ(vconf::SetFault({"vconf_get_int", "*", -3, 2}), std::nullopt);
+  EXPECT_EQ(vconf::SetFault({"vconf_get_int", "db/a", -4, 0}), std::nullopt);
+  EXPECT_EQ(vconf::SetFault({"vconf_set_int", "db/a", 5, 1}), std::nullopt);
+  EXPECT_EQ(vconf::ListFaults().size(), 3U);
+  EXPECT_EQ(vconf::List("").size(), 2U);
+
+  int value = 77;
+  EXPECT_EQ(vconf_get_int("db/a", &value), -4);
+  EXPECT_EQ(vconf_get_int("db/b", &value), -3);
+  EXPECT_EQ(vconf_set_int("db/a", 9), 5);
+  EXPECT_EQ(value, 77);
+  EXPECT_EQ(vconf_set_int("db/b", 3), 0);
+  EXPECT_EQ(vconf::ListFaults(), (std::vector<Fault>{{"vconf_get_int", "*", -3, 1}, {"vconf_get_int", "db/a", -4, 0}}));
+  EXPECT_EQ(vconf::ClearFault("vconf_get_int", "db/a"), std::nullopt);
+  EXPECT_EQ(vconf_get_int("db/a", &value), -3);
+  EXPECT_EQ(GetInt("db/a", 77), 1);
+  EXPECT_EQ(vconf::TakeFault("vconf_get_int", "db/a"), std::nullopt);
+}
+
+TEST_F(VconfChangeTest, AFaultLeavesSubscriptionsAsTheyAre) {
+  std::atomic<int> calls{0};
+  ASSERT_EQ(vconf::SetFault({"vconf_notify_key_changed", "db/a", -1, 1}), std::nullopt);
+  ASSERT_EQ(vconf::SetFault({"vconf_ignore_key_changed", "db/a", -2, 0}), std::nullopt);
+  EXPECT_EQ(vconf_notify_key_changed("db/a", CountCall, &calls), -1);
+  EXPECT_EQ(vconf::SubscriptionCount(), 0U);
+  EXPECT_GE(vconf_notify_key_changed("db/a", CountCall, &calls), 0);
+  EXPECT_EQ(vconf_ignore_key_changed("db/a", CountCall), -2);
+  vconf_set_int("db/a", 1);
+  vconf::Settle();
+  EXPECT_EQ(calls, 1);
+  EXPECT_EQ(vconf::ClearFaults(), std::nullopt);
+  EXPECT_GE(vconf_ignore_key_changed("db/a", CountCall), 0);
+}
+
+}  // namespace

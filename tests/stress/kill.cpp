@@ -1,0 +1,199 @@
+// A process that writes is killed at any moment, again and again, beside one that reads on.
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <map>
+#include <thread>
+
+#include "harness.h"
+#include "set/simulated_set.h"
+#include "vconf.h"
+#include "vconf_control.h"
+
+namespace stress {
+namespace {
+
+constexpr char kNumber[] = "db/kill/number";
+constexpr char kMemory[] = "memory/kill/number";
+constexpr char kText[] = "db/kill/text";
+constexpr std::array kKeys = {kNumber, kMemory, kText};
+constexpr int kFailed = -1;
+
+/// A write that was acknowledged: the `number`th of the key, counted from 1, or `kFailed`.
+struct Acknowledged {
+  int key;
+  int number;
+};
+
+/// What the reader has seen.
+struct Seen {
+  std::atomic<std::uint64_t> reads;
+  std::atomic<std::uint64_t> torn;
+  std::atomic<std::uint64_t> back_in_time;
+  std::atomic<std::uint64_t> failed_writes;
+  Slowest read;
+  Slowest write;
+  std::atomic<std::uint64_t> events;
+  std::atomic<bool> stop;
+};
+
+/// Says its number in every byte, and is often longer than a page.
+std::string TextOf(int number) {
+  return std::to_string(number) + ' ' +
+         std::string(static_cast<std::size_t>(number) * 7919 % 9000, static_cast<char>('a' + number % 26));
+}
+
+/// The number that `key` holds, 0 for none, `kFailed` when what it holds was never written.
+int NumberIn(int key) {
+  const auto value = vconf::Get(kKeys[static_cast<std::size_t>(key)]);
+  if (!value) return 0;
+  if (key != 2) return std::get<int>(*value);
+  const auto& text = std::get<std::string>(*value);
+  const int number = std::atoi(text.c_str());
+  return text == TextOf(number) ? number : kFailed;
+}
+
+bool WriteNumber(int key, int number) {
+  const char* const path = kKeys[static_cast<std::size_t>(key)];
+  if (key == 2) return !vconf::Set(path, TextOf(number));
+  return vconf_set_int(path, number) == 0 && vconf_sync_key(path) == 0;
+}
+
+void Write(const std::string& store, int pipe) {
+  EXPECT_EQ(vconf::OpenStore(store, desk::DefaultEntries()), std::nullopt);
+  std::array<int, 3> numbers = {NumberIn(0), NumberIn(1), NumberIn(2)};
+  while (true) {
+    for (int key = 0; key < 3; ++key) {
+      int& number = numbers[static_cast<std::size_t>(key)];
+      const Acknowledged acknowledged = {key, WriteNumber(key, ++number) ? number : kFailed};
+      if (write(pipe, &acknowledged, sizeof acknowledged) < 0) return;
+    }
+  }
+}
+
+/// Reads all the time and writes a little too, since the lock of the killed writer has to come free.
+void Read(const std::string& store, Seen& seen, int pipe) {
+  EXPECT_EQ(vconf::OpenStore(store), std::nullopt);
+  const auto count = [](keynode_t*, void* events) { ++*static_cast<std::atomic<std::uint64_t>*>(events); };
+  EXPECT_GE(vconf_notify_key_changed(kNumber, count, &seen.events), 0);
+  EXPECT_EQ(write(pipe, "", 1), 1);
+  Witness witness;
+  std::array<int, 3> last{};
+  for (std::uint64_t round = 1; !seen.stop; ++round) {
+    const auto before = Clock::now();
+    for (int key = 0; key < 3; ++key) {
+      const int number = NumberIn(key);
+      int& least = last[static_cast<std::size_t>(key)];
+      if (number == kFailed) {
+        ++seen.torn;
+      } else if (number < least) {
+        ++seen.back_in_time;
+      } else {
+        least = number;
+      }
+    }
+    const auto between = Clock::now();
+    seen.read.Take(witness, before, between);
+    if (round % 256 == 0) {
+      const auto written_from = Clock::now();
+      if (vconf_set_int("db/kill/reader", static_cast<int>(round / 256)) != 0) ++seen.failed_writes;
+      seen.write.Take(witness, written_from, Clock::now());
+    }
+    ++seen.reads;
+  }
+  vconf::Settle();
+  vconf_ignore_key_changed(kNumber, count);
+  vconf::CloseStore();
+}
+
+/// The writer dies while it makes the store: it is there afterwards with all that a new one holds, whoever made it.
+void KillMaker(const std::string& store, std::chrono::microseconds life) {
+  {
+    Forked maker([&](int pipe) { Write(store, pipe); });
+    std::this_thread::sleep_for(life);
+  }
+  EXPECT_EQ(vconf::OpenStore(store, desk::DefaultEntries()), std::nullopt);
+  for (const auto& entry : desk::DefaultEntries()) EXPECT_EQ(vconf::Get(entry.path), entry.value) << entry.path;
+  vconf::CloseStore();
+  std::filesystem::remove_all(store);
+}
+
+}  // namespace
+
+void RunKill(double kills, unsigned seed) {
+  Progress progress("kill", kills, "kills");
+  const TemporaryFolder folder;
+  const std::string store = folder / "store";
+  EXPECT_EQ(vconf::OpenStore(store, desk::DefaultEntries()), std::nullopt);
+  vconf::CloseStore();
+
+  auto& seen = SharedWithForks<Seen>();
+  Forked reader([&](int pipe) { Read(store, seen, pipe); });
+  char ready = 0;
+  EXPECT_TRUE(reader.Read(&ready));
+
+  std::mt19937 random(seed);
+  const auto life = [&random](int most) {
+    return std::chrono::microseconds(std::uniform_int_distribution<>(0, most)(random));
+  };
+  std::array<int, 3> held{};
+  std::vector<double> opening;
+  Slowest slowest_opening;
+  std::uint64_t acknowledged = 0;
+  int kill = 0;
+  for (; progress.GoesOn(kill); ++kill) {
+    if (kill % 10 == 9) {
+      KillMaker(folder / "new", life(3'000));
+      continue;
+    }
+    Forked writer([&](int pipe) { Write(store, pipe); });
+    auto least = held;
+    const auto take = [&] {
+      Acknowledged next{};
+      if (!writer.Read(&next)) return false;
+      EXPECT_NE(next.number, kFailed) << kKeys[static_cast<std::size_t>(next.key)];
+      least[static_cast<std::size_t>(next.key)] = next.number;
+      ++acknowledged;
+      return true;
+    };
+    // Mostly while it writes, sometimes while it begins.
+    if (kill % 4 != 0) take();
+    std::this_thread::sleep_for(life(5'000));  // the moment of the kill is the point
+    writer.Signal(SIGKILL);
+    while (take()) {
+    }
+    {
+      Witness witness;
+      const auto before = Clock::now();
+      EXPECT_EQ(vconf::OpenStore(store), std::nullopt);
+      const auto opened = Clock::now();
+      opening.push_back(Milliseconds(opened - before));
+      slowest_opening.Take(witness, before, opened);
+    }
+    for (int key = 0; key < 3; ++key) {
+      const auto at = static_cast<std::size_t>(key);
+      held[at] = NumberIn(key);
+      EXPECT_GE(held[at], least[at]) << kKeys[at] << " lost what was acknowledged";
+      EXPECT_LE(held[at], least[at] + 1) << kKeys[at] << " holds what was never written";
+    }
+    vconf::CloseStore();
+  }
+
+  seen.stop = true;
+  reader.Join();
+  EXPECT_EQ(seen.torn, 0U);
+  EXPECT_EQ(seen.back_in_time, 0U);
+  EXPECT_EQ(seen.failed_writes, 0U);
+  EXPECT_EQ(seen.events, static_cast<std::uint64_t>(held[0])) << "one event for each write";
+  constexpr double kLongTime = kSanitized ? 2'000 : 500;  // with room for a machine that has other work
+  EXPECT_LT(seen.read.blamed_milliseconds(), kLongTime) << "the reader stalled";
+  EXPECT_LT(slowest_opening.blamed_milliseconds(), kLongTime) << "the store opens at once";
+  std::printf(
+      "kill: %d kills%s, %llu acknowledged writes all there; store open again after %.2f ms (median), %.2f ms (most)\n"
+      "  beside it %llu reads, none torn, the slowest %.1f ms (a write: %.1f ms); %llu events, one for each write\n",
+      kill, Progress::Remark().c_str(), static_cast<unsigned long long>(acknowledged), Quantile(opening, 0.5),
+      Quantile(opening, 1), 3ULL * seen.reads.load(), seen.read.milliseconds(), seen.write.milliseconds(),
+      static_cast<unsigned long long>(seen.events.load()));
+}
+
+}  // namespace stress

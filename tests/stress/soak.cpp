@@ -1,0 +1,383 @@
+// Pages come and go, send, post and watch, while three processes change settings and calls begin to fail. Everything
+// that was asked for, acknowledged or changed is accounted for.
+#include <atomic>
+#include <cstdio>
+#include <memory>
+#include <thread>
+
+#include "base/json.h"
+#include "browser_control.h"
+#include "fuzz/property.h"
+#include "harness.h"
+#include "set/embedder.h"
+#include "set/settings.h"
+#include "set/simulated_set.h"
+#include "vconf.h"
+#include "vconf_control.h"
+
+namespace stress {
+namespace {
+
+using desk::Json;
+
+// ---- settings change from three processes
+
+constexpr std::array kChanged = {"db/menu/caption/caption", "db/menu/subtitle/subtitle",
+                                 "memory/tv-viewer/bg_executable"};
+
+struct Writers {
+  std::array<std::atomic<int>, kChanged.size()> made;  ///< successful writes of each
+  std::atomic<std::uint64_t> refused;
+  std::atomic<bool> stop;
+};
+
+/// Counts one setting up, a faulty call apart.
+void CountUp(const std::string& store, std::size_t which, Writers& writers) {
+  EXPECT_EQ(vconf::OpenStore(store), std::nullopt);
+  int number = std::get<int>(vconf::Get(kChanged[which]).value());
+  while (!writers.stop) {
+    if (vconf_set_int(kChanged[which], number + 1) == 0) {
+      ++number;
+      ++writers.made[which];
+      vconf_sync_key(kChanged[which]);
+    } else {
+      ++writers.refused;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));  // the rate of the load
+  }
+  vconf::CloseStore();
+}
+
+/// Every change of one setting, each once and in order: since it is counted up, by its value.
+class Follower {
+ public:
+  explicit Follower(const char* path)
+      : last_(std::get<int>(vconf::Get(path).value())), watch_(vconf::WatchPrefix(path, [this](const auto& change) {
+          EXPECT_EQ(std::get<int>(change.value.value()), ++last_) << change.path;
+          ++heard_;
+        })) {
+    EXPECT_NE(watch_, nullptr);
+  }
+  int heard() const { return heard_; }
+
+ private:
+  int last_;
+  std::atomic<int> heard_ = 0;
+  std::unique_ptr<vconf::Watch> watch_;
+};
+
+// ---- pages
+
+/// A page with the plug-in, in this process or in one of its own.
+class Page {
+ public:
+  Page() = default;
+  Page(const Page&) = delete;
+  Page& operator=(const Page&) = delete;
+  virtual ~Page() = default;
+
+  /// One reply, checked.
+  Json Send(const Json& message) {
+    Json reply = Ask(message);
+    fuzz::CheckReply(reply);
+    return reply;
+  }
+  void Post(const Json& message) {
+    ear_.Expect(message["command"]);
+    Tell(message);
+  }
+  /// The page goes; what it posted has been answered.
+  virtual void Leave() = 0;
+
+  fuzz::PageEar& ear() { return ear_; }
+
+ protected:
+  virtual Json Ask(const Json& message) = 0;
+  virtual void Tell(const Json& message) = 0;
+
+  fuzz::PageEar ear_;
+};
+
+class PageHere : public Page {
+ public:
+  explicit PageHere(pp::browser::Plugin& plugin)
+      : instance_(plugin.CreateInstance([this](const pp::Var& said) { ear_.Hear(desk::ToJson(said)); })) {}
+
+  void Leave() override {
+    instance_->EndRegistration();
+    instance_->Destroy();
+    ear_.Finish();
+  }
+
+ private:
+  Json Ask(const Json& message) override { return desk::ToJson(instance_->Send(desk::ToVar(message))); }
+  void Tell(const Json& message) override { instance_->Post(desk::ToVar(message)); }
+
+  std::shared_ptr<pp::browser::PageInstance> instance_;
+};
+
+class PageInItsProcess : public Page {
+ public:
+  explicit PageInItsProcess(const TemporaryFolder& folder)
+      : host_({"host", "--store", folder / "store", "--log-level", "7"}, folder / "host.log") {}
+
+  /// Asks for the end of all that it has to tell, which `HearOut` waits for on another thread.
+  void Settle() { host_.Say(R"({"settle":true})"); }
+  void HearOut() {
+    for (Json line = Hear(); !line.is_null() && !line.contains("settled"); line = Hear()) {
+      EXPECT_FALSE(line.contains("reply")) << "nobody asked: " << line;
+    }
+  }
+
+  void Leave() override {
+    host_.CloseInput();
+    HearOut();
+    EXPECT_EQ(host_.Wait(), 0);
+    ear_.Finish();
+  }
+
+ private:
+  void Tell(const Json& message) override { host_.Say(Json{{"post", message}}.dump()); }
+  Json Ask(const Json& message) override {
+    host_.Say(Json{{"send", message}}.dump());
+    while (true) {
+      const Json line = Hear();
+      if (line.is_null() || line.contains("reply")) return line.is_null() ? line : line["reply"];
+    }
+  }
+  /// The next line, null at the end; what is for the page's ear goes there.
+  Json Hear() {
+    const std::string line = host_.Hear();
+    if (line.empty()) return {};
+    Json said = Json::parse(line);
+    if (said.contains("message")) ear_.Hear(said["message"]);
+    return said;
+  }
+
+  Program host_;
+};
+
+// ---- the run
+
+class Soak {
+ public:
+  Soak(pp::browser::Plugin& plugin, const TemporaryFolder& folder, unsigned seed)
+      : plugin_(plugin), folder_(folder), random_(seed) {
+    for (int key = 2; key <= 13; ++key) free_keys_.push_back(key);
+  }
+
+  /// One thing, chosen at random.
+  void Step() {
+    const int choice = Any(0, 99);
+    if (pages_.empty() || (choice < 3 && pages_.size() < 10)) {
+      Open();
+    } else if (choice < 6) {
+      Close(AnyPage());
+    } else if (choice < 9) {
+      Fault();
+    } else if (choice < 50) {
+      Ask(AnyPage());
+    } else {
+      Write(AnyPage());
+    }
+  }
+
+  void CloseAll() {
+    while (!pages_.empty()) Close(pages_.size() - 1);
+  }
+
+  struct Counts {
+    std::uint64_t pages = 0, in_processes = 0, killed = 0, requests = 0, refused = 0, written = 0, faults = 0;
+  };
+  const Counts& counts() const { return counts_; }
+
+ private:
+  struct OpenPage {
+    std::unique_ptr<Page> page;
+    bool own_process;
+    int key;  // that no other page writes
+    std::string path;
+    int value;  // the last that was acknowledged
+  };
+
+  int Any(int least, int most) { return std::uniform_int_distribution<>(least, most)(random_); }
+  std::size_t AnyPage() { return static_cast<std::size_t>(Any(0, static_cast<int>(pages_.size()) - 1)); }
+
+  void Open() {
+    const bool own_process = Any(0, 2) == 0;
+    const int key = free_keys_.front();
+    free_keys_.erase(free_keys_.begin());
+    const std::string path(desk::Settings()[static_cast<std::size_t>(key)].path);
+    std::unique_ptr<Page> page;
+    if (own_process) {
+      page = std::make_unique<PageInItsProcess>(folder_);
+    } else {
+      page = std::make_unique<PageHere>(plugin_);
+    }
+    pages_.push_back({std::move(page), own_process, key, path, std::get<int>(vconf::Get(path).value())});
+    ++counts_.pages;
+    counts_.in_processes += own_process ? 1 : 0;
+  }
+
+  void Close(std::size_t at) {
+    OpenPage& open = pages_[at];
+    if (open.own_process && Any(0, 1) == 0) {
+      ++counts_.killed;  // by its destructor
+    } else {
+      open.page->Leave();
+    }
+    open.page.reset();
+    EXPECT_EQ(vconf::Get(open.path), vconf::Value(open.value)) << "acknowledged and lost: " << open.path;
+    free_keys_.push_back(open.key);
+    pages_.erase(pages_.begin() + static_cast<std::ptrdiff_t>(at));
+  }
+
+  void Fault() {
+    static const std::array<vconf::Fault, 6> faults = {{{"vconf_get_int", "*", -1, 3},
+                                                        {"vconf_set_int", kChanged[0], -1, 5},
+                                                        {"vconf_set_int", "*", -5, 2},
+                                                        {"vconf_notify_key_changed", "*", -2, 2},
+                                                        {"GetItemDataList", "primary-audio-language", 0, 1},
+                                                        {"vconf_sync_key", "*", -1, 3}}};
+    EXPECT_EQ(vconf::SetFault(faults[static_cast<std::size_t>(Any(0, 5))]), std::nullopt);
+    if (Any(0, 3) == 0) static_cast<void>(vconf::ClearFaults());
+    ++counts_.faults;
+  }
+
+  void Ask(std::size_t at) {
+    static constexpr std::array kCommands = {"getVersion",          "getMenuValue",
+                                             "getMiradoValue",      "registerVconfKeysForCaption",
+                                             "showCaption",         "registerVconfKeysForMirado",
+                                             "isTVSPicSizeResized", "unRegisterVconfKeysForCaption"};
+    const Json reply = pages_[at].page->Send({{"command", kCommands[static_cast<std::size_t>(Any(0, 7))]},
+                                              {"propertyKey", Any(-1, 22)},
+                                              {"show", Any(0, 1)}});
+    ++counts_.requests;
+    counts_.refused += reply["code"] != 0 ? 1 : 0;
+  }
+
+  /// The page writes its own setting. What it was told must be so for everybody at once.
+  void Write(std::size_t at) {
+    OpenPage& open = pages_[at];
+    const int value = Any(0, 255);
+    open.page->Post({{"command", "setMenuValue"}, {"propertyKey", open.key}, {"value", value}});
+    const Json read = open.page->Send({{"command", "getMenuValue"}, {"propertyKey", open.key}});
+    counts_.requests += 2;
+    if (open.page->ear().last_delivery()["code"] == 0) {
+      open.value = value;
+      ++counts_.written;
+    }
+    EXPECT_EQ(vconf::Get(open.path), vconf::Value(open.value)) << open.path;
+    EXPECT_TRUE(read["code"] != 0 || read["value"] == open.value) << open.path << ' ' << read;
+  }
+
+  pp::browser::Plugin& plugin_;
+  const TemporaryFolder& folder_;
+  std::mt19937 random_;
+  std::vector<int> free_keys_;
+  std::vector<OpenPage> pages_;
+  Counts counts_;
+};
+
+/// Memory that only ever grows shows in the later half of the samples.
+double Growth(const std::vector<double>& samples) {
+  const auto quarter = static_cast<std::ptrdiff_t>(samples.size() / 4);
+  return Quantile({samples.end() - quarter, samples.end()}, 0.5) -
+         Quantile({samples.begin() + quarter, samples.begin() + 2 * quarter}, 0.5);
+}
+
+}  // namespace
+
+void RunSoak(double seconds, unsigned seed) {
+  Progress progress("soak", seconds, "seconds");
+  const TemporaryFolder folder;
+  const std::string store = folder / "store";
+  dlog::SetThreshold(7);
+  EXPECT_EQ(vconf::OpenStore(store, desk::DefaultEntries()), std::nullopt);
+  vconf::CloseStore();
+  auto& writers = SharedWithForks<Writers>();
+  std::array<std::unique_ptr<Forked>, kChanged.size()> processes;
+  // They begin to write when all who listen do.
+  std::array<int, 2> start{};
+  EXPECT_EQ(pipe2(start.data(), O_CLOEXEC), 0);
+  for (std::size_t which = 0; which < processes.size(); ++which) {
+    processes[which] = std::make_unique<Forked>([&, which](int) {
+      close(start[1]);
+      char end = 0;
+      static_cast<void>(!read(start[0], &end, 1));
+      CountUp(store, which, writers);
+    });
+  }
+
+  EXPECT_EQ(vconf::OpenStore(store), std::nullopt);
+  desk::OfferEmbedder();
+  std::string error;
+  auto plugin = pp::browser::Plugin::Load(MIRADO_PLUGIN_PATH, &error);
+  ASSERT_NE(plugin, nullptr) << error;
+  Soak soak(*plugin, folder, seed);
+  std::vector<std::unique_ptr<Follower>> followers;
+  followers.reserve(kChanged.size());
+  for (const char* path : kChanged) followers.push_back(std::make_unique<Follower>(path));
+  // In a process of its own: there nobody else ends its subscriptions.
+  PageInItsProcess listener(folder);
+  EXPECT_EQ(listener.Send({{"command", "registerVconfKeysForCaption"}, {"propertyKey", 0}})["code"], 0);
+  EXPECT_EQ(listener.Send({{"command", "registerVconfKeysForCaption"}, {"propertyKey", 16}})["code"], 0);
+  EXPECT_EQ(listener.Send({{"command", "registerVconfKeysForMirado"}, {"propertyKey", 0}})["code"], 0);
+  std::thread listening([&] { listener.HearOut(); });
+  close(start[0]);
+  close(start[1]);
+  const int descriptors = OwnUsage().descriptors;
+
+  const auto begun = Clock::now();
+  std::vector<double> memory;
+  std::vector<double> size;
+  double done = 0;
+  do {
+    if (done * 100 / seconds >= static_cast<double>(memory.size())) {
+      memory.push_back(OwnUsage().mebibytes);
+      size.push_back(static_cast<double>(std::filesystem::file_size(store + "/data.mdb")) / (1 << 20));
+    }
+    soak.Step();
+    done = Milliseconds(Clock::now() - begun) / 1000;
+  } while (progress.GoesOn(done));
+
+  EXPECT_EQ(vconf::ClearFaults(), std::nullopt);
+  writers.stop = true;
+  for (auto& process : processes) process->Join();
+  soak.CloseAll();
+  vconf::Settle();
+  EXPECT_EQ(OwnUsage().descriptors + 3, descriptors) << "all but the pipes of the three that write";
+  listener.Settle();
+  listening.join();
+  listener.Leave();
+  int made = 0;
+  for (std::size_t which = 0; which < kChanged.size(); ++which) {
+    EXPECT_EQ(followers[which]->heard(), writers.made[which]) << kChanged[which];
+    made += writers.made[which];
+  }
+  EXPECT_EQ(listener.ear().events(), static_cast<std::uint64_t>(made));
+  followers.clear();
+  EXPECT_EQ(vconf::SubscriptionCount(), 0U);
+  EXPECT_EQ(pp::browser::LiveVarNodes(), 0);
+  EXPECT_TRUE(kSanitized || Growth(memory) < (done < 600 ? 2.0 : 0.3)) << Growth(memory) << " MiB";
+  // The journal of changes, which the store keeps, is full after a minute or two.
+  EXPECT_TRUE(done < 600 || Growth(size) < 1.0) << "the store grows";
+  const auto& counts = soak.counts();
+  std::printf("soak: %.0f seconds%s; %llu pages, %llu of them processes of their own, %llu of those killed\n", done,
+              Progress::Remark().c_str(), static_cast<unsigned long long>(counts.pages),
+              static_cast<unsigned long long>(counts.in_processes), static_cast<unsigned long long>(counts.killed));
+  std::printf("  %llu requests, each answered once, %llu of them with a failure; %llu faults set\n",
+              static_cast<unsigned long long>(counts.requests), static_cast<unsigned long long>(counts.refused),
+              static_cast<unsigned long long>(counts.faults));
+  std::printf("  %llu acknowledged writes of pages, all there; %d changes by three processes, %llu refused\n",
+              static_cast<unsigned long long>(counts.written), made,
+              static_cast<unsigned long long>(writers.refused.load()));
+  std::printf("  %llu events, one for each change; %d descriptors before and after\n",
+              static_cast<unsigned long long>(listener.ear().events()), descriptors);
+  std::printf("  memory %.1f MiB, growth in the later half %.2f MiB; store %.1f MiB, growth %.2f MiB\n", memory.back(),
+              Growth(memory), size.back(), Growth(size));
+  plugin.reset();
+  vconf::CloseStore();
+}
+
+}  // namespace stress

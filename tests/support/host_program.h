@@ -1,0 +1,152 @@
+#pragma once
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <csignal>
+#include <string>
+#include <vector>
+
+#include "base/json.h"
+#include "support/files.h"
+
+/// The program `mirado`, running, with pipes to its input and output. Its stderr goes to a file. It dies with the
+/// thread that made it; Ctrl-C at the terminal does not reach it.
+class Program {
+ public:
+  Program(std::vector<std::string> arguments, const std::string& log) {
+    std::array<int, 2> in{};
+    std::array<int, 2> out{};
+    EXPECT_EQ(pipe2(in.data(), O_CLOEXEC) | pipe2(out.data(), O_CLOEXEC), 0);
+    arguments.insert(arguments.begin(), MIRADO_PROGRAM);
+    std::vector<char*> argv;
+    argv.reserve(arguments.size() + 1);
+    for (std::string& argument : arguments) {
+      argv.push_back(argument.data());
+    }
+    argv.push_back(nullptr);
+    pid_ = fork();
+    EXPECT_GE(pid_, 0);
+    if (pid_ == 0) {
+      setpgid(0, 0);
+      prctl(PR_SET_PDEATHSIG, SIGKILL);
+      dup2(in[0], STDIN_FILENO);
+      dup2(out[1], STDOUT_FILENO);
+      dup2(open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600), STDERR_FILENO);
+      execv(MIRADO_PROGRAM, argv.data());
+      _exit(127);
+    }
+    close(in[0]);
+    close(out[1]);
+    in_ = in[1];
+    out_ = out[0];
+  }
+  Program(const Program&) = delete;
+  Program& operator=(const Program&) = delete;
+  ~Program() {
+    if (pid_ > 0) {
+      kill(pid_, SIGKILL);
+      Wait();
+    }
+    CloseInput();
+    CloseOutput();
+  }
+
+  void Say(const std::string& line) const { Write(line + "\n"); }
+
+  void Write(std::string_view text) const {
+    while (!text.empty()) {
+      const ssize_t count = write(in_, text.data(), text.size());
+      ASSERT_GT(count, 0);
+      text.remove_prefix(static_cast<std::size_t>(count));
+    }
+  }
+
+  /// The next line of output; empty at its end, or when none has come for a long time.
+  std::string Hear() {
+    constexpr int kLongTime = 30'000;
+    std::size_t newline = 0;
+    while ((newline = heard_.find('\n')) == std::string::npos) {
+      pollfd polled{out_, POLLIN, 0};
+      std::array<char, 4096> chunk{};
+      const ssize_t count =
+          TEMP_FAILURE_RETRY(poll(&polled, 1, kLongTime)) > 0 ? read(out_, chunk.data(), chunk.size()) : 0;
+      if (count <= 0) {
+        return "";
+      }
+      heard_.append(chunk.data(), static_cast<std::size_t>(count));
+    }
+    std::string line = heard_.substr(0, newline);
+    heard_.erase(0, newline + 1);
+    return line;
+  }
+
+  std::string HearAll() {
+    std::string all;
+    for (std::string line = Hear(); !line.empty(); line = Hear()) {
+      all += line + "\n";
+    }
+    return all;
+  }
+
+  void CloseInput() { Close(in_); }
+  void CloseOutput() { Close(out_); }
+  void Signal(int signal) const { kill(pid_, signal); }
+
+  /// The exit status, or the signal that ended it as a negative number.
+  int Wait() {
+    int status = 0;
+    EXPECT_EQ(waitpid(pid_, &status, 0), pid_);
+    pid_ = -1;
+    return WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
+  }
+
+ private:
+  static void Close(int& fd) {
+    if (fd >= 0) {
+      close(fd);
+    }
+    fd = -1;
+  }
+
+  pid_t pid_ = -1;
+  int in_ = -1;
+  int out_ = -1;
+  std::string heard_;
+};
+
+/// A test with a store of its own, on which it runs the program.
+class ProgramTest : public testing::Test {
+ protected:
+  struct Outcome {
+    int status;
+    std::string out;
+    std::string log;
+  };
+
+  /// Runs a command to its end. The store is named behind `words`.
+  Outcome Run(std::vector<std::string> words, const std::string& input = "") const {
+    words.insert(words.end(), {"--store", store()});
+    return RunAsIs(std::move(words), input);
+  }
+  Outcome RunAsIs(std::vector<std::string> words, const std::string& input = "") const {
+    Program program(std::move(words), log());
+    program.Write(input);
+    program.CloseInput();
+    std::string out = program.HearAll();
+    const int status = program.Wait();
+    return {status, std::move(out), Contents(log())};
+  }
+
+  std::string store() const { return folder_ / "store"; }
+  std::string log() const { return folder_ / "log"; }
+  const TemporaryFolder& folder() const { return folder_; }
+
+ private:
+  TemporaryFolder folder_;
+};

@@ -1,0 +1,112 @@
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "dlog_control.h"
+#include "support/files.h"
+#include "vconf.h"
+#include "vconf_control.h"
+
+/// A store of the test's own, disk and memory both in one temporary folder, and the lines that it logs.
+class VconfTest : public testing::Test {
+ protected:
+  VconfTest() {
+    std::filesystem::create_directory(memory_root());
+    setenv("MIRADO_MEMORY_ROOT", memory_root().c_str(), 1);
+    dlog::SetSink([this](const dlog::Line& line) {
+      const std::lock_guard lock(log_mutex_);
+      log_.push_back(dlog::Format(line));
+    });
+  }
+  ~VconfTest() override {
+    vconf::CloseStore();
+    dlog::SetSink(nullptr);
+  }
+
+  std::string folder() const { return folder_.path(); }
+  std::string memory_root() const { return folder_ / "memory"; }
+  std::string directory() const { return folder_ / "store"; }
+  std::string file() const { return directory() + "/data.mdb"; }
+
+  /// Where the keys in memory lie, once there is a store.
+  std::string memory() const {
+    for (const auto& entry : std::filesystem::directory_iterator(memory_root())) {
+      std::error_code other;
+      if (std::filesystem::equivalent(entry.path() / "store", directory(), other)) {
+        return entry.path().string();
+      }
+    }
+    return {};
+  }
+
+  void Open(const std::vector<vconf::Entry>& initial = {}) {
+    ASSERT_EQ(vconf::OpenStore(directory(), initial), std::nullopt);
+  }
+  void Reopen() {
+    vconf::CloseStore();
+    Open();
+  }
+
+  static int GetInt(const std::string& path, int otherwise) {
+    vconf_get_int(path.c_str(), &otherwise);
+    return otherwise;
+  }
+
+  /// The lines so far; the store's own thread may add to them at any time.
+  std::vector<std::string> Log() {
+    const std::lock_guard lock(log_mutex_);
+    return log_;
+  }
+  void ClearLog() {
+    const std::lock_guard lock(log_mutex_);
+    log_.clear();
+  }
+
+ private:
+  std::mutex log_mutex_;
+  std::vector<std::string> log_;
+  // In memory where that can be, for these tests write much.
+  TemporaryFolder folder_{access("/dev/shm", W_OK) == 0 ? "/dev/shm" : testing::TempDir()};
+};
+
+/// Another process that runs `body`, which returns its exit status. To be made while this process has no store open.
+class Process {
+ public:
+  explicit Process(const std::function<int()>& body) : id_(fork()) {
+    if (id_ == 0) {
+      _exit(body());
+    }
+  }
+  Process(const Process&) = delete;
+  Process& operator=(const Process&) = delete;
+  ~Process() {
+    Kill();
+    Wait();
+  }
+
+  void Kill() const {
+    if (id_ > 0) {
+      kill(id_, SIGKILL);
+    }
+  }
+  /// The exit status, or minus the signal that ended it.
+  int Wait() {
+    int status = 0;
+    if (id_ > 0) {
+      waitpid(id_, &status, 0);
+      id_ = -1;
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+  }
+
+ private:
+  pid_t id_;
+};
