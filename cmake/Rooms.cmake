@@ -7,6 +7,19 @@ set(MIRADO_LIBDIR ${CMAKE_INSTALL_LIBDIR}/mirado)
 set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/${MIRADO_LIBDIR})
 set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/${CMAKE_INSTALL_BINDIR})
 
+# Run paths are relative to the file that has them. The folders of the build tree stand to each other as those of an
+# installation do, so what is installed has its final run path from the start. CMake would otherwise reserve room for it
+# with empty elements, and the loader takes an empty element for the current folder.
+set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
+
+# mirado_install(TARGET FOLDER): installs TARGET in FOLDER, from where it finds the libraries.
+function(mirado_install TARGET FOLDER)
+  file(RELATIVE_PATH to_libraries /prefix/${FOLDER} /prefix/${MIRADO_LIBDIR})
+  string(REGEX REPLACE "/$" "" run_path "$ORIGIN/${to_libraries}")
+  set_target_properties(${TARGET} PROPERTIES INSTALL_RPATH "${run_path}" BUILD_WITH_INSTALL_RPATH ON)
+  install(TARGETS ${TARGET} RUNTIME DESTINATION ${FOLDER} LIBRARY DESTINATION ${FOLDER})
+endfunction()
+
 add_library(mirado_flags INTERFACE)
 target_compile_options(mirado_flags INTERFACE -Wall -Wextra -Wpedantic -Wconversion)
 target_link_options(mirado_flags INTERFACE -Wl,--as-needed)
@@ -39,8 +52,7 @@ function(mirado_service NAME)
   # A service's calls of its own functions need no detour through the linker's tables.
   target_compile_options(${NAME} PRIVATE -fno-semantic-interposition)
   target_link_options(${NAME} PRIVATE -Wl,-Bsymbolic-functions)
-  set_target_properties(${NAME} PROPERTIES INSTALL_RPATH "$ORIGIN" BUILD_RPATH_USE_ORIGIN ON)
-  install(TARGETS ${NAME} LIBRARY DESTINATION ${MIRADO_LIBDIR})
+  mirado_install(${NAME} ${MIRADO_LIBDIR})
   if(EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/control)
     add_library(${NAME}_control INTERFACE)
     target_include_directories(${NAME}_control INTERFACE ${CMAKE_CURRENT_SOURCE_DIR}/control)
