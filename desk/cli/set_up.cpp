@@ -7,6 +7,7 @@
 
 #include "base/json.h"
 #include "cli/commands.h"
+#include "set/catalog.h"
 #include "set/simulated_set.h"
 
 namespace desk::cli {
@@ -18,7 +19,7 @@ struct SetUpOptions {
   std::string word;
   std::string name;
   std::string value;
-  std::string privilege = kPrivilege;
+  std::string privilege = std::string(Privilege());
   std::vector<std::string> items;
   bool remove = false;
 };

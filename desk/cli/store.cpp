@@ -10,7 +10,7 @@
 
 #include "base/lines.h"
 #include "cli/commands.h"
-#include "set/settings.h"
+#include "set/catalog.h"
 #include "set/simulated_set.h"
 
 namespace desk::cli {
@@ -69,7 +69,7 @@ vconf::Error List(const StoreOptions& options) {
   for (const Setting& setting : Settings()) {
     if (setting.path.starts_with(options.path)) {
       const auto found = others.find(std::string(setting.path));
-      std::cout << std::setw(7) << setting.table << std::right << std::setw(2) << setting.key << "  " << std::left
+      std::cout << std::setw(7) << setting.table->name << std::right << std::setw(2) << setting.key << "  " << std::left
                 << std::setw(kNameWidth) << setting.enumerator << std::setw(kPathWidth) << setting.path << ' '
                 << (found == others.end() ? "(missing)" : ToArgument(found->second)) << '\n';
       others.erase(std::string(setting.path));

@@ -14,7 +14,7 @@
 #include <random>
 #include <utility>
 
-#include "set/settings.h"
+#include "set/catalog.h"
 #include "set/simulated_set.h"
 
 namespace desk {
@@ -56,34 +56,19 @@ std::vector<std::string> Arguments(const HostCommand& command, const UniqueFd& r
   return arguments;
 }
 
-struct SubscriptionCommand {
-  std::string_view name;
-  std::string_view table;
-  bool begins;
-};
-constexpr std::array<SubscriptionCommand, 4> kSubscriptionCommands{{
-    {.name = "registerVconfKeysForCaption", .table = "menu", .begins = true},
-    {.name = "unRegisterVconfKeysForCaption", .table = "menu", .begins = false},
-    {.name = "registerVconfKeysForMirado", .table = "mirado", .begins = true},
-    {.name = "unRegisterVconfKeysForMirado", .table = "mirado", .begins = false},
-}};
-
 // The path that `message` begins or ends to watch, or an empty one.
 std::pair<std::string, bool> WatchOf(const ParsedJson& message) {
   if (!message.is_object() || !message.contains("command") || !message.contains("propertyKey")) {
     return {};
   }
-  const auto command = std::ranges::find(kSubscriptionCommands, message["command"], &SubscriptionCommand::name);
-  if (command == kSubscriptionCommands.end()) {
-    return {};
-  }
   const auto setting = std::ranges::find_if(Settings(), [&](const Setting& candidate) {
-    return candidate.table == command->table && message["propertyKey"] == candidate.key;
+    return message["propertyKey"] == candidate.key &&
+           (message["command"] == candidate.table->watch || message["command"] == candidate.table->unwatch);
   });
   if (setting == Settings().end()) {
     return {};
   }
-  return {std::string(setting->path), command->begins};
+  return {std::string(setting->path), message["command"] == setting->table->watch};
 }
 
 // "I/QRL_BASE(0): text", as the logger writes it, taken apart; any other line is text alone.

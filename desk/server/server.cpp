@@ -21,7 +21,7 @@
 
 #include "base/paths.h"
 #include "server/guard.h"
-#include "set/settings.h"
+#include "set/catalog.h"
 #include "set/simulated_set.h"
 
 namespace desk {
@@ -528,13 +528,17 @@ Json DeskServer::Impl::DescribeSettings() const {
         watchers.push_back(page->number());
       }
     }
-    settings.push_back({{"table", setting.table},
+    settings.push_back({{"table", setting.table->name},
                         {"key", setting.key},
                         {"name", setting.enumerator},
                         {"path", setting.path},
                         {"type", std::holds_alternative<bool>(setting.initial) ? "bool" : "int"},
                         {"value", value ? ToJson(*value) : Json()},
                         {"initial", ToJson(setting.initial)},
+                        {"group", setting.group},
+                        {"label", setting.label},
+                        {"command", setting.table->read},
+                        {"values", *setting.values},
                         {"watchers", std::move(watchers)}});
   }
   return {{"settings", std::move(settings)}};

@@ -9,7 +9,7 @@
 
 #include "panelbase_control.h"
 #include "prefdeck_control.h"
-#include "set/settings.h"
+#include "set/catalog.h"
 #include "system_info_control.h"
 
 namespace desk {
@@ -100,10 +100,11 @@ vconf::Error ReadAny(const ParsedJson& json, const std::string& path, Changes& c
 
 vconf::Error ReadLatency(const ParsedJson& json, const std::string& path, Changes& changes) {
   const auto commands = Commands();
-  if (std::ranges::find(commands, std::string_view(path).substr(std::size(kLatencyPrefix) - 1)) == commands.end()) {
+  const std::string_view name = std::string_view(path).substr(std::size(kLatencyPrefix) - 1);
+  if (std::ranges::find(commands, name, &Command::name) == commands.end()) {
     std::string error = "is no command of the plug-in, which has these:";
-    for (const std::string_view command : commands) {
-      error.append(" ").append(command);
+    for (const Command& command : commands) {
+      error.append(" ").append(command.name);
     }
     return error;
   }
@@ -230,21 +231,6 @@ Json OrNull(const std::optional<vconf::Value>& value) { return value ? ToJson(*v
 
 }  // namespace
 
-std::span<const std::string_view> Commands() {
-  static constexpr std::array<std::string_view, 11> commands{"getVersion",
-                                                             "getMenuValue",
-                                                             "getMiradoValue",
-                                                             "setMenuValue",
-                                                             "registerVconfKeysForCaption",
-                                                             "unRegisterVconfKeysForCaption",
-                                                             "registerVconfKeysForMirado",
-                                                             "unRegisterVconfKeysForMirado",
-                                                             "showCaption",
-                                                             "registerInAppCaptionControl",
-                                                             "isTVSPicSizeResized"};
-  return commands;
-}
-
 std::vector<vconf::Entry> DefaultEntries() {
   std::vector<vconf::Entry> entries;
   for (const Setting& setting : Settings()) {
@@ -252,7 +238,7 @@ std::vector<vconf::Entry> DefaultEntries() {
   }
   const std::string lists = prefdeck::kListPrefix;
   entries.push_back({FeaturePath(), true});
-  entries.push_back({std::string(kPrivilegePrefix) + kPrivilege, true});
+  entries.push_back({kPrivilegePrefix + std::string(Privilege()), true});
   entries.push_back({panelbase::kPictureSizePath, 0});
   entries.push_back({lists + "primary-audio-language", kLanguages});
   entries.push_back({lists + "secondary-audio-language", kLanguages});
@@ -310,8 +296,8 @@ std::vector<std::string> KnownPaths(std::string_view prefix) {
       }
     }
   }
-  for (const std::string_view command : Commands()) {
-    if (const std::string path = kLatencyPrefix + std::string(command); path.starts_with(prefix)) {
+  for (const Command& command : Commands()) {
+    if (const std::string path = kLatencyPrefix + std::string(command.name); path.starts_with(prefix)) {
       paths.push_back(path.substr(prefix.size()));
     }
   }

@@ -25,14 +25,8 @@ inline constexpr char kEmbedderName[] = "set/embedder/name";           ///< text
 /// The embedder's name when the set says nothing of it.
 inline constexpr char kUsualEmbedder[] = "OstraWRT";
 
-/// The privilege that the plug-in asks for.
-inline constexpr char kPrivilege[] = "http://norvika.com/privilege/mirado";
-
 /// The longest that a latency may hold a message back, in milliseconds.
 inline constexpr int kMaxLatency = 60'000;
-
-/// The commands of the plug-in, which are what can be held back.
-std::span<const std::string_view> Commands();
 
 /// What a new set holds: all settings, both language lists, a picture size; a B2B product whose application holds the
 /// privilege.

@@ -5,7 +5,7 @@
 #include <sstream>
 
 #include "host/recording.h"
-#include "set/settings.h"
+#include "set/catalog.h"
 #include "set/simulated_set.h"
 #include "support/host_program.h"
 

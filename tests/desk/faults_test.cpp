@@ -5,7 +5,7 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 
-#include "set/settings.h"
+#include "set/catalog.h"
 #include "support/host_program.h"
 
 namespace {

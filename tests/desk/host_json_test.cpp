@@ -7,7 +7,7 @@
 #include <random>
 
 #include "browser_control.h"
-#include "set/settings.h"
+#include "set/catalog.h"
 #include "set/simulated_set.h"
 #include "support/host_program.h"
 

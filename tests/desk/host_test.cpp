@@ -5,7 +5,7 @@
 #include <chrono>
 #include <utility>
 
-#include "set/simulated_set.h"
+#include "set/catalog.h"
 #include "vconf_control.h"
 
 namespace {
@@ -177,9 +177,9 @@ TEST_F(HostTest, TellsThePageThatNobodyListensWhenTheRegistrationFails) {
 
 TEST_F(HostTest, HasEveryCommandThatCanBeHeldBack) {
   std::string lines;
-  for (const std::string_view command : desk::Commands()) {
-    const std::string kind = command == "setMenuValue" ? "post" : "send";
-    lines += "{\"" + kind + R"(":{"command":")" + std::string(command) + "\"}}\n";
+  for (const desk::Command& command : desk::Commands()) {
+    const std::string kind = command.posted ? "post" : "send";
+    lines += "{\"" + kind + R"(":{"command":")" + std::string(command.name) + "\"}}\n";
   }
   const Outcome outcome = Run({"host"}, lines);
   EXPECT_EQ(std::ranges::count(outcome.out, '\n'), std::ssize(desk::Commands()) + 1) << outcome.out;

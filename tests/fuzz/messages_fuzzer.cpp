@@ -7,8 +7,8 @@
 #include "ppapi/cpp/var_array.h"
 #include "ppapi/cpp/var_dictionary.h"
 #include "property.h"
+#include "set/catalog.h"
 #include "set/embedder.h"
-#include "set/settings.h"
 
 namespace {
 
@@ -68,7 +68,7 @@ pp::Var AnyMessage(FuzzedDataProvider& data) {
   if (data.ConsumeIntegralInRange(0, 3) == 0) return AnyVar(data, 4);
   pp::VarDictionary message;
   const auto commands = desk::Commands();
-  message.Set("command", std::string(commands[data.ConsumeIntegralInRange<std::size_t>(0, commands.size() - 1)]));
+  message.Set("command", std::string(commands[data.ConsumeIntegralInRange<std::size_t>(0, commands.size() - 1)].name));
   for (const char* entry : {"propertyKey", "value", "show", "status"}) {
     if (data.ConsumeBool()) message.Set(entry, AnyVar(data, 1));
   }

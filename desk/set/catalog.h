@@ -1,0 +1,56 @@
+#pragma once
+
+#include <span>
+#include <string_view>
+
+#include "base/json.h"
+#include "vconf_control.h"
+
+/// What the desk knows of the plug-in: its settings, commands and privilege. All of it stands in catalog.json, which is
+/// built into the program; `script/generate` makes what pages and documents repeat of it. Every function may be called
+/// on any thread, and what it gives lives as long as the process.
+namespace desk {
+
+/// The text of catalog.json.
+std::string_view CatalogText();
+
+/// One of the two key spaces, and the commands that take its keys.
+struct KeyTable {
+  std::string_view name;  ///< "menu" or "mirado"
+  std::string_view read;
+  std::string_view watch;
+  std::string_view unwatch;
+};
+
+std::span<const KeyTable> KeyTables();
+
+/// One setting that the plug-in knows by number.
+struct Setting {
+  const KeyTable* table;
+  int key;                      ///< the number that a page passes as "propertyKey"
+  std::string_view enumerator;  ///< the constant that stands for the number
+  std::string_view path;
+  vconf::Value initial;  ///< what a new set has; its type is the type of the setting
+  std::string_view group;
+  std::string_view label;  ///< what a person calls it, within its group
+  const Json* values;      ///< what its numbers mean: {"0": "Off", …}, {"list": name}, {"speeds": true} or null
+};
+
+/// All of them, by table and key.
+std::span<const Setting> Settings();
+
+/// The setting of `path`, or null.
+const Setting* FindSetting(std::string_view path);
+
+/// A command of the plug-in.
+struct Command {
+  std::string_view name;
+  bool posted;  ///< the plug-in takes it from `postMessage` alone, every other one from `postMessageAndAwaitResponse`
+};
+
+std::span<const Command> Commands();
+
+/// The privilege that the plug-in asks for.
+std::string_view Privilege();
+
+}  // namespace desk

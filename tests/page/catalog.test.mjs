@@ -1,0 +1,61 @@
+// What the catalog says, against the plug-in itself; and what is generated from it, against the files that are checked in.
+import assert from "node:assert/strict";
+import { execFileSync, spawnSync } from "node:child_process";
+import { mkdtempSync, readFileSync, rmSync } from "node:fs";
+import { tmpdir } from "node:os";
+import { join } from "node:path";
+import { after, it } from "node:test";
+import { fileURLToPath } from "node:url";
+
+const root = fileURLToPath(new URL("../../", import.meta.url));
+const program = process.env.MIRADO ?? `${root}build/release/bin/mirado`;
+const catalog = JSON.parse(readFileSync(`${root}desk/set/catalog.json`, "utf8"));
+const folder = mkdtempSync(join(tmpdir(), "mirado-catalog-"));
+after(() => rmSync(folder, { recursive: true }));
+
+// What the plug-in replies to `lines`, and what it delivers.
+function host(lines) {
+  const { stdout, status } = spawnSync(program, ["host", "--store", join(folder, "store")], {
+    input: lines.map((line) => `${JSON.stringify(line)}\n`).join(""), encoding: "utf8" });
+  assert.equal(status, 0);
+  const said = stdout.trim().split("\n").map((line) => JSON.parse(line));
+  return { replies: said.flatMap(({ reply }) => reply ?? []), messages: said.flatMap(({ message }) => message ?? []) };
+}
+
+it("names every setting of the plug-in by its key and path", () => {
+  for (const [name, { read, watch, event }] of Object.entries(catalog.tables)) {
+    const settings = catalog.settings.filter(({ table }) => table === name);
+    const ask = (command) => settings.map(({ key }) => ({ send: { command, propertyKey: key } }));
+    const value = ({ type, key }) => (type === "bool" ? true : key + 100);
+    const { replies, messages } = host([
+      ...ask(watch), ...settings.map((setting) => ({ set: { [setting.path]: value(setting) } })), { settle: true },
+      ...ask(read), { send: { command: read, propertyKey: settings.length } }]);
+    const keys = settings.map(({ key }) => key);
+    assert.deepEqual(keys, Array.from(keys.keys()));
+    assert.deepEqual(messages.filter((message) => message.event === event).map((message) => message.value), keys);
+    const values = replies.slice(settings.length).map((reply) => reply.value);
+    assert.deepEqual(values, [...settings.map((setting) =>
+      setting.watchOnly ? null : setting.values?.speeds ? catalog.otherSpeed : Number(value(setting))), null]);
+  }
+});
+
+it("names the speeds, the errors and the privilege of the plug-in", () => {
+  const { key, path } = catalog.settings.find(({ values }) => values?.speeds);
+  const speeds = Object.entries(catalog.speeds);
+  const numbers = Array.from({ length: 18 }, (_, number) => number);
+  const { replies } = host(numbers.flatMap((number) =>
+    [{ set: { [path]: number } }, { send: { command: "getMenuValue", propertyKey: key } }]));
+  assert.deepEqual(replies.map(({ value }) => value), numbers.map((number) =>
+    speeds.find(([, { from, to }]) => from <= number && number <= to)?.[0] ?? catalog.otherSpeed));
+
+  execFileSync(program, ["set-up", "privilege", "off", "--store", join(folder, "store")]);
+  const refused = host([{ send: { command: "no such" } }, { send: 1 }, { send: { command: "getMiradoValue", propertyKey: 9 } },
+    { post: { command: "setMenuValue" } }, { settle: true }]);
+  const failures = [...refused.replies, ...refused.messages].filter(({ code }) => code);
+  assert.deepEqual(Object.fromEntries(failures.map(({ code, errorName }) => [code, errorName])),
+                   Object.fromEntries(Object.entries(catalog.errors).map(([code, { name }]) => [code, name])));
+});
+
+it("agrees with what is generated from it", () => {
+  execFileSync(`${root}script/generate`, ["--check"], { stdio: "pipe" });
+});
