@@ -1,0 +1,37 @@
+# shellcheck shell=bash
+# What the scripts share; they source it.
+
+# How much is built and tested at a time, here and in what cmake and ctest start.
+export CMAKE_BUILD_PARALLEL_LEVEL=${CMAKE_BUILD_PARALLEL_LEVEL:-$(nproc)}
+export CTEST_PARALLEL_LEVEL=${CTEST_PARALLEL_LEVEL:-$CMAKE_BUILD_PARALLEL_LEVEL}
+
+# help_if_asked [ARGUMENT]: with --help or -h it prints the comment at the head of the script and ends the script.
+help_if_asked() {
+  [[ ${1-} == --help || ${1-} == -h ]] || return 0
+  sed -n -e 1d -e '/^#/!q' -e 's/^# \{0,1\}//p' "$0"
+  exit 0
+}
+
+# logged LOG COMMAND...: the command's output goes to the file LOG alone. A terminal shows the last line meanwhile.
+logged() {
+  local log=$1 line status=0
+  shift
+  mkdir -p "$(dirname "$log")"
+  if [[ -t 2 ]]; then
+    "$@" 2>&1 | tee "$log" | while IFS= read -r line; do
+      printf '\r\033[K%.*s' "$((${COLUMNS:-80} - 1))" "${line//[[:cntrl:]]/}" >&2
+    done || status=$?
+    printf '\r\033[K' >&2
+  else
+    "$@" >"$log" 2>&1 || status=$?
+  fi
+  return "$status"
+}
+
+# quietly LOG COMMAND...: as `logged`, and a failing command's output is shown.
+quietly() {
+  logged "$@" || {
+    cat "$1" >&2
+    return 1
+  }
+}
