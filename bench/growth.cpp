@@ -216,7 +216,7 @@ Growth GrowKeys(const Effort& effort) {
       const Page page = set.Page(arrivals.Listener());
       int value = 0;
       const double round_trip = PerCall(effort, [&] { page->Send(request); });
-      const double read = PerCall(effort, [&] { vconf::Get(kTextKey); });
+      const double read = PerCall(effort, [&] { static_cast<void>(vconf::Get(kTextKey)); });
       const double write = PerCall(effort, [&] { vconf_set_int(kMemoryKey, ++value); });
       MustSucceed(*page, Request("registerVconfKeysForMirado", kMemoryKeyNumber));
       points.Add(count, {round_trip, read, write, EventTime(effort, arrivals, 1)});
@@ -235,7 +235,7 @@ Growth GrowMessages(const Effort& effort) {
   const auto from_text_to_text = [&](const std::string& text) {
     return PerCall(effort, [&] {
       const auto parsed = desk::ParseJson(text);
-      desk::ToText(desk::ToJson(page->Send(desk::ToVar(std::get<desk::ParsedJson>(parsed)))));
+      desk::ToText(desk::ToJson(page->Send(desk::ToVar(*parsed))));
     });
   };
   Points points;
@@ -248,7 +248,7 @@ Growth GrowMessages(const Effort& effort) {
       }
       entries += "}}";
       const auto parsed = desk::ParseJson(one_text);
-      const pp::Var message = desk::ToVar(std::get<desk::ParsedJson>(parsed));
+      const pp::Var message = desk::ToVar(*parsed);
       points.Add(static_cast<double>(size), {PerCall(effort, [&] { page->Send(message); }), from_text_to_text(one_text),
                                              from_text_to_text(entries)});
     }

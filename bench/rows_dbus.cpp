@@ -74,7 +74,7 @@ int GetThroughBus(sd_bus* bus) {
 }  // namespace
 
 int RunDbusService(const std::string& store, const std::string& address) {
-  if (const auto error = vconf::OpenStore(store)) throw std::runtime_error(*error);
+  OrThrow(vconf::OpenStore(store));
   const Bus bus = Connect(address);
   Need(sd_bus_add_object_vtable(bus.get(), nullptr, kObject, kName, kMethods, nullptr), "offering the object");
   Need(sd_bus_request_name(bus.get(), kName, 0), "taking the name");

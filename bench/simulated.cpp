@@ -25,10 +25,14 @@ namespace bench {
 namespace {
 
 void OpenOrThrow(const std::string& directory, const std::vector<vconf::Entry>& entries) {
-  if (const auto error = vconf::OpenStore(directory, entries)) throw std::runtime_error(*error);
+  OrThrow(vconf::OpenOrCreateStore(directory, entries));
 }
 
 }  // namespace
+
+void OrThrow(const vconf::Status& status) {
+  if (!status.ok()) throw std::runtime_error(status.text());
+}
 
 std::filesystem::path& Scratch::Place() {
   static std::filesystem::path place = std::filesystem::temp_directory_path();

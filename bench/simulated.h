@@ -25,6 +25,9 @@ inline constexpr char kTextKey[] = "db/text";
 inline constexpr int kDiskKeyNumber = 0;
 inline constexpr int kMemoryKeyNumber = 0;
 
+/// Throws a failure as an exception, which ends the run.
+void OrThrow(const vconf::Status& status);
+
 /// A new folder, gone with its object.
 class Scratch {
  public:

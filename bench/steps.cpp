@@ -2,8 +2,6 @@
 
 #include <benchmark/benchmark.h>
 
-#include <stdexcept>
-
 #include "PluginMirado.h"
 #include "dlog.h"
 #include "floors.h"
@@ -62,7 +60,7 @@ int main(int argc, char** argv) {
       benchmark::DoNotOptimize(vconf_get_int(kDiskKey, &value));
     });
     const std::string text = kTextKey;
-    if (const auto error = vconf::Set(text, "text")) throw std::runtime_error(*error);
+    OrThrow(vconf::Set(text, "text"));
     Register("store: a text, which is looked up each time", [&] { benchmark::DoNotOptimize(vconf::Get(text)); });
     Register("variables: reading the request", [&] { ReadRequest(request); });
     const std::string blank;

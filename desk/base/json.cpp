@@ -48,7 +48,7 @@ auto ReplyRank(std::string_view name) {
 
 }  // namespace
 
-std::variant<ParsedJson, std::string> ParseJson(std::string_view text, int* top_level_names, int max_depth) {
+vconf::Result<ParsedJson> ParseJson(std::string_view text, int* top_level_names, int max_depth) {
   int names = 0;
   const auto on_event = [&names, max_depth](int depth, ParsedJson::parse_event_t event, ParsedJson&) {
     using Event = ParsedJson::parse_event_t;
@@ -65,9 +65,9 @@ std::variant<ParsedJson, std::string> ParseJson(std::string_view text, int* top_
     }
     return json;
   } catch (const TooDeep&) {
-    return "nested deeper than " + std::to_string(max_depth);
+    return vconf::Status(vconf::Code::kBadValue, "nested deeper than " + std::to_string(max_depth));
   } catch (const ParsedJson::exception& error) {
-    return "not JSON: " + Cause(error);
+    return vconf::Status(vconf::Code::kBadValue, "not JSON: " + Cause(error));
   }
 }
 

@@ -3,7 +3,6 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <variant>
 
 #include <nlohmann/json.hpp>
 
@@ -22,11 +21,12 @@ using ParsedJson = nlohmann::json;
 /// A deeper nesting of arrays and objects is refused.
 inline constexpr int kMaxJsonDepth = 128;
 
-/// What `text` says, or the cause in words, with the column (from 1) where it is no JSON. `text` must be one JSON value
-/// in valid UTF-8 that nests no deeper than `max_depth`. Of two equal names in an object the last one holds, as in a
-/// browser; `top_level_names`, where given, receives how many names the outermost object had, equal ones counted.
-std::variant<ParsedJson, std::string> ParseJson(std::string_view text, int* top_level_names = nullptr,
-                                                int max_depth = kMaxJsonDepth);
+/// What `text` says, or `kBadValue` and the cause, with the column (from 1) where it is no JSON. `text` must be one
+/// JSON value in valid UTF-8 that nests no deeper than `max_depth`. Of two equal names in an object the last one holds,
+/// as in a browser; `top_level_names`, where given, receives how many names the outermost object had, equal ones
+/// counted.
+vconf::Result<ParsedJson> ParseJson(std::string_view text, int* top_level_names = nullptr,
+                                    int max_depth = kMaxJsonDepth);
 
 /// One line without a newline, always valid UTF-8: bytes that are none are replaced.
 std::string ToText(const Json& json);

@@ -5,7 +5,6 @@
 #include <numeric>
 #include <string_view>
 #include <utility>
-#include <variant>
 
 #include "base/json.h"
 #include "base/paths.h"
@@ -42,17 +41,17 @@ void AddPluginOption(CLI::App& command, std::string& plugin) {
   command.add_option("--plugin", plugin, "The plug-in's library")->type_name("FILE")->capture_default_str();
 }
 
-int WithStore(const std::string& store, const std::function<vconf::Error()>& work) {
-  if (const auto error = OpenSet(store)) {
-    std::cerr << *error << '\n';
-    return kCannotStart;
+int WithStore(const std::string& store, const std::function<vconf::Status()>& work) {
+  if (const auto opened = OpenSet(store); !opened.ok()) {
+    std::cerr << opened.text() << '\n';
+    return kCannotWork;  // whatever the cause: a store that is not there is no answer about a key
   }
-  const auto error = work();
-  if (error) {
-    std::cerr << *error << '\n';
+  const auto status = work();
+  if (!status.ok()) {
+    std::cerr << status.text() << '\n';
   }
   vconf::CloseStore();
-  return error ? kFailed : kDone;
+  return ExitStatusOf(status.code());
 }
 
 void NoteUnknown(const std::string& path, const std::string& what, const std::vector<std::string>& known) {
@@ -71,8 +70,7 @@ void NoteUnknown(const std::string& path, const std::string& what, const std::ve
 
 vconf::Value ValueFromArgument(const std::string& argument) {
   const auto parsed = ParseJson(argument);
-  const auto* json = std::get_if<ParsedJson>(&parsed);
-  const auto value = json == nullptr ? std::nullopt : ToValue(*json);
+  const auto value = parsed.ok() ? ToValue(*parsed) : std::nullopt;
   return value ? *value : vconf::Value(argument);
 }
 

@@ -6,19 +6,12 @@
 
 #include <CLI/CLI.hpp>
 
+#include "base/exit_status.h"
 #include "vconf_control.h"
 
 /// The subcommands of `mirado`. Each `Add…` declares one to the parser; the one that is called leaves what it does in
 /// `run`, which answers with an exit status.
 namespace desk::cli {
-
-/// What a script can rely on.
-enum ExitStatus : int {
-  kDone = 0,
-  kFailed = 1,       ///< the answer is no: no such key, a refused change, bad lines in a session, a replay that differs
-  kUsage = 2,        ///< the command line is not understood
-  kCannotStart = 3,  ///< the store, the plug-in or a file that the command needs cannot be opened
-};
 
 using Run = std::function<int()>;
 
@@ -34,7 +27,7 @@ void AddPluginOption(CLI::App& command, std::string& plugin);
 
 /// Opens `store`, which is filled with a new set when it does not exist, and does `work` on it. An error goes to
 /// stderr.
-int WithStore(const std::string& store, const std::function<vconf::Error()>& work);
+int WithStore(const std::string& store, const std::function<vconf::Status()>& work);
 
 /// Says on stderr that `path` is none of `known`: `what` is so, and which of them may be meant. Nothing is said of one
 /// that is known.

@@ -18,23 +18,27 @@ struct FaultOptions {
   bool clear = false;
 };
 
-void ListFaults() {
-  for (const vconf::Fault& fault : vconf::ListFaults()) {
+vconf::Status ListFaults() {
+  const auto faults = vconf::ListFaults();
+  if (!faults.ok()) {
+    return faults.status();
+  }
+  for (const vconf::Fault& fault : *faults) {
     std::cout << fault.call << ' ' << fault.path << ' ' << fault.answer;
     if (fault.times > 0) {
       std::cout << " --times " << fault.times;
     }
     std::cout << '\n';
   }
+  return {};
 }
 
-vconf::Error Clear(const std::vector<std::string>& arguments) {
+vconf::Status Clear(const std::vector<std::string>& arguments) {
   if (arguments.empty()) {
     return vconf::ClearFaults();
   }
-  auto call = FindFaultCall(arguments[0]);
-  if (auto* error = std::get_if<std::string>(&call)) {
-    return std::move(*error);
+  if (const auto call = FindFaultCall(arguments[0]); !call.ok()) {
+    return call.status();
   }
   return vconf::ClearFault(arguments[0], arguments.size() > 1 ? arguments[1] : kEveryPath);
 }
@@ -42,33 +46,33 @@ vconf::Error Clear(const std::vector<std::string>& arguments) {
 /// A slip in the path makes a fault that no call ever meets.
 void NotePath(const vconf::Fault& fault) {
   const auto found = FindFaultCall(fault.call);
-  const FaultCall& call = *std::get<const FaultCall*>(found);
+  const FaultCall& call = **found;
   if (fault.path != kEveryPath && !call.path.empty()) {
+    const auto known = KnownPaths(call.prefix);
     NoteUnknown(fault.path, "is not known as " + std::string(call.path) + ", but the fault is set",
-                KnownPaths(call.prefix));
+                known.ok() ? *known : std::vector<std::string>());
   } else if (fault.path != kEveryPath && !fault.path.empty()) {
     NoteUnknown(fault.path, fault.call + " has no path, but the fault is set", {});
   }
 }
 
-vconf::Error ChangeFaults(const FaultOptions& options) {
+vconf::Status ChangeFaults(const FaultOptions& options) {
   if (options.clear) {
     return Clear(options.arguments);
   }
   if (options.arguments.empty()) {
-    ListFaults();
-    return std::nullopt;
+    return ListFaults();
   }
   const auto answer = ValueFromArgument(options.arguments.back());
   const vconf::Fault fault{.call = options.arguments.front(),
                            .path = options.arguments.size() == 3 ? options.arguments[1] : kEveryPath,
                            .answer = std::get<int>(answer),
                            .times = options.times};
-  auto error = AddFault(fault);
-  if (!error) {
+  auto status = AddFault(fault);
+  if (status.ok()) {
     NotePath(fault);
   }
-  return error;
+  return status;
 }
 
 /// The middle one of three may be left out, which the parser has no words for.

@@ -33,12 +33,12 @@ bool WouldBeLost(const std::string& file) {
 int Host(const HostOptions& options) {
   if (WouldBeLost(options.record)) {
     std::cerr << options.record << ": holds something already; remove it, or record to another file\n";
-    return kCannotStart;
+    return kCannotWork;
   }
   ShutdownSignal end;
   dlog::SetThreshold(options.log_level);
-  if (const auto error = OpenSet(options.store)) {
-    std::cerr << "mirado: there is no store, so every reply that needs it will say so: " << *error << '\n';
+  if (const auto opened = OpenSet(options.store); !opened.ok()) {
+    std::cerr << "mirado: there is no store, so every reply that needs it will say so: " << opened.text() << '\n';
   }
   LineWriter writer(STDOUT_FILENO, [&end] { end.Raise(); });
   std::unique_ptr<Recorder> recorder;
@@ -47,7 +47,7 @@ int Host(const HostOptions& options) {
         std::make_unique<Recorder>(options.record, [&writer](std::string text) { writer.Write(std::move(text)); });
     if (recorder->Failed()) {
       std::cerr << options.record << ": cannot be written\n";
-      return kCannotStart;
+      return kCannotWork;
     }
   }
   const auto say = [&](const Json& line) {
@@ -57,12 +57,12 @@ int Host(const HostOptions& options) {
       writer.Write(ToText(line));
     }
   };
-  std::string error;
-  auto session = Session::Start(options.plugin, say, &error);
-  if (session == nullptr) {
-    std::cerr << error << '\n';
-    return kCannotStart;
+  auto started = Session::Start(options.plugin, say);
+  if (!started.ok()) {
+    std::cerr << started.status().text() << '\n';
+    return kCannotWork;
   }
+  std::unique_ptr<Session> session = *std::move(started);
   const auto handle = [&](std::string_view line, const Request& request) {
     end.WaitFor(-1, Latency(request));  // not in the recorder's time: what others change meanwhile is theirs
     return recorder != nullptr ? recorder->Handle(*session, line, request) : session->Handle(request);
@@ -74,7 +74,7 @@ int Host(const HostOptions& options) {
     std::cerr << options.record << ": is incomplete, it could not be written to the end\n";
     all_good = false;
   }
-  return all_good ? kDone : kFailed;
+  return all_good ? kDone : kRefused;
 }
 
 }  // namespace

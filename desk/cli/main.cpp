@@ -16,7 +16,7 @@ int BecomeDesk(char** arguments) {
   const std::string program = desk::DeskProgram();
   execv(program.c_str(), arguments);
   std::cerr << program << ": cannot be started: " << std::strerror(errno) << '\n';
-  return desk::cli::kCannotStart;
+  return desk::kCannotWork;
 }
 
 }  // namespace
@@ -44,12 +44,12 @@ int main(int argc, char** argv) {
   const auto is_meant = [&](const CLI::App* command) { return command->check_name(argv[1]); };
   if (argc > 1 && argv[1][0] != '-' && app.get_subcommands(is_meant).empty()) {
     std::cerr << "mirado: there is no command " << argv[1] << "; `mirado --help` names them\n";
-    return kUsage;
+    return desk::kUsage;
   }
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? kDone : kUsage;
+    return app.exit(error) == 0 ? desk::kDone : desk::kUsage;
   }
   return run();
 }

@@ -32,11 +32,11 @@ int ReplayAlone(const std::string& file, const ReplayOptions& options) {
   int status = 0;
   if (child < 0 || waitpid(child, &status, 0) != child) {
     std::cerr << file << ": cannot be played: " << std::strerror(errno) << '\n';
-    return kCannotStart;
+    return kCannotWork;
   }
   if (WIFSIGNALED(status)) {
     std::cout << file << ": the plug-in crashed: " << strsignal(WTERMSIG(status)) << '\n';
-    return kFailed;
+    return kRefused;
   }
   return WEXITSTATUS(status);
 }

@@ -151,10 +151,12 @@ void AddSetUpCommand(CLI::App& app, Run& run) {
   set_up->callback([set_up, options, &run] {
     if (set_up->get_subcommands().empty()) {
       run = [options] {
-        return WithStore(options->store, [&]() -> vconf::Error {
-          const Json set = DescribeSet();
-          options->json ? void(std::cout << ToText(set) << '\n') : Print(set);
-          return std::nullopt;
+        return WithStore(options->store, [&] {
+          const auto set = DescribeSet();
+          if (set.ok()) {
+            options->json ? void(std::cout << ToText(*set) << '\n') : Print(*set);
+          }
+          return set.status();
         });
       };
     }

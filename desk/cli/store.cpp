@@ -23,14 +23,14 @@ struct StoreOptions {
   bool now = false;
 };
 
-vconf::Error Get(const StoreOptions& options) {
+vconf::Status Get(const StoreOptions& options) {
   const auto value = vconf::Get(options.path);
-  if (!value) {
-    return options.path + ": there is no such key";
+  if (!value.ok()) {
+    return value.status();
   }
   const auto* text = std::get_if<std::string>(&*value);
   std::cout << (text == nullptr ? ToArgument(*value) : *text) << '\n';
-  return std::nullopt;
+  return {};
 }
 
 /// Why a key that holds `held` does not take what was typed, and what to type.
@@ -44,23 +44,27 @@ std::string OtherType(const vconf::Value& held, const std::string& typed) {
   return "holds a text and takes no other type: write it as '" + ToArgument(vconf::Value(typed)) + "'";
 }
 
-vconf::Error Set(const StoreOptions& options) {
+vconf::Status Set(const StoreOptions& options) {
   const auto value = ValueFromArgument(options.value);
   const auto held = vconf::Get(options.path);
-  if (held && held->index() != value.index()) {
-    return options.path + ": " + OtherType(*held, options.value);
+  if (held.ok() && held->index() != value.index()) {
+    return {vconf::Code::kWrongType, options.path + ": " + OtherType(*held, options.value)};
   }
   const auto known = KnownPaths();
-  auto error = vconf::Set(options.path, value);
-  if (!error && !IsOpenPath(options.path)) {
-    NoteUnknown(options.path, "no setting has this path, but the key is set", known);
+  auto status = vconf::Set(options.path, value);
+  if (status.ok() && known.ok() && !IsOpenPath(options.path)) {
+    NoteUnknown(options.path, "no setting has this path, but the key is set", *known);
   }
-  return error;
+  return status;
 }
 
-vconf::Error List(const StoreOptions& options) {
+vconf::Status List(const StoreOptions& options) {
+  const auto entries = vconf::List(options.path);
+  if (!entries.ok()) {
+    return entries.status();
+  }
   std::map<std::string, vconf::Value> others;
-  for (const vconf::Entry& entry : vconf::List(options.path)) {
+  for (const vconf::Entry& entry : *entries) {
     others.emplace(entry.path, entry.value);
   }
   constexpr int kPathWidth = 66;
@@ -78,32 +82,32 @@ vconf::Error List(const StoreOptions& options) {
   for (const auto& [path, value] : others) {
     std::cout << std::setw(11 + kNameWidth) << "" << std::setw(kPathWidth) << path << ' ' << ToArgument(value) << '\n';
   }
-  return std::nullopt;
+  return {};
 }
 
-vconf::Error Watch(const StoreOptions& options) {
+vconf::Status Watch(const StoreOptions& options) {
   ShutdownSignal end;
   LineWriter writer(STDOUT_FILENO, [&end] { end.Raise(); });
-  std::string error;
-  const auto watch = vconf::WatchPrefix(
-      options.path,
-      [&writer](const vconf::Change& change) {
-        writer.Write(change.path + " " + (change.value ? ToArgument(*change.value) : "(removed)"));
-      },
-      &error);
-  if (watch == nullptr) {
-    return error;
+  const auto watch = vconf::WatchPrefix(options.path, [&writer](const vconf::Change& change) {
+    writer.Write(change.path + " " + (change.value ? ToArgument(*change.value) : "(removed)"));
+  });
+  if (!watch.ok()) {
+    return watch.status();
   }
   if (options.now) {
-    for (const vconf::Entry& entry : vconf::List(options.path)) {
+    const auto entries = vconf::List(options.path);
+    if (!entries.ok()) {
+      return entries.status();
+    }
+    for (const vconf::Entry& entry : *entries) {
       writer.Write(entry.path + " " + ToArgument(entry.value));
     }
   }
   end.WaitFor(-1);
-  return std::nullopt;
+  return {};
 }
 
-using Work = vconf::Error (*)(const StoreOptions&);
+using Work = vconf::Status (*)(const StoreOptions&);
 
 CLI::App* Add(CLI::App& app, Run& run, const std::shared_ptr<StoreOptions>& options, const char* name, const char* text,
               Work work) {

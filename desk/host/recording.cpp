@@ -8,6 +8,7 @@
 #include <system_error>
 #include <utility>
 
+#include "base/exit_status.h"
 #include "set/simulated_set.h"
 
 namespace desk {
@@ -50,44 +51,44 @@ void ForgetUnheardEnd(const std::vector<ParsedJson>& recorded, std::vector<Parse
   }
 }
 
-std::string ReadStart(const ParsedJson& json, Recording& recording) {
+vconf::Status NotRecorded(std::string text) { return {vconf::Code::kFailed, std::move(text)}; }
+
+vconf::Status ReadStart(const ParsedJson& json, Recording& recording) {
   const auto state = json.find("state");
   const auto faults = json.find("faults");
   if (json.value("recording", ParsedJson()) != kVersion || state == json.end() || !state->is_object() ||
       faults == json.end() || !faults->is_array()) {
-    return "is not the start of a recording";
+    return NotRecorded("is not the start of a recording");
   }
   for (const auto& [path, value] : state->items()) {
     const auto held = ToValue(value);
     if (!held) {
-      return path + " has no value that a key can hold";
+      return NotRecorded(path + " has no value that a key can hold");
     }
     recording.state.push_back({path, *held});
   }
   for (const ParsedJson& fault : *faults) {
     auto read = FaultFromJson(fault);
-    if (auto* error = std::get_if<std::string>(&read)) {
-      return std::move(*error);
+    if (!read.ok()) {
+      return read.status();
     }
-    recording.faults.push_back(std::get<vconf::Fault>(read));
+    recording.faults.push_back(*std::move(read));
   }
-  return "";
+  return {};
 }
 
-std::string ReadStep(const ParsedJson& json, Recording& recording) {
+vconf::Status ReadStep(const ParsedJson& json, Recording& recording) {
   const auto in = json.find("in");
   const auto out = json.find("out");
   if (json.size() != 1 || (in == json.end() && out == json.end())) {
-    return R"(is neither an "in" nor an "out")";
+    return NotRecorded(R"(is neither an "in" nor an "out")");
   }
   if (out != json.end()) {
     recording.out.push_back(*out);
-    return out->is_object() && out->size() == 1 ? "" : R"("out" holds no output line)";
+    return out->is_object() && out->size() == 1 ? vconf::Status() : NotRecorded(R"("out" holds no output line)");
   }
   recording.in.push_back(in->dump());
-  const auto request = ParseRequest(recording.in.back());
-  const auto* error = std::get_if<std::string>(&request);
-  return error == nullptr ? "" : *error;
+  return ParseRequest(recording.in.back()).status();
 }
 
 /// A store of this process's own that goes with this object.
@@ -108,12 +109,12 @@ class TemporaryStore {
     std::filesystem::remove_all(folder_, ignored);
   }
 
-  vconf::Error Open(const Recording& recording) {
-    auto error = vconf::OpenStore(folder_ / "store", recording.state);
+  vconf::Status Open(const Recording& recording) {
+    auto status = vconf::OpenOrCreateStore(folder_ / "store", recording.state);
     for (const vconf::Fault& fault : recording.faults) {
-      error = error ? error : vconf::SetFault(fault);
+      status = status.ok() ? vconf::SetFault(fault) : status;
     }
-    return error;
+    return status;
   }
 
  private:
@@ -121,10 +122,10 @@ class TemporaryStore {
 };
 
 /// What comes out when the recording's input is played.
-std::variant<std::vector<ParsedJson>, std::string> Play(const Recording& recording, const std::string& plugin) {
+vconf::Result<std::vector<ParsedJson>> Play(const Recording& recording, const std::string& plugin) {
   TemporaryStore store;
-  if (auto error = store.Open(recording)) {
-    return std::move(*error);
+  if (auto opened = store.Open(recording); !opened.ok()) {
+    return opened;
   }
   std::mutex mutex;
   std::vector<ParsedJson> out;
@@ -132,15 +133,15 @@ std::variant<std::vector<ParsedJson>, std::string> Play(const Recording& recordi
     const std::lock_guard lock(mutex);
     out.push_back(ParsedJson::parse(ToText(line)));  // as a reader of the output would have it
   };
-  std::string error;
-  auto session = Session::Start(plugin, say, &error);
-  if (session == nullptr) {
-    return error;
+  auto started = Session::Start(plugin, say);
+  if (!started.ok()) {
+    return started.status();
   }
+  std::unique_ptr<Session> session = *std::move(started);
   for (const std::string& line : recording.in) {
     const auto request = ParseRequest(line);
     // A change that failed when it was recorded fails here too; it is no output of the plug-in.
-    static_cast<void>(session->Handle(std::get<Request>(request)));
+    static_cast<void>(session->Handle(*request));
     session->Settle();
   }
   session.reset();
@@ -152,18 +153,24 @@ std::variant<std::vector<ParsedJson>, std::string> Play(const Recording& recordi
 Recorder::Recorder(const std::string& file, Hear hear) : hear_(std::move(hear)), stream_(file, std::ios::trunc) {
   // A change that comes meanwhile waits for the first line.
   const std::lock_guard lock(mutex_);
-  std::string error;
-  watch_ = vconf::WatchPrefix(
-      "", [this](const vconf::Change& change) { OnChange(change); }, &error);
-  if (watch_ == nullptr) {
-    std::cerr << file << ": will lack what others change: " << error << '\n';
+  auto watch = vconf::WatchPrefix("", [this](const vconf::Change& change) { OnChange(change); });
+  const auto entries = vconf::List("");
+  const auto set_faults = vconf::ListFaults();
+  for (const vconf::Status& status : {watch.status(), entries.status(), set_faults.status()}) {
+    if (!status.ok()) {
+      std::cerr << file << ": lacks what stands in the store: " << status.text() << '\n';
+      break;
+    }
+  }
+  if (watch.ok()) {
+    watch_ = *std::move(watch);
   }
   Json state = Json::object();
-  for (const vconf::Entry& entry : vconf::List("")) {
+  for (const vconf::Entry& entry : entries.ok() ? *entries : std::vector<vconf::Entry>()) {
     state.push_back({entry.path, ToJson(entry.value)});
   }
   Json faults = Json::array();
-  for (const vconf::Fault& fault : vconf::ListFaults()) {
+  for (const vconf::Fault& fault : set_faults.ok() ? *set_faults : std::vector<vconf::Fault>()) {
     faults.push_back(ToJson(fault));
   }
   Json start = Json::object();
@@ -173,14 +180,14 @@ Recorder::Recorder(const std::string& file, Hear hear) : hear_(std::move(hear)),
   stream_ << ToText(start) << std::endl;
 }
 
-vconf::Error Recorder::Handle(Session& session, std::string_view line, const Request& request) {
+vconf::Status Recorder::Handle(Session& session, std::string_view line, const Request& request) {
   session.Settle();
   {
     const std::lock_guard lock(mutex_);
     handling_ = true;
     WriteLocked("in", line);
   }
-  auto error = session.Handle(request);
+  auto status = session.Handle(request);
   session.Settle();
   const std::lock_guard lock(mutex_);
   handling_ = false;
@@ -188,7 +195,7 @@ vconf::Error Recorder::Handle(Session& session, std::string_view line, const Req
     hear_(std::move(text));
   }
   unheard_.clear();
-  return error;
+  return status;
 }
 
 void Recorder::Out(const Json& line) {
@@ -223,30 +230,28 @@ void Recorder::OnChange(const vconf::Change& change) {
   WriteLocked("in", ToText(set));
 }
 
-std::variant<Recording, std::string> ReadRecording(const std::string& file) {
+vconf::Result<Recording> ReadRecording(const std::string& file) {
   std::ifstream stream(file);
   if (!stream) {
-    return file + ": cannot be read";
+    return NotRecorded(file + ": cannot be read");
   }
   Recording recording;
   int number = 0;
   for (std::string line; std::getline(stream, line);) {
     ++number;
     auto parsed = ParseJson(line, nullptr, kMaxJsonDepth + 1);
-    std::string error;
-    if (auto* cause = std::get_if<std::string>(&parsed)) {
-      error = std::move(*cause);
-    } else if (const auto& json = std::get<ParsedJson>(parsed); !json.is_object()) {
-      error = "is no object";
-    } else {
-      error = number == 1 ? ReadStart(json, recording) : ReadStep(json, recording);
+    vconf::Status status = parsed.status();
+    if (status.ok() && !parsed->is_object()) {
+      status = NotRecorded("is no object");
+    } else if (status.ok()) {
+      status = number == 1 ? ReadStart(*parsed, recording) : ReadStep(*parsed, recording);
     }
-    if (!error.empty()) {
-      return std::string(file).append(": line ").append(std::to_string(number)).append(": ").append(error);
+    if (!status.ok()) {
+      return NotRecorded(file + ": line " + std::to_string(number) + ": " + status.text());
     }
   }
   if (number == 0) {
-    return file + ": is empty";
+    return NotRecorded(file + ": is empty");
   }
   return recording;
 }
@@ -275,22 +280,22 @@ std::string Difference(const Recording& recording, const std::vector<ParsedJson>
 
 int Replay(const std::string& file, const std::string& plugin) {
   const auto read = ReadRecording(file);
-  if (const auto* error = std::get_if<std::string>(&read)) {
-    std::cerr << *error << '\n';
-    return 3;
+  if (!read.ok()) {
+    std::cerr << read.status().text() << '\n';
+    return kCannotWork;
   }
-  const auto& recording = std::get<Recording>(read);
+  const Recording& recording = *read;
   auto played = Play(recording, plugin);
-  if (const auto* error = std::get_if<std::string>(&played)) {
-    std::cerr << file << ": cannot be played: " << *error << '\n';
-    return 3;
+  if (!played.ok()) {
+    std::cerr << file << ": cannot be played: " << played.status().text() << '\n';
+    return kCannotWork;
   }
-  auto& out = std::get<std::vector<ParsedJson>>(played);
+  std::vector<ParsedJson>& out = *played;
   ForgetUnheardEnd(recording.out, out);
   const std::string difference = Difference(recording, out);
   std::cout << file << ": " << recording.in.size() << " lines in, "
             << (difference.empty() ? "the same came out\n" : "something else came out\n" + difference) << std::flush;
-  return difference.empty() ? 0 : 1;
+  return difference.empty() ? kDone : kRefused;
 }
 
 }  // namespace desk

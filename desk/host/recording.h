@@ -6,7 +6,6 @@
 #include <mutex>
 #include <string>
 #include <string_view>
-#include <variant>
 #include <vector>
 
 #include "base/json.h"
@@ -39,7 +38,7 @@ class Recorder {
   /// seen through before and after it, and what comes out of it is heard when it is over: who changes something upon
   /// hearing it changes it after the request. Of a plug-in that dies within a request the recording may hold more than
   /// was heard. One thread, that of the session.
-  vconf::Error Handle(Session& session, std::string_view line, const Request& request);
+  vconf::Status Handle(Session& session, std::string_view line, const Request& request);
 
   /// A line that comes out. Any thread.
   void Out(const Json& line);
@@ -67,7 +66,7 @@ struct Recording {
 };
 
 /// Reads the file, or says which line of it is none of a recording.
-std::variant<Recording, std::string> ReadRecording(const std::string& file);
+vconf::Result<Recording> ReadRecording(const std::string& file);
 
 /// How what came out of a session differs from what was recorded, in lines for a person; empty when it does not.
 ///

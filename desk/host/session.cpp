@@ -27,26 +27,28 @@ constexpr std::array<KindName, 4> kKinds = {{
 
 constexpr char kForm[] = R"(a line is an object with one of "send", "post", "set" and "settle")";
 
-std::string BadSetting(const std::string& path) {
-  return path + ": a value is an integer of 32 bits, true, false or a text";
+vconf::Status Bad(std::string text) { return {vconf::Code::kBadValue, std::move(text)}; }
+
+vconf::Status BadSetting(const std::string& path) {
+  return Bad(path + ": a value is an integer of 32 bits, true, false or a text");
 }
 
-vconf::Error CheckArgument(const Request& request) {
+vconf::Status CheckArgument(const Request& request) {
   if (request.kind == Request::Kind::kSettle && request.argument != true) {
-    return R"("settle" takes true)";
+    return Bad(R"("settle" takes true)");
   }
   if (request.kind != Request::Kind::kSet) {
-    return std::nullopt;
+    return {};
   }
   if (!request.argument.is_object() || request.argument.empty()) {
-    return R"("set" takes an object of paths and values)";
+    return Bad(R"("set" takes an object of paths and values)");
   }
   for (const auto& [path, value] : request.argument.items()) {
     if (!ToValue(value)) {
       return BadSetting(path);
     }
   }
-  return std::nullopt;
+  return {};
 }
 
 Json Line(const char* name, Json value) {
@@ -57,30 +59,30 @@ Json Line(const char* name, Json value) {
 
 }  // namespace
 
-std::variant<Request, std::string> ParseRequest(std::string_view line) {
+vconf::Result<Request> ParseRequest(std::string_view line) {
   int names = 0;
   auto parsed = ParseJson(line, &names);
-  if (auto* error = std::get_if<std::string>(&parsed)) {
-    return std::move(*error);
+  if (!parsed.ok()) {
+    return parsed.status();
   }
-  auto& json = std::get<ParsedJson>(parsed);
+  ParsedJson& json = *parsed;
   if (!json.is_object() || names != 1) {
-    return kForm;
+    return Bad(kForm);
   }
   const std::string& name = json.begin().key();
   const auto kind = std::ranges::find(kKinds, name, &KindName::name);
   if (kind == kKinds.end()) {
-    return "unknown \"" + name + "\": " + kForm;
+    return Bad("unknown \"" + name + "\": " + kForm);
   }
   Request request{kind->kind, std::move(json.begin().value())};
-  if (auto error = CheckArgument(request)) {
-    return std::move(*error);
+  if (auto wrong = CheckArgument(request); !wrong.ok()) {
+    return wrong;
   }
   return request;
 }
 
 bool ReadRequests(int input, const ShutdownSignal& end,
-                  const std::function<vconf::Error(std::string_view line, const Request& request)>& handle,
+                  const std::function<vconf::Status(std::string_view line, const Request& request)>& handle,
                   const std::function<void(const Json&)>& complain) {
   LineReader reader(input, end);
   bool all_good = true;
@@ -90,15 +92,13 @@ bool ReadRequests(int input, const ShutdownSignal& end,
     if (result == LineReader::Result::kEnd) {
       return all_good;
     }
-    std::variant<Request, std::string> parsed = "longer than " + std::to_string(LineReader::kMaxLine) + " bytes";
-    if (result == LineReader::Result::kLine) {
-      parsed = ParseRequest(line);
-    }
-    const auto* const request = std::get_if<Request>(&parsed);
-    const vconf::Error error = request != nullptr ? handle(line, *request) : std::get<std::string>(parsed);
-    if (error) {
+    const vconf::Result<Request> request = result == LineReader::Result::kLine
+                                               ? ParseRequest(line)
+                                               : Bad("longer than " + std::to_string(LineReader::kMaxLine) + " bytes");
+    const vconf::Status status = request.ok() ? handle(line, *request) : request.status();
+    if (!status.ok()) {
       all_good = false;
-      complain({{"error", "line " + std::to_string(number) + ": " + *error}});
+      complain({{"error", "line " + std::to_string(number) + ": " + status.text()}});
     }
   }
 }
@@ -110,19 +110,20 @@ std::chrono::milliseconds Latency(const Request& request) {
     return {};
   }
   const auto latency = vconf::Get(kLatencyPrefix + message["command"].get<std::string>());
-  const int* const milliseconds = latency ? std::get_if<int>(&*latency) : nullptr;
+  const int* const milliseconds = latency.ok() ? std::get_if<int>(&*latency) : nullptr;
   return std::chrono::milliseconds(milliseconds != nullptr ? std::clamp(*milliseconds, 0, kMaxLatency) : 0);
 }
 
 Session::Session(Say say) : say_(std::move(say)) {}
 
-std::unique_ptr<Session> Session::Start(const std::string& plugin, Say say, std::string* error) {
+vconf::Result<std::unique_ptr<Session>> Session::Start(const std::string& plugin, Say say) {
   std::unique_ptr<Session> session(new Session(std::move(say)));
   OfferEmbedder();
   pp::browser::SetRegisterMessageHandlerResult(vconf::TakeFault("RegisterMessageHandler", "").value_or(0));
-  session->plugin_ = pp::browser::Plugin::Load(plugin, error);
+  std::string error;
+  session->plugin_ = pp::browser::Plugin::Load(plugin, &error);
   if (session->plugin_ == nullptr) {
-    return nullptr;
+    return vconf::Status(vconf::Code::kFailed, std::move(error));
   }
   session->page_ =
       session->plugin_->CreateInstance([&say = session->say_, ended = false](const pp::Var& message) mutable {
@@ -133,8 +134,7 @@ std::unique_ptr<Session> Session::Start(const std::string& plugin, Say say, std:
         say(Line("message", ToJson(message)));
       });
   if (session->page_ == nullptr) {
-    *error = plugin + ": makes no instance";
-    return nullptr;
+    return vconf::Status(vconf::Code::kFailed, plugin + ": makes no instance");
   }
   return session;
 }
@@ -147,7 +147,7 @@ Session::~Session() {
   }
 }
 
-vconf::Error Session::Handle(const Request& request) {
+vconf::Status Session::Handle(const Request& request) {
   switch (request.kind) {
     case Request::Kind::kSend:
       say_(Line("reply", ToJson(page_->Send(ToVar(request.argument)))));
@@ -158,8 +158,8 @@ vconf::Error Session::Handle(const Request& request) {
     case Request::Kind::kSet:
       for (const auto& [path, json] : request.argument.items()) {
         const auto value = ToValue(json);
-        if (auto error = value ? vconf::Set(path, *value) : BadSetting(path)) {
-          return error;
+        if (auto status = value ? vconf::Set(path, *value) : BadSetting(path); !status.ok()) {
+          return status;
         }
       }
       break;
@@ -168,7 +168,7 @@ vconf::Error Session::Handle(const Request& request) {
       say_(Line("settled", true));
       break;
   }
-  return std::nullopt;
+  return {};
 }
 
 void Session::Settle() {

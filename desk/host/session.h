@@ -5,7 +5,6 @@
 #include <memory>
 #include <string>
 #include <string_view>
-#include <variant>
 
 #include "base/json.h"
 #include "base/lines.h"
@@ -25,14 +24,14 @@ struct Request {
   ParsedJson argument;
 };
 
-/// What `line` asks for, or what is wrong with it.
-std::variant<Request, std::string> ParseRequest(std::string_view line);
+/// What `line` asks for, or `kBadValue` and what is wrong with it.
+vconf::Result<Request> ParseRequest(std::string_view line);
 
 /// Reads lines from `input` until it ends, or `end` is asked for, and hands each request to `handle`, which returns
 /// what is wrong with it. What is wrong with a line is said in one `error` line that names it. Returns whether all were
 /// good.
 bool ReadRequests(int input, const ShutdownSignal& end,
-                  const std::function<vconf::Error(std::string_view line, const Request& request)>& handle,
+                  const std::function<vconf::Status(std::string_view line, const Request& request)>& handle,
                   const std::function<void(const Json&)>& complain);
 
 /// How long the set holds `request` back before the plug-in gets it.
@@ -46,9 +45,8 @@ class Session {
   /// Takes each line that the session has to say, on whatever thread it arises, perhaps several at once.
   using Say = std::function<void(const Json&)>;
 
-  /// Loads the plug-in and embeds it in a page. Null and a text in `error` that names the file and the cause on
-  /// failure.
-  static std::unique_ptr<Session> Start(const std::string& plugin, Say say, std::string* error);
+  /// Loads the plug-in and embeds it in a page, or says which file it could not load and why.
+  static vconf::Result<std::unique_ptr<Session>> Start(const std::string& plugin, Say say);
 
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
@@ -56,8 +54,8 @@ class Session {
   /// Ends the registration, which is the last that the page hears, then destroys the instance and unloads the plug-in.
   ~Session();
 
-  /// Does what `request` asks for and says the answer, where there is one. Returns what is wrong with it, or nothing.
-  vconf::Error Handle(const Request& request);
+  /// Does what `request` asks for and says the answer, where there is one. Fails when that was wrong.
+  vconf::Status Handle(const Request& request);
 
   /// Returns when all messages posted so far have been handled and all changes made so far have been told.
   void Settle();

@@ -9,6 +9,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "base/exit_status.h"
 #include "base/paths.h"
 #include "server/guard.h"
 #include "server/server.h"
@@ -17,11 +18,9 @@
 
 namespace {
 
-constexpr int kCannotStart = 3;
-
 int Complain(const std::string& error) {
   std::cerr << "mirado desk: " << error << "\n";
-  return kCannotStart;
+  return desk::kCannotWork;
 }
 
 // What is wrong with the name of an origin; one that no browser uses would never let anybody in.
@@ -72,7 +71,7 @@ int main(int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? 0 : 2;
+    return app.exit(error) == 0 ? desk::kDone : desk::kUsage;
   }
 
   // Blocked before any thread starts, so that all of them leave the signals to the wait below.
@@ -84,14 +83,14 @@ int main(int argc, char** argv) {
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   std::signal(SIGPIPE, SIG_IGN);
 
-  if (const vconf::Error error = desk::OpenSet(options.host.store)) {
-    return Complain(*error);
+  if (const vconf::Status opened = desk::OpenSet(options.host.store); !opened.ok()) {
+    return Complain(opened.text());
   }
   std::atomic<bool> without_plugin = false;
   {
     desk::DeskServer server(options);
-    if (const std::string error = server.Start(); !error.empty()) {
-      return Complain(error);
+    if (const vconf::Status started = server.Start(); !started.ok()) {
+      return Complain(started.text());
     }
     std::cout << "Mirado desk: http://localhost:" << server.port() << "/\n"
               << "The set is kept in " << options.host.store << "; Ctrl-C ends the desk." << std::endl;
@@ -115,5 +114,5 @@ int main(int argc, char** argv) {
     asking.join();
   }
   vconf::CloseStore();
-  return without_plugin ? kCannotStart : 0;
+  return without_plugin ? desk::kCannotWork : desk::kDone;
 }

@@ -15,10 +15,10 @@
 #include <system_error>
 #include <thread>
 #include <utility>
-#include <variant>
 
 #include <httplib.h>
 
+#include "base/http_status.h"
 #include "base/paths.h"
 #include "server/guard.h"
 #include "set/catalog.h"
@@ -68,34 +68,50 @@ struct Answer {
 
 Answer Fail(int status, std::string text) { return {.status = status, .body = {{"error", std::move(text)}}}; }
 
+Answer Fail(const vconf::Status& status) {
+  const HttpCode code = HttpCodeOf(status.code());
+  return {.status = code.status, .body = {{"error", status.text()}, {"code", code.name}}};
+}
+
 void Write(const Answer& answer, Response& response) {
   response.status = answer.status;
   response.set_content(ToText(answer.body), "application/json");
 }
 
+vconf::Status NoKey(const std::string& path) { return {vconf::Code::kMissing, "there is no key " + path}; }
+
 bool IsShared(std::string_view path) { return path.starts_with("db/") || path.starts_with("memory/"); }
 
 // What became of a change of the store, once its events are on their way. So whoever has the answer and then opens a
 // stream does not take them for something new.
-vconf::Error Told(vconf::Error error) {
+vconf::Status Told(vconf::Status status) {
   vconf::Settle();
-  return error;
+  return status;
 }
 
 Json DescribeKey(const std::string& path, const std::optional<vconf::Value>& value) {
   return {{"path", path}, {"value", value ? ToJson(*value) : Json()}};
 }
 
-Json DescribeFaults() {
+Answer AnswerWithFaults() {
+  const auto set = vconf::ListFaults();
+  if (!set.ok()) {
+    return Fail(set.status());
+  }
   Json calls = Json::array();
   for (const FaultCall& call : FaultCalls()) {
     calls.push_back({{"name", call.name}, {"failures", call.failures}, {"path", call.path}});
   }
   Json faults = Json::array();
-  for (const vconf::Fault& fault : vconf::ListFaults()) {
+  for (const vconf::Fault& fault : *set) {
     faults.push_back(ToJson(fault));
   }
-  return {{"calls", std::move(calls)}, {"faults", std::move(faults)}};
+  return {.body = {{"calls", std::move(calls)}, {"faults", std::move(faults)}}};
+}
+
+Answer AnswerWithSet() {
+  vconf::Result<Json> set = DescribeSet();
+  return set.ok() ? Answer{.body = *std::move(set)} : Fail(set.status());
 }
 
 // The entries of a log, which are JSON already.
@@ -107,6 +123,8 @@ std::string JoinEntries(std::string_view name, const EventLog& log) {
   }
   return text + "]}";
 }
+
+vconf::Status Bad(std::string text) { return {vconf::Code::kBadValue, std::move(text)}; }
 
 // A message is {"send": M} or {"post": M}, perhaps with a number "n".
 std::optional<Page::Message> ReadMessage(const ParsedJson& json) {
@@ -124,25 +142,25 @@ std::optional<Page::Message> ReadMessage(const ParsedJson& json) {
   return message;
 }
 
-std::variant<std::vector<Page::Message>, std::string> ReadMessages(const ParsedJson& body) {
+vconf::Result<std::vector<Page::Message>> ReadMessages(const ParsedJson& body) {
   std::vector<Page::Message> messages;
   for (const ParsedJson& json : body.is_array() ? body : ParsedJson::array({body})) {
     std::optional<Page::Message> message = ReadMessage(json);
     if (!message) {
-      return R"(a message is {"post": M} or {"send": M}, and may have an integer "n")";
+      return Bad(R"(a message is {"post": M} or {"send": M}, and may have an integer "n")");
     }
     if (!messages.empty() && messages.back().waits) {
-      return "only the last message may be a send";
+      return Bad("only the last message may be a send");
     }
     messages.push_back(std::move(*message));
   }
   return messages;
 }
 
-std::variant<PageDescription, std::string> ReadDescription(const ParsedJson& body) {
+vconf::Result<PageDescription> ReadDescription(const ParsedJson& body) {
   PageDescription description;
   if (!body.is_object()) {
-    return "the body is not an object";
+    return Bad("the body is not an object");
   }
   for (const auto& [name, value] : body.items()) {
     if (name == "title" && value.is_string()) {
@@ -152,7 +170,7 @@ std::variant<PageDescription, std::string> ReadDescription(const ParsedJson& bod
     } else if (name == "grace" && value.is_number_integer() && value >= 1 && value <= kMaxGrace.count()) {
       description.grace = std::chrono::seconds(value.get<int>());
     } else {
-      return "\"" + name + "\" is none of title (text), url (text) and grace (1 to 3600 seconds)";
+      return Bad("\"" + name + "\" is none of title (text), url (text) and grace (1 to 3600 seconds)");
     }
   }
   return description;
@@ -292,17 +310,17 @@ class DeskServer::Impl {
   Impl(const Impl&) = delete;
   Impl& operator=(const Impl&) = delete;
 
-  std::string Start() {
-    std::string error;
-    watch_ = vconf::WatchPrefix(
-        "", [this](const vconf::Change& change) { OnChange(change); }, &error);
-    if (!watch_) {
-      return error;
+  vconf::Status Start() {
+    auto watch = vconf::WatchPrefix("", [this](const vconf::Change& change) { OnChange(change); });
+    if (!watch.ok()) {
+      return watch.status();
     }
+    watch_ = *std::move(watch);
     SetUp();
     port_ = server_.Bind(options_.port);
     if (port_ < 0) {
-      return "port " + std::to_string(options_.port) + " of 127.0.0.1 cannot be had; is another desk running?";
+      return {vconf::Code::kFailed,
+              "port " + std::to_string(options_.port) + " of 127.0.0.1 cannot be had; is another desk running?"};
     }
     thread_ = std::thread([this] {
       server_.listen_after_bind();
@@ -312,7 +330,7 @@ class DeskServer::Impl {
     while (!server_.is_running() && !served_) {
       std::this_thread::yield();
     }
-    return served_ ? "connections cannot be accepted" : "";
+    return served_ ? vconf::Status(vconf::Code::kFailed, "connections cannot be accepted") : vconf::Status();
   }
 
   int port() const { return port_; }
@@ -356,7 +374,7 @@ class DeskServer::Impl {
   bool Admit(const Request& request, Response& response) const;
   void ExplainError(const Request& request, Response& response) const;
   void OnChange(const vconf::Change& change);
-  Json DescribeSettings() const;
+  Answer AnswerWithSettings() const;
   Answer Submit(Page& page, const ParsedJson& body) const;
   static void Stream(const Request& request, Response& response, const EventLog& events, std::uint64_t start,
                      std::function<void()> on_close);
@@ -405,9 +423,8 @@ httplib::Server::HandlerWithContentReader DeskServer::Impl::WithBody(BodyHandler
           response.status = fits ? response.status : 413;  // The library counts only what a header announces.
           return;
         }
-        const std::variant<ParsedJson, std::string> body = ParseJson(text);
-        const auto* error = std::get_if<std::string>(&body);
-        Write(error != nullptr ? Fail(400, *error) : handler(request, std::get<ParsedJson>(body)), response);
+        const vconf::Result<ParsedJson> body = ParseJson(text);
+        Write(body.ok() ? handler(request, *body) : Fail(body.status()), response);
       };
 }
 
@@ -516,12 +533,15 @@ void DeskServer::Impl::OnChange(const vconf::Change& change) {
   }
 }
 
-Json DeskServer::Impl::DescribeSettings() const {
+Answer DeskServer::Impl::AnswerWithSettings() const {
   const std::vector<std::shared_ptr<Page>> pages = pages_.All();
   Json settings = Json::array();
   for (const Setting& setting : Settings()) {
     const std::string path(setting.path);
-    const std::optional<vconf::Value> value = vconf::Get(path);
+    const vconf::Result<vconf::Value> value = vconf::Get(path);
+    if (!value.ok() && value.status().code() != vconf::Code::kMissing) {
+      return Fail(value.status());
+    }
     Json watchers = Json::array();
     for (const auto& page : pages) {
       if (page->Watches(setting.path)) {
@@ -533,7 +553,7 @@ Json DeskServer::Impl::DescribeSettings() const {
                         {"name", setting.enumerator},
                         {"path", setting.path},
                         {"type", std::holds_alternative<bool>(setting.initial) ? "bool" : "int"},
-                        {"value", value ? ToJson(*value) : Json()},
+                        {"value", value.ok() ? ToJson(*value) : Json()},
                         {"initial", ToJson(setting.initial)},
                         {"group", setting.group},
                         {"label", setting.label},
@@ -541,14 +561,18 @@ Json DeskServer::Impl::DescribeSettings() const {
                         {"values", *setting.values},
                         {"watchers", std::move(watchers)}});
   }
-  return {{"settings", std::move(settings)}};
+  return {.body = {{"settings", std::move(settings)}}};
 }
 
 void DeskServer::Impl::AddSettings() {
-  Get("/api/settings", [this](const Request&) { return Answer{.body = DescribeSettings()}; });
+  Get("/api/settings", [this](const Request&) { return AnswerWithSettings(); });
   Get("/api/store", [](const Request& request) {
+    const auto entries = vconf::List(request.get_param_value("prefix"));
+    if (!entries.ok()) {
+      return Fail(entries.status());
+    }
     Json keys = Json::array();
-    for (const vconf::Entry& entry : vconf::List(request.get_param_value("prefix"))) {
+    for (const vconf::Entry& entry : *entries) {
       if (IsShared(entry.path)) {
         keys.push_back(DescribeKey(entry.path, entry.value));
       }
@@ -559,8 +583,8 @@ void DeskServer::Impl::AddSettings() {
   constexpr char kKey[] = "/api/store/(.+)";
   Get(kKey, [](const Request& request) {
     const std::string path = request.matches[1];
-    const std::optional<vconf::Value> value = IsShared(path) ? vconf::Get(path) : std::nullopt;
-    return value ? Answer{.body = DescribeKey(path, value)} : Fail(404, "there is no key " + path);
+    const vconf::Result<vconf::Value> value = IsShared(path) ? vconf::Get(path) : NoKey(path);
+    return value.ok() ? Answer{.body = DescribeKey(path, *value)} : Fail(value.status());
   });
   PutJson(kKey, [](const Request& request, const ParsedJson& body) {
     const std::string path = request.matches[1];
@@ -572,68 +596,62 @@ void DeskServer::Impl::AddSettings() {
     if (!value) {
       return Fail(400, "\"value\" must be an integer of 32 bits, true, false or a text");
     }
-    if (const vconf::Error error = Told(vconf::Set(path, *value))) {
-      return Fail(400, *error);
+    if (const vconf::Status status = Told(vconf::Set(path, *value)); !status.ok()) {
+      return Fail(status);
     }
     return Answer{.body = DescribeKey(path, value)};
   });
   Delete(kKey, [](const Request& request) {
     const std::string path = request.matches[1];
-    if (!IsShared(path) || !vconf::Get(path)) {
-      return Fail(404, "there is no key " + path);
-    }
-    const vconf::Error error = Told(vconf::Remove(path));
-    return error ? Fail(500, *error) : Answer{};
+    const vconf::Status status = IsShared(path) ? Told(vconf::Remove(path)) : NoKey(path);
+    return status.ok() ? Answer{} : Fail(status);
   });
 }
 
 void DeskServer::Impl::AddSet() {
-  Get("/api/set", [](const Request&) { return Answer{.body = DescribeSet()}; });
+  Get("/api/set", [](const Request&) { return AnswerWithSet(); });
   PatchJson("/api/set", [](const Request&, const ParsedJson& body) {
-    const vconf::Error error = Told(ChangeSet(body));
-    return error ? Fail(400, *error) : Answer{.body = DescribeSet()};
+    const vconf::Status status = Told(ChangeSet(body));
+    return status.ok() ? AnswerWithSet() : Fail(status);
   });
 
   // A fault is no key of the store, so its changes have to be told from here.
-  const auto answer_with_faults = [this](const vconf::Error& error) {
-    if (error) {
-      return Fail(400, *error);
+  const auto answer_with_faults = [this](const vconf::Status& status) {
+    if (!status.ok()) {
+      return Fail(status);
     }
     everything_.Add("set", "{}");
-    return Answer{.body = DescribeFaults()};
+    return AnswerWithFaults();
   };
-  Get("/api/faults", [](const Request&) { return Answer{.body = DescribeFaults()}; });
+  Get("/api/faults", [](const Request&) { return AnswerWithFaults(); });
   PostJson("/api/faults", [answer_with_faults](const Request&, const ParsedJson& body) {
-    const std::variant<vconf::Fault, std::string> fault = FaultFromJson(body);
-    if (const auto* error = std::get_if<std::string>(&fault)) {
-      return Fail(400, *error);
-    }
-    return answer_with_faults(AddFault(std::get<vconf::Fault>(fault)));
+    const vconf::Result<vconf::Fault> fault = FaultFromJson(body);
+    return answer_with_faults(fault.ok() ? AddFault(*fault) : fault.status());
   });
   Delete("/api/faults", [answer_with_faults](const Request& request) {
     if (!request.has_param("call")) {
       return answer_with_faults(vconf::ClearFaults());
     }
     const std::string name = request.get_param_value("call");
-    if (auto call = FindFaultCall(name); std::holds_alternative<std::string>(call)) {
-      return Fail(400, std::get<std::string>(std::move(call)));
+    if (const auto call = FindFaultCall(name); !call.ok()) {
+      return Fail(call.status());
     }
     const bool has_path = request.has_param("path");
     return answer_with_faults(vconf::ClearFault(name, has_path ? request.get_param_value("path") : kEveryPath));
   });
   Post("/api/reset", [this](const Request&) {
-    const vconf::Error error = Told(ResetSet());
+    const vconf::Status status = Told(ResetSet());
     everything_.Add("set", "{}");
-    return error ? Fail(500, *error) : Answer{};
+    return status.ok() ? Answer{} : Fail(status);
   });
 }
 
 Answer DeskServer::Impl::Submit(Page& page, const ParsedJson& body) const {
-  std::variant<std::vector<Page::Message>, std::string> messages = ReadMessages(body);
-  if (auto* error = std::get_if<std::string>(&messages)) {
-    return Fail(400, std::move(*error));
+  vconf::Result<std::vector<Page::Message>> messages = ReadMessages(body);
+  if (!messages.ok()) {
+    return Fail(messages.status());
   }
-  Page::Result result = page.Submit(std::move(std::get<std::vector<Page::Message>>(messages)));
+  Page::Result result = page.Submit(*std::move(messages));
   switch (result.outcome) {
     case Page::Outcome::kGone:
       return Fail(410, "the page's plug-in is gone");
@@ -656,11 +674,11 @@ void DeskServer::Impl::AddPages() {
     return Answer{.body = {{"pages", std::move(list)}}};
   });
   PostJson("/api/pages", [this](const Request&, const ParsedJson& body) {
-    std::variant<PageDescription, std::string> description = ReadDescription(body);
-    if (auto* error = std::get_if<std::string>(&description)) {
-      return Fail(400, std::move(*error));
+    vconf::Result<PageDescription> description = ReadDescription(body);
+    if (!description.ok()) {
+      return Fail(description.status());
     }
-    const std::shared_ptr<Page> page = pages_.Open(std::move(std::get<PageDescription>(description)));
+    const std::shared_ptr<Page> page = pages_.Open(*std::move(description));
     return page ? Answer{.status = 201, .body = page->Describe()}
                 : Fail(503, std::to_string(PageBook::kMaxPages) + " pages are open already");
   });
@@ -759,7 +777,7 @@ DeskServer::DeskServer(DeskOptions options) : impl_(std::make_unique<Impl>(std::
 
 DeskServer::~DeskServer() = default;
 
-std::string DeskServer::Start() { return impl_->Start(); }
+vconf::Status DeskServer::Start() { return impl_->Start(); }
 
 int DeskServer::port() const { return impl_->port(); }
 

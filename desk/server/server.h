@@ -24,8 +24,8 @@ class DeskServer {
   DeskServer(const DeskServer&) = delete;
   DeskServer& operator=(const DeskServer&) = delete;
 
-  /// Takes the port and begins to serve, on threads of its own. An error in words, or nothing.
-  std::string Start();
+  /// Takes the port and begins to serve, on threads of its own. Says what stands against it.
+  vconf::Status Start();
 
   /// The port that is served, once started.
   int port() const;

@@ -18,7 +18,7 @@ constexpr std::int32_t kUnknownOperation = -1;
 
 bool BoolAt(const std::string& path, bool missing) {
   const auto value = vconf::Get(path);
-  const bool* held = value ? std::get_if<bool>(&*value) : nullptr;
+  const bool* held = value.ok() ? std::get_if<bool>(&*value) : nullptr;
   return held == nullptr ? missing : *held;
 }
 
@@ -28,7 +28,7 @@ pp::Var FromValue(const vconf::Value& value) {
 
 PP_Var EmbedderName(PP_Instance) {
   const auto name = vconf::Get(kEmbedderName);
-  return FromValue(name.value_or(kUsualEmbedder)).Detach();
+  return FromValue(name.ok() ? *name : vconf::Value(kUsualEmbedder)).Detach();
 }
 
 PP_Var CurrentExtensionInfo(PP_Instance instance) {
@@ -45,7 +45,7 @@ std::int32_t SyncCall(PP_Instance instance, PP_Var operation_name, PP_Var operat
     return *status;
   }
   pp::Var reply;
-  if (const auto value = vconf::Get(kReplyPrefix + operation)) {
+  if (const auto value = vconf::Get(kReplyPrefix + operation); value.ok()) {
     reply = FromValue(*value);
   } else if (operation == "check_ace_privilege") {
     reply = BoolAt(kPrivilegePrefix + pp::Var(operation_data).AsString(), false);

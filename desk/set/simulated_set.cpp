@@ -35,70 +35,74 @@ class Changes {
     changes_.emplace_back(std::move(path), std::move(value));
   }
 
-  vconf::Error Apply() const {
+  vconf::Status Apply() const {
     for (const auto& [path, value] : changes_) {
       const auto present = vconf::Get(path);
-      vconf::Error error;
-      // A key keeps its type until it is removed, and here the value as a whole is given anew.
-      if (present && (!value || value->index() != present->index())) {
-        error = vconf::Remove(path);
+      vconf::Status status;
+      if (!present.ok() && present.status().code() != vconf::Code::kMissing) {
+        status = present.status();
+      } else if (present.ok() && (!value || value->index() != present->index())) {
+        // A key keeps its type until it is removed, and here the value as a whole is given anew.
+        status = vconf::Remove(path);
       }
-      if (!error && value) {
-        error = vconf::Set(path, *value);
+      if (status.ok() && value) {
+        status = vconf::Set(path, *value);
       }
-      if (error) {
-        return error;
+      if (!status.ok()) {
+        return status;
       }
     }
-    return std::nullopt;
+    return {};
   }
 
  private:
   std::vector<std::pair<std::string, std::optional<vconf::Value>>> changes_;
 };
 
+vconf::Status Bad(std::string text) { return {vconf::Code::kBadValue, std::move(text)}; }
+
 /// Each reader takes one member of the description, `where` in the whole, and says what it should have been when it is
 /// not understood. Null takes the key away, whatever it holds.
-vconf::Error ReadNull(const ParsedJson&, const std::string& path, Changes& changes) {
+vconf::Status ReadNull(const ParsedJson&, const std::string& path, Changes& changes) {
   changes.Add(path, std::nullopt);
-  return std::nullopt;
+  return {};
 }
 
-vconf::Error ReadBool(const ParsedJson& json, const std::string& path, Changes& changes) {
+vconf::Status ReadBool(const ParsedJson& json, const std::string& path, Changes& changes) {
   if (!json.is_boolean()) {
-    return "must be true, false or null";
+    return Bad("must be true, false or null");
   }
   changes.Add(path, json.get<bool>());
-  return std::nullopt;
+  return {};
 }
 
-vconf::Error ReadInt(const ParsedJson& json, const std::string& path, Changes& changes) {
+vconf::Status ReadInt(const ParsedJson& json, const std::string& path, Changes& changes) {
   const auto value = ToValue(json);
   if (!value || !std::holds_alternative<int>(*value)) {
-    return "must be an integer of 32 bits or null";
+    return Bad("must be an integer of 32 bits or null");
   }
   changes.Add(path, value);
-  return std::nullopt;
+  return {};
 }
 
-vconf::Error ReadText(const ParsedJson& json, const std::string& path, Changes& changes) {
+vconf::Status ReadText(const ParsedJson& json, const std::string& path, Changes& changes) {
   if (!json.is_string()) {
-    return "must be a text or null";
+    return Bad("must be a text or null");
   }
   changes.Add(path, json.get<std::string>());
-  return std::nullopt;
+  return {};
 }
 
-vconf::Error ReadAny(const ParsedJson& json, const std::string& path, Changes& changes) {
+vconf::Status ReadAny(const ParsedJson& json, const std::string& path, Changes& changes) {
   const auto value = ToValue(json);
   if (!value) {
-    return "must be an integer of 32 bits, true, false, a text or null";
+    return Bad("must be an integer of 32 bits, true, false, a text or null");
   }
   changes.Add(path, value);
-  return std::nullopt;
+  return {};
 }
 
-vconf::Error ReadLatency(const ParsedJson& json, const std::string& path, Changes& changes) {
+vconf::Status ReadLatency(const ParsedJson& json, const std::string& path, Changes& changes) {
   const auto commands = Commands();
   const std::string_view name = std::string_view(path).substr(std::size(kLatencyPrefix) - 1);
   if (std::ranges::find(commands, name, &Command::name) == commands.end()) {
@@ -106,40 +110,40 @@ vconf::Error ReadLatency(const ParsedJson& json, const std::string& path, Change
     for (const Command& command : commands) {
       error.append(" ").append(command.name);
     }
-    return error;
+    return Bad(error);
   }
   const auto value = ToValue(json);
   const int* milliseconds = value ? std::get_if<int>(&*value) : nullptr;
   if (milliseconds != nullptr && (*milliseconds < 0 || *milliseconds > kMaxLatency)) {
-    return "must be 0 to " + std::to_string(kMaxLatency) + " milliseconds";
+    return Bad("must be 0 to " + std::to_string(kMaxLatency) + " milliseconds");
   }
   return ReadInt(json, path, changes);
 }
 
-vconf::Error ReadList(const ParsedJson& json, const std::string& path, Changes& changes) {
+vconf::Status ReadList(const ParsedJson& json, const std::string& path, Changes& changes) {
   constexpr char kError[] = R"(must be an array of {"value": an integer, "label": a text of one line} or null)";
   if (!json.is_array()) {
-    return kError;
+    return Bad(kError);
   }
   std::string lines;
   for (const ParsedJson& item : json) {
     const auto value = item.is_object() && item.size() == 2 ? item.find("value") : item.end();
     const auto label = item.is_object() ? item.find("label") : item.end();
     if (value == item.end() || label == item.end() || !label->is_string()) {
-      return kError;
+      return Bad(kError);
     }
     const auto number = ToValue(*value);
     const auto& text = label->get_ref<const std::string&>();
     if (!number || !std::holds_alternative<int>(*number) || text.find('\n') != std::string::npos) {
-      return kError;
+      return Bad(kError);
     }
     lines += (lines.empty() ? "" : "\n") + std::to_string(std::get<int>(*number)) + " " + text;
   }
   changes.Add(path, lines);
-  return std::nullopt;
+  return {};
 }
 
-using Reader = vconf::Error (*)(const ParsedJson&, const std::string& path, Changes&);
+using Reader = vconf::Status (*)(const ParsedJson&, const std::string& path, Changes&);
 
 /// One place in the description. A path that ends in '/' stands for an object of names, each read by `read`.
 struct Place {
@@ -162,50 +166,72 @@ std::span<const Place> Places() {
   return places;
 }
 
-vconf::Error ReadOne(const Place& place, const std::string& where, const std::string& path, const ParsedJson& json,
-                     Changes& changes) {
-  const auto error = (json.is_null() ? ReadNull : place.read)(json, path, changes);
-  return error ? where + " " + *error : error;
+vconf::Status ReadOne(const Place& place, const std::string& where, const std::string& path, const ParsedJson& json,
+                      Changes& changes) {
+  const auto read = (json.is_null() ? ReadNull : place.read)(json, path, changes);
+  return read.ok() ? read : vconf::Status(read.code(), where + " " + read.text());
 }
 
-vconf::Error ReadMember(const std::string& where, const ParsedJson& json, Changes& changes) {
+vconf::Status ReadMember(const std::string& where, const ParsedJson& json, Changes& changes) {
   if (where == "embedder" && json.is_object()) {
     for (const auto& [name, member] : json.items()) {
-      if (auto error = ReadMember("embedder/" + name, member, changes)) {
-        return error;
+      if (auto read = ReadMember("embedder/" + name, member, changes); !read.ok()) {
+        return read;
       }
     }
-    return std::nullopt;
+    return {};
   }
   const auto places = Places();
   const auto place = std::ranges::find(places, where, &Place::where);
   if (place == places.end()) {
-    return where == "embedder" ? "embedder must be an object" : "the set has no \"" + where + "\"";
+    return Bad(where == "embedder" ? "embedder must be an object" : "the set has no \"" + where + "\"");
   }
   if (!place->path.ends_with('/')) {
     return ReadOne(*place, where, place->path, json, changes);
   }
   if (!json.is_object()) {
-    return where + " must be an object";
+    return Bad(where + " must be an object");
   }
   for (const auto& [name, member] : json.items()) {
     const std::string behind = "/" + name;
-    if (auto error = ReadOne(*place, where + behind, place->path + name, member, changes)) {
-      return error;
+    if (auto read = ReadOne(*place, where + behind, place->path + name, member, changes); !read.ok()) {
+      return read;
     }
   }
-  return std::nullopt;
+  return {};
 }
 
-/// An object of what stands under `prefix`, by the names behind it.
-template <typename Convert>
-Json Names(const char* prefix, Convert convert) {
-  Json json = Json::object();
-  for (const vconf::Entry& entry : vconf::List(prefix)) {
-    json[entry.path.substr(std::string_view(prefix).size())] = convert(entry.value);
+/// What the store holds, as it is asked for one by one; `status` is the first failure.
+class Reading {
+ public:
+  /// The value at `path`, or null where there is none.
+  Json At(const char* path) {
+    const auto value = vconf::Get(path);
+    if (!value.ok() && value.status().code() != vconf::Code::kMissing) {
+      Note(value.status());
+    }
+    return value.ok() ? ToJson(*value) : Json();
   }
-  return json;
-}
+
+  /// An object of what stands under `prefix`, by the names behind it.
+  template <typename Convert>
+  Json Names(const char* prefix, Convert convert) {
+    const auto entries = vconf::List(prefix);
+    Note(entries.status());
+    Json json = Json::object();
+    for (const vconf::Entry& entry : entries.ok() ? *entries : std::vector<vconf::Entry>()) {
+      json[entry.path.substr(std::string_view(prefix).size())] = convert(entry.value);
+    }
+    return json;
+  }
+
+  const vconf::Status& status() const { return status_; }
+
+ private:
+  void Note(const vconf::Status& status) { status_ = status_.ok() ? status : status_; }
+
+  vconf::Status status_;
+};
 
 Json Plain(const vconf::Value& value) { return ToJson(value); }
 
@@ -227,8 +253,6 @@ Json ListItems(const vconf::Value& value) {
   return items;
 }
 
-Json OrNull(const std::optional<vconf::Value>& value) { return value ? ToJson(*value) : Json(); }
-
 }  // namespace
 
 std::vector<vconf::Entry> DefaultEntries() {
@@ -247,49 +271,56 @@ std::vector<vconf::Entry> DefaultEntries() {
   return entries;
 }
 
-vconf::Error OpenSet(const std::string& store) {
+vconf::Status OpenSet(const std::string& store) {
   if (store.empty()) {
-    return "there is no home folder to keep the store in: name another one with --store or MIRADO_STORE";
+    return {vconf::Code::kMissing,
+            "there is no home folder to keep the store in: name another one with --store or MIRADO_STORE"};
   }
-  return vconf::OpenStore(store, DefaultEntries());
+  return vconf::OpenOrCreateStore(store, DefaultEntries());
 }
 
-vconf::Error ResetSet() {
-  const auto error = vconf::Reset(DefaultEntries());
-  return error ? error : vconf::ClearFaults();
+vconf::Status ResetSet() {
+  auto status = vconf::Reset(DefaultEntries());
+  return status.ok() ? vconf::ClearFaults() : status;
 }
 
-Json DescribeSet() {
+vconf::Result<Json> DescribeSet() {
+  Reading reading;
+  const auto or_usual = [](Json value, Json usual) { return value.is_null() ? usual : value; };
   Json embedder = Json::object();
-  embedder["offered"] = ToJson(vconf::Get(kEmbedderOffered).value_or(true));
-  embedder["name"] = ToJson(vconf::Get(kEmbedderName).value_or(kUsualEmbedder));
-  embedder["replies"] = Names(kReplyPrefix, Plain);
+  embedder["offered"] = or_usual(reading.At(kEmbedderOffered), true);
+  embedder["name"] = or_usual(reading.At(kEmbedderName), kUsualEmbedder);
+  embedder["replies"] = reading.Names(kReplyPrefix, Plain);
   Json set = Json::object();
-  set["b2b"] = OrNull(vconf::Get(FeaturePath()));
-  set["privileges"] = Names(kPrivilegePrefix, Plain);
-  set["pictureSize"] = OrNull(vconf::Get(panelbase::kPictureSizePath));
-  set["lists"] = Names(prefdeck::kListPrefix, ListItems);
+  set["b2b"] = reading.At(FeaturePath().c_str());
+  set["privileges"] = reading.Names(kPrivilegePrefix, Plain);
+  set["pictureSize"] = reading.At(panelbase::kPictureSizePath);
+  set["lists"] = reading.Names(prefdeck::kListPrefix, ListItems);
   set["embedder"] = std::move(embedder);
-  set["latency"] = Names(kLatencyPrefix, Plain);
-  return set;
+  set["latency"] = reading.Names(kLatencyPrefix, Plain);
+  return reading.status().ok() ? vconf::Result(std::move(set)) : reading.status();
 }
 
-vconf::Error ChangeSet(const ParsedJson& change) {
+vconf::Status ChangeSet(const ParsedJson& change) {
   if (!change.is_object()) {
-    return "a change of the set must be an object";
+    return Bad("a change of the set must be an object");
   }
   Changes changes;
   for (const auto& [name, member] : change.items()) {
-    if (auto error = ReadMember(name, member, changes)) {
-      return error;
+    if (auto read = ReadMember(name, member, changes); !read.ok()) {
+      return read;
     }
   }
   return changes.Apply();
 }
 
-std::vector<std::string> KnownPaths(std::string_view prefix) {
+vconf::Result<std::vector<std::string>> KnownPaths(std::string_view prefix) {
+  const auto present = vconf::List(std::string(prefix));
+  if (!present.ok()) {
+    return present.status();
+  }
   std::vector<std::string> paths;
-  for (const auto& entries : {DefaultEntries(), vconf::List(std::string(prefix))}) {
+  for (const auto& entries : {DefaultEntries(), *present}) {
     for (const vconf::Entry& entry : entries) {
       if (entry.path.starts_with(prefix)) {
         paths.push_back(entry.path.substr(prefix.size()));
@@ -335,7 +366,7 @@ std::span<const FaultCall> FaultCalls() {
   return calls;
 }
 
-std::variant<const FaultCall*, std::string> FindFaultCall(std::string_view name) {
+vconf::Result<const FaultCall*> FindFaultCall(std::string_view name) {
   const auto calls = FaultCalls();
   const auto found = std::ranges::find(calls, name, &FaultCall::name);
   if (found != calls.end()) {
@@ -345,18 +376,18 @@ std::variant<const FaultCall*, std::string> FindFaultCall(std::string_view name)
   for (const FaultCall& call : calls) {
     error.append(" ").append(call.name);
   }
-  return error;
+  return vconf::Status(vconf::Code::kBadName, std::move(error));
 }
 
-vconf::Error AddFault(const vconf::Fault& fault) {
-  auto found = FindFaultCall(fault.call);
-  if (auto* error = std::get_if<std::string>(&found)) {
-    return std::move(*error);
+vconf::Status AddFault(const vconf::Fault& fault) {
+  const auto found = FindFaultCall(fault.call);
+  if (!found.ok()) {
+    return found.status();
   }
-  const FaultCall& call = *std::get<const FaultCall*>(found);
+  const FaultCall& call = **found;
   if ((call.failures == kNotZero && fault.answer == 0) || (call.failures == kNegative && fault.answer >= 0)) {
-    return std::to_string(fault.answer) + " is no failure of " + fault.call + ": " + std::string(call.failures) +
-           " is one";
+    return Bad(std::to_string(fault.answer) + " is no failure of " + fault.call + ": " + std::string(call.failures) +
+               " is one");
   }
   return vconf::SetFault(fault);
 }
@@ -370,9 +401,9 @@ Json ToJson(const vconf::Fault& fault) {
   return json;
 }
 
-std::variant<vconf::Fault, std::string> FaultFromJson(const ParsedJson& json) {
+vconf::Result<vconf::Fault> FaultFromJson(const ParsedJson& json) {
   if (!json.is_object()) {
-    return "a fault must be an object";
+    return Bad("a fault must be an object");
   }
   vconf::Fault fault{.call = {}, .path = "*", .answer = 0, .times = 0};
   bool has_call = false;
@@ -392,11 +423,11 @@ std::variant<vconf::Fault, std::string> FaultFromJson(const ParsedJson& json) {
     } else if (name == "times" && number != nullptr && *number >= 0) {
       fault.times = static_cast<unsigned>(*number);
     } else {
-      return "a fault has no \"" + name + "\" like this";
+      return Bad("a fault has no \"" + name + "\" like this");
     }
   }
   if (!has_call || !has_answer) {
-    return R"(a fault needs "call" and "answer")";
+    return Bad(R"(a fault needs "call" and "answer")");
   }
   return fault;
 }

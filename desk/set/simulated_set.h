@@ -3,7 +3,6 @@
 #include <span>
 #include <string>
 #include <string_view>
-#include <variant>
 #include <vector>
 
 #include "base/json.h"
@@ -32,12 +31,12 @@ inline constexpr int kMaxLatency = 60'000;
 /// privilege.
 std::vector<vconf::Entry> DefaultEntries();
 
-/// Opens the store in the folder `store`, which is filled with a new set when it does not exist. An empty name is
-/// refused with a hint how to give one.
-vconf::Error OpenSet(const std::string& store);
+/// Opens the store in the folder `store`, which is filled with a new set when it does not exist or is empty. An empty
+/// name is refused with a hint how to give one.
+vconf::Status OpenSet(const std::string& store);
 
 /// Puts the open store back to `DefaultEntries` and clears all faults.
-vconf::Error ResetSet();
+vconf::Status ResetSet();
 
 /// The set as it is now:
 ///
@@ -47,15 +46,15 @@ vconf::Error ResetSet();
 ///    "lists": {"primary-audio-language": [{"value": 1, "label": "English"}]},
 ///    "embedder": {"offered": true, "name": "OstraWRT", "replies": {"get_window_id": 7}},
 ///    "latency": {"getMenuValue": 250}}                milliseconds
-Json DescribeSet();
+vconf::Result<Json> DescribeSet();
 
 /// Changes what `change` names and leaves the rest; it has the form that `DescribeSet` gives, and null takes away.
 /// Nothing is changed when a part of it is not understood. The error names that part, such as "latency/getVersion".
-vconf::Error ChangeSet(const ParsedJson& change);
+vconf::Status ChangeSet(const ParsedJson& change);
 
 /// What the store and a new set hold under `prefix`, by what stands behind it: what a path may be meant for. Operations
 /// of the embedder are known too, though the set holds a reply to none of them yet.
-std::vector<std::string> KnownPaths(std::string_view prefix = "");
+vconf::Result<std::vector<std::string>> KnownPaths(std::string_view prefix = "");
 
 /// Whether `path` lies where the set takes any name, such as a privilege.
 bool IsOpenPath(std::string_view path);
@@ -75,15 +74,15 @@ struct FaultCall {
 std::span<const FaultCall> FaultCalls();
 
 /// The call named `name`, or an error that lists all.
-std::variant<const FaultCall*, std::string> FindFaultCall(std::string_view name);
+vconf::Result<const FaultCall*> FindFaultCall(std::string_view name);
 
 /// Sets `fault`, or says that there is no such call, or that the answer is no failure of the call: whoever makes it
 /// would believe that it had done its work.
-vconf::Error AddFault(const vconf::Fault& fault);
+vconf::Status AddFault(const vconf::Fault& fault);
 
 /// {"call": "vconf_get_int", "path": "*", "answer": -1, "times": 0}. Reading one back, `path` may be left out and is
 /// then "*", and so may `times`, which is then 0: until it is cleared.
 Json ToJson(const vconf::Fault& fault);
-std::variant<vconf::Fault, std::string> FaultFromJson(const ParsedJson& json);
+vconf::Result<vconf::Fault> FaultFromJson(const ParsedJson& json);
 
 }  // namespace desk

@@ -245,19 +245,18 @@ TEST_F(ReplayTest, TheSameComesOutOfTheRecordedState) {
 }
 
 TEST_F(ReplayTest, AChangeUponAnAnswerIsNoneOfTheRequest) {
-  ASSERT_EQ(desk::OpenSet(store()), std::nullopt);
+  ASSERT_EQ(desk::OpenSet(store()).text(), "");
   int value = 0;
   {
-    desk::Recorder recorder(file(), [&](const std::string&) { vconf::Set("db/menu/caption/captionmode", ++value); });
+    desk::Recorder recorder(
+        file(), [&](const std::string&) { static_cast<void>(vconf::Set("db/menu/caption/captionmode", ++value)); });
     ASSERT_FALSE(recorder.Failed());
-    std::string error;
-    const auto session = desk::Session::Start(
-        MIRADO_PLUGIN_PATH, [&](const desk::Json& line) { recorder.Out(line); }, &error);
-    ASSERT_NE(session, nullptr) << error;
+    const auto session = desk::Session::Start(MIRADO_PLUGIN_PATH, [&](const desk::Json& line) { recorder.Out(line); });
+    ASSERT_TRUE(session.ok()) << session.status().text();
     const std::string ask = R"({"send":{"command":"getMenuValue","propertyKey":1}})";
     const std::string write = R"({"post":{"command":"setMenuValue","propertyKey":16,"value":5}})";
     for (const std::string& line : {ask, ask, write, ask, std::string(R"({"settle":true})"), ask}) {
-      ASSERT_EQ(recorder.Handle(*session, line, std::get<desk::Request>(desk::ParseRequest(line))), std::nullopt);
+      ASSERT_EQ(recorder.Handle(**session, line, *desk::ParseRequest(line)).text(), "");
     }
   }
   vconf::CloseStore();

@@ -71,7 +71,7 @@ test("takes JSON of a bounded size and says what is wrong with it", async () => 
     [put(deep), 400],
     [put('{"value": 1.5}'), 400],
     [put("{}"), 400],
-    [put('{"value": "text"}'), 400, /db\/menu\/caption\/caption/],
+    [put('{"value": "text"}'), 409, /db\/menu\/caption\/caption/],
     [say('{"send": 1, "post": 2}'), 400],
     [say('[{"send": 1}, {"post": 2}]'), 400],
     [say('{"send": 1, "n": "two"}'), 400],

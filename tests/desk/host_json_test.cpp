@@ -16,8 +16,8 @@ namespace {
 
 ParsedJson Parsed(const std::string& text) {
   auto parsed = ParseJson(text);
-  EXPECT_TRUE(std::holds_alternative<ParsedJson>(parsed)) << text << ": " << std::get<std::string>(parsed);
-  return std::get<ParsedJson>(parsed);
+  EXPECT_TRUE(parsed.ok()) << text << ": " << parsed.status().text();
+  return parsed.ok() ? *std::move(parsed) : ParsedJson();
 }
 
 TEST(JsonTest, OnlyIntegersOf32BitsAreInt) {
@@ -92,7 +92,7 @@ TEST(JsonTest, EveryValueSurvivesTheWayInAndBackOut) {
 
 class SetTest : public testing::Test {
  protected:
-  void SetUp() override { ASSERT_EQ(vconf::OpenStore(folder_ / "store", DefaultEntries()), std::nullopt); }
+  void SetUp() override { ASSERT_EQ(vconf::OpenOrCreateStore(folder_ / "store", DefaultEntries()).text(), ""); }
   void TearDown() override { vconf::CloseStore(); }
 
   TemporaryFolder folder_;
@@ -101,19 +101,20 @@ class SetTest : public testing::Test {
 TEST_F(SetTest, ADescriptionBringsTheSetBack) {
   ASSERT_EQ(ChangeSet(Parsed(R"({"b2b":null,"privileges":{"http://a/b":true},"pictureSize":3,
       "lists":{"x":[{"value":-1,"label":""},{"value":2,"label":"Two words"}]},
-      "embedder":{"offered":false,"name":"N","replies":{"a":1,"b":"t","c":true}},"latency":{"getVersion":9}})")),
-            std::nullopt);
-  const Json described = DescribeSet();
-  ASSERT_EQ(ResetSet(), std::nullopt);
-  EXPECT_NE(DescribeSet(), described);
-  ASSERT_EQ(ChangeSet(described), std::nullopt);
-  EXPECT_EQ(DescribeSet(), described);
-  EXPECT_EQ(ChangeSet(Parsed(R"({"embedder":{"replies":{"a":"another type","b":null}}})")), std::nullopt);
-  EXPECT_EQ(ToText(DescribeSet()["embedder"]["replies"]), R"({"a":"another type","c":true})");
+      "embedder":{"offered":false,"name":"N","replies":{"a":1,"b":"t","c":true}},"latency":{"getVersion":9}})"))
+                .text(),
+            "");
+  const Json described = *DescribeSet();
+  ASSERT_EQ(ResetSet().text(), "");
+  EXPECT_NE(*DescribeSet(), described);
+  ASSERT_EQ(ChangeSet(described).text(), "");
+  EXPECT_EQ(*DescribeSet(), described);
+  EXPECT_EQ(ChangeSet(Parsed(R"({"embedder":{"replies":{"a":"another type","b":null}}})")).text(), "");
+  EXPECT_EQ(ToText((*DescribeSet())["embedder"]["replies"]), R"({"a":"another type","c":true})");
 }
 
 TEST_F(SetTest, AChangeThatIsNotUnderstoodChangesNothingAndNamesItsPart) {
-  const Json before = DescribeSet();
+  const Json before = *DescribeSet();
   const std::vector<std::pair<std::string, std::string>> changes = {
       {"[]", "object"},
       {R"({"b2b":false,"color":1})", "color"},
@@ -130,10 +131,10 @@ TEST_F(SetTest, AChangeThatIsNotUnderstoodChangesNothingAndNamesItsPart) {
       {R"({"lists":{"x":[{"value":1,"label":"a\nb"}]}})", "lists/x"},
   };
   for (const auto& [change, part] : changes) {
-    const auto error = ChangeSet(Parsed(change));
-    ASSERT_TRUE(error.has_value()) << change;
-    EXPECT_NE(error->find(part), std::string::npos) << *error;
-    EXPECT_EQ(DescribeSet(), before) << change;
+    const auto status = ChangeSet(Parsed(change));
+    EXPECT_EQ(status.code(), vconf::Code::kBadValue) << change;
+    EXPECT_NE(status.text().find(part), std::string::npos) << status.text();
+    EXPECT_EQ(*DescribeSet(), before) << change;
   }
 }
 

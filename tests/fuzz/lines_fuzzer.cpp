@@ -28,11 +28,11 @@ desk::ShutdownSignal& NoEnd() {
 }
 
 /// What one line that is a request must be answered with before the next is read.
-vconf::Error Handle(desk::Session& session, const desk::Request& request, fuzz::PageEar& ear,
-                    const desk::Json& answer) {
+vconf::Status Handle(desk::Session& session, const desk::Request& request, fuzz::PageEar& ear,
+                     const desk::Json& answer) {
   using Kind = desk::Request::Kind;
   if (request.kind == Kind::kPost) ear.Expect(fuzz::CommandOf(desk::ToVar(request.argument)));
-  auto error = session.Handle(request);
+  auto status = session.Handle(request);
   switch (request.kind) {
     case Kind::kSend:
       fuzz::Require(answer.size() == 1 && answer[0].contains("reply"), "one reply", answer);
@@ -46,8 +46,9 @@ vconf::Error Handle(desk::Session& session, const desk::Request& request, fuzz::
       fuzz::Require(answer.empty(), "no answer", answer);
       break;
   }
-  fuzz::Require(!error || (request.kind == Kind::kSet && !error->empty()), "only set may fail", error.value_or(""));
-  return error;
+  fuzz::Require(status.ok() || (request.kind == Kind::kSet && !status.text().empty()), "only set may fail",
+                status.text());
+  return status;
 }
 
 }  // namespace
@@ -62,16 +63,16 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   desk::Json answer = desk::Json::array();
   const auto say = [&](const desk::Json& line) {
     const auto read_back = desk::ParseJson(desk::ToText(line), nullptr, desk::kMaxJsonDepth + 2);
-    fuzz::Require(std::holds_alternative<desk::ParsedJson>(read_back), "what is said is JSON", line);
+    fuzz::Require(read_back.ok(), "what is said is JSON", line);
     if (line.contains("message")) {
       ear.Hear(line["message"]);
     } else {
       answer.push_back(line);  // on this thread: it answers the request in hand
     }
   };
-  std::string error;
-  auto session = desk::Session::Start(MIRADO_PLUGIN_PATH, say, &error);
-  fuzz::Require(session != nullptr, "a session", error);
+  auto started = desk::Session::Start(MIRADO_PLUGIN_PATH, say);
+  fuzz::Require(started.ok(), "a session", started.status().text());
+  std::unique_ptr<desk::Session> session = *std::move(started);
 
   std::size_t good = 0;
   std::size_t bad = 0;
@@ -79,7 +80,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     fuzz::Require(answer.empty(), "nothing is answered that was not asked", answer);
     auto wrong = Handle(*session, request, ear, answer);
     answer.clear();
-    if (!wrong) ++good;
+    if (wrong.ok()) ++good;
     return wrong;
   };
   const auto complain = [&](const desk::Json& line) {
@@ -90,7 +91,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const auto& text = line["error"].get_ref<const std::string&>();
     fuzz::Require(text.starts_with(begin) && text.size() > begin.size(), "the line is named, and the cause", line);
     const auto read_back = desk::ParseJson(desk::ToText(line), nullptr, desk::kMaxJsonDepth + 2);
-    fuzz::Require(std::holds_alternative<desk::ParsedJson>(read_back), "what is said is JSON", line);
+    fuzz::Require(read_back.ok(), "what is said is JSON", line);
   };
   const bool all_good = desk::ReadRequests(input.get(), NoEnd(), handle, complain);
   fuzz::Require(all_good == (bad == 0), "what is wrong is told");

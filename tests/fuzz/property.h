@@ -106,8 +106,8 @@ class Store {
     Require(mkdtemp(folder.data()) != nullptr, "a folder for the store", folder);
     folder_ = folder;
     dlog::SetThreshold(8);  // above all: the fuzzer's own lines are to be read
-    const auto error = vconf::OpenStore(folder_ / "store", desk::DefaultEntries());
-    Require(!error, "the store opens", error.value_or(""));
+    const auto opened = vconf::OpenOrCreateStore(folder_ / "store", desk::DefaultEntries());
+    Require(opened.ok(), "the store opens", opened.text());
   }
   ~Store() {
     vconf::CloseStore();
@@ -120,8 +120,8 @@ class Store {
   void Settle() {
     Require(pp::browser::LiveVarNodes() == 0, "no live variable is left", pp::browser::LiveVarNodes());
     Require(vconf::SubscriptionCount() == 0, "no subscription is left");
-    const auto error = desk::ResetSet();
-    Require(!error, "the store still works", error.value_or(""));
+    const auto reset = desk::ResetSet();
+    Require(reset.ok(), "the store still works", reset.text());
   }
 
  private:

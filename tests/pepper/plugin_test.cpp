@@ -52,10 +52,10 @@ TEST_F(PluginTest, LivesWithoutItsHandler) {
 }
 
 TEST_F(PluginTest, AnswersEveryWaitingMessageOnce) {
-  ASSERT_EQ(vconf::Set("db/menu/caption/caption", -70000), std::nullopt);
-  ASSERT_EQ(vconf::Set("db/setting/accessibility/tts", true), std::nullopt);
-  ASSERT_EQ(vconf::Set(kPrimary, 2), std::nullopt);
-  ASSERT_EQ(vconf::Set("memory/tv-viewer/bg_executable", 5), std::nullopt);
+  ASSERT_EQ(vconf::Set("db/menu/caption/caption", -70000).text(), "");
+  ASSERT_EQ(vconf::Set("db/setting/accessibility/tts", true).text(), "");
+  ASSERT_EQ(vconf::Set(kPrimary, 2).text(), "");
+  ASSERT_EQ(vconf::Set("memory/tv-viewer/bg_executable", 5).text(), "");
   const std::string no_dictionary = Waited(26, "null", "InvalidValuesError", "Incoming message is not dictionary");
   const std::string no_command = Waited(26, "null", "InvalidValuesError", "Parameter command is invalid");
   const std::string unknown = Waited(9, "null", "NotSupportedError", "Command not recognized");
@@ -103,8 +103,8 @@ TEST_F(PluginTest, AnswersEveryWaitingMessageOnce) {
   Page page(*plugin_);
   for (const auto& [message, reply] : rows) EXPECT_EQ(page.Send(message), reply) << message;
   EXPECT_EQ(page.Heard(), Lines{}) << "a waiting message is answered by its result alone";
-  EXPECT_EQ(vconf::Get("memory/webapp/caption"), vconf::Value(-7));
-  EXPECT_EQ(vconf::Get("memory/webapp/avplay"), vconf::Value(2147483647));
+  EXPECT_EQ(*vconf::Get("memory/webapp/caption"), vconf::Value(-7));
+  EXPECT_EQ(*vconf::Get("memory/webapp/avplay"), vconf::Value(2147483647));
 }
 
 TEST_F(PluginTest, NamesTheVoiceGuidesSpeed) {
@@ -113,7 +113,7 @@ TEST_F(PluginTest, NamesTheVoiceGuidesSpeed) {
                                               {4, "SLOW"},    {6, "SLOW"},       {7, "NORMAL"},     {10, "FAST"},
                                               {12, "FAST"},   {13, "VERY_FAST"}, {15, "VERY_FAST"}, {16, "NORMAL"}};
   for (const auto& [stored, name] : rows) {
-    ASSERT_EQ(vconf::Set(kSpeed, stored), std::nullopt);
+    ASSERT_EQ(vconf::Set(kSpeed, stored).text(), "");
     EXPECT_EQ(page.Send(AskKey("getMenuValue", 20)), Done("\"" + name + "\"")) << stored;
   }
 }
@@ -124,15 +124,15 @@ TEST_F(PluginTest, JudgesThePictureSize) {
   const std::pair<int, std::string> rows[] = {{0, "true"}, {1, "false"}, {2, "false"},
                                               {3, "true"}, {4, "false"}, {-3, "false"}};
   for (const auto& [size, resized] : rows) {
-    ASSERT_EQ(vconf::Set(kPictureSize, size), std::nullopt);
+    ASSERT_EQ(vconf::Set(kPictureSize, size).text(), "");
     EXPECT_EQ(page.Send(Ask("isTVSPicSizeResized", R"("x":1)")), Done(resized)) << size;
     EXPECT_EQ(log_.Take(), Lines{"0 4 isTVSPicSizeResized > PictureSize is " + std::to_string(size)});
   }
-  ASSERT_EQ(vconf::Set(kPictureSize, 1), std::nullopt);
+  ASSERT_EQ(vconf::Set(kPictureSize, 1).text(), "");
   Fault("GetPictureSize", "*", -1);
   EXPECT_EQ(page.Send(Ask("isTVSPicSizeResized")), Done("true"));
   EXPECT_EQ(log_.Take(), Lines{"0 4 isTVSPicSizeResized > PictureSize is 0"});
-  ASSERT_EQ(vconf::Remove(kPictureSize), std::nullopt);
+  ASSERT_EQ(vconf::Remove(kPictureSize).text(), "");
   EXPECT_EQ(page.Send(Ask("isTVSPicSizeResized")), Done("true"));
   EXPECT_EQ(log_.Take(), Lines{});
 }
@@ -145,7 +145,7 @@ TEST_F(PluginTest, TellsWhatThePlatformRefused) {
     log_.Take();
     EXPECT_EQ(page.Send(message), Waited(9999, "null", "UnknownError ", reply_message)) << message;
     EXPECT_EQ(log_.Take(), lines) << message;
-    ASSERT_EQ(vconf::ClearFaults(), std::nullopt);
+    ASSERT_EQ(vconf::ClearFaults().text(), "");
   };
   refused("vconf_get_int", AskKey("getMenuValue", 3), "getMenuValue is failed",
           {"0 4 getMenuValue > Fail to get the vconf value, key = 3, value = [0]"});
@@ -173,7 +173,7 @@ TEST_F(PluginTest, TellsWhatThePlatformRefused) {
           {"0 4 registerVconfKeysForMirado > unable to register a vconf changed cb to key: 0"});
   refused("", AskKey("unRegisterVconfKeysForMirado", 1), "unRegisterVconfKeysForMirado failed",
           {"0 4 unRegisterVconfKeysForMirado > Not supported Key  = 1"});
-  EXPECT_NE(vconf::Get("memory/webapp/caption"), vconf::Value(4));
+  EXPECT_EQ(vconf::Get("memory/webapp/caption").status().code(), vconf::Code::kMissing);
 
   Fault("vconf_sync_key", "*", -1);
   log_.Take();
@@ -185,11 +185,11 @@ TEST_F(PluginTest, TellsWhatThePlatformRefused) {
 }
 
 TEST_F(PluginTest, AnswersEveryPostedMessageOnce) {
-  ASSERT_EQ(vconf::Set("db/menu/caption/captionmode", 300), std::nullopt);
-  ASSERT_EQ(vconf::Set("db/menu/subtitle/subtitle", 512), std::nullopt);
-  ASSERT_EQ(vconf::Set("db/setting/accessibility/tts", false), std::nullopt);
-  ASSERT_EQ(vconf::Set("set/prefdeck/secondary-audio-language", std::string("05 Five\n5 Fünf\n7 Seven")), std::nullopt);
-  ASSERT_EQ(vconf::Set("set/prefdeck/primary-audio-language", std::string()), std::nullopt);
+  ASSERT_EQ(vconf::Set("db/menu/caption/captionmode", 300).text(), "");
+  ASSERT_EQ(vconf::Set("db/menu/subtitle/subtitle", 512).text(), "");
+  ASSERT_EQ(vconf::Set("db/setting/accessibility/tts", false).text(), "");
+  ASSERT_EQ(vconf::Set("set/prefdeck/secondary-audio-language", std::string("05 Five\n5 Fünf\n7 Seven")).text(), "");
+  ASSERT_EQ(vconf::Set("set/prefdeck/primary-audio-language", std::string()).text(), "");
   const auto unknown = [](const std::string& command) {
     return Delivered(command, 9, "\"\"", "NotSupportedError", "Command" + command + " no recognized");
   };
@@ -229,11 +229,11 @@ TEST_F(PluginTest, AnswersEveryPostedMessageOnce) {
     page.Post(message);
     EXPECT_EQ(page.Heard(), Lines{reply}) << message;
   }
-  EXPECT_EQ(vconf::Get("db/menu/caption/captionmode"), vconf::Value(256));
-  EXPECT_EQ(vconf::Get("db/setting/accessibility/tts"), vconf::Value(true));
+  EXPECT_EQ(*vconf::Get("db/menu/caption/captionmode"), vconf::Value(256));
+  EXPECT_EQ(*vconf::Get("db/setting/accessibility/tts"), vconf::Value(true));
   page.Post(Write(15, 0));
   EXPECT_EQ(page.Heard(), Lines{Written(0)});
-  EXPECT_EQ(vconf::Get("db/setting/accessibility/tts"), vconf::Value(false));
+  EXPECT_EQ(*vconf::Get("db/setting/accessibility/tts"), vconf::Value(false));
   EXPECT_EQ(page.Send(AskKey("getMenuValue", 20)), Done("\"VERY_FAST\""));
 }
 
@@ -254,11 +254,11 @@ TEST_F(PluginTest, WritesOnlyThroughTheGatesInTheirOrder) {
                               "0 4 setMenuValue > [PluginMirado] setMenuValue hasPrivilege fail"};
 
   TestEmbedder::reply = pp::Var(false);
-  ASSERT_EQ(vconf::Set(kB2b, false), std::nullopt);
+  ASSERT_EQ(vconf::Set(kB2b, false).text(), "");
   gate(r2, b2b_line);
-  ASSERT_EQ(vconf::Remove(kB2b), std::nullopt);
+  ASSERT_EQ(vconf::Remove(kB2b).text(), "");
   gate(r1, {});
-  ASSERT_EQ(vconf::Set(kB2b, true), std::nullopt);
+  ASSERT_EQ(vconf::Set(kB2b, true).text(), "");
   gate(r3, privilege_lines);
   // Only a bool is an answer.
   for (const pp::Var& reply : {pp::Var(1), pp::Var("true"), pp::Var()}) {
@@ -273,7 +273,7 @@ TEST_F(PluginTest, WritesOnlyThroughTheGatesInTheirOrder) {
 }
 
 TEST_F(PluginTest, TellsWhatRefusedAWrite) {
-  ASSERT_EQ(vconf::Set("db/setting/accessibility/tts", false), std::nullopt);
+  ASSERT_EQ(vconf::Set("db/setting/accessibility/tts", false).text(), "");
   Page page(*plugin_);
   const auto writes = [&](const std::string& call, const std::string& message, const std::string& reply,
                           const Lines& lines) {
@@ -282,9 +282,9 @@ TEST_F(PluginTest, TellsWhatRefusedAWrite) {
     page.Post(message);
     EXPECT_EQ(page.Heard(), Lines{reply}) << message;
     EXPECT_EQ(log_.Take(), lines) << message;
-    ASSERT_EQ(vconf::ClearFaults(), std::nullopt);
+    ASSERT_EQ(vconf::ClearFaults().text(), "");
   };
-  const auto before = vconf::List("db/");
+  const auto before = *vconf::List("db/");
   writes("vconf_get_int", Write(20, 1), Refused(9999, "UnknownError ", "getMenuValue is failed"),
          {"0 4 getMenuValue > Fail to get the vconf iValue, key = 20, iValue = [0]"});
   writes("GetItemDataList", Write(18, 1), Refused(9999, "UnknownError ", "confirmMenuValue is failed"),
@@ -297,7 +297,7 @@ TEST_F(PluginTest, TellsWhatRefusedAWrite) {
          {"0 4 setMenuValue > Fail to set the vconf value, key = 18, value = [1]"});
   writes("vconf_set_bool", Write(15, 256), Refused(26, "InvalidValuesError", "setMenuValue was failed"),
          {"0 4 setMenuValue > Fail to set the vconf value, key = 15, value = [256]"});
-  EXPECT_EQ(vconf::List("db/"), before);
+  EXPECT_EQ(*vconf::List("db/"), before);
   writes("vconf_sync_key", Write(15, 256), Written(256), {});
   page.Post(Ask("x"));
   page.Heard();

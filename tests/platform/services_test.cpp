@@ -18,11 +18,9 @@ class ServicesTest : public VconfTest {
  protected:
   void SetUp() override { Open(); }
 
-  static void Put(const std::string& path, const vconf::Value& value) {
-    ASSERT_EQ(vconf::Set(path, value), std::nullopt);
-  }
+  static void Put(const std::string& path, const vconf::Value& value) { ASSERT_EQ(vconf::Set(path, value).text(), ""); }
   static void Fail(const std::string& call, const std::string& path, int answer) {
-    ASSERT_EQ(vconf::SetFault({.call = call, .path = path, .answer = answer, .times = 1}), std::nullopt);
+    ASSERT_EQ(vconf::SetFault({.call = call, .path = path, .answer = answer, .times = 1}).text(), "");
   }
 };
 
@@ -89,7 +87,7 @@ TEST_F(ServicesTest, VideoControlFollowsThePictureSize) {
 
   Fail("GetPictureSize", "*", -2);
   EXPECT_EQ(control->GetPictureSize(&size), -2);
-  ASSERT_EQ(vconf::Remove(panelbase::kPictureSizePath), std::nullopt);
+  ASSERT_EQ(vconf::Remove(panelbase::kPictureSizePath).text(), "");
   EXPECT_LT(control->GetPictureSize(&size), 0);
   EXPECT_EQ(size, 5) << "a failure must leave the size alone";
 }

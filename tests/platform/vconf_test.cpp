@@ -66,7 +66,7 @@ TEST_F(VconfTest, WhatIsNoPathOrHasNoStoreFailsByValue) {
     EXPECT_LT(vconf_ignore_key_changed(path, CountCall), 0);
   };
   all_fail("db/no-store");
-  EXPECT_EQ(vconf::Set("db/a", 1), "no store is open");
+  EXPECT_EQ(vconf::Set("db/a", 1).text(), "no store is open");
   Open();
   const std::string too_long = "db/" + std::string(509, 'x');
   const std::string longest = too_long.substr(0, 511);
@@ -82,18 +82,21 @@ TEST_F(VconfTest, WhatIsNoPathOrHasNoStoreFailsByValue) {
 
 TEST_F(VconfTest, ANewStoreIsFilledOnceAndAnOldOneNever) {
   Open({{"db/a", 1}, {"memory/b", true}, {"set/c", std::string("text")}});
-  EXPECT_EQ(vconf::List(""), (std::vector<Entry>{{"db/a", 1}, {"memory/b", true}, {"set/c", std::string("text")}}));
-  EXPECT_EQ(vconf::Remove("db/a"), std::nullopt);
-  EXPECT_NE(vconf::OpenStore(folder() + "/second"), std::nullopt);
+  EXPECT_EQ(*vconf::List(""), (std::vector<Entry>{{"db/a", 1}, {"memory/b", true}, {"set/c", std::string("text")}}));
+  EXPECT_EQ(vconf::Remove("db/a").text(), "");
+  EXPECT_NE(vconf::OpenStore(folder() + "/second").text(), "");
   vconf::CloseStore();
   Open({{"db/a", 1}, {"db/d", 2}});
-  EXPECT_EQ(vconf::List("db/"), std::vector<Entry>{});
+  EXPECT_EQ(*vconf::List("db/"), std::vector<Entry>{});
   vconf::CloseStore();
-  const auto error = vconf::OpenStore(folder() + "/third", {{"other/a", 1}});
-  EXPECT_EQ(error, "other/a: is no path of the store");
+  const auto error = vconf::OpenOrCreateStore(folder() + "/third", {{"other/a", 1}});
+  EXPECT_EQ(error.text(), "other/a: is no path of the store");
   EXPECT_FALSE(std::filesystem::exists(folder() + "/third"));
-  EXPECT_NE(vconf::OpenStore(""), std::nullopt);
-  EXPECT_EQ(vconf::OpenStore(folder() + "/third/"), std::nullopt);
+  EXPECT_NE(vconf::OpenStore("").text(), "");
+  EXPECT_EQ(vconf::OpenStore(folder() + "/third/").code(), vconf::Code::kMissing);
+  std::filesystem::create_directory(folder() + "/third");
+  EXPECT_EQ(vconf::OpenStore(folder() + "/third").code(), vconf::Code::kMissing);
+  EXPECT_EQ(vconf::OpenOrCreateStore(folder() + "/third/", {}).text(), "");
 }
 
 TEST_F(VconfTest, TheMemoryOfLostStoresIsSweptAndNothingElse) {
@@ -116,7 +119,7 @@ TEST_F(VconfTest, TheMemoryOfLostStoresIsSweptAndNothingElse) {
   std::filesystem::create_directory(dangling);
   std::filesystem::create_symlink(folder() + "/removed", dangling + "/store");
   vconf::CloseStore();
-  ASSERT_EQ(vconf::OpenStore(folder() + "/second", {{"memory/m", 1}}), std::nullopt);
+  ASSERT_EQ(vconf::OpenOrCreateStore(folder() + "/second", {{"memory/m", 1}}).text(), "");
   EXPECT_TRUE(std::filesystem::exists(memory) && std::filesystem::exists(users));
   EXPECT_FALSE(std::filesystem::exists(lost) || std::filesystem::exists(dangling));
 }
@@ -124,19 +127,19 @@ TEST_F(VconfTest, TheMemoryOfLostStoresIsSweptAndNothingElse) {
 TEST_F(VconfTest, ControlServesEveryTypeAndRoom) {
   Open();
   const std::string longest(65536, 'z');
-  EXPECT_EQ(vconf::Set("set/long", longest), std::nullopt);
-  EXPECT_EQ(vconf::Get("set/long"), vconf::Value(longest));
-  EXPECT_NE(vconf::Set("set/long", longest + "z"), std::nullopt);
-  EXPECT_EQ(vconf::Set("set/long", 1), "set/long: holds a value of another type");
-  EXPECT_EQ(vconf::Remove("db/none"), "db/none: no such key");
-  EXPECT_EQ(vconf::Set("memory/m", std::string()), std::nullopt);
-  EXPECT_EQ(vconf::Set("db/b", false), std::nullopt);
-  EXPECT_EQ(vconf::Set("db/a", 1), std::nullopt);
-  EXPECT_EQ(vconf::List("db"), (std::vector<Entry>{{"db/a", 1}, {"db/b", false}}));
-  EXPECT_EQ(vconf::List("memory/m"), (std::vector<Entry>{{"memory/m", std::string()}}));
-  EXPECT_EQ(vconf::List("x"), std::vector<Entry>{});
-  EXPECT_EQ(vconf::Remove("db/a"), std::nullopt);
-  EXPECT_EQ(vconf::Set("db/a", true), std::nullopt);  // a removed key has no type any more
+  EXPECT_EQ(vconf::Set("set/long", longest).text(), "");
+  EXPECT_EQ(*vconf::Get("set/long"), vconf::Value(longest));
+  EXPECT_NE(vconf::Set("set/long", longest + "z").text(), "");
+  EXPECT_EQ(vconf::Set("set/long", 1).text(), "set/long: holds a value of another type");
+  EXPECT_EQ(vconf::Remove("db/none").text(), "db/none: no such key");
+  EXPECT_EQ(vconf::Set("memory/m", std::string()).text(), "");
+  EXPECT_EQ(vconf::Set("db/b", false).text(), "");
+  EXPECT_EQ(vconf::Set("db/a", 1).text(), "");
+  EXPECT_EQ(*vconf::List("db"), (std::vector<Entry>{{"db/a", 1}, {"db/b", false}}));
+  EXPECT_EQ(*vconf::List("memory/m"), (std::vector<Entry>{{"memory/m", std::string()}}));
+  EXPECT_EQ(*vconf::List("x"), std::vector<Entry>{});
+  EXPECT_EQ(vconf::Remove("db/a").text(), "");
+  EXPECT_EQ(vconf::Set("db/a", true).text(), "");  // a removed key has no type any more
 }
 
 class VconfChangeTest : public VconfTest {
@@ -144,7 +147,7 @@ class VconfChangeTest : public VconfTest {
   void SetUp() override { Open(); }
 
   std::unique_ptr<vconf::Watch> Collect(const std::string& prefix) {
-    return vconf::WatchPrefix(prefix, [this](const Change& change) { changes_.push_back(change); });
+    return *vconf::WatchPrefix(prefix, [this](const Change& change) { changes_.push_back(change); });
   }
 
   std::vector<Change> changes_;
@@ -162,7 +165,7 @@ TEST_F(VconfChangeTest, EachChangeComesOnceInOrderWithItsUserData) {
   EXPECT_EQ(vconf_set_int("memory/b", 1), 0);
   EXPECT_NE(vconf_set_bool("db/a", 1), 0);
   EXPECT_EQ(vconf_set_int("db/other", 1), 0);
-  EXPECT_EQ(vconf::Remove("db/a"), std::nullopt);
+  EXPECT_EQ(vconf::Remove("db/a").text(), "");
   vconf::Settle();
   EXPECT_EQ(first, (std::vector<std::string>{"db/a", "memory/b", "db/a"}));
   EXPECT_EQ(second, (std::vector<std::string>{"db/a", "db/a"}));
@@ -180,14 +183,14 @@ TEST_F(VconfChangeTest, EachChangeComesOnceInOrderWithItsUserData) {
 
 TEST_F(VconfChangeTest, AWatchSeesValuesRemovalsAndResets) {
   const std::string long_text(5000, 'x');
-  EXPECT_EQ(vconf::Set("memory/kept", 1), std::nullopt);
-  EXPECT_EQ(vconf::Set("db/gone", 1), std::nullopt);
+  EXPECT_EQ(vconf::Set("memory/kept", 1).text(), "");
+  EXPECT_EQ(vconf::Set("db/gone", 1).text(), "");
   const auto watch = Collect("");
   ASSERT_NE(watch, nullptr);
-  EXPECT_EQ(vconf::Set("set/a", std::string("short")), std::nullopt);
-  EXPECT_EQ(vconf::Set("set/a", long_text), std::nullopt);
-  EXPECT_EQ(vconf::Remove("set/a"), std::nullopt);
-  EXPECT_EQ(vconf::Reset({{"memory/kept", 1}, {"memory/new", 2}, {"db/new", true}}), std::nullopt);
+  EXPECT_EQ(vconf::Set("set/a", std::string("short")).text(), "");
+  EXPECT_EQ(vconf::Set("set/a", long_text).text(), "");
+  EXPECT_EQ(vconf::Remove("set/a").text(), "");
+  EXPECT_EQ(vconf::Reset({{"memory/kept", 1}, {"memory/new", 2}, {"db/new", true}}).text(), "");
   vconf::Settle();
   using Seen = std::pair<std::string, std::optional<vconf::Value>>;
   std::vector<Seen> seen;
@@ -205,7 +208,7 @@ TEST_F(VconfChangeTest, AWatchSeesValuesRemovalsAndResets) {
                                      {"memory/new", 2},
                                      {"db/gone", std::nullopt},
                                      {"db/new", true}}));
-  EXPECT_EQ(vconf::List(""), (std::vector<Entry>{{"db/new", true}, {"memory/kept", 1}, {"memory/new", 2}}));
+  EXPECT_EQ(*vconf::List(""), (std::vector<Entry>{{"db/new", true}, {"memory/kept", 1}, {"memory/new", 2}}));
 }
 
 TEST_F(VconfChangeTest, ACallbackMayCallAnythingAndEndItself) {
@@ -230,7 +233,7 @@ TEST_F(VconfChangeTest, ACallbackMayCallAnythingAndEndItself) {
   EXPECT_EQ(vconf::SubscriptionCount(), 0U);
   std::unique_ptr<vconf::Watch> watch;
   std::promise<void> ended;
-  watch = vconf::WatchPrefix("memory/", [&](const Change&) {
+  watch = *vconf::WatchPrefix("memory/", [&](const Change&) {
     watch.reset();
     ended.set_value();
   });
@@ -279,8 +282,8 @@ TEST_F(VconfChangeTest, WhoFallsBehindTheJournalIsToldOnceOfEachKey) {
   for (int i = 0; i < 33'000; ++i) {
     many.push_back({"memory/many" + std::to_string(i), i});
   }
-  ASSERT_EQ(vconf::Reset(many), std::nullopt);
-  ASSERT_EQ(vconf::Reset({{"memory/last", 1}}), std::nullopt);
+  ASSERT_EQ(vconf::Reset(many).text(), "");
+  ASSERT_EQ(vconf::Reset({{"memory/last", 1}}).text(), "");
   ASSERT_GE(vconf_notify_key_changed("memory/a", CountCall, &late), 0);
   slow.go_on.count_down();
   vconf::Settle();
@@ -335,7 +338,7 @@ TEST_F(VconfChangeTest, NothingIsLeftBehind) {
   const auto threads = count("/proc/self/task");
   std::unique_ptr<vconf::Watch> outlives;
   for (int i = 0; i < 100; ++i) {
-    outlives = vconf::WatchPrefix("db/", [](const Change&) {});
+    outlives = *vconf::WatchPrefix("db/", [](const Change&) {});
     std::thread([] { vconf_set_int("db/a", GetInt("db/a", 0) + 1); }).join();
     Reopen();
   }
@@ -357,11 +360,11 @@ TEST_F(VconfChangeTest, NothingIsLeftBehind) {
 TEST_F(VconfChangeTest, FaultsAnswerInPlaceOfTheCall) {
   vconf_set_int("db/a", 1);
   vconf_set_int("db/b", 2);
-  EXPECT_EQ(vconf::SetFault({"vconf_get_int", "*", -3, 2}), std::nullopt);
-  EXPECT_EQ(vconf::SetFault({"vconf_get_int", "db/a", -4, 0}), std::nullopt);
-  EXPECT_EQ(vconf::SetFault({"vconf_set_int", "db/a", 5, 1}), std::nullopt);
-  EXPECT_EQ(vconf::ListFaults().size(), 3U);
-  EXPECT_EQ(vconf::List("").size(), 2U);
+  EXPECT_EQ(vconf::SetFault({"vconf_get_int", "*", -3, 2}).text(), "");
+  EXPECT_EQ(vconf::SetFault({"vconf_get_int", "db/a", -4, 0}).text(), "");
+  EXPECT_EQ(vconf::SetFault({"vconf_set_int", "db/a", 5, 1}).text(), "");
+  EXPECT_EQ(vconf::ListFaults()->size(), 3U);
+  EXPECT_EQ(vconf::List("")->size(), 2U);
 
   int value = 77;
   EXPECT_EQ(vconf_get_int("db/a", &value), -4);
@@ -369,8 +372,9 @@ TEST_F(VconfChangeTest, FaultsAnswerInPlaceOfTheCall) {
   EXPECT_EQ(vconf_set_int("db/a", 9), 5);
   EXPECT_EQ(value, 77);
   EXPECT_EQ(vconf_set_int("db/b", 3), 0);
-  EXPECT_EQ(vconf::ListFaults(), (std::vector<Fault>{{"vconf_get_int", "*", -3, 1}, {"vconf_get_int", "db/a", -4, 0}}));
-  EXPECT_EQ(vconf::ClearFault("vconf_get_int", "db/a"), std::nullopt);
+  EXPECT_EQ(*vconf::ListFaults(),
+            (std::vector<Fault>{{"vconf_get_int", "*", -3, 1}, {"vconf_get_int", "db/a", -4, 0}}));
+  EXPECT_EQ(vconf::ClearFault("vconf_get_int", "db/a").text(), "");
   EXPECT_EQ(vconf_get_int("db/a", &value), -3);
   EXPECT_EQ(GetInt("db/a", 77), 1);
   EXPECT_EQ(vconf::TakeFault("vconf_get_int", "db/a"), std::nullopt);
@@ -378,8 +382,8 @@ TEST_F(VconfChangeTest, FaultsAnswerInPlaceOfTheCall) {
 
 TEST_F(VconfChangeTest, AFaultLeavesSubscriptionsAsTheyAre) {
   std::atomic<int> calls{0};
-  ASSERT_EQ(vconf::SetFault({"vconf_notify_key_changed", "db/a", -1, 1}), std::nullopt);
-  ASSERT_EQ(vconf::SetFault({"vconf_ignore_key_changed", "db/a", -2, 0}), std::nullopt);
+  ASSERT_EQ(vconf::SetFault({"vconf_notify_key_changed", "db/a", -1, 1}).text(), "");
+  ASSERT_EQ(vconf::SetFault({"vconf_ignore_key_changed", "db/a", -2, 0}).text(), "");
   EXPECT_EQ(vconf_notify_key_changed("db/a", CountCall, &calls), -1);
   EXPECT_EQ(vconf::SubscriptionCount(), 0U);
   EXPECT_GE(vconf_notify_key_changed("db/a", CountCall, &calls), 0);
@@ -387,7 +391,7 @@ TEST_F(VconfChangeTest, AFaultLeavesSubscriptionsAsTheyAre) {
   vconf_set_int("db/a", 1);
   vconf::Settle();
   EXPECT_EQ(calls, 1);
-  EXPECT_EQ(vconf::ClearFaults(), std::nullopt);
+  EXPECT_EQ(vconf::ClearFaults().text(), "");
   EXPECT_GE(vconf_ignore_key_changed("db/a", CountCall), 0);
 }
 

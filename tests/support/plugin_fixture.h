@@ -56,10 +56,9 @@ class LogCapture {
 inline std::string Text(const pp::Var& var) { return desk::ToText(desk::ToJson(var)); }
 
 inline pp::Var Message(const std::string& json) {
-  auto parsed = desk::ParseJson(json);
-  const auto* value = std::get_if<desk::ParsedJson>(&parsed);
-  EXPECT_NE(value, nullptr) << json;
-  return value == nullptr ? pp::Var() : desk::ToVar(*value);
+  const auto parsed = desk::ParseJson(json);
+  EXPECT_TRUE(parsed.ok()) << json;
+  return parsed.ok() ? desk::ToVar(*parsed) : pp::Var();
 }
 
 /// The embedder that the plug-in asks, answering as the test says.
@@ -161,7 +160,7 @@ inline std::string Done(const std::string& value) { return Waited(0, value, "", 
 class PluginTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    ASSERT_EQ(vconf::OpenStore(folder_ / "store", desk::DefaultEntries()), std::nullopt);
+    ASSERT_EQ(vconf::OpenOrCreateStore(folder_ / "store", desk::DefaultEntries()).text(), "");
     TestEmbedder::Offer();
     std::string error;
     plugin_ = pp::browser::Plugin::Load(MIRADO_PLUGIN_PATH, &error);
@@ -178,7 +177,7 @@ class PluginTest : public ::testing::Test {
   }
 
   static void Fault(const std::string& call, const std::string& path, int answer) {
-    ASSERT_EQ(desk::AddFault({call, path, answer, 0}), std::nullopt);
+    ASSERT_EQ(desk::AddFault({call, path, answer, 0}).text(), "");
   }
 
   TemporaryFolder folder_;

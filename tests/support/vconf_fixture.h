@@ -48,7 +48,7 @@ class VconfTest : public testing::Test {
   }
 
   void Open(const std::vector<vconf::Entry>& initial = {}) {
-    ASSERT_EQ(vconf::OpenStore(directory(), initial), std::nullopt);
+    ASSERT_EQ(vconf::OpenOrCreateStore(directory(), initial).text(), "");
   }
   void Reopen() {
     vconf::CloseStore();

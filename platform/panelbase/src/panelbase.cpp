@@ -13,8 +13,8 @@ constexpr int kFailed = -1;
 
 std::optional<int> StoredPictureSize() {
   static const std::string path = panelbase::kPictureSizePath;
-  const std::optional<vconf::Value> stored = vconf::Get(path);
-  const int* size = stored ? std::get_if<int>(&*stored) : nullptr;
+  const vconf::Result<vconf::Value> stored = vconf::Get(path);
+  const int* size = stored.ok() ? std::get_if<int>(&*stored) : nullptr;
   return size != nullptr ? std::optional(*size) : std::nullopt;
 }
 

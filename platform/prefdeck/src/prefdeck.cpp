@@ -1,6 +1,5 @@
 #include "prefdeck.h"
 
-#include <optional>
 #include <sstream>
 #include <string>
 #include <utility>
@@ -13,8 +12,8 @@
 bool Prefdeck::GetItemDataList(std::string menu_id, std::vector<std::pair<std::string, std::string>>& items) {
   if (vconf::TakeFault("GetItemDataList", menu_id)) return false;
 
-  const std::optional<vconf::Value> list = vconf::Get(prefdeck::kListPrefix + menu_id);
-  const std::string* text = list ? std::get_if<std::string>(&*list) : nullptr;
+  const vconf::Result<vconf::Value> list = vconf::Get(prefdeck::kListPrefix + menu_id);
+  const std::string* text = list.ok() ? std::get_if<std::string>(&*list) : nullptr;
   if (text == nullptr) return false;
 
   items.clear();

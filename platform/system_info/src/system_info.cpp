@@ -1,6 +1,5 @@
 #include "system_info.h"
 
-#include <optional>
 #include <string>
 #include <variant>
 
@@ -12,8 +11,8 @@ int system_info_get_custom_bool(const char* key, bool* value) {
   if (key == nullptr || value == nullptr) return kFailed;
   if (const auto fault = vconf::TakeFault("system_info_get_custom_bool", key)) return *fault;
 
-  const std::optional<vconf::Value> feature = vconf::Get(std::string(system_info::kFeaturePrefix) + key);
-  const bool* answer = feature ? std::get_if<bool>(&*feature) : nullptr;
+  const vconf::Result<vconf::Value> feature = vconf::Get(std::string(system_info::kFeaturePrefix) + key);
+  const bool* answer = feature.ok() ? std::get_if<bool>(&*feature) : nullptr;
   if (answer == nullptr) return kFailed;
   *value = *answer;
   return 0;

@@ -9,12 +9,14 @@
 #include <variant>
 #include <vector>
 
+#include "result.h"
+
 /// The side of the store that a runtime, a shell or a test steers: which store this process uses, values of every type
 /// and prefix, changes of whole prefixes, and faults.
 ///
 /// Beside `db/` and `memory/` the store holds the rest of the simulated set under `set/` (kept on disk), which the
 /// `vconf_*` functions do not serve. A path is at most 511 bytes long, a text 65,536 bytes. Every function may be
-/// called on any thread; failures come as text for a person that names the file or the path and the cause.
+/// called on any thread. A failure comes as a code for programs and a text for people that names the file or the path.
 namespace vconf {
 
 using Value = std::variant<int, bool, std::string>;
@@ -33,47 +35,52 @@ struct Change {
   std::optional<Value> value;
 };
 
-/// An error in words, or nothing.
-using Error = std::optional<std::string>;
-
-/// Opens the store in `directory` for this process. A directory that does not exist yet is made with `initial` in one
-/// step, so that no other process sees half of it; a store that exists is never filled, emptied or replaced. On
-/// failure every later call fails by value and this process has no store. One store for a process at a time.
+/// Opens the store in `directory` for this process. It must exist and hold one: `kMissing` otherwise, also for an empty
+/// folder. On failure every later call fails by value and this process has no store. One store for a process at a time.
 ///
 /// `memory/` lies under /dev/shm, or the folder that the environment variable MIRADO_MEMORY_ROOT names. Where there is
 /// none, `memory/` alone fails. A store that this process may only read is opened for reading, and so is one whose lock
 /// file a full disk has no room for.
-Error OpenStore(const std::string& directory, const std::vector<Entry>& initial = {});
+Status OpenStore(const std::string& directory);
+
+/// The same, but a folder that does not exist yet, or is empty, becomes a new store that holds `initial`. That is one
+/// step, so that no other process sees half of it. A store that exists is never filled, emptied or replaced, and a
+/// folder that holds anything else is refused and left alone.
+Status OpenOrCreateStore(const std::string& directory, const std::vector<Entry>& initial);
 
 /// Ends all subscriptions and closes the store. No call may be running on another thread. Not on the notification
 /// thread.
 void CloseStore();
 
-/// Nothing for a missing key or a store that cannot be read.
-std::optional<Value> Get(const std::string& path);
+/// Moves the files of the store in `directory`, damaged or not, to a new folder beside it and returns its name; deletes
+/// nothing. Then a new store with `initial` is made in `directory`. Works whether or not this process has that store
+/// open. A process that has the old one open stays with it until it opens the store again.
+Result<std::string> ReplaceStore(const std::string& directory, const std::vector<Entry>& initial);
+
+/// `kMissing` for a key that is not there.
+Result<Value> Get(const std::string& path);
 
 /// A key keeps its type: another type is an error, and so is a path with another prefix. What `db/` and `set/` gain is
 /// durable when the call returns.
-Error Set(const std::string& path, const Value& value);
-Error Remove(const std::string& path);
+Status Set(const std::string& path, const Value& value);
+Status Remove(const std::string& path);
 
 /// Removes every key of the store and writes `entries`: first those in memory, in one step, then those on disk, in
 /// another, which may fail alone. A change for each key that differs. Faults stay.
-Error Reset(const std::vector<Entry>& entries);
+Status Reset(const std::vector<Entry>& entries);
 
-/// All keys that begin with `prefix`, in the order of their bytes. Faults are not among them.
-std::vector<Entry> List(const std::string& prefix);
+/// All keys that begin with `prefix`, in the order of their bytes; a failure when not all of them could be read. Faults
+/// are not among them.
+Result<std::vector<Entry>> List(const std::string& prefix);
 
 /// Calls `on_change` on the notification thread for each change of a path that begins with `prefix`, until the result
 /// is destroyed; the destructor returns when no call is running any more, except on the notification thread itself.
-/// Who falls behind by more than 65,536 changes gets one call for each key under `prefix` instead. Null and a text in
-/// `error` on failure.
+/// Who falls behind by more than 65,536 changes gets one call for each key under `prefix` instead.
 class Watch {
  public:
   virtual ~Watch() = default;
 };
-std::unique_ptr<Watch> WatchPrefix(const std::string& prefix, std::function<void(const Change&)> on_change,
-                                   std::string* error = nullptr);
+Result<std::unique_ptr<Watch>> WatchPrefix(const std::string& prefix, std::function<void(const Change&)> on_change);
 
 /// Returns when all callbacks and watches of this process have been given every change made, by whatever process,
 /// before the call. Not on the notification thread.
@@ -94,10 +101,10 @@ struct Fault {
   unsigned times = 0;
   bool operator==(const Fault&) const = default;
 };
-Error SetFault(const Fault& fault);  ///< in place of an earlier fault for the same call and path
-Error ClearFault(const std::string& call, const std::string& path);  ///< no error when there is none
-Error ClearFaults();
-std::vector<Fault> ListFaults();
+Status SetFault(const Fault& fault);  ///< in place of an earlier fault for the same call and path
+Status ClearFault(const std::string& call, const std::string& path);  ///< no error when there is none
+Status ClearFaults();
+Result<std::vector<Fault>> ListFaults();  ///< all, or a failure
 
 /// The answer that a fault gives to this call now, and one use of it taken; nothing when there is none.
 std::optional<int> TakeFault(std::string_view call, std::string_view path);

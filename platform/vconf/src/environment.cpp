@@ -19,7 +19,7 @@
 
 namespace vconf {
 
-const Status kNoKey = MDB_NOTFOUND;
+const Cause kNoKey = MDB_NOTFOUND;
 
 namespace {
 
@@ -47,8 +47,8 @@ std::uint64_t NextId() {
 MDB_val ToVal(std::string_view bytes) { return {bytes.size(), const_cast<char*>(bytes.data())}; }
 
 template <typename Step>
-Status Guarded(Step&& step) {
-  Status status = kOk;
+Cause Guarded(Step&& step) {
+  Cause status = kOk;
   return Guard::Run([&] { status = step(); }) ? status : kDamaged;
 }
 
@@ -74,9 +74,9 @@ void CheckReaders(MDB_env* env) {
 
 void OnAssertion(MDB_env* /*env*/, const char* /*message*/) { Guard::Leave(); }
 
-Status SyncDirectory(const std::string& directory) {
+Cause SyncDirectory(const std::string& directory) {
   const int fd = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  const Status status = fd >= 0 && fsync(fd) == 0 ? kOk : errno;
+  const Cause status = fd >= 0 && fsync(fd) == 0 ? kOk : errno;
   if (fd >= 0) {
     close(fd);
   }
@@ -85,7 +85,7 @@ Status SyncDirectory(const std::string& directory) {
 
 // Takes all room for LMDB's table of readers: LMDB leaves the file sparse, and a page of it that a full disk cannot
 // give would be missed where a lock is held. Only before LMDB has the file open, since a `close` ends its locks on it.
-Status ReserveLock(const std::string& file) {
+Cause ReserveLock(const std::string& file) {
   constexpr off_t kSize = (kMaxReaders + 2) * off_t{64};  // a cache line for each, and for each of two locks
   const int fd = open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kFileMode);
   if (fd < 0) {
@@ -98,8 +98,8 @@ Status ReserveLock(const std::string& file) {
 
 }  // namespace
 
-std::string StatusText(Status status) {
-  switch (status) {
+std::string CauseText(Cause cause) {
+  switch (cause) {
     case kBadPath:
       return "is no path of the store";
     case kBadValue:
@@ -131,8 +131,54 @@ std::string StatusText(Status status) {
     case MDB_MAP_FULL:
       return "is full";
     default:
-      return status > 0 ? std::generic_category().message(status) : mdb_strerror(status);
+      return cause > 0 ? std::generic_category().message(cause) : mdb_strerror(cause);
   }
+}
+
+Code CodeOf(Cause cause) {
+  switch (cause) {
+    case kOk:
+      return Code::kOk;
+    case kBadPath:
+      return Code::kBadName;
+    case kBadValue:
+      return Code::kBadValue;
+    case kOtherType:
+      return Code::kWrongType;
+    case kReadOnly:
+    case EROFS:
+      return Code::kReadOnly;
+    case kGone:
+      return Code::kRemoved;
+    case kDamaged:
+    case MDB_CORRUPTED:
+    case MDB_PAGE_NOTFOUND:
+    case MDB_PANIC:
+    case MDB_INVALID:
+    case MDB_VERSION_MISMATCH:
+    case MDB_BAD_TXN:
+    case MDB_CURSOR_FULL:
+    case MDB_MAP_RESIZED:
+      return Code::kDamaged;
+    case MDB_NOTFOUND:
+    case ENOENT:
+      return Code::kMissing;
+    case MDB_MAP_FULL:
+    case ENOSPC:
+    case EDQUOT:
+      return Code::kFull;
+    case MDB_READERS_FULL:
+      return Code::kBusy;
+    case EACCES:
+    case EPERM:
+      return Code::kNotPermitted;
+    default:
+      return Code::kFailed;
+  }
+}
+
+Status ToStatus(Cause cause, const std::string& about) {
+  return cause == kOk ? Status() : Status(CodeOf(cause), about + ": " + CauseText(cause));
 }
 
 // ---- the readers of one thread
@@ -185,7 +231,7 @@ Environment::~Environment() {
   }
 }
 
-Status Environment::Create(const std::string& directory, Kind kind, const Records& records) {
+Cause Environment::Create(const std::string& directory, Kind kind, const Records& records) {
   std::error_code failed;
   auto target = std::filesystem::absolute(directory, failed);
   if (!failed) {
@@ -206,28 +252,28 @@ Status Environment::Create(const std::string& directory, Kind kind, const Record
   }
   const auto build = [&] {
     Environment environment(building, kind);
-    if (const Status status = environment.OpenFiles(0); status != kOk) {
+    if (const Cause status = environment.OpenFiles(0); status != kOk) {
       return status;
     }
     WriteTransaction write(environment);
     for (const auto& [key, bytes] : records) {
-      if (const Status status = write.Put(key, bytes); status != kOk) {
+      if (const Cause status = write.Put(key, bytes); status != kOk) {
         return status;
       }
     }
-    if (const Status status = write.Commit(); status != kOk) {
+    if (const Cause status = write.Commit(); status != kOk) {
       return status;
     }
     if (kind == Kind::kMemory) {
       return kOk;
     }
-    const Status status = environment.Sync();
+    const Cause status = environment.Sync();
     return status == kOk ? SyncDirectory(building) : status;
   };
-  Status status = build();
-  // Fails when another process was faster, whatever stands there now.
-  if (status == kOk && renameat2(AT_FDCWD, building.c_str(), AT_FDCWD, target.c_str(), RENAME_NOREPLACE) != 0) {
-    status = errno;
+  Cause status = build();
+  // Fails when another process was faster, and when anything but an empty folder stands there.
+  if (status == kOk && rename(building.c_str(), target.c_str()) != 0) {
+    status = errno == ENOTEMPTY ? EEXIST : errno;
   }
   if (status == kOk) {
     return kind == Kind::kDisk ? SyncDirectory(target.parent_path()) : kOk;
@@ -236,7 +282,7 @@ Status Environment::Create(const std::string& directory, Kind kind, const Record
   return status;
 }
 
-Status Environment::Open(const std::string& directory, Kind kind, std::unique_ptr<Environment>* environment) {
+Cause Environment::Open(const std::string& directory, Kind kind, std::unique_ptr<Environment>* environment) {
   const auto attempt = [&](unsigned flags) {
     std::unique_ptr<Environment> opened(new Environment(directory, kind));
     // LMDB takes an empty file for a new environment and fills it; a store must not begin anew by itself.
@@ -247,7 +293,7 @@ Status Environment::Open(const std::string& directory, Kind kind, std::unique_pt
     if (file.st_size == 0) {
       return kDamaged;
     }
-    Status status = opened->OpenFiles(flags);
+    Cause status = opened->OpenFiles(flags);
     if (status == kOk) {
       status = opened->CheckWhole();
     }
@@ -256,7 +302,7 @@ Status Environment::Open(const std::string& directory, Kind kind, std::unique_pt
     }
     return status;
   };
-  Status status = attempt(0);
+  Cause status = attempt(0);
   if (status == EACCES || status == EROFS || status == EPERM || status == ENOSPC) {
     // Without a place in the table of readers a view may be torn by a writer; the checksums tell.
     status = attempt(MDB_RDONLY | MDB_NOLOCK);
@@ -264,16 +310,16 @@ Status Environment::Open(const std::string& directory, Kind kind, std::unique_pt
   return status;
 }
 
-Status Environment::OpenFiles(unsigned flags) {
+Cause Environment::OpenFiles(unsigned flags) {
   read_only_ = (flags & MDB_RDONLY) != 0;
-  if (const Status status = mdb_env_create(&env_); status != kOk) {
+  if (const Cause status = mdb_env_create(&env_); status != kOk) {
     return status;
   }
   mdb_env_set_mapsize(env_, kMapSize);
   mdb_env_set_maxreaders(env_, kMaxReaders);
   mdb_env_set_assert(env_, OnAssertion);
   flags |= MDB_NOTLS | MDB_NORDAHEAD | (kind_ == Kind::kDisk ? MDB_NOMETASYNC : MDB_NOSYNC);
-  Status status = read_only_ ? kOk : ReserveLock(directory_ + "/lock.mdb");
+  Cause status = read_only_ ? kOk : ReserveLock(directory_ + "/lock.mdb");
   if (status != kOk) {
     return status;
   }
@@ -295,7 +341,7 @@ Status Environment::OpenFiles(unsigned flags) {
   CheckReaders(env_);
   status = Guarded([&] {
     MDB_txn* txn = nullptr;
-    Status begun = mdb_txn_begin(env_, nullptr, MDB_RDONLY, &txn);
+    Cause begun = mdb_txn_begin(env_, nullptr, MDB_RDONLY, &txn);
     if (begun == kOk) {
       begun = mdb_dbi_open(txn, nullptr, 0, &tree_);
       mdb_txn_abort(txn);
@@ -310,11 +356,11 @@ Status Environment::OpenFiles(unsigned flags) {
   return status;
 }
 
-Status Environment::Sync() {
+Cause Environment::Sync() {
   return read_only_ ? kReadOnly : NoteWrite(Guarded([this] { return mdb_env_sync(env_, 1); }));
 }
 
-Status Environment::FileSize(std::size_t* size) const {
+Cause Environment::FileSize(std::size_t* size) const {
   mdb_filehandle_t fd = -1;
   struct stat file = {};
   if (mdb_env_get_fd(env_, &fd) != kOk || fstat(fd, &file) != 0) {
@@ -340,9 +386,9 @@ void Environment::SeeLastCommit() {
 
 // A file that ends before its last page may still hold all pages that are in use; else it was cut short. What a view
 // sees is not written to, but its head is, by the second change that others make meanwhile; then another view is taken.
-Status Environment::CheckWhole() {
+Cause Environment::CheckWhole() {
   constexpr int kAttempts = 5;
-  Status status = kDamaged;
+  Cause status = kDamaged;
   for (int i = 0; i < kAttempts && status == kDamaged; ++i) {
     const ReadTransaction view(*this);
     std::size_t size = 0;
@@ -357,11 +403,11 @@ Status Environment::CheckWhole() {
   return status;
 }
 
-Status Environment::Note(std::atomic<Status>& last, Status status) {
+Cause Environment::Note(std::atomic<Cause>& last, Cause status) {
   const bool of_the_file =
       status > 0 || status == kDamaged || status == kGone || (status < kFormat && status != kNoKey);
   if (of_the_file && last.exchange(status) != status) {
-    __dlog_print(2, 6, "VCONF", "%s: %s", file_.c_str(), StatusText(status).c_str());
+    __dlog_print(2, 6, "VCONF", "%s: %s", file_.c_str(), CauseText(status).c_str());
   }
   if (status == MDB_MAP_FULL || status == ENOSPC) {
     CheckReaders(env_);  // one that was killed may hold old pages
@@ -369,10 +415,10 @@ Status Environment::Note(std::atomic<Status>& last, Status status) {
   return status;
 }
 
-Status Environment::BeginRead(MDB_txn** reader) {
+Cause Environment::BeginRead(MDB_txn** reader) {
   auto& mine = ThreadReaders::readers[static_cast<std::size_t>(kind_)];
   if (mine.environment != id_) {
-    const Status status = MakeReader(&mine.txn);
+    const Cause status = MakeReader(&mine.txn);
     if (status != kOk) {
       return status;
     }
@@ -382,14 +428,14 @@ Status Environment::BeginRead(MDB_txn** reader) {
     return kOk;
   }
   *reader = mine.txn;
-  const Status status = Guarded([&] { return mdb_txn_renew(mine.txn); });
+  const Cause status = Guarded([&] { return mdb_txn_renew(mine.txn); });
   if (status != kOk) {
     Quietly([&] { mdb_txn_reset(mine.txn); });
   }
   return status;
 }
 
-Status Environment::MakeReader(MDB_txn** reader) {
+Cause Environment::MakeReader(MDB_txn** reader) {
   // LMDB would lose the reader that it is about to make where the file or the table of readers was cut short.
   const auto begin = [&] {
     struct stat lock = {};
@@ -401,7 +447,7 @@ Status Environment::MakeReader(MDB_txn** reader) {
       return mdb_txn_begin(env_, nullptr, MDB_RDONLY, reader);
     });
   };
-  Status status = begin();
+  Cause status = begin();
   if (status == MDB_READERS_FULL) {
     CheckReaders(env_);
     status = begin();
@@ -414,12 +460,12 @@ Status Environment::MakeReader(MDB_txn** reader) {
 }
 
 // What is usual takes one guarded step; the rest, and to tell what is wrong, is left to a transaction.
-Status Environment::Get(std::string_view key, RecordBuffer* record, State* state) {
+Cause Environment::Get(std::string_view key, RecordBuffer* record, State* state) {
   const auto& mine = ThreadReaders::readers[static_cast<std::size_t>(kind_)];
   if (mine.environment == id_) {
     MDB_val value = {};
-    const Status status = Guarded([&] {
-      Status found = mdb_txn_renew(mine.txn);
+    const Cause status = Guarded([&] {
+      Cause found = mdb_txn_renew(mine.txn);
       if (found == kOk) {
         *state = {.environment = id_, .number = mdb_txn_id(mine.txn)};
         found = Transaction::Find(mine.txn, tree_, key, &value, record);
@@ -436,7 +482,7 @@ Status Environment::Get(std::string_view key, RecordBuffer* record, State* state
     }
   }
   ReadTransaction view(*this);
-  const Status status = view.Get(key, record);
+  const Cause status = view.Get(key, record);
   if (status == kOk) {
     *state = {.environment = id_, .number = view.number()};
   }
@@ -460,26 +506,26 @@ void Environment::DropReader(MDB_txn* reader) {
 
 // ---- Transaction
 
-Status Transaction::Find(MDB_txn* txn, MDB_dbi tree, std::string_view key, MDB_val* value, RecordBuffer* record) {
+Cause Transaction::Find(MDB_txn* txn, MDB_dbi tree, std::string_view key, MDB_val* value, RecordBuffer* record) {
   MDB_val wanted = ToVal(key);
-  const Status status = mdb_get(txn, tree, &wanted, value);
+  const Cause status = mdb_get(txn, tree, &wanted, value);
   if (status == kOk && value->mv_size <= record->small_.size()) {
     std::memcpy(record->small_.data(), value->mv_data, value->mv_size);
   }
   return status;
 }
 
-Status Transaction::Get(std::string_view key, RecordBuffer* record) {
+Cause Transaction::Get(std::string_view key, RecordBuffer* record) {
   if (status_ != kOk) {
     return status_;
   }
   MDB_val value = {};
-  const Status status = Guarded([&] { return Find(txn_, environment_.tree_, key, &value, record); });
+  const Cause status = Guarded([&] { return Find(txn_, environment_.tree_, key, &value, record); });
   return environment_.NoteRead(status == kOk ? Finish(value, record) : status);
 }
 
 // What was too long for the buffer is copied in a second step, since memory cannot be had inside of a guarded one.
-Status Transaction::Finish(const MDB_val& value, RecordBuffer* record) {
+Cause Transaction::Finish(const MDB_val& value, RecordBuffer* record) {
   if (value.mv_size > record::kMaxSize) {
     return kDamaged;
   }
@@ -494,13 +540,13 @@ Status Transaction::Finish(const MDB_val& value, RecordBuffer* record) {
   });
 }
 
-Status Transaction::ForEach(std::string_view prefix,
-                            const std::function<void(std::string_view, std::string_view)>& visit) {
+Cause Transaction::ForEach(std::string_view prefix,
+                           const std::function<void(std::string_view, std::string_view)>& visit) {
   if (status_ != kOk) {
     return status_;
   }
   MDB_cursor* opened = nullptr;
-  if (const Status status = mdb_cursor_open(txn_, environment_.tree_, &opened); status != kOk) {
+  if (const Cause status = mdb_cursor_open(txn_, environment_.tree_, &opened); status != kOk) {
     return status;
   }
   const std::unique_ptr<MDB_cursor, decltype(&mdb_cursor_close)> cursor(opened, mdb_cursor_close);
@@ -510,8 +556,8 @@ Status Transaction::ForEach(std::string_view prefix,
   MDB_val key = ToVal(prefix);
   for (MDB_cursor_op move = MDB_SET_RANGE;; move = MDB_NEXT) {
     MDB_val value = {};
-    Status status = Guarded([&] {
-      const Status moved = mdb_cursor_get(cursor.get(), &key, &value, move);
+    Cause status = Guarded([&] {
+      const Cause moved = mdb_cursor_get(cursor.get(), &key, &value, move);
       if (moved != kOk) {
         return moved;
       }
@@ -580,11 +626,11 @@ void WriteTransaction::Drop() {
 }
 
 template <typename Step>
-Status WriteTransaction::Run(Step&& step) {
+Cause WriteTransaction::Run(Step&& step) {
   if (environment_.write_broken_.load(std::memory_order_relaxed)) {
     return kDamaged;
   }
-  const Status status = Guarded(step);
+  const Cause status = Guarded(step);
   if (status == kDamaged) {
     // LMDB was left in the middle of a change to its own state, which nothing may build on.
     environment_.write_broken_.store(true, std::memory_order_relaxed);
@@ -593,17 +639,17 @@ Status WriteTransaction::Run(Step&& step) {
 }
 
 // Nothing is written to pages that are not sound. Who only wants the lock pays nothing for it.
-Status WriteTransaction::CheckBeforeChange(std::string_view key) {
+Cause WriteTransaction::CheckBeforeChange(std::string_view key) {
   if (status_ != kOk) {
     return status_;
   }
   Pages& pages = *environment_.pages_;
   if (!head_checked_) {
     std::size_t size = 0;
-    if (const Status status = environment_.FileSize(&size); status != kOk) {
+    if (const Cause status = environment_.FileSize(&size); status != kOk) {
       return status;
     }
-    const Status status = Guarded([&] { return pages.Begin(size, number() - 1) ? kOk : kDamaged; });
+    const Cause status = Guarded([&] { return pages.Begin(size, number() - 1) ? kOk : kDamaged; });
     if (status != kOk) {
       return status;
     }
@@ -613,15 +659,14 @@ Status WriteTransaction::CheckBeforeChange(std::string_view key) {
 }
 
 // What is left of a page may be joined with the pages beside it.
-Status WriteTransaction::CheckBeforeDelete() {
-  const Status status =
-      Guarded([this] { return tree_checked_ || environment_.pages_->TreeIsSound() ? kOk : kDamaged; });
+Cause WriteTransaction::CheckBeforeDelete() {
+  const Cause status = Guarded([this] { return tree_checked_ || environment_.pages_->TreeIsSound() ? kOk : kDamaged; });
   tree_checked_ = status == kOk;
   return status;
 }
 
-Status WriteTransaction::Put(std::string_view key, std::string_view bytes, bool last) {
-  Status status = CheckBeforeChange(key);
+Cause WriteTransaction::Put(std::string_view key, std::string_view bytes, bool last) {
+  Cause status = CheckBeforeChange(key);
   if (status == kOk) {
     status = Run([&] {
       MDB_val at = ToVal(key);
@@ -632,8 +677,8 @@ Status WriteTransaction::Put(std::string_view key, std::string_view bytes, bool 
   return environment_.NoteWrite(status);
 }
 
-Status WriteTransaction::Delete(std::string_view key) {
-  Status status = CheckBeforeChange(key);
+Cause WriteTransaction::Delete(std::string_view key) {
+  Cause status = CheckBeforeChange(key);
   if (status == kOk) {
     status = CheckBeforeDelete();
   }
@@ -646,11 +691,11 @@ Status WriteTransaction::Delete(std::string_view key) {
   return environment_.NoteWrite(status);
 }
 
-Status WriteTransaction::Commit() {
+Cause WriteTransaction::Commit() {
   if (status_ != kOk) {
     return status_;
   }
-  const Status status = Run([this] { return mdb_txn_commit(txn_); });
+  const Cause status = Run([this] { return mdb_txn_commit(txn_); });
   if (status != kDamaged) {
     txn_ = nullptr;  // committed or dropped by LMDB
   }

@@ -12,9 +12,9 @@
 #include <utility>
 #include <vector>
 
+#include "cause.h"
 #include "pages.h"
 #include "record.h"
-#include "status.h"
 
 namespace vconf {
 
@@ -38,10 +38,10 @@ class Environment {
   };
 
   /// Makes `directory` with an environment that holds `records`, in one step and durably. EEXIST when it is there.
-  static Status Create(const std::string& directory, Kind kind, const Records& records);
+  static Cause Create(const std::string& directory, Kind kind, const Records& records);
 
   /// Opens what `Create` made; read-only where this process may not write. One environment of a kind at a time.
-  static Status Open(const std::string& directory, Kind kind, std::unique_ptr<Environment>* environment);
+  static Cause Open(const std::string& directory, Kind kind, std::unique_ptr<Environment>* environment);
 
   Environment(const Environment&) = delete;
   Environment& operator=(const Environment&) = delete;
@@ -51,7 +51,7 @@ class Environment {
 
   /// One record as it stands now, as a `ReadTransaction` for it alone would give it. Not within one of this thread.
   /// `state` is what it was read from; only when it goes well.
-  Status Get(std::string_view key, RecordBuffer* record, State* state);
+  Cause Get(std::string_view key, RecordBuffer* record, State* state);
 
   /// The state that a reader would see now, for little more than a look at two words. Empty when it cannot be told.
   State LastState() const;
@@ -61,11 +61,11 @@ class Environment {
   void SeeLastCommit();
 
   /// Makes all commits durable.
-  Status Sync();
+  Cause Sync();
 
   /// Logs a failure that has to do with the file, once for each cause in a row, and hands the status on.
-  Status NoteRead(Status status) { return Note(last_read_, status); }
-  Status NoteWrite(Status status) { return Note(last_write_, status); }
+  Cause NoteRead(Cause status) { return Note(last_read_, status); }
+  Cause NoteWrite(Cause status) { return Note(last_write_, status); }
 
   static std::string FileIn(const std::string& directory) { return directory + "/data.mdb"; }
 
@@ -77,14 +77,14 @@ class Environment {
 
   Environment(std::string directory, Kind kind);
 
-  Status OpenFiles(unsigned flags);
-  Status FileSize(std::size_t* size) const;
-  Status CheckWhole();
-  Status Note(std::atomic<Status>& last, Status status);
+  Cause OpenFiles(unsigned flags);
+  Cause FileSize(std::size_t* size) const;
+  Cause CheckWhole();
+  Cause Note(std::atomic<Cause>& last, Cause status);
 
   // A reader stays with its thread, so that beginning to read is no system call.
-  Status BeginRead(MDB_txn** reader);
-  Status MakeReader(MDB_txn** reader);
+  Cause BeginRead(MDB_txn** reader);
+  Cause MakeReader(MDB_txn** reader);
   void DropReader(MDB_txn* reader);
 
   const std::string directory_;
@@ -96,8 +96,8 @@ class Environment {
   std::unique_ptr<Pages> pages_;  // guarded by the lock of the writer
   bool read_only_ = false;
   std::atomic<bool> write_broken_{false};
-  std::atomic<Status> last_read_{kOk};
-  std::atomic<Status> last_write_{kOk};
+  std::atomic<Cause> last_read_{kOk};
+  std::atomic<Cause> last_write_{kOk};
   std::vector<MDB_txn*> readers_;  // guarded by the registry's mutex
 };
 
@@ -121,17 +121,17 @@ class Transaction {
   Transaction& operator=(const Transaction&) = delete;
 
   /// How it began; after a failure every call fails with the same status.
-  Status status() const { return status_; }
+  Cause status() const { return status_; }
 
   /// Which state of the environment it sees; a writer's is the one that its commit makes. Only while it goes well.
   std::uint64_t number() const { return mdb_txn_id(txn_); }
 
   /// `kNoKey` when there is no such record.
-  Status Get(std::string_view key, RecordBuffer* record);
+  Cause Get(std::string_view key, RecordBuffer* record);
 
   /// Visits the records whose keys begin with `prefix`, which is not empty, in the order of their bytes. `visit` must
   /// not write.
-  Status ForEach(std::string_view prefix, const std::function<void(std::string_view, std::string_view)>& visit);
+  Cause ForEach(std::string_view prefix, const std::function<void(std::string_view, std::string_view)>& visit);
 
  protected:
   explicit Transaction(Environment& environment) : environment_(environment) {}
@@ -139,12 +139,12 @@ class Transaction {
 
   Environment& environment_;
   MDB_txn* txn_ = nullptr;
-  Status status_ = kOk;
+  Cause status_ = kOk;
 
  private:
   friend class Environment;
-  static Status Find(MDB_txn* txn, MDB_dbi tree, std::string_view key, MDB_val* value, RecordBuffer* record);
-  Status Finish(const MDB_val& value, RecordBuffer* record);
+  static Cause Find(MDB_txn* txn, MDB_dbi tree, std::string_view key, MDB_val* value, RecordBuffer* record);
+  Cause Finish(const MDB_val& value, RecordBuffer* record);
 };
 
 /// One view of the environment as it was at the beginning. Not nested in another one of the same thread.
@@ -161,17 +161,17 @@ class WriteTransaction : public Transaction {
   ~WriteTransaction();
 
   /// `last` says that no key in the tree is higher, which packs the pages.
-  Status Put(std::string_view key, std::string_view bytes, bool last = false);
-  Status Delete(std::string_view key);
+  Cause Put(std::string_view key, std::string_view bytes, bool last = false);
+  Cause Delete(std::string_view key);
 
   /// Makes everything visible at once, or nothing.
-  Status Commit();
+  Cause Commit();
 
  private:
   template <typename Step>
-  Status Run(Step&& step);
-  Status CheckBeforeChange(std::string_view key);
-  Status CheckBeforeDelete();
+  Cause Run(Step&& step);
+  Cause CheckBeforeChange(std::string_view key);
+  Cause CheckBeforeDelete();
   void Drop();
 
   bool head_checked_ = false;

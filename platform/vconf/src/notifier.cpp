@@ -63,10 +63,10 @@ Notifier::~Notifier() {
   AwaitEnd(lock, ended);
 }
 
-Status Notifier::Subscribe(const std::string& path, vconf_callback_fn callback, void* user_data) {
+Cause Notifier::Subscribe(const std::string& path, vconf_callback_fn callback, void* user_data) {
   std::unique_lock lock(mutex_);
   std::uint64_t since = 0;
-  const Status status = Start(lock, &since);
+  const Cause status = Start(lock, &since);
   if (status == kOk) {
     by_path_[path].push_back(std::make_shared<Listener>(Listener{path, since, callback, user_data, {}}));
     ++subscriptions_;
@@ -74,10 +74,10 @@ Status Notifier::Subscribe(const std::string& path, vconf_callback_fn callback, 
   return status;
 }
 
-Status Notifier::Watch(const std::string& prefix, std::function<void(const Change&)> on_change, ListenerPtr* watch) {
+Cause Notifier::Watch(const std::string& prefix, std::function<void(const Change&)> on_change, ListenerPtr* watch) {
   std::unique_lock lock(mutex_);
   std::uint64_t since = 0;
-  const Status status = Start(lock, &since);
+  const Cause status = Start(lock, &since);
   if (status == kOk) {
     *watch = std::make_shared<Listener>(Listener{prefix, since, nullptr, nullptr, std::move(on_change)});
     watches_.push_back(*watch);
@@ -86,9 +86,9 @@ Status Notifier::Watch(const std::string& prefix, std::function<void(const Chang
 }
 
 // Starts the thread when there is none. It looks at the listeners only after the lock is free again.
-Status Notifier::Start(std::unique_lock<std::mutex>& /*lock*/, std::uint64_t* since) {
+Cause Notifier::Start(std::unique_lock<std::mutex>& /*lock*/, std::uint64_t* since) {
   // Read under the lock: what is handed out from now on is checked against it.
-  if (const Status status = store_.LastSequence(since); status != kOk || alive_) {
+  if (const Cause status = store_.LastSequence(since); status != kOk || alive_) {
     return status;
   }
   if (thread_.joinable()) {

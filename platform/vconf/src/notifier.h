@@ -10,7 +10,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "status.h"
+#include "cause.h"
 #include "store.h"
 #include "vconf.h"
 
@@ -30,12 +30,12 @@ class Notifier {
   Notifier& operator=(const Notifier&) = delete;
   ~Notifier();
 
-  Status Subscribe(const std::string& path, vconf_callback_fn callback, void* user_data);
+  Cause Subscribe(const std::string& path, vconf_callback_fn callback, void* user_data);
 
   /// Ends all subscriptions of the pair, if there are any.
   void Ignore(const std::string& path, vconf_callback_fn callback);
 
-  Status Watch(const std::string& prefix, std::function<void(const Change&)> on_change, ListenerPtr* watch);
+  Cause Watch(const std::string& prefix, std::function<void(const Change&)> on_change, ListenerPtr* watch);
   void EndWatch(const ListenerPtr& watch);
 
   /// Returns when every change made before the call has been handed out.
@@ -44,7 +44,7 @@ class Notifier {
   std::size_t subscriptions() const;
 
  private:
-  Status Start(std::unique_lock<std::mutex>& lock, std::uint64_t* since);
+  Cause Start(std::unique_lock<std::mutex>& lock, std::uint64_t* since);
   void AwaitEnd(std::unique_lock<std::mutex>& lock, const std::vector<ListenerPtr>& ended);
   bool IdleLocked() const { return by_path_.empty() && watches_.empty(); }
   bool OnThread() const { return std::this_thread::get_id() == thread_id_; }

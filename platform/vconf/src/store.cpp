@@ -81,9 +81,9 @@ bool CheckValue(const Value& value) {
 }
 
 // A number record, or `absent` when there is none.
-Status GetNumber(Transaction& transaction, std::string_view key, std::uint64_t absent, std::uint64_t* number) {
+Cause GetNumber(Transaction& transaction, std::string_view key, std::uint64_t absent, std::uint64_t* number) {
   RecordBuffer record;
-  const Status status = transaction.Get(key, &record);
+  const Cause status = transaction.Get(key, &record);
   if (status == kNoKey) {
     *number = absent;
     return kOk;
@@ -97,9 +97,9 @@ Status GetNumber(Transaction& transaction, std::string_view key, std::uint64_t a
 }
 
 template <typename... State>  // when `source` is an environment
-Status GetValue(auto& source, std::string_view path, std::optional<Value>* value, State*... state) {
+Cause GetValue(auto& source, std::string_view path, std::optional<Value>* value, State*... state) {
   RecordBuffer record;
-  const Status status = source.Get(path, &record, state...);
+  const Cause status = source.Get(path, &record, state...);
   if (status != kOk) {
     return status;
   }
@@ -198,7 +198,7 @@ void SweepMemory(const fs::path& directory, const fs::path& wanted) {
 }
 
 // Not where the memory file system should be and is not.
-Status MakeMemory(const std::string& memory_directory, const Environment::Records& records) {
+Cause MakeMemory(const std::string& memory_directory, const Environment::Records& records) {
   return access(MemoryRoot().c_str(), W_OK | X_OK) == 0
              ? Environment::Create(memory_directory, Environment::Kind::kMemory, records)
              : errno;
@@ -214,6 +214,14 @@ void LinkBack(const std::string& memory_directory, const std::string& store) {
   }
 }
 
+// Whether a store may be made here: where nothing is, or an empty folder.
+bool IsFree(const fs::path& directory) {
+  std::error_code failed;
+  const auto type = fs::status(directory, failed).type();
+  return type == fs::file_type::not_found ||
+         (type == fs::file_type::directory && fs::is_empty(directory, failed) && !failed);
+}
+
 }  // namespace
 
 bool IsPath(std::string_view path, bool control) {
@@ -222,14 +230,14 @@ bool IsPath(std::string_view path, bool control) {
          path.size() <= kMaxPath && path.find('\0') == std::string_view::npos;
 }
 
-Error CheckEntries(const std::vector<Entry>& entries) {
+Status CheckEntries(const std::vector<Entry>& entries) {
   for (const Entry& entry : entries) {
     const bool is_path = IsPath(entry.path, true);
     if (!is_path || !CheckValue(entry.value)) {
-      return entry.path + ": " + StatusText(is_path ? kBadValue : kBadPath);
+      return ToStatus(is_path ? kBadValue : kBadPath, entry.path);
     }
   }
-  return std::nullopt;
+  return {};
 }
 
 // ---- Batch
@@ -261,14 +269,14 @@ class Store::Batch {
     }
   }
 
-  Status status() const { return status_; }
+  Cause status() const { return status_; }
   Transaction& disk() { return *disk_; }
   Transaction* memory() { return memory_ ? &*memory_ : nullptr; }
 
   /// Writes `value` under `path`, or removes it, whatever type stands there.
-  Status Change(std::string_view path, const std::optional<Value>& value) {
+  Cause Change(std::string_view path, const std::optional<Value>& value) {
     WriteTransaction& home = HomeOf(path);
-    Status status = value ? home.Put(path, record::EncodeValue(path, *value)) : home.Delete(path);
+    Cause status = value ? home.Put(path, record::EncodeValue(path, *value)) : home.Delete(path);
     if (status == kOk) {
       ++sequence_;
       const auto key = JournalKey(sequence_);
@@ -278,9 +286,9 @@ class Store::Batch {
     return status;
   }
 
-  Status Set(std::string_view path, const Value& value) {
+  Cause Set(std::string_view path, const Value& value) {
     std::optional<Value> old;
-    const Status status = GetValue(HomeOf(path), path, &old);
+    const Cause status = GetValue(HomeOf(path), path, &old);
     if (status != kOk && status != kNoKey) {
       return status;
     }
@@ -288,10 +296,10 @@ class Store::Batch {
   }
 
   /// The changes in memory must have come before those on disk, since they are committed first.
-  Status Commit() {
+  Cause Commit() {
     store_.commits_.fetch_add(1, std::memory_order_release);
     std::uint64_t committed = 0;
-    Status status = kOk;
+    Cause status = kOk;
     for (const auto& [write, head] : {std::pair(&memory_, memory_head_), std::pair(&disk_, disk_head_)}) {
       if (head != 0 && status == kOk) {
         status = CommitOne(**write, head);
@@ -308,12 +316,12 @@ class Store::Batch {
  private:
   WriteTransaction& HomeOf(std::string_view path) { return IsInMemory(path) ? *memory_ : *disk_; }
 
-  static Status CommitOne(WriteTransaction& write, std::uint64_t head) {
-    const Status status = write.Put(kHeadKey, record::EncodeNumber(kHeadKey, head));
+  static Cause CommitOne(WriteTransaction& write, std::uint64_t head) {
+    const Cause status = write.Put(kHeadKey, record::EncodeNumber(kHeadKey, head));
     return status == kOk ? write.Commit() : status;
   }
 
-  Status FindSequence() {
+  Cause FindSequence() {
     std::uint64_t disk = 0;
     std::uint64_t memory = 0;
     const auto read = [](std::optional<WriteTransaction>& write, Environment& environment, std::uint64_t* head) {
@@ -324,10 +332,10 @@ class Store::Batch {
       ReadTransaction view(environment);
       return GetNumber(view, kHeadKey, 0, head);
     };
-    if (const Status status = read(disk_, *store_.disk_, &disk); status != kOk) {
+    if (const Cause status = read(disk_, *store_.disk_, &disk); status != kOk) {
       return status;
     }
-    const Status status = store_.memory_ != nullptr ? read(memory_, *store_.memory_, &memory) : kNoMemory;
+    const Cause status = store_.memory_ != nullptr ? read(memory_, *store_.memory_, &memory) : kNoMemory;
     if (status != kOk) {
       if (memory_) {
         return status;
@@ -341,7 +349,7 @@ class Store::Batch {
   }
 
   Store& store_;
-  Status status_ = kOk;
+  Cause status_ = kOk;
   std::optional<WriteTransaction> disk_;
   std::optional<WriteTransaction> memory_;
   std::uint64_t sequence_ = 0;
@@ -351,20 +359,18 @@ class Store::Batch {
 
 // ---- opening
 
-std::unique_ptr<Store> Store::Open(const std::string& directory, const std::vector<Entry>& initial,
-                                   std::string* error) {
+Result<std::unique_ptr<Store>> Store::Open(const std::string& directory, const std::vector<Entry>* initial) {
   std::unique_ptr<Store> store(new Store(directory));
-  if (store->OpenDisk(initial, error) != kOk) {
-    return nullptr;
+  if (Status opened = store->OpenDisk(initial); !opened.ok()) {
+    return opened;
   }
   store->bell_ = Bell::Open(directory + "/bell");
   if (store->bell_ == nullptr) {
-    *error = directory + "/bell: " + StatusText(errno);
-    return nullptr;
+    return ToStatus(errno, directory + "/bell");
   }
-  if (const Status status = store->OpenMemory(); status != kOk) {
+  if (const Cause status = store->OpenMemory(); status != kOk) {
     __dlog_print(2, 6, "VCONF", "%s: %s", Environment::FileIn(store->memory_directory_).c_str(),
-                 StatusText(status).c_str());
+                 CauseText(status).c_str());
   }
   for (Environment* const environment : {store->disk_.get(), store->memory_.get()}) {
     if (environment != nullptr) {
@@ -377,30 +383,32 @@ std::unique_ptr<Store> Store::Open(const std::string& directory, const std::vect
   return store;
 }
 
-Status Store::OpenDisk(const std::vector<Entry>& initial, std::string* error) {
-  struct stat status = {};
-  if (stat(directory_.c_str(), &status) != 0 && errno == ENOENT) {
-    if (Error wrong = CheckEntries(initial)) {
-      *error = *std::move(wrong);
-      return kBadValue;
+Status Store::OpenDisk(const std::vector<Entry>* initial) {
+  if (IsFree(directory_) && initial == nullptr) {
+    return {Code::kMissing, directory_ + ": there is no store here"};
+  }
+  if (IsFree(directory_)) {
+    if (Status wrong = CheckEntries(*initial); !wrong.ok()) {
+      return wrong;
     }
-    const Status made = MakeStore(initial);
+    const Cause made = MakeStore(*initial);
     if (made != kOk && made != EEXIST) {
-      *error = directory_ + ": " + StatusText(made);
-      return made;
+      return ToStatus(made, directory_);
     }
   }
-  Status opened = Environment::Open(directory_, Environment::Kind::kDisk, &disk_);
+  const std::string file = Environment::FileIn(directory_);
+  std::error_code failed;
+  if (fs::status(file, failed).type() == fs::file_type::not_found) {
+    return {Code::kMissing, file + ": is not there, so the folder holds no store; name another one"};
+  }
+  Cause opened = Environment::Open(directory_, Environment::Kind::kDisk, &disk_);
   if (opened == kOk) {
     opened = CheckFormat(*disk_, &id_);
   }
-  if (opened != kOk) {
-    *error = Environment::FileIn(directory_) + ": " + StatusText(opened);
-  }
-  return opened;
+  return ToStatus(opened, file);
 }
 
-Status Store::MakeStore(const std::vector<Entry>& initial) {
+Cause Store::MakeStore(const std::vector<Entry>& initial) {
   const std::string id = NewId();
   if (id.empty()) {
     return EIO;
@@ -416,11 +424,11 @@ Status Store::MakeStore(const std::vector<Entry>& initial) {
   const std::string memory_directory = MemoryDirectory(id, getuid());
   if (has_memory) {
     SweepMemory({}, memory_directory);
-    if (const Status status = MakeMemory(memory_directory, memory); status != kOk) {
-      __dlog_print(2, 6, "VCONF", "%s: %s", memory_directory.c_str(), StatusText(status).c_str());
+    if (const Cause status = MakeMemory(memory_directory, memory); status != kOk) {
+      __dlog_print(2, 6, "VCONF", "%s: %s", memory_directory.c_str(), CauseText(status).c_str());
     }
   }
-  const Status status = Environment::Create(directory_, Environment::Kind::kDisk, disk);
+  const Cause status = Environment::Create(directory_, Environment::Kind::kDisk, disk);
   if (status != kOk) {
     std::error_code ignored;
     fs::remove_all(memory_directory, ignored);
@@ -428,7 +436,7 @@ Status Store::MakeStore(const std::vector<Entry>& initial) {
   return status;
 }
 
-Status Store::OpenMemory() {
+Cause Store::OpenMemory() {
   struct stat disk = {};
   if (stat(disk_->file().c_str(), &disk) != 0) {
     return errno;
@@ -444,7 +452,7 @@ Status Store::OpenMemory() {
     const std::uint64_t rung = bell_->LastSequence();
     // One number is left out, so that who still follows an earlier memory is told that it is gone.
     const std::uint64_t head = rung == 0 || rung >= kMaxSequence ? 0 : rung + 1;
-    const Status status = MakeMemory(memory_directory_, FoundingRecords(id_, head));
+    const Cause status = MakeMemory(memory_directory_, FoundingRecords(id_, head));
     if (status != kOk && status != EEXIST) {
       return status;
     }
@@ -452,7 +460,7 @@ Status Store::OpenMemory() {
     return EPERM;
   }
   std::string id;
-  Status status = Environment::Open(memory_directory_, Environment::Kind::kMemory, &memory_);
+  Cause status = Environment::Open(memory_directory_, Environment::Kind::kMemory, &memory_);
   if (status == kOk) {
     status = CheckFormat(*memory_, &id);
   }
@@ -467,11 +475,11 @@ Status Store::OpenMemory() {
   return kOk;
 }
 
-Status Store::CheckFormat(Environment& environment, std::string* id) {
+Cause Store::CheckFormat(Environment& environment, std::string* id) {
   ReadTransaction view(environment);
   std::uint64_t format = 0;
   RecordBuffer record;
-  Status status = GetNumber(view, kFormatKey, 0, &format);
+  Cause status = GetNumber(view, kFormatKey, 0, &format);
   if (status == kOk) {
     status = view.Get(kIdKey, &record);
   }
@@ -490,12 +498,12 @@ Status Store::CheckFormat(Environment& environment, std::string* id) {
 
 Environment* Store::HomeOf(std::string_view path) const { return IsInMemory(path) ? memory_.get() : disk_.get(); }
 
-Status Store::NoteWrite(std::string_view path, Status status) const {
+Cause Store::NoteWrite(std::string_view path, Cause status) const {
   Environment* const home = HomeOf(path);
   return home != nullptr ? home->NoteWrite(status) : status;
 }
 
-Status Store::Get(std::string_view path, std::optional<Value>* value) {
+Cause Store::Get(std::string_view path, std::optional<Value>* value) {
   if (!IsPath(path, true)) {
     return kBadPath;
   }
@@ -509,14 +517,14 @@ Status Store::Get(std::string_view path, std::optional<Value>* value) {
     return kOk;
   }
   Environment::State state;
-  const Status status = GetValue(*home, path, value, &state);
+  const Cause status = GetValue(*home, path, value, &state);
   if (status == kOk) {
     noted.Note(state, path, **value);
   }
   return home->NoteRead(status);
 }
 
-Status Store::Set(std::string_view path, const Value& value) {
+Cause Store::Set(std::string_view path, const Value& value) {
   if (!IsPath(path, true)) {
     return kBadPath;
   }
@@ -524,26 +532,26 @@ Status Store::Set(std::string_view path, const Value& value) {
     return kBadValue;
   }
   Batch batch(*this, !IsInMemory(path), IsInMemory(path));
-  Status status = batch.status();
+  Cause status = batch.status();
   if (status == kOk) {
     status = batch.Set(path, value);
   }
   return NoteWrite(path, status == kOk ? batch.Commit() : status);
 }
 
-Status Store::Remove(std::string_view path) {
+Cause Store::Remove(std::string_view path) {
   if (!IsPath(path, true)) {
     return kBadPath;
   }
   Batch batch(*this, !IsInMemory(path), IsInMemory(path));
-  Status status = batch.status();
+  Cause status = batch.status();
   if (status == kOk) {
     status = batch.Change(path, std::nullopt);
   }
   return NoteWrite(path, status == kOk ? batch.Commit() : status);
 }
 
-Status Store::Reset(const std::vector<Entry>& entries) {
+Cause Store::Reset(const std::vector<Entry>& entries) {
   std::map<std::string, Value, std::less<>> wanted;
   bool memory = memory_ != nullptr;
   for (const Entry& entry : entries) {
@@ -558,7 +566,7 @@ Status Store::Reset(const std::vector<Entry>& entries) {
   std::map<std::string, std::optional<Value>, std::less<>> changes(wanted.begin(), wanted.end());
   for (const Room& room : kRooms) {
     Transaction* const home = room.kind == Environment::Kind::kDisk ? &batch.disk() : batch.memory();
-    const Status status = home == nullptr ? kOk : home->ForEach(room.prefix, [&](std::string_view path, auto bytes) {
+    const Cause status = home == nullptr ? kOk : home->ForEach(room.prefix, [&](std::string_view path, auto bytes) {
       const auto value = record::DecodeValue(path, bytes);
       const auto keep = wanted.find(path);
       if (keep == wanted.end()) {
@@ -574,7 +582,7 @@ Status Store::Reset(const std::vector<Entry>& entries) {
   for (const bool in_memory : {true, false}) {
     for (const auto& [path, value] : changes) {
       if (IsInMemory(path) == in_memory) {
-        if (const Status status = batch.Change(path, value); status != kOk) {
+        if (const Cause status = batch.Change(path, value); status != kOk) {
           return status;
         }
       }
@@ -583,7 +591,7 @@ Status Store::Reset(const std::vector<Entry>& entries) {
   return batch.Commit();
 }
 
-Status Store::List(std::string_view prefix, std::vector<Entry>* entries) {
+Cause Store::List(std::string_view prefix, std::vector<Entry>* entries) {
   for (const Room& room : kRooms) {
     const bool within = prefix.starts_with(room.prefix);
     if (!within && !room.prefix.starts_with(prefix)) {
@@ -591,24 +599,25 @@ Status Store::List(std::string_view prefix, std::vector<Entry>* entries) {
     }
     Environment* const home = HomeOf(room.prefix);
     if (home == nullptr) {
-      continue;
+      return kNoMemory;
     }
+    bool damaged = false;
     ReadTransaction view(*home);
-    const Status status = view.ForEach(within ? prefix : room.prefix, [&](std::string_view path, auto bytes) {
+    const Cause status = view.ForEach(within ? prefix : room.prefix, [&](std::string_view path, auto bytes) {
       if (auto value = record::DecodeValue(path, bytes)) {
         entries->push_back({std::string(path), *std::move(value)});
       } else {
-        home->NoteRead(kDamaged);
+        damaged = true;
       }
     });
-    if (status != kOk) {
-      return status;
+    if (const Cause cause = status == kOk && damaged ? kDamaged : status; cause != kOk) {
+      return home->NoteRead(cause);
     }
   }
   return kOk;
 }
 
-Status Store::Sync(std::string_view path) {
+Cause Store::Sync(std::string_view path) {
   if (!IsPath(path, true)) {
     return kBadPath;
   }
@@ -617,26 +626,26 @@ Status Store::Sync(std::string_view path) {
 
 // ---- faults
 
-Status Store::SetFault(const Fault& fault) {
+Cause Store::SetFault(const Fault& fault) {
   const std::string key = FaultKey(fault.call, fault.path);
   if (fault.call.empty() || fault.path.empty() || key.size() > kMaxPath) {
     return kBadPath;
   }
   WriteTransaction write(*disk_);
-  const Status status = write.Put(key, record::EncodeAnswer(key, {.answer = fault.answer, .times = fault.times}));
+  const Cause status = write.Put(key, record::EncodeAnswer(key, {.answer = fault.answer, .times = fault.times}));
   return status == kOk ? CommitFaults(write) : status;
 }
 
-Status Store::ClearFault(std::string_view call, std::string_view path) {
+Cause Store::ClearFault(std::string_view call, std::string_view path) {
   WriteTransaction write(*disk_);
-  const Status status = write.Delete(FaultKey(call, path));
+  const Cause status = write.Delete(FaultKey(call, path));
   return status == kOk ? CommitFaults(write) : status == kNoKey ? kOk : status;
 }
 
-Status Store::ClearFaults() {
+Cause Store::ClearFaults() {
   WriteTransaction write(*disk_);
   std::vector<std::string> keys;
-  Status status = write.ForEach(kFaultPrefix, [&](std::string_view key, auto) { keys.emplace_back(key); });
+  Cause status = write.ForEach(kFaultPrefix, [&](std::string_view key, auto) { keys.emplace_back(key); });
   for (const std::string& key : keys) {
     if (status == kOk) {
       status = write.Delete(key);
@@ -645,9 +654,9 @@ Status Store::ClearFaults() {
   return status == kOk && !keys.empty() ? CommitFaults(write) : status;
 }
 
-Status Store::CommitFaults(WriteTransaction& write) {
+Cause Store::CommitFaults(WriteTransaction& write) {
   bell_->SetKnownFaultless(false);
-  const Status status = write.Commit();
+  const Cause status = write.Commit();
   if (status == kOk) {
     NoteFaultless();
   }
@@ -664,9 +673,10 @@ void Store::NoteFaultless() {
   }
 }
 
-Status Store::ListFaults(std::vector<Fault>* faults) {
+Cause Store::ListFaults(std::vector<Fault>* faults) {
+  bool damaged = false;
   ReadTransaction view(*disk_);
-  return view.ForEach(kFaultPrefix, [&](std::string_view key, auto bytes) {
+  const Cause status = view.ForEach(kFaultPrefix, [&](std::string_view key, auto bytes) {
     if (const auto answer = record::DecodeAnswer(key, bytes)) {
       const std::string_view name = key.substr(kFaultPrefix.size());
       const std::size_t end = name.find('\0');
@@ -674,8 +684,11 @@ Status Store::ListFaults(std::vector<Fault>* faults) {
                          .path = std::string(name.substr(end + 1)),
                          .answer = answer->answer,
                          .times = answer->times});
+    } else {
+      damaged = true;
     }
   });
+  return disk_->NoteRead(status == kOk && damaged ? kDamaged : status);
 }
 
 std::optional<int> Store::TakeFault(std::string_view call, std::string_view path) {
@@ -701,7 +714,7 @@ std::optional<int> Store::TakeFault(std::string_view call, std::string_view path
       }
       if (found && found->times > 0) {
         --found->times;
-        const Status status = found->times > 0 ? write.Put(key, record::EncodeAnswer(key, *found)) : write.Delete(key);
+        const Cause status = found->times > 0 ? write.Put(key, record::EncodeAnswer(key, *found)) : write.Delete(key);
         if (status == kOk) {
           CommitFaults(write);
         }
@@ -716,13 +729,13 @@ std::optional<int> Store::TakeFault(std::string_view call, std::string_view path
 
 // ---- the journal
 
-Status Store::LastSequence(std::uint64_t* sequence) {
+Cause Store::LastSequence(std::uint64_t* sequence) {
   *sequence = 0;
   for (Environment* const environment : {disk_.get(), memory_.get()}) {
     if (environment != nullptr) {
       ReadTransaction view(*environment);
       std::uint64_t head = 0;
-      const Status status = environment->NoteRead(GetNumber(view, kHeadKey, 0, &head));
+      const Cause status = environment->NoteRead(GetNumber(view, kHeadKey, 0, &head));
       if (status == kOk) {
         *sequence = std::max(*sequence, head);
       } else if (environment == disk_.get()) {
@@ -733,10 +746,10 @@ Status Store::LastSequence(std::uint64_t* sequence) {
   return kOk;
 }
 
-Status Store::ReadChanges(std::uint64_t next, std::vector<Change>* changes, bool* fell_behind) {
+Cause Store::ReadChanges(std::uint64_t next, std::vector<Change>* changes, bool* fell_behind) {
   *fell_behind = false;
   std::uint64_t last = 0;
-  if (const Status status = LastSequence(&last); status != kOk || last < next) {
+  if (const Cause status = LastSequence(&last); status != kOk || last < next) {
     return status;
   }
   // Both views are younger than `last`, so every number up to it stands in one of them, unless it was overwritten.
@@ -773,13 +786,13 @@ Status Store::ReadChanges(std::uint64_t next, std::vector<Change>* changes, bool
   return kOk;
 }
 
-std::string Store::Explain(Status status, std::string_view path) const {
-  const std::string text = ": " + StatusText(status);
-  if (status == kBadPath || status == kBadValue || status == kOtherType || status == kNoKey) {
-    return std::string(path) + text;
+Status Store::Explain(Cause cause, std::string_view path) const {
+  if (cause == kBadPath || cause == kBadValue || cause == kOtherType || cause == kNoKey) {
+    return ToStatus(cause, std::string(path));
   }
-  const Environment* const home = HomeOf(path);
-  return (home != nullptr ? home->file() : memory_directory_) + text;
+  // A prefix such as "" stands for all of the store; without its memory part that is what could not be read.
+  const Environment* const home = cause == kNoMemory ? nullptr : HomeOf(path);
+  return ToStatus(cause, home != nullptr ? home->file() : memory_directory_);
 }
 
 }  // namespace vconf

@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "bell.h"
+#include "cause.h"
 #include "environment.h"
-#include "status.h"
 #include "vconf_control.h"
 
 namespace vconf {
@@ -22,51 +22,50 @@ namespace vconf {
 /// of its key and is committed with it; a reader merges the two journals by number. Any thread.
 class Store {
  public:
-  /// On failure the result is null and `error` names the file and the cause.
-  static std::unique_ptr<Store> Open(const std::string& directory, const std::vector<Entry>& initial,
-                                     std::string* error);
+  /// A directory that is missing or empty becomes a store that holds `initial`, unless that is null.
+  static Result<std::unique_ptr<Store>> Open(const std::string& directory, const std::vector<Entry>* initial);
 
-  Status Get(std::string_view path, std::optional<Value>* value);
-  Status Set(std::string_view path, const Value& value);
-  Status Remove(std::string_view path);
-  Status Reset(const std::vector<Entry>& entries);  // which pass `CheckEntries`
-  Status List(std::string_view prefix, std::vector<Entry>* entries);
+  Cause Get(std::string_view path, std::optional<Value>* value);
+  Cause Set(std::string_view path, const Value& value);
+  Cause Remove(std::string_view path);
+  Cause Reset(const std::vector<Entry>& entries);  // which pass `CheckEntries`
+  Cause List(std::string_view prefix, std::vector<Entry>* entries);
 
   /// Makes what was written to `path` durable; has nothing to do for `memory/`.
-  Status Sync(std::string_view path);
+  Cause Sync(std::string_view path);
 
-  Status SetFault(const Fault& fault);
-  Status ClearFault(std::string_view call, std::string_view path);
-  Status ClearFaults();
-  Status ListFaults(std::vector<Fault>* faults);
+  Cause SetFault(const Fault& fault);
+  Cause ClearFault(std::string_view call, std::string_view path);
+  Cause ClearFaults();
+  Cause ListFaults(std::vector<Fault>* faults);
   std::optional<int> TakeFault(std::string_view call, std::string_view path);
 
   /// The number of the last change.
-  Status LastSequence(std::uint64_t* sequence);
+  Cause LastSequence(std::uint64_t* sequence);
 
   /// Appends the changes from number `next` on, up to the last one or `kMaxChanges`. `fell_behind` is set, and nothing
   /// appended, when the journal no longer holds that number.
-  Status ReadChanges(std::uint64_t next, std::vector<Change>* changes, bool* fell_behind);
+  Cause ReadChanges(std::uint64_t next, std::vector<Change>* changes, bool* fell_behind);
   static constexpr std::size_t kMaxChanges = 256;
 
   Bell& bell() { return *bell_; }
 
-  /// The failure in words, with the file or the path that it is about.
-  std::string Explain(Status status, std::string_view path) const;
+  /// The failure of a call for `path`, with that or the file that it is about.
+  Status Explain(Cause cause, std::string_view path) const;
 
  private:
   class Batch;
 
   explicit Store(std::string directory) : directory_(std::move(directory)) {}
 
-  Status OpenDisk(const std::vector<Entry>& initial, std::string* error);
-  Status MakeStore(const std::vector<Entry>& initial);
-  Status OpenMemory();
-  Status CheckFormat(Environment& environment, std::string* id);
+  Status OpenDisk(const std::vector<Entry>* initial);
+  Cause MakeStore(const std::vector<Entry>& initial);
+  Cause OpenMemory();
+  Cause CheckFormat(Environment& environment, std::string* id);
   Environment* HomeOf(std::string_view path) const;
-  Status CommitFaults(WriteTransaction& write);
+  Cause CommitFaults(WriteTransaction& write);
   void NoteFaultless();
-  Status NoteWrite(std::string_view path, Status status) const;
+  Cause NoteWrite(std::string_view path, Cause status) const;
 
   const std::string directory_;
   std::string memory_directory_;
@@ -84,6 +83,6 @@ class Store {
 bool IsPath(std::string_view path, bool control);
 
 /// Whether all of `entries` could be written; else what stands against the first one that could not.
-Error CheckEntries(const std::vector<Entry>& entries);
+Status CheckEntries(const std::vector<Entry>& entries);
 
 }  // namespace vconf

@@ -1,6 +1,10 @@
 #include "vconf.h"
 
+#include <fcntl.h>
+#include <stdio.h>
+
 #include <atomic>
+#include <cerrno>
 #include <memory>
 #include <mutex>
 #include <utility>
@@ -29,18 +33,32 @@ Session* TheSession() { return g_session.load(std::memory_order_acquire); }
 
 // ---- for the control side
 
-Error ToError(const Session* session, Status status, std::string_view path) {
-  if (status == kOk) {
-    return std::nullopt;
-  }
-  return session != nullptr ? session->store->Explain(status, path) : StatusText(kNoStore);
+const Status& NoStore() {
+  static const Status no_store(Code::kFailed, CauseText(kNoStore));
+  return no_store;
 }
 
 // Runs `step` on the store and tells its failure in words.
 template <typename Step>
-Error Explained(std::string_view path, Step&& step) {
+Status Explained(std::string_view path, Step&& step) {
   const Session* const session = TheSession();
-  return ToError(session, session != nullptr ? step(*session->store) : kNoStore, path);
+  return session != nullptr ? session->store->Explain(step(*session->store), path) : NoStore();
+}
+
+// One store for a process at a time.
+Status Open(const std::string& directory, const std::vector<Entry>* initial) {
+  static std::mutex opening;
+  const std::lock_guard lock(opening);
+  if (TheSession() != nullptr) {
+    return {Code::kFailed, directory + ": this process has a store open already"};
+  }
+  auto store = Store::Open(directory, initial);
+  if (!store.ok()) {
+    __dlog_print(2, 6, "VCONF", "%s", store.status().text().c_str());
+    return store.status();
+  }
+  g_session.store(new Session(*std::move(store)), std::memory_order_release);
+  return {};
 }
 
 class NotifierWatch final : public Watch {
@@ -82,7 +100,7 @@ template <typename T>
 int Read(const char* call, const char* path, int* result) {
   return Answer(call, path, [result](Session& session, const char* at) {
     std::optional<Value> value;
-    Status status = session.store->Get(at, &value);
+    Cause status = session.store->Get(at, &value);
     if (status == kOk && !std::holds_alternative<T>(*value)) {
       status = kOtherType;
     }
@@ -99,75 +117,81 @@ int Write(const char* call, const char* path, const Value& value) {
 
 }  // namespace
 
-Error OpenStore(const std::string& directory, const std::vector<Entry>& initial) {
-  static std::mutex opening;
-  const std::lock_guard lock(opening);
-  if (TheSession() != nullptr) {
-    return directory + ": this process has a store open already";
-  }
-  std::string error;
-  auto store = Store::Open(directory, initial, &error);
-  if (store == nullptr) {
-    __dlog_print(2, 6, "VCONF", "%s", error.c_str());
-    return error;
-  }
-  g_session.store(new Session(std::move(store)), std::memory_order_release);
-  return std::nullopt;
+Status OpenStore(const std::string& directory) { return Open(directory, nullptr); }
+
+Status OpenOrCreateStore(const std::string& directory, const std::vector<Entry>& initial) {
+  return Open(directory, &initial);
 }
 
 void CloseStore() { delete g_session.exchange(nullptr); }
 
-std::optional<Value> Get(const std::string& path) {
+Result<std::string> ReplaceStore(const std::string& directory, const std::vector<Entry>& initial) {
+  if (Status wrong = CheckEntries(initial); !wrong.ok()) {
+    return wrong;
+  }
+  std::string from = directory;
+  while (from.size() > 1 && from.back() == '/') {
+    from.pop_back();
+  }
+  std::string moved;
+  int result = 0;
+  for (int number = 1; number == 1 || (result != 0 && errno == EEXIST); ++number) {
+    moved = from + ".replaced-" + std::to_string(number);
+    result = renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, moved.c_str(), RENAME_NOREPLACE);
+  }
+  if (result != 0) {
+    return ToStatus(errno, directory);
+  }
+  const auto made = Store::Open(directory, &initial);
+  return made.ok() ? Result(std::move(moved)) : made.status();
+}
+
+Result<Value> Get(const std::string& path) {
   std::optional<Value> value;
-  const Session* const session = TheSession();
-  return session != nullptr && session->store->Get(path, &value) == kOk ? value : std::nullopt;
+  Status status = Explained(path, [&](Store& store) { return store.Get(path, &value); });
+  return status.ok() ? Result(*std::move(value)) : std::move(status);
 }
 
-Error Set(const std::string& path, const Value& value) {
+Status Set(const std::string& path, const Value& value) {
   return Explained(path, [&](Store& store) {
-    const Status status = store.Set(path, value);
+    const Cause status = store.Set(path, value);
     return status == kOk ? store.Sync(path) : status;
   });
 }
 
-Error Remove(const std::string& path) {
+Status Remove(const std::string& path) {
   return Explained(path, [&](Store& store) {
-    const Status status = store.Remove(path);
+    const Cause status = store.Remove(path);
     return status == kOk ? store.Sync(path) : status;
   });
 }
 
-Error Reset(const std::vector<Entry>& entries) {
-  if (Error wrong = CheckEntries(entries)) {
+Status Reset(const std::vector<Entry>& entries) {
+  if (Status wrong = CheckEntries(entries); !wrong.ok()) {
     return wrong;
   }
   return Explained("set/", [&](Store& store) {
-    const Status status = store.Reset(entries);
+    const Cause status = store.Reset(entries);
     return status == kOk ? store.Sync("set/*") : status;
   });
 }
 
-std::vector<Entry> List(const std::string& prefix) {
+Result<std::vector<Entry>> List(const std::string& prefix) {
   std::vector<Entry> entries;
-  if (const Session* const session = TheSession()) {
-    session->store->List(prefix, &entries);
-  }
-  return entries;
+  Status status = Explained(prefix, [&](Store& store) { return store.List(prefix, &entries); });
+  return status.ok() ? Result(std::move(entries)) : std::move(status);
 }
 
-std::unique_ptr<Watch> WatchPrefix(const std::string& prefix, std::function<void(const Change&)> on_change,
-                                   std::string* error) {
+Result<std::unique_ptr<Watch>> WatchPrefix(const std::string& prefix, std::function<void(const Change&)> on_change) {
   const Session* const session = TheSession();
-  Notifier::ListenerPtr listener;
-  const Status status =
-      session != nullptr ? session->notifier->Watch(prefix, std::move(on_change), &listener) : kNoStore;
-  if (status != kOk) {
-    if (error != nullptr) {
-      *error = *ToError(session, status, prefix);
-    }
-    return nullptr;
+  if (session == nullptr) {
+    return NoStore();
   }
-  return std::make_unique<NotifierWatch>(session->notifier, std::move(listener));
+  Notifier::ListenerPtr listener;
+  if (const Cause cause = session->notifier->Watch(prefix, std::move(on_change), &listener); cause != kOk) {
+    return session->store->Explain(cause, prefix);
+  }
+  return std::unique_ptr<Watch>(std::make_unique<NotifierWatch>(session->notifier, std::move(listener)));
 }
 
 void Settle() {
@@ -181,24 +205,22 @@ std::size_t SubscriptionCount() {
   return session != nullptr ? session->notifier->subscriptions() : 0;
 }
 
-Error SetFault(const Fault& fault) {
+Status SetFault(const Fault& fault) {
   return Explained(fault.path, [&](Store& store) { return store.SetFault(fault); });
 }
 
-Error ClearFault(const std::string& call, const std::string& path) {
+Status ClearFault(const std::string& call, const std::string& path) {
   return Explained(path, [&](Store& store) { return store.ClearFault(call, path); });
 }
 
-Error ClearFaults() {
+Status ClearFaults() {
   return Explained("*", [](Store& store) { return store.ClearFaults(); });
 }
 
-std::vector<Fault> ListFaults() {
+Result<std::vector<Fault>> ListFaults() {
   std::vector<Fault> faults;
-  if (const Session* const session = TheSession()) {
-    session->store->ListFaults(&faults);
-  }
-  return faults;
+  Status status = Explained("set/", [&](Store& store) { return store.ListFaults(&faults); });
+  return status.ok() ? Result(std::move(faults)) : std::move(status);
 }
 
 std::optional<int> TakeFault(std::string_view call, std::string_view path) {

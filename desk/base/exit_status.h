@@ -1,0 +1,37 @@
+#pragma once
+
+#include "vconf_control.h"
+
+namespace desk {
+
+/// What a script can rely on, from every program.
+enum ExitStatus : int {
+  kDone = 0,
+  kRefused = 1,     ///< the answer is no: no such key, a refused change, bad lines in a session, a replay that differs
+  kUsage = 2,       ///< the command line is not understood
+  kCannotWork = 3,  ///< the store, the plug-in, a file or the program's own output gives way
+};
+
+/// The status of a program whose work ended with `code`.
+constexpr ExitStatus ExitStatusOf(vconf::Code code) {
+  switch (code) {
+    case vconf::Code::kOk:
+      return kDone;
+    case vconf::Code::kMissing:
+    case vconf::Code::kWrongType:
+    case vconf::Code::kBadName:
+    case vconf::Code::kBadValue:
+      return kRefused;
+    case vconf::Code::kFull:
+    case vconf::Code::kReadOnly:
+    case vconf::Code::kDamaged:
+    case vconf::Code::kRemoved:
+    case vconf::Code::kBusy:
+    case vconf::Code::kNotPermitted:
+    case vconf::Code::kFailed:
+      break;
+  }
+  return kCannotWork;
+}
+
+}  // namespace desk
