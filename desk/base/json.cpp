@@ -65,9 +65,9 @@ vconf::Result<ParsedJson> ParseJson(std::string_view text, int* top_level_names,
     }
     return json;
   } catch (const TooDeep&) {
-    return vconf::Status(vconf::Code::kBadValue, "nested deeper than " + std::to_string(max_depth));
+    return BadValue("nested deeper than " + std::to_string(max_depth));
   } catch (const ParsedJson::exception& error) {
-    return vconf::Status(vconf::Code::kBadValue, "not JSON: " + Cause(error));
+    return BadValue("not JSON: " + Cause(error));
   }
 }
 

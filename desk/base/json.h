@@ -3,6 +3,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include <nlohmann/json.hpp>
 
@@ -20,6 +21,9 @@ using ParsedJson = nlohmann::json;
 
 /// A deeper nesting of arrays and objects is refused.
 inline constexpr int kMaxJsonDepth = 128;
+
+/// The failure of something that is not understood.
+inline vconf::Status BadValue(std::string text) { return {vconf::Code::kBadValue, std::move(text)}; }
 
 /// What `text` says, or `kBadValue` and the cause, with the column (from 1) where it is no JSON. `text` must be one
 /// JSON value in valid UTF-8 that nests no deeper than `max_depth`. Of two equal names in an object the last one holds,

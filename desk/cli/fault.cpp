@@ -5,6 +5,7 @@
 
 #include "base/json.h"
 #include "cli/commands.h"
+#include "set/faults.h"
 #include "set/simulated_set.h"
 
 namespace desk::cli {

@@ -54,27 +54,14 @@ void ForgetUnheardEnd(const std::vector<ParsedJson>& recorded, std::vector<Parse
 vconf::Status NotRecorded(std::string text) { return {vconf::Code::kFailed, std::move(text)}; }
 
 vconf::Status ReadStart(const ParsedJson& json, Recording& recording) {
-  const auto state = json.find("state");
-  const auto faults = json.find("faults");
-  if (json.value("recording", ParsedJson()) != kVersion || state == json.end() || !state->is_object() ||
-      faults == json.end() || !faults->is_array()) {
+  if (json.value("recording", ParsedJson()) != kVersion || !json.contains("state") || !json.contains("faults")) {
     return NotRecorded("is not the start of a recording");
   }
-  for (const auto& [path, value] : state->items()) {
-    const auto held = ToValue(value);
-    if (!held) {
-      return NotRecorded(path + " has no value that a key can hold");
-    }
-    recording.state.push_back({path, *held});
+  auto state = StateFromJson(json);
+  if (state.ok()) {
+    recording.state = *std::move(state);
   }
-  for (const ParsedJson& fault : *faults) {
-    auto read = FaultFromJson(fault);
-    if (!read.ok()) {
-      return read.status();
-    }
-    recording.faults.push_back(*std::move(read));
-  }
-  return {};
+  return state.status();
 }
 
 vconf::Status ReadStep(const ParsedJson& json, Recording& recording) {
@@ -110,8 +97,12 @@ class TemporaryStore {
   }
 
   vconf::Status Open(const Recording& recording) {
-    auto status = vconf::OpenOrCreateStore(folder_ / "store", recording.state);
-    for (const vconf::Fault& fault : recording.faults) {
+    std::vector<vconf::Entry> entries;
+    for (const auto& [path, value] : recording.state.values) {
+      entries.push_back({path, value});
+    }
+    auto status = vconf::OpenOrCreateStore(folder_ / "store", entries);
+    for (const vconf::Fault& fault : recording.state.faults) {
       status = status.ok() ? vconf::SetFault(fault) : status;
     }
     return status;
@@ -154,9 +145,8 @@ Recorder::Recorder(const std::string& file, Hear hear) : hear_(std::move(hear)),
   // A change that comes meanwhile waits for the first line.
   const std::lock_guard lock(mutex_);
   auto watch = vconf::WatchPrefix("", [this](const vconf::Change& change) { OnChange(change); });
-  const auto entries = vconf::List("");
-  const auto set_faults = vconf::ListFaults();
-  for (const vconf::Status& status : {watch.status(), entries.status(), set_faults.status()}) {
+  const auto state = DescribeState();
+  for (const vconf::Status& status : {watch.status(), state.status()}) {
     if (!status.ok()) {
       std::cerr << file << ": lacks what stands in the store: " << status.text() << '\n';
       break;
@@ -165,18 +155,10 @@ Recorder::Recorder(const std::string& file, Hear hear) : hear_(std::move(hear)),
   if (watch.ok()) {
     watch_ = *std::move(watch);
   }
-  Json state = Json::object();
-  for (const vconf::Entry& entry : entries.ok() ? *entries : std::vector<vconf::Entry>()) {
-    state.push_back({entry.path, ToJson(entry.value)});
+  Json start = {{"recording", kVersion}, {"state", Json::object()}, {"faults", Json::array()}};
+  if (state.ok()) {
+    start.update(*state);
   }
-  Json faults = Json::array();
-  for (const vconf::Fault& fault : set_faults.ok() ? *set_faults : std::vector<vconf::Fault>()) {
-    faults.push_back(ToJson(fault));
-  }
-  Json start = Json::object();
-  start["recording"] = kVersion;
-  start["state"] = std::move(state);
-  start["faults"] = std::move(faults);
   stream_ << ToText(start) << std::endl;
 }
 

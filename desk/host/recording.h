@@ -10,6 +10,7 @@
 
 #include "base/json.h"
 #include "host/session.h"
+#include "set/scenario.h"
 #include "vconf_control.h"
 
 /// A session on file: the store as it was at the start, then what went in and what came out, as JSON lines.
@@ -59,8 +60,7 @@ class Recorder {
 };
 
 struct Recording {
-  std::vector<vconf::Entry> state;
-  std::vector<vconf::Fault> faults;
+  SetState state;
   std::vector<std::string> in;
   std::vector<ParsedJson> out;
 };

@@ -27,21 +27,19 @@ constexpr std::array<KindName, 4> kKinds = {{
 
 constexpr char kForm[] = R"(a line is an object with one of "send", "post", "set" and "settle")";
 
-vconf::Status Bad(std::string text) { return {vconf::Code::kBadValue, std::move(text)}; }
-
 vconf::Status BadSetting(const std::string& path) {
-  return Bad(path + ": a value is an integer of 32 bits, true, false or a text");
+  return BadValue(path + ": a value is an integer of 32 bits, true, false or a text");
 }
 
 vconf::Status CheckArgument(const Request& request) {
   if (request.kind == Request::Kind::kSettle && request.argument != true) {
-    return Bad(R"("settle" takes true)");
+    return BadValue(R"("settle" takes true)");
   }
   if (request.kind != Request::Kind::kSet) {
     return {};
   }
   if (!request.argument.is_object() || request.argument.empty()) {
-    return Bad(R"("set" takes an object of paths and values)");
+    return BadValue(R"("set" takes an object of paths and values)");
   }
   for (const auto& [path, value] : request.argument.items()) {
     if (!ToValue(value)) {
@@ -67,12 +65,12 @@ vconf::Result<Request> ParseRequest(std::string_view line) {
   }
   ParsedJson& json = *parsed;
   if (!json.is_object() || names != 1) {
-    return Bad(kForm);
+    return BadValue(kForm);
   }
   const std::string& name = json.begin().key();
   const auto kind = std::ranges::find(kKinds, name, &KindName::name);
   if (kind == kKinds.end()) {
-    return Bad("unknown \"" + name + "\": " + kForm);
+    return BadValue("unknown \"" + name + "\": " + kForm);
   }
   Request request{kind->kind, std::move(json.begin().value())};
   if (auto wrong = CheckArgument(request); !wrong.ok()) {
@@ -92,9 +90,10 @@ bool ReadRequests(int input, const ShutdownSignal& end,
     if (result == LineReader::Result::kEnd) {
       return all_good;
     }
-    const vconf::Result<Request> request = result == LineReader::Result::kLine
-                                               ? ParseRequest(line)
-                                               : Bad("longer than " + std::to_string(LineReader::kMaxLine) + " bytes");
+    const vconf::Result<Request> request =
+        result == LineReader::Result::kLine
+            ? ParseRequest(line)
+            : BadValue("longer than " + std::to_string(LineReader::kMaxLine) + " bytes");
     const vconf::Status status = request.ok() ? handle(line, *request) : request.status();
     if (!status.ok()) {
       all_good = false;

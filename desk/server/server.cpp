@@ -22,6 +22,7 @@
 #include "base/paths.h"
 #include "server/guard.h"
 #include "set/catalog.h"
+#include "set/faults.h"
 #include "set/simulated_set.h"
 
 namespace desk {
@@ -124,8 +125,6 @@ std::string JoinEntries(std::string_view name, const EventLog& log) {
   return text + "]}";
 }
 
-vconf::Status Bad(std::string text) { return {vconf::Code::kBadValue, std::move(text)}; }
-
 // A message is {"send": M} or {"post": M}, perhaps with a number "n".
 std::optional<Page::Message> ReadMessage(const ParsedJson& json) {
   if (!json.is_object() || json.contains("send") == json.contains("post") || json.size() != 1U + json.contains("n")) {
@@ -147,10 +146,10 @@ vconf::Result<std::vector<Page::Message>> ReadMessages(const ParsedJson& body) {
   for (const ParsedJson& json : body.is_array() ? body : ParsedJson::array({body})) {
     std::optional<Page::Message> message = ReadMessage(json);
     if (!message) {
-      return Bad(R"(a message is {"post": M} or {"send": M}, and may have an integer "n")");
+      return BadValue(R"(a message is {"post": M} or {"send": M}, and may have an integer "n")");
     }
     if (!messages.empty() && messages.back().waits) {
-      return Bad("only the last message may be a send");
+      return BadValue("only the last message may be a send");
     }
     messages.push_back(std::move(*message));
   }
@@ -160,7 +159,7 @@ vconf::Result<std::vector<Page::Message>> ReadMessages(const ParsedJson& body) {
 vconf::Result<PageDescription> ReadDescription(const ParsedJson& body) {
   PageDescription description;
   if (!body.is_object()) {
-    return Bad("the body is not an object");
+    return BadValue("the body is not an object");
   }
   for (const auto& [name, value] : body.items()) {
     if (name == "title" && value.is_string()) {
@@ -170,7 +169,7 @@ vconf::Result<PageDescription> ReadDescription(const ParsedJson& body) {
     } else if (name == "grace" && value.is_number_integer() && value >= 1 && value <= kMaxGrace.count()) {
       description.grace = std::chrono::seconds(value.get<int>());
     } else {
-      return Bad("\"" + name + "\" is none of title (text), url (text) and grace (1 to 3600 seconds)");
+      return BadValue("\"" + name + "\" is none of title (text), url (text) and grace (1 to 3600 seconds)");
     }
   }
   return description;

@@ -21,10 +21,6 @@ const std::string& FeaturePath() {
   return path;
 }
 
-constexpr std::string_view kAny = "any";
-constexpr std::string_view kNotZero = "any but 0";
-constexpr std::string_view kNegative = "any below 0";
-
 constexpr char kLanguages[] = "1 English\n2 French\n3 Spanish\n4 German\n5 Italian\n6 Portuguese\n7 Korean";
 
 /// The changes that a description asks for, gathered before the first is made.
@@ -59,8 +55,6 @@ class Changes {
   std::vector<std::pair<std::string, std::optional<vconf::Value>>> changes_;
 };
 
-vconf::Status Bad(std::string text) { return {vconf::Code::kBadValue, std::move(text)}; }
-
 /// Each reader takes one member of the description, `where` in the whole, and says what it should have been when it is
 /// not understood. Null takes the key away, whatever it holds.
 vconf::Status ReadNull(const ParsedJson&, const std::string& path, Changes& changes) {
@@ -70,7 +64,7 @@ vconf::Status ReadNull(const ParsedJson&, const std::string& path, Changes& chan
 
 vconf::Status ReadBool(const ParsedJson& json, const std::string& path, Changes& changes) {
   if (!json.is_boolean()) {
-    return Bad("must be true, false or null");
+    return BadValue("must be true, false or null");
   }
   changes.Add(path, json.get<bool>());
   return {};
@@ -79,7 +73,7 @@ vconf::Status ReadBool(const ParsedJson& json, const std::string& path, Changes&
 vconf::Status ReadInt(const ParsedJson& json, const std::string& path, Changes& changes) {
   const auto value = ToValue(json);
   if (!value || !std::holds_alternative<int>(*value)) {
-    return Bad("must be an integer of 32 bits or null");
+    return BadValue("must be an integer of 32 bits or null");
   }
   changes.Add(path, value);
   return {};
@@ -87,7 +81,7 @@ vconf::Status ReadInt(const ParsedJson& json, const std::string& path, Changes& 
 
 vconf::Status ReadText(const ParsedJson& json, const std::string& path, Changes& changes) {
   if (!json.is_string()) {
-    return Bad("must be a text or null");
+    return BadValue("must be a text or null");
   }
   changes.Add(path, json.get<std::string>());
   return {};
@@ -96,7 +90,7 @@ vconf::Status ReadText(const ParsedJson& json, const std::string& path, Changes&
 vconf::Status ReadAny(const ParsedJson& json, const std::string& path, Changes& changes) {
   const auto value = ToValue(json);
   if (!value) {
-    return Bad("must be an integer of 32 bits, true, false, a text or null");
+    return BadValue("must be an integer of 32 bits, true, false, a text or null");
   }
   changes.Add(path, value);
   return {};
@@ -110,12 +104,12 @@ vconf::Status ReadLatency(const ParsedJson& json, const std::string& path, Chang
     for (const Command& command : commands) {
       error.append(" ").append(command.name);
     }
-    return Bad(error);
+    return BadValue(error);
   }
   const auto value = ToValue(json);
   const int* milliseconds = value ? std::get_if<int>(&*value) : nullptr;
   if (milliseconds != nullptr && (*milliseconds < 0 || *milliseconds > kMaxLatency)) {
-    return Bad("must be 0 to " + std::to_string(kMaxLatency) + " milliseconds");
+    return BadValue("must be 0 to " + std::to_string(kMaxLatency) + " milliseconds");
   }
   return ReadInt(json, path, changes);
 }
@@ -123,19 +117,19 @@ vconf::Status ReadLatency(const ParsedJson& json, const std::string& path, Chang
 vconf::Status ReadList(const ParsedJson& json, const std::string& path, Changes& changes) {
   constexpr char kError[] = R"(must be an array of {"value": an integer, "label": a text of one line} or null)";
   if (!json.is_array()) {
-    return Bad(kError);
+    return BadValue(kError);
   }
   std::string lines;
   for (const ParsedJson& item : json) {
     const auto value = item.is_object() && item.size() == 2 ? item.find("value") : item.end();
     const auto label = item.is_object() ? item.find("label") : item.end();
     if (value == item.end() || label == item.end() || !label->is_string()) {
-      return Bad(kError);
+      return BadValue(kError);
     }
     const auto number = ToValue(*value);
     const auto& text = label->get_ref<const std::string&>();
     if (!number || !std::holds_alternative<int>(*number) || text.find('\n') != std::string::npos) {
-      return Bad(kError);
+      return BadValue(kError);
     }
     lines += (lines.empty() ? "" : "\n") + std::to_string(std::get<int>(*number)) + " " + text;
   }
@@ -184,13 +178,13 @@ vconf::Status ReadMember(const std::string& where, const ParsedJson& json, Chang
   const auto places = Places();
   const auto place = std::ranges::find(places, where, &Place::where);
   if (place == places.end()) {
-    return Bad(where == "embedder" ? "embedder must be an object" : "the set has no \"" + where + "\"");
+    return BadValue(where == "embedder" ? "embedder must be an object" : "the set has no \"" + where + "\"");
   }
   if (!place->path.ends_with('/')) {
     return ReadOne(*place, where, place->path, json, changes);
   }
   if (!json.is_object()) {
-    return Bad(where + " must be an object");
+    return BadValue(where + " must be an object");
   }
   for (const auto& [name, member] : json.items()) {
     const std::string behind = "/" + name;
@@ -303,7 +297,7 @@ vconf::Result<Json> DescribeSet() {
 
 vconf::Status ChangeSet(const ParsedJson& change) {
   if (!change.is_object()) {
-    return Bad("a change of the set must be an object");
+    return BadValue("a change of the set must be an object");
   }
   Changes changes;
   for (const auto& [name, member] : change.items()) {
@@ -332,6 +326,11 @@ vconf::Result<std::vector<std::string>> KnownPaths(std::string_view prefix) {
       paths.push_back(path.substr(prefix.size()));
     }
   }
+  for (const char* const path : {"memory/webapp/caption", "memory/webapp/avplay"}) {  // a new set has neither
+    if (std::string_view(path).starts_with(prefix)) {
+      paths.emplace_back(path + prefix.size());
+    }
+  }
   if (prefix == kReplyPrefix) {
     paths.insert(paths.end(), {"check_ace_privilege", "get_window_id", "set_ime_recommended_words_type",
                                "set_ime_recommended_words"});
@@ -343,93 +342,6 @@ bool IsOpenPath(std::string_view path) {
   return std::ranges::any_of(Places(), [&](const Place& place) {
     return place.path.ends_with('/') && place.path != kLatencyPrefix && path.starts_with(place.path);
   });
-}
-
-std::span<const FaultCall> FaultCalls() {
-  constexpr std::string_view kKey = "a key's path";
-  // As the calls' own declarations have it.
-  static constexpr std::array<FaultCall, 13> calls{{
-      {"vconf_get_int", kNotZero, kKey, ""},
-      {"vconf_get_bool", kNotZero, kKey, ""},
-      {"vconf_set_int", kNotZero, kKey, ""},
-      {"vconf_set_bool", kNotZero, kKey, ""},
-      {"vconf_sync_key", kNegative, kKey, ""},
-      {"vconf_notify_key_changed", kNegative, kKey, ""},
-      {"vconf_ignore_key_changed", kNegative, kKey, ""},
-      {"system_info_get_custom_bool", kNegative, "a feature's name", system_info::kFeaturePrefix},
-      {"GetItemDataList", kAny, "a list's name", prefdeck::kListPrefix},
-      {"CreateVideoControl", kNegative, "", ""},
-      {"GetPictureSize", kNegative, "", ""},
-      {"RegisterMessageHandler", kNotZero, "", ""},
-      {"GenericSyncCall", kNotZero, "an operation's name", kReplyPrefix},
-  }};
-  return calls;
-}
-
-vconf::Result<const FaultCall*> FindFaultCall(std::string_view name) {
-  const auto calls = FaultCalls();
-  const auto found = std::ranges::find(calls, name, &FaultCall::name);
-  if (found != calls.end()) {
-    return &*found;
-  }
-  std::string error = "no call \"" + std::string(name) + "\" can be made to fail, but these can:";
-  for (const FaultCall& call : calls) {
-    error.append(" ").append(call.name);
-  }
-  return vconf::Status(vconf::Code::kBadName, std::move(error));
-}
-
-vconf::Status AddFault(const vconf::Fault& fault) {
-  const auto found = FindFaultCall(fault.call);
-  if (!found.ok()) {
-    return found.status();
-  }
-  const FaultCall& call = **found;
-  if ((call.failures == kNotZero && fault.answer == 0) || (call.failures == kNegative && fault.answer >= 0)) {
-    return Bad(std::to_string(fault.answer) + " is no failure of " + fault.call + ": " + std::string(call.failures) +
-               " is one");
-  }
-  return vconf::SetFault(fault);
-}
-
-Json ToJson(const vconf::Fault& fault) {
-  Json json = Json::object();
-  json["call"] = fault.call;
-  json["path"] = fault.path;
-  json["answer"] = fault.answer;
-  json["times"] = fault.times;
-  return json;
-}
-
-vconf::Result<vconf::Fault> FaultFromJson(const ParsedJson& json) {
-  if (!json.is_object()) {
-    return Bad("a fault must be an object");
-  }
-  vconf::Fault fault{.call = {}, .path = "*", .answer = 0, .times = 0};
-  bool has_call = false;
-  bool has_answer = false;
-  for (const auto& [name, member] : json.items()) {
-    const auto value = ToValue(member);
-    const auto* text = value ? std::get_if<std::string>(&*value) : nullptr;
-    const auto* number = value ? std::get_if<int>(&*value) : nullptr;
-    if (name == "call" && text != nullptr) {
-      fault.call = *text;
-      has_call = true;
-    } else if (name == "path" && text != nullptr) {
-      fault.path = *text;
-    } else if (name == "answer" && number != nullptr) {
-      fault.answer = *number;
-      has_answer = true;
-    } else if (name == "times" && number != nullptr && *number >= 0) {
-      fault.times = static_cast<unsigned>(*number);
-    } else {
-      return Bad("a fault has no \"" + name + "\" like this");
-    }
-  }
-  if (!has_call || !has_answer) {
-    return Bad(R"(a fault needs "call" and "answer")");
-  }
-  return fault;
 }
 
 }  // namespace desk

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -52,37 +51,11 @@ vconf::Result<Json> DescribeSet();
 /// Nothing is changed when a part of it is not understood. The error names that part, such as "latency/getVersion".
 vconf::Status ChangeSet(const ParsedJson& change);
 
-/// What the store and a new set hold under `prefix`, by what stands behind it: what a path may be meant for. Operations
-/// of the embedder are known too, though the set holds a reply to none of them yet.
+/// What the store and a new set hold under `prefix`, by what stands behind it: what a path may be meant for. So are the
+/// two keys that the plug-in itself makes, and the embedder's operations, though a new set holds none of these.
 vconf::Result<std::vector<std::string>> KnownPaths(std::string_view prefix = "");
 
 /// Whether `path` lies where the set takes any name, such as a privilege.
 bool IsOpenPath(std::string_view path);
-
-/// The path of a fault that answers a call whatever its path.
-inline constexpr char kEveryPath[] = "*";
-
-/// A call that can be made to fail.
-struct FaultCall {
-  std::string_view name;
-  std::string_view failures;  ///< which answers are failures of it: "any", "any but 0" or "any below 0"
-  std::string_view path;      ///< what its path is, such as "a list's name"; empty when the call has none
-  std::string_view prefix;    ///< what `KnownPaths` takes for such paths
-};
-
-/// All calls that ask for faults.
-std::span<const FaultCall> FaultCalls();
-
-/// The call named `name`, or an error that lists all.
-vconf::Result<const FaultCall*> FindFaultCall(std::string_view name);
-
-/// Sets `fault`, or says that there is no such call, or that the answer is no failure of the call: whoever makes it
-/// would believe that it had done its work.
-vconf::Status AddFault(const vconf::Fault& fault);
-
-/// {"call": "vconf_get_int", "path": "*", "answer": -1, "times": 0}. Reading one back, `path` may be left out and is
-/// then "*", and so may `times`, which is then 0: until it is cleared.
-Json ToJson(const vconf::Fault& fault);
-vconf::Result<vconf::Fault> FaultFromJson(const ParsedJson& json);
 
 }  // namespace desk

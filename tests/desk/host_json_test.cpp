@@ -3,11 +3,14 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <ctime>
 #include <limits>
 #include <random>
 
 #include "browser_control.h"
 #include "set/catalog.h"
+#include "set/faults.h"
+#include "set/scenario.h"
 #include "set/simulated_set.h"
 #include "support/host_program.h"
 
@@ -135,6 +138,45 @@ TEST_F(SetTest, AChangeThatIsNotUnderstoodChangesNothingAndNamesItsPart) {
     EXPECT_EQ(status.code(), vconf::Code::kBadValue) << change;
     EXPECT_NE(status.text().find(part), std::string::npos) << status.text();
     EXPECT_EQ(*DescribeSet(), before) << change;
+  }
+}
+
+TEST_F(SetTest, AScenarioBringsTheWholeSetBack) {
+  const std::string store = folder_ / "store";
+  EXPECT_TRUE(ListScenarios(store)->empty());
+  ASSERT_EQ(ChangeSet(Parsed(R"({"b2b":null,"pictureSize":3,"latency":{"getVersion":9}})")).text(), "");
+  ASSERT_EQ(vconf::Set("memory/mine", "a\nb").text(), "");
+  ASSERT_EQ(AddFault({"vconf_get_int", "db/a", -3, 2}).text(), "");
+  const Json saved = *DescribeState();
+  ASSERT_EQ(SaveScenario(store, "no-product", *DescribeScenario()).text(), "");
+  ASSERT_EQ(SaveScenario(store, "A.1", Parsed(R"({"state":{"db/menu/caption/caption":1}})")).text(), "");
+  std::ofstream(store + "/scenarios/half.json~1") << "{";
+  ASSERT_EQ(ResetSet().text(), "");
+  ASSERT_EQ(LoadScenario(*ReadScenario(store, "no-product")).text(), "");
+  EXPECT_EQ(*DescribeState(), saved);
+  ASSERT_EQ(LoadScenario(*ReadScenario(store, "A.1")).text(), "");
+  EXPECT_EQ(*vconf::Get("db/menu/caption/caption"), vconf::Value(1));
+  EXPECT_EQ((*DescribeSet())["b2b"], true) << "what is not named is as in a new set";
+  EXPECT_TRUE(vconf::ListFaults()->empty());
+
+  const auto files = *ListScenarios(store);
+  ASSERT_EQ(files.size(), 2U);
+  EXPECT_EQ(files[0].name + " " + files[1].name, "A.1 no-product");
+  EXPECT_LT(std::abs(files[1].saved - std::time(nullptr) * std::int64_t{1000}), 600'000);
+  EXPECT_EQ(RemoveScenario(store, "A.1").text(), "");
+  EXPECT_EQ(RemoveScenario(store, "A.1").code(), vconf::Code::kMissing);
+  EXPECT_EQ(ReadScenario(store, "A.1").status().code(), vconf::Code::kMissing);
+
+  const Json before = *DescribeState();
+  for (const char* bad : {"[]", R"({"state":[]})", R"({"state":{"db/a":1.5}})", R"({"faults":[{"call":"x"}]})",
+                          R"({"state":{"db/mine":1},"faults":[{"call":"vconf_get_int","answer":0}]})"}) {
+    EXPECT_EQ(SaveScenario(store, "bad", Parsed(bad)).code(), vconf::Code::kBadValue) << bad;
+    EXPECT_EQ(LoadScenario(Parsed(bad)).code(), vconf::Code::kBadValue) << bad;
+  }
+  EXPECT_EQ(LoadScenario(Parsed(R"({"state":{"db/mine":1,"elsewhere/a":1}})")).code(), vconf::Code::kBadName);
+  EXPECT_EQ(*DescribeState(), before);
+  for (const std::string& name : {std::string(), std::string("../a"), std::string("a/b"), std::string(65, 'a')}) {
+    EXPECT_EQ(SaveScenario(store, name, before).code(), vconf::Code::kBadName) << name;
   }
 }
 

@@ -14,6 +14,7 @@
 #include "browser_control.h"
 #include "dlog_control.h"
 #include "ppapi/c/ppb_extension_system_norvika.h"
+#include "set/faults.h"
 #include "set/simulated_set.h"
 #include "support/files.h"
 #include "vconf_control.h"

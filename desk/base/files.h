@@ -1,0 +1,20 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "vconf_control.h"
+
+namespace desk {
+
+/// The failure of a call on `file` that left `error` in errno.
+vconf::Status FileStatus(int error, const std::string& file);
+
+/// All bytes of a regular file.
+vconf::Result<std::string> ReadFile(const std::string& file);
+
+/// Gives `file` this content in one step and durably: a reader sees the old one or the new one, also after a crash. The
+/// folder must exist.
+vconf::Status ReplaceFile(const std::string& file, std::string_view content);
+
+}  // namespace desk

@@ -1,0 +1,113 @@
+#include "set/faults.h"
+
+#include <algorithm>
+#include <array>
+#include <string>
+#include <utility>
+
+#include "prefdeck_control.h"
+#include "set/simulated_set.h"
+#include "system_info_control.h"
+
+namespace desk {
+namespace {
+
+constexpr std::string_view kAny = "any";
+constexpr std::string_view kNotZero = "any but 0";
+constexpr std::string_view kNegative = "any below 0";
+
+}  // namespace
+
+std::span<const FaultCall> FaultCalls() {
+  constexpr std::string_view kKey = "a key's path";
+  // As the calls' own declarations have it.
+  static constexpr std::array<FaultCall, 13> calls{{
+      {"vconf_get_int", kNotZero, kKey, ""},
+      {"vconf_get_bool", kNotZero, kKey, ""},
+      {"vconf_set_int", kNotZero, kKey, ""},
+      {"vconf_set_bool", kNotZero, kKey, ""},
+      {"vconf_sync_key", kNegative, kKey, ""},
+      {"vconf_notify_key_changed", kNegative, kKey, ""},
+      {"vconf_ignore_key_changed", kNegative, kKey, ""},
+      {"system_info_get_custom_bool", kNegative, "a feature's name", system_info::kFeaturePrefix},
+      {"GetItemDataList", kAny, "a list's name", prefdeck::kListPrefix},
+      {"CreateVideoControl", kNegative, "", ""},
+      {"GetPictureSize", kNegative, "", ""},
+      {"RegisterMessageHandler", kNotZero, "", ""},
+      {"GenericSyncCall", kNotZero, "an operation's name", kReplyPrefix},
+  }};
+  return calls;
+}
+
+vconf::Result<const FaultCall*> FindFaultCall(std::string_view name) {
+  const auto calls = FaultCalls();
+  const auto found = std::ranges::find(calls, name, &FaultCall::name);
+  if (found != calls.end()) {
+    return &*found;
+  }
+  std::string error = "no call \"" + std::string(name) + "\" can be made to fail, but these can:";
+  for (const FaultCall& call : calls) {
+    error.append(" ").append(call.name);
+  }
+  return vconf::Status(vconf::Code::kBadName, std::move(error));
+}
+
+vconf::Status CheckFault(const vconf::Fault& fault) {
+  const auto found = FindFaultCall(fault.call);
+  if (!found.ok()) {
+    return found.status();
+  }
+  const FaultCall& call = **found;
+  if ((call.failures == kNotZero && fault.answer == 0) || (call.failures == kNegative && fault.answer >= 0)) {
+    return BadValue(std::to_string(fault.answer) + " is no failure of " + fault.call + ": " +
+                    std::string(call.failures) + " is one");
+  }
+  return {};
+}
+
+vconf::Status AddFault(const vconf::Fault& fault) {
+  auto status = CheckFault(fault);
+  return status.ok() ? vconf::SetFault(fault) : status;
+}
+
+Json ToJson(const vconf::Fault& fault) {
+  Json json = Json::object();
+  json["call"] = fault.call;
+  json["path"] = fault.path;
+  json["answer"] = fault.answer;
+  json["times"] = fault.times;
+  return json;
+}
+
+vconf::Result<vconf::Fault> FaultFromJson(const ParsedJson& json) {
+  if (!json.is_object()) {
+    return BadValue("a fault must be an object");
+  }
+  vconf::Fault fault{.call = {}, .path = "*", .answer = 0, .times = 0};
+  bool has_call = false;
+  bool has_answer = false;
+  for (const auto& [name, member] : json.items()) {
+    const auto value = ToValue(member);
+    const auto* text = value ? std::get_if<std::string>(&*value) : nullptr;
+    const auto* number = value ? std::get_if<int>(&*value) : nullptr;
+    if (name == "call" && text != nullptr) {
+      fault.call = *text;
+      has_call = true;
+    } else if (name == "path" && text != nullptr) {
+      fault.path = *text;
+    } else if (name == "answer" && number != nullptr) {
+      fault.answer = *number;
+      has_answer = true;
+    } else if (name == "times" && number != nullptr && *number >= 0) {
+      fault.times = static_cast<unsigned>(*number);
+    } else {
+      return BadValue("a fault has no \"" + name + "\" like this");
+    }
+  }
+  if (!has_call || !has_answer) {
+    return BadValue(R"(a fault needs "call" and "answer")");
+  }
+  return fault;
+}
+
+}  // namespace desk
