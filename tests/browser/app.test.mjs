@@ -81,7 +81,7 @@ describe("pages and their plug-ins", () => {
     await Promise.all([caption(first, "visible"), caption(second, "visible")]);
 
     await Promise.all([
-      notice(first, "The plug-in has crashed."),
+      notice(first, "The plug-in has crashed: "),
       desk.call("POST", `/api/pages/${id}/kill`),
     ]);
     await desk.mirado("set", CAPTION, "0");

@@ -18,7 +18,7 @@ const run = (program, ...args) => execFileSync(program, args, { cwd: folder, enc
 it("packs, installs, imports and type-checks outside of its folder", () => {
   const [packed] = JSON.parse(run("npm", "pack", "--json", packageFolder));
   assert.deepEqual(packed.files.map(({ path }) => path).sort(),
-                   ["README.md", "mirado.d.ts", "mirado.js", "package.json"]);
+                   ["README.md", "mirado.classic.js", "mirado.d.ts", "mirado.js", "package.json", "testing.d.ts", "testing.js"]);
 
   writeFileSync(join(folder, "package.json"), '{ "type": "module" }');
   run("npm", "install", "--offline", "--no-save", `./${packed.filename}`);
@@ -33,6 +33,8 @@ it("packs, installs, imports and type-checks outside of its folder", () => {
 
   const typescript = createRequire(join(here, "../browser/package.json")).resolve("typescript/package.json");
   copyFileSync(join(here, "types.ts"), join(folder, "types.ts"));
-  run("node", join(dirname(typescript), "bin/tsc"), "--noEmit", "--strict", "--target", "es2020", "--module", "nodenext",
-      "--types", "", "types.ts");
+  writeFileSync(join(folder, "classic.ts"), `/// <reference types="mirado" />
+    const version: string = mirado.connect(document.querySelector("embed")!).getVersion();`);
+  run("node", join(dirname(typescript), "bin/tsc"), "--noEmit", "--strict", "--target", "es2020", "--module", "esnext",
+      "--moduleResolution", "bundler", "--moduleDetection", "legacy", "--types", "", "types.ts", "classic.ts");
 });

@@ -1,5 +1,8 @@
 // Compiled, never run: what a page may write, and what the types refuse.
-import { connect, MENU_KEY_CAPTION, MENU_KEY_VOICE_GUIDE_SPEED, MIRADO_KEY_BG_EXECUTABLE, MiradoError } from "mirado";
+import { connect, keepConnected, MENU_KEY_CAPTION, MENU_KEY_VOICE_GUIDE_SPEED, MIRADO_KEY_BG_EXECUTABLE, MiradoError,
+         VOICE_GUIDE_SPEED } from "mirado";
+import type { MiradoRequest } from "mirado";
+import { fakePlugin } from "mirado/testing";
 
 const mirado = connect(document.querySelector("embed")!);
 
@@ -10,6 +13,27 @@ const unsubscribe: () => void = mirado.onChanged(MIRADO_KEY_BG_EXECUTABLE, (key:
 const code = (error: unknown): 9 | 18 | 26 | 9999 | undefined =>
   error instanceof MiradoError ? error.code : undefined;
 
+const fast: Promise<number> = mirado.setMenuValue(MENU_KEY_VOICE_GUIDE_SPEED, VOICE_GUIDE_SPEED[speed]);
+const cause: Promise<string | undefined> = mirado.whenGone.then(({ detail }) => detail?.reason);
+const end: () => void = keepConnected(document.querySelector("embed")!, (client, { width }) => client.getVersion() + width);
+const plugin = fakePlugin();
+const title: string = connect(plugin).getVersion();
+plugin.set.fails.read = plugin.messages.length > 1;
+
+// A page that does without the client.
+const embed = document.querySelector("embed")!;
+const request: MiradoRequest = { command: "setMenuValue", propertyKey: MENU_KEY_CAPTION, value: 1 };
+embed.postMessage(request);
+embed.addEventListener("message", ({ data }) => {
+  if (typeof data === "string") data satisfies "Unregister" | "Error while registering MessageHandler";
+  else if ("event" in data) data.value satisfies number;
+  else data.command satisfies string;
+});
+embed.addEventListener("crash", ({ detail }) => detail?.signal satisfies number | null | undefined);
+embed.addEventListener("click", ({ type }) => type satisfies string);
+
+// @ts-expect-error: a message of another command
+const wrong: MiradoRequest = { command: "getMenuValue", value: 1 };
 // @ts-expect-error: no such setting
 mirado.getMenuValue(22);
 // @ts-expect-error: the voice guide's speed reads as a name

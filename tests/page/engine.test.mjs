@@ -1,0 +1,73 @@
+// What an engine of generation 47 loads, against what it knows: the language by parsing, the platform by the table in
+// docs/engines.md.
+import assert from "node:assert/strict";
+import { readFileSync } from "node:fs";
+import { createRequire } from "node:module";
+import { it } from "node:test";
+import { fileURLToPath } from "node:url";
+import { gzipSync } from "node:zlib";
+
+const root = fileURLToPath(new URL("../../", import.meta.url));
+const require = createRequire(`${root}tests/browser/package.json`);
+const acorn = require("acorn");
+const walk = require("acorn-walk");
+const terser = require("terser");
+const GENERATION = 47;
+const files = { "page/mirado.classic.js": 5 }; // and the level of the language that it keeps to
+
+const text = (file) => readFileSync(root + file, "utf8");
+const known = new Map(Array.from(text("docs/engines.md").matchAll(/^\| `(\w+)` \|.*\| (\d+) \|$/gm),
+                                 ([, name, since]) => [name, Number(since)]));
+
+// Names of ECMAScript 5, and of what the plug-in and the desk say.
+const USUAL = new Set(("Object String Number Array Date Math JSON Error TypeError create freeze defineProperty keys " +
+  "hasOwnProperty now min max floor splice forEach map filter some every join concat replace test exec split substring " +
+  "push pop shift slice indexOf length parse stringify apply call bind toLowerCase charAt message stack name " +
+  "errorMessage errorName code signal status reason data detail postMessage postMessageAndAwaitResponse pluginGone"
+).split(" "));
+
+// What ECMAScript 2015 has and the generation has not.
+const MISSING = {
+  AssignmentPattern: "a default value", ArrayPattern: "destructuring", ObjectPattern: "destructuring",
+  ImportDeclaration: "modules", ExportNamedDeclaration: "modules",
+};
+
+// The names in `file` that are not its own: globals, and members that it defines nowhere.
+function foreignNames(tree) {
+  const own = new Set(["arguments", "undefined", ...USUAL]);
+  const used = new Set();
+  const declare = (pattern) => { if (pattern) own.add(pattern.name); };
+  walk.full(tree, (node) => {
+    const missing = MISSING[node.type] || (node.regex && /[^gim]/.test(node.regex.flags) && "a flag of a pattern");
+    assert.ok(!missing, `line ${node.loc && node.loc.start.line}: ${missing}`);
+    if (node.id) declare(node.id);
+    (node.params || []).forEach((one) => declare(one.argument || one));
+    if (node.type === "CatchClause") declare(node.param);
+    if (node.key && !node.computed) own.add(node.key.name || node.key.value);
+    if (node.type === "AssignmentExpression" && node.left.property) own.add(node.left.property.name);
+    if (node.operator === "typeof") declare(node.argument); // asked for, not relied on
+    if (node.type === "MemberExpression" && !node.computed) used.add(node.property.name);
+    if (node.type === "Identifier") used.add(node.name);
+  });
+  return [...used].filter((name) => !own.has(name));
+}
+
+for (const [file, ecmaVersion] of Object.entries(files)) {
+  it(`generation ${GENERATION} knows all that ${file} uses`, () => {
+    const tree = acorn.parse(text(file), { ecmaVersion, locations: true });
+    const names = foreignNames(tree);
+    assert.deepEqual(names.filter((name) => !(known.get(name) <= GENERATION)), [], "not in docs/engines.md, or too new");
+  });
+}
+
+it("docs/engines.md names nothing that is not used", () => {
+  const all = Object.keys(files).map(text).join();
+  assert.deepEqual([...known.keys()].filter((name) => !new RegExp(`\\b${name}\\b`).test(all)), []);
+});
+
+it("the classic client has 3 kB, minified and compressed", async () => {
+  const { code } = await terser.minify(text("page/mirado.classic.js"), { ecma: 5, toplevel: false });
+  const size = gzipSync(code, { level: 9 }).length;
+  console.log(`# ${size} bytes, ${code.length} before compression`);
+  assert.ok(size <= 3072, `${size} bytes`);
+});

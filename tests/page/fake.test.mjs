@@ -1,0 +1,99 @@
+// One suite for the fake plug-in and the real one: in each state of the set both get the same messages, and must reply
+// and deliver the same.
+import assert from "node:assert/strict";
+import { execFileSync } from "node:child_process";
+import { mkdtempSync, readFileSync, rmSync } from "node:fs";
+import { tmpdir } from "node:os";
+import { join } from "node:path";
+import { after, it } from "node:test";
+import { fileURLToPath } from "node:url";
+import { fakePlugin } from "../../page/testing.js";
+
+const root = fileURLToPath(new URL("../../", import.meta.url));
+const program = process.env.MIRADO ?? `${root}build/release/bin/mirado`;
+const catalog = JSON.parse(readFileSync(`${root}desk/set/catalog.json`, "utf8"));
+const folder = mkdtempSync(join(tmpdir(), "mirado-fake-"));
+after(() => rmSync(folder, { recursive: true }));
+const run = (args, input) => execFileSync(program, [...args, "--store", join(folder, "store")],
+  { input, encoding: "utf8", stdio: ["pipe", "pipe", "ignore"] });
+
+const keys = [undefined, -1, ...Array(23).keys(), 7.5, "7", null, true, 2 ** 31];
+const values = [undefined, 0, 5, 256, -1, 2 ** 31 - 1, -(2 ** 31), 2 ** 31, 1.5, "FAST", "", null, true, []];
+const odd = [1, "getVersion", null, [], {}, { command: 7 }, { command: "no such" }, { command: "constructor" }];
+const commands = catalog.commands.map(({ name }) => name);
+const changes = catalog.settings.map(({ path, type }) => ({ set: { [path]: type === "bool" ? true : 300 } }));
+
+const messages = [
+  ...odd.flatMap((message) => [{ send: message }, { post: message }]),
+  ...commands.flatMap((command) => keys.flatMap((key) =>
+    [{ send: { command, propertyKey: key, show: key, status: key } }, { post: { command, propertyKey: key, value: 3 } }])),
+  // By now every setting has been watched and is not any more.
+  ...["menu", "mirado"].flatMap((table) => catalog.settings.filter((setting) => setting.table === table)
+    .map(({ key }) => ({ send: { command: catalog.tables[table].watch, propertyKey: key } }))),
+  ...keys.flatMap((propertyKey) => values.map((value) => ({ post: { command: "setMenuValue", propertyKey, value } }))),
+  { settle: true }, ...changes, ...changes,
+  ...keys.flatMap((propertyKey) => [{ send: { command: "getMenuValue", propertyKey } },
+    { post: { command: "setMenuValue", propertyKey, value: 5 } }, { send: { command: "getMiradoValue", propertyKey } }]),
+  { settle: true },
+];
+
+// Replies, events and answers to posts; how these three lie between each other is not fixed.
+function sorted(said) {
+  const delivered = said.flatMap(({ message }) => message ?? []).filter((message) => message !== "Unregister");
+  return { replies: said.flatMap(({ reply }) => reply ?? []), events: delivered.filter(({ event }) => event !== undefined),
+           answers: delivered.filter(({ command }) => command !== undefined) };
+}
+
+function real(words) {
+  run(["reset"]);
+  for (const each of words) run(each);
+  const output = run(["host"], messages.map((line) => `${JSON.stringify(line)}\n`).join(""));
+  return sorted(output.trim().split("\n").map((line) => JSON.parse(line)));
+}
+
+async function fake(prepare) {
+  const plugin = fakePlugin();
+  prepare(plugin);
+  const said = [];
+  plugin.addEventListener("message", ({ data }) => said.push({ message: data }));
+  for (const { send, post, set } of messages) {
+    if (send !== undefined) said.push({ reply: plugin.postMessageAndAwaitResponse(send) });
+    else if (post !== undefined) plugin.postMessage(post);
+    else if (set) for (const [path, value] of Object.entries(set)) plugin.settings.set(nameOf(path), value);
+    else await plugin.settle();
+  }
+  return sorted(said);
+}
+const nameOf = (wanted) => catalog.settings.find(({ path }) => path === wanted).name;
+
+const states = {
+  "in order": [[], () => {}],
+  "that is no B2B product": [[["set-up", "b2b", "off"]], ({ set }) => { set.b2b = false; }],
+  "that does not know what it is": [[["set-up", "b2b", "unknown"]], ({ set }) => { set.b2b = null; }],
+  "whose application lacks the privilege": [[["set-up", "privilege", "off"]], ({ set }) => { set.privilege = false; }],
+  "without lists or video": [
+    [["set-up", "list", "primary-audio-language", "--remove"], ["set-up", "picture-size", "none"]],
+    ({ set }) => { set.lists["primary-audio-language"] = null; set.pictureSize = null; }],
+  "with another picture and a short list": [
+    [["set-up", "list", "secondary-audio-language", "5=Five"], ["set-up", "picture-size", "2"]],
+    ({ set }) => { set.lists["secondary-audio-language"] = [5]; set.pictureSize = 2; }],
+  "that cannot be read": [
+    [["fault", "vconf_get_int", "-1"], ["fault", "vconf_get_bool", "-1"]], ({ set }) => { set.fails.read = true; }],
+  "that cannot be written": [
+    [["fault", "vconf_set_int", "-1"], ["fault", "vconf_set_bool", "-1"]], ({ set }) => { set.fails.write = true; }],
+  "that cannot be watched": [
+    [["fault", "vconf_notify_key_changed", "-1"], ["fault", "vconf_ignore_key_changed", "-1"]],
+    ({ set }) => { set.fails.watch = true; }],
+};
+for (const [name, [words, prepare]] of Object.entries(states)) {
+  it(`is one plug-in on a set ${name}`, async () => {
+    const expected = real(words);
+    const got = await fake(prepare);
+    assert.ok(expected.replies.length > 300 && expected.answers.length > 600);
+    for (const kind of Object.keys(expected)) {
+      const first = expected[kind].findIndex((one, index) => JSON.stringify(one) !== JSON.stringify(got[kind][index]));
+      assert.deepEqual(got[kind].slice(first, first + 1), expected[kind].slice(first, first + 1), `${kind} ${first}`);
+      assert.equal(got[kind].length, expected[kind].length);
+    }
+  });
+}
