@@ -4,8 +4,8 @@
 
 /// The settings, each one row: the key's enumerator and its store path. A row's place is its key number.
 ///
-/// A change is traced back to its key by the first row that the changed path begins or equals, so a longer path must
-/// not stand ahead of a shorter one that begins it. The build checks that.
+/// A changed path is traced back to its key by the first row whose path begins with it. So a path must stand ahead of
+/// every longer one that begins with it, which the build checks.
 #define MENU_CAPTION_ROWS(ROW)                                                                                \
   ROW(MENU_KEY_CAPTION, "db/menu/caption/caption")                                                            \
   ROW(MENU_KEY_CAPTION_MODE, "db/menu/caption/captionmode")                                                   \

@@ -2,6 +2,7 @@
 
 #include <sys/prctl.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -12,7 +13,6 @@
 #include "ExtensionSystemNorvikaWRT.h"
 #include "Log.h"
 #include "MenuValueManager.h"
-#include "ResultCode.h"
 #include "pp_base_message_handler.h"
 #include "ppapi/cpp/instance.h"
 #include "ppapi/cpp/instance_handle.h"
@@ -31,7 +31,7 @@ inline constexpr const char* MIRADO_PRIVILEGE = "http://norvika.com/privilege/mi
 ///
 /// Messages are handled on the worker's loop, one at a time. The change callbacks run on the store's notification
 /// thread; construction, `ClearAllVConfKeys` and destruction belong to the plug-in's main thread. What more than one of
-/// them reaches is guarded by `m_keysMutex` and by the register of live handlers.
+/// them reaches is guarded by `m_keysMutex` and by the register of handlers.
 class MiradoMessageHandler : public PPBaseMessageHandler {
  public:
   /// `instance` holds this handler and outlives it. Asks the embedder for the privilege, which blocks.
@@ -52,13 +52,14 @@ class MiradoMessageHandler : public PPBaseMessageHandler {
   /// A copy of the instance, for calls off the worker.
   pp::Instance GetInstance();
 
-  /// Registers this handler on the calling thread's loop and tells the page when that fails.
+  /// Registers this handler on the calling thread's loop and tells the page when that fails. For a runtime that serves
+  /// the handler on a loop of its own; `PluginMirado` registers it on the worker's loop itself and does not call this.
   void Register();
 
   /// Ends all subscriptions, empties both key sets and closes them: a later register command fails and calls no store.
   void ClearAllVConfKeys();
 
-  /// The row whose path `path` begins or equals, or -1. A null `path` is not allowed.
+  /// The first row whose path begins with `path`, or -1. A null `path` is not allowed.
   static int ConvertCaptionKey(const char* path);
   static int ConvertMiradoChangeKey(const char* path);
 
@@ -67,7 +68,7 @@ class MiradoMessageHandler : public PPBaseMessageHandler {
   static void MiradoChangeCb(_keynode_t* node, void* data);
 
  private:
-  struct SubscriptionCommand;
+  struct KeyTable;
   struct ChangeEvent;
   struct CaptionValueCommand;
 
@@ -92,10 +93,11 @@ class MiradoMessageHandler : public PPBaseMessageHandler {
   bool registerVconfKeysForMirado(unsigned int key);
   bool unRegisterVconfKeysForMirado(unsigned int key);
 
-  // What the subscription commands, the change callbacks and the caption commands share.
-  pp::Var changeSubscription(const pp::VarDictionary& dictionary, bool (MiradoMessageHandler::*worker)(unsigned int),
+  // What the subscription commands, the change callbacks and the caption commands share. The log names `operation`.
+  pp::Var answerSubscription(const pp::VarDictionary& dictionary, bool (MiradoMessageHandler::*worker)(unsigned int),
                              const char* name);
-  bool changeSubscription(const SubscriptionCommand& row, unsigned int key);
+  bool subscribe(const KeyTable& table, unsigned int key, const char* operation);
+  bool unsubscribe(const KeyTable& table, unsigned int key, const char* operation);
   static void sendChange(const ChangeEvent& event, _keynode_t* node, void* data);
   pp::Var publishCaptionValue(const CaptionValueCommand& row, const pp::VarDictionary& dictionary);
 
@@ -104,9 +106,9 @@ class MiradoMessageHandler : public PPBaseMessageHandler {
   void respondFailure(pp::Instance instance, const std::string& text, int code, const std::string& message,
                       pp::Var value = pp::Var(pp::Var::Null()));
 
-  /// Adds this handler to the register of live handlers, which the change callbacks consult, or leaves it.
-  void enterLiveRegister();
-  void leaveLiveRegister();
+  // The register of handlers is what the change callbacks look their handler up in.
+  void enterRegister();
+  void leaveRegister();
 
   using Command = pp::Var (MiradoMessageHandler::*)(const pp::VarDictionary&);
   static const std::map<std::string, Command> m_messageMap;
@@ -116,8 +118,9 @@ class MiradoMessageHandler : public PPBaseMessageHandler {
   std::set<std::string> m_captionVconfKeys;  // paths under subscription; guarded by m_keysMutex
   std::set<std::string> m_miradoVconfKeys;   // likewise
   bool hasPrivilege;
-  std::mutex m_keysMutex;     // may be held while the store is called, so no change callback takes it
-  bool m_keysClosed = false;  // set for good by ClearAllVConfKeys; guarded by m_keysMutex
+  std::mutex m_keysMutex;       // may be held while the store is called, so no change callback takes it
+  bool m_keysClosed = false;    // set for good by ClearAllVConfKeys; guarded by m_keysMutex
+  bool m_namedByStore = false;  // the store refused to end a subscription; guarded by m_keysMutex
 };
 
 inline MiradoMessageHandler::MiradoMessageHandler(pp::Instance* instance) : m_instance(instance) {
@@ -125,12 +128,12 @@ inline MiradoMessageHandler::MiradoMessageHandler(pp::Instance* instance) : m_in
   hasPrivilege = extension.CheckPrivilege(pp::Var(MIRADO_PRIVILEGE));
   MIRADO_LOG("[PluginMirado] hasPrivilege : %d", hasPrivilege);
   auto manager = std::make_unique<MenuValueManager>();
-  enterLiveRegister();  // may throw, and nobody would free the manager then
+  enterRegister();  // may throw, and nobody would free the manager then
   m_menuValueManager = manager.release();
 }
 
 inline MiradoMessageHandler::~MiradoMessageHandler() {
-  leaveLiveRegister();
+  leaveRegister();
   if (m_menuValueManager != nullptr) {
     delete m_menuValueManager;
     m_menuValueManager = nullptr;
@@ -148,8 +151,13 @@ class PluginMirado : public pp::Instance {
   /// True, whatever the embed element's parameters are.
   bool Init(std::uint32_t argc, const char* argn[], const char* argv[]) override;
 
+  static void* operator new(std::size_t size);
+  /// Frees the memory, unless the store refused to end a subscription of the handler that was in it.
+  static void operator delete(void* memory);
+
  private:
   MiradoMessageHandler message_handler_;
+  // For calls that the browser completes later. There is none yet, so no callback is drawn from it.
   pp::CompletionCallbackFactory<PluginMirado, pp::ThreadSafeThreadTraits> callback_factory_;
   pp::SimpleThreadAwaitLoop* additional_thread_;  // owned
 };

@@ -4,14 +4,13 @@
 #include <system_info.h>
 #include <vconf.h>
 
-#include <algorithm>
 #include <cstring>
 #include <optional>
 #include <shared_mutex>
 #include <string_view>
-#include <utility>
 
 #include "KeyTables.h"
+#include "ResultCode.h"
 #include "ppapi/cpp/message_loop.h"
 
 // ---------------------------------------------------------------------------------------------------------------------
@@ -26,7 +25,7 @@ constexpr KeyMapEntry g_MiradoKeyMap[MIRADO_MAP_SIZE] = {MIRADO_ROWS(KEY_ROW)};
 
 namespace {
 
-/// Whether every path of the table leads back to its own row, when the first row that begins with a path decides.
+/// Whether each path of the table is traced back to its own row (see KeyTables.h).
 template <std::size_t N>
 constexpr bool EveryPathFindsItsRow(const KeyMapEntry (&rows)[N]) {
   for (std::size_t row = 0; row < N; ++row) {
@@ -128,7 +127,7 @@ pp::Var MiradoMessageHandler::HandleBlockingMessageImpl(pp::InstanceHandle, cons
   if (const auto found = m_messageMap.find(command); found != m_messageMap.end()) {
     return (this->*found->second)(dictionary);
   }
-  MIRADO_LOG_AS(0, 6, __func__, "Can not handle the command!!");
+  MIRADO_LOG_AS(kMainLog, kError, __func__, "Can not handle the command!!");
   return failure(RESULT_NOT_SUPPORTED, "Command not recognized");
 }
 
@@ -139,11 +138,11 @@ void MiradoMessageHandler::HandleMessageImpl(pp::InstanceHandle handle, const pp
   }
   const pp::VarDictionary dictionary(message);
   if (!AcceptCommand(dictionary)) {
-    return respondFailure(instance, "", RESULT_INVALID_VALUE, "Parameter command is invalid");
+    return respondFailure(instance, strBlank, RESULT_INVALID_VALUE, "Parameter command is invalid");
   }
   if (command == "setMenuValue") return setMenuValue(instance, dictionary);
-  MIRADO_LOG_AS(0, 6, __func__, "Can not handle the command!!");
-  respondFailure(instance, command, RESULT_NOT_SUPPORTED, "Command" + command + " no recognized", pp::Var(""));
+  MIRADO_LOG_AS(kMainLog, kError, __func__, "Can not handle the command!!");
+  respondFailure(instance, command, RESULT_NOT_SUPPORTED, "Command" + command + " no recognized", pp::Var(strBlank));
 }
 
 void MiradoMessageHandler::WasUnregistered(pp::InstanceHandle handle) {
@@ -243,7 +242,7 @@ void MiradoMessageHandler::setMenuValue(pp::Instance instance, const pp::VarDict
   if (m_menuValueManager->setMenuValue(key, current) != RESULT_OK) {
     return refuse(RESULT_INVALID_VALUE, "setMenuValue was failed");
   }
-  responseData(instance, command, RESULT_OK, pp::Var(current.iValue), "", "Mirado setMenuValue success.");
+  responseData(instance, command, RESULT_OK, pp::Var(current.iValue), strBlank, "Mirado setMenuValue success.");
 }
 
 // ---------------------------------------------------------------------------------------------------------------------
@@ -258,14 +257,20 @@ struct MiradoMessageHandler::CaptionValueCommand {
 };
 
 pp::Var MiradoMessageHandler::showCaption(const pp::VarDictionary& dictionary) {
-  return publishCaptionValue({"showCaption", "show", MEM_CAPTION_PATH, "Parameter show is invalid",
-                              "Fail to set the show caption vconf value"},
+  return publishCaptionValue({.name = __func__,
+                              .request_key = "show",
+                              .path = MEM_CAPTION_PATH,
+                              .invalid = "Parameter show is invalid",
+                              .failed = "Fail to set the show caption vconf value"},
                              dictionary);
 }
 
 pp::Var MiradoMessageHandler::registerInAppCaptionControl(const pp::VarDictionary& dictionary) {
-  return publishCaptionValue({"registerInAppCaptionControl", "status", MEM_AVPLAY_PATH,
-                              "Parameter avplay status is invalid", "Fail to set the avplay status vconf value"},
+  return publishCaptionValue({.name = __func__,
+                              .request_key = "status",
+                              .path = MEM_AVPLAY_PATH,
+                              .invalid = "Parameter avplay status is invalid",
+                              .failed = "Fail to set the avplay status vconf value"},
                              dictionary);
 }
 
@@ -273,66 +278,63 @@ pp::Var MiradoMessageHandler::publishCaptionValue(const CaptionValueCommand& row
   const auto value = IntEntry(dictionary, row.request_key);
   if (!value) return failure(RESULT_INVALID_VALUE, row.invalid);
   if (vconf_set_int(row.path, *value) != 0) {
-    MIRADO_LOG_AS(0, 4, row.name, "Fail to set the config value, key = %s, vlaue = %d", row.path, *value);
+    MIRADO_LOG_FOR(row.name, "Fail to set the config value, key = %s, vlaue = %d", row.path, *value);
     return failure(RESULT_FAILED, row.failed);
   }
   vconf_sync_key(row.path);
-  MIRADO_LOG_AS(0, 4, row.name, "SUCCESS to set the config value, key = %s, vlaue = %d", row.path, *value);
+  MIRADO_LOG_FOR(row.name, "SUCCESS to set the config value, key = %s, vlaue = %d", row.path, *value);
   return success(pp::Var(pp::Var::Null()));
 }
 
 // ---------------------------------------------------------------------------------------------------------------------
 // Subscriptions
 
-/// What tells the four commands apart.
-struct MiradoMessageHandler::SubscriptionCommand {
-  const char* name;
-  bool watches;  // or ends a watch
+/// One of the two key tables: what its subscription commands work on, and how their failures are logged.
+struct MiradoMessageHandler::KeyTable {
   const KeyMapEntry* rows;
   std::uint32_t size;
   std::set<std::string> MiradoMessageHandler::*keys;
   vconf_callback_fn callback;
   int failure_log_id;
   int failure_priority;
-  bool logs_entry;  // whether the log first says which path
 
-  static const SubscriptionCommand kRegisterCaption, kUnRegisterCaption, kRegisterMirado, kUnRegisterMirado;
+  static const KeyTable kCaption, kMirado;
 };
 
-using Handler = MiradoMessageHandler;
-
-// clang-format off
-constexpr Handler::SubscriptionCommand Handler::SubscriptionCommand::kRegisterCaption = {
-    "registerVconfKeysForCaption", true, g_MenuCaptionMap, CAPTION_SETTING_MAP_SIZE,
-    &Handler::m_captionVconfKeys, &Handler::CaptionVconfCb, 2, 6, true};
-constexpr Handler::SubscriptionCommand Handler::SubscriptionCommand::kUnRegisterCaption = {
-    "unRegisterVconfKeysForCaption", false, g_MenuCaptionMap, CAPTION_SETTING_MAP_SIZE,
-    &Handler::m_captionVconfKeys, &Handler::CaptionVconfCb, 2, 6, false};
-constexpr Handler::SubscriptionCommand Handler::SubscriptionCommand::kRegisterMirado = {
-    "registerVconfKeysForMirado", true, g_MiradoKeyMap, MIRADO_MAP_SIZE,
-    &Handler::m_miradoVconfKeys, &Handler::MiradoChangeCb, 0, 4, false};
-constexpr Handler::SubscriptionCommand Handler::SubscriptionCommand::kUnRegisterMirado = {
-    "unRegisterVconfKeysForMirado", false, g_MiradoKeyMap, MIRADO_MAP_SIZE,
-    &Handler::m_miradoVconfKeys, &Handler::MiradoChangeCb, 0, 4, false};
-// clang-format on
+constexpr MiradoMessageHandler::KeyTable MiradoMessageHandler::KeyTable::kCaption = {
+    .rows = g_MenuCaptionMap,
+    .size = CAPTION_SETTING_MAP_SIZE,
+    .keys = &MiradoMessageHandler::m_captionVconfKeys,
+    .callback = &MiradoMessageHandler::CaptionVconfCb,
+    .failure_log_id = kSystemLog,
+    .failure_priority = kError,
+};
+constexpr MiradoMessageHandler::KeyTable MiradoMessageHandler::KeyTable::kMirado = {
+    .rows = g_MiradoKeyMap,
+    .size = MIRADO_MAP_SIZE,
+    .keys = &MiradoMessageHandler::m_miradoVconfKeys,
+    .callback = &MiradoMessageHandler::MiradoChangeCb,
+    .failure_log_id = kMainLog,
+    .failure_priority = kInfo,
+};
 
 pp::Var MiradoMessageHandler::registerVconfKeysForCaption(const pp::VarDictionary& dictionary) {
-  return changeSubscription(dictionary, &MiradoMessageHandler::registerVconfKeysForCaption, __func__);
+  return answerSubscription(dictionary, &MiradoMessageHandler::registerVconfKeysForCaption, __func__);
 }
 
 pp::Var MiradoMessageHandler::unRegisterVconfKeysForCaption(const pp::VarDictionary& dictionary) {
-  return changeSubscription(dictionary, &MiradoMessageHandler::unRegisterVconfKeysForCaption, __func__);
+  return answerSubscription(dictionary, &MiradoMessageHandler::unRegisterVconfKeysForCaption, __func__);
 }
 
 pp::Var MiradoMessageHandler::registerVconfKeysForMirado(const pp::VarDictionary& dictionary) {
-  return changeSubscription(dictionary, &MiradoMessageHandler::registerVconfKeysForMirado, __func__);
+  return answerSubscription(dictionary, &MiradoMessageHandler::registerVconfKeysForMirado, __func__);
 }
 
 pp::Var MiradoMessageHandler::unRegisterVconfKeysForMirado(const pp::VarDictionary& dictionary) {
-  return changeSubscription(dictionary, &MiradoMessageHandler::unRegisterVconfKeysForMirado, __func__);
+  return answerSubscription(dictionary, &MiradoMessageHandler::unRegisterVconfKeysForMirado, __func__);
 }
 
-pp::Var MiradoMessageHandler::changeSubscription(const pp::VarDictionary& dictionary,
+pp::Var MiradoMessageHandler::answerSubscription(const pp::VarDictionary& dictionary,
                                                  bool (MiradoMessageHandler::*worker)(unsigned int), const char* name) {
   const auto key = IntEntry(dictionary, "propertyKey");
   if (!key) return failure(RESULT_INVALID_VALUE, "Parameter propertyKey is invalid");
@@ -341,64 +343,76 @@ pp::Var MiradoMessageHandler::changeSubscription(const pp::VarDictionary& dictio
 }
 
 bool MiradoMessageHandler::registerVconfKeysForCaption(unsigned int key) {
-  return changeSubscription(SubscriptionCommand::kRegisterCaption, key);
+  if (key < CAPTION_SETTING_MAP_SIZE) MIRADO_LOG("Key = %d, db = %s", key, g_MenuCaptionMap[key].path);
+  return subscribe(KeyTable::kCaption, key, __func__);
 }
 
 bool MiradoMessageHandler::unRegisterVconfKeysForCaption(unsigned int key) {
-  return changeSubscription(SubscriptionCommand::kUnRegisterCaption, key);
+  return unsubscribe(KeyTable::kCaption, key, __func__);
 }
 
 bool MiradoMessageHandler::registerVconfKeysForMirado(unsigned int key) {
-  return changeSubscription(SubscriptionCommand::kRegisterMirado, key);
+  return subscribe(KeyTable::kMirado, key, __func__);
 }
 
 bool MiradoMessageHandler::unRegisterVconfKeysForMirado(unsigned int key) {
-  return changeSubscription(SubscriptionCommand::kUnRegisterMirado, key);
+  return unsubscribe(KeyTable::kMirado, key, __func__);
 }
 
-bool MiradoMessageHandler::changeSubscription(const SubscriptionCommand& row, unsigned int key) {
-  if (key >= row.size) {
-    MIRADO_LOG_AS(row.failure_log_id, row.failure_priority, row.name, "Not supported Key  = %d", key);
+bool MiradoMessageHandler::subscribe(const KeyTable& table, unsigned int key, const char* operation) {
+  if (key >= table.size) {
+    MIRADO_LOG_AS(table.failure_log_id, table.failure_priority, operation, "Not supported Key  = %d", key);
     return false;
   }
-  const char* verb = row.watches ? "register" : "unregister";
-  const char* const path = row.rows[key].path;
-  if (row.logs_entry) MIRADO_LOG_AS(0, 4, row.name, "Key = %d, db = %s", key, path);
-
+  const char* const path = table.rows[key].path;
   const std::lock_guard lock(m_keysMutex);
-  std::set<std::string>& keys = this->*row.keys;
-  if (keys.contains(path) != row.watches) {
+  std::set<std::string>& keys = this->*table.keys;
+  if (!keys.contains(path)) {
     // Once the keys have been cleared nothing may be subscribed any more: nobody would end it.
-    const bool refused = row.watches ? m_keysClosed || vconf_notify_key_changed(path, row.callback, this) < 0
-                                     : vconf_ignore_key_changed(path, row.callback) < 0;
-    if (refused) {
-      MIRADO_LOG_AS(row.failure_log_id, row.failure_priority, row.name, "unable to %s a vconf changed cb to key: %d",
-                    verb, key);
+    if (m_keysClosed || vconf_notify_key_changed(path, table.callback, this) < 0) {
+      MIRADO_LOG_AS(table.failure_log_id, table.failure_priority, operation,
+                    "unable to register a vconf changed cb to key: %d", key);
       return false;
     }
-    if (row.watches) {
-      keys.insert(path);
-    } else {
-      keys.erase(path);
-    }
+    keys.insert(path);
   }
-  MIRADO_LOG_AS(0, 4, row.name, "success to %s a vconf changed cb to key: key: %d", verb, key);
+  MIRADO_LOG_FOR(operation, "success to register a vconf changed cb to key: key: %d", key);
+  return true;
+}
+
+bool MiradoMessageHandler::unsubscribe(const KeyTable& table, unsigned int key, const char* operation) {
+  if (key >= table.size) {
+    MIRADO_LOG_AS(table.failure_log_id, table.failure_priority, operation, "Not supported Key  = %d", key);
+    return false;
+  }
+  const char* const path = table.rows[key].path;
+  const std::lock_guard lock(m_keysMutex);
+  std::set<std::string>& keys = this->*table.keys;
+  if (keys.contains(path)) {
+    if (vconf_ignore_key_changed(path, table.callback) < 0) {
+      MIRADO_LOG_AS(table.failure_log_id, table.failure_priority, operation,
+                    "unable to unregister a vconf changed cb to key: %d", key);
+      return false;
+    }
+    keys.erase(path);
+  }
+  MIRADO_LOG_FOR(operation, "success to unregister a vconf changed cb to key: key: %d", key);
   return true;
 }
 
 void MiradoMessageHandler::ClearAllVConfKeys() {
-  const auto clear = [](std::set<std::string>& keys, vconf_callback_fn callback) {
+  const std::lock_guard lock(m_keysMutex);
+  m_keysClosed = true;
+  for (const KeyTable* table : {&KeyTable::kCaption, &KeyTable::kMirado}) {
+    std::set<std::string>& keys = this->*table->keys;
     for (const std::string& path : keys) {
-      if (vconf_ignore_key_changed(path.c_str(), callback) < 0) {
-        MIRADO_LOG_AS(0, 4, "ClearAllVConfKeys", "unable to unregister a vconf changed cb to key: %s", path.c_str());
+      if (vconf_ignore_key_changed(path.c_str(), table->callback) < 0) {
+        MIRADO_LOG("unable to unregister a vconf changed cb to key: %s", path.c_str());
+        m_namedByStore = true;
       }
     }
     keys.clear();
-  };
-  const std::lock_guard lock(m_keysMutex);
-  m_keysClosed = true;
-  clear(m_captionVconfKeys, &CaptionVconfCb);
-  clear(m_miradoVconfKeys, &MiradoChangeCb);
+  }
 }
 
 // ---------------------------------------------------------------------------------------------------------------------
@@ -406,39 +420,59 @@ void MiradoMessageHandler::ClearAllVConfKeys() {
 
 namespace {
 
-/// The first row that begins with the whole of `path`, or -1.
+/// The first row whose path begins with `path`, or -1, which is logged for `operation`.
 int RowOf(const char* path, const KeyMapEntry* rows, std::uint32_t size, const char* operation) {
   const std::size_t length = std::strlen(path);
   for (std::uint32_t row = 0; row < size; ++row) {
     if (std::strncmp(path, rows[row].path, length) == 0) return static_cast<int>(row);
   }
-  MIRADO_LOG_AS(0, 4, operation, "Can't find the key[%d]", size);
+  MIRADO_LOG_FOR(operation, "Can't find the key[%d]", size);
   return -1;
 }
 
-/// The handlers that may still be reached. A change callback holds the register shared for its whole run and drops its
-/// event when its handler is not in it, so that it never touches a destroyed one, whatever the store still delivers.
-struct LiveRegister {
+/// The handlers that the store may name, and whether each is alive. A change callback holds the register shared for its
+/// whole run and drops its event when its handler is not alive, so it never touches a destroyed one.
+///
+/// A destroyed handler stays in the register when the store refused to end one of its subscriptions. Its memory is then
+/// never used again: a callback names its handler by address alone, and a later handler there would get its events.
+struct HandlerRegister {
   std::shared_mutex mutex;
-  std::set<const MiradoMessageHandler*> handlers;
+  std::map<const MiradoMessageHandler*, bool> alive;
 };
 
-LiveRegister& Live() {
+HandlerRegister& Handlers() {
   // Never destroyed: the store's thread may call back until the process ends.
-  static auto* const live = new LiveRegister;
-  return *live;
+  static auto* const handlers = new HandlerRegister;
+  return *handlers;
 }
 
 }  // namespace
 
-void MiradoMessageHandler::enterLiveRegister() {
-  const std::unique_lock lock(Live().mutex);
-  Live().handlers.insert(this);
+void MiradoMessageHandler::enterRegister() {
+  const std::unique_lock lock(Handlers().mutex);
+  Handlers().alive[this] = true;
 }
 
-void MiradoMessageHandler::leaveLiveRegister() {
-  const std::unique_lock lock(Live().mutex);
-  Live().handlers.erase(this);
+void MiradoMessageHandler::leaveRegister() {
+  const std::unique_lock lock(Handlers().mutex);
+  if (m_namedByStore) {
+    Handlers().alive[this] = false;
+  } else {
+    Handlers().alive.erase(this);
+  }
+}
+
+// Not inlined, because GCC then warns that the class's `delete` frees what the global `new` made.
+[[gnu::noinline]] void* PluginMirado::operator new(std::size_t size) { return ::operator new(size); }
+
+void PluginMirado::operator delete(void* memory) {
+  {
+    const std::shared_lock lock(Handlers().mutex);
+    const auto handler = Handlers().alive.lower_bound(static_cast<const MiradoMessageHandler*>(memory));
+    const void* const end = static_cast<const char*>(memory) + sizeof(PluginMirado);
+    if (handler != Handlers().alive.end() && handler->first < end) return;
+  }
+  ::operator delete(memory);
 }
 
 int MiradoMessageHandler::ConvertCaptionKey(const char* path) {
@@ -452,38 +486,46 @@ int MiradoMessageHandler::ConvertMiradoChangeKey(const char* path) {
 }
 
 struct MiradoMessageHandler::ChangeEvent {
-  const char* callback;  // the operation's name in the log
+  const char* callback;  // its name in the log
   const char* name;
   const char* setting;  // how the log names what changed
   int (*convert)(const char* path);
 };
 
 void MiradoMessageHandler::CaptionVconfCb(_keynode_t* node, void* data) {
-  sendChange({__func__, "MIRADO_EVENT_CAPTION_CHANGED", "Caption Menu", &ConvertCaptionKey}, node, data);
+  sendChange({.callback = __func__,
+              .name = "MIRADO_EVENT_CAPTION_CHANGED",
+              .setting = "Caption Menu",
+              .convert = &ConvertCaptionKey},
+             node, data);
 }
 
 void MiradoMessageHandler::MiradoChangeCb(_keynode_t* node, void* data) {
-  sendChange({__func__, "MIRADO_EVENT_CHANGED", "MIRADO Change", &ConvertMiradoChangeKey}, node, data);
+  sendChange({.callback = __func__,
+              .name = "MIRADO_EVENT_CHANGED",
+              .setting = "MIRADO Change",
+              .convert = &ConvertMiradoChangeKey},
+             node, data);
 }
 
 void MiradoMessageHandler::sendChange(const ChangeEvent& event, _keynode_t* node, void* data) {
   if (data == nullptr) {
-    MIRADO_LOG_AS(0, 4, event.callback, "Invalid data pointer");
+    MIRADO_LOG_FOR(event.callback, "Invalid data pointer");
     return;
   }
   auto* const handler = static_cast<MiradoMessageHandler*>(data);
-  const std::shared_lock lock(Live().mutex);
-  if (!Live().handlers.contains(handler)) return;
+  const std::shared_lock lock(Handlers().mutex);
+  if (const auto found = Handlers().alive.find(handler); found == Handlers().alive.end() || !found->second) return;
 
-  MIRADO_LOG_AS(0, 4, event.callback, "Sending %s event", event.name);
+  MIRADO_LOG_FOR(event.callback, "Sending %s event", event.name);
   const char* path = node->keyname;
-  MIRADO_LOG_AS(0, 4, event.callback, "%s Key Change callback recieved for key : %s", event.setting, path);
+  MIRADO_LOG_FOR(event.callback, "%s Key Change callback recieved for key : %s", event.setting, path);
   const int key = event.convert(path);
   if (key < 0) {
-    MIRADO_LOG_AS(0, 4, event.callback, "Fail to get key code");
+    MIRADO_LOG_FOR(event.callback, "Fail to get key code");
     return;
   }
-  handler->sendData(handler->GetInstance(), event.name, RESULT_OK, pp::Var(key), "", "");
+  handler->sendData(handler->GetInstance(), event.name, RESULT_OK, pp::Var(key), strBlank, strBlank);
 }
 
 // ---------------------------------------------------------------------------------------------------------------------
