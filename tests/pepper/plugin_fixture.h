@@ -1,6 +1,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <condition_variable>
@@ -13,48 +14,15 @@
 #include "base/json.h"
 #include "browser_control.h"
 #include "dlog_control.h"
+#include "pepper/platform_calls.h"
 #include "ppapi/c/ppb_extension_system_norvika.h"
-#include "set/faults.h"
 #include "set/simulated_set.h"
 #include "support/files.h"
 #include "vconf_control.h"
 
-using Lines = std::vector<std::string>;
-
-/// One log line as the tests compare it: "id priority operation > text".
-inline std::string BriefLine(const dlog::Line& line) {
-  // "File.cpp: operation(12) > text": the file and the number of the line are nobody's business here.
-  std::string text(line.text);
-  const auto colon = text.find(": ");
-  const auto paren = text.find('(', colon);
-  const auto close = text.find(") > ", paren);
-  const std::string operation = text.substr(colon + 2, paren - colon - 2);
-  return std::to_string(line.log_id) + " " + std::to_string(line.priority) + " " + operation + text.substr(close + 1);
+inline std::string Text(const pp::Var& var) {
+  return var.is_undefined() ? "undefined" : desk::ToText(desk::ToJson(var));
 }
-
-/// The plug-in's log lines, in order, from its construction on.
-class LogCapture {
- public:
-  LogCapture() {
-    dlog::SetSink([this](const dlog::Line& line) {
-      if (line.tag != "QRL_BASE") return;
-      const std::lock_guard lock(mutex_);
-      lines_.push_back(BriefLine(line));
-    });
-  }
-  ~LogCapture() { dlog::SetSink({}); }
-
-  Lines Take() {
-    const std::lock_guard lock(mutex_);
-    return std::exchange(lines_, {});
-  }
-
- private:
-  std::mutex mutex_;
-  Lines lines_;
-};
-
-inline std::string Text(const pp::Var& var) { return desk::ToText(desk::ToJson(var)); }
 
 inline pp::Var Message(const std::string& json) {
   const auto parsed = desk::ParseJson(json);
@@ -81,7 +49,9 @@ struct TestEmbedder {
           last_instance = instance;
           last_operation = Text(pp::Var(operation));
           last_data = Text(pp::Var(data));
-          if (status == 0) *result = pp::Var(reply).Detach();
+          PlatformCalls::Add("GenericSyncCall " + last_operation + " " + last_data);
+          *result = pp::Var(reply).Detach();  // of no meaning, and not the plug-in's to free, after a failure
+          if (status != 0) pp::Var(pp::PASS_REF, *result);
           return status;
         }};
     pp::browser::RegisterBrowserInterface(PPB_EXTENSIONSYSTEM_NORVIKA_INTERFACE_0_1, &record);
@@ -92,11 +62,13 @@ struct TestEmbedder {
 class Page {
  public:
   explicit Page(pp::browser::Plugin& plugin)
-      : instance_(plugin.CreateInstance([this](const pp::Var& message) {
-          const std::lock_guard lock(mutex_);
-          heard_.push_back(Text(message));
-          changed_.notify_all();
-        })) {}
+      : instance_(plugin.CreateInstance(
+            [this](const pp::Var& message) {
+              const std::lock_guard lock(mutex_);
+              heard_.push_back(Text(message));
+              changed_.notify_all();
+            },
+            {{"type", "application/x-mirado"}, {"id", "tv"}})) {}
   ~Page() { Destroy(); }
 
   std::string Send(const std::string& json) { return Text(instance_->Send(Message(json))); }
@@ -141,27 +113,21 @@ inline std::string Write(const desk::Json& key, const desk::Json& value) {
   return Ask("setMenuValue", R"("propertyKey":)" + key.dump() + R"(,"value":)" + value.dump());
 }
 
-inline std::string Reply(int code, const std::string& value, const std::string& name, const std::string& message) {
-  return R"({"code":)" + std::to_string(code) + R"(,"value":)" + value + R"(,"errorName":")" + name +
-         R"(","errorMessage":")" + message + "\"";
+inline std::string Done(const std::string& value) {
+  return R"({"code":0,"value":)" + value + R"(,"errorName":"","errorMessage":""})";
 }
-inline std::string Waited(int code, const std::string& value, const std::string& name, const std::string& message) {
-  return Reply(code, value, name, message) + "}";
+inline std::string CaptionChanged(int key) {
+  std::string reply = Done(std::to_string(key));
+  reply.pop_back();
+  return reply + R"(,"event":"MIRADO_EVENT_CAPTION_CHANGED"})";
 }
-inline std::string Delivered(const std::string& command, int code, const std::string& value, const std::string& name,
-                             const std::string& message) {
-  return Reply(code, value, name, message) + R"(,"command":")" + command + "\"}";
-}
-inline std::string Event(const std::string& event, int key) {
-  return Reply(0, std::to_string(key), "", "") + R"(,"event":")" + event + "\"}";
-}
-inline std::string Done(const std::string& value) { return Waited(0, value, "", ""); }
 
 /// The real library on a real store in a folder of its own.
 class PluginTest : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_EQ(vconf::OpenOrCreateStore(folder_ / "store", desk::DefaultEntries()).text(), "");
+    dlog::SetSink([](const dlog::Line&) {});
     TestEmbedder::Offer();
     std::string error;
     plugin_ = pp::browser::Plugin::Load(MIRADO_PLUGIN_PATH, &error);
@@ -172,16 +138,22 @@ class PluginTest : public ::testing::Test {
     plugin_.reset();
     EXPECT_EQ(vconf::SubscriptionCount(), 0U);
     vconf::CloseStore();
+    TestEmbedder::status = 0;
     TestEmbedder::reply = pp::Var(true);
     TestEmbedder::name = pp::Var();
     EXPECT_EQ(pp::browser::LiveVarNodes(), 0);
+    dlog::SetSink({});
   }
 
-  static void Fault(const std::string& call, const std::string& path, int answer) {
-    ASSERT_EQ(desk::AddFault({call, path, answer, 0}).text(), "");
+  static void Put(const std::string& path, const vconf::Value& value) {
+    ASSERT_EQ(vconf::Set(path, value).text(), "") << path;
+  }
+  static void Remove(const std::string& path) { ASSERT_EQ(vconf::Remove(path).text(), "") << path; }
+  static void Fault(const std::string& call, const std::string& path, int answer, unsigned times = 0) {
+    ASSERT_EQ(vconf::SetFault({call, path, answer, times}).text(), "") << call;
   }
 
-  TemporaryFolder folder_;
-  LogCapture log_;
+  // In memory where that can be, because these tests write much.
+  TemporaryFolder folder_{access("/dev/shm", W_OK) == 0 ? "/dev/shm" : testing::TempDir()};
   std::unique_ptr<pp::browser::Plugin> plugin_;
 };

@@ -1,49 +1,76 @@
 // What no page can see: the way from a path to its key, the callbacks' guards, and the embedder's wrapper.
 
+#include <future>
+
 #include "ExtensionSystemNorvikaWRT.h"
 #include "KeyTables.h"
 #include "PluginMirado.h"
-#include "ppapi/cpp/var_dictionary.h"
-#include "support/plugin_fixture.h"
+#include "message_loop_control.h"
+#include "pepper/plugin_fixture.h"
+#include "ppapi/cpp/message_loop.h"
 #include "vconf.h"
 
 namespace {
 
 using Handler = MiradoMessageHandler;
 
-TEST_F(PluginTest, PathsLeadBackToTheFirstRowThatBeginsWithThem) {
+TEST_F(PluginTest, TracesAPathBackToTheFirstRowThatBeginsWithIt) {
   const std::string mode = g_MenuCaptionMap[MENU_KEY_SUBTITLE_MODE].path;
-  for (std::uint32_t key = 0; key < CAPTION_SETTING_MAP_SIZE; ++key) {
-    EXPECT_EQ(Handler::ConvertCaptionKey(g_MenuCaptionMap[key].path), static_cast<int>(key));
-  }
+  PlatformCalls calls;
+  EXPECT_EQ(Handler::ConvertCaptionKey(mode.c_str()), 17);
   EXPECT_EQ(Handler::ConvertCaptionKey(mode.substr(0, 20).c_str()), 16);
   EXPECT_EQ(Handler::ConvertCaptionKey(mode.substr(0, 8).c_str()), 0);
   EXPECT_EQ(Handler::ConvertCaptionKey(""), 0);
-  EXPECT_EQ(log_.Take(), Lines{});
+  EXPECT_EQ(calls.Take(), Lines{});
   EXPECT_EQ(Handler::ConvertCaptionKey((mode + "x").c_str()), -1);
-  EXPECT_EQ(Handler::ConvertCaptionKey(g_MiradoKeyMap[0].path), -1);
   EXPECT_EQ(Handler::ConvertMiradoChangeKey(mode.c_str()), -1);
-  EXPECT_EQ(log_.Take(),
-            (Lines{"0 4 ConvertCaptionKey > Can't find the key[22]", "0 4 ConvertCaptionKey > Can't find the key[22]",
-                   "0 4 ConvertMiradoChangeKey > Can't find the key[1]"}));
+  EXPECT_EQ(calls.Take(), (Lines{"log 0 4 PluginMirado.cpp ConvertCaptionKey > Can't find the key[" +
+                                     std::to_string(CAPTION_SETTING_MAP_SIZE) + "]",
+                                 "log 0 4 PluginMirado.cpp ConvertMiradoChangeKey > Can't find the key[1]"}));
 }
 
 TEST_F(PluginTest, CallbacksGuardAgainstWhatTheyCannotServe) {
   pp::Instance instance(0);
   Handler handler(&instance);
-  const pp::VarDictionary reply(handler.createMessage(0, pp::Var(), "", ""));
-  EXPECT_TRUE(reply.Get("value").is_null()) << "undefined goes out as null";
-  log_.Take();
+  _keynode_t node{"db/other"};
+  PlatformCalls calls;
   Handler::CaptionVconfCb(nullptr, nullptr);
   Handler::MiradoChangeCb(nullptr, nullptr);
-  EXPECT_EQ(log_.Take(),
-            (Lines{"0 4 CaptionVconfCb > Invalid data pointer", "0 4 MiradoChangeCb > Invalid data pointer"}));
-  _keynode_t node{"db/other"};
-  Handler::MiradoChangeCb(&node, &handler);
-  EXPECT_EQ(log_.Take(),
-            (Lines{"0 4 MiradoChangeCb > Sending MIRADO_EVENT_CHANGED event",
-                   "0 4 MiradoChangeCb > MIRADO Change Key Change callback recieved for key : db/other",
-                   "0 4 ConvertMiradoChangeKey > Can't find the key[1]", "0 4 MiradoChangeCb > Fail to get key code"}));
+  Handler::CaptionVconfCb(&node, &handler);
+  const std::string log = "log 0 4 PluginMirado.cpp ";
+  EXPECT_EQ(calls.Take(),
+            (Lines{log + "CaptionVconfCb > Invalid data pointer", log + "MiradoChangeCb > Invalid data pointer",
+                   log + "CaptionVconfCb > Sending MIRADO_EVENT_CAPTION_CHANGED event",
+                   log + "CaptionVconfCb > Caption Menu Key Change callback recieved for key : db/other",
+                   log + "ConvertCaptionKey > Can't find the key[" + std::to_string(CAPTION_SETTING_MAP_SIZE) + "]",
+                   log + "CaptionVconfCb > Fail to get key code"}));
+}
+
+TEST_F(PluginTest, RegistersItselfOnTheLoopOfTheThread) {
+  pp::browser::SetRegisterMessageHandlerResult(-1);
+  Page page(*plugin_);
+  pp::browser::SetRegisterMessageHandlerResult(0);
+  pp::Instance instance(page.instance().id());
+  Handler handler(&instance);
+  handler.Register();
+  EXPECT_EQ(page.Heard(), Lines{"\"Error while registering MessageHandler\""}) << "there is no loop on this thread";
+
+  struct Work final : pp::MessageLoop::Core::Work {
+    void Run() override {
+      handler->Register();
+      done.set_value();
+    }
+    void Drop() override {}
+    Handler* handler = nullptr;
+    std::promise<void> done;
+  } work;
+  work.handler = &handler;
+  pp::SimpleThreadAwaitLoop worker{pp::InstanceHandle(&instance)};
+  worker.Start();
+  worker.message_loop().core()->Push(&work);
+  work.done.get_future().wait();
+  EXPECT_EQ(page.Send(Ask("getVersion")), Done("\"4.0\""));
+  EXPECT_EQ(page.Heard(), Lines{});
 }
 
 TEST_F(PluginTest, AsksTheEmbedderOnceForEachText) {
@@ -53,8 +80,9 @@ TEST_F(PluginTest, AsksTheEmbedderOnceForEachText) {
     EXPECT_EQ(extension.CheckPrivilege(privilege), expected) << Text(privilege);
     return TestEmbedder::calls - before;
   };
-  EXPECT_EQ(calls_of(pp::Var(), false), 0);
-  EXPECT_EQ(calls_of(pp::Var(true), false), 0);
+  for (const pp::Var& other : {pp::Var(), pp::Var(pp::Var::Null()), pp::Var(true), pp::Var(7)}) {
+    EXPECT_EQ(calls_of(other, false), 0);
+  }
   EXPECT_EQ(calls_of(pp::Var(""), true), 1);
   EXPECT_EQ(TestEmbedder::last_instance, 7);
   EXPECT_EQ(calls_of(pp::Var("a"), true), 1);
@@ -63,37 +91,63 @@ TEST_F(PluginTest, AsksTheEmbedderOnceForEachText) {
   EXPECT_EQ(calls_of(pp::Var("b"), false), 1);
   TestEmbedder::status = 0;
   EXPECT_EQ(calls_of(pp::Var("b"), false), 0) << "a failure is kept too";
+  TestEmbedder::reply = pp::Var(1);
+  EXPECT_EQ(calls_of(pp::Var("c"), false), 1) << "only a bool is an answer";
 }
 
 TEST_F(PluginTest, ConvertsTheEmbeddersRepliesByType) {
   pp::ExtensionSystemNorvikaWRT extension{pp::InstanceHandle(7)};
-  TestEmbedder::reply = pp::Var(41.9);
-  EXPECT_EQ(extension.GetWindowId(), 41);
-  EXPECT_EQ(TestEmbedder::last_data, "null");
-  EXPECT_FALSE(extension.SetIMERecommendedWordsType(true));
-  EXPECT_EQ(TestEmbedder::last_operation + TestEmbedder::last_data, "\"set_ime_recommended_words_type\"true");
-  TestEmbedder::reply = pp::Var(true);
-  EXPECT_EQ(extension.GetWindowId(), -1);
-  EXPECT_TRUE(extension.SetIMERecommendedWords(pp::Var("words")));
-  EXPECT_EQ(TestEmbedder::last_operation + TestEmbedder::last_data, "\"set_ime_recommended_words\"\"words\"");
+  using Result = std::function<std::int32_t()>;
+  const std::tuple<std::string, std::string, Result> operations[] = {
+      {"get_window_id", "undefined", [&] { return extension.GetWindowId(); }},
+      {"set_ime_recommended_words_type", "true", [&] { return extension.SetIMERecommendedWordsType(true); }},
+      {"set_ime_recommended_words_type", "false", [&] { return extension.SetIMERecommendedWordsType(false); }},
+      {"set_ime_recommended_words", "[1]", [&] { return extension.SetIMERecommendedWords(Message("[1]")); }}};
+  // A status, the operation's answer, and the results for a window and for a switch.
+  const std::tuple<int, pp::Var, std::int32_t, std::int32_t> rows[] = {
+      {0, pp::Var(41.9), 41, 0}, {0, pp::Var(41), 41, 0},   {0, pp::Var(true), -1, 1}, {0, pp::Var(false), -1, 0},
+      {0, pp::Var("1"), -1, 0},  {1, pp::Var(true), -1, 0}, {-1, pp::Var(41), -1, 0}};
+  for (const auto& [status, reply, window, other] : rows) {
+    TestEmbedder::status = status;
+    TestEmbedder::reply = reply;
+    for (const auto& [operation, data, call] : operations) {
+      EXPECT_EQ(call(), operation == "get_window_id" ? window : other) << operation << " " << Text(reply);
+      EXPECT_EQ(TestEmbedder::last_operation + TestEmbedder::last_data, "\"" + operation + "\"" + data);
+      EXPECT_EQ(TestEmbedder::last_instance, 7);
+    }
+  }
   EXPECT_EQ(extension.GetCurrentExtensionInfo().AsInt(), 7);
-  TestEmbedder::name = pp::Var("OstraWRT");
-  EXPECT_TRUE(extension.IsValid());
   TestEmbedder::name = pp::Var(3);
   EXPECT_EQ(extension.GetEmbedderName(), "");
-  EXPECT_TRUE(extension.IsValid()) << "asked once in the process";
+  TestEmbedder::name = pp::Var("a name");
+  EXPECT_EQ(extension.GetEmbedderName(), "a name");
 }
 
-// In a process of its own, since the browser is asked for the interface once in each.
+// In processes of their own, because these questions are asked once in each.
+
+TEST_F(PluginTest, KnowsTheSetsRuntimeByItsWholeName) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  for (const std::string name : {"OstraWRT", "OstraWRT2", "OstraWR", "ostrawrt", ""}) {
+    const auto run = [&] {
+      TestEmbedder::name = pp::Var(name);
+      const bool valid = pp::ExtensionSystemNorvikaWRT(pp::InstanceHandle(7)).IsValid();
+      TestEmbedder::name = pp::Var(valid ? "other" : "OstraWRT");
+      const bool again = pp::ExtensionSystemNorvikaWRT(pp::InstanceHandle(8)).IsValid();
+      std::_Exit(valid == (name == "OstraWRT") && again == valid ? 0 : 1);
+    };
+    EXPECT_EXIT(run(), ::testing::ExitedWithCode(0), "") << name;
+  }
+}
+
 TEST_F(PluginTest, LivesWithoutTheEmbeddersInterface) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  const auto run = [&] {
+  const auto run = [] {
     pp::browser::RegisterBrowserInterface(PPB_EXTENSIONSYSTEM_NORVIKA_INTERFACE_0_1, nullptr);
     pp::ExtensionSystemNorvikaWRT extension{pp::InstanceHandle(7)};
     bool ok = extension.GenericSyncCall(pp::Var("x"), pp::Var()).is_undefined();
-    TestEmbedder::Offer();
+    TestEmbedder::Offer();  // too late
     ok = ok && extension.GetCurrentExtensionInfo().is_undefined() && extension.GetEmbedderName().empty() &&
-         !extension.CheckPrivilege(pp::Var("x")) && TestEmbedder::calls == 0;
+         !extension.CheckPrivilege(pp::Var("x")) && extension.GetWindowId() == -1 && TestEmbedder::calls == 0;
     std::_Exit(ok ? 0 : 1);
   };
   EXPECT_EXIT(run(), ::testing::ExitedWithCode(0), "");

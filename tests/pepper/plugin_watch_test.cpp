@@ -9,22 +9,18 @@
 #include <random>
 #include <thread>
 
-#include "support/plugin_fixture.h"
+#include "pepper/plugin_fixture.h"
 
 namespace {
 
 constexpr char kCaption[] = "db/menu/caption/caption";
 constexpr char kMode[] = "db/menu/caption/captionmode";
 constexpr char kTicker[] = "db/menu/Quayhall/Auto-Start_Settings/Channel-bound_Apps_Ticker";
-constexpr char kTts[] = "db/setting/accessibility/tts";
 constexpr char kViewer[] = "memory/tv-viewer/bg_executable";
-constexpr int kOtherProcessWrites = 10000;
+constexpr int kOtherProcessWrites = 3000;
 constexpr std::size_t kPosts = 20000;
 
-std::string Caption(int key) { return Event("MIRADO_EVENT_CAPTION_CHANGED", key); }
 const std::string kDone = Done("null");
-
-void Change(const char* path, const vconf::Value& value) { ASSERT_EQ(vconf::Set(path, value).text(), ""); }
 
 /// The keys that the other process writes, in its order; both sides know it.
 std::vector<int> OtherProcessKeys() {
@@ -44,107 +40,49 @@ int RunOtherProcess(const char* store) {
   return 0;
 }
 
-TEST_F(PluginTest, SubscribesOnceAndEndsOnce) {
+TEST_F(PluginTest, TellsOfItsOwnWrites) {
   Page page(*plugin_);
-  log_.Take();
-  EXPECT_EQ(page.Send(AskKey("registerVconfKeysForCaption", 0)), kDone);
-  EXPECT_EQ(page.Send(AskKey("registerVconfKeysForCaption", 0)), kDone);
-  EXPECT_EQ(page.Send(AskKey("registerVconfKeysForMirado", 0)), kDone);
-  EXPECT_EQ(vconf::SubscriptionCount(), 2U);
-  const std::string registered =
-      "0 4 registerVconfKeysForCaption > success to register a vconf changed cb to key: key: 0";
-  const std::string entry = "0 4 registerVconfKeysForCaption > Key = 0, db = db/menu/caption/caption";
-  EXPECT_EQ(log_.Take(),
-            (Lines{entry, registered, entry, registered,
-                   "0 4 registerVconfKeysForMirado > success to register a vconf changed cb to key: key: 0"}));
-
-  Change(kCaption, 1);
-  EXPECT_EQ(page.Heard(), Lines{Caption(0)});
-  EXPECT_EQ(
-      log_.Take(),
-      (Lines{"0 4 CaptionVconfCb > Sending MIRADO_EVENT_CAPTION_CHANGED event",
-             "0 4 CaptionVconfCb > Caption Menu Key Change callback recieved for key : db/menu/caption/caption"}));
-  Change(kViewer, 3);
-  EXPECT_EQ(page.Heard(), Lines{Event("MIRADO_EVENT_CHANGED", 0)});
-  EXPECT_EQ(
-      log_.Take(),
-      (Lines{"0 4 MiradoChangeCb > Sending MIRADO_EVENT_CHANGED event",
-             "0 4 MiradoChangeCb > MIRADO Change Key Change callback recieved for key : memory/tv-viewer/bg_executable",
-             "0 4 ConvertMiradoChangeKey > Conver from db path[memory/tv-viewer/bg_executable] -> key[0]"}));
-
-  EXPECT_EQ(page.Send(AskKey("unRegisterVconfKeysForCaption", 0)), kDone);
-  EXPECT_EQ(page.Send(AskKey("unRegisterVconfKeysForCaption", 0)), kDone);
-  EXPECT_EQ(page.Send(AskKey("unRegisterVconfKeysForCaption", 9)), kDone);
-  EXPECT_EQ(log_.Take().front(),
-            "0 4 unRegisterVconfKeysForCaption > success to unregister a vconf changed cb to key: key: 0");
-  EXPECT_EQ(vconf::SubscriptionCount(), 1U) << "the two tables are separate";
-  Change(kCaption, 0);
-  Change(kViewer, 4);
-  EXPECT_EQ(page.Heard(), Lines{Event("MIRADO_EVENT_CHANGED", 0)});
-}
-
-TEST_F(PluginTest, TellsOfChangesByWhomever) {
-  Page page(*plugin_);
-  for (const int key : {1, 14, 15}) EXPECT_EQ(page.Send(AskKey("registerVconfKeysForCaption", key)), kDone);
-  Change(kTicker, 1);
-  Change(kTts, true);
-  Change(kCaption, 1);
-  EXPECT_EQ(page.Heard(), (Lines{Caption(14), Caption(15)}));
-  Change(kMode, 0);
-  page.Heard();
+  EXPECT_EQ(page.Send(AskKey("registerVconfKeysForCaption", 1)), kDone);
   page.Post(Write(1, 2));
-  Lines both = page.Await(2);
-  std::sort(both.begin(), both.end());
-  EXPECT_EQ(both,
-            (Lines{R"({"code":0,"value":1,"errorName":"","errorMessage":"","event":"MIRADO_EVENT_CAPTION_CHANGED"})",
-                   Delivered("setMenuValue", 0, "2", "", "Mirado setMenuValue success.")}));
+  const Lines both = page.Await(2);  // in any order
+  EXPECT_EQ(std::count(both.begin(), both.end(), CaptionChanged(1)), 1);
 }
 
-TEST_F(PluginTest, ARefusalChangesNothing) {
-  Page page(*plugin_);
-  EXPECT_EQ(page.Send(AskKey("registerVconfKeysForCaption", 0)), kDone);
-  EXPECT_EQ(page.Send(AskKey("registerVconfKeysForMirado", 0)), kDone);
-  Fault("vconf_ignore_key_changed", "*", -1);
-  log_.Take();
-  EXPECT_EQ(page.Send(AskKey("unRegisterVconfKeysForCaption", 0)),
-            Waited(9999, "null", "UnknownError ", "unRegisterVconfKeysForCaption failed"));
-  EXPECT_EQ(page.Send(AskKey("unRegisterVconfKeysForMirado", 0)),
-            Waited(9999, "null", "UnknownError ", "unRegisterVconfKeysForMirado failed"));
-  EXPECT_EQ(log_.Take(),
-            (Lines{"2 6 unRegisterVconfKeysForCaption > unable to unregister a vconf changed cb to key: 0",
-                   "0 4 unRegisterVconfKeysForMirado > unable to unregister a vconf changed cb to key: 0"}));
-  Change(kCaption, 1);
-  EXPECT_EQ(page.Heard(), Lines{Caption(0)});
-  ASSERT_EQ(vconf::ClearFaults().text(), "");
-  EXPECT_EQ(page.Send(AskKey("unRegisterVconfKeysForCaption", 0)), kDone);
-  Change(kCaption, 2);
-  EXPECT_EQ(page.Heard(), Lines{});
-}
-
+// A store that refuses to end subscriptions goes on with its callbacks, which name a handler that is gone.
 TEST_F(PluginTest, DropsTheEventsOfADestroyedInstance) {
-  {
+  PlatformCalls calls;
+  std::vector<std::unique_ptr<Page>> pages;
+  for (int round = 0; round < 20; ++round) {
     Page page(*plugin_);
     for (const int key : {1, 0, 14}) page.Send(AskKey("registerVconfKeysForCaption", key));
     page.Send(AskKey("registerVconfKeysForMirado", 0));
-    Fault("vconf_ignore_key_changed", "*", -1);
-    page.EndRegistration();
-    EXPECT_EQ(page.Heard(), Lines{R"("Unregister")"});
-    log_.Take();
+    calls.Take();
+    Fault("vconf_ignore_key_changed", "*", -1, 4);
     page.Destroy();
-    const std::string line = "0 4 ClearAllVConfKeys > unable to unregister a vconf changed cb to key: ";
-    EXPECT_EQ(log_.Take(), (Lines{"0 4 ~PluginMirado > [PluginMirado]  destructor invoked.", line + kTicker,
-                                  line + kCaption, line + kMode, line + kViewer}));
-    EXPECT_EQ(vconf::SubscriptionCount(), 4U);
-    // The store has not let go, so its callbacks still come; the handler that they name is gone.
-    Change(kCaption, 5);
-    Change(kViewer, 6);
-    vconf::Settle();
-    EXPECT_EQ(log_.Take(), Lines{});
+    const std::string refused =
+        "log 0 4 PluginMirado.cpp ClearAllVConfKeys > unable to unregister a vconf changed cb to key: ";
+    Lines expected{"log 0 4 PluginMirado.h ~PluginMirado > [PluginMirado]  destructor invoked."};
+    for (const std::string path : {kTicker, kCaption, kMode, kViewer}) {
+      expected.insert(expected.end(), {"vconf_ignore_key_changed " + path, refused + path});
+    }
+    expected.push_back("~SimpleThreadAwaitLoop");
+    EXPECT_EQ(calls.Take(), expected);
+    // A later instance gets its own events alone, wherever it lies in memory.
+    pages.push_back(std::make_unique<Page>(*plugin_));
+    pages.back()->Send(AskKey("registerVconfKeysForCaption", 1));
+    Put(kCaption, round);
+    Put(kViewer, round);
+    Put(kMode, round);
+    for (const auto& later : pages) EXPECT_EQ(later->Heard(), Lines{CaptionChanged(1)}) << round;
   }
+  EXPECT_EQ(vconf::SubscriptionCount(), 100U);
   // Unloading the plug-in takes away nothing that the store may still call.
+  pages.clear();
   plugin_.reset();
-  Change(kCaption, 7);
+  calls.Take();
+  Put(kCaption, 7);
   vconf::Settle();
+  EXPECT_EQ(calls.Take(), Lines{});
   vconf::CloseStore();
   ASSERT_EQ(vconf::OpenStore(folder_ / "store").text(), "");
 }
@@ -159,7 +97,7 @@ TEST_F(PluginTest, LeavesNoSubscriptionBehindWhileCommandsRun) {
     for (int sender = 0; sender < 4; ++sender) {
       senders.emplace_back([&, sender] {
         go.wait(false);
-        for (int key = sender; page.Send(AskKey("registerVconfKeysForCaption", key % 22)) != "null"; key += 5) {
+        for (int key = sender; page.Send(AskKey("registerVconfKeysForCaption", key % 22)) != "undefined"; key += 5) {
         }
       });
     }
@@ -187,7 +125,8 @@ TEST_F(PluginTest, EveryReplyNamesItsOwnCommand) {
     const Lines heard = page.Heard();
     EXPECT_EQ(heard.size(), kPosts);
     for (const std::string& reply : heard) {
-      ASSERT_EQ(reply, Delivered(command, 9, "\"\"", "NotSupportedError", "Command" + command + " no recognized"));
+      ASSERT_NE(reply.find("\"Command" + command + " no recognized\",\"command\":\"" + command + "\""),
+                std::string::npos);
     }
   };
   check(first, commands[0]);
@@ -205,7 +144,7 @@ TEST_F(PluginTest, OneEventForEachChangeOfAnotherProcess) {
                        const_cast<char*>(store.c_str()), nullptr};
   pid_t child = 0;
   ASSERT_EQ(posix_spawn(&child, self.c_str(), nullptr, nullptr, arguments, environ), 0);
-  constexpr int kOwnWrites = 1000;
+  constexpr int kOwnWrites = 200;
   for (int i = 0; i < kOwnWrites; ++i) page.Post(Write(2, i % 200));
   int status = -1;
   ASSERT_EQ(waitpid(child, &status, 0), child);
@@ -214,9 +153,9 @@ TEST_F(PluginTest, OneEventForEachChangeOfAnotherProcess) {
   std::vector<int> from_other;
   int own = 0;
   for (const std::string& message : page.Heard()) {
-    if (message == Caption(2)) ++own;
-    if (message == Caption(0)) from_other.push_back(0);
-    if (message == Caption(1)) from_other.push_back(1);
+    if (message == CaptionChanged(2)) ++own;
+    if (message == CaptionChanged(0)) from_other.push_back(0);
+    if (message == CaptionChanged(1)) from_other.push_back(1);
   }
   EXPECT_EQ(own, kOwnWrites);
   EXPECT_EQ(from_other, OtherProcessKeys());
@@ -227,7 +166,6 @@ TEST_F(PluginTest, OneEventForEachChangeOfAnotherProcess) {
 // Instances come and go while other threads send, post and change the store. Each thread does a little with every
 // instance, so that its work falls before, into and after the end of it.
 TEST_F(PluginTest, InstancesComeAndGoUnderLoad) {
-  dlog::SetSink([](const dlog::Line&) {});
   constexpr int kInstances = 10000;
   std::mutex mutex;
   std::shared_ptr<pp::browser::PageInstance> current;

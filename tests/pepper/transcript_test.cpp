@@ -1,0 +1,145 @@
+// What the plug-in does at each step of the files in transcripts/: every call that it makes of the platform, in order,
+// and what the page hears. The real library on a real store.
+//
+// A line at the margin is a step, the indented lines below it are what the plug-in does then, parted by " | " or a new
+// line. Where several "ask" or "post" stand in a row, the lines below the last hold for each of them.
+//
+//   let NAME TEXT            $NAME stands for TEXT from here on
+//   open, page               embeds the plug-in in a page, which later steps are about; "page" does not look at how
+//   close                    destroys that page's instance; later steps are about the page before it
+//   ask COMMAND NAME=VALUE   the page sends a message and waits; any JSON may stand in place of COMMAND
+//   post COMMAND NAME=VALUE  the page sends a message and does not wait
+//   end                      the browser ends the handler's registration
+//   store PATH VALUE         another program writes a key; without VALUE it removes the key
+//   fault CALL ANSWER TIMES  the next TIMES calls of the platform get this answer
+//   embedder STATUS VALUE    what the embedder answers from now on
+//   refuse NUMBER            what the browser answers to a registration from now on
+
+#include <map>
+#include <sstream>
+
+#include "pepper/platform_calls.h"
+#include "pepper/plugin_fixture.h"
+
+namespace {
+
+std::string Word(std::istringstream& words) {
+  std::string word;
+  words >> word >> std::ws;
+  return word;
+}
+std::string Rest(std::istringstream& words) {
+  std::string rest;
+  std::getline(words, rest);
+  return rest;
+}
+
+std::string Request(std::istringstream& words) {
+  if (std::isalpha(words.peek()) == 0) return Rest(words);
+  const std::string command = Word(words);
+  std::string entries;
+  for (std::string part = Word(words); !part.empty(); part = Word(words)) {
+    const auto equals = part.find('=');
+    entries += (entries.empty() ? "\"" : ",\"") + part.substr(0, equals) + "\":" + part.substr(equals + 1);
+  }
+  return Ask(command, entries);
+}
+
+class TranscriptTest : public PluginTest, public ::testing::WithParamInterface<const char*> {
+ protected:
+  void TearDown() override {
+    pages_.clear();
+    pp::browser::SetRegisterMessageHandlerResult(0);
+    PluginTest::TearDown();
+  }
+
+  /// Carries out one step and returns what the plug-in did.
+  Lines Do(const std::string& step) {
+    std::istringstream words(step);
+    const std::string verb = Word(words);
+    if (verb == "open" || verb == "page") {
+      pages_.push_back(std::make_unique<Page>(*plugin_));
+      EXPECT_TRUE(pages_.back()->exists());
+      EXPECT_EQ(TestEmbedder::last_instance, pages_.back()->instance().id());
+      if (verb == "page") calls_.Take();
+    } else if (verb == "close") {
+      pages_.pop_back();
+    } else if (verb == "ask") {
+      PlatformCalls::AddReply(pages_.back()->instance().Send(Message(Request(words))));
+    } else if (verb == "post") {
+      pages_.back()->Post(Request(words));
+    } else if (verb == "end") {
+      pages_.back()->EndRegistration();
+    } else if (verb == "store") {
+      const std::string path = Word(words);
+      words.eof() ? Remove(path) : Put(path, *desk::ToValue(desk::ParsedJson::parse(Rest(words))));
+    } else if (verb == "fault") {
+      const std::string call = Word(words);
+      const int answer = std::stoi(Word(words));
+      Fault(call, "*", answer, static_cast<unsigned>(std::stoi(Word(words))));
+    } else if (verb == "embedder") {
+      TestEmbedder::status = std::stoi(Word(words));
+      TestEmbedder::reply = Message(Rest(words));
+    } else if (verb == "refuse") {
+      pp::browser::SetRegisterMessageHandlerResult(std::stoi(Word(words)));
+    } else {
+      ADD_FAILURE() << "there is no step " << verb;
+    }
+    for (const auto& page : pages_) {
+      for (const std::string& heard : page->Heard()) {
+        if (heard.front() == '"') PlatformCalls::Add("the page hears " + heard);
+      }
+    }
+    return calls_.Take();
+  }
+
+ private:
+  PlatformCalls calls_;
+  std::vector<std::unique_ptr<Page>> pages_;
+};
+
+TEST_P(TranscriptTest, IsFollowed) {
+  std::ifstream file(std::string(MIRADO_TRANSCRIPTS "/") + GetParam() + ".txt");
+  std::map<std::string, std::string> names;
+  Lines steps;
+  Lines expected;
+  const auto play = [&] {
+    const auto asks = [&](std::size_t i) { return steps[i].starts_with("ask ") || steps[i].starts_with("post "); };
+    std::size_t first = steps.size() - 1;  // of those that share what is expected
+    while (first > 0 && asks(first) && asks(first - 1)) --first;
+    for (std::size_t i = 0; i < steps.size(); ++i) {
+      EXPECT_EQ(Do(steps[i]), i < first ? Lines{} : expected) << steps[i];
+    }
+    steps.clear();
+    expected.clear();
+  };
+  for (std::string line; std::getline(file, line);) {
+    if (line.empty() || line.front() == '#') continue;
+    for (const auto& [name, text] : names) {
+      for (auto at = line.find(name); at != std::string::npos; at = line.find(name))
+        line.replace(at, name.size(), text);
+    }
+    if (line.starts_with("let ")) {
+      std::istringstream words(line.substr(4));
+      const std::string name = Word(words);
+      names["$" + name] = Rest(words);
+    } else if (line.front() == ' ') {
+      line.erase(0, line.find_first_not_of(' '));
+      for (auto bar = line.find(" | "); bar != std::string::npos; bar = line.find(" | ")) {
+        expected.push_back(line.substr(0, bar));
+        line.erase(0, bar + 3);
+      }
+      expected.push_back(line);
+    } else {
+      if (!expected.empty()) play();
+      steps.push_back(line);
+    }
+  }
+  ASSERT_FALSE(steps.empty()) << "there is no such transcript";
+  play();
+}
+
+INSTANTIATE_TEST_SUITE_P(Plugin, TranscriptTest, ::testing::Values("life", "reading", "writing", "watching"),
+                         [](const auto& test) { return std::string(test.param); });
+
+}  // namespace
