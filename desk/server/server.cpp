@@ -564,6 +564,7 @@ Answer DeskServer::Impl::AnswerWithSettings() const {
 }
 
 void DeskServer::Impl::AddSettings() {
+  Get("/api/catalog", [](const Request&) { return Answer{.body = Json::parse(CatalogText())}; });
   Get("/api/settings", [this](const Request&) { return AnswerWithSettings(); });
   Get("/api/store", [](const Request& request) {
     const auto entries = vconf::List(request.get_param_value("prefix"));

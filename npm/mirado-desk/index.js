@@ -1,0 +1,158 @@
+// Simulated sets for tests of pages. A thin layer over the program `mirado desk` and its HTTP interface.
+import { spawn } from "node:child_process";
+import { once } from "node:events";
+import { existsSync, rmSync } from "node:fs";
+import { mkdtemp, rm } from "node:fs/promises";
+import { tmpdir } from "node:os";
+import { join } from "node:path";
+import { createInterface } from "node:readline";
+import { fileURLToPath } from "node:url";
+import { connectTo, followEvents } from "./http.js";
+import { Page } from "./page.js";
+
+const packed = fileURLToPath(new URL("program/bin/mirado", import.meta.url));
+const usualProgram = () => process.env.MIRADO ?? (existsSync(packed) ? packed : "mirado");
+
+const running = new Map(); // the processes of sets that nobody has stopped, with their folders
+process.on("exit", () => {
+  for (const [child, folder] of running) {
+    child.kill("SIGKILL");
+    rmSync(folder, { recursive: true, force: true });
+  }
+});
+
+// What is public is described in index.d.ts.
+export async function startSet({ program = usualProgram(), allowOrigin = [], timeout = 5000 } = {}) {
+  const folder = await mkdtemp(join(tmpdir(), "mirado-set-"));
+  const origins = [allowOrigin].flat().flatMap((origin) => ["--allow-origin", origin]);
+  const child = spawn(program, ["desk", "--port", "0", "--store", join(folder, "store"), ...origins],
+    { stdio: ["ignore", "pipe", "pipe"] });
+  running.set(child, folder);
+  const ended = new Promise((resolve) => {
+    child.on("exit", (status, signal) => resolve(signal ?? `status ${status}`));
+    child.on("error", (error) => resolve(error.message));
+  });
+  let log = "";
+  child.stderr.setEncoding("utf8").on("data", (text) => { log = (log + text).slice(-4000); });
+
+  const end = async () => {
+    child.kill("SIGTERM");
+    await ended;
+    running.delete(child);
+    await rm(folder, { recursive: true, force: true });
+  };
+  const lines = createInterface(child.stdout);
+  const [line] = await Promise.race([once(lines, "line"), ended.then((how) => [how])]);
+  lines.on("line", () => {}); // reads on, so that the desk never waits for a reader
+  const url = /http:\/\/localhost:\d+/.exec(line)?.[0];
+  if (url) return new SimulatedSet(url, timeout, end);
+  await end();
+  throw new Error(`mirado-desk: "${program}" did not start: ${line}. Another program can be named in the environment ` +
+    `variable MIRADO or as startSet({ program }).\n${log}`.trim());
+}
+
+class SimulatedSet {
+  #end;
+  #disconnect;
+  #pages = new Map(); // by id
+  #events; // a promise of the desk's events, once somebody waits for one
+
+  constructor(url, timeout, end) {
+    Object.assign(this, { url, timeout, script: `${url}/desk.js` });
+    const { call, disconnect } = connectTo(url);
+    this.call = call;
+    this.#disconnect = disconnect;
+    this.#end = end;
+    this.settings = {
+      get: async (name) => (await this.#setting(name)).value,
+      set: async (name, value) => {
+        const { path } = await this.#setting(name);
+        await this.call("PUT", `/api/store/${encodeURI(path)}`, { value });
+      },
+      becomes: async (name, value, { timeout = this.timeout } = {}) => {
+        const { path } = await this.#setting(name);
+        const check = async () => (await this.settings.get(name)) === value || undefined;
+        await this.until(check, ({ event, data }) => event === "setting" && data.path === path, timeout,
+          async () => `${name} has not become ${value}; it is ${await this.settings.get(name)}`);
+      },
+    };
+  }
+
+  describe() { return this.call("GET", "/api/set"); }
+  change(part) { return this.call("PATCH", "/api/set", part); }
+  reset() { return this.call("POST", "/api/reset").then(() => {}); }
+
+  fault(call, { path = "*", answer = -1, times = 0 } = {}) {
+    return this.call("POST", "/api/faults", { call, path, answer, times }).then(() => {});
+  }
+  clearFaults() { return this.call("DELETE", "/api/faults").then(() => {}); }
+
+  scenario(name) { return this.call("POST", `/api/scenarios/${encodeURIComponent(name)}/load`).then(() => {}); }
+  saveScenario(name, scenario) {
+    return this.call("PUT", `/api/scenarios/${encodeURIComponent(name)}`, scenario ? { scenario } : {}).then(() => {});
+  }
+
+  async pages() {
+    const { pages } = await this.call("GET", "/api/pages");
+    return pages.map((page) => this.#page(page));
+  }
+
+  page({ url = "", timeout = this.timeout } = {}) {
+    const check = async () => (await this.pages()).filter((page) => page.url.includes(url) && page.state === "running").at(-1);
+    return this.until(check, ({ event }) => event === "page", timeout,
+      () => `no page${url && ` of ${url}`} has opened; does it load ${this.script}?`);
+  }
+
+  async initScript() {
+    const script = await this.call("GET", "/desk.js");
+    const address = "document.currentScript.src";
+    if (!script.includes(address)) throw new Error("mirado-desk: this desk.js takes its address from elsewhere");
+    return script.replaceAll(address, JSON.stringify(this.script));
+  }
+
+  async openPage(description = {}) {
+    return this.#page(await this.call("POST", "/api/pages", { grace: 3600, ...description }));
+  }
+
+  // Resolves with what `check` gives, which is asked now and after each event that `concerns` it, until it gives something.
+  async until(check, concerns, timeout, failure) {
+    const events = await (this.#events ??= followEvents(this.url, "/api/events"));
+    let wake;
+    const listener = (event) => { if (event.event === "lost" || concerns(event)) wake(); };
+    let late = false;
+    const timer = setTimeout(() => { late = true; wake(); }, timeout);
+    events.on("event", listener);
+    try {
+      for (;;) {
+        const woken = new Promise((resolve) => { wake = resolve; });
+        const found = await check();
+        if (found !== undefined) return found;
+        if (late) throw new Error(`mirado-desk: after ${timeout} ms ${await failure()}`);
+        await woken;
+      }
+    } finally {
+      clearTimeout(timer);
+      events.off("event", listener);
+    }
+  }
+
+  async stop() {
+    (await this.#events)?.close();
+    this.#disconnect();
+    await this.#end();
+  }
+
+  #page(described) {
+    const page = this.#pages.get(described.id) ?? new Page(this);
+    this.#pages.set(described.id, page);
+    return Object.assign(page, described);
+  }
+
+  async #setting(name) {
+    const { settings } = await this.call("GET", "/api/settings");
+    const found = settings.find((one) => [one.name, one.name.replace(/^[A-Z]+_KEY_/, ""), one.path].includes(name));
+    if (!found) throw new TypeError(`mirado-desk: there is no setting ${name}`);
+    return found;
+  }
+}
+if (Symbol.asyncDispose) SimulatedSet.prototype[Symbol.asyncDispose] = SimulatedSet.prototype.stop;

@@ -1,0 +1,74 @@
+import { isDeepStrictEqual } from "node:util";
+
+const has = (message, part) => Object.entries(part).every(([name, value]) => isDeepStrictEqual(message?.[name], value));
+
+export class Page {
+  #set;
+  #taken = new Set(); // numbers of the entries of the dialogue that `asked`, `told` and `event` have given
+
+  constructor(set) {
+    this.#set = set;
+  }
+
+  async dialogue() {
+    return (await this.#call("GET", "dialogue")).dialogue;
+  }
+  async log() {
+    return (await this.#call("GET", "log")).log;
+  }
+  async watching() {
+    return (await this.#call("GET", "")).watches;
+  }
+
+  asked(command, fields = {}, options = {}) {
+    return this.#next(["send", "post"], { command, ...fields }, options, `asked ${command}`);
+  }
+  told(fields, options = {}) {
+    return this.#next(["reply", "message"], fields, options, `been told ${JSON.stringify(fields)}`);
+  }
+
+  async event(name, options = {}) {
+    const { tables, settings } = await this.#set.call("GET", "/api/catalog");
+    const found = settings.find((one) => one.name === name || one.name.replace(/^[A-Z]+_KEY_/, "") === name);
+    if (!found) throw new TypeError(`mirado-desk: there is no setting ${name}`);
+    return this.#next(["message"], { event: tables[found.table].event, value: found.key }, options,
+      `been told of a change of ${name}`);
+  }
+
+  verify(messages, { order = true, exact = false } = {}) {
+    return this.#call("POST", "verify", { messages, order, exact });
+  }
+
+  async send(message) {
+    const { reply } = await this.#call("POST", "messages", { send: message });
+    return reply ?? undefined;
+  }
+  post(message) {
+    return this.#call("POST", "messages", { post: message }).then(() => {});
+  }
+  async kill() {
+    await this.#call("POST", "kill");
+    const check = async () => (await this.#call("GET", "")).state !== "running" || undefined;
+    await this.#set.until(check, ({ event }) => event === "page", this.#set.timeout, () => "the plug-in still runs");
+  }
+  leave() { return this.#call("POST", "leave").then(() => {}); }
+
+  #call(method, what, body) {
+    return this.#set.call(method, `/api/pages/${this.id}${what && `/${what}`}`, body);
+  }
+
+  // The oldest entry of one of the kinds that has these fields and was not given before.
+  #next(kinds, fields, { timeout = this.#set.timeout } = {}, what) {
+    const check = async () => {
+      const found = (await this.dialogue()).find(({ n, kind, body }) =>
+        kinds.includes(kind) && !this.#taken.has(n) && has(body, fields));
+      if (found) this.#taken.add(found.n);
+      return found?.body;
+    };
+    return this.#set.until(check, ({ event, data }) => event === "dialogue" && data.page === this.id, timeout, async () => {
+      const entries = (await this.dialogue()).filter(({ kind }) => kinds.includes(kind)).slice(-10);
+      const said = entries.map(({ kind, body }) => `\n  ${kind} ${JSON.stringify(body)}`).join("") || "\n  nothing";
+      return `the page has not ${what}. The last of it:${said}`;
+    });
+  }
+}

@@ -1,0 +1,55 @@
+// The packages as a newcomer gets them: packed, installed into an empty folder, with the files of the README.
+import assert from "node:assert/strict";
+import { execFileSync } from "node:child_process";
+import { mkdirSync, mkdtempSync, readFileSync, rmSync, symlinkSync, writeFileSync } from "node:fs";
+import { tmpdir } from "node:os";
+import { dirname, join } from "node:path";
+import { after, it } from "node:test";
+import { fileURLToPath } from "node:url";
+
+const root = fileURLToPath(new URL("../../", import.meta.url));
+const folder = mkdtempSync(join(tmpdir(), "mirado-npm-"));
+after(() => rmSync(folder, { recursive: true }));
+const { MIRADO = `${root}build/release/bin/mirado`, ...environment } = process.env;
+const build = dirname(dirname(MIRADO));
+
+function run(...command) {
+  try {
+    return execFileSync(command[0], command.slice(1), { cwd: folder, encoding: "utf8", stdio: "pipe",
+      env: { ...environment, MIRADO_BUILD: build, NODE_TEST_CONTEXT: undefined } });
+  } catch (error) {
+    throw new Error(`${command.join(" ")}\n${error.stdout}${error.stderr}`);
+  }
+}
+
+const readme = readFileSync(`${root}npm/mirado-desk/README.md`, "utf8");
+const blocks = (language) => Array.from(readme.matchAll(/```(\w+)\n(.*?)```/gs)).filter(([, name]) => name === language)
+  .map(([, , text]) => text);
+
+it("the README's tests pass with what is packed alone", () => {
+  for (const source of ["page", "npm/mirado-desk"]) run("npm", "pack", "--silent", join(root, source));
+  run("npm", "install", "--offline", "--no-audit", "--omit=peer", "--legacy-peer-deps", "./mirado-0.1.0.tgz", "./mirado-desk-0.1.0.tgz");
+  for (const scope of ["@playwright", "playwright", "playwright-core"]) {
+    symlinkSync(`${root}tests/browser/node_modules/${scope}`, join(folder, "node_modules", scope));
+  }
+  const [spec, test] = blocks("js");
+  writeFileSync(join(folder, "index.html"), blocks("html")[0]);
+  writeFileSync(join(folder, "caption.spec.mjs"), spec);
+  writeFileSync(join(folder, "b2b.test.mjs"), test);
+  writeFileSync(join(folder, "playwright.config.mjs"), `export default { use: { launchOptions: {
+    executablePath: "/usr/bin/chromium", args: ["--no-sandbox", "--disable-gpu"] } } };`);
+  assert.match(run("node", "--test", "b2b.test.mjs"), /# pass 1\n/);
+  assert.match(run("node", "node_modules/@playwright/test/cli.js", "test", "caption", "--reporter", "line"), /2 passed/);
+
+  writeFileSync(join(folder, "types.mts"), `import { startSet } from "mirado-desk";
+    import { test } from "mirado-desk/playwright";
+    test("typed", async ({ page, set }) => {
+      const value: number | boolean | string | null = await set.settings.get("CAPTION");
+      await using other = await startSet({ timeout: 1 });
+      await page.goto(set.url + (await other.page()).id);
+      // @ts-expect-error: no such call
+      set.unknown();
+    });`);
+  run("node", `${root}tests/browser/node_modules/typescript/bin/tsc`, "--noEmit", "--strict", "--skipLibCheck", "--target", "es2022",
+      "--lib", "esnext,dom", "--module", "nodenext", "--types", "", "types.mts");
+});
