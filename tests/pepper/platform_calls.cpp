@@ -1,23 +1,21 @@
 #include "pepper/platform_calls.h"
 
 #include <dlfcn.h>
-#include <dlog.h>
 #include <panelbase.h>
 #include <prefdeck.h>
-#include <sys/prctl.h>
+#include <pthread.h>
 #include <system_info.h>
 #include <vconf.h>
 
 #include <atomic>
-#include <cstdarg>
-#include <cstdio>
 #include <cstring>
 #include <fstream>
-#include <map>
 #include <mutex>
+#include <regex>
 #include <utility>
 
 #include "base/json.h"
+#include "dlog_control.h"
 #include "pp_base_message_handler.h"
 #include "ppapi/cpp/message_loop.h"
 #include "simple_thread_await_loop.h"
@@ -27,9 +25,8 @@ namespace {
 struct Recording {
   std::mutex mutex;
   Lines lines;
-  std::map<const void*, PP_Instance> handlers;  // the instance that registered each handler
+  const void* handler = nullptr;                // the newest
   pp::SimpleThreadAwaitLoop* worker = nullptr;  // the newest
-  const void* reply = nullptr;                  // the content of the newest
 };
 std::atomic<Recording*> g_recording{nullptr};
 
@@ -64,40 +61,45 @@ auto Next(Arguments&&... arguments) {
 
 std::string Shown(const pp::Var& var) { return var.is_undefined() ? "undefined" : desk::ToText(desk::ToJson(var)); }
 
-void RecordReply(const void* handler, const char* call, const pp::Instance& instance, const std::string& subject,
-                 int code, const pp::Var& value, const std::string& name, const std::string& message) {
-  const Recording* const recording = g_recording;
-  if (recording == nullptr) return;
-  const auto own = recording->handlers.find(handler);
-  const bool other = own != recording->handlers.end() && own->second != instance.pp_instance();
-  Record(call, Shown(subject), std::to_string(code), Shown(value), Shown(name), Shown(message),
-         other ? "of another instance" : "");
-}
-
-/// Whether line `number` of the plug-in's source file `name` belongs to a log call with `format`.
-bool LogsThere(const std::string& name, int number, const std::string& format) {
-  const char* const folder = name.ends_with(".h") ? "/inc/" : "/src/";
-  std::ifstream file(MIRADO_PEPPER_FOLDER + (folder + name));
+/// The format of the log call that line `number` of the plug-in's source file `name` belongs to, or an empty text.
+std::string FormatOf(const std::string& name, int number) {
+  std::ifstream file(MIRADO_PEPPER_FOLDER + (name.ends_with(".h") ? "/inc/" + name : "/src/" + name));
   std::string call;
-  int first = 0;
   std::string line;
   for (int at = 1; std::getline(file, line); ++at) {
-    if (line.find("MIRADO_LOG") != std::string::npos) {
-      first = at;
-      call.clear();
-    }
+    if (line.find("MIRADO_LOG") != std::string::npos) call.clear();
     call += line;
-    if (at >= number && line.ends_with(";")) {
-      return first <= number && call.find("\"" + format + "\"") != std::string::npos;
-    }
+    if (at < number || !line.ends_with(";")) continue;
+    const auto begin = call.find('"') + 1;
+    return call.find("MIRADO_LOG") == std::string::npos ? "" : call.substr(begin, call.find('"', begin) - begin);
   }
-  return false;
+  return "";
+}
+
+/// "log 0 4 File.cpp operation > text", where the text says so if the line of the file does not log it.
+void RecordLog(const dlog::Line& line) {
+  if (line.tag == "VCONF") return;
+  std::smatch parts;
+  const std::string text(line.text);
+  if (line.tag != "QRL_BASE" || !std::regex_match(text, parts, std::regex(R"((\w+\.\w+): (\S+)\((\d+)\) > (.*))"))) {
+    return Record("log without its tag or its prefix:", text);
+  }
+  const std::string format = FormatOf(parts[1], std::stoi(parts[3]));
+  const bool there = !format.empty() && parts[4].str().starts_with(format.substr(0, format.find('%')));
+  Record("log", std::to_string(line.log_id), std::to_string(line.priority), parts[1].str(), parts[2].str(), ">",
+         parts[4].str(), there ? "" : "(not logged in line " + parts[3].str() + ")");
 }
 
 }  // namespace
 
-PlatformCalls::PlatformCalls() { g_recording = new Recording; }
-PlatformCalls::~PlatformCalls() { delete g_recording.exchange(nullptr); }
+PlatformCalls::PlatformCalls() {
+  g_recording = new Recording;
+  dlog::SetSink(RecordLog);
+}
+PlatformCalls::~PlatformCalls() {
+  dlog::SetSink([](const dlog::Line&) {});
+  delete g_recording.exchange(nullptr);
+}
 
 Lines PlatformCalls::Take() {
   Recording& recording = *g_recording;
@@ -106,40 +108,6 @@ Lines PlatformCalls::Take() {
 }
 
 void PlatformCalls::Add(const std::string& line) { Record(line); }
-
-void PlatformCalls::AddReply(const pp::Var& reply) {
-  if (reply.is_undefined()) {
-    Record("no reply");
-  } else if (g_recording.load()->reply != reply.pp_var().value.as_node) {
-    Record("a reply that is not the one of createMessage:", Shown(reply));
-  }
-}
-
-// ---- the logger: what a line says, and whether the place that it names is one that logs it
-
-int __dlog_print(int log_id, int priority, const char* tag, const char* format, ...) {
-  constexpr std::string_view kPrefix = "%s: %s(%d) > ";
-  std::va_list arguments;
-  va_start(arguments, format);
-  std::va_list again;
-  va_copy(again, arguments);
-  char text[8192];
-  std::vsnprintf(text, sizeof text, format, again);
-  va_end(again);
-  if (g_recording != nullptr && std::strcmp(tag, "VCONF") != 0) {
-    if (std::strcmp(tag, "QRL_BASE") == 0 && std::string_view(format).starts_with(kPrefix)) {
-      const std::string file = va_arg(arguments, const char*);
-      const std::string operation = va_arg(arguments, const char*);
-      const int line = va_arg(arguments, int);
-      Record("log", std::to_string(log_id), std::to_string(priority), file, operation, std::strstr(text, ") > ") + 2,
-             LogsThere(file, line, format + kPrefix.size()) ? "" : "(not logged in line " + std::to_string(line) + ")");
-    } else {
-      Record("log without its tag and its prefix:", text);
-    }
-  }
-  va_end(arguments);
-  return Next<&__dlog_print>(log_id, priority, tag, "%s", text);
-}
 
 // ---- the store and the small services: RECORDED(RESULT, FUNCTION, PARAMETERS, (ARGUMENTS), WHAT IS RECORDED...)
 
@@ -159,7 +127,7 @@ RECORDED(int, vconf_set_bool, (const char* path, int value), (path, value), __fu
 RECORDED(int, vconf_sync_key, (const char* path), (path), __func__, path)
 RECORDED(int, vconf_notify_key_changed, (const char* path, vconf_callback_fn callback, void* data),
          (path, callback, data), __func__, path,
-         g_recording != nullptr && !g_recording.load()->handlers.contains(data) ? "for something else" : "")
+         g_recording != nullptr && g_recording.load()->handler != data ? "for something else" : "")
 RECORDED(int, vconf_ignore_key_changed, (const char* path, vconf_callback_fn callback), (path, callback), __func__,
          path)
 RECORDED(int, system_info_get_custom_bool, (const char* key, bool* value), (key, value), __func__, key)
@@ -169,35 +137,25 @@ RECORDED(int, Panelbase::CreateVideoControl, (EProfile profile, int display, IVi
          (profile, display, control), __func__, std::to_string(profile), std::to_string(display),
          *control == nullptr ? "" : "into a control that is not null")
 
-int prctl(int option, ...) noexcept {
-  std::va_list arguments;
-  va_start(arguments, option);
-  unsigned long values[4];
-  for (unsigned long& value : values) value = va_arg(arguments, unsigned long);
-  va_end(arguments);
-  if (option == PR_SET_NAME) Record("prctl PR_SET_NAME", reinterpret_cast<const char*>(values[0]));
-  return Next<&prctl>(option, values[0], values[1], values[2], values[3]);
-}
-
 // ---- the worker and the message handler's base
 
 using Worker = pp::SimpleThreadAwaitLoop;
 extern "C" {
-void MakeWorker(Worker*, const pp::InstanceHandle&) __asm__("_ZN2pp21SimpleThreadAwaitLoopC1ERKNS_14InstanceHandleE");
 void DeleteWorker(Worker*) __asm__("_ZN2pp21SimpleThreadAwaitLoopD1Ev");
-
-void MakeWorker(Worker* worker, const pp::InstanceHandle& instance) {
-  Record("SimpleThreadAwaitLoop");
-  if (Recording* const recording = g_recording) recording->worker = worker;
-  Next<&MakeWorker>(worker, instance);
-}
 RECORDED(void, DeleteWorker, (Worker * worker), (worker), "~SimpleThreadAwaitLoop")
 }
-RECORDED(bool, Worker::Start, (), (this), __func__)
+
+bool Worker::Start() {
+  char name[16] = {};
+  pthread_getname_np(pthread_self(), name, sizeof name);
+  Record("Start, the thread is called", name);
+  if (Recording* const recording = g_recording) recording->worker = this;
+  return Next<&Worker::Start>(this);
+}
 
 std::int32_t pp::Instance::RegisterMessageHandler(MessageHandler* handler, const MessageLoop& loop) {
   if (Recording* const recording = g_recording) {
-    recording->handlers[handler] = pp_instance();
+    recording->handler = handler;
     const bool own = recording->worker != nullptr && recording->worker->message_loop().core() == loop.core();
     Record(__func__, own ? "on the worker's loop" : "on another loop");
   }
@@ -208,15 +166,13 @@ using Base = PPBaseMessageHandler;
 using std::string;
 pp::Var Base::createMessage(int code, pp::Var value, string name, string message) {
   Record(__func__, std::to_string(code), Shown(value), Shown(name), Shown(message));
-  pp::Var reply = Next<&Base::createMessage>(this, code, value, name, message);
-  if (Recording* const recording = g_recording) recording->reply = reply.pp_var().value.as_node;
-  return reply;
+  return Next<&Base::createMessage>(this, code, value, name, message);
 }
 void Base::responseData(pp::Instance page, string command, int code, pp::Var value, string name, string message) {
-  RecordReply(this, __func__, page, command, code, value, name, message);
+  Record(__func__, Shown(command), std::to_string(code), Shown(value), Shown(name), Shown(message));
   Next<&Base::responseData>(this, page, command, code, value, name, message);
 }
 void Base::sendData(pp::Instance page, string event, int code, pp::Var value, string name, string message) {
-  RecordReply(this, __func__, page, event, code, value, name, message);
+  Record(__func__, Shown(event), std::to_string(code), Shown(value), Shown(name), Shown(message));
   Next<&Base::sendData>(this, page, event, code, value, name, message);
 }

@@ -3,8 +3,6 @@
 #include <string>
 #include <vector>
 
-#include "ppapi/cpp/var.h"
-
 using Lines = std::vector<std::string>;
 
 /// Keeps every call that the plug-in makes of the platform, each as one line, in order. The calls still reach the
@@ -24,7 +22,4 @@ class PlatformCalls {
 
   /// Adds a line of the test's own to the calls, when there is a recorder.
   static void Add(const std::string& line);
-
-  /// Adds a line unless `reply`, which a waiting page got, is the very one that `createMessage` made last.
-  static void AddReply(const pp::Var& reply);
 };

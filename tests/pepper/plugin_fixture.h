@@ -3,8 +3,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -24,18 +22,11 @@ inline std::string Text(const pp::Var& var) {
   return var.is_undefined() ? "undefined" : desk::ToText(desk::ToJson(var));
 }
 
-inline pp::Var Message(const std::string& json) {
-  const auto parsed = desk::ParseJson(json);
-  EXPECT_TRUE(parsed.ok()) << json;
-  return parsed.ok() ? desk::ToVar(*parsed) : pp::Var();
-}
+inline pp::Var Message(const std::string& json) { return desk::ToVar(desk::ParsedJson::parse(json)); }
 
 /// The embedder that the plug-in asks, answering as the test says.
 struct TestEmbedder {
-  static inline std::atomic<int> calls = 0;
   static inline PP_Instance last_instance = 0;
-  static inline std::string last_operation;
-  static inline std::string last_data;
   static inline std::int32_t status = 0;
   static inline pp::Var reply{true};
   static inline pp::Var name{"OstraWRT"};
@@ -45,11 +36,8 @@ struct TestEmbedder {
         [](PP_Instance) { return pp::Var(name).Detach(); },
         [](PP_Instance instance) { return pp::Var(instance).Detach(); },
         [](PP_Instance instance, PP_Var operation, PP_Var data, PP_Var* result) {
-          ++calls;
           last_instance = instance;
-          last_operation = Text(pp::Var(operation));
-          last_data = Text(pp::Var(data));
-          PlatformCalls::Add("GenericSyncCall " + last_operation + " " + last_data);
+          PlatformCalls::Add("GenericSyncCall " + Text(pp::Var(operation)) + " " + Text(pp::Var(data)));
           *result = pp::Var(reply).Detach();  // of no meaning, and not the plug-in's to free, after a failure
           if (status != 0) pp::Var(pp::PASS_REF, *result);
           return status;
@@ -66,7 +54,6 @@ class Page {
             [this](const pp::Var& message) {
               const std::lock_guard lock(mutex_);
               heard_.push_back(Text(message));
-              changed_.notify_all();
             },
             {{"type", "application/x-mirado"}, {"id", "tv"}})) {}
   ~Page() { Destroy(); }
@@ -88,46 +75,37 @@ class Page {
     return std::exchange(heard_, {});
   }
 
-  /// The next `count` messages, as they come.
-  Lines Await(std::size_t count) {
-    std::unique_lock lock(mutex_);
-    EXPECT_TRUE(changed_.wait_for(lock, std::chrono::seconds(30), [&] { return heard_.size() >= count; }));
-    return std::exchange(heard_, {});
-  }
-
  private:
   std::mutex mutex_;
-  std::condition_variable changed_;
   Lines heard_;
   std::shared_ptr<pp::browser::PageInstance> instance_;
 };
 
-/// The text of a message. Keys and values are JSON, for 7, 7.0 and "7" are three things to the plug-in.
+/// The text of a message; `entries` is JSON.
 inline std::string Ask(const std::string& command, const std::string& entries = "") {
   return R"({"command":")" + command + "\"" + (entries.empty() ? "" : "," + entries) + "}";
 }
-inline std::string AskKey(const std::string& command, const desk::Json& key) {
-  return Ask(command, R"("propertyKey":)" + key.dump());
-}
-inline std::string Write(const desk::Json& key, const desk::Json& value) {
-  return Ask("setMenuValue", R"("propertyKey":)" + key.dump() + R"(,"value":)" + value.dump());
+inline std::string AskKey(const std::string& command, int key) {
+  return Ask(command, R"("propertyKey":)" + std::to_string(key));
 }
 
 inline std::string Done(const std::string& value) {
   return R"({"code":0,"value":)" + value + R"(,"errorName":"","errorMessage":""})";
 }
-inline std::string CaptionChanged(int key) {
+inline std::string Changed(const std::string& event, int key) {
   std::string reply = Done(std::to_string(key));
-  reply.pop_back();
-  return reply + R"(,"event":"MIRADO_EVENT_CAPTION_CHANGED"})";
+  reply.back() = ',';
+  return reply + R"("event":")" + event + "\"}";
 }
 
 /// The real library on a real store in a folder of its own.
 class PluginTest : public ::testing::Test {
  protected:
+  PluginTest() { dlog::SetSink([](const dlog::Line&) {}); }
+  ~PluginTest() override { dlog::SetSink({}); }
+
   void SetUp() override {
     ASSERT_EQ(vconf::OpenOrCreateStore(folder_ / "store", desk::DefaultEntries()).text(), "");
-    dlog::SetSink([](const dlog::Line&) {});
     TestEmbedder::Offer();
     std::string error;
     plugin_ = pp::browser::Plugin::Load(MIRADO_PLUGIN_PATH, &error);
@@ -142,7 +120,6 @@ class PluginTest : public ::testing::Test {
     TestEmbedder::reply = pp::Var(true);
     TestEmbedder::name = pp::Var();
     EXPECT_EQ(pp::browser::LiveVarNodes(), 0);
-    dlog::SetSink({});
   }
 
   static void Put(const std::string& path, const vconf::Value& value) {

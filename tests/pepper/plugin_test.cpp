@@ -1,28 +1,121 @@
-// What the plug-in makes of a stored number, as the page sees it: the real library on a real store.
+// Several threads, several instances and their end: the real library on a real store.
+
+#include <malloc.h>
+#include <vconf.h>
+
+#include <algorithm>
+#include <atomic>
+#include <thread>
 
 #include "pepper/plugin_fixture.h"
 
 namespace {
 
-TEST_F(PluginTest, NamesTheVoiceGuidesSpeed) {
+constexpr char kCaption[] = "db/menu/caption/caption";
+constexpr char kMode[] = "db/menu/caption/captionmode";
+constexpr char kTicker[] = "db/menu/Quayhall/Auto-Start_Settings/Channel-bound_Apps_Ticker";
+constexpr char kViewer[] = "memory/tv-viewer/bg_executable";
+const std::string kModeChanged = Changed("MIRADO_EVENT_CAPTION_CHANGED", 1);
+
+TEST_F(PluginTest, TellsOfItsOwnWrites) {
   Page page(*plugin_);
-  const std::pair<int, std::string> rows[] = {{-1, "NORMAL"}, {0, "NORMAL"}, {1, "VERY_SLOW"},  {3, "VERY_SLOW"},
-                                              {4, "SLOW"},    {6, "SLOW"},   {7, "NORMAL"},     {9, "NORMAL"},
-                                              {10, "FAST"},   {12, "FAST"},  {13, "VERY_FAST"}, {15, "VERY_FAST"},
-                                              {16, "NORMAL"}};
-  for (const auto& [stored, name] : rows) {
-    Put("db/menu/system/accessibility/voiceguide/speed", stored);
-    EXPECT_EQ(page.Send(AskKey("getMenuValue", 20)), Done("\"" + name + "\"")) << stored;
+  EXPECT_EQ(page.Send(AskKey("registerVconfKeysForCaption", 1)), Done("null"));
+  page.Post(Ask("setMenuValue", R"("propertyKey":1,"value":2)"));
+  const Lines both = page.Heard();  // in any order
+  EXPECT_EQ(both.size(), 2U);
+  EXPECT_EQ(std::count(both.begin(), both.end(), kModeChanged), 1);
+}
+
+// A store that refuses to end subscriptions goes on with its callbacks, which name a handler that is gone.
+TEST_F(PluginTest, DropsTheEventsOfADestroyedInstance) {
+  PlatformCalls calls;
+  std::vector<std::unique_ptr<Page>> pages;
+  for (int round = 0; round < 20; ++round) {
+    Page page(*plugin_);
+    for (const int key : {1, 0, 14}) page.Send(AskKey("registerVconfKeysForCaption", key));
+    page.Send(AskKey("registerVconfKeysForMirado", 0));
+    calls.Take();
+    Fault("vconf_ignore_key_changed", "*", -1, 4);
+    page.Destroy();
+    const std::string refused =
+        "log 0 4 PluginMirado.cpp ClearAllVConfKeys > unable to unregister a vconf changed cb to key: ";
+    Lines expected{"log 0 4 PluginMirado.h ~PluginMirado > [PluginMirado]  destructor invoked."};
+    for (const std::string path : {kTicker, kCaption, kMode, kViewer}) {
+      expected.insert(expected.end(), {"vconf_ignore_key_changed " + path, refused + path});
+    }
+    expected.push_back("~SimpleThreadAwaitLoop");
+    EXPECT_EQ(calls.Take(), expected);
+    // A later instance gets its own events alone, wherever it lies in memory.
+    pages.push_back(std::make_unique<Page>(*plugin_));
+    pages.back()->Send(AskKey("registerVconfKeysForCaption", 1));
+    for (const char* path : {kCaption, kViewer, kMode}) Put(path, round);
+    for (const auto& later : pages) EXPECT_EQ(later->Heard(), Lines{kModeChanged}) << round;
+  }
+  // Unloading the plug-in takes away nothing that the store may still call.
+  pages.clear();
+  plugin_.reset();
+  calls.Take();
+  Put(kCaption, 7);
+  vconf::Settle();
+  EXPECT_EQ(calls.Take(), Lines{});
+  vconf::CloseStore();
+  ASSERT_EQ(vconf::OpenStore(folder_ / "store").text(), "");
+}
+
+// Where a sanitizer is, it finds more than this.
+TEST_F(PluginTest, FreesWhatAnInstanceHeld) {
+  constexpr int kInstances = 1000;
+  std::size_t before = 0;
+  for (int i = -10; i < kInstances; ++i) {
+    if (i == 0) before = mallinfo2().uordblks;
+    Page(*plugin_).Send(AskKey("registerVconfKeysForCaption", 1));
+  }
+  EXPECT_LT(mallinfo2().uordblks, before + 10 * kInstances);
+}
+
+// Commands, events and posts may be running, and others queued behind them, when the instance goes.
+TEST_F(PluginTest, LeavesNoSubscriptionBehindWhileCommandsRun) {
+  const std::jthread writer([](const std::stop_token& stop) {
+    for (int value = 0; !stop.stop_requested(); ++value) vconf_set_int(kViewer, value);
+  });
+  for (int round = 0; round < 300; ++round) {
+    Page page(*plugin_);
+    std::atomic<bool> go = false;
+    std::vector<std::jthread> senders;
+    senders.reserve(4);
+    for (int sender = 0; sender < 4; ++sender) {
+      senders.emplace_back([&, sender] {
+        go.wait(false);
+        const std::string command = (sender == 3 ? "unR" : "r") + std::string("egisterVconfKeysForCaption");
+        for (int key = sender; page.Send(AskKey(command, key % 22)) != "undefined"; key += 5) page.Post(Ask("x"));
+      });
+    }
+    go = true;
+    go.notify_all();
+    page.Send(AskKey("registerVconfKeysForMirado", 0));
+    if (round % 3 == 0) page.EndRegistration();
+    page.Destroy();
+    senders.clear();
+    ASSERT_EQ(vconf::SubscriptionCount(), 0U) << "round " << round;
   }
 }
 
-TEST_F(PluginTest, JudgesThePictureSize) {
-  Page page(*plugin_);
-  const std::pair<int, std::string> rows[] = {{-3, "false"}, {0, "true"}, {1, "false"},
-                                              {2, "false"},  {3, "true"}, {4, "false"}};
-  for (const auto& [size, resized] : rows) {
-    Put("set/panelbase/picture_size", size);
-    EXPECT_EQ(page.Send(Ask("isTVSPicSizeResized")), Done(resized)) << size;
+TEST_F(PluginTest, EveryReplyNamesItsOwnCommand) {
+  constexpr int kPosts = 20000;  // enough for the two workers to meet between a command and its reply
+  Page pages[] = {Page(*plugin_), Page(*plugin_)};
+  const std::string commands[] = {std::string(40, 'a'), std::string(3, 'b')};
+  const auto run = [&](int which) {
+    for (int i = 0; i < kPosts; ++i) pages[which].Post(Ask(commands[which]));
+  };
+  std::thread other(run, 1);
+  run(0);
+  other.join();
+  for (const int which : {0, 1}) {
+    const std::string& command = commands[which];
+    const Lines heard = pages[which].Heard();
+    EXPECT_EQ(heard.size(), kPosts);
+    const std::string end = "\"Command" + command + " no recognized\",\"command\":\"" + command + "\"}";
+    for (const std::string& reply : heard) ASSERT_TRUE(reply.ends_with(end)) << reply;
   }
 }
 

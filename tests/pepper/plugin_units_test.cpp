@@ -75,28 +75,29 @@ TEST_F(PluginTest, RegistersItselfOnTheLoopOfTheThread) {
 
 TEST_F(PluginTest, AsksTheEmbedderOnceForEachText) {
   pp::ExtensionSystemNorvikaWRT extension{pp::InstanceHandle(7)};
+  PlatformCalls calls;
   const auto calls_of = [&](const pp::Var& privilege, bool expected) {
-    const int before = TestEmbedder::calls;
     EXPECT_EQ(extension.CheckPrivilege(privilege), expected) << Text(privilege);
-    return TestEmbedder::calls - before;
+    return calls.Take().size();
   };
   for (const pp::Var& other : {pp::Var(), pp::Var(pp::Var::Null()), pp::Var(true), pp::Var(7)}) {
-    EXPECT_EQ(calls_of(other, false), 0);
+    EXPECT_EQ(calls_of(other, false), 0U);
   }
-  EXPECT_EQ(calls_of(pp::Var(""), true), 1);
+  EXPECT_EQ(calls_of(pp::Var(""), true), 1U);
   EXPECT_EQ(TestEmbedder::last_instance, 7);
-  EXPECT_EQ(calls_of(pp::Var("a"), true), 1);
+  EXPECT_EQ(calls_of(pp::Var("a"), true), 1U);
   TestEmbedder::status = 1;
-  EXPECT_EQ(calls_of(pp::Var("a"), true), 0) << "known";
-  EXPECT_EQ(calls_of(pp::Var("b"), false), 1);
+  EXPECT_EQ(calls_of(pp::Var("a"), true), 0U) << "known";
+  EXPECT_EQ(calls_of(pp::Var("b"), false), 1U);
   TestEmbedder::status = 0;
-  EXPECT_EQ(calls_of(pp::Var("b"), false), 0) << "a failure is kept too";
+  EXPECT_EQ(calls_of(pp::Var("b"), false), 0U) << "a failure is kept too";
   TestEmbedder::reply = pp::Var(1);
-  EXPECT_EQ(calls_of(pp::Var("c"), false), 1) << "only a bool is an answer";
+  EXPECT_EQ(calls_of(pp::Var("c"), false), 1U) << "only a bool is an answer";
 }
 
 TEST_F(PluginTest, ConvertsTheEmbeddersRepliesByType) {
   pp::ExtensionSystemNorvikaWRT extension{pp::InstanceHandle(7)};
+  PlatformCalls calls;
   using Result = std::function<std::int32_t()>;
   const std::tuple<std::string, std::string, Result> operations[] = {
       {"get_window_id", "undefined", [&] { return extension.GetWindowId(); }},
@@ -112,7 +113,7 @@ TEST_F(PluginTest, ConvertsTheEmbeddersRepliesByType) {
     TestEmbedder::reply = reply;
     for (const auto& [operation, data, call] : operations) {
       EXPECT_EQ(call(), operation == "get_window_id" ? window : other) << operation << " " << Text(reply);
-      EXPECT_EQ(TestEmbedder::last_operation + TestEmbedder::last_data, "\"" + operation + "\"" + data);
+      EXPECT_EQ(calls.Take(), Lines{"GenericSyncCall \"" + operation + "\" " + data});
       EXPECT_EQ(TestEmbedder::last_instance, 7);
     }
   }
@@ -142,12 +143,13 @@ TEST_F(PluginTest, KnowsTheSetsRuntimeByItsWholeName) {
 TEST_F(PluginTest, LivesWithoutTheEmbeddersInterface) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   const auto run = [] {
+    PlatformCalls calls;
     pp::browser::RegisterBrowserInterface(PPB_EXTENSIONSYSTEM_NORVIKA_INTERFACE_0_1, nullptr);
     pp::ExtensionSystemNorvikaWRT extension{pp::InstanceHandle(7)};
     bool ok = extension.GenericSyncCall(pp::Var("x"), pp::Var()).is_undefined();
     TestEmbedder::Offer();  // too late
     ok = ok && extension.GetCurrentExtensionInfo().is_undefined() && extension.GetEmbedderName().empty() &&
-         !extension.CheckPrivilege(pp::Var("x")) && extension.GetWindowId() == -1 && TestEmbedder::calls == 0;
+         !extension.CheckPrivilege(pp::Var("x")) && extension.GetWindowId() == -1 && calls.Take().empty();
     std::_Exit(ok ? 0 : 1);
   };
   EXPECT_EXIT(run(), ::testing::ExitedWithCode(0), "");

@@ -2,7 +2,7 @@
 // and what the page hears. The real library on a real store.
 //
 // A line at the margin is a step, the indented lines below it are what the plug-in does then, parted by " | " or a new
-// line. Where several "ask" or "post" stand in a row, the lines below the last hold for each of them.
+// line. Several messages with the same answer are parted by " ; ".
 //
 //   let NAME TEXT            $NAME stands for TEXT from here on
 //   open, page               embeds the plug-in in a page, which later steps are about; "page" does not look at how
@@ -34,6 +34,14 @@ std::string Rest(std::istringstream& words) {
   return rest;
 }
 
+Lines Split(const std::string& text, const std::string& separator) {
+  const auto end = text.find(separator);
+  if (end == text.npos) return {text};
+  Lines parts = Split(text.substr(end + separator.size()), separator);
+  parts.insert(parts.begin(), text.substr(0, end));
+  return parts;
+}
+
 std::string Request(std::istringstream& words) {
   if (std::isalpha(words.peek()) == 0) return Rest(words);
   const std::string command = Word(words);
@@ -58,6 +66,7 @@ class TranscriptTest : public PluginTest, public ::testing::WithParamInterface<c
     std::istringstream words(step);
     const std::string verb = Word(words);
     if (verb == "open" || verb == "page") {
+      pthread_setname_np(pthread_self(), "browser");
       pages_.push_back(std::make_unique<Page>(*plugin_));
       EXPECT_TRUE(pages_.back()->exists());
       EXPECT_EQ(TestEmbedder::last_instance, pages_.back()->instance().id());
@@ -65,7 +74,7 @@ class TranscriptTest : public PluginTest, public ::testing::WithParamInterface<c
     } else if (verb == "close") {
       pages_.pop_back();
     } else if (verb == "ask") {
-      PlatformCalls::AddReply(pages_.back()->instance().Send(Message(Request(words))));
+      if (pages_.back()->Send(Request(words)) == "undefined") PlatformCalls::Add("no reply");
     } else if (verb == "post") {
       pages_.back()->Post(Request(words));
     } else if (verb == "end") {
@@ -87,7 +96,7 @@ class TranscriptTest : public PluginTest, public ::testing::WithParamInterface<c
     }
     for (const auto& page : pages_) {
       for (const std::string& heard : page->Heard()) {
-        if (heard.front() == '"') PlatformCalls::Add("the page hears " + heard);
+        if (heard.front() == '"' || page != pages_.back()) PlatformCalls::Add("the page hears " + heard);
       }
     }
     return calls_.Take();
@@ -101,41 +110,33 @@ class TranscriptTest : public PluginTest, public ::testing::WithParamInterface<c
 TEST_P(TranscriptTest, IsFollowed) {
   std::ifstream file(std::string(MIRADO_TRANSCRIPTS "/") + GetParam() + ".txt");
   std::map<std::string, std::string> names;
-  Lines steps;
+  std::string step;
   Lines expected;
   const auto play = [&] {
-    const auto asks = [&](std::size_t i) { return steps[i].starts_with("ask ") || steps[i].starts_with("post "); };
-    std::size_t first = steps.size() - 1;  // of those that share what is expected
-    while (first > 0 && asks(first) && asks(first - 1)) --first;
-    for (std::size_t i = 0; i < steps.size(); ++i) {
-      EXPECT_EQ(Do(steps[i]), i < first ? Lines{} : expected) << steps[i];
+    const std::string verb = step.substr(0, step.find(' '));
+    for (const std::string& rest : Split(step.substr(verb.size()), " ; ")) {
+      EXPECT_EQ(Do(verb + " " + rest), expected) << verb << " " << rest;
     }
-    steps.clear();
     expected.clear();
   };
   for (std::string line; std::getline(file, line);) {
     if (line.empty() || line.front() == '#') continue;
     for (const auto& [name, text] : names) {
-      for (auto at = line.find(name); at != std::string::npos; at = line.find(name))
-        line.replace(at, name.size(), text);
+      for (auto at = line.find(name); at != line.npos; at = line.find(name)) line.replace(at, name.size(), text);
     }
     if (line.starts_with("let ")) {
       std::istringstream words(line.substr(4));
       const std::string name = Word(words);
       names["$" + name] = Rest(words);
     } else if (line.front() == ' ') {
-      line.erase(0, line.find_first_not_of(' '));
-      for (auto bar = line.find(" | "); bar != std::string::npos; bar = line.find(" | ")) {
-        expected.push_back(line.substr(0, bar));
-        line.erase(0, bar + 3);
-      }
-      expected.push_back(line);
+      const Lines calls = Split(line.substr(line.find_first_not_of(' ')), " | ");
+      expected.insert(expected.end(), calls.begin(), calls.end());
     } else {
-      if (!expected.empty()) play();
-      steps.push_back(line);
+      if (!step.empty()) play();
+      step = line;
     }
   }
-  ASSERT_FALSE(steps.empty()) << "there is no such transcript";
+  ASSERT_FALSE(step.empty()) << "there is no such transcript";
   play();
 }
 
