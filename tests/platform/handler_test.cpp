@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 
+#include <cstdint>
 #include <functional>
 #include <latch>
 #include <memory>
@@ -79,7 +80,7 @@ TEST(Worker, AThreadThatCannotBeMadeEndsTheLoop) {
   pthread_attr_t impossible;
   ASSERT_EQ(pthread_getattr_default_np(&usual), 0);
   ASSERT_EQ(pthread_getattr_default_np(&impossible), 0);
-  ASSERT_EQ(pthread_attr_setstacksize(&impossible, std::size_t{1} << 47), 0);
+  ASSERT_EQ(pthread_attr_setstacksize(&impossible, SIZE_MAX - 0xffff), 0);
   ASSERT_EQ(pthread_setattr_default_np(&impossible), 0);
   pp::SimpleThreadAwaitLoop worker(pp::InstanceHandle(PP_Instance{1}));
   EXPECT_FALSE(worker.Start());
