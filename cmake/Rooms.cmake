@@ -4,6 +4,8 @@ find_package(Threads REQUIRED)
 
 # All libraries stand in one folder of their own, so that their plain names collide with nothing on the system.
 set(MIRADO_LIBDIR ${CMAKE_INSTALL_LIBDIR}/mirado)
+# What a plug-in for a set is built against, without this repository.
+set(MIRADO_SETDIR ${CMAKE_INSTALL_LIBDIR}/mirado-set)
 set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/${MIRADO_LIBDIR})
 set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/${CMAKE_INSTALL_BINDIR})
 
@@ -53,6 +55,8 @@ function(mirado_service NAME)
   target_compile_options(${NAME} PRIVATE -fno-semantic-interposition)
   target_link_options(${NAME} PRIVATE -Wl,-Bsymbolic-functions)
   mirado_install(${NAME} ${MIRADO_LIBDIR})
+  install(TARGETS ${NAME} LIBRARY DESTINATION ${MIRADO_SETDIR}/lib COMPONENT development)
+  install(DIRECTORY include/ DESTINATION ${MIRADO_SETDIR}/include COMPONENT development)
   if(EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/control)
     add_library(${NAME}_control INTERFACE)
     target_include_directories(${NAME}_control INTERFACE ${CMAKE_CURRENT_SOURCE_DIR}/control)
