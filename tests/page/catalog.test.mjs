@@ -1,4 +1,4 @@
-// What the catalog says, against the plug-in itself; what is generated from it, against the files that are checked in.
+// What the catalog says, against the plug-in itself; and what is generated from it, against the files that are checked in.
 import assert from "node:assert/strict";
 import { execFileSync, spawnSync } from "node:child_process";
 import { mkdtempSync, readFileSync, rmSync } from "node:fs";
@@ -49,8 +49,8 @@ it("names the speeds, the errors and the privilege of the plug-in", () => {
     speeds.find(([, { from, to }]) => from <= number && number <= to)?.[0] ?? catalog.otherSpeed));
 
   execFileSync(program, ["set-up", "privilege", "off", "--store", join(folder, "store")]);
-  const refused = host([{ send: { command: "no such" } }, { send: 1 }, { post: { command: "setMenuValue" } },
-    { send: { command: "getMiradoValue", propertyKey: 9 } }, { settle: true }]);
+  const refused = host([{ send: { command: "no such" } }, { send: 1 }, { send: { command: "getMiradoValue", propertyKey: 9 } },
+    { post: { command: "setMenuValue" } }, { settle: true }]);
   const failures = [...refused.replies, ...refused.messages].filter(({ code }) => code);
   assert.deepEqual(Object.fromEntries(failures.map(({ code, errorName }) => [code, errorName])),
                    Object.fromEntries(Object.entries(catalog.errors).map(([code, { name }]) => [code, name])));
