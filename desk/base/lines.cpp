@@ -98,16 +98,21 @@ void LineWriter::Write(std::string line) {
   const std::lock_guard lock(mutex_);
   const char* rest = line.data();
   std::size_t size = line.size();
-  while (size > 0 && !broken_) {
+  while (size > 0 && error_ == 0) {
     const ssize_t count = write(fd_, rest, size);
     if (count >= 0) {
       rest += count;
       size -= static_cast<std::size_t>(count);
     } else if (errno != EINTR) {
-      broken_ = true;
+      error_ = errno;
       on_broken_();
     }
   }
+}
+
+int LineWriter::error() {
+  const std::lock_guard lock(mutex_);
+  return error_;
 }
 
 }  // namespace desk

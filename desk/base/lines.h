@@ -83,11 +83,14 @@ class LineWriter {
   /// `line` comes without its newline.
   void Write(std::string line);
 
+  /// The errno of the write that failed, or 0.
+  int error();
+
  private:
   int fd_;
   std::function<void()> on_broken_;
   std::mutex mutex_;
-  bool broken_ = false;
+  int error_ = 0;
 };
 
 }  // namespace desk

@@ -1,13 +1,17 @@
 #include "cli/commands.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
 #include <iostream>
 #include <numeric>
-#include <string_view>
 #include <utility>
 
-#include "base/json.h"
 #include "base/paths.h"
+#include "base/terminal.h"
+#include "dlog_control.h"
+#include "set/catalog.h"
 #include "set/simulated_set.h"
 
 namespace desk::cli {
@@ -27,13 +31,37 @@ std::size_t Distance(std::string_view text, std::string_view other) {
   return row.back();
 }
 
+/// "; did you mean …?" with the one of `known` that is nearest to `text`, or nothing when none is near.
+std::string Suggestion(const std::string& text, const std::vector<std::string>& known) {
+  std::size_t least = text.size() / 6 + 2;  // what is further away is no slip
+  std::string suggestion;
+  for (const std::string& each : known) {
+    if (const std::size_t distance = Distance(text, each); distance < least) {
+      least = distance;
+      suggestion = "; did you mean " + each + "?";
+    }
+  }
+  return suggestion;
+}
+
+/// "CAPTION" for "MENU_KEY_CAPTION".
+std::string_view ShortName(const Setting& setting) {
+  constexpr std::string_view kKey = "_KEY_";
+  return setting.enumerator.substr(setting.enumerator.find(kKey) + kKey.size());
+}
+
 }  // namespace
 
-void AddStoreOption(CLI::App& command, std::string& store) {
-  store = DefaultStore();
-  command.add_option("--store", store, "The folder of the store; made and filled when there is none")
-      ->type_name("FOLDER")
-      ->capture_default_str();
+bool StoreChoice::Named() const {
+  const char* const variable = std::getenv("MIRADO_STORE");
+  return option->count() > 0 || (variable != nullptr && *variable != '\0');
+}
+
+void AddStoreOption(CLI::App& command, StoreChoice& store) {
+  store.folder = DefaultStore();
+  store.option = command.add_option("--store", store.folder, "The folder of the store")
+                     ->type_name("FOLDER")
+                     ->capture_default_str();
 }
 
 void AddPluginOption(CLI::App& command, std::string& plugin) {
@@ -41,39 +69,69 @@ void AddPluginOption(CLI::App& command, std::string& plugin) {
   command.add_option("--plugin", plugin, "The plug-in's library")->type_name("FILE")->capture_default_str();
 }
 
-int WithStore(const std::string& store, const std::function<vconf::Status()>& work) {
-  if (const auto opened = OpenSet(store); !opened.ok()) {
-    std::cerr << opened.text() << '\n';
+void AddJsonOption(CLI::App& command, bool& json) { command.add_flag("--json", json, "Print JSON"); }
+
+int WithStore(const StoreChoice& store, Absent absent, const std::function<vconf::Status()>& work) {
+  constexpr int kNothing = 8;
+  dlog::SetThreshold(kNothing);  // the store logs what a status says again
+  auto opened = absent == Absent::kReport && store.Named() ? vconf::OpenStore(store.folder) : OpenSet(store.folder);
+  if (!opened.ok()) {
+    const bool none = opened.code() == vconf::Code::kMissing && !store.folder.empty();
+    const bool damaged = opened.code() == vconf::Code::kDamaged;
+    Complain(opened.text() + (none      ? "; `mirado reset --store FOLDER` makes one"
+                              : damaged ? "; `mirado reset --force` moves it aside and makes a new one"
+                                        : ""));
     return kCannotWork;  // whatever the cause: a store that is not there is no answer about a key
   }
   const auto status = work();
   if (!status.ok()) {
-    std::cerr << status.text() << '\n';
+    Complain(status.text());
   }
   vconf::CloseStore();
   return ExitStatusOf(status.code());
 }
 
-void NoteUnknown(const std::string& path, const std::string& what, const std::vector<std::string>& known) {
-  std::size_t least = path.size() / 6 + 2;  // what is further away is no slip
-  const std::string* nearest = nullptr;
-  for (const std::string& each : known) {
-    if (const std::size_t distance = Distance(path, each); distance < least) {
-      least = distance;
-      nearest = &each;
+void Complain(const std::string& text) { std::cerr << Printable(text) << '\n'; }
+
+int WithOutput(const Run& work) {
+  const int status = work();
+  errno = 0;
+  if (std::cout.flush()) {
+    return status;
+  }
+  Complain(OutputFailed(errno).text());
+  return kCannotWork;
+}
+
+vconf::Status OutputFailed(int error) {
+  return {vconf::Code::kFailed, std::string("the output is not complete, it cannot be written: ") +
+                                    (error != 0 ? std::strerror(error) : "the disk is full, or nobody reads it")};
+}
+
+void PrintJson(const Json& json) { std::cout << Printable(ToText(json)) << '\n'; }
+
+vconf::Result<std::string> PathFromArgument(const std::string& argument) {
+  const std::string text = TextFromArgument(argument);
+  if (text.find('/') != std::string::npos) {
+    return text;
+  }
+  std::vector<std::string> known;
+  for (const Setting& setting : Settings()) {
+    const std::string_view name = ShortName(setting);
+    const bool menu = setting.enumerator.starts_with("MENU_");
+    if (text == setting.enumerator || text == name || (menu && text == std::to_string(setting.key))) {
+      return std::string(setting.path);
     }
+    known.emplace_back(text.find("_KEY_") == std::string::npos ? name : setting.enumerator);
   }
-  if (nearest == nullptr || least > 0) {
-    std::cerr << path << ": " << what << (nearest == nullptr ? "" : "; did you mean " + *nearest + "?") << '\n';
-  }
+  return vconf::Status(vconf::Code::kBadName,
+                       text + ": is neither a path nor a setting's constant or number" + Suggestion(text, known));
 }
 
-vconf::Value ValueFromArgument(const std::string& argument) {
-  const auto parsed = ParseJson(argument);
-  const auto value = parsed.ok() ? ToValue(*parsed) : std::nullopt;
-  return value ? *value : vconf::Value(argument);
+void NoteUnknown(const std::string& path, const std::string& what, const std::vector<std::string>& known) {
+  if (std::ranges::find(known, path) == known.end()) {
+    Complain(path + ": " + what + Suggestion(path, known));
+  }
 }
-
-std::string ToArgument(const vconf::Value& value) { return ToText(ToJson(value)); }
 
 }  // namespace desk::cli

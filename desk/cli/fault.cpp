@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "base/json.h"
+#include "base/terminal.h"
 #include "cli/commands.h"
 #include "set/faults.h"
 #include "set/simulated_set.h"
@@ -12,42 +12,53 @@ namespace desk::cli {
 namespace {
 
 struct FaultOptions {
-  std::string store;
+  StoreChoice store;
   std::vector<std::string> arguments;
   unsigned times = 0;
   bool list = false;
+  bool json = false;
   bool clear = false;
 };
 
-vconf::Status ListFaults() {
+vconf::Status ListFaults(bool as_json) {
   const auto faults = vconf::ListFaults();
   if (!faults.ok()) {
     return faults.status();
   }
+  Json json = Json::array();
   for (const vconf::Fault& fault : *faults) {
-    std::cout << fault.call << ' ' << fault.path << ' ' << fault.answer;
-    if (fault.times > 0) {
-      std::cout << " --times " << fault.times;
+    json.push_back(ToJson(fault));
+    if (!as_json) {
+      std::cout << ShellWord(TextToArgument(fault.call)) << ' ' << ShellWord(TextToArgument(fault.path)) << ' '
+                << fault.answer << (fault.times > 0 ? " --times " + std::to_string(fault.times) : "") << '\n';
     }
-    std::cout << '\n';
+  }
+  if (as_json) {
+    PrintJson({{"faults", std::move(json)}});
   }
   return {};
+}
+
+/// The path of a fault of `call`, which may be typed as that of a setting where it is a key's.
+vconf::Result<std::string> PathOf(const FaultCall& call, const std::string& argument) {
+  const bool is_key = !call.path.empty() && call.prefix.empty() && argument != kEveryPath;
+  return is_key ? PathFromArgument(argument) : TextFromArgument(argument);
 }
 
 vconf::Status Clear(const std::vector<std::string>& arguments) {
   if (arguments.empty()) {
     return vconf::ClearFaults();
   }
-  if (const auto call = FindFaultCall(arguments[0]); !call.ok()) {
+  const auto call = FindFaultCall(arguments[0]);
+  if (!call.ok()) {
     return call.status();
   }
-  return vconf::ClearFault(arguments[0], arguments.size() > 1 ? arguments[1] : kEveryPath);
+  const auto path = PathOf(**call, arguments.size() > 1 ? arguments[1] : kEveryPath);
+  return path.ok() ? vconf::ClearFault(arguments[0], *path) : path.status();
 }
 
 /// A slip in the path makes a fault that no call ever meets.
-void NotePath(const vconf::Fault& fault) {
-  const auto found = FindFaultCall(fault.call);
-  const FaultCall& call = **found;
+void NotePath(const FaultCall& call, const vconf::Fault& fault) {
   if (fault.path != kEveryPath && !call.path.empty()) {
     const auto known = KnownPaths(call.prefix);
     NoteUnknown(fault.path, "is not known as " + std::string(call.path) + ", but the fault is set",
@@ -62,16 +73,23 @@ vconf::Status ChangeFaults(const FaultOptions& options) {
     return Clear(options.arguments);
   }
   if (options.arguments.empty()) {
-    return ListFaults();
+    return ListFaults(options.json);
   }
-  const auto answer = ValueFromArgument(options.arguments.back());
+  const auto call = FindFaultCall(options.arguments.front());
+  if (!call.ok()) {
+    return call.status();
+  }
+  const auto path = PathOf(**call, options.arguments.size() == 3 ? options.arguments[1] : kEveryPath);
+  if (!path.ok()) {
+    return path.status();
+  }
   const vconf::Fault fault{.call = options.arguments.front(),
-                           .path = options.arguments.size() == 3 ? options.arguments[1] : kEveryPath,
-                           .answer = std::get<int>(answer),
+                           .path = *path,
+                           .answer = std::get<int>(ValueFromArgument(options.arguments.back())),
                            .times = options.times};
   auto status = AddFault(fault);
   if (status.ok()) {
-    NotePath(fault);
+    NotePath(**call, fault);
   }
   return status;
 }
@@ -113,7 +131,7 @@ void AddFaultCommand(CLI::App& app, Run& run) {
       "  mirado fault --list\n"
       "  mirado fault --clear [CALL [PATH]]\n"
       "The call answers ANSWER instead of doing its work, in every process, at once. Without PATH it does so on every\n"
-      "path.\n" +
+      "path. PATH may also be a setting by constant or number.\n" +
       Calls());
   AddStoreOption(*command, options->store);
   auto* fault = command->add_option("FAULT", options->arguments, "CALL [PATH] ANSWER; behind --clear, CALL [PATH]")
@@ -123,9 +141,10 @@ void AddFaultCommand(CLI::App& app, Run& run) {
   auto* list = command->add_flag("--list", options->list, "Print the faults that are set")->excludes(fault);
   command->add_flag("--clear", options->clear, "Clear all faults, or the one that is named; without PATH, that for *")
       ->excludes(list);
+  AddJsonOption(*command, options->json);
   command->callback([options, &run] {
     Check(*options);
-    run = [options] { return WithStore(options->store, [&] { return ChangeFaults(*options); }); };
+    run = [options] { return WithStore(options->store, Absent::kMake, [&] { return ChangeFaults(*options); }); };
   });
 }
 

@@ -1,7 +1,6 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <iostream>
 #include <memory>
 #include <string>
 #include <system_error>
@@ -17,9 +16,11 @@
 namespace desk::cli {
 namespace {
 
+constexpr int kNoLog = 8;
+
 struct HostOptions {
   std::string plugin;
-  std::string store;
+  StoreChoice store;
   std::string record;
   int log_level = 4;
 };
@@ -32,21 +33,23 @@ bool WouldBeLost(const std::string& file) {
 
 int Host(const HostOptions& options) {
   if (WouldBeLost(options.record)) {
-    std::cerr << options.record << ": holds something already; remove it, or record to another file\n";
+    Complain(options.record + ": holds something already; remove it, or record to another file");
     return kCannotWork;
   }
   ShutdownSignal end;
-  dlog::SetThreshold(options.log_level);
-  if (const auto opened = OpenSet(options.store); !opened.ok()) {
-    std::cerr << "mirado: there is no store, so every reply that needs it will say so: " << opened.text() << '\n';
+  if (const auto opened = OpenSet(options.store.folder); !opened.ok()) {
+    // The store has logged the cause itself, unless it was never asked.
+    Complain("mirado: there is no store, so every reply that needs it will say so" +
+             (options.store.folder.empty() ? ": " + opened.text() : ""));
   }
+  dlog::SetThreshold(options.log_level);
   LineWriter writer(STDOUT_FILENO, [&end] { end.Raise(); });
   std::unique_ptr<Recorder> recorder;
   if (!options.record.empty()) {
     recorder =
         std::make_unique<Recorder>(options.record, [&writer](std::string text) { writer.Write(std::move(text)); });
     if (recorder->Failed()) {
-      std::cerr << options.record << ": cannot be written\n";
+      Complain(options.record + ": cannot be written");
       return kCannotWork;
     }
   }
@@ -59,7 +62,7 @@ int Host(const HostOptions& options) {
   };
   auto started = Session::Start(options.plugin, say);
   if (!started.ok()) {
-    std::cerr << started.status().text() << '\n';
+    Complain(started.status().text());
     return kCannotWork;
   }
   std::unique_ptr<Session> session = *std::move(started);
@@ -71,8 +74,12 @@ int Host(const HostOptions& options) {
   session.reset();
   vconf::CloseStore();
   if (recorder != nullptr && recorder->Failed()) {
-    std::cerr << options.record << ": is incomplete, it could not be written to the end\n";
+    Complain(options.record + ": is incomplete, it could not be written to the end");
     all_good = false;
+  }
+  if (writer.error() != 0) {
+    Complain(OutputFailed(writer.error()).text());
+    return kCannotWork;
   }
   return all_good ? kDone : kRefused;
 }
@@ -89,10 +96,14 @@ void AddHostCommand(CLI::App& app, Run& run) {
   {"settle": true}        all that was asked has been handled, all changes told:  {"settled": true}
 A line that is none of these is answered {"error": …} and changes nothing. Log lines go to stderr.
 The session ends with its input, or on SIGINT or SIGTERM. Exit status: 0, 1 when there were bad lines,
-2 for a wrong command line, 3 when the plug-in cannot be loaded or FILE holds something already.)");
+2 for a wrong command line, 3 when the plug-in cannot be loaded, FILE holds something already,
+or nobody takes what comes out.)");
   AddPluginOption(*command, options->plugin);
   AddStoreOption(*command, options->store);
-  command->add_option("--log-level", options->log_level, "Drop log lines below 2 verbose … 4 info, 6 error, 7 fatal")
+  command
+      ->add_option("--log-level", options->log_level,
+                   "Drop log lines below 2 verbose … 4 info, 6 error, 7 fatal; 8 drops all")
+      ->check(CLI::Range(2, kNoLog))
       ->capture_default_str();
   command->add_option("--record", options->record, "Write what goes in and comes out, for `mirado replay`")
       ->type_name("FILE");

@@ -1,36 +1,58 @@
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
-#include <iostream>
 #include <string>
 #include <string_view>
 
 #include "base/paths.h"
+#include "base/terminal.h"
 #include "cli/commands.h"
 
+namespace desk::cli {
 namespace {
 
 /// The desk is a program of its own, so that the host of a page does not carry its libraries.
 int BecomeDesk(char** arguments) {
-  const std::string program = desk::DeskProgram();
+  const std::string program = DeskProgram();
   execv(program.c_str(), arguments);
-  std::cerr << program << ": cannot be started: " << std::strerror(errno) << '\n';
-  return desk::kCannotWork;
+  Complain(program + ": cannot be started: " + std::strerror(errno));
+  return kCannotWork;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-  using namespace desk::cli;
-  // What follows `desk` is for the other program to read, `--help` included.
-  if (argc > 1 && argv[1] == std::string_view("desk")) {
-    return BecomeDesk(argv + 1);
+/// The parser's subcommands do not know that what follows "--" is no option. Numbers are none to them in any case, and
+/// a text is none when it is in quotes.
+std::vector<std::string> WithoutMark(std::vector<std::string> arguments) {
+  const auto mark = std::ranges::find(arguments, "--");
+  if (mark == arguments.end()) {
+    return arguments;
   }
+  for (auto each = arguments.erase(mark); each != arguments.end(); ++each) {
+    if (each->starts_with('-') && ValueFromArgument(*each).index() != vconf::Value(0).index()) {
+      *each = Quoted(*each);
+    }
+  }
+  return arguments;
+}
+
+/// What the parser has to say when it does not run a command: help, or what is wrong with the command line.
+int Explain(const CLI::App& app, const CLI::ParseError& error) {
+  if (error.get_exit_code() == 0) {
+    app.exit(error);
+    return kDone;
+  }
+  Complain(error.what());
+  Complain("`mirado --help` and `mirado COMMAND --help` say how it is written.");
+  return kUsage;
+}
+
+int Main(const std::vector<std::string>& arguments) {
   CLI::App app("The television plug-in on a desk: run it, steer the simulated set, record and replay sessions",
                "mirado");
   app.footer(
-      "Exit status: 0 done, 1 the answer is no, 2 wrong command line, 3 something needed cannot be opened.\n"
+      "Exit status: 0 done, 1 the answer is no, 2 wrong command line, 3 something needed cannot be used.\n"
       "`mirado COMMAND --help` says more. MIRADO_STORE and MIRADO_PLUGIN stand in for --store and --plugin.");
   app.set_version_flag("--version", MIRADO_VERSION);
   app.require_subcommand(1);
@@ -41,15 +63,36 @@ int main(int argc, char** argv) {
   AddSetUpCommand(app, run);
   AddFaultCommand(app, run);
   AddReplayCommand(app, run);
-  const auto is_meant = [&](const CLI::App* command) { return command->check_name(argv[1]); };
-  if (argc > 1 && argv[1][0] != '-' && app.get_subcommands(is_meant).empty()) {
-    std::cerr << "mirado: there is no command " << argv[1] << "; `mirado --help` names them\n";
-    return desk::kUsage;
+  AddVerifyCommand(app, run);
+  AddCompletionCommand(app, run);
+  // For the shell's completion and for the build; a word that is completed may be any, so the parser has no part in it.
+  if (!arguments.empty() && (arguments[0] == "complete" || arguments == std::vector<std::string>{"manual"})) {
+    arguments[0] == "manual" ? PrintManual(app) : PrintCompletions(app, {arguments.begin() + 1, arguments.end()});
+    return kDone;
+  }
+  const auto is_meant = [&](const CLI::App* command) { return command->check_name(arguments[0]); };
+  if (!arguments.empty() && !arguments[0].starts_with('-') && app.get_subcommands(is_meant).empty()) {
+    Complain("mirado: there is no command " + arguments[0] + "; `mirado --help` names them");
+    return kUsage;
   }
   try {
-    app.parse(argc, argv);
+    std::vector<std::string> words = WithoutMark(arguments);
+    std::ranges::reverse(words);
+    app.parse(std::move(words));
   } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? desk::kDone : desk::kUsage;
+    return Explain(app, error);
   }
   return run();
+}
+
+}  // namespace
+}  // namespace desk::cli
+
+int main(int argc, char** argv) {
+  // What follows `desk` is for the other program to read, `--help` included.
+  if (argc > 1 && argv[1] == std::string_view("desk")) {
+    return desk::cli::BecomeDesk(argv + 1);
+  }
+  static_cast<void>(std::signal(SIGPIPE, SIG_IGN));  // a reader that is gone is a failed write
+  return desk::cli::WithOutput([&] { return desk::cli::Main({argv + 1, argv + argc}); });
 }

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "base/terminal.h"
 #include "cli/commands.h"
 #include "dlog_control.h"
 #include "host/recording.h"
@@ -22,20 +23,37 @@ struct ReplayOptions {
   std::vector<std::string> files;
 };
 
+int ReplayOne(const std::string& file, const std::string& plugin) {
+  const auto recording = ReadRecording(file);
+  if (!recording.ok()) {
+    Complain(recording.status().text());
+    return kCannotWork;
+  }
+  const auto difference = Replay(*recording, plugin);
+  if (!difference.ok()) {
+    Complain(file + ": cannot be played: " + difference.status().text());
+    return kCannotWork;
+  }
+  std::cout << Printable(file) << ": " << recording->in.size() << " lines in, "
+            << (difference->empty() ? "the same came out\n" : "something else came out\n" + *difference);
+  return difference->empty() ? kDone : kRefused;
+}
+
 /// In a process of its own: what one recording leaves in the plug-in must not reach the next, nor its crash.
 int ReplayAlone(const std::string& file, const ReplayOptions& options) {
+  std::cout.flush();  // else the child would print it too
   const pid_t child = fork();
   if (child == 0) {
     dlog::SetThreshold(options.log_level);
-    std::exit(Replay(file, options.plugin));
+    std::exit(WithOutput([&] { return ReplayOne(file, options.plugin); }));
   }
   int status = 0;
   if (child < 0 || waitpid(child, &status, 0) != child) {
-    std::cerr << file << ": cannot be played: " << std::strerror(errno) << '\n';
+    Complain(file + ": cannot be played: " + std::strerror(errno));
     return kCannotWork;
   }
   if (WIFSIGNALED(status)) {
-    std::cout << file << ": the plug-in crashed: " << strsignal(WTERMSIG(status)) << '\n';
+    std::cout << Printable(file) << ": the plug-in crashed: " << strsignal(WTERMSIG(status)) << '\n';
     return kRefused;
   }
   return WEXITSTATUS(status);
@@ -51,7 +69,9 @@ void AddReplayCommand(CLI::App& app, Run& run) {
       "are compared each in their own order; times and log lines do not count. Exit status: 0 when all came out\n"
       "the same, 1 when one did not, 3 when one cannot be played.");
   AddPluginOption(*command, options->plugin);
-  command->add_option("--log-level", options->log_level, "Drop log lines below this priority")->capture_default_str();
+  command->add_option("--log-level", options->log_level, "Drop log lines below this priority; 8 drops all")
+      ->check(CLI::Range(2, 8))
+      ->capture_default_str();
   command->add_option("FILE", options->files, "Recordings, as `mirado host --record` writes them")->required();
   command->callback([options, &run] {
     run = [options] {

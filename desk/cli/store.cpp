@@ -1,14 +1,15 @@
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
 #include <iomanip>
 #include <iostream>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "base/lines.h"
+#include "base/terminal.h"
 #include "cli/commands.h"
 #include "set/catalog.h"
 #include "set/simulated_set.h"
@@ -17,20 +18,51 @@ namespace desk::cli {
 namespace {
 
 struct StoreOptions {
-  std::string store;
+  StoreChoice store;
   std::string path;
   std::string value;
+  bool json = false;
   bool now = false;
+  bool exact = false;
+  unsigned count = 0;
+  std::optional<double> timeout;
+  bool force = false;
 };
 
+/// Which keys a command that takes a prefix is about.
+struct Selection {
+  std::string prefix;
+  bool exact;
+
+  bool Holds(std::string_view path) const { return exact ? path == prefix : path.starts_with(prefix); }
+};
+
+/// A setting stands for its one key, everything else for what begins with it.
+Selection Select(const StoreOptions& options) {
+  const auto path = PathFromArgument(options.path);
+  const std::string typed = TextFromArgument(options.path);
+  return {path.ok() ? *path : typed, options.exact || (path.ok() && *path != typed)};
+}
+
+Json KeyJson(const std::string& path, const std::optional<vconf::Value>& value) {
+  return {{"path", path}, {"value", value ? ToJson(*value) : Json()}};
+}
+
+/// A path as one word of a line.
+std::string Word(const std::string& path) {
+  return path.find(' ') == std::string::npos ? TextToArgument(path) : Quoted(path);
+}
+
 vconf::Status Get(const StoreOptions& options) {
-  const auto value = vconf::Get(options.path);
-  if (!value.ok()) {
-    return value.status();
+  const auto path = PathFromArgument(options.path);
+  if (!path.ok()) {
+    return path.status();
   }
-  const auto* text = std::get_if<std::string>(&*value);
-  std::cout << (text == nullptr ? ToArgument(*value) : *text) << '\n';
-  return {};
+  const auto value = vconf::Get(*path);
+  if (value.ok()) {
+    options.json ? PrintJson(KeyJson(*path, *value)) : void(std::cout << ToArgument(*value) << '\n');
+  }
+  return value.status();
 }
 
 /// Why a key that holds `held` does not take what was typed, and what to type.
@@ -41,80 +73,149 @@ std::string OtherType(const vconf::Value& held, const std::string& typed) {
   if (std::holds_alternative<bool>(held)) {
     return "holds a boolean and takes no other type: write true or false";
   }
-  return "holds a text and takes no other type: write it as '" + ToArgument(vconf::Value(typed)) + "'";
+  return "holds a text and takes no other type: write it as " + ShellWord(ToArgument(vconf::Value(typed)));
 }
 
 vconf::Status Set(const StoreOptions& options) {
+  const auto path = PathFromArgument(options.path);
+  if (!path.ok()) {
+    return path.status();
+  }
   const auto value = ValueFromArgument(options.value);
-  const auto held = vconf::Get(options.path);
+  const auto held = vconf::Get(*path);
   if (held.ok() && held->index() != value.index()) {
-    return {vconf::Code::kWrongType, options.path + ": " + OtherType(*held, options.value)};
+    return {vconf::Code::kWrongType, *path + ": " + OtherType(*held, options.value)};
   }
   const auto known = KnownPaths();
-  auto status = vconf::Set(options.path, value);
-  if (status.ok() && known.ok() && !IsOpenPath(options.path)) {
-    NoteUnknown(options.path, "no setting has this path, but the key is set", *known);
+  auto status = vconf::Set(*path, value);
+  if (status.ok() && known.ok() && !IsOpenPath(*path)) {
+    NoteUnknown(*path, "no setting has this path, but the key is set", *known);
   }
   return status;
 }
 
-vconf::Status List(const StoreOptions& options) {
-  const auto entries = vconf::List(options.path);
-  if (!entries.ok()) {
-    return entries.status();
-  }
-  std::map<std::string, vconf::Value> others;
-  for (const vconf::Entry& entry : *entries) {
-    others.emplace(entry.path, entry.value);
-  }
+void PrintRows(const Selection& selection, const std::map<std::string, vconf::Value>& present) {
   constexpr int kPathWidth = 66;
   constexpr int kNameWidth = 44;
   std::cout << std::left;
   for (const Setting& setting : Settings()) {
-    if (setting.path.starts_with(options.path)) {
-      const auto found = others.find(std::string(setting.path));
+    if (selection.Holds(setting.path)) {
+      const auto found = present.find(std::string(setting.path));
       std::cout << std::setw(7) << setting.table->name << std::right << std::setw(2) << setting.key << "  " << std::left
                 << std::setw(kNameWidth) << setting.enumerator << std::setw(kPathWidth) << setting.path << ' '
-                << (found == others.end() ? "(missing)" : ToArgument(found->second)) << '\n';
-      others.erase(std::string(setting.path));
+                << (found == present.end() ? "(missing)" : ToArgument(found->second)) << '\n';
     }
   }
-  for (const auto& [path, value] : others) {
-    std::cout << std::setw(11 + kNameWidth) << "" << std::setw(kPathWidth) << path << ' ' << ToArgument(value) << '\n';
+  for (const auto& [path, value] : present) {
+    if (FindSetting(path) != nullptr) {
+      continue;
+    }
+    std::cout << std::setw(11 + kNameWidth) << "" << std::setw(kPathWidth) << Word(path) << ' ' << ToArgument(value)
+              << '\n';
   }
+}
+
+void PrintKeys(const Selection& selection, const std::map<std::string, vconf::Value>& present) {
+  Json keys = Json::array();
+  for (const Setting& setting : Settings()) {
+    if (selection.Holds(setting.path) && !present.contains(std::string(setting.path))) {
+      keys.push_back(KeyJson(std::string(setting.path), std::nullopt));
+    }
+  }
+  for (const auto& [path, value] : present) {
+    keys.push_back(KeyJson(path, value));
+  }
+  for (Json& key : keys) {
+    if (const Setting* const setting = FindSetting(key["path"].get<std::string>())) {
+      key.update({{"table", setting->table->name}, {"key", setting->key}, {"name", setting->enumerator}});
+    }
+  }
+  PrintJson({{"keys", std::move(keys)}});
+}
+
+vconf::Status List(const StoreOptions& options) {
+  const Selection selection = Select(options);
+  const auto entries = vconf::List(selection.prefix);
+  if (!entries.ok()) {
+    return entries.status();
+  }
+  std::map<std::string, vconf::Value> present;
+  for (const vconf::Entry& entry : *entries) {
+    if (selection.Holds(entry.path)) {
+      present.emplace(entry.path, entry.value);
+    }
+  }
+  (options.json ? PrintKeys : PrintRows)(selection, present);
   return {};
 }
 
 vconf::Status Watch(const StoreOptions& options) {
+  const Selection selection = Select(options);
   ShutdownSignal end;
   LineWriter writer(STDOUT_FILENO, [&end] { end.Raise(); });
-  const auto watch = vconf::WatchPrefix(options.path, [&writer](const vconf::Change& change) {
-    writer.Write(change.path + " " + (change.value ? ToArgument(*change.value) : "(removed)"));
+  const auto print = [&](const std::string& path, const std::optional<vconf::Value>& value) {
+    writer.Write(options.json ? Printable(ToText(KeyJson(path, value)))
+                              : Word(path) + " " + (value ? ToArgument(*value) : "(removed)"));
+  };
+  unsigned seen = 0;  // on the notification thread, and here once the watch has ended
+  auto watch = vconf::WatchPrefix(selection.prefix, [&](const vconf::Change& change) {
+    if (selection.Holds(change.path) && (options.count == 0 || seen < options.count)) {
+      print(change.path, change.value);
+      if (++seen == options.count) {
+        end.Raise();
+      }
+    }
   });
   if (!watch.ok()) {
     return watch.status();
   }
   if (options.now) {
-    const auto entries = vconf::List(options.path);
+    const auto entries = vconf::List(selection.prefix);
     if (!entries.ok()) {
       return entries.status();
     }
     for (const vconf::Entry& entry : *entries) {
-      writer.Write(entry.path + " " + ToArgument(entry.value));
+      if (selection.Holds(entry.path)) {
+        print(entry.path, entry.value);
+      }
     }
   }
-  end.WaitFor(-1);
+  end.WaitFor(-1, options.timeout ? std::chrono::milliseconds(static_cast<std::int64_t>(*options.timeout * 1000))
+                                  : std::chrono::milliseconds(-1));
+  watch = std::unique_ptr<vconf::Watch>();
+  if (writer.error() != 0) {
+    return OutputFailed(writer.error());
+  }
+  if (seen < options.count) {
+    return {vconf::Code::kMissing,
+            std::to_string(seen) + " of " + std::to_string(options.count) + " changes came in time"};
+  }
   return {};
+}
+
+/// Makes a new store where one is that cannot be used any more, or none is.
+int Replace(const StoreChoice& store) {
+  const auto moved = vconf::ReplaceStore(store.folder, DefaultEntries());
+  if (!moved.ok()) {
+    Complain(moved.status().text());
+    return kCannotWork;
+  }
+  std::cout << "The old store is in " << Printable(*moved) << "; " << Printable(store.folder) << " is a new one.\n";
+  return kDone;
 }
 
 using Work = vconf::Status (*)(const StoreOptions&);
 
 CLI::App* Add(CLI::App& app, Run& run, const std::shared_ptr<StoreOptions>& options, const char* name, const char* text,
-              Work work) {
+              Absent absent, Work work) {
   auto* command = app.add_subcommand(name, text);
-  AddStoreOption(*command, options->store);
-  command->callback([options, work, &run] {
-    run = [options, work] { return WithStore(options->store, [&] { return work(*options); }); };
+  // Each subcommand has an option of its own, so each needs to know which of them is its store's.
+  auto store = std::make_shared<StoreChoice>();
+  AddStoreOption(*command, *store);
+  command->callback([options, store, absent, work, &run] {
+    run = [options, store, absent, work] {
+      return options->force ? Replace(*store) : WithStore(*store, absent, [&] { return work(*options); });
+    };
   });
   return command;
 }
@@ -122,27 +223,41 @@ CLI::App* Add(CLI::App& app, Run& run, const std::shared_ptr<StoreOptions>& opti
 }  // namespace
 
 void AddStoreCommands(CLI::App& app, Run& run) {
+  constexpr char kKey[] = "A path such as db/menu/caption/caption, or a setting by constant or number: CAPTION, 0";
+  constexpr char kPrefix[] = "Only keys that begin with this, or a setting by constant or number";
   auto options = std::make_shared<StoreOptions>();
-  auto* get = Add(app, run, options, "get", "Print the value of a key", Get);
-  get->add_option("PATH", options->path, "The key, such as db/menu/caption/caption")->required();
+  auto* get = Add(app, run, options, "get", "Print the value of a key", Absent::kReport, Get);
+  get->add_option("PATH", options->path, kKey)->required();
+  AddJsonOption(*get, options->json);
 
-  auto* set = Add(app, run, options, "set", "Give a key a value", Set);
+  auto* set = Add(app, run, options, "set", "Give a key a value", Absent::kMake, Set);
   set->footer(
       "A value is an integer of 32 bits, true, false or else a text. A text that looks like one of the others\n"
-      "goes in double quotes of its own: mirado set PATH '\"42\"'. A key keeps the type that it has.\n"
-      "A key that is not there yet is made; a note on stderr tells when nothing on the set is known to have it.");
-  set->add_option("PATH", options->path, "The key")->required();
+      "goes in double quotes of its own, like any JSON string: mirado set PATH '\"42\"'. `mirado get` prints each\n"
+      "value so that this command takes it back. A key keeps the type that it has. A key that is not there yet\n"
+      "is made; a note on stderr tells when nothing on the set is known to have it.");
+  set->add_option("PATH", options->path, kKey)->required();
   set->add_option("VALUE", options->value, "The value")->required();
 
-  auto* list = Add(app, run, options, "list", "Print the settings with their key numbers, and all other keys", List);
-  list->add_option("PREFIX", options->path, "Only keys that begin with this");
+  auto* list = Add(app, run, options, "list", "Print the settings with their key numbers, and all other keys",
+                   Absent::kReport, List);
+  list->add_option("PREFIX", options->path, kPrefix);
+  AddJsonOption(*list, options->json);
 
-  auto* watch = Add(app, run, options, "watch", "Print each change as it happens, until SIGINT or SIGTERM", Watch);
-  watch->add_option("PREFIX", options->path, "Only keys that begin with this");
+  auto* watch = Add(app, run, options, "watch", "Print each change as it happens, until SIGINT or SIGTERM",
+                    Absent::kReport, Watch);
+  watch->add_option("PREFIX", options->path, kPrefix);
   watch->add_flag("--now", options->now, "Print what the keys hold first");
+  watch->add_flag("--exact", options->exact, "Only the key of this path");
+  watch->add_option("--count", options->count, "End after so many changes")->check(CLI::PositiveNumber);
+  watch->add_option("--timeout", options->timeout, "End after so many seconds; with --count, status 1 if fewer came")
+      ->check(CLI::Range(0.0, 1e6));
+  AddJsonOption(*watch, options->json);
 
-  Add(app, run, options, "reset", "Put the whole set back to what a new one holds; faults go too",
-      [](const StoreOptions&) { return ResetSet(); });
+  auto* reset = Add(app, run, options, "reset", "Put the whole set back to what a new one holds; faults go too",
+                    Absent::kMake, [](const StoreOptions&) { return ResetSet(); });
+  reset->add_flag("--force", options->force,
+                  "Make a new store also where one is damaged: moves its files to a folder that is printed");
 }
 
 }  // namespace desk::cli

@@ -2,13 +2,15 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
 #include <system_error>
 #include <utility>
 
-#include "base/exit_status.h"
+#include "base/files.h"
+#include "base/terminal.h"
 #include "set/simulated_set.h"
 
 namespace desk {
@@ -85,6 +87,7 @@ class TemporaryStore {
     std::string pattern = std::filesystem::temp_directory_path() / "mirado-replay-XXXXXX";
     if (mkdtemp(pattern.data()) != nullptr) {
       folder_ = pattern;
+      setenv("MIRADO_MEMORY_ROOT", pattern.c_str(), 1);  // what the set forgets when it is switched off goes as well
     }
   }
   TemporaryStore(const TemporaryStore&) = delete;
@@ -212,9 +215,13 @@ void Recorder::OnChange(const vconf::Change& change) {
 }
 
 vconf::Result<Recording> ReadRecording(const std::string& file) {
+  std::error_code ignored;
+  if (std::filesystem::is_directory(file, ignored)) {
+    return NotRecorded(file + ": is a folder; name the recordings in it");
+  }
   std::ifstream stream(file);
   if (!stream) {
-    return NotRecorded(file + ": cannot be read");
+    return FileStatus(errno, file);
   }
   Recording recording;
   int number = 0;
@@ -237,6 +244,17 @@ vconf::Result<Recording> ReadRecording(const std::string& file) {
   return recording;
 }
 
+std::vector<ParsedJson> MessagesIn(const Recording& recording) {
+  std::vector<ParsedJson> messages;
+  for (const std::string& line : recording.in) {
+    const auto request = ParseRequest(line);
+    if (request->kind == Request::Kind::kSend || request->kind == Request::Kind::kPost) {
+      messages.push_back(request->argument);
+    }
+  }
+  return messages;
+}
+
 std::string Difference(const Recording& recording, const std::vector<ParsedJson>& out) {
   constexpr std::size_t kShown = 5;
   std::string text;
@@ -245,8 +263,8 @@ std::string Difference(const Recording& recording, const std::vector<ParsedJson>
     const auto replayed = Pick(stream, out);
     std::size_t different = 0;
     for (std::size_t index = 0; index < std::max(recorded.size(), replayed.size()); ++index) {
-      const std::string& before = index < recorded.size() ? recorded[index] : "nothing";
-      const std::string& now = index < replayed.size() ? replayed[index] : "nothing";
+      const std::string before = index < recorded.size() ? Printable(recorded[index]) : "nothing";
+      const std::string now = index < replayed.size() ? Printable(replayed[index]) : "nothing";
       if (before != now && ++different <= kShown) {
         text.append("  ").append(stream.name).append(" ").append(std::to_string(index + 1));
         text.append("\n    recorded ").append(before).append("\n    replayed ").append(now).append("\n");
@@ -259,24 +277,13 @@ std::string Difference(const Recording& recording, const std::vector<ParsedJson>
   return text;
 }
 
-int Replay(const std::string& file, const std::string& plugin) {
-  const auto read = ReadRecording(file);
-  if (!read.ok()) {
-    std::cerr << read.status().text() << '\n';
-    return kCannotWork;
+vconf::Result<std::string> Replay(const Recording& recording, const std::string& plugin) {
+  auto out = Play(recording, plugin);
+  if (!out.ok()) {
+    return out.status();
   }
-  const Recording& recording = *read;
-  auto played = Play(recording, plugin);
-  if (!played.ok()) {
-    std::cerr << file << ": cannot be played: " << played.status().text() << '\n';
-    return kCannotWork;
-  }
-  std::vector<ParsedJson>& out = *played;
-  ForgetUnheardEnd(recording.out, out);
-  const std::string difference = Difference(recording, out);
-  std::cout << file << ": " << recording.in.size() << " lines in, "
-            << (difference.empty() ? "the same came out\n" : "something else came out\n" + difference) << std::flush;
-  return difference.empty() ? kDone : kRefused;
+  ForgetUnheardEnd(recording.out, *out);
+  return Difference(recording, *out);
 }
 
 }  // namespace desk

@@ -68,6 +68,9 @@ struct Recording {
 /// Reads the file, or says which line of it is none of a recording.
 vconf::Result<Recording> ReadRecording(const std::string& file);
 
+/// The messages of the page in it, in their order.
+std::vector<ParsedJson> MessagesIn(const Recording& recording);
+
 /// How what came out of a session differs from what was recorded, in lines for a person; empty when it does not.
 ///
 /// Compared one by one are the replies to waiting calls, the deliveries and the events, each in their own order.
@@ -75,8 +78,8 @@ vconf::Result<Recording> ReadRecording(const std::string& file);
 /// plug-in's to keep.
 std::string Difference(const Recording& recording, const std::vector<ParsedJson>& out);
 
-/// Plays `file` with `plugin` on a fresh store and prints what differs. Returns 0 when nothing does, 1 when something
-/// does, 3 when it could not be played. Uses the process's one store and one plug-in.
-int Replay(const std::string& file, const std::string& plugin);
+/// Plays a recording with `plugin` on a fresh store and returns how what comes out differs, as above. Uses the
+/// process's one store and one plug-in.
+vconf::Result<std::string> Replay(const Recording& recording, const std::string& plugin);
 
 }  // namespace desk

@@ -90,6 +90,9 @@ bool ReadRequests(int input, const ShutdownSignal& end,
     if (result == LineReader::Result::kEnd) {
       return all_good;
     }
+    if (result == LineReader::Result::kLine && line.find_first_not_of(" \t\r") == std::string::npos) {
+      continue;
+    }
     const vconf::Result<Request> request =
         result == LineReader::Result::kLine
             ? ParseRequest(line)

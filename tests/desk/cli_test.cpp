@@ -13,7 +13,35 @@ namespace {
 
 class CliTest : public ProgramTest {
  protected:
+  void SetUp() override { ASSERT_EQ(Run({"reset"}).status, 0); }
+
+  /// The exit status of a shell's command; `mirado` there works on the store.
+  int Shell(const std::string& command) const {
+    const int status = std::system(("exec 2>'" + log() + "'; export MIRADO_STORE='" + store() + "'; mirado() { '" +
+                                    MIRADO_PROGRAM + "' \"$@\"; }; " + command)
+                                       .c_str());
+    return WEXITSTATUS(status);
+  }
+
   static bool Holds(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+
+  /// The line of `text` in which a byte could steer a terminal: a control character or one of 0x80 to 0x9f that follows
+  /// no other byte of its character; or the mark in these tests that turns the direction.
+  static std::string Steering(const std::string& text) {
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+      unsigned char before = 0;
+      for (const char letter : line) {
+        const auto byte = static_cast<unsigned char>(letter);
+        if (byte < 0x20 || byte == 0x7f || (byte >= 0x80 && byte < 0xa0 && (before < 0x80 || before == 0xc2)) ||
+            Holds(line, "\xe2\x80\xae") || line.starts_with("b2b off")) {
+          return line;
+        }
+        before = byte;
+      }
+    }
+    return "";
+  }
 };
 
 TEST_F(CliTest, ExitStatusTellsRefusedFromMisunderstoodFromUnopened) {
@@ -24,6 +52,8 @@ TEST_F(CliTest, ExitStatusTellsRefusedFromMisunderstoodFromUnopened) {
   EXPECT_EQ(Run({"set-up", "latency", "getVersoin", "5"}).status, 1);
   EXPECT_EQ(Run({"fault", "vconf_get_float", "-1"}).status, 1);
   EXPECT_EQ(Run({"fault", "--clear", "vconf_get_float"}).status, 1);
+  EXPECT_EQ(RunAsIs({"fault", "--store", store(), "--", "vconf_get_int", "-1"}).status, 0);
+  EXPECT_EQ(Run({"fault", "--clear"}).status, 0);
   for (const std::vector<std::string>& words :
        std::vector<std::vector<std::string>>{{"get"},
                                              {"frobnicate"},
@@ -33,12 +63,15 @@ TEST_F(CliTest, ExitStatusTellsRefusedFromMisunderstoodFromUnopened) {
                                              {"fault", "vconf_get_int"},
                                              {"fault", "--list", "x"},
                                              {"fault", "--clear", "a", "b", "c"},
-                                             {"host", "--log-level", "loud"}}) {
+                                             {"watch", "--count", "0"},
+                                             {"host", "--log-level", "loud"},
+                                             {"host", "--log-level", "9"}}) {
     EXPECT_EQ(Run(words).status, 2) << words.back();
   }
   EXPECT_EQ(RunAsIs({}).status, 2);
   EXPECT_EQ(RunAsIs({"get", "db/a", "--store", "/dev/null/store"}).status, 3);
   EXPECT_EQ(RunAsIs({"replay", folder() / "none.jsonl"}).status, 3);
+  EXPECT_EQ(RunAsIs({"replay", folder().path()}).log, folder().path() + ": is a folder; name the recordings in it\n");
   const std::string home = std::getenv("HOME") == nullptr ? "" : std::getenv("HOME");
   for (const char* name : {"HOME", "XDG_STATE_HOME", "MIRADO_STORE"}) {
     unsetenv(name);
@@ -49,32 +82,167 @@ TEST_F(CliTest, ExitStatusTellsRefusedFromMisunderstoodFromUnopened) {
   EXPECT_TRUE(Holds(homeless.log, "--store or MIRADO_STORE")) << homeless.log;
   EXPECT_TRUE(Holds(Run({"get", "db/no/such/key"}).log, "db/no/such/key"));
   EXPECT_TRUE(Holds(RunAsIs({"get", "db/a", "--store", "/dev/null/store"}).log, "/dev/null/store"));
-  for (const char* command : {"host", "get", "set", "list", "watch", "reset", "set-up", "fault", "replay"}) {
-    const Outcome help = RunAsIs({command, "--help"});
-    EXPECT_EQ(help.status, 0) << command;
-    EXPECT_TRUE(Holds(help.out, "Usage: mirado " + std::string(command))) << help.out;
-  }
 }
 
-TEST_F(CliTest, ValuesKeepTheTypeTheyAreTypedWith) {
+TEST_F(CliTest, HelpTheManualAndCompletionKnowEveryCommand) {
+  const Outcome manual = RunAsIs({"manual"});
+  EXPECT_EQ(manual.out, Contents(MIRADO_MANUAL)) << "mirado manual > desk/cli/mirado.1";
+  std::string page = manual.out;
+  std::erase(page, '\\');
+  std::istringstream commands(RunAsIs({"complete", ""}).out);
+  int count = 0;
+  for (std::string command; std::getline(commands, command); ++count) {
+    EXPECT_TRUE(Holds(RunAsIs({"--help"}).out, "\n  " + command + " ")) << command;
+    EXPECT_TRUE(Holds(page, "\n.SS mirado " + command)) << command;
+    if (command != "desk") {
+      const Outcome help = RunAsIs({command, "--help"});
+      EXPECT_EQ(help.status, 0) << command;
+      EXPECT_TRUE(Holds(help.out, "Usage: mirado " + command)) << help.out;
+    }
+  }
+  EXPECT_GE(count, 12);
+  EXPECT_EQ(RunAsIs({"complete", "set-up", "--json", "b2b", "o"}).out, "on\noff\n");
+  EXPECT_EQ(RunAsIs({"complete", "fault", "vconf_get_int", "CAPTION_"}).out, "CAPTION_MODE\n");
+  EXPECT_EQ(RunAsIs({"complete", "get", "--store", ""}).out, "");
+  EXPECT_EQ(RunAsIs({"complete", "watch", "--e"}).out, "--exact\n");
+  const std::string script = folder() / "complete.sh";
+  std::ofstream(script) << R"bash(mirado() { ")bash" MIRADO_PROGRAM R"bash(" "$@"; }
+eval "$(mirado completion bash)"
+COMP_WORDS=(mirado get HIGH) COMP_CWORD=2
+_mirado
+[ "${COMPREPLY[*]}" = HIGH_CONTRAST ]
+)bash";
+  EXPECT_EQ(Shell("bash " + script), 0);
+}
+
+TEST_F(CliTest, AShellRestoresEveryTextThatIsPrinted) {
   struct Case {
-    std::string typed, got, listed;
+    std::string typed, printed;
   };
   const std::vector<Case> cases = {
-      {"-7", "-7", "-7"},
-      {"true", "true", "true"},
-      {"2147483648", "2147483648", "\"2147483648\""},
-      {"\"42\"", "42", "\"42\""},
-      {"two words", "two words", "\"two words\""},
-      {"1.5", "1.5", "\"1.5\""},
-      {R"("open)", R"("open)", R"("\"open")"},
+      {"-7", "-7"},
+      {"true", "true"},
+      {"2147483648", "2147483648"},
+      {"\"42\"", "\"42\""},
+      {"\"true\"", "\"true\""},
+      {"", "\"\""},
+      {"two words", "two words"},
+      {"[1,2]", "[1,2]"},
+      {"\"-1x\"", "\"-1x\""},
+      {"\"--now\"", "\"--now\""},
+      {"(missing)", "\"(missing)\""},
+      {"end\n\n", R"("end\n\n")"},
+      {R"(C:\x)", R"(C:\x)"},
+      {R"("open)", R"("\"open")"},
+      {"\x1b]0;title\a\x7f", R"("\u001b]0;title\u0007\u007f")"},
+      {"F\xc3\xbcnf \xc2\x9b"
+       "2J \xe2\x80\xae",
+       R"("Fünf \u009b2J \u202e")"},
+      {"\xff \xc3 \xed\xa0\x80 \xf0\x9f\x98\x80", R"("\xff \xc3 \xed\xa0\x80 😀")"},
   };
   for (const Case& each : cases) {
     const std::string path = "db/test/" + std::to_string(&each - cases.data());
-    ASSERT_EQ(Run({"set", path, each.typed}).status, 0) << each.typed;
-    EXPECT_EQ(Run({"get", path}).out, each.got + "\n");
-    EXPECT_TRUE(Holds(Run({"list", path}).out, " " + each.listed + "\n"));
+    ASSERT_EQ(RunAsIs({"set", "--store", store(), path, "--", each.typed}).status, 0) << each.typed;
+    EXPECT_EQ(Run({"get", path}).out, each.printed + "\n");
+    EXPECT_TRUE(Holds(Run({"list", path}).out, " " + each.printed + "\n"));
+    const std::string json = Run({"get", path, "--json"}).out;
+    EXPECT_EQ(Shell("K=" + path + R"sh(; V="$(mirado get $K)"; mirado set $K "$V")sh"), 0) << each.typed;
+    EXPECT_EQ(Run({"get", path, "--json"}).out, json);
   }
+}
+
+TEST_F(CliTest, NothingFromTheStoreSteersTheTerminal) {
+  const std::string nasty =
+      "\x1b[2J\nb2b off\r\x9b\x7f\xc2\x9b"
+      "1m \xe2\x80\xae";
+  ASSERT_EQ(desk::OpenSet(store()).text(), "");
+  ASSERT_EQ(vconf::Set("db/" + nasty, nasty).text(), "");
+  ASSERT_EQ(vconf::Set("set/embedder/reply/" + nasty, nasty).text(), "");
+  ASSERT_EQ(vconf::Set("set/embedder/privilege/" + nasty, true).text(), "");
+  ASSERT_EQ(vconf::Set("set/embedder/name", nasty).text(), "");
+  ASSERT_EQ(vconf::Set("set/prefdeck/" + nasty, "1 " + nasty).text(), "");
+  ASSERT_EQ(vconf::SetFault({"vconf_get_int", nasty, -1, 0}).text(), "");
+  vconf::CloseStore();
+  const std::string path = R"("db/\u001b[2J\nb2b off\u000d\x9b\u007f\u009b1m \u202e")";
+  EXPECT_TRUE(Holds(Run({"list", path}).out, path));
+  const std::string recording = folder() / "nasty\x1b.jsonl";
+  std::ofstream(recording) << "{\"recording\":1,\"state\":{},\"faults\":[]}\n"
+                           << "{\"in\":{\"send\":{\"command\":\"\\u009b\\u007f\"}}}\n";
+  for (const std::vector<std::string>& words :
+       std::vector<std::vector<std::string>>{{"list"},
+                                             {"list", "--json"},
+                                             {"get", path},
+                                             {"get", path + "x"},
+                                             {"get", path, "--json"},
+                                             {"set", path, "1"},
+                                             {"set", path + "x", nasty},
+                                             {"watch", "--now", "--timeout", "0"},
+                                             {"fault", "--list"},
+                                             {"fault", "--list", "--json"},
+                                             {"fault", nasty, "-1"},
+                                             {"set-up"},
+                                             {"set-up", "--json"},
+                                             {"set-up", "load", nasty},
+                                             {"set-up", "b2b", nasty},
+                                             {nasty}}) {
+    const Outcome outcome = Run(words);
+    EXPECT_FALSE(outcome.out.empty() && outcome.log.empty()) << words[0];
+    EXPECT_EQ(Steering(outcome.out + outcome.log), "") << words[0] << " " << words.back();
+  }
+  for (const char* command : {"replay", "verify"}) {
+    const Outcome outcome = RunAsIs({command, recording});
+    EXPECT_EQ(Steering(outcome.out + outcome.log), "") << command;
+  }
+}
+
+TEST_F(CliTest, OutputThatCannotBeWrittenIsAFailure) {
+  ASSERT_EQ(Run({"fault", "vconf_set_int", "db/a", "-1"}).status, 0);
+  for (const char* command :
+       {"--help", "--version", "get CAPTION", "list", "list --json", "watch --now", "set-up", "set-up b2b",
+        "fault --list", "manual", "complete ''", "completion zsh", "get --help",
+        "replay " MIRADO_EXAMPLES "/recordings/gates.jsonl", "verify " MIRADO_EXAMPLES "/recordings/gates.jsonl"}) {
+    EXPECT_EQ(Shell("mirado " + std::string(command) + " >/dev/full"), 3) << command;
+    EXPECT_TRUE(Holds(Contents(log()), "the output is not complete")) << command;
+  }
+  EXPECT_EQ(Shell("echo '{\"settle\":true}' | mirado host >/dev/full"), 3);
+  Program closed({"list", "--store", store()}, log());
+  closed.CloseOutput();
+  EXPECT_EQ(closed.Wait(), 3);
+}
+
+TEST_F(CliTest, AStoreIsMadeWhereThereIsNoneAndReplacedOnlyByForce) {
+  const std::string none = folder() / "none";
+  std::filesystem::create_directory(none);
+  for (const char* command : {"get", "list", "watch"}) {
+    const Outcome outcome = RunAsIs({command, "CAPTION", "--store", none});
+    EXPECT_EQ(outcome.status, 3) << command;
+    EXPECT_TRUE(Holds(outcome.log, none + ": there is no store here")) << outcome.log;
+    EXPECT_TRUE(std::filesystem::is_empty(none)) << command;
+  }
+  EXPECT_EQ(RunAsIs({"set", "CAPTION", "1", "--store", none}).status, 0);
+  EXPECT_EQ(RunAsIs({"get", "0", "--store", none}).out, "1\n");
+
+  ASSERT_EQ(Run({"set", "db/mine", "1"}).status, 0);
+  std::string damaged;
+  for (const auto& entry : std::filesystem::directory_iterator(store())) {
+    damaged += Contents(entry.path());
+    std::ofstream(entry.path(), std::ios::binary) << Noise(8192, 1);
+  }
+  for (const std::vector<std::string>& words : std::vector<std::vector<std::string>>{
+           {"list"}, {"get", "CAPTION"}, {"set", "CAPTION", "1"}, {"set-up"}, {"fault", "--list"}, {"reset"}}) {
+    const Outcome outcome = Run(words);
+    EXPECT_EQ(outcome.status, 3) << words[0];
+    EXPECT_EQ(outcome.out, "") << words[0];
+    EXPECT_EQ(std::ranges::count(outcome.log, '\n'), 1) << outcome.log;
+    EXPECT_TRUE(Holds(outcome.log, "`mirado reset --force`")) << outcome.log;
+  }
+  const Outcome replaced = Run({"reset", "--force"});
+  EXPECT_EQ(replaced.status, 0) << replaced.log;
+  EXPECT_EQ(Run({"get", "CAPTION"}).out, "0\n");
+  const auto begin = replaced.out.find(folder().path());
+  const std::string moved = replaced.out.substr(begin, replaced.out.find(';') - begin);
+  EXPECT_TRUE(std::filesystem::is_directory(moved)) << replaced.out;
+  EXPECT_FALSE(std::filesystem::is_empty(moved)) << "nothing is deleted";
 }
 
 TEST_F(CliTest, AnswersASlipWithWhatMayBeMeant) {
@@ -97,6 +265,9 @@ TEST_F(CliTest, AnswersASlipWithWhatMayBeMeant) {
       {{"set", "db/setting/accessibility/tts", "1"}, 1, "write true or false"},
       {{"set", "db/test/text", "42"}, 1, R"('"42"')"},
       {{"fault", "vconf_get_int", caption, "-1"}, 0, ""},
+      {{"fault", "vconf_get_int", "CAPTION", "-1"}, 0, ""},
+      {{"fault", "vconf_set_int", "memory/webapp/caption", "-1"}, 0, ""},
+      {{"fault", "vconf_get_int", "CAPTON", "-1"}, 1, "did you mean CAPTION?"},
       {{"fault", "vconf_get_int", "db/menu/captions/caption", "-1"}, 0, "did you mean " + caption + "?\n"},
       {{"fault", "GetItemDataList", "primary-audio-language", "-1"}, 0, ""},
       {{"fault", "GetItemDataList", "primary_audio_language", "-1"}, 0, "did you mean primary-audio-language?\n"},
@@ -125,6 +296,19 @@ TEST_F(CliTest, ListNamesEverySettingAndKeepsItsLinesInColumns) {
     EXPECT_TRUE(Holds(out, " " + std::string(setting.path) + " ")) << setting.path;
   }
   EXPECT_TRUE(Holds(out, "product.b2b_option_support"));
+  const std::string one = "0  MENU_KEY_CAPTION                            db/menu/caption/caption ";
+  for (const char* name : {"CAPTION", "MENU_KEY_CAPTION", "0"}) {
+    const std::string row = Run({"list", name}).out;
+    EXPECT_TRUE(Holds(row, one) && std::ranges::count(row, '\n') == 1) << row;
+  }
+  EXPECT_EQ(Run({"get", "BG_EXECUTABLE", "--json"}).out, R"({"path":"memory/tv-viewer/bg_executable","value":1})"
+                                                         "\n");
+  EXPECT_EQ(Run({"set", "20", "9"}).status, 0);
+  EXPECT_EQ(Run({"list", "VOICE_GUIDE_SPEED", "--json"}).out,
+            R"({"keys":[{"path":"db/menu/system/accessibility/voiceguide/speed","value":9,"table":"menu","key":20,)"
+            R"("name":"MENU_KEY_VOICE_GUIDE_SPEED"}]})"
+            "\n");
+  EXPECT_TRUE(Holds(Run({"get", "CAPTON"}).log, "did you mean CAPTION?"));
   const std::string some = Run({"list", "memory/"}).out;
   EXPECT_EQ(std::count(some.begin(), some.end(), '\n'), 1) << some;
 }
@@ -145,6 +329,28 @@ TEST_F(CliTest, WatchPrintsEveryChangeUntilItIsStopped) {
   EXPECT_EQ(watch.Wait(), 0);
 }
 
+TEST_F(CliTest, WatchEndsAfterSomeChangesOrSomeTime) {
+  Program watch({"watch", "db/a", "--now", "--exact", "--json", "--count", "2", "--store", store()}, log());
+  Program prefix({"watch", "db/a", "--now", "--count", "2", "--store", store()}, folder() / "other-log");
+  Run({"set", "db/a", "1"});  // perhaps before they watch
+  EXPECT_EQ(watch.Hear(), R"({"path":"db/a","value":1})");
+  EXPECT_EQ(prefix.Hear(), "db/a 1");
+  for (const char* value : {"2", "3", "4", "5"}) {
+    Run({"set", "db/ab", value});
+    Run({"set", "db/a", value});
+  }
+  EXPECT_EQ(watch.Wait(), 0);
+  EXPECT_EQ(prefix.Wait(), 0);
+  const std::string all = watch.HearAll();
+  EXPECT_FALSE(Holds(all, "db/ab")) << all;
+  EXPECT_LE(std::ranges::count(all, '\n'), 3);
+  EXPECT_TRUE(Holds(prefix.HearAll(), "db/ab "));
+  EXPECT_EQ(Run({"watch", "--timeout", "0.01"}).status, 0);
+  const Outcome late = Run({"watch", "CAPTION", "--count", "1", "--timeout", "0.01"});
+  EXPECT_EQ(late.status, 1);
+  EXPECT_EQ(late.log, "0 of 1 changes came in time\n");
+}
+
 TEST_F(CliTest, SetUpPrintsTheWordsThatBringItBack) {
   const std::string fresh = Run({"set-up"}).out;
   const std::vector<std::vector<std::string>> changes = {
@@ -152,10 +358,10 @@ TEST_F(CliTest, SetUpPrintsTheWordsThatBringItBack) {
       {"privilege", "off"},
       {"privilege", "on", "http://example.org/other"},
       {"picture-size", "none"},
-      {"list", "primary-audio-language", "1=It's English", "-2="},
-      {"list", "secondary-audio-language", "--remove"},
+      {"items", "primary-audio-language", "1=It's English", "-2=", "3=\"\\u001b\""},
+      {"items", "secondary-audio-language", "--remove"},
       {"embedder", "offered", "off"},
-      {"embedder", "name", "Another one"},
+      {"embedder", "name", "Another \n one"},
       {"embedder", "reply", "get_window_id", "\"7\""},
       {"latency", "getVersion", "250"},
   };
@@ -165,9 +371,14 @@ TEST_F(CliTest, SetUpPrintsTheWordsThatBringItBack) {
   }
   const std::string changed = Run({"set-up"}).out;
   const std::string json = Run({"set-up", "--json"}).out;
+  EXPECT_EQ(Run({"set-up", "b2b"}).out, "b2b off\n");
+  EXPECT_EQ(Run({"set-up", "--json", "latency"}).out, "{\"latency\":{\"getVersion\":250}}\n");
+  EXPECT_EQ(Run({"set-up", "embedder", "reply"}).out, "embedder reply get_window_id '\"7\"'\n");
+  EXPECT_EQ(Run({"set-up", "latency", "getVersion"}).status, 2);
+  ASSERT_EQ(Run({"set-up", "save", "other"}).status, 0);
   ASSERT_EQ(Run({"reset"}).status, 0);
   EXPECT_EQ(Run({"set-up"}).out, fresh);
-  Run({"set-up", "list", "secondary-audio-language", "--remove"});
+  Run({"set-up", "items", "secondary-audio-language", "--remove"});
 
   std::istringstream lines(changed);
   for (std::string line; std::getline(lines, line);) {
@@ -176,6 +387,12 @@ TEST_F(CliTest, SetUpPrintsTheWordsThatBringItBack) {
   }
   EXPECT_EQ(Run({"set-up"}).out, changed);
   EXPECT_EQ(Run({"set-up", "--json"}).out, json);
+  ASSERT_EQ(Run({"reset"}).status, 0);
+  EXPECT_EQ(Run({"set-up", "load", "others"}).status, 1);
+  ASSERT_EQ(Run({"set-up", "load", "other"}).status, 0);
+  EXPECT_EQ(Run({"set-up", "--json"}).out, json);
+  EXPECT_EQ(Run({"set-up", "list"}).out, "other\n");
+  EXPECT_TRUE(Holds(Run({"set-up", "list", "--json"}).out, R"({"scenarios":[{"name":"other","saved":)"));
 }
 
 TEST_F(CliTest, FaultsAreListedAsTheyAreTypedAndCanBeCleared) {
@@ -185,7 +402,9 @@ TEST_F(CliTest, FaultsAreListedAsTheyAreTypedAndCanBeCleared) {
   const std::string ask = R"({"send":{"command":"getMenuValue","propertyKey":0}})";
   EXPECT_TRUE(Holds(Run({"host"}, ask + "\n").out, R"("code":9999)"));
   EXPECT_TRUE(Holds(Run({"fault"}).out, "vconf_get_int db/menu/caption/caption -5 --times 1\n"));
-  EXPECT_EQ(Run({"fault", "--clear", "vconf_get_int", "db/menu/caption/caption"}).status, 0);
+  EXPECT_TRUE(Holds(Run({"fault", "--list", "--json"}).out,
+                    R"({"call":"vconf_get_int","path":"db/menu/caption/caption","answer":-5,"times":1})"));
+  EXPECT_EQ(Run({"fault", "--clear", "vconf_get_int", "CAPTION"}).status, 0);
   EXPECT_EQ(Run({"fault"}).out, "GetPictureSize * -1\n");
   EXPECT_EQ(Run({"fault", "--clear"}).status, 0);
   EXPECT_EQ(Run({"fault"}).out, "");
@@ -273,6 +492,46 @@ TEST_F(ReplayTest, TheRecordedExamplesComeOutTheSame) {
   ASSERT_GT(words.size(), 1U);
   const Outcome replay = RunAsIs(words);
   EXPECT_EQ(replay.status, 0) << replay.out << replay.log;
+}
+
+TEST_F(ReplayTest, VerifyTellsWhatWasAsked) {
+  Record();
+  const std::string read = R"({"command":"getMenuValue","propertyKey":1})";
+  const std::string write = R"({"command":"setMenuValue","propertyKey":16})";
+  struct Case {
+    std::vector<std::string> words;
+    int status;
+    std::string said;
+  };
+  const std::vector<Case> cases = {
+      {{}, 0, R"(  1  {"command":"registerVconfKeysForCaption","propertyKey":1})"},
+      {{"setMenuValue", read, write}, 0, "what is expected\n"},
+      {{read, read}, 0, "what is expected\n"},
+      {{read, read, read}, 1, "  not asked: " + read},
+      {{R"({"command":"setMenuValue","propertyKey":2})"},
+       1,
+       R"(  but asked: {"command":"setMenuValue","propertyKey":1)"},
+      {{"getMenuValue", "--times", "2"}, 0, ""},
+      {{"getMenuValue", "--times", "3"}, 1, "  asked 2 times instead of 3: \"getMenuValue\"\n"},
+      {{"showCaption", "--times", "0"}, 0, ""},
+      {{"setMenuValue", write, read, "--order"}, 0, ""},
+      {{read, write, "--order"}, 1, "  not asked at this place in the order: " + write},
+      {{"setMenuValue", write, "--exact"}, 1, "  not expected: " + read},
+      // Who takes the message that fits both patterns must make way.
+      {{"setMenuValue", R"({"value":5,"propertyKey":1})", "registerVconfKeysForCaption", read, read, "--exact"}, 0, ""},
+      {{"registerVconfKeysForCaption", "setMenuValue", write, read, read, "--order", "--exact"}, 0, ""},
+      {{"getVersion", "--json"}, 1, R"({"ok":false,"difference":"  not asked: \"getVersion\")"},
+  };
+  for (const Case& each : cases) {
+    std::vector<std::string> words = {"verify", file()};
+    words.insert(words.end(), each.words.begin(), each.words.end());
+    const Outcome outcome = RunAsIs(words);
+    EXPECT_EQ(outcome.status, each.status) << outcome.out << outcome.log;
+    EXPECT_TRUE(Holds(outcome.out, each.said)) << outcome.out;
+  }
+  EXPECT_EQ(RunAsIs({"verify", file(), "{"}).status, 2);
+  EXPECT_EQ(RunAsIs({"verify", file(), "--times", "1"}).status, 2);
+  EXPECT_EQ(RunAsIs({"verify", folder() / "none"}).status, 3);
 }
 
 TEST_F(ReplayTest, ADifferenceIsShownAndADamagedRecordingIsNamed) {

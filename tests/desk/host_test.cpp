@@ -64,7 +64,6 @@ TEST_F(HostTest, AnswersEachBadLineOnceAndGoesOn) {
   const std::string longest = R"({"send":")" + std::string(524'288 - 11, 'x') + R"("})";
   const std::vector<std::pair<std::string, std::string>> lines = {
       {"nonsense", "not JSON: column 2"},
-      {"", "not JSON"},
       {"{\"send\":\"\xff\"}", "UTF-8"},
       {R"({"send":1)", "not JSON"},
       {R"({"send":1e999})", "not JSON"},
@@ -85,6 +84,8 @@ TEST_F(HostTest, AnswersEachBadLineOnceAndGoesOn) {
   };
   Program host = Start();
   int number = 0;
+  host.Say("\n \t\r");
+  number += 2;
   for (const auto& [line, cause] : lines) {
     host.Say(line);
     const std::string answer = host.Hear();
@@ -116,7 +117,11 @@ TEST_F(HostTest, EndsCleanlyHoweverItIsEnded) {
   Program unheard = Start();
   unheard.CloseOutput();
   unheard.Say(R"({"send":{"command":"getVersion"}})");
-  EXPECT_EQ(unheard.Wait(), 0);
+  EXPECT_EQ(unheard.Wait(), 3);
+  Program blank = Start();
+  blank.Say("");
+  blank.CloseInput();
+  EXPECT_EQ(blank.Wait(), 0) << "an empty line is no bad one";
   const std::string none = folder() / "none.so";
   const Outcome failed = Run({"host", "--plugin", none});
   EXPECT_EQ(failed.status, 3);

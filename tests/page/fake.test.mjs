@@ -72,10 +72,10 @@ const states = {
   "that does not know what it is": [[["set-up", "b2b", "unknown"]], ({ set }) => { set.b2b = null; }],
   "whose application lacks the privilege": [[["set-up", "privilege", "off"]], ({ set }) => { set.privilege = false; }],
   "without lists or video": [
-    [["set-up", "list", "primary-audio-language", "--remove"], ["set-up", "picture-size", "none"]],
+    [["set-up", "items", "primary-audio-language", "--remove"], ["set-up", "picture-size", "none"]],
     ({ set }) => { set.lists["primary-audio-language"] = null; set.pictureSize = null; }],
   "with another picture and a short list": [
-    [["set-up", "list", "secondary-audio-language", "5=Five"], ["set-up", "picture-size", "2"]],
+    [["set-up", "items", "secondary-audio-language", "5=Five"], ["set-up", "picture-size", "2"]],
     ({ set }) => { set.lists["secondary-audio-language"] = [5]; set.pictureSize = 2; }],
   "that cannot be read": [
     [["fault", "vconf_get_int", "-1"], ["fault", "vconf_get_bool", "-1"]], ({ set }) => { set.fails.read = true; }],

@@ -7,9 +7,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <csignal>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "base/json.h"
@@ -69,29 +71,22 @@ class Program {
 
   /// The next line of output; empty at its end, or when none has come for a long time.
   std::string Hear() {
-    constexpr int kLongTime = 30'000;
     std::size_t newline = 0;
     while ((newline = heard_.find('\n')) == std::string::npos) {
-      pollfd polled{out_, POLLIN, 0};
-      std::array<char, 4096> chunk{};
-      const ssize_t count =
-          TEMP_FAILURE_RETRY(poll(&polled, 1, kLongTime)) > 0 ? read(out_, chunk.data(), chunk.size()) : 0;
-      if (count <= 0) {
+      if (!Receive()) {
         return "";
       }
-      heard_.append(chunk.data(), static_cast<std::size_t>(count));
     }
     std::string line = heard_.substr(0, newline);
     heard_.erase(0, newline + 1);
     return line;
   }
 
+  /// All that comes until its end.
   std::string HearAll() {
-    std::string all;
-    for (std::string line = Hear(); !line.empty(); line = Hear()) {
-      all += line + "\n";
+    while (Receive()) {
     }
-    return all;
+    return std::exchange(heard_, {});
   }
 
   void CloseInput() { Close(in_); }
@@ -107,6 +102,16 @@ class Program {
   }
 
  private:
+  bool Receive() {
+    constexpr int kLongTime = 30'000;
+    pollfd polled{out_, POLLIN, 0};
+    std::array<char, 4096> chunk{};
+    const ssize_t count =
+        TEMP_FAILURE_RETRY(poll(&polled, 1, kLongTime)) > 0 ? read(out_, chunk.data(), chunk.size()) : 0;
+    heard_.append(chunk.data(), static_cast<std::size_t>(std::max(count, ssize_t{0})));
+    return count > 0;
+  }
+
   static void Close(int& fd) {
     if (fd >= 0) {
       close(fd);

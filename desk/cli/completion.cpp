@@ -1,0 +1,170 @@
+#include <iostream>
+#include <memory>
+#include <string>
+
+#include "base/paths.h"
+#include "cli/commands.h"
+#include "set/catalog.h"
+#include "set/faults.h"
+#include "set/scenario.h"
+#include "set/simulated_set.h"
+
+namespace desk::cli {
+namespace {
+
+constexpr char kBash[] = R"bash(# mirado in bash: eval "$(mirado completion bash)"
+_mirado() {
+  mapfile -t COMPREPLY < <(mirado complete "${COMP_WORDS[@]:1:COMP_CWORD}" 2>/dev/null)
+}
+complete -o default -F _mirado mirado
+)bash";
+
+constexpr char kZsh[] = R"zsh(#compdef mirado
+# mirado in zsh, behind compinit: eval "$(mirado completion zsh)"
+_mirado() {
+  local -a candidates=("${(@f)$(mirado complete "${(@)words[2,CURRENT]}" 2>/dev/null)}")
+  [[ -n "$candidates" ]] && compadd -- "${candidates[@]}" || _files
+}
+compdef _mirado mirado
+)zsh";
+
+using Words = std::vector<std::string>;
+
+/// The options that `command` takes, those of the commands above it too where it falls through.
+std::vector<const CLI::Option*> OptionsOf(const CLI::App& command) {
+  auto options = command.get_options();
+  if (command.get_parent() != nullptr && command.get_parent()->get_fallthrough()) {
+    const auto above = command.get_parent()->get_options();
+    options.insert(options.end(), above.begin(), above.end());
+  }
+  return options;
+}
+
+Words PathsUnder(const std::string& prefix) {
+  Words paths;
+  for (const vconf::Entry& entry : DefaultEntries()) {
+    if (entry.path.starts_with(prefix)) {
+      paths.push_back(entry.path.substr(prefix.size()));
+    }
+  }
+  return paths;
+}
+
+Words Keys() {
+  Words keys = PathsUnder("");
+  for (const Setting& setting : Settings()) {
+    keys.emplace_back(setting.enumerator.substr(setting.enumerator.find("_KEY_") + 5));
+  }
+  return keys;
+}
+
+/// What an argument may be that is declared under `name`; `given` are the arguments before it.
+Words Values(const CLI::Option& option, const Words& given) {
+  const std::string name = option.get_name();
+  Words values;
+  if (name == "PATH" || name == "PREFIX") {
+    return Keys();
+  }
+  if (name == "STATE") {
+    return CLI::detail::split(option.get_description(), ',');
+  }
+  if (name == "SHELL") {
+    return {"bash", "zsh"};
+  }
+  if (name == "LIST") {
+    return PathsUnder("set/prefdeck/");
+  }
+  if (name == "COMMAND" || name == "MESSAGE") {
+    for (const Command& command : Commands()) {
+      values.emplace_back(command.name);
+    }
+  } else if (name == "FAULT" && given.size() == 1) {
+    return Keys();
+  } else if (name == "FAULT" && given.empty()) {
+    for (const FaultCall& call : FaultCalls()) {
+      values.emplace_back(call.name);
+    }
+  } else if (name == "NAME") {
+    const auto scenarios = ListScenarios(DefaultStore());
+    for (const ScenarioFile& file : scenarios.ok() ? *scenarios : std::vector<ScenarioFile>()) {
+      values.push_back(file.name);
+    }
+  }
+  return values;
+}
+
+/// The argument that comes behind `given`, or null.
+const CLI::Option* NextArgument(const CLI::App& command, const Words& given) {
+  std::size_t before = 0;
+  for (const CLI::Option* const option : command.get_options()) {
+    if (option->get_positional()) {
+      before += static_cast<std::size_t>(std::min(option->get_items_expected_max(), 100));
+      if (given.size() < before) {
+        return option;
+      }
+    }
+  }
+  return nullptr;
+}
+
+}  // namespace
+
+void PrintCompletions(const CLI::App& app, const Words& words) {
+  const CLI::App* command = &app;
+  const std::string last = words.empty() ? "" : words.back();
+  Words given;
+  for (std::size_t at = 0; at + 1 < words.size(); ++at) {
+    const auto options = OptionsOf(*command);
+    const auto option =
+        std::ranges::find_if(options, [&](const CLI::Option* each) { return each->check_name(words[at]); });
+    if (words[at].starts_with('-') && option != options.end()) {
+      at += (*option)->get_items_expected_max() > 0 ? 1 : 0;
+      if (at + 1 == words.size()) {
+        return;  // the value of an option, which the shell completes as a file
+      }
+      continue;
+    }
+    const auto below = command->get_subcommands([&](const CLI::App* each) { return each->check_name(words[at]); });
+    if (below.empty()) {
+      given.push_back(words[at]);
+    } else {
+      command = below.front();
+    }
+  }
+  Words candidates;
+  if (last.starts_with('-')) {
+    for (const CLI::Option* const option : OptionsOf(*command)) {
+      for (const std::string& name : option->get_lnames()) {
+        candidates.push_back("--" + name);
+      }
+    }
+  } else {
+    for (const CLI::App* const below : command->get_subcommands([](const CLI::App*) { return true; })) {
+      candidates.push_back(below->get_name());
+    }
+    if (const CLI::Option* const argument = NextArgument(*command, given)) {
+      const Words values = Values(*argument, given);
+      candidates.insert(candidates.end(), values.begin(), values.end());
+    }
+  }
+  for (const std::string& candidate : candidates) {
+    if (const std::string word = CLI::detail::trim_copy(candidate); word.starts_with(last)) {
+      std::cout << word << '\n';
+    }
+  }
+}
+
+void AddCompletionCommand(CLI::App& app, Run& run) {
+  auto shell = std::make_shared<std::string>();
+  auto* command = app.add_subcommand("completion", "Print what lets a shell complete the words of this program");
+  command->footer("In ~/.bashrc: eval \"$(mirado completion bash)\"");
+  command->add_option("SHELL", *shell, "bash or zsh")->required()->check(CLI::IsMember({"bash", "zsh"}))->type_name("");
+  command->callback([shell, &run] {
+    run = [shell] {
+      std::cout << (*shell == "bash" ? kBash : kZsh);
+      return kDone;
+    };
+  });
+}
+
+}  // namespace desk::cli

@@ -1,0 +1,81 @@
+#include <iostream>
+#include <sstream>
+#include <string>
+
+#include "cli/commands.h"
+
+namespace desk::cli {
+namespace {
+
+/// `text` so that man(7) takes no part of it for a request.
+std::string Roff(const std::string& text) {
+  std::string out;
+  for (const char letter : text) {
+    const bool begins = out.empty() || out.back() == '\n';
+    out += begins && (letter == '.' || letter == '\'') ? "\\&" : "";
+    out += letter == '\\' ? "\\e" : letter == '-' ? "\\-" : std::string(1, letter);
+  }
+  return out;
+}
+
+std::string Names(const CLI::Option& option) {
+  if (option.get_positional()) {
+    return option.get_name();
+  }
+  const std::string type = option.get_items_expected_max() > 0 ? " " + option.get_type_name() : "";
+  return option.get_name(false, true) + type;
+}
+
+void PrintOptions(const CLI::App& command) {
+  for (const CLI::Option* const option : command.get_options()) {
+    if (option->get_name() != "--help") {
+      std::cout << ".TP\n\\fB" << Roff(Names(*option)) << "\\fR\n" << Roff(option->get_description()) << '\n';
+    }
+  }
+}
+
+/// `text` with its line breaks, which a footer has where they matter.
+void PrintText(const std::string& text) {
+  if (!text.empty()) {
+    std::cout << ".PP\n.nf\n" << Roff(text) << (text.ends_with('\n') ? "" : "\n") << ".fi\n";
+  }
+}
+
+std::string Usage(const CLI::App& command) {
+  std::string words = command.get_name();
+  for (const CLI::App* above = command.get_parent(); above != nullptr; above = above->get_parent()) {
+    words = above->get_name() + " " + words;
+  }
+  for (const CLI::Option* const option : command.get_options()) {
+    if (option->get_positional()) {
+      const std::string name = option->get_name() + (option->get_items_expected_max() > 1 ? "..." : "");
+      words += option->get_required() ? " " + name : " [" + name + "]";
+    }
+  }
+  return words;
+}
+
+void PrintCommand(const CLI::App& command) {
+  std::cout << ".SS " << Roff(Usage(command)) << '\n' << Roff(command.get_description()) << ".\n";
+  PrintOptions(command);
+  if (command.get_footer() != command.get_parent()->get_footer()) {  // else it has that one's
+    PrintText(command.get_footer());
+  }
+  for (const CLI::App* const below : command.get_subcommands([](const CLI::App*) { return true; })) {
+    PrintCommand(*below);
+  }
+}
+
+}  // namespace
+
+void PrintManual(const CLI::App& app) {
+  std::cout << ".\\\" Printed by `mirado manual`.\n.TH MIRADO 1\n.SH NAME\nmirado \\- " << Roff(app.get_description())
+            << "\n.SH SYNOPSIS\n.B mirado\n.I COMMAND\n[OPTION...] [ARGUMENT...]\n.SH COMMANDS\n";
+  for (const CLI::App* const command : app.get_subcommands([](const CLI::App*) { return true; })) {
+    PrintCommand(*command);
+  }
+  std::cout << ".SH EXIT STATUS\n";
+  PrintText(app.get_footer());
+}
+
+}  // namespace desk::cli

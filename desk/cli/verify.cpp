@@ -1,0 +1,90 @@
+#include <iostream>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "base/terminal.h"
+#include "cli/commands.h"
+#include "host/recording.h"
+#include "host/verify.h"
+
+namespace desk::cli {
+namespace {
+
+struct VerifyOptions {
+  std::string file;
+  std::vector<std::string> messages;
+  std::optional<int> times;
+  Expectation expected;
+  bool json = false;
+};
+
+/// A message as JSON, or the name of a command.
+ParsedJson FromMessage(const std::string& argument) {
+  if (!argument.starts_with('{')) {
+    return argument;
+  }
+  auto json = ParseJson(argument);
+  if (!json.ok()) {
+    throw CLI::ValidationError(argument + ": " + json.status().text());
+  }
+  return *std::move(json);
+}
+
+int Verify(const VerifyOptions& options) {
+  const auto recording = ReadRecording(options.file);
+  if (!recording.ok()) {
+    Complain(recording.status().text());
+    return kCannotWork;
+  }
+  const std::vector<ParsedJson> asked = MessagesIn(*recording);
+  const bool show = options.expected.messages.empty() && !options.expected.exact;
+  const std::string difference = show ? "" : AskedDifference(asked, options.expected);
+  if (options.json) {
+    Json json = {{"ok", difference.empty()}, {"difference", difference}};
+    json["asked"] = asked;
+    PrintJson(json);
+  } else if (show) {
+    std::cout << AskedList(asked);
+  } else {
+    std::cout << Printable(options.file)
+              << (difference.empty() ? ": the page asked what is expected\n" : ": not what is expected\n" + difference);
+  }
+  return difference.empty() ? kDone : kRefused;
+}
+
+}  // namespace
+
+void AddVerifyCommand(CLI::App& app, Run& run) {
+  auto options = std::make_shared<VerifyOptions>();
+  auto* command = app.add_subcommand("verify", "Check what a recorded page asked, how often and in which order");
+  command->footer(
+      "MESSAGE is a command's name, or an object in JSON whose members the page's message must have:\n"
+      "  mirado verify session.jsonl '{\"command\":\"setMenuValue\",\"propertyKey\":0}' getVersion --order\n"
+      "  mirado verify session.jsonl showCaption --times 0\n"
+      "Without one it prints what the page asked. Exit status: 0 as expected, 1 not, 3 when FILE cannot be read.");
+  command->add_option("FILE", options->file, "A recording, as `mirado host --record` writes it")->required();
+  command->add_option("MESSAGE", options->messages,
+                      "Was asked, as often as it is given here or more often; at most 100 of them");
+  auto* order = command->add_flag("--order", options->expected.order, "They were asked in this order");
+  auto* exact = command->add_flag("--exact", options->expected.exact, "Nothing else was asked");
+  command->add_option("--times", options->times, "Each of them was asked exactly so often, whatever else was")
+      ->check(CLI::NonNegativeNumber)
+      ->excludes(order)
+      ->excludes(exact);
+  AddJsonOption(*command, options->json);
+  command->callback([options, &run] {
+    for (const std::string& message : options->messages) {
+      options->expected.messages.push_back(FromMessage(message));
+    }
+    options->expected.times = options->times;
+    const bool show = options->messages.empty() && !options->expected.exact && !options->times;
+    if (const auto status = CheckExpectation(options->expected); !show && !status.ok()) {
+      throw CLI::ValidationError(status.text());
+    }
+    run = [options] { return Verify(*options); };
+  });
+}
+
+}  // namespace desk::cli

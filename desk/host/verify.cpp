@@ -1,0 +1,184 @@
+#include "host/verify.h"
+
+#include <algorithm>
+#include <functional>
+
+#include "base/terminal.h"
+
+namespace desk {
+namespace {
+
+constexpr std::size_t kNone = static_cast<std::size_t>(-1);
+constexpr std::size_t kShown = 50;
+
+bool Holds(const ParsedJson& message, const ParsedJson& pattern) {
+  if (!pattern.is_object() || !message.is_object()) {
+    return message == pattern;
+  }
+  return std::ranges::all_of(pattern.items(), [&](const auto& member) {
+    const auto found = message.find(member.key());
+    return found != message.end() && Holds(*found, member.value());
+  });
+}
+
+bool Matches(const ParsedJson& message, const ParsedJson& pattern) {
+  return Holds(message, pattern) ||
+         (pattern.is_string() && message.is_object() && message.value("command", ParsedJson()) == pattern);
+}
+
+ParsedJson CommandOf(const ParsedJson& message) {
+  return message.is_object() ? message.value("command", ParsedJson()) : message;
+}
+
+std::string Text(const ParsedJson& json) {
+  return Printable(json.dump(-1, ' ', false, ParsedJson::error_handler_t::replace));
+}
+
+/// The first messages that match `pattern`, `most` at the most.
+std::vector<std::size_t> Candidates(const std::vector<ParsedJson>& asked, const ParsedJson& pattern, std::size_t most) {
+  std::vector<std::size_t> candidates;
+  for (std::size_t at = 0; at < asked.size() && candidates.size() < most; ++at) {
+    if (Matches(asked[at], pattern)) {
+      candidates.push_back(at);
+    }
+  }
+  return candidates;
+}
+
+/// Which pattern each message is taken for, so that as many patterns as possible have a message of their own. A message
+/// may match several: a pattern takes a message from another one that can move on.
+std::vector<std::size_t> Assign(const std::vector<ParsedJson>& asked, const std::vector<ParsedJson>& patterns) {
+  std::vector<std::vector<std::size_t>> candidates;
+  for (const ParsedJson& pattern : patterns) {
+    candidates.push_back(Candidates(asked, pattern, patterns.size()));  // of so many one is always free
+  }
+  std::vector<std::size_t> taken(asked.size(), kNone);
+  std::vector<bool> tried;
+  const std::function<bool(std::size_t)> place = [&](std::size_t pattern) {
+    return std::ranges::any_of(candidates[pattern], [&](std::size_t at) {
+      if (tried[at]) {
+        return false;
+      }
+      tried[at] = true;
+      const bool free = taken[at] == kNone || place(taken[at]);
+      taken[at] = free ? pattern : taken[at];
+      return free;
+    });
+  };
+  for (std::size_t pattern = 0; pattern < patterns.size(); ++pattern) {
+    tried.assign(asked.size(), false);
+    place(pattern);
+  }
+  return taken;
+}
+
+/// The same with the order kept: each pattern takes the first message that it can behind those before it.
+std::vector<std::size_t> AssignInOrder(const std::vector<ParsedJson>& asked, const std::vector<ParsedJson>& patterns) {
+  std::vector<std::size_t> taken(asked.size(), kNone);
+  std::size_t begin = 0;
+  for (std::size_t pattern = 0; pattern < patterns.size(); ++pattern) {
+    std::size_t at = begin;
+    while (at < asked.size() && !Matches(asked[at], patterns[pattern])) {
+      ++at;
+    }
+    if (at < asked.size()) {
+      taken[at] = pattern;
+      begin = at + 1;
+    }
+  }
+  return taken;
+}
+
+std::string WrongCounts(const std::vector<ParsedJson>& asked, const Expectation& expected) {
+  std::string text;
+  for (const ParsedJson& pattern : expected.messages) {
+    const auto count = std::ranges::count_if(asked, [&](const auto& message) { return Matches(message, pattern); });
+    if (count != *expected.times) {
+      text += "  asked " + std::to_string(count) + " times instead of " + std::to_string(*expected.times) + ": " +
+              Text(pattern) + "\n";
+    }
+  }
+  return text;
+}
+
+std::string Missing(const std::vector<ParsedJson>& asked, const ParsedJson& pattern, bool in_order) {
+  if (in_order && std::ranges::any_of(asked, [&](const auto& message) { return Matches(message, pattern); })) {
+    return "  not asked at this place in the order: " + Text(pattern) + "\n";
+  }
+  std::string text = "  not asked: " + Text(pattern) + "\n";
+  const auto alike = std::ranges::find_if(asked, [&](const auto& message) {
+    return !CommandOf(message).is_null() && CommandOf(message) == CommandOf(pattern);
+  });
+  if (alike != asked.end() && !Matches(*alike, pattern)) {
+    text += "  but asked: " + Text(*alike) + "\n";
+  }
+  return text;
+}
+
+}  // namespace
+
+vconf::Result<Expectation> ExpectationFromJson(const ParsedJson& json) {
+  Expectation expected;
+  if (!json.is_object() || !json.contains("messages")) {
+    return BadValue(R"(an expectation is an object with "messages")");
+  }
+  for (const auto& [name, member] : json.items()) {
+    if (name == "messages" && member.is_array()) {
+      expected.messages = member.get<std::vector<ParsedJson>>();
+    } else if (name == "order" && member.is_boolean()) {
+      expected.order = member.get<bool>();
+    } else if (name == "exact" && member.is_boolean()) {
+      expected.exact = member.get<bool>();
+    } else if (name == "times" && ToValue(member) && std::holds_alternative<int>(*ToValue(member))) {
+      expected.times = std::get<int>(*ToValue(member));
+    } else {
+      return BadValue("\"" + name + R"(" is none of "messages" (an array), "order", "exact" (true or false) and )" +
+                      R"("times" (an integer))");
+    }
+  }
+  const auto status = CheckExpectation(expected);
+  return status.ok() ? vconf::Result(std::move(expected)) : status;
+}
+
+vconf::Status CheckExpectation(const Expectation& expected) {
+  if (expected.messages.empty() && !expected.exact) {
+    return BadValue("nothing is expected: name a message, or say that there must be none with \"exact\"");
+  }
+  if (expected.messages.size() > Expectation::kMaxMessages) {
+    return BadValue("more than " + std::to_string(Expectation::kMaxMessages) + " messages are expected");
+  }
+  if (expected.times && (expected.order || expected.exact || *expected.times < 0)) {
+    return BadValue("\"times\" is 0 or more, and does not go together with \"order\" and \"exact\"");
+  }
+  return {};
+}
+
+std::string AskedDifference(const std::vector<ParsedJson>& asked, const Expectation& expected) {
+  std::string text;
+  if (expected.times) {
+    text = WrongCounts(asked, expected);
+  } else {
+    const auto taken = (expected.order ? AssignInOrder : Assign)(asked, expected.messages);
+    for (std::size_t pattern = 0; pattern < expected.messages.size(); ++pattern) {
+      if (std::ranges::find(taken, pattern) == taken.end()) {
+        text += Missing(asked, expected.messages[pattern], expected.order);
+      }
+    }
+    for (std::size_t at = 0; expected.exact && at < asked.size(); ++at) {
+      if (taken[at] == kNone) {
+        text += "  not expected: " + Text(asked[at]) + "\n";
+      }
+    }
+  }
+  return text.empty() ? text : text + "the page asked:\n" + AskedList(asked);
+}
+
+std::string AskedList(const std::vector<ParsedJson>& asked) {
+  std::string text = asked.empty() ? "  nothing\n" : "";
+  for (std::size_t at = 0; at < std::min(asked.size(), kShown); ++at) {
+    text += "  " + std::to_string(at + 1) + "  " + Text(asked[at]) + "\n";
+  }
+  return asked.size() > kShown ? text + "  and " + std::to_string(asked.size() - kShown) + " more\n" : text;
+}
+
+}  // namespace desk
