@@ -67,7 +67,6 @@ void WriteSeries(std::ostream& out, const Series& series) {
 int Measure(const std::vector<std::string>& names, const Effort& effort, const std::filesystem::path& out) {
   HandleStopSignals();
   TakeStderr();
-  const StoreMemory memory;
   std::vector<Row> rows;
   int done = 0;
   for (const auto& [name, what, measure] : kMeasurements) {

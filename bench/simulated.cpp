@@ -51,8 +51,6 @@ Scratch::~Scratch() {
   std::filesystem::remove_all(path_, ignored);
 }
 
-StoreMemory::StoreMemory() { setenv("MIRADO_MEMORY_ROOT", folder_.path().c_str(), 1); }
-
 Set::Set() : Set(desk::DefaultEntries()) {}
 
 Set::Set(const std::vector<vconf::Entry>& entries) {

@@ -44,16 +44,6 @@ class Scratch {
   std::filesystem::path path_;
 };
 
-/// Keeps what stores hold in memory, of this process and its children, in a folder that is gone with the object. Made
-/// before any of them.
-class StoreMemory {
- public:
-  StoreMemory();
-
- private:
-  Scratch folder_{"/dev/shm"};
-};
-
 /// A set with the real plug-in on the real store. One at a time.
 class Set {
  public:

@@ -39,7 +39,6 @@ int main(int argc, char** argv) {
   HandleStopSignals();
   TakeStderr();
   try {
-    const StoreMemory memory;
     const Set set;
     const auto page = set.Page();
     const pp::VarDictionary request(Request("getMenuValue", kDiskKeyNumber));

@@ -39,7 +39,8 @@ foreach(component_and_package runtime:mirado development:mirado-dev)
 endforeach()
 
 include(CMakePackageConfigHelpers)
-configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/MiradoSetConfig.cmake.in ${CMAKE_BINARY_DIR}/MiradoSetConfig.cmake
+configure_package_config_file(
+  ${PROJECT_SOURCE_DIR}/cmake/MiradoSetConfig.cmake.in ${CMAKE_BINARY_DIR}/MiradoSetConfig.cmake
   INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/MiradoSet PATH_VARS MIRADO_SETDIR)
 install(FILES ${CMAKE_BINARY_DIR}/MiradoSetConfig.cmake ${PROJECT_SOURCE_DIR}/pepper/set.cmake
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/MiradoSet COMPONENT development)

@@ -14,12 +14,12 @@ set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/${CMAKE_INSTALL_BINDIR})
 # with empty elements, and the loader takes an empty element for the current folder.
 set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
 
-# mirado_install(TARGET FOLDER): installs TARGET in FOLDER, from where it finds the libraries.
-function(mirado_install TARGET FOLDER)
-  file(RELATIVE_PATH to_libraries /prefix/${FOLDER} /prefix/${MIRADO_LIBDIR})
+# mirado_install(target folder): installs the target in the folder, from where it finds the libraries.
+function(mirado_install target folder)
+  file(RELATIVE_PATH to_libraries /prefix/${folder} /prefix/${MIRADO_LIBDIR})
   string(REGEX REPLACE "/$" "" run_path "$ORIGIN/${to_libraries}")
-  set_target_properties(${TARGET} PROPERTIES INSTALL_RPATH "${run_path}" BUILD_WITH_INSTALL_RPATH ON)
-  install(TARGETS ${TARGET} RUNTIME DESTINATION ${FOLDER} LIBRARY DESTINATION ${FOLDER})
+  set_target_properties(${target} PROPERTIES INSTALL_RPATH "${run_path}" BUILD_WITH_INSTALL_RPATH ON)
+  install(TARGETS ${target} RUNTIME DESTINATION ${folder} LIBRARY DESTINATION ${folder})
 endfunction()
 
 add_library(mirado_flags INTERFACE)
@@ -42,25 +42,25 @@ else()  # a library may leave a sanitizer's calls to the program
   target_link_options(mirado_flags INTERFACE -Wl,--no-undefined)
 endif()
 
-# mirado_service(NAME SOURCES file... [LINKS public-target...] [PRIVATE_LINKS target...])
+# mirado_service(name SOURCES file... [LINKS public-target...] [PRIVATE_LINKS target...])
 #
 # One shared library of the platform. `include/` holds what the plug-in may include; `control/`, where there is one,
-# holds the side that steers the service and belongs to the target NAME_control, which the plug-in never links.
-function(mirado_service NAME)
+# holds the side that steers the service and belongs to the target <name>_control, which the plug-in never links.
+function(mirado_service name)
   cmake_parse_arguments(ARG "" "" "SOURCES;LINKS;PRIVATE_LINKS" ${ARGN})
-  add_library(${NAME} SHARED ${ARG_SOURCES})
-  target_include_directories(${NAME} PUBLIC ${CMAKE_CURRENT_SOURCE_DIR}/include PRIVATE src)
-  target_link_libraries(${NAME} PUBLIC ${ARG_LINKS} PRIVATE mirado_flags Threads::Threads ${ARG_PRIVATE_LINKS})
+  add_library(${name} SHARED ${ARG_SOURCES})
+  target_include_directories(${name} PUBLIC ${CMAKE_CURRENT_SOURCE_DIR}/include PRIVATE src)
+  target_link_libraries(${name} PUBLIC ${ARG_LINKS} PRIVATE mirado_flags Threads::Threads ${ARG_PRIVATE_LINKS})
   # A service's calls of its own functions need no detour through the linker's tables.
-  target_compile_options(${NAME} PRIVATE -fno-semantic-interposition)
-  target_link_options(${NAME} PRIVATE -Wl,-Bsymbolic-functions)
-  mirado_install(${NAME} ${MIRADO_LIBDIR})
-  install(TARGETS ${NAME} LIBRARY DESTINATION ${MIRADO_SETDIR}/lib COMPONENT development)
+  target_compile_options(${name} PRIVATE -fno-semantic-interposition)
+  target_link_options(${name} PRIVATE -Wl,-Bsymbolic-functions)
+  mirado_install(${name} ${MIRADO_LIBDIR})
+  install(TARGETS ${name} LIBRARY DESTINATION ${MIRADO_SETDIR}/lib COMPONENT development)
   install(DIRECTORY include/ DESTINATION ${MIRADO_SETDIR}/include COMPONENT development)
   if(EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/control)
-    add_library(${NAME}_control INTERFACE)
-    target_include_directories(${NAME}_control INTERFACE ${CMAKE_CURRENT_SOURCE_DIR}/control)
-    target_link_libraries(${NAME}_control INTERFACE ${NAME})
-    target_include_directories(${NAME} PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/control)
+    add_library(${name}_control INTERFACE)
+    target_include_directories(${name}_control INTERFACE ${CMAKE_CURRENT_SOURCE_DIR}/control)
+    target_link_libraries(${name}_control INTERFACE ${name})
+    target_include_directories(${name} PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/control)
   endif()
 endfunction()

@@ -87,7 +87,6 @@ class TemporaryStore {
     std::string pattern = std::filesystem::temp_directory_path() / "mirado-replay-XXXXXX";
     if (mkdtemp(pattern.data()) != nullptr) {
       folder_ = pattern;
-      setenv("MIRADO_MEMORY_ROOT", pattern.c_str(), 1);  // what the set forgets when it is switched off goes as well
     }
   }
   TemporaryStore(const TemporaryStore&) = delete;

@@ -1,19 +1,5 @@
-import {
-  connect,
-  MENU_KEY_CAPTION,
-  MENU_KEY_DIGITAL_CAPTION_BACKGROUND_COLOR,
-  MENU_KEY_DIGITAL_CAPTION_BACKGROUND_OPACITY,
-  MENU_KEY_DIGITAL_CAPTION_EDGE_COLOR,
-  MENU_KEY_DIGITAL_CAPTION_EDGE_TYPE,
-  MENU_KEY_DIGITAL_CAPTION_FONT_COLOR,
-  MENU_KEY_DIGITAL_CAPTION_FONT_OPACITY,
-  MENU_KEY_DIGITAL_CAPTION_FONT_STYLE,
-  MENU_KEY_DIGITAL_CAPTION_SIZE,
-  MENU_KEY_DIGITAL_CAPTION_WINDOW_COLOR,
-  MENU_KEY_DIGITAL_CAPTION_WINDOW_OPACITY,
-  MENU_KEY_HIGH_CONTRAST,
-} from "./mirado.js";
-import { Film } from "./film.js";
+// Written for the set's engine, which is one of generation 47: classic scripts, and of the language what that knows.
+"use strict";
 
 // What the numbers of a setting mean to this application: the names by number, and for each number what becomes of the
 // captions. Number 0 of an option leaves the choice to the application.
@@ -41,17 +27,17 @@ const EDGE = {
 };
 
 const ROWS = [
-  [MENU_KEY_CAPTION, "Captions", SWITCH],
-  [MENU_KEY_DIGITAL_CAPTION_SIZE, "Size", SIZE],
-  [MENU_KEY_DIGITAL_CAPTION_FONT_STYLE, "Font", FONT],
-  [MENU_KEY_DIGITAL_CAPTION_FONT_COLOR, "Text", COLOR],
-  [MENU_KEY_DIGITAL_CAPTION_FONT_OPACITY, "Text opacity", OPACITY],
-  [MENU_KEY_DIGITAL_CAPTION_BACKGROUND_COLOR, "Background", COLOR],
-  [MENU_KEY_DIGITAL_CAPTION_BACKGROUND_OPACITY, "Background opacity", OPACITY],
-  [MENU_KEY_DIGITAL_CAPTION_EDGE_TYPE, "Edge", EDGE],
-  [MENU_KEY_DIGITAL_CAPTION_EDGE_COLOR, "Edge colour", COLOR],
-  [MENU_KEY_DIGITAL_CAPTION_WINDOW_COLOR, "Window", COLOR],
-  [MENU_KEY_DIGITAL_CAPTION_WINDOW_OPACITY, "Window opacity", OPACITY],
+  [mirado.MENU_KEY_CAPTION, "Captions", SWITCH],
+  [mirado.MENU_KEY_DIGITAL_CAPTION_SIZE, "Size", SIZE],
+  [mirado.MENU_KEY_DIGITAL_CAPTION_FONT_STYLE, "Font", FONT],
+  [mirado.MENU_KEY_DIGITAL_CAPTION_FONT_COLOR, "Text", COLOR],
+  [mirado.MENU_KEY_DIGITAL_CAPTION_FONT_OPACITY, "Text opacity", OPACITY],
+  [mirado.MENU_KEY_DIGITAL_CAPTION_BACKGROUND_COLOR, "Background", COLOR],
+  [mirado.MENU_KEY_DIGITAL_CAPTION_BACKGROUND_OPACITY, "Background opacity", OPACITY],
+  [mirado.MENU_KEY_DIGITAL_CAPTION_EDGE_TYPE, "Edge", EDGE],
+  [mirado.MENU_KEY_DIGITAL_CAPTION_EDGE_COLOR, "Edge colour", COLOR],
+  [mirado.MENU_KEY_DIGITAL_CAPTION_WINDOW_COLOR, "Window", COLOR],
+  [mirado.MENU_KEY_DIGITAL_CAPTION_WINDOW_OPACITY, "Window opacity", OPACITY],
 ];
 
 const CUES = [
@@ -62,10 +48,11 @@ const CUES = [
   [17, "Come home. The light is on."],
 ];
 const LENGTH = 24; // seconds
+const KEY = { back: 8, ok: 13, escape: 27, space: 32, left: 37, up: 38, right: 39, down: 40, playPause: 179 };
 
 const $ = (id) => document.getElementById(id);
-const mirado = connect(document.querySelector("embed"));
 const values = new Map(); // What the set says, by key.
+let plugin; // The client of the plug-in that there is now, or of the last one.
 
 let noticeTimer;
 function tell(error) {
@@ -86,25 +73,25 @@ function attempt(action) {
 
 function follow(key, show) {
   const read = () => attempt(() => {
-    values.set(key, mirado.getMenuValue(key));
+    values.set(key, plugin.getMenuValue(key));
     show();
   });
-  attempt(() => mirado.onCaptionChanged(key, read));
+  attempt(() => plugin.onCaptionChanged(key, read));
   read();
 }
 
 function showCaption(text) {
   const box = $("caption");
-  const hidden = values.get(MENU_KEY_CAPTION) !== 1 || !text;
+  const hidden = values.get(mirado.MENU_KEY_CAPTION) !== 1 || !text;
   box.querySelector(".text").textContent = text;
   if (box.hidden === hidden) return;
   box.hidden = hidden;
-  attempt(() => mirado.showCaption(hidden ? 0 : 1));
+  attempt(() => plugin.showCaption(hidden ? 0 : 1));
 }
 
-function look(key, { looks }) {
-  const chosen = looks[values.get(key)];
-  return chosen === undefined ? looks[0] : chosen;
+function look(key, kind) {
+  const chosen = kind.looks[values.get(key)];
+  return chosen === undefined ? kind.looks[0] : chosen;
 }
 
 function color(colorKey, opacityKey, usual) {
@@ -115,43 +102,46 @@ function color(colorKey, opacityKey, usual) {
 
 function showStyle() {
   const black = (opacity) => ({ color: "0,0,0", opacity });
-  const edgeColor = color(MENU_KEY_DIGITAL_CAPTION_EDGE_COLOR, undefined, black(1));
-  const style = {
-    "--scale": look(MENU_KEY_DIGITAL_CAPTION_SIZE, SIZE),
-    "--font": look(MENU_KEY_DIGITAL_CAPTION_FONT_STYLE, FONT),
-    "--text": color(MENU_KEY_DIGITAL_CAPTION_FONT_COLOR, MENU_KEY_DIGITAL_CAPTION_FONT_OPACITY,
-                    { color: "255,255,255", opacity: 1 }),
-    "--background": color(MENU_KEY_DIGITAL_CAPTION_BACKGROUND_COLOR, MENU_KEY_DIGITAL_CAPTION_BACKGROUND_OPACITY,
-                          black(0.75)),
-    "--window": color(MENU_KEY_DIGITAL_CAPTION_WINDOW_COLOR, MENU_KEY_DIGITAL_CAPTION_WINDOW_OPACITY, black(0)),
-    "--edge": look(MENU_KEY_DIGITAL_CAPTION_EDGE_TYPE, EDGE)(edgeColor),
-  };
-  for (const name of Object.keys(style)) $("caption").style.setProperty(name, style[name]);
+  const edgeColor = color(mirado.MENU_KEY_DIGITAL_CAPTION_EDGE_COLOR, undefined, black(1));
+  const caption = $("caption").style;
+  const text = $("caption").querySelector(".text").style;
+  caption.fontSize = `${2 * look(mirado.MENU_KEY_DIGITAL_CAPTION_SIZE, SIZE)}rem`;
+  caption.fontFamily = look(mirado.MENU_KEY_DIGITAL_CAPTION_FONT_STYLE, FONT);
+  text.color = color(mirado.MENU_KEY_DIGITAL_CAPTION_FONT_COLOR, mirado.MENU_KEY_DIGITAL_CAPTION_FONT_OPACITY,
+                     { color: "255,255,255", opacity: 1 });
+  text.background = color(mirado.MENU_KEY_DIGITAL_CAPTION_BACKGROUND_COLOR,
+                          mirado.MENU_KEY_DIGITAL_CAPTION_BACKGROUND_OPACITY, black(0.75));
+  text.textShadow = look(mirado.MENU_KEY_DIGITAL_CAPTION_EDGE_TYPE, EDGE)(edgeColor);
+  $("caption").querySelector(".window").style.background =
+    color(mirado.MENU_KEY_DIGITAL_CAPTION_WINDOW_COLOR, mirado.MENU_KEY_DIGITAL_CAPTION_WINDOW_OPACITY, black(0));
 }
 
-// A row shows what the set says, and asks the set for a change. What it shows follows from the set's answer alone.
-function addRow(key, label, { names }) {
+// A row shows what the set says, and asks the set for a change. What it shows follows from the set's answer alone. Gives
+// a function that follows the setting with the plug-in that there is now.
+function addRow(key, label, kind) {
   const row = document.createElement("button");
-  const [name, value] = [label, ""].map((text) => {
+  const add = (className, text) => {
     const part = row.appendChild(document.createElement("span"));
+    part.className = className;
     part.textContent = text;
     return part;
-  });
-  name.className = "name";
+  };
+  add("name", label);
+  const value = add("value", "");
   $("rows").appendChild(row);
 
   const change = (step) => {
-    const next = ((values.get(key) || 0) + step + names.length) % names.length;
-    mirado.setMenuValue(key, next).catch(tell);
+    const next = ((values.get(key) || 0) + step + kind.names.length) % kind.names.length;
+    plugin.setMenuValue(key, next).catch(tell);
   };
   row.addEventListener("click", () => change(1));
   row.addEventListener("keydown", (event) => {
-    if (event.key === "ArrowLeft") change(-1);
-    if (event.key === "ArrowRight") change(1);
+    if (event.keyCode === KEY.left) change(-1);
+    if (event.keyCode === KEY.right) change(1);
   });
 
-  follow(key, () => {
-    value.textContent = names[values.get(key)] || `Number ${values.get(key)}`;
+  return () => follow(key, () => {
+    value.textContent = kind.names[values.get(key)] || `Number ${values.get(key)}`;
     showStyle();
     showCaption(film.caption);
   });
@@ -172,22 +162,26 @@ function moveFocus(step) {
 function pause() {
   film.playing = !film.playing;
   $("state").textContent = film.playing ? "Playing" : "Paused";
-  attempt(() => mirado.registerInAppCaptionControl(film.playing ? 1 : 0));
+  publish();
+}
+
+function publish() {
+  attempt(() => plugin.registerInAppCaptionControl(film.playing ? 1 : 0));
 }
 
 document.addEventListener("keydown", (event) => {
   const open = !$("panel").hidden;
   const actions = {
-    "ArrowUp": () => open && moveFocus(-1),
-    "ArrowDown": () => open && moveFocus(1),
-    "Enter": () => !open && openPanel(true),
-    "Escape": () => openPanel(false),
-    "Backspace": () => openPanel(false),
-    " ": pause,
-    "MediaPlayPause": pause,
+    [KEY.up]: () => open && moveFocus(-1),
+    [KEY.down]: () => open && moveFocus(1),
+    [KEY.ok]: () => !open && openPanel(true),
+    [KEY.escape]: () => openPanel(false),
+    [KEY.back]: () => openPanel(false),
+    [KEY.space]: pause,
+    [KEY.playPause]: pause,
   };
-  const action = actions[event.key];
-  if (!action || (open && event.key === "Enter")) return; // Enter on an open panel is the click of its row.
+  const action = actions[event.keyCode];
+  if (!action || (open && event.keyCode === KEY.ok)) return; // OK on an open panel is the click of its row.
   event.preventDefault();
   action();
 });
@@ -196,11 +190,16 @@ const film = new Film($("film"), LENGTH, CUES, (time) => {
   $("progress").value = time / LENGTH;
   showCaption(film.caption);
 });
-for (const row of ROWS) addRow.apply(null, row);
-follow(MENU_KEY_HIGH_CONTRAST, () => {
-  document.body.classList.toggle("high-contrast", values.get(MENU_KEY_HIGH_CONTRAST) === 1);
-});
-mirado.whenGone.then(tell);
-openPanel(true);
+const rows = ROWS.map((row) => addRow.apply(null, row));
 film.playing = true;
-attempt(() => mirado.registerInAppCaptionControl(1));
+openPanel(true);
+
+mirado.keepConnected(document.querySelector("embed"), (client) => {
+  plugin = client;
+  plugin.whenGone.then(tell);
+  rows.forEach((followRow) => followRow());
+  follow(mirado.MENU_KEY_HIGH_CONTRAST, () => {
+    document.body.classList.toggle("high-contrast", values.get(mirado.MENU_KEY_HIGH_CONTRAST) === 1);
+  });
+  publish();
+});

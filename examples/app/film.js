@@ -1,7 +1,9 @@
+"use strict";
+
 const FRAME = 38; // milliseconds: some 25 frames a second, as a film has
 
 // Stands in for a video: a scene drawn from its time alone, with captions by time.
-export class Film {
+class Film {
   /** `cues` are [seconds, text], by time; `onFrame` gets the time in seconds, from 0 to below `length`. */
   constructor(canvas, length, cues, onFrame) {
     this.playing = false;
@@ -23,7 +25,7 @@ export class Film {
   }
 
   get caption() {
-    return this.cues.filter(([start]) => start <= this.time).pop()[1];
+    return this.cues.filter((cue) => cue[0] <= this.time).pop()[1];
   }
 }
 
@@ -49,7 +51,7 @@ function gradient(context, from, to, stops) {
 function shape(context, fill, points) {
   context.fillStyle = fill;
   context.beginPath();
-  points.forEach(([x, y]) => context.lineTo(x, y));
+  points.forEach((point) => context.lineTo(point[0], point[1]));
   context.fill();
 }
 
@@ -119,7 +121,7 @@ function drawLight(context, part) {
   const spread = 40 + 190 * Math.abs(Math.sin(angle));
   shape(context, beam, [[LAMP.x, LAMP.y - 5], [LAMP.x + reach, LAMP.y - spread], [LAMP.x + reach, LAMP.y + spread],
                         [LAMP.x, LAMP.y + 5]]);
-  const radius = 60 + 150 * Math.max(0, facing) ** 4;
+  const radius = 60 + 150 * Math.pow(Math.max(0, facing), 4);
   const halo = context.createRadialGradient(LAMP.x, LAMP.y, 0, LAMP.x, LAMP.y, radius);
   halo.addColorStop(0, "rgba(255,244,210,.95)");
   halo.addColorStop(0.15, "rgba(255,230,170,.45)");

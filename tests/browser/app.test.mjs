@@ -86,10 +86,7 @@ describe("pages and their plug-ins", () => {
     ]);
     await desk.mirado("set", CAPTION, "0");
     await caption(second, "hidden");
-    await caption(first, "visible"); // It plays on with what it last knew.
-
-    await first.reload();
-    await caption(first, "hidden");
+    await caption(first, "hidden"); // Another plug-in has taken the place of the one that crashed.
     await desk.mirado("set", CAPTION, "1");
     await Promise.all([caption(first, "visible"), caption(second, "visible")]);
   });
@@ -138,7 +135,7 @@ describe("pages and their plug-ins", () => {
       const { id } = await newestPage();
       const events = await desk.follow("/api/events");
       const outcome = page.evaluate(async (name) => {
-        const { connect } = await import("./mirado.js");
+        const { connect } = window.mirado;
         try {
           return await connect(document.querySelector("embed"))[name](0, 1);
         } catch (error) {

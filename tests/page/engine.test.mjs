@@ -13,7 +13,8 @@ const acorn = require("acorn");
 const walk = require("acorn-walk");
 const terser = require("terser");
 const GENERATION = 47;
-const files = { "page/mirado.classic.js": 5 }; // and the level of the language that it keeps to
+// What it loads, and the edition of ECMAScript that each file keeps to.
+const FILES = { "page/mirado.classic.js": 5, "examples/app/film.js": 2015, "examples/app/app.js": 2015 };
 
 const text = (file) => readFileSync(root + file, "utf8");
 const known = new Map(Array.from(text("docs/engines.md").matchAll(/^\| `(\w+)` \|.*\| (\d+) \|$/gm),
@@ -21,7 +22,7 @@ const known = new Map(Array.from(text("docs/engines.md").matchAll(/^\| `(\w+)` \
 
 // Names of ECMAScript 5, and of what the plug-in and the desk say.
 const USUAL = new Set(("Object String Number Array Date Math JSON Error TypeError create freeze defineProperty keys " +
-  "hasOwnProperty now min max floor splice forEach map filter some every join concat replace test exec split substring " +
+  "hasOwnProperty now min max floor abs pow sin cos PI splice forEach map filter some every join concat replace test exec split substring " +
   "push pop shift slice indexOf length parse stringify apply call bind toLowerCase charAt message stack name " +
   "errorMessage errorName code signal status reason data detail postMessage postMessageAndAwaitResponse pluginGone"
 ).split(" "));
@@ -32,36 +33,44 @@ const MISSING = {
   ImportDeclaration: "modules", ExportNamedDeclaration: "modules",
 };
 
-// The names in `file` that are not its own: globals, and members that it defines nowhere.
-function foreignNames(tree) {
-  const own = new Set(["arguments", "undefined", ...USUAL]);
+// The names that a script uses and the names that it defines, wherever it does.
+function namesOf(tree) {
+  const own = [];
   const used = new Set();
-  const declare = (pattern) => { if (pattern) own.add(pattern.name); };
+  const declare = (pattern) => { if (pattern) own.push(pattern.name); };
   walk.full(tree, (node) => {
     const missing = MISSING[node.type] || (node.regex && /[^gim]/.test(node.regex.flags) && "a flag of a pattern");
-    assert.ok(!missing, `line ${node.loc && node.loc.start.line}: ${missing}`);
-    if (node.id) declare(node.id);
+    assert.ok(!missing, `line ${node.loc.start.line}: ${missing}`);
+    declare(node.id);
     (node.params || []).forEach((one) => declare(one.argument || one));
     if (node.type === "CatchClause") declare(node.param);
-    if (node.key && !node.computed) own.add(node.key.name || node.key.value);
-    if (node.type === "AssignmentExpression" && node.left.property) own.add(node.left.property.name);
+    if (node.key && !node.computed) own.push(node.key.name || node.key.value);
+    if (node.type === "AssignmentExpression" && node.left.property) declare(node.left.property);
     if (node.operator === "typeof") declare(node.argument); // asked for, not relied on
     if (node.type === "MemberExpression" && !node.computed) used.add(node.property.name);
     if (node.type === "Identifier") used.add(node.name);
   });
-  return [...used].filter((name) => !own.has(name));
+  return { own, used };
 }
 
-for (const [file, ecmaVersion] of Object.entries(files)) {
-  it(`generation ${GENERATION} knows all that ${file} uses`, () => {
+it(`generation ${GENERATION} knows the language and all names of what it loads`, () => {
+  const own = new Set(["arguments", "undefined", ...USUAL]);
+  const used = new Map();
+  for (const [file, ecmaVersion] of Object.entries(FILES)) {
     const tree = acorn.parse(text(file), { ecmaVersion, locations: true });
-    const names = foreignNames(tree);
-    assert.deepEqual(names.filter((name) => !(known.get(name) <= GENERATION)), [], "not in docs/engines.md, or too new");
-  });
-}
+    const names = namesOf(tree);
+    names.own.forEach((name) => own.add(name));
+    names.used.forEach((name) => used.set(name, file));
+    // Without it that engine takes no let, const and class.
+    const scope = tree.body[0].expression?.callee?.body?.body ?? tree.body;
+    assert.ok(ecmaVersion === 5 || scope[0].directive === "use strict", `${file} must begin with "use strict"`);
+  }
+  const foreign = [...used].filter(([name]) => !own.has(name) && !(known.get(name) <= GENERATION));
+  assert.deepEqual(foreign, [], "not in docs/engines.md, or too new");
+});
 
 it("docs/engines.md names nothing that is not used", () => {
-  const all = Object.keys(files).map(text).join();
+  const all = Object.keys(FILES).map(text).join();
   assert.deepEqual([...known.keys()].filter((name) => !new RegExp(`\\b${name}\\b`).test(all)), []);
 });
 

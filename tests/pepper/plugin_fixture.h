@@ -101,7 +101,9 @@ inline std::string Changed(const std::string& event, int key) {
 /// The real library on a real store in a folder of its own.
 class PluginTest : public ::testing::Test {
  protected:
-  PluginTest() { dlog::SetSink([](const dlog::Line&) {}); }
+  PluginTest() {
+    dlog::SetSink([](const dlog::Line&) {});
+  }
   ~PluginTest() override { dlog::SetSink({}); }
 
   void SetUp() override {

@@ -1,9 +1,11 @@
-// What no page can see: the way from a path to its key, the callbacks' guards, and the embedder's wrapper.
+// What no page can see: the way from a path to its key, the manager's records, the callbacks' guards, and the
+// embedder's wrapper.
 
 #include <future>
 
 #include "ExtensionSystemNorvikaWRT.h"
 #include "KeyTables.h"
+#include "MenuValueManager.h"
 #include "PluginMirado.h"
 #include "message_loop_control.h"
 #include "pepper/plugin_fixture.h"
@@ -32,6 +34,7 @@ TEST_F(PluginTest, TracesAPathBackToTheFirstRowThatBeginsWithIt) {
 TEST_F(PluginTest, CallbacksGuardAgainstWhatTheyCannotServe) {
   pp::Instance instance(0);
   Handler handler(&instance);
+  EXPECT_EQ(Text(handler.createMessage(0, pp::Var(), "", "")), Done("null")) << "undefined goes out as null";
   _keynode_t node{"db/other"};
   PlatformCalls calls;
   Handler::CaptionVconfCb(nullptr, nullptr);
@@ -44,6 +47,31 @@ TEST_F(PluginTest, CallbacksGuardAgainstWhatTheyCannotServe) {
                    log + "CaptionVconfCb > Caption Menu Key Change callback recieved for key : db/other",
                    log + "ConvertCaptionKey > Can't find the key[" + std::to_string(CAPTION_SETTING_MAP_SIZE) + "]",
                    log + "CaptionVconfCb > Fail to get key code"}));
+}
+
+TEST_F(PluginTest, TheManagerChangesARecordOnlyOnSuccess) {
+  using Record = std::tuple<int, int, std::string>;  // a result, and the record after it
+  MenuValueManager manager;
+  const auto got = [&](unsigned int key) {
+    MenuValue value{7, "old"};
+    const int result = manager.getMenuValue(key, value);
+    return Record{result, value.iValue, value.sValue};
+  };
+  EXPECT_EQ(got(14), Record(9, 7, "old"));
+  EXPECT_EQ(got(22), Record(26, 7, "old"));
+  EXPECT_EQ(got(20), Record(0, 8, "NORMAL"));
+  EXPECT_EQ(got(15), Record(0, 0, "old"));
+  const auto confirmed = [&](unsigned int key, int requested) {
+    MenuValue current{300, "old"};
+    const int result = manager.confirmMenuValue(key, {requested, "new"}, current);
+    return Record{result, current.iValue, current.sValue};
+  };
+  EXPECT_EQ(confirmed(14, 1), Record(9, 300, "old"));
+  EXPECT_EQ(confirmed(3, 5), Record(0, 261, "old"));
+  EXPECT_EQ(confirmed(18, 1), Record(0, 1, "new"));
+  EXPECT_EQ(confirmed(19, 99), Record(26, 300, "old"));
+  Fault("GetItemDataList", "*", -1);
+  EXPECT_EQ(confirmed(18, 1), Record(9999, 300, "old"));
 }
 
 TEST_F(PluginTest, RegistersItselfOnTheLoopOfTheThread) {

@@ -46,32 +46,31 @@ TEST_F(ServicesTest, ItemListKeepsItsOrderAndWholeLabels) {
   const std::string prefix = prefdeck::kListPrefix;
   Put(prefix + "languages", "2 English (UK)\n0\n-1 \n");
   Put(prefix + "none", "");
+  Put(prefix + "number", 2);
 
   Items items = {{"9", "stale"}};
   EXPECT_TRUE(Prefdeck::GetItemDataList("languages", items));
-  EXPECT_EQ(items, (Items{{"2", "English (UK)"}, {"0", ""}, {"-1", ""}}));
+  const Items whole = {{"2", "English (UK)"}, {"0", ""}, {"-1", ""}};
+  EXPECT_EQ(items, whole);
+  EXPECT_FALSE(Prefdeck::GetItemDataList("missing", items));
+  EXPECT_FALSE(Prefdeck::GetItemDataList("number", items));
+  Fail("GetItemDataList", "none", 0);  // zero, so that a fault fails whatever it answers
+  EXPECT_FALSE(Prefdeck::GetItemDataList("none", items));
+  EXPECT_EQ(items, whole) << "a failure must leave the items alone";
   EXPECT_TRUE(Prefdeck::GetItemDataList("none", items));
   EXPECT_EQ(items, Items{});
 }
 
-TEST_F(ServicesTest, ItemListThatFailsLeavesTheItemsAlone) {
-  const std::string prefix = prefdeck::kListPrefix;
-  Put(prefix + "languages", "2 English");
-  Put(prefix + "number", 2);
-
-  const Items before = {{"9", "kept"}};
-  Items items = before;
-  EXPECT_FALSE(Prefdeck::GetItemDataList("missing", items));
-  EXPECT_FALSE(Prefdeck::GetItemDataList("number", items));
-  Fail("GetItemDataList", "languages", 0);  // zero, so that a fault fails whatever it answers
-  EXPECT_FALSE(Prefdeck::GetItemDataList("languages", items));
-  EXPECT_EQ(items, before);
-  EXPECT_TRUE(Prefdeck::GetItemDataList("languages", items));
-}
-
 TEST_F(ServicesTest, VideoControlFollowsThePictureSize) {
-  Put(panelbase::kPictureSizePath, 3);
   IVideoControl* control = nullptr;
+  EXPECT_LT(Panelbase::CreateVideoControl(PROFILE_MAIN, 0, &control), 0) << "without a picture";
+  Put(panelbase::kPictureSizePath, 3);
+  Fail("CreateVideoControl", "*", 4);
+  EXPECT_EQ(Panelbase::CreateVideoControl(PROFILE_MAIN, 0, &control), 4);
+  EXPECT_LT(Panelbase::CreateVideoControl(PROFILE_MAIN, 1, &control), 0);
+  EXPECT_LT(Panelbase::CreateVideoControl(static_cast<EProfile>(2), 0, &control), 0);
+  EXPECT_EQ(control, nullptr);
+
   IVideoControl* again = nullptr;
   EXPECT_EQ(Panelbase::CreateVideoControl(PROFILE_MAIN, 0, &control), 0);
   EXPECT_EQ(Panelbase::CreateVideoControl(PROFILE_MAIN, 0, &again), 0);
@@ -79,28 +78,16 @@ TEST_F(ServicesTest, VideoControlFollowsThePictureSize) {
   EXPECT_EQ(control, again);
 
   int size = 0;
-  EXPECT_EQ(control->GetPictureSize(&size), 0);
-  EXPECT_EQ(size, 3);
-  Put(panelbase::kPictureSizePath, 5);
-  EXPECT_EQ(control->GetPictureSize(&size), 0);
-  EXPECT_EQ(size, 5);
-
+  for (const int stored : {3, 5}) {
+    Put(panelbase::kPictureSizePath, stored);
+    EXPECT_EQ(control->GetPictureSize(&size), 0);
+    EXPECT_EQ(size, stored);
+  }
   Fail("GetPictureSize", "*", -2);
   EXPECT_EQ(control->GetPictureSize(&size), -2);
   ASSERT_EQ(vconf::Remove(panelbase::kPictureSizePath).text(), "");
   EXPECT_LT(control->GetPictureSize(&size), 0);
   EXPECT_EQ(size, 5) << "a failure must leave the size alone";
-}
-
-TEST_F(ServicesTest, NoVideoControlWithoutAPicture) {
-  IVideoControl* control = nullptr;
-  EXPECT_LT(Panelbase::CreateVideoControl(PROFILE_MAIN, 0, &control), 0);
-  Put(panelbase::kPictureSizePath, 3);
-  Fail("CreateVideoControl", "*", 4);
-  EXPECT_EQ(Panelbase::CreateVideoControl(PROFILE_MAIN, 0, &control), 4);
-  EXPECT_LT(Panelbase::CreateVideoControl(PROFILE_MAIN, 1, &control), 0);
-  EXPECT_LT(Panelbase::CreateVideoControl(static_cast<EProfile>(2), 0, &control), 0);
-  EXPECT_EQ(control, nullptr);
 }
 
 }  // namespace

@@ -99,31 +99,6 @@ TEST_F(VconfTest, ANewStoreIsFilledOnceAndAnOldOneNever) {
   EXPECT_EQ(vconf::OpenOrCreateStore(folder() + "/third/", {}).text(), "");
 }
 
-TEST_F(VconfTest, TheMemoryOfLostStoresIsSweptAndNothingElse) {
-  Open();
-  const auto memory = std::filesystem::directory_iterator(memory_root())->path();
-  // Another store's: one digit of the id, counted from its end, is another.
-  const auto with_other_digit = [&](std::size_t from_end) {
-    std::string other = memory.string();
-    char& digit = other[other.rfind('-') - from_end];
-    digit = digit == '0' ? '1' : '0';
-    return other;
-  };
-  const std::string lost = with_other_digit(1);
-  const std::string users = memory_root() + "/mirado-demo";
-  for (const std::string& each : {lost, users}) {
-    std::filesystem::create_directory(each);
-    std::filesystem::last_write_time(each, std::filesystem::file_time_type::clock::now() - std::chrono::hours(1));
-  }
-  const std::string dangling = with_other_digit(2);
-  std::filesystem::create_directory(dangling);
-  std::filesystem::create_symlink(folder() + "/removed", dangling + "/store");
-  vconf::CloseStore();
-  ASSERT_EQ(vconf::OpenOrCreateStore(folder() + "/second", {{"memory/m", 1}}).text(), "");
-  EXPECT_TRUE(std::filesystem::exists(memory) && std::filesystem::exists(users));
-  EXPECT_FALSE(std::filesystem::exists(lost) || std::filesystem::exists(dangling));
-}
-
 TEST_F(VconfTest, ControlServesEveryTypeAndRoom) {
   Open();
   const std::string longest(65536, 'z');

@@ -335,7 +335,7 @@ void RunSoak(double seconds, unsigned seed) {
   do {
     if (done * 100 / seconds >= static_cast<double>(memory.size())) {
       memory.push_back(OwnUsage().mebibytes);
-      size.push_back(static_cast<double>(std::filesystem::file_size(store + "/data.mdb")) / (1 << 20));
+      size.push_back(static_cast<double>(std::filesystem::file_size(store + "/keys.db")) / (1 << 20));
     }
     soak.Step();
     done = Milliseconds(Clock::now() - begun) / 1000;

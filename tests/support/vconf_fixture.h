@@ -15,12 +15,10 @@
 #include "vconf.h"
 #include "vconf_control.h"
 
-/// A store of the test's own, disk and memory both in one temporary folder, and the lines that it logs.
+/// A store of the test's own in a temporary folder, and the lines that it logs.
 class VconfTest : public testing::Test {
  protected:
   VconfTest() {
-    std::filesystem::create_directory(memory_root());
-    setenv("MIRADO_MEMORY_ROOT", memory_root().c_str(), 1);
     dlog::SetSink([this](const dlog::Line& line) {
       const std::lock_guard lock(log_mutex_);
       log_.push_back(dlog::Format(line));
@@ -32,20 +30,9 @@ class VconfTest : public testing::Test {
   }
 
   std::string folder() const { return folder_.path(); }
-  std::string memory_root() const { return folder_ / "memory"; }
   std::string directory() const { return folder_ / "store"; }
-  std::string file() const { return directory() + "/data.mdb"; }
-
-  /// Where the keys in memory lie, once there is a store.
-  std::string memory() const {
-    for (const auto& entry : std::filesystem::directory_iterator(memory_root())) {
-      std::error_code other;
-      if (std::filesystem::equivalent(entry.path() / "store", directory(), other)) {
-        return entry.path().string();
-      }
-    }
-    return {};
-  }
+  std::string file() const { return directory() + "/keys.db"; }
+  std::string region() const { return directory() + "/live"; }
 
   void Open(const std::vector<vconf::Entry>& initial = {}) {
     ASSERT_EQ(vconf::OpenOrCreateStore(directory(), initial).text(), "");

@@ -8,7 +8,7 @@
 
 namespace pp {
 
-class Seat;
+class SpinSlot;
 
 /// A loop of work: any thread pushes, one thread runs what was pushed, in the order of the pushes.
 ///
@@ -59,7 +59,7 @@ class MessageLoop::Core : public std::enable_shared_from_this<Core> {
 
  private:
   static Work* OldestFirst(Work* newest) noexcept;
-  Work* WaitForWork(Seat* seat) noexcept;
+  Work* WaitForWork(SpinSlot* slot) noexcept;
   void Unpark() noexcept;
 
   // The newest piece of work, linked to the older ones, or null, or one of the marks in the source file. All sides

@@ -12,42 +12,43 @@ namespace {
 
 using std::chrono::steady_clock;
 
-/// As long as a parked worker takes to wake and answer, so that the page is still awake then.
+/// About as long as a parked worker takes to wake and answer, so that the page need not park as well.
 constexpr std::chrono::microseconds kCompletionSpin{100};
 
-// The rounds of a spinning thread, the first ones a few nanoseconds each:
-constexpr std::uint32_t kFreeRounds = 64;  ///< that any thread may have; a warm hand-over is mostly over by then
-constexpr std::uint32_t kYields = 16;      ///< then, without a seat: to go round by offers costs less than to park and
-                                           ///< be woken, and who waits for nothing soon is out of the way
-constexpr std::uint32_t kTightRounds = 512;  ///< with one, before it looks at the clock and rests between rounds
-constexpr std::uint32_t kRoundsToYield = 8;  ///< then, between two offers of its core to other threads, one of which
-                                             ///< may be the one that it waits for
+// What a waiting thread does in its rounds, counted from the start of the wait:
+constexpr std::uint32_t kFreeRounds = 64;  ///< every thread: looks again at once. A warm hand-over ends within these.
+constexpr std::uint32_t kYields = 16;  ///< a thread without a slot: yields this often, then parks. It is cheaper than
+                                       ///< to park at once when many threads take turns.
+constexpr std::uint32_t kTightRounds = 512;  ///< a thread with a slot: looks again at once, then pauses in each round
+constexpr std::uint32_t kRoundsToYield = 8;  ///< and yields after this many. The core may be needed by the very thread
+                                             ///< that is waited for.
 
-/// How many threads may spin for long: as many as there are cores, and none where there is only one.
-int CountSeats() noexcept {
+/// The number of slots: one for each core that this process may use, and none if that is one core.
+int CountSlots() noexcept {
   cpu_set_t cores;
   if (sched_getaffinity(0, sizeof cores, &cores) != 0) return 0;
   const int count = CPU_COUNT(&cores);
   return count > 1 ? count : 0;
 }
 
-const int g_seats = CountSeats();
-constinit std::atomic<int> g_seats_taken{0};
-constinit std::atomic<bool> g_seat_refused{false};  // since a late return of a core was last looked into
+const int g_slots = CountSlots();
+constinit std::atomic<int> g_slots_taken{0};
+constinit std::atomic<bool> g_slot_refused{false};  // since the last late return from a yield
 
-// Where a core that was offered comes back only now, somebody who never rests has had a whole turn of it. Unless that
-// is a thread that waits here without a seat, offers are then no way to wait: who parks is woken at once.
+// A yield that returns late means that another thread used a whole turn of the scheduler. If no thread of this process
+// was refused a slot, it is a thread that never waits, such as another program's. Then yields only make this thread
+// late: for a while it parks instead, because a thread that is woken runs at once.
 constexpr std::chrono::milliseconds kTurn{1};
-constexpr std::chrono::seconds kTimeWithoutOffers{1};
-thread_local constinit steady_clock::time_point t_no_offers_until{};
+constexpr std::chrono::seconds kTimeWithoutYields{1};
+thread_local constinit steady_clock::time_point t_no_yields_until{};
 
-/// Offers the core of a thread with a seat to others. False when that is no way to wait.
-bool OfferCore() noexcept {
+/// Yields the core of a thread with a slot. False: it had better park.
+bool Yield() noexcept {
   const auto before = steady_clock::now();
   sched_yield();
   const auto after = steady_clock::now();
-  if (after - before < kTurn || g_seat_refused.exchange(false, std::memory_order_relaxed)) return true;
-  t_no_offers_until = after + kTimeWithoutOffers;
+  if (after - before < kTurn || g_slot_refused.exchange(false, std::memory_order_relaxed)) return true;
+  t_no_yields_until = after + kTimeWithoutYields;
   return false;
 }
 
@@ -66,34 +67,34 @@ void WakeOne(std::atomic<std::uint32_t>* word) noexcept {
 }
 
 bool Spin::Again() noexcept {
-  if (g_seats == 0) return false;
+  if (g_slots == 0) return false;
   if (++rounds_ < kFreeRounds) return true;
-  if (!seat_->Take()) {
+  if (!slot_->Take()) {
     sched_yield();
     return rounds_ < kFreeRounds + kYields;
   }
-  if (rounds_ == kFreeRounds) return steady_clock::now() >= t_no_offers_until;
+  if (rounds_ == kFreeRounds) return steady_clock::now() >= t_no_yields_until;
   if (rounds_ < kTightRounds) return true;
   if (rounds_ == kTightRounds) end_ = steady_clock::now() + limit_;
 #if defined(__x86_64__) || defined(__i386__)
   __builtin_ia32_pause();
 #endif
-  if (rounds_ % kRoundsToYield == 0 && !OfferCore()) return false;
+  if (rounds_ % kRoundsToYield == 0 && !Yield()) return false;
   return steady_clock::now() < end_;
 }
 
-bool Seat::Take() noexcept {
+bool SpinSlot::Take() noexcept {
   if (taken_) return true;
-  taken_ = g_seats_taken.fetch_add(1, std::memory_order_relaxed) < g_seats;
+  taken_ = g_slots_taken.fetch_add(1, std::memory_order_relaxed) < g_slots;
   if (!taken_) {
-    g_seats_taken.fetch_sub(1, std::memory_order_relaxed);
-    if (!g_seat_refused.load(std::memory_order_relaxed)) g_seat_refused.store(true, std::memory_order_relaxed);
+    g_slots_taken.fetch_sub(1, std::memory_order_relaxed);
+    if (!g_slot_refused.load(std::memory_order_relaxed)) g_slot_refused.store(true, std::memory_order_relaxed);
   }
   return taken_;
 }
 
-void Seat::Leave() noexcept {
-  if (std::exchange(taken_, false)) g_seats_taken.fetch_sub(1, std::memory_order_relaxed);
+void SpinSlot::Leave() noexcept {
+  if (std::exchange(taken_, false)) g_slots_taken.fetch_sub(1, std::memory_order_relaxed);
 }
 
 void Completion::Set() noexcept {
@@ -101,8 +102,8 @@ void Completion::Set() noexcept {
 }
 
 void Completion::Wait() noexcept {
-  Seat seat;
-  for (Spin spin(kCompletionSpin, &seat); spin.Again();) {
+  SpinSlot slot;
+  for (Spin spin(kCompletionSpin, &slot); spin.Again();) {
     if (state_.load(std::memory_order_acquire) == kDone) return;
   }
   std::uint32_t state = kPending;

@@ -6,20 +6,20 @@
 
 namespace pp {
 
-/// Sleeps while `word` is `value`, until `WakeOne`; may return early without a cause.
+/// Sleeps while `word` is `value`, until `WakeOne`. May return early.
 void Park(std::atomic<std::uint32_t>* word, std::uint32_t value) noexcept;
 
-/// Wakes one thread that sleeps on `word`, which may no longer exist.
+/// Wakes one thread that sleeps on `word`. `word` may have been freed meanwhile.
 void WakeOne(std::atomic<std::uint32_t>* word) noexcept;
 
-/// The right of a thread to spin for long. There are as many seats as cores, so that threads which only wait do not
-/// stand in the way of those that have something to do. One thread.
-class Seat {
+/// The right of a thread to spin for long. There are as many slots as cores, so that waiting threads do not take the
+/// cores from those that have work. Belongs to one thread.
+class SpinSlot {
  public:
-  Seat() = default;
-  Seat(const Seat&) = delete;
-  Seat& operator=(const Seat&) = delete;
-  ~Seat() { Leave(); }
+  SpinSlot() = default;
+  SpinSlot(const SpinSlot&) = delete;
+  SpinSlot& operator=(const SpinSlot&) = delete;
+  ~SpinSlot() { Leave(); }
 
   /// True when the thread has one, from before or now.
   bool Take() noexcept;
@@ -29,19 +29,19 @@ class Seat {
   bool taken_ = false;
 };
 
-/// Bounds the time for which a thread waits awake. A parked thread takes tens of microseconds to come back, a spinning
-/// one takes a fraction of one; but a thread that spins where another could run only stands in its way.
+/// Bounds how long a thread waits without sleeping. To wake a parked thread takes tens of microseconds, a spinning one
+/// sees the change in a fraction of one. But a spinning thread keeps a core from others.
 class Spin {
  public:
-  /// Takes `seat` when the waiting becomes long, and leaves it to the caller to give it back.
-  Spin(std::chrono::nanoseconds limit, Seat* seat) noexcept : limit_(limit), seat_(seat) {}
+  /// Takes `slot` when the wait becomes long, and leaves it to the caller to give it back.
+  Spin(std::chrono::nanoseconds limit, SpinSlot* slot) noexcept : limit_(limit), slot_(slot) {}
 
   /// One round of waiting. False when it is time to park.
   bool Again() noexcept;
 
  private:
   const std::chrono::nanoseconds limit_;
-  Seat* const seat_;
+  SpinSlot* const slot_;
   std::uint32_t rounds_ = 0;
   std::chrono::steady_clock::time_point end_;
 };
@@ -49,7 +49,7 @@ class Spin {
 /// Tells one waiting thread that something is done, once.
 class Completion {
  public:
-  /// The last touch of this object: the waiting thread may free it before the call returns.
+  /// The waiting thread may free this object before the call returns.
   void Set() noexcept;
   void Wait() noexcept;
 

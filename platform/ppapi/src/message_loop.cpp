@@ -10,7 +10,7 @@ namespace {
 
 using Core = MessageLoop::Core;
 
-/// How long an idle loop stays awake: more than a page that asks in a row takes between two requests.
+/// How long an idle loop spins: longer than the pause between two requests of a page that sends one after the other.
 constexpr std::chrono::microseconds kIdleSpin{20};
 
 class Mark final : public Core::Work {
@@ -19,7 +19,7 @@ class Mark final : public Core::Work {
   void Drop() override {}
 };
 
-// What stands in place of the newest work while the loop's thread is parked, and after the loop's end.
+// They stand in place of the newest work: while the loop's thread is parked, and after the loop's end.
 constinit Mark g_parked;
 constinit Mark g_ended;
 
@@ -49,8 +49,8 @@ bool Core::Push(Work* work) noexcept {
 
 void Core::Run() {
   t_current = this;
-  Seat seat;  // kept until the thread parks: to take one for every message would cost as much as the hand-over
-  while (Work* oldest = WaitForWork(&seat)) {
+  SpinSlot slot;  // kept until the thread parks: to take one for each message would cost as much as the hand-over
+  while (Work* oldest = WaitForWork(&slot)) {
     while (oldest != nullptr) {
       Work* const work = std::exchange(oldest, oldest->next_);
       if (has_ended()) {
@@ -83,9 +83,9 @@ Core::Work* Core::OldestFirst(Work* newest) noexcept {
 }
 
 /// All work that is queued, oldest first; null after the end.
-Core::Work* Core::WaitForWork(Seat* seat) noexcept {
+Core::Work* Core::WaitForWork(SpinSlot* slot) noexcept {
   while (true) {
-    Spin spin(kIdleSpin, seat);
+    Spin spin(kIdleSpin, slot);
     do {
       Work* newest = newest_.load(std::memory_order_acquire);
       if (newest == &g_ended) return nullptr;
@@ -94,7 +94,7 @@ Core::Work* Core::WaitForWork(Seat* seat) noexcept {
       }
     } while (spin.Again());
     Work* none = nullptr;
-    seat->Leave();
+    slot->Leave();
     parked_.store(1, std::memory_order_relaxed);
     if (newest_.compare_exchange_strong(none, &g_parked, std::memory_order_acq_rel)) {
       while (parked_.load(std::memory_order_acquire) == 1) Park(&parked_, 1);
@@ -102,7 +102,7 @@ Core::Work* Core::WaitForWork(Seat* seat) noexcept {
   }
 }
 
-/// Called by the one who took the mark of the parked thread away, so once for each time that it parks.
+/// Called by whoever replaced `g_parked`, so once each time that the thread parks.
 void Core::Unpark() noexcept {
   parked_.store(0, std::memory_order_release);
   WakeOne(&parked_);

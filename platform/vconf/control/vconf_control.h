@@ -38,9 +38,9 @@ struct Change {
 /// Opens the store in `directory` for this process. It must exist and hold one: `kMissing` otherwise, also for an empty
 /// folder. On failure every later call fails by value and this process has no store. One store for a process at a time.
 ///
-/// `memory/` lies under /dev/shm, or the folder that the environment variable MIRADO_MEMORY_ROOT names. Where there is
-/// none, `memory/` alone fails. A store that this process may only read is opened for reading, and so is one whose lock
-/// file a full disk has no room for.
+/// Its owner, and root, may write it; others read what they can open. What cannot be written is opened for reading. A
+/// store of the version before this one is converted once. After a fork the child has the store open without the
+/// subscriptions of its parent.
 Status OpenStore(const std::string& directory);
 
 /// The same, but a folder that does not exist yet, or is empty, becomes a new store that holds `initial`. That is one
@@ -53,15 +53,16 @@ Status OpenOrCreateStore(const std::string& directory, const std::vector<Entry>&
 void CloseStore();
 
 /// Moves the files of the store in `directory`, damaged or not, to a new folder beside it and returns its name; deletes
-/// nothing. Then a new store with `initial` is made in `directory`. Works whether or not this process has that store
-/// open. A process that has the old one open stays with it until it opens the store again.
+/// nothing. In their place a new store with `initial` is made. Works whether or not this process has that store open. A
+/// process that has the old one open goes on with the new one; its listeners are called once for each key, as those who
+/// fall behind.
 Result<std::string> ReplaceStore(const std::string& directory, const std::vector<Entry>& initial);
 
 /// `kMissing` for a key that is not there.
 Result<Value> Get(const std::string& path);
 
 /// A key keeps its type: another type is an error, and so is a path with another prefix. What `db/` and `set/` gain is
-/// durable when the call returns.
+/// durable when the call returns. After `kBusy` it may still come about, when the process that is named goes on.
 Status Set(const std::string& path, const Value& value);
 Status Remove(const std::string& path);
 
@@ -69,8 +70,8 @@ Status Remove(const std::string& path);
 /// another, which may fail alone. A change for each key that differs. Faults stay.
 Status Reset(const std::vector<Entry>& entries);
 
-/// All keys that begin with `prefix`, in the order of their bytes; a failure when not all of them could be read. Faults
-/// are not among them.
+/// All keys that begin with `prefix`, in the order of their bytes; a failure when not all of them could be read. Each
+/// value is one that its key had during the call; while nobody writes, all are of one moment. Faults are not among them.
 Result<std::vector<Entry>> List(const std::string& prefix);
 
 /// Calls `on_change` on the notification thread for each change of a path that begins with `prefix`, until the result
@@ -83,7 +84,7 @@ class Watch {
 Result<std::unique_ptr<Watch>> WatchPrefix(const std::string& prefix, std::function<void(const Change&)> on_change);
 
 /// Returns when all callbacks and watches of this process have been given every change made, by whatever process,
-/// before the call. Not on the notification thread.
+/// before the call. Wakes no other process. Not on the notification thread.
 void Settle();
 
 /// How many `vconf_notify_key_changed` subscriptions this process has now.

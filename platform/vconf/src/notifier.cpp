@@ -14,7 +14,7 @@ namespace vconf {
 /// One subscription or one watch. All but the constants is guarded by the notifier's mutex.
 struct Notifier::Listener {
   const std::string at;  // a path, or the prefix of a watch
-  const std::uint64_t since;
+  std::uint64_t since;
   const vconf_callback_fn callback;
   void* const user_data;
   const std::function<void(const Change&)> on_change;
@@ -23,13 +23,11 @@ struct Notifier::Listener {
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-// Changes often come in a row, and to wake a parked thread takes longer than to make a change.
-constexpr std::chrono::microseconds kSpin{50};
-
 // A process may be killed after its change is visible and before it rings.
 constexpr std::chrono::seconds kLookAnyway{1};
+constexpr std::chrono::milliseconds kSettleLook{100};
+
+constexpr std::size_t kMostAtOnce = 256;
 
 // The notification thread is none that the process's signal handlers know of. A fault still has to reach its handler.
 class SignalsBlocked {
@@ -61,49 +59,60 @@ Notifier::~Notifier() {
   by_path_.clear();
   subscriptions_ = 0;
   AwaitEnd(lock, ended);
+  progress_.wait(lock, [this] { return !alive_; });
+  if (thread_.joinable()) {
+    thread_.join();
+  }
 }
 
-Cause Notifier::Subscribe(const std::string& path, vconf_callback_fn callback, void* user_data) {
-  std::unique_lock lock(mutex_);
+Status Notifier::Subscribe(const std::string& path, vconf_callback_fn callback, void* user_data) {
+  const std::lock_guard lock(mutex_);
   std::uint64_t since = 0;
-  const Cause status = Start(lock, &since);
-  if (status == kOk) {
+  Status status = Start(&since);
+  if (status.ok()) {
     by_path_[path].push_back(std::make_shared<Listener>(Listener{path, since, callback, user_data, {}}));
     ++subscriptions_;
   }
   return status;
 }
 
-Cause Notifier::Watch(const std::string& prefix, std::function<void(const Change&)> on_change, ListenerPtr* watch) {
-  std::unique_lock lock(mutex_);
+Status Notifier::Watch(const std::string& prefix, std::function<void(const Change&)> on_change, ListenerPtr* watch) {
+  const std::lock_guard lock(mutex_);
   std::uint64_t since = 0;
-  const Cause status = Start(lock, &since);
-  if (status == kOk) {
+  Status status = Start(&since);
+  if (status.ok()) {
     *watch = std::make_shared<Listener>(Listener{prefix, since, nullptr, nullptr, std::move(on_change)});
     watches_.push_back(*watch);
   }
   return status;
 }
 
-// Starts the thread when there is none. It looks at the listeners only after the lock is free again.
-Cause Notifier::Start(std::unique_lock<std::mutex>& /*lock*/, std::uint64_t* since) {
-  // Read under the lock: what is handed out from now on is checked against it.
-  if (const Cause status = store_.LastSequence(since); status != kOk || alive_) {
-    return status;
+// Starts the thread when there is none. It looks at the listeners only after the lock is free again. `since` is read
+// under the lock: what is handed out from now on is checked against it.
+Status Notifier::Start(std::uint64_t* since) {
+  Region& region = store_.region();
+  if (!region.IsWhole()) {
+    return {Code::kDamaged, region.file() + ": is damaged"};
+  }
+  // The thread may not know yet that this region has taken the place of the one that it counts in.
+  *since = !alive_ || &region == region_ ? region.header().last.load(std::memory_order_acquire) : 0;
+  if (alive_) {
+    return {};
   }
   if (thread_.joinable()) {
     thread_.join();  // it has ended but for its last instructions, and takes no lock in them
   }
+  region_ = &region;
   next_ = *since + 1;
   try {
     const SignalsBlocked blocked;
     thread_ = std::thread([this] { Run(); });
   } catch (const std::system_error& error) {
-    return error.code().value();
+    return {Code::kFailed, std::string("the notification thread: ") + error.what()};
   }
   thread_id_ = thread_.get_id();
   alive_ = true;
-  return kOk;
+  return {};
 }
 
 void Notifier::Ignore(const std::string& path, vconf_callback_fn callback) {
@@ -134,34 +143,33 @@ void Notifier::AwaitEnd(std::unique_lock<std::mutex>& lock, const std::vector<Li
   for (const auto& listener : ended) {
     listener->ended = true;
   }
-  if (OnThread()) {
+  if (OnThread() || forked_) {
     return;
+  }
+  if (IdleLocked() && alive_) {
+    region_->RingHere();  // the thread may be asleep, and has nothing left to do
   }
   ++waiting_;
   progress_.wait(lock, [&] {
     return std::none_of(ended.begin(), ended.end(), [this](const auto& each) { return each.get() == running_; });
   });
-  if (IdleLocked() && alive_) {
-    store_.bell().Ring(0);  // the thread may be asleep
-    progress_.wait(lock, [this] { return !alive_ || !IdleLocked(); });
-  }
   --waiting_;
-  if (!alive_ && thread_.joinable()) {
-    thread_.join();
-    thread_id_ = {};
-  }
 }
 
 void Notifier::Settle() {
-  std::uint64_t last = 0;
   std::unique_lock lock(mutex_);
-  if (!alive_ || OnThread() || store_.LastSequence(&last) != kOk) {
+  if (!alive_ || OnThread() || forked_) {
     return;
   }
-  store_.bell().Ring(0);
+  const std::uint64_t last = store_.region().header().last.load(std::memory_order_acquire);
   ++waiting_;
-  progress_.wait(
-      lock, [&, before = looks_] { return !alive_ || vain_look_ > before || (next_ > last && running_ == nullptr); });
+  const auto settled = [&, before = lost_] {
+    return !alive_ || lost_ != before || (next_ > last && running_ == nullptr);
+  };
+  // Whoever made a change rings, and only one who died or stands still in between does not.
+  while (!progress_.wait_for(lock, kSettleLook, settled)) {
+    region_->RingHere();
+  }
   --waiting_;
 }
 
@@ -170,46 +178,56 @@ std::size_t Notifier::subscriptions() const {
   return subscriptions_;
 }
 
+void Notifier::AfterForkInChild() {
+  forked_ = true;
+  mutex_.unlock();
+}
+
 // ---- the notification thread
 
 void Notifier::Run() {
   pthread_setname_np(pthread_self(), "vconf-notify");
-  // With one core the spinning itself would keep the writer away.
-  cpu_set_t cores;
-  const bool has_cores = sched_getaffinity(0, sizeof cores, &cores) == 0 && CPU_COUNT(&cores) > 1;
-  const auto spin = has_cores ? kSpin : std::chrono::microseconds{0};
-  Bell& bell = store_.bell();
-  for (;;) {
-    const std::uint32_t seen = bell.Rings();
-    if (!Deliver()) {
+  Region* region = &store_.region();
+  while (true) {
+    const std::uint32_t seen = region->header().rings.load(std::memory_order_acquire);
+    Region* const looked_at = region;
+    if (!Deliver(&region)) {
       return;
     }
-    for (const auto until = Clock::now() + spin; bell.Rings() == seen && Clock::now() < until;) {
-    }
-    if (bell.Rings() == seen) {
-      bell.Wait(seen, kLookAnyway);
+    if (region == looked_at) {
+      region->AwaitRing(seen, kLookAnyway);
     }
   }
 }
 
-// Hands out all that there is; false when nobody listens any more.
-bool Notifier::Deliver() {
+// Hands out all that there is; false when nobody listens any more. `region` becomes the one that is current.
+bool Notifier::Deliver(Region** region) {
   std::vector<Change> changes;
   std::unique_lock lock(mutex_);
-  for (;;) {
-    if (IdleLocked()) {
-      alive_ = false;
-      progress_.notify_all();
-      return false;
-    }
-    const std::uint64_t next = next_;
-    const std::uint64_t look = ++looks_;
+  while (!IdleLocked() && !forked_) {
+    std::uint64_t next = next_;
     lock.unlock();
+    *region = &store_.region();
     changes.clear();
-    bool fell_behind = false;
-    static_cast<void>(store_.ReadChanges(next, &changes, &fell_behind));  // which logs what it cannot read
-    if (fell_behind) {
-      CatchUp();
+    bool remembered = (*region)->IsWhole() && ReadChanges(**region, next, kMostAtOnce, &changes);
+    lock.lock();
+    if (*region != region_ || !(*region)->IsWhole()) {
+      // Who listened to the one before has missed what lies between the two.
+      ++lost_;
+      for (const auto& listener : AllLocked()) {
+        listener->since = 0;
+      }
+      if (*region == region_) {
+        progress_.notify_all();
+        return true;
+      }
+      region_ = *region;
+      changes.clear();
+      remembered = false;
+    }
+    lock.unlock();
+    if (!remembered) {
+      CatchUp(**region);
     }
     for (const Change& change : changes) {
       lock.lock();
@@ -223,15 +241,24 @@ bool Notifier::Deliver() {
     if (!changes.empty()) {
       next_ = changes.back().sequence + 1;
     }
-    const bool vain = changes.empty() && !fell_behind;
-    vain_look_ = vain ? look : vain_look_;
     if (waiting_ > 0) {
       progress_.notify_all();
     }
-    if (vain) {
+    if (changes.empty() && remembered) {
       return true;
     }
   }
+  alive_ = false;
+  progress_.notify_all();
+  return false;
+}
+
+std::vector<Notifier::ListenerPtr> Notifier::AllLocked() const {
+  std::vector<ListenerPtr> listeners = watches_;
+  for (const auto& [path, subscribed] : by_path_) {
+    listeners.insert(listeners.end(), subscribed.begin(), subscribed.end());
+  }
+  return listeners;
 }
 
 std::vector<Notifier::ListenerPtr> Notifier::ListenersOf(const Change& change) const {
@@ -252,22 +279,16 @@ std::vector<Notifier::ListenerPtr> Notifier::ListenersOf(const Change& change) c
   return listeners;
 }
 
-// The journal has been overwritten: each subscribed key may have changed, and a watch learns what all of its keys hold.
-void Notifier::CatchUp() {
-  std::uint64_t last = 0;
-  if (store_.LastSequence(&last) != kOk) {
-    return;
-  }
+// Changes are no longer remembered: each subscribed key may have changed, and a watch learns what all of its keys hold.
+void Notifier::CatchUp(Region& region) {
+  std::uint64_t last = region.header().last.load(std::memory_order_acquire);
   std::vector<ListenerPtr> listeners;
   {
     const std::lock_guard lock(mutex_);
-    for (const auto& [path, subscribed] : by_path_) {
-      listeners.insert(listeners.end(), subscribed.begin(), subscribed.end());
-    }
-    listeners.insert(listeners.end(), watches_.begin(), watches_.end());
+    listeners = AllLocked();
   }
   for (const auto& listener : listeners) {
-    if (listener->since >= last) {
+    if (listener->since >= last && last != 0) {
       continue;
     }
     if (listener->callback != nullptr) {
@@ -275,7 +296,7 @@ void Notifier::CatchUp() {
       continue;
     }
     std::vector<Entry> entries;
-    store_.List(listener->at, &entries);
+    static_cast<void>(store_.List(listener->at, &entries));  // which logs what it cannot read
     for (auto& [path, value] : entries) {
       Call(listener, {.sequence = last, .path = std::move(path), .value = std::move(value)});
     }
@@ -286,7 +307,7 @@ void Notifier::CatchUp() {
 
 void Notifier::Call(const ListenerPtr& listener, const Change& change) {
   std::unique_lock lock(mutex_);
-  if (listener->ended) {
+  if (listener->ended || forked_) {
     return;
   }
   running_ = listener.get();

@@ -10,7 +10,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "cause.h"
+#include "result.h"
 #include "store.h"
 #include "vconf.h"
 
@@ -19,7 +19,7 @@ namespace vconf {
 /// Hands the changes of a store to those who asked for them, on one thread that runs while anybody does. Any thread.
 ///
 /// A listener is called without any lock held, so it may call whatever it likes, also here. Whoever ends a listening
-/// waits for a call that is running, except on the notification thread, which would wait for itself.
+/// waits for a call of that one that is running, and for nothing else; on the notification thread not even for that.
 class Notifier {
  public:
   struct Listener;
@@ -30,30 +30,36 @@ class Notifier {
   Notifier& operator=(const Notifier&) = delete;
   ~Notifier();
 
-  Cause Subscribe(const std::string& path, vconf_callback_fn callback, void* user_data);
+  Status Subscribe(const std::string& path, vconf_callback_fn callback, void* user_data);
 
   /// Ends all subscriptions of the pair, if there are any.
   void Ignore(const std::string& path, vconf_callback_fn callback);
 
-  Cause Watch(const std::string& prefix, std::function<void(const Change&)> on_change, ListenerPtr* watch);
+  Status Watch(const std::string& prefix, std::function<void(const Change&)> on_change, ListenerPtr* watch);
   void EndWatch(const ListenerPtr& watch);
 
-  /// Returns when every change made before the call has been handed out.
+  /// Returns when every change made before the call has been handed out. Wakes no other process.
   void Settle();
+
+  /// Around a fork. The child has this notifier without its thread, and is to use another one.
+  void BeforeFork() { mutex_.lock(); }
+  void AfterForkInParent() { mutex_.unlock(); }
+  void AfterForkInChild();
 
   std::size_t subscriptions() const;
 
  private:
-  Cause Start(std::unique_lock<std::mutex>& lock, std::uint64_t* since);
+  Status Start(std::uint64_t* since);
   void AwaitEnd(std::unique_lock<std::mutex>& lock, const std::vector<ListenerPtr>& ended);
   bool IdleLocked() const { return by_path_.empty() && watches_.empty(); }
   bool OnThread() const { return std::this_thread::get_id() == thread_id_; }
 
   void Run();
-  bool Deliver();
-  void CatchUp();
+  bool Deliver(Region** region);
+  void CatchUp(Region& region);
   void Call(const ListenerPtr& listener, const Change& change);
   std::vector<ListenerPtr> ListenersOf(const Change& change) const;
+  std::vector<ListenerPtr> AllLocked() const;
 
   Store& store_;
 
@@ -63,11 +69,12 @@ class Notifier {
   std::vector<ListenerPtr> watches_;
   std::size_t subscriptions_ = 0;
   const Listener* running_ = nullptr;
-  std::uint64_t next_ = 0;       // the first change that was not handed out yet
-  bool alive_ = false;           // the thread runs, or will look at the listeners once more
-  std::uint64_t looks_ = 0;      // how often the thread has looked for changes
-  std::uint64_t vain_look_ = 0;  // the last look that found none, be it that they could not be read
-  unsigned waiting_ = 0;         // threads that wait for progress
+  Region* region_ = nullptr;  // the one that `next_` counts in
+  std::uint64_t next_ = 0;    // the first change that was not handed out yet
+  bool alive_ = false;        // the thread runs, or will look at the listeners once more
+  bool forked_ = false;       // the thread belongs to the parent
+  unsigned lost_ = 0;         // how often the changes to come could not be told apart from those that were
+  unsigned waiting_ = 0;      // threads that wait for progress
   std::thread thread_;
   std::thread::id thread_id_;
 };

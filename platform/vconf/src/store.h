@@ -1,82 +1,97 @@
 #pragma once
 
 #include <atomic>
-#include <cstdint>
+#include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "bell.h"
-#include "cause.h"
-#include "environment.h"
+#include "database.h"
+#include "journal.h"
+#include "making.h"
+#include "region.h"
+#include "table.h"
 #include "vconf_control.h"
 
 namespace vconf {
 
-/// The keys, their journal and the faults, in two environments: one on disk, one on a memory file system.
+/// The keys and the faults of the store that this process has open. Any thread.
 ///
-/// All changes stand in one order. Each has a sequence number, one more than the one before, given under the write lock
-/// of the disk environment, which a change in memory takes too. The journal entry of a change lies in the environment
-/// of its key and is committed with it; a reader merges the two journals by number. Any thread.
+/// Reading looks into the region and waits for nobody. A change in memory takes the region's lock; one on disk takes
+/// the lock of the disk, commits to the database and takes the region's lock to publish.
 class Store {
  public:
-  /// A directory that is missing or empty becomes a store that holds `initial`, unless that is null.
   static Result<std::unique_ptr<Store>> Open(const std::string& directory, const std::vector<Entry>* initial);
 
-  Cause Get(std::string_view path, std::optional<Value>* value);
-  Cause Set(std::string_view path, const Value& value);
-  Cause Remove(std::string_view path);
-  Cause Reset(const std::vector<Entry>& entries);  // which pass `CheckEntries`
-  Cause List(std::string_view prefix, std::vector<Entry>* entries);
+  Status Get(std::string_view path, std::optional<Value>* value);
+  Code GetNumber(std::string_view path, layout::Kind kind, int* number);
+  Status Set(std::string_view path, const Value& value);
+  Status Remove(std::string_view path);
+  Status Reset(const std::vector<Entry>& entries);  // which pass `CheckEntries`
+  Status List(std::string_view prefix, std::vector<Entry>* entries);
 
-  /// Makes what was written to `path` durable; has nothing to do for `memory/`.
-  Cause Sync(std::string_view path);
+  /// What was written is durable already; fails when the store is no longer there.
+  Status Sync(std::string_view path);
 
-  Cause SetFault(const Fault& fault);
-  Cause ClearFault(std::string_view call, std::string_view path);
-  Cause ClearFaults();
-  Cause ListFaults(std::vector<Fault>* faults);
-  std::optional<int> TakeFault(std::string_view call, std::string_view path);
+  Status SetFault(const Fault& fault);
+  Status ClearFault(std::string_view call, std::string_view path);
+  Status ClearFaults();
+  Status ListFaults(std::vector<Fault>* faults);
 
-  /// The number of the last change.
-  Cause LastSequence(std::uint64_t* sequence);
+  /// Costs no more than a look at one word while there are no faults.
+  std::optional<int> TakeFault(std::string_view call, std::string_view path) {
+    return region_.load(std::memory_order_acquire)->header().state.load(std::memory_order_acquire) == layout::kWhole
+               ? std::nullopt
+               : FindFault(call, path);
+  }
 
-  /// Appends the changes from number `next` on, up to the last one or `kMaxChanges`. `fell_behind` is set, and nothing
-  /// appended, when the journal no longer holds that number.
-  Cause ReadChanges(std::uint64_t next, std::vector<Change>* changes, bool* fell_behind);
-  static constexpr std::size_t kMaxChanges = 256;
+  /// The region as it is now. One that it replaced stays mapped until the store is closed. It may be damaged, when
+  /// there is no better one.
+  Region& region();
 
-  Bell& bell() { return *bell_; }
-
-  /// The failure of a call for `path`, with that or the file that it is about.
-  Status Explain(Cause cause, std::string_view path) const;
+  /// Around a fork: SQLite has nothing open in either process, and nothing is half-done.
+  void BeforeFork();
+  void AfterFork();
 
  private:
-  class Batch;
+  // Appends what is to change, looking at what is; called with the locks held that keep it as it is.
+  using Plan = std::function<Status(Region& region, std::vector<Row>* rows)>;
+  enum class Home : std::uint8_t { kDisk, kMemory };
+  static Home HomeOf(std::string_view path);
 
   explicit Store(std::string directory) : directory_(std::move(directory)) {}
 
-  Status OpenDisk(const std::vector<Entry>* initial);
-  Cause MakeStore(const std::vector<Entry>& initial);
-  Cause OpenMemory();
-  Cause CheckFormat(Environment& environment, std::string* id);
-  Environment* HomeOf(std::string_view path) const;
-  Cause CommitFaults(WriteTransaction& write);
-  void NoteFaultless();
-  Cause NoteWrite(std::string_view path, Cause status) const;
+  Region& Renew(Region& old);
+  Status ForWriting(Region** region);
+  Status Change(Home home, const Plan& plan);
+  Status ChangeInMemory(Region& region, const Plan& plan);
+  Status ChangeOnDisk(Region& region, const Plan& plan);
+  Status Connect(const Region& region);
+  Status Recover(Region& region);
+  void RecoverIfNeeded();
+  Status ToStatus(Code code, std::string_view path, const Region& region) const;
+  Status NoteRead(Status status) { return Note(last_read_, std::move(status)); }
+  Status NoteWrite(Home home, Status status) {
+    return Note(home == Home::kDisk ? last_disk_write_ : last_memory_write_, std::move(status));
+  }
+  static Status Note(std::atomic<Code>& last, Status status);
+  std::optional<int> FindFault(std::string_view call, std::string_view path);
 
   const std::string directory_;
-  std::string memory_directory_;
-  std::string id_;
-  std::unique_ptr<Environment> disk_;
-  std::unique_ptr<Environment> memory_;  // null where the memory file system gave none
-  std::unique_ptr<Bell> bell_;
 
-  // Whoever is told of a change in this process also sees what its writer did before. The database orders the two in
-  // ways that the language does not know of; this says it again.
-  std::atomic<unsigned> commits_{0};
+  std::atomic<Region*> region_{nullptr};
+  std::mutex places_mutex_;
+  std::vector<std::unique_ptr<making::Place>> places_;  // the last one is in use
+
+  std::mutex database_mutex_;           // before the other
+  std::unique_ptr<Database> database_;  // from the first change on disk on
+
+  std::atomic<Code> last_read_{Code::kOk};
+  std::atomic<Code> last_disk_write_{Code::kOk};
+  std::atomic<Code> last_memory_write_{Code::kOk};
 };
 
 /// Whether the store serves `path` at all; `set/` is for the control side alone.

@@ -1,10 +1,8 @@
 #include "vconf.h"
 
-#include <fcntl.h>
-#include <stdio.h>
+#include <pthread.h>
 
 #include <atomic>
-#include <cerrno>
 #include <memory>
 #include <mutex>
 #include <utility>
@@ -23,7 +21,7 @@ struct Session {
       : store(std::move(opened)), notifier(std::make_shared<Notifier>(*store)) {}
 
   const std::unique_ptr<Store> store;
-  const std::shared_ptr<Notifier> notifier;
+  std::shared_ptr<Notifier> notifier;
 };
 
 // Left alone when the process ends: its threads may still be calling.
@@ -31,24 +29,50 @@ std::atomic<Session*> g_session{nullptr};
 
 Session* TheSession() { return g_session.load(std::memory_order_acquire); }
 
+// A fork copies one thread and all locks. Nothing is half-done in the child, and its store is its own: it has no
+// subscriptions, since it has no notification thread, and what it inherited of the parent's is left as it is.
+void BeforeFork() {
+  if (Session* const session = TheSession()) {
+    session->store->BeforeFork();
+    session->notifier->BeforeFork();
+  }
+}
+void AfterForkInParent() {
+  if (Session* const session = TheSession()) {
+    session->notifier->AfterForkInParent();
+    session->store->AfterFork();
+  }
+}
+void AfterForkInChild() {
+  NoteProcess();
+  if (Session* const session = TheSession()) {
+    session->notifier->AfterForkInChild();
+    session->store->AfterFork();
+    // Never destroyed, for the call that forked may run within it.
+    new std::shared_ptr<Notifier>(std::exchange(session->notifier, std::make_shared<Notifier>(*session->store)));
+  }
+}
+
 // ---- for the control side
 
 const Status& NoStore() {
-  static const Status no_store(Code::kFailed, CauseText(kNoStore));
+  static const Status no_store(Code::kFailed, "no store is open");
   return no_store;
 }
 
-// Runs `step` on the store and tells its failure in words.
+// Runs `step` on the store.
 template <typename Step>
-Status Explained(std::string_view path, Step&& step) {
+Status OnStore(Step&& step) {
   const Session* const session = TheSession();
-  return session != nullptr ? session->store->Explain(step(*session->store), path) : NoStore();
+  return session != nullptr ? step(*session->store) : NoStore();
 }
 
 // One store for a process at a time.
 Status Open(const std::string& directory, const std::vector<Entry>* initial) {
   static std::mutex opening;
+  static std::once_flag forks;
   const std::lock_guard lock(opening);
+  std::call_once(forks, [] { pthread_atfork(BeforeFork, AfterForkInParent, AfterForkInChild); });
   if (TheSession() != nullptr) {
     return {Code::kFailed, directory + ": this process has a store open already"};
   }
@@ -82,6 +106,8 @@ class NotifierWatch final : public Watch {
 
 constexpr int kFailed = -1;
 
+int AnswerOf(const Status& status) { return status.ok() ? 0 : kFailed; }
+
 // What every call does first: the path is one that it may name, and no fault answers in its place. `step` gets the
 // session and the path, and its answer is the call's.
 template <typename Step>
@@ -93,26 +119,17 @@ int Answer(const char* call, const char* path, Step&& step) {
   if (const auto fault = session->store->TakeFault(call, path)) {
     return *fault;
   }
-  return step(*session, path) == kOk ? 0 : kFailed;
+  return step(*session, path);
 }
 
-template <typename T>
-int Read(const char* call, const char* path, int* result) {
-  return Answer(call, path, [result](Session& session, const char* at) {
-    std::optional<Value> value;
-    Cause status = session.store->Get(at, &value);
-    if (status == kOk && !std::holds_alternative<T>(*value)) {
-      status = kOtherType;
-    }
-    if (status == kOk) {
-      *result = std::get<T>(*value);
-    }
-    return status;
+int Read(const char* call, const char* path, layout::Kind kind, int* result) {
+  return Answer(call, path, [=](Session& session, std::string_view at) {
+    return session.store->GetNumber(at, kind, result) == Code::kOk ? 0 : kFailed;
   });
 }
 
 int Write(const char* call, const char* path, const Value& value) {
-  return Answer(call, path, [&](Session& session, const char* at) { return session.store->Set(at, value); });
+  return Answer(call, path, [&](Session& session, const char* at) { return AnswerOf(session.store->Set(at, value)); });
 }
 
 }  // namespace
@@ -126,59 +143,34 @@ Status OpenOrCreateStore(const std::string& directory, const std::vector<Entry>&
 void CloseStore() { delete g_session.exchange(nullptr); }
 
 Result<std::string> ReplaceStore(const std::string& directory, const std::vector<Entry>& initial) {
-  if (Status wrong = CheckEntries(initial); !wrong.ok()) {
-    return wrong;
-  }
-  std::string from = directory;
-  while (from.size() > 1 && from.back() == '/') {
-    from.pop_back();
-  }
-  std::string moved;
-  int result = 0;
-  for (int number = 1; number == 1 || (result != 0 && errno == EEXIST); ++number) {
-    moved = from + ".replaced-" + std::to_string(number);
-    result = renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, moved.c_str(), RENAME_NOREPLACE);
-  }
-  if (result != 0) {
-    return ToStatus(errno, directory);
-  }
-  const auto made = Store::Open(directory, &initial);
-  return made.ok() ? Result(std::move(moved)) : made.status();
+  Status wrong = CheckEntries(initial);
+  return wrong.ok() ? making::Replace(directory, initial) : Result<std::string>(std::move(wrong));
 }
 
 Result<Value> Get(const std::string& path) {
   std::optional<Value> value;
-  Status status = Explained(path, [&](Store& store) { return store.Get(path, &value); });
+  Status status = OnStore([&](Store& store) { return store.Get(path, &value); });
   return status.ok() ? Result(*std::move(value)) : std::move(status);
 }
 
 Status Set(const std::string& path, const Value& value) {
-  return Explained(path, [&](Store& store) {
-    const Cause status = store.Set(path, value);
-    return status == kOk ? store.Sync(path) : status;
-  });
+  return OnStore([&](Store& store) { return store.Set(path, value); });
 }
 
 Status Remove(const std::string& path) {
-  return Explained(path, [&](Store& store) {
-    const Cause status = store.Remove(path);
-    return status == kOk ? store.Sync(path) : status;
-  });
+  return OnStore([&](Store& store) { return store.Remove(path); });
 }
 
 Status Reset(const std::vector<Entry>& entries) {
   if (Status wrong = CheckEntries(entries); !wrong.ok()) {
     return wrong;
   }
-  return Explained("set/", [&](Store& store) {
-    const Cause status = store.Reset(entries);
-    return status == kOk ? store.Sync("set/*") : status;
-  });
+  return OnStore([&](Store& store) { return store.Reset(entries); });
 }
 
 Result<std::vector<Entry>> List(const std::string& prefix) {
   std::vector<Entry> entries;
-  Status status = Explained(prefix, [&](Store& store) { return store.List(prefix, &entries); });
+  Status status = OnStore([&](Store& store) { return store.List(prefix, &entries); });
   return status.ok() ? Result(std::move(entries)) : std::move(status);
 }
 
@@ -188,8 +180,8 @@ Result<std::unique_ptr<Watch>> WatchPrefix(const std::string& prefix, std::funct
     return NoStore();
   }
   Notifier::ListenerPtr listener;
-  if (const Cause cause = session->notifier->Watch(prefix, std::move(on_change), &listener); cause != kOk) {
-    return session->store->Explain(cause, prefix);
+  if (Status status = session->notifier->Watch(prefix, std::move(on_change), &listener); !status.ok()) {
+    return status;
   }
   return std::unique_ptr<Watch>(std::make_unique<NotifierWatch>(session->notifier, std::move(listener)));
 }
@@ -206,20 +198,20 @@ std::size_t SubscriptionCount() {
 }
 
 Status SetFault(const Fault& fault) {
-  return Explained(fault.path, [&](Store& store) { return store.SetFault(fault); });
+  return OnStore([&](Store& store) { return store.SetFault(fault); });
 }
 
 Status ClearFault(const std::string& call, const std::string& path) {
-  return Explained(path, [&](Store& store) { return store.ClearFault(call, path); });
+  return OnStore([&](Store& store) { return store.ClearFault(call, path); });
 }
 
 Status ClearFaults() {
-  return Explained("*", [](Store& store) { return store.ClearFaults(); });
+  return OnStore([](Store& store) { return store.ClearFaults(); });
 }
 
 Result<std::vector<Fault>> ListFaults() {
   std::vector<Fault> faults;
-  Status status = Explained("set/", [&](Store& store) { return store.ListFaults(&faults); });
+  Status status = OnStore([&](Store& store) { return store.ListFaults(&faults); });
   return status.ok() ? Result(std::move(faults)) : std::move(status);
 }
 
@@ -230,15 +222,20 @@ std::optional<int> TakeFault(std::string_view call, std::string_view path) {
 
 }  // namespace vconf
 
-int vconf_get_int(const char* path, int* value) { return vconf::Read<int>("vconf_get_int", path, value); }
-int vconf_get_bool(const char* path, int* value) { return vconf::Read<bool>("vconf_get_bool", path, value); }
+int vconf_get_int(const char* path, int* value) {
+  return vconf::Read("vconf_get_int", path, vconf::layout::kInt, value);
+}
+int vconf_get_bool(const char* path, int* value) {
+  return vconf::Read("vconf_get_bool", path, vconf::layout::kBool, value);
+}
 
 int vconf_set_int(const char* path, int value) { return vconf::Write("vconf_set_int", path, value); }
 int vconf_set_bool(const char* path, int value) { return vconf::Write("vconf_set_bool", path, value != 0); }
 
 int vconf_sync_key(const char* path) {
-  return vconf::Answer("vconf_sync_key", path,
-                       [](vconf::Session& session, const char* at) { return session.store->Sync(at); });
+  return vconf::Answer("vconf_sync_key", path, [](vconf::Session& session, const char* at) {
+    return vconf::AnswerOf(session.store->Sync(at));
+  });
 }
 
 int vconf_notify_key_changed(const char* path, vconf_callback_fn callback, void* user_data) {
@@ -246,13 +243,13 @@ int vconf_notify_key_changed(const char* path, vconf_callback_fn callback, void*
     return vconf::kFailed;
   }
   return vconf::Answer("vconf_notify_key_changed", path, [=](vconf::Session& session, const char* at) {
-    return session.notifier->Subscribe(at, callback, user_data);
+    return vconf::AnswerOf(session.notifier->Subscribe(at, callback, user_data));
   });
 }
 
 int vconf_ignore_key_changed(const char* path, vconf_callback_fn callback) {
   return vconf::Answer("vconf_ignore_key_changed", path, [=](vconf::Session& session, const char* at) {
     session.notifier->Ignore(at, callback);
-    return vconf::kOk;
+    return 0;
   });
 }

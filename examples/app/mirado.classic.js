@@ -1,0 +1,1 @@
+../../page/mirado.classic.js

@@ -1,1 +1,0 @@
-../../page/mirado.js

@@ -1,0 +1,316 @@
+#include "database.h"
+
+#include <fcntl.h>
+#include <sqlite3.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "shared_lock.h"
+
+namespace vconf {
+namespace {
+
+constexpr std::uint32_t kApplication = 0x6d697261;
+constexpr int kBusyMilliseconds = static_cast<int>(std::chrono::milliseconds(kLockLimit).count());
+
+constexpr const char* kPut = "INSERT OR REPLACE INTO entries VALUES (?1, ?2, ?3, ?4)";
+constexpr const char* kRemove = "DELETE FROM entries WHERE path = ?1";
+
+std::uint64_t Mix(std::uint64_t hash, std::string_view bytes) {
+  constexpr std::uint64_t kOdd = 0x9E3779B97F4A7C15U;
+  hash = (hash ^ bytes.size()) * kOdd;
+  for (const char byte : bytes) {
+    hash = (hash ^ static_cast<unsigned char>(byte)) * kOdd;
+    hash ^= hash >> 32U;
+  }
+  return hash;
+}
+
+// A bool stands as 'true' or 'false', so that its type shows and a person can read it; a text begins with a quote.
+std::string TextOf(const Value& value) {
+  if (const int* const number = std::get_if<int>(&value)) {
+    return std::to_string(*number);
+  }
+  if (const bool* const flag = std::get_if<bool>(&value)) {
+    return *flag ? "true" : "false";
+  }
+  return '"' + std::get<std::string>(value);
+}
+
+Value ValueOf(const std::string& text) {
+  if (text.starts_with('"')) {
+    return text.substr(1);
+  }
+  if (text == "true" || text == "false") {
+    return text == "true";
+  }
+  return static_cast<int>(std::strtol(text.c_str(), nullptr, 10));
+}
+
+sqlite3_int64 Checksum(std::string_view path, std::uint64_t number, std::string_view value) {
+  return static_cast<sqlite3_int64>(Mix(Mix(Mix(0, path), std::to_string(number)), value));
+}
+
+void Bind(sqlite3_stmt* statement, int at, std::string_view text) {
+  sqlite3_bind_text(statement, at, text.data(), static_cast<int>(text.size()), SQLITE_TRANSIENT);
+}
+
+std::string Column(sqlite3_stmt* statement, int at) {
+  const auto* const text = reinterpret_cast<const char*>(sqlite3_column_text(statement, at));
+  return text != nullptr ? std::string(text, static_cast<std::size_t>(sqlite3_column_bytes(statement, at))) : "";
+}
+
+// What SQLite's files begin with: among others what the file is for, and how many pages it had at the last checkpoint.
+using Head = std::array<unsigned char, 100>;
+bool IsHead(const Head& head, std::int64_t size) {
+  constexpr std::int64_t kPage = 4096;
+  const auto number = [&](std::size_t at) {
+    return (std::uint32_t{head.at(at)} << 24U) | (std::uint32_t{head.at(at + 1)} << 16U) |
+           (std::uint32_t{head.at(at + 2)} << 8U) | head.at(at + 3);
+  };
+  return std::memcmp(head.data(), "SQLite format 3", 16) == 0 && number(68) == kApplication &&
+         size / kPage >= number(28);
+}
+
+Status Damaged(const std::string& file) { return {Code::kDamaged, file + ": is damaged"}; }
+
+}  // namespace
+
+Status CheckDatabase(const Folder& folder, ino_t* inode) {
+  struct stat about = {};
+  const auto file = folder.OpenFile(Folder::kDatabase, O_RDONLY, &about);
+  if (!file.ok()) {
+    return file.status();
+  }
+  *inode = about.st_ino;
+  Head head{};
+  if (pread(file->number(), head.data(), head.size(), 0) != static_cast<ssize_t>(head.size()) ||
+      !IsHead(head, about.st_size)) {
+    return Damaged(folder.File(Folder::kDatabase));
+  }
+  for (const char* const suffix : {"-wal", "-shm"}) {
+    const Status status = folder.Check(std::string(Folder::kDatabase) + suffix, &about);
+    if (!status.ok() && status.code() != Code::kMissing) {
+      return status;
+    }
+  }
+  return {};
+}
+
+Result<std::unique_ptr<Database>> Database::Connect(const std::string& file, int flags, ino_t inode) {
+  sqlite3* connection = nullptr;
+  const int result = sqlite3_open_v2(
+      file.c_str(), &connection, flags | SQLITE_OPEN_NOFOLLOW | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_PRIVATECACHE, "unix");
+  std::unique_ptr<Database> database(new Database(connection, file, inode));
+  if (result != SQLITE_OK) {
+    return database->Failure(result);
+  }
+  sqlite3_extended_result_codes(connection, 1);
+  sqlite3_busy_timeout(connection, kBusyMilliseconds);
+  // Statements come from here alone; a schema that somebody changed gets no chance to run its own.
+  sqlite3_db_config(connection, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
+  sqlite3_db_config(connection, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
+  sqlite3_db_config(connection, SQLITE_DBCONFIG_ENABLE_TRIGGER, 0, nullptr);
+  Status status = database->Run("PRAGMA synchronous = FULL");
+  if (status.ok()) {
+    status = database->Run("PRAGMA wal_autocheckpoint = 256");
+  }
+  return status.ok() ? Result(std::move(database)) : std::move(status);
+}
+
+Status Database::Make(const Folder& folder, const std::string& name, const std::vector<Row>& rows) {
+  for (const char* const suffix : {"-wal", "-shm", "-journal"}) {
+    folder.Remove(name + suffix);
+  }
+  if (auto file = folder.MakeFile(name); !file.ok()) {
+    return file.status();
+  }
+  auto made = Connect(folder.File(name), SQLITE_OPEN_READWRITE, 0);
+  if (!made.ok()) {
+    return made.status();
+  }
+  Database& database = **made;
+  // A database that shrinks when keys go: on a full disk, what is in the log could not be copied to it otherwise.
+  const std::string head = "PRAGMA auto_vacuum = FULL; PRAGMA application_id = " + std::to_string(kApplication) +
+                           "; PRAGMA journal_mode = WAL; CREATE TABLE entries (path TEXT PRIMARY KEY, number INTEGER, "
+                           "value TEXT, checksum INTEGER) WITHOUT ROWID";
+  Status status = database.Run(head.c_str());
+  if (status.ok()) {
+    status = database.Write(rows, 1);
+  }
+  if (status.ok()) {
+    status = database.Run("PRAGMA wal_checkpoint(TRUNCATE)");
+  }
+  return status;
+}
+
+Result<std::unique_ptr<Database>> Database::Open(const Folder& folder, bool writable) {
+  ino_t inode = 0;
+  if (Status status = CheckDatabase(folder, &inode); !status.ok()) {
+    return status;
+  }
+  auto opened = Connect(folder.File(Folder::kDatabase), writable ? SQLITE_OPEN_READWRITE : SQLITE_OPEN_READONLY, inode);
+  if (opened.ok()) {
+    // The last one to close it need not tidy up: what it would do is done by the checkpoints as well.
+    sqlite3_db_config((*opened)->connection_, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+  }
+  return opened;
+}
+
+Database::~Database() {
+  sqlite3_finalize(put_);
+  sqlite3_finalize(remove_);
+  sqlite3_close(connection_);
+}
+
+Status Database::Failure(int result) const {
+  const int error = sqlite3_system_errno(connection_);
+  switch (result & 0xff) {
+    case SQLITE_FULL:
+      return SystemFailure(file_, ENOSPC);
+    case SQLITE_READONLY:
+      return SystemFailure(file_, EROFS);
+    case SQLITE_CORRUPT:
+    case SQLITE_NOTADB:
+    case SQLITE_SCHEMA:
+      return Damaged(file_);
+    case SQLITE_BUSY:
+    case SQLITE_LOCKED:
+      return {Code::kBusy, file_ + ": another program has kept it locked too long; `lsof` names it"};
+    case SQLITE_ERROR:  // such as a table that is not there
+      return Damaged(file_);
+    case SQLITE_IOERR:
+      if (result == SQLITE_IOERR_SHORT_READ) {
+        return Damaged(file_);
+      }
+      [[fallthrough]];
+    case SQLITE_CANTOPEN:
+      if (error != 0) {
+        return SystemFailure(file_, error);
+      }
+      [[fallthrough]];
+    default:
+      return {Code::kFailed, file_ + ": " + sqlite3_errstr(result)};
+  }
+}
+
+Status Database::Run(const char* statement) {
+  const int result = sqlite3_exec(connection_, statement, nullptr, nullptr, nullptr);
+  return result == SQLITE_OK ? Status() : Failure(result);
+}
+
+Status Database::Prepare(const char* text, sqlite3_stmt** statement) {
+  const int result = *statement != nullptr
+                         ? SQLITE_OK
+                         : sqlite3_prepare_v3(connection_, text, -1, SQLITE_PREPARE_PERSISTENT, statement, nullptr);
+  return result == SQLITE_OK ? Status() : Failure(result);
+}
+
+Status Database::Read(bool thorough, std::vector<Row>* rows, std::uint64_t* number) {
+  struct Closer {
+    void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
+  };
+  sqlite3_stmt* made = nullptr;
+  if (thorough) {
+    Status status = Prepare("PRAGMA quick_check(1)", &made);
+    const std::unique_ptr<sqlite3_stmt, Closer> check(made);
+    if (status.ok()) {
+      const int result = sqlite3_step(made);
+      status = result != SQLITE_ROW ? Failure(result) : Column(made, 0) != "ok" ? Damaged(file_) : Status();
+    }
+    if (!status.ok()) {
+      return status;
+    }
+    made = nullptr;
+  }
+  if (Status status = Prepare("SELECT path, number, value, checksum FROM entries ORDER BY number", &made);
+      !status.ok()) {
+    return status;
+  }
+  const std::unique_ptr<sqlite3_stmt, Closer> select(made);
+  int result = SQLITE_OK;
+  while ((result = sqlite3_step(made)) == SQLITE_ROW) {
+    Row row{Column(made, 0), std::nullopt};
+    *number = static_cast<std::uint64_t>(sqlite3_column_int64(made, 1));
+    const std::string value = Column(made, 2);
+    if (sqlite3_column_int64(made, 3) != Checksum(row.path, *number, value)) {
+      return Damaged(file_);
+    }
+    row.value = ValueOf(value);
+    rows->push_back(std::move(row));
+  }
+  return result == SQLITE_DONE ? Status() : Failure(result);
+}
+
+Status Database::WriteRow(const Row& row, std::uint64_t number) {
+  sqlite3_stmt*& statement = row.value ? put_ : remove_;
+  if (Status status = Prepare(row.value ? kPut : kRemove, &statement); !status.ok()) {
+    return status;
+  }
+  Bind(statement, 1, row.path);
+  if (row.value) {
+    const std::string value = TextOf(*row.value);
+    sqlite3_bind_int64(statement, 2, static_cast<sqlite3_int64>(number));
+    Bind(statement, 3, value);
+    sqlite3_bind_int64(statement, 4, Checksum(row.path, number, value));
+  }
+  const int result = sqlite3_step(statement);
+  sqlite3_reset(statement);
+  return result == SQLITE_DONE ? Status() : Failure(result);
+}
+
+Status Database::WriteRows(const std::vector<Row>& rows, std::uint64_t number) {
+  if (rows.size() == 1) {
+    return WriteRow(rows.front(), number);
+  }
+  Status status = Run("BEGIN IMMEDIATE");
+  for (const Row& row : rows) {
+    if (status.ok()) {
+      status = WriteRow(row, number);
+    }
+  }
+  if (status.ok()) {
+    status = Run("COMMIT");
+  }
+  if (!status.ok() && sqlite3_get_autocommit(connection_) == 0) {
+    static_cast<void>(Run("ROLLBACK"));
+  }
+  return status;
+}
+
+Status Database::Write(const std::vector<Row>& rows, std::uint64_t number) {
+  Status status = WriteRows(rows, number);
+  if (status.code() == Code::kFull) {
+    // On a full disk the log has room again once what is in it stands in the database.
+    static_cast<void>(Run("PRAGMA wal_checkpoint(RESTART)"));
+    status = WriteRows(rows, number);
+  }
+  sqlite3_db_release_memory(connection_);  // so that the next one reads, and sees what was damaged
+  return status;
+}
+
+Status Database::CheckHead() const {
+  sqlite3_file* file = nullptr;
+  Head head{};
+  sqlite3_int64 size = 0;
+  const bool sound = sqlite3_file_control(connection_, nullptr, SQLITE_FCNTL_FILE_POINTER, &file) == SQLITE_OK &&
+                     file->pMethods->xRead(file, head.data(), head.size(), 0) == SQLITE_OK &&
+                     file->pMethods->xFileSize(file, &size) == SQLITE_OK && IsHead(head, size);
+  return sound ? Status() : Damaged(file_);
+}
+
+bool Database::IsCurrent(const Folder& folder) const {
+  struct stat about = {};
+  if (!folder.Check(Folder::kDatabase, &about).ok() || about.st_ino != inode_) {
+    return false;
+  }
+  constexpr off_t kIndexPage = 32768;
+  const Status index = folder.Check(std::string(Folder::kDatabase) + "-shm", &about);
+  return index.ok() ? about.st_size >= kIndexPage : put_ == nullptr && remove_ == nullptr;
+}
+
+}  // namespace vconf

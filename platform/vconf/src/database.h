@@ -1,0 +1,71 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "folder.h"
+#include "vconf_control.h"
+
+struct sqlite3;
+struct sqlite3_stmt;
+
+namespace vconf {
+
+/// One key as it lies on disk, or is to: without a value it is removed.
+struct Row {
+  std::string path;
+  std::optional<Value> value;
+};
+
+/// The keys that outlive the power: an SQLite database in WAL mode, which is synced with each commit. Each row has the
+/// number of its commit, and a checksum, since SQLite has none for what lies in its pages. One thread at a time, and
+/// for writing one process.
+class Database {
+ public:
+  /// Makes one with `rows`, whole and durable, as the file `name`.
+  static Status Make(const Folder& folder, const std::string& name, const std::vector<Row>& rows);
+
+  /// Opens the one of `folder`.
+  static Result<std::unique_ptr<Database>> Open(const Folder& folder, bool writable);
+
+  Database(const Database&) = delete;
+  Database& operator=(const Database&) = delete;
+  ~Database();
+
+  /// Appends all rows in the order of their commits, and sets `number` to the highest. `thorough` looks at each page.
+  Status Read(bool thorough, std::vector<Row>* rows, std::uint64_t* number);
+
+  /// One commit. Durable when it returns; after a failure nothing has changed.
+  Status Write(const std::vector<Row>& rows, std::uint64_t number);
+
+  /// `kDamaged` when the first bytes of the file are no longer those of a database.
+  Status CheckHead() const;
+
+  /// Whether the files are still those that were opened, and whole enough to be used: SQLite maps one of them.
+  bool IsCurrent(const Folder& folder) const;
+
+ private:
+  Database(sqlite3* connection, std::string file, ino_t inode)
+      : connection_(connection), file_(std::move(file)), inode_(inode) {}
+
+  static Result<std::unique_ptr<Database>> Connect(const std::string& file, int flags, ino_t inode);
+  Status Run(const char* statement);
+  Status Prepare(const char* text, sqlite3_stmt** statement);
+  Status WriteRow(const Row& row, std::uint64_t number);
+  Status WriteRows(const std::vector<Row>& rows, std::uint64_t number);
+  Status Failure(int result) const;
+
+  sqlite3* connection_;
+  const std::string file_;
+  const ino_t inode_;
+  sqlite3_stmt* put_ = nullptr;
+  sqlite3_stmt* remove_ = nullptr;
+};
+
+/// Whether the file of `folder` is a database of this store, as far as its first bytes tell. For messages the failure
+/// is the same that opening it would give.
+Status CheckDatabase(const Folder& folder, ino_t* inode);
+
+}  // namespace vconf

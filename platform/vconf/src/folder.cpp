@@ -1,0 +1,170 @@
+#include "folder.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+#include "shared_lock.h"
+
+namespace vconf {
+namespace {
+
+namespace fs = std::filesystem;
+
+Status Foreign(const std::string& file) {
+  return {Code::kNotPermitted, file + ": is a link, no plain file, or not of the folder's owner; remove it"};
+}
+
+}  // namespace
+
+Descriptor& Descriptor::operator=(Descriptor&& other) noexcept {
+  std::swap(number_, other.number_);
+  return *this;
+}
+
+Descriptor::~Descriptor() {
+  if (is_open()) {
+    close(number_);
+  }
+}
+
+int Descriptor::Take() { return std::exchange(number_, -1); }
+
+Status SystemFailure(const std::string& file, int error) {
+  const auto status = [&](Code code, const std::string& text) { return Status(code, file + ": " + text); };
+  switch (error) {
+    case ENOENT:
+      return status(Code::kMissing, "is not there");
+    case EACCES:
+    case EPERM:
+      return status(Code::kNotPermitted, std::generic_category().message(error));
+    case EROFS:
+      return status(Code::kReadOnly, "may only be read by this process");
+    case ENOSPC:
+    case EDQUOT:
+    case EFBIG:
+      return status(Code::kFull, "its disk is full");
+    default:
+      return status(Code::kFailed, std::generic_category().message(error));
+  }
+}
+
+Result<Folder> Folder::Open(const std::string& directory) {
+  const std::unique_ptr<char, decltype(&std::free)> real(realpath(directory.c_str(), nullptr), std::free);
+  Descriptor opened(real != nullptr ? open(real.get(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC) : -1);
+  struct stat about = {};
+  if (!opened.is_open() || fstat(opened.number(), &about) != 0) {
+    return errno == ENOENT ? Status(Code::kMissing, directory + ": there is no store here")
+                           : SystemFailure(directory, errno);
+  }
+  const bool owns = about.st_uid == geteuid() || geteuid() == 0;
+  const bool may_write = owns && faccessat(opened.number(), ".", W_OK | X_OK, AT_EACCESS) == 0;
+  return Folder(real.get(), std::move(opened), about.st_uid, about.st_gid, may_write);
+}
+
+Status Folder::Make(const std::string& directory) {
+  std::error_code failed;
+  const fs::path path = fs::path(directory + "/").lexically_normal().parent_path();
+  if (!path.parent_path().empty()) {
+    fs::create_directories(path.parent_path(), failed);
+  }
+  if (!failed && mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) {
+    failed.assign(errno, std::generic_category());
+  }
+  return failed ? SystemFailure(directory, failed.value()) : Status();
+}
+
+Result<Descriptor> Folder::OpenFile(const std::string& name, int flags, struct stat* about) const {
+  // Not blocking: a pipe of that name would wait for its other end.
+  Descriptor file(openat(directory_.number(), name.c_str(), flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  if (!file.is_open() || fstat(file.number(), about) != 0) {
+    return errno == ELOOP || errno == ENXIO || errno == EISDIR ? Foreign(File(name)) : SystemFailure(File(name), errno);
+  }
+  if (!S_ISREG(about->st_mode) || about->st_uid != owner_) {
+    return Foreign(File(name));
+  }
+  return file;
+}
+
+Result<Descriptor> Folder::MakeFile(const std::string& name) const {
+  Remove(name);
+  Descriptor file(openat(directory_.number(), name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+  if (!file.is_open() || (geteuid() == 0 && fchown(file.number(), owner_, group_) != 0)) {
+    return SystemFailure(File(name), errno);
+  }
+  return file;
+}
+
+Status Folder::Check(const std::string& name, struct stat* about) const {
+  if (fstatat(directory_.number(), name.c_str(), about, AT_SYMLINK_NOFOLLOW) != 0) {
+    return SystemFailure(File(name), errno);
+  }
+  return S_ISREG(about->st_mode) && about->st_uid == owner_ ? Status() : Foreign(File(name));
+}
+
+Status Folder::Rename(const std::string& from, const std::string& to) const {
+  return renameat(directory_.number(), from.c_str(), directory_.number(), to.c_str()) == 0
+             ? Status()
+             : SystemFailure(File(to), errno);
+}
+
+void Folder::Remove(const std::string& name) const { unlinkat(directory_.number(), name.c_str(), 0); }
+
+Status Folder::Sync() const { return fsync(directory_.number()) == 0 ? Status() : SystemFailure(path_, errno); }
+
+Result<std::vector<std::string>> Folder::Names() const {
+  std::error_code failed;
+  std::vector<std::string> names;
+  for (fs::directory_iterator at(path_, failed); !failed && at != fs::directory_iterator(); at.increment(failed)) {
+    names.push_back(at->path().filename());
+  }
+  return failed ? Result<std::vector<std::string>>(SystemFailure(path_, failed.value())) : Result(std::move(names));
+}
+
+Result<std::string> Folder::MoveAway(const std::vector<std::string>& names) const {
+  for (const std::string& place : {path_ + ".replaced-", File("replaced-")}) {
+    std::string target;
+    int number = 0;
+    do {
+      target = place + std::to_string(++number);
+    } while (mkdir(target.c_str(), 0700) != 0 && errno == EEXIST);
+    bool moved = access(target.c_str(), W_OK) == 0;
+    for (const std::string& name : names) {
+      moved = moved && rename(File(name).c_str(), (target + "/" + name).c_str()) == 0;
+    }
+    if (moved) {
+      return target;
+    }
+    if (errno != EXDEV && errno != EACCES && errno != ENOENT) {
+      break;
+    }
+    rmdir(target.c_str());
+  }
+  return SystemFailure(path_, errno);
+}
+
+Result<Descriptor> Folder::LockMaking() const {
+  Descriptor lock(open(path_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const auto until = std::chrono::steady_clock::now() + kLockLimit;
+  while (lock.is_open() && flock(lock.number(), LOCK_EX | LOCK_NB) != 0) {
+    if (errno != EWOULDBLOCK && errno != EINTR) {
+      return SystemFailure(path_, errno);
+    }
+    if (std::chrono::steady_clock::now() > until) {
+      return Status(Code::kBusy, path_ + ": another process is making the store and does not end; `lsof` names it");
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return lock.is_open() ? Result(std::move(lock)) : SystemFailure(path_, errno);
+}
+
+}  // namespace vconf

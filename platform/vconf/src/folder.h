@@ -1,0 +1,91 @@
+#pragma once
+
+#include <sys/stat.h>
+
+#include <string>
+#include <vector>
+
+#include "result.h"
+
+namespace vconf {
+
+/// A file descriptor that is closed with its object.
+class Descriptor {
+ public:
+  explicit Descriptor(int number = -1) : number_(number) {}
+  Descriptor(Descriptor&& other) noexcept : number_(other.Take()) {}
+  Descriptor& operator=(Descriptor&& other) noexcept;
+  ~Descriptor();
+
+  int number() const { return number_; }
+  bool is_open() const { return number_ >= 0; }
+  int Take();
+
+ private:
+  int number_;
+};
+
+/// The failure of a system call on `file`, from errno.
+Status SystemFailure(const std::string& file, int error);
+
+/// The folder of a store. Its files are opened without following links, and only when they belong to its owner.
+///
+/// The owner makes and writes the files, and so does root, on the owner's behalf. Others may read what they can open.
+class Folder {
+ public:
+  static constexpr const char* kDatabase = "keys.db";
+  static constexpr const char* kRegion = "live";
+  static constexpr const char* kOldStore = "data.mdb";
+
+  /// Files whose names end so are not finished, and worth nothing to anybody but their maker.
+  static constexpr const char* kUnfinished = ".new";
+
+  /// `kMissing` when there is none.
+  static Result<Folder> Open(const std::string& directory);
+
+  /// Makes the folder, and those above it, unless it is there.
+  static Status Make(const std::string& directory);
+
+  /// Absolute and without links.
+  const std::string& path() const { return path_; }
+  std::string File(const std::string& name) const { return path_ + "/" + name; }
+
+  /// Whether this process may make and write files here.
+  bool may_write() const { return may_write_; }
+
+  /// `kMissing`, or `kNotPermitted` for what is no plain file of the owner's.
+  Result<Descriptor> OpenFile(const std::string& name, int flags, struct stat* about) const;
+
+  /// A new file of the owner's, which takes the place of one of this name.
+  Result<Descriptor> MakeFile(const std::string& name) const;
+
+  /// Whether the file is there, is the owner's and is no link. `kMissing` when it is not there.
+  Status Check(const std::string& name, struct stat* about) const;
+
+  Status Rename(const std::string& from, const std::string& to) const;
+  void Remove(const std::string& name) const;
+
+  /// Makes what was made and renamed here durable.
+  Status Sync() const;
+
+  Result<std::vector<std::string>> Names() const;
+
+  /// Moves these files to a new folder beside this one and returns its name. Where the file system does not allow that
+  /// it is a folder within.
+  Result<std::string> MoveAway(const std::vector<std::string>& names) const;
+
+  /// Keeps other processes from making or replacing the store until the result is gone.
+  Result<Descriptor> LockMaking() const;
+
+ private:
+  Folder(std::string path, Descriptor directory, uid_t owner, gid_t group, bool may_write)
+      : path_(std::move(path)), directory_(std::move(directory)), owner_(owner), group_(group), may_write_(may_write) {}
+
+  std::string path_;
+  Descriptor directory_;
+  uid_t owner_;
+  gid_t group_;
+  bool may_write_;
+};
+
+}  // namespace vconf

@@ -1,0 +1,79 @@
+#include "heap.h"
+
+#include <algorithm>
+
+namespace vconf {
+
+using layout::Word;
+
+std::uint32_t Heap::IndexOf(std::uint32_t size) {
+  std::uint32_t index = 0;
+  while ((layout::kMinBlock << index) < size) {
+    ++index;
+  }
+  return index;
+}
+
+std::uint32_t Heap::Take(std::uint32_t size) {
+  layout::Header& header = region_.header();
+  const std::uint32_t index = IndexOf(size);
+  const std::uint32_t full = layout::kMinBlock << index;
+  Word& free = header.free[index];
+  if (const std::uint32_t block = free.load(std::memory_order_relaxed); block != 0) {
+    const Word* const next = region_.At<Word>(block, full);
+    free.store(next != nullptr ? next->load(std::memory_order_relaxed) : 0, std::memory_order_relaxed);
+    return next != nullptr ? block : 0;
+  }
+  const std::uint32_t block = header.end.load(std::memory_order_relaxed);
+  if (block < layout::kFirstBlock || block > layout::kMaxSize - full || !region_.Grow(block + full)) {
+    return 0;
+  }
+  header.end.store(block + full, std::memory_order_relaxed);
+  return block;
+}
+
+void Heap::Give(std::uint32_t block, std::uint32_t size) {
+  Word& free = region_.header().free[IndexOf(size)];
+  if (Word* const next = region_.At<Word>(block)) {
+    next->store(free.load(std::memory_order_relaxed), std::memory_order_release);
+    free.store(block, std::memory_order_relaxed);
+  }
+}
+
+void Heap::Compact(Blocks blocks) {
+  layout::Header& header = region_.header();
+  for (std::uint32_t index = 0; index < layout::kBlockSizes; ++index) {
+    // A list that is damaged does not end by itself.
+    std::uint32_t left = layout::kMaxSize / layout::kMinBlock;
+    std::uint32_t block = header.free[index].exchange(0);
+    for (const Word* next = region_.At<Word>(block); next != nullptr && left > 0;
+         next = region_.At<Word>(block), --left) {
+      blocks.emplace_back(block, layout::kMinBlock << index);
+      block = next->load(std::memory_order_relaxed);
+    }
+  }
+  for (auto& [block, size] : blocks) {
+    size = layout::kMinBlock << IndexOf(size);
+  }
+  std::sort(blocks.begin(), blocks.end());
+  for (auto at = blocks.begin(); at != blocks.end();) {
+    auto [begin, size] = *at;
+    std::uint32_t end = begin;
+    for (; at != blocks.end() && at->first == end; ++at) {
+      end += at->second;
+    }
+    if (end == begin) {
+      ++at;  // stands there twice, in a list that is damaged
+    } else if (end == header.end.load(std::memory_order_relaxed)) {
+      header.end.store(begin, std::memory_order_relaxed);
+    } else {
+      for (std::uint32_t piece = layout::kMaxBlock; begin != end; piece /= 2) {
+        for (; end - begin >= piece; begin += piece) {
+          Give(begin, piece);
+        }
+      }
+    }
+  }
+}
+
+}  // namespace vconf

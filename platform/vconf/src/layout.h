@@ -1,0 +1,121 @@
+#pragma once
+
+#include <pthread.h>
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+
+/// What stands where in the region, the file that all processes with one store map.
+///
+/// Every word that a reader may meet while a writer changes it is atomic. A place in the file is an offset from its
+/// beginning; 0 means none. docs/store.md has the picture.
+namespace vconf::layout {
+
+using Word = std::atomic<std::uint32_t>;
+using LongWord = std::atomic<std::uint64_t>;
+static_assert(Word::is_always_lock_free && LongWord::is_always_lock_free);
+
+/// What `Header::state` holds. A region that was cut short reads as zeros, and noise is none of these.
+enum State : std::uint32_t {
+  kWhole = 0x6c697665,
+  kWholeWithFaults,
+  kReplaced,  ///< another region stands in its place
+};
+
+/// Changes with every change of this file.
+constexpr std::uint32_t kFormat = 1;
+
+/// Address space, and the most that the file may take.
+constexpr std::uint32_t kMaxSize = 64U << 20U;
+
+constexpr std::uint32_t kBuckets = 16384;
+constexpr std::uint32_t kMaxText = 65536;
+constexpr std::uint32_t kMaxChangeText = 128;
+constexpr std::uint64_t kRememberedChanges = 65536;
+
+constexpr std::uint32_t kMaxPath = 511;
+
+enum Kind : std::uint32_t { kNone, kInt, kBool, kText };
+
+/// The form of a value: what kind it is, and how many bytes a text has.
+constexpr std::uint32_t FormOf(Kind kind, std::uint32_t size = 0) { return (std::uint32_t{kind} << 24U) + size; }
+constexpr Kind KindOf(std::uint32_t form) { return static_cast<Kind>(form >> 24U); }
+constexpr std::uint32_t SizeOf(std::uint32_t form) { return form & 0xffffffU; }
+
+/// One value. A text lies in a block of its own at `content`. The check covers the path and the value.
+struct Slot {
+  Word form;
+  Word content;
+  Word check;
+};
+
+/// One key. `slots[version % 2]` is its value; the other one is where the next value is prepared. The path follows.
+struct Key {
+  Word next;  // in the same bucket
+  Word hash;
+  Word path_size;
+  Word prepared;  // a writer is at work on the other slot
+  Word version;
+  std::array<Slot, 2> slots;
+};
+
+/// One change, complete when `number` is right.
+struct ChangeRecord {
+  LongWord number;
+  Word key;
+  Slot value;  // a short text follows; a long one is that of the key
+  std::array<Word, kMaxChangeText / sizeof(Word)> text;
+};
+
+// A block of the largest size holds as many records as fit; enough of them hold the changes that are remembered.
+constexpr std::uint32_t kMinBlock = 64;
+constexpr std::uint32_t kBlockSizes = 11;
+constexpr std::uint32_t kMaxBlock = kMinBlock << (kBlockSizes - 1);
+constexpr std::uint64_t kChunkRecords = kMaxBlock / sizeof(ChangeRecord);
+constexpr std::uint64_t kChunks = kRememberedChanges / kChunkRecords + 2;
+static_assert(kMaxBlock == kMaxText);
+
+/// A lock that tells its next owner when the last one died. `holder` is the owner's process, for messages.
+struct Lock {
+  pthread_mutex_t mutex;
+  Word holder;
+};
+
+struct Header {
+  Word state;
+  Word format;
+  Word lock_size;  // a program of another word size has other locks
+  std::array<char, 40> boot;
+  LongWord device;  // this file; a copy has another number
+  LongWord inode;
+  LongWord born;
+  LongWord database;  // the inode of the database that it was read from
+
+  alignas(64) LongWord last;  // the number of the last change
+  LongWord floor;             // changes below are no longer remembered
+  Word unlinks;               // how often keys were taken out of their buckets
+
+  alignas(64) Word rings;  // the futex word: how often there was something new
+  Word asleep;             // set by who goes to sleep, cleared by who wakes
+
+  alignas(64) Lock lock;  // for everything below and all that lies behind the header
+  Word pending_key;       // the change that is being made: what its owner's successor has to finish
+  Word pending_version;
+  LongWord pending_number;
+  Word faults;
+  Word end;      // of the blocks given out
+  Word growing;  // of the file, as far as the disk has given it
+  std::array<Word, kBlockSizes> free;
+  std::array<Word, kChunks> chunks;
+
+  alignas(64) Lock disk_lock;  // for the database, and for changing what lies on disk
+  LongWord published;          // the number of the last commit that stands here
+  Word committing;             // a commit may stand in the database and not here
+
+  alignas(64) std::array<Word, kBuckets> buckets;
+};
+
+constexpr std::uint32_t kFirstBlock = (sizeof(Header) + 4095U) / 4096U * 4096U;
+
+}  // namespace vconf::layout

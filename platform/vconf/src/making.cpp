@@ -1,0 +1,291 @@
+#include "making.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <utility>
+
+#include "dlog.h"
+#include "journal.h"
+
+namespace vconf::making {
+namespace {
+
+const std::string kNewDatabase = std::string(Folder::kDatabase) + Folder::kUnfinished;
+const std::string kNewRegion = std::string(Folder::kRegion) + Folder::kUnfinished;
+
+using PlaceResult = Result<std::unique_ptr<Place>>;
+
+PlaceResult At(Folder folder, std::unique_ptr<Region> region) {
+  return std::make_unique<Place>(Place{std::move(folder), std::move(region)});
+}
+
+bool IsUnfinished(const std::string& name) { return name.find(Folder::kUnfinished) != std::string::npos; }
+
+// Fills a region that nobody else knows yet. Its changes are counted on from `last`.
+Status Fill(Region& region, const std::vector<Row>& rows, std::uint64_t number, std::uint64_t last) {
+  region.header().last = last;
+  region.header().floor = last + 1;
+  Turn turn(region);
+  Table table(region);
+  bool room = turn.status().ok() && turn.Reserve();
+  for (const Row& row : rows) {
+    std::uint32_t key = 0;
+    room = room && table.Prepare(row.path, &*row.value, &key) == Code::kOk;
+    if (room && row.path.starts_with(kFaultPrefix)) {
+      turn.PublishUntold(key);
+    } else if (room) {
+      table.Flip(key);
+    }
+  }
+  region.header().published = number;
+  return room ? Status() : Status(Code::kFull, region.file() + ": there is no room for it");
+}
+
+// Makes a region from `rows` under a name of its own, so that nobody sees it.
+Result<std::unique_ptr<Region>> MakeRegion(const Folder& folder, ino_t database, const std::vector<Row>& rows,
+                                           std::uint64_t number, std::uint64_t last) {
+  auto region = Region::Make(folder, kNewRegion, database);
+  Status status = region.ok() ? Fill(**region, rows, number, last) : region.status();
+  return status.ok() ? std::move(region) : Result<std::unique_ptr<Region>>(std::move(status));
+}
+
+// Where the changes of a region ended, so that those of the next one go on from there; 0 when that cannot be told.
+std::uint64_t LastOf(const Region& region) {
+  constexpr std::uint64_t kBelievable = std::uint64_t{1} << 48U;
+  const std::uint64_t last = region.header().last;
+  return last < kBelievable ? last : 0;
+}
+
+// A folder where somebody began to make a store and did not end is as good as empty.
+Result<bool> IsFree(const Folder& folder) {
+  const auto names = folder.Names();
+  if (!names.ok()) {
+    return names.status();
+  }
+  const bool begun = std::find(names->begin(), names->end(), kNewDatabase) != names->end();
+  return std::all_of(names->begin(), names->end(),
+                     [&](const std::string& name) { return IsUnfinished(name) || (begun && name == Folder::kRegion); });
+}
+
+// A new store, complete but for the names of its files.
+Result<std::unique_ptr<Region>> Build(const Folder& folder, const std::vector<Row>& rows, std::uint64_t last) {
+  std::vector<Row> lasting;
+  std::copy_if(rows.begin(), rows.end(), std::back_inserter(lasting),
+               [](const Row& row) { return !row.path.starts_with("memory/"); });
+  struct stat about = {};
+  Status status = Database::Make(folder, kNewDatabase, lasting);
+  if (status.ok()) {
+    status = folder.Check(kNewDatabase, &about);
+  }
+  return status.ok() ? MakeRegion(folder, about.st_ino, rows, 1, last) : status;
+}
+
+// There is a store as soon as there is a database, so that comes last.
+Status Establish(const Folder& folder) {
+  Status status = folder.Rename(kNewRegion, Folder::kRegion);
+  if (status.ok()) {
+    status = folder.Rename(kNewDatabase, Folder::kDatabase);
+  }
+  return status.ok() ? folder.Sync() : status;
+}
+
+PlaceResult Make(Folder folder, const std::vector<Row>& rows) {
+  auto region = Build(folder, rows, 0);
+  Status status = region.ok() ? Establish(folder) : region.status();
+  return status.ok() ? At(std::move(folder), std::move(*region)) : PlaceResult(std::move(status));
+}
+
+Status Migrate(const Folder& folder) {
+  std::vector<Row> rows;
+  Status status = ReadOldStore(folder, [&](Row row) { rows.push_back(std::move(row)); });
+  if (!status.ok()) {
+    return status;
+  }
+  const auto region = Build(folder, rows, 0);
+  status = region.ok() ? Establish(folder) : region.status();
+  if (!status.ok()) {
+    return status;
+  }
+  std::vector<std::string> old;
+  for (const char* const name : {Folder::kOldStore, "lock.mdb", "bell"}) {
+    if (std::filesystem::exists(folder.File(name))) {
+      old.emplace_back(name);
+    }
+  }
+  const auto moved = folder.MoveAway(old);
+  __dlog_print(2, 4, "VCONF", "%s: was of an earlier version and has been converted; its old files are in %s",
+               folder.path().c_str(), moved.ok() ? moved->c_str() : "it still");
+  return {};
+}
+
+// The region of a folder where this process may make none: of its own, and only to read.
+PlaceResult AttachAlone(Folder folder) {
+  auto database = Database::Open(folder, false);
+  auto region = Region::MakePrivate(folder);
+  std::vector<Row> rows;
+  std::uint64_t number = 0;
+  Status status = !database.ok() ? database.status() : region.ok() ? Status() : region.status();
+  if (status.ok()) {
+    status = (*database)->Read(true, &rows, &number);
+  }
+  if (status.ok()) {
+    status = Fill(**region, rows, number, 0);
+  }
+  return status.ok() ? At(std::move(folder), std::move(*region)) : PlaceResult(std::move(status));
+}
+
+PlaceResult AttachFirst(Folder folder) {
+  const auto lock = folder.LockMaking();
+  ino_t inode = 0;
+  Status status = lock.ok() ? CheckDatabase(folder, &inode) : lock.status();
+  struct stat about = {};
+  if (status.code() == Code::kMissing && folder.Check(Folder::kOldStore, &about).ok()) {
+    status = Migrate(folder);
+    status = status.ok() ? CheckDatabase(folder, &inode) : status;
+  }
+  if (!status.ok()) {
+    return status;
+  }
+  auto region = Region::Open(folder, inode);
+  if (region.ok() || region.status().code() != Code::kMissing) {
+    return region.ok() ? At(std::move(folder), std::move(*region)) : PlaceResult(region.status());
+  }
+  const auto before = Region::OpenAny(folder);
+  if (before.ok() && (*before)->writable()) {
+    (*before)->MarkReplaced();
+  }
+  const std::uint64_t last = before.ok() ? LastOf(**before) : 0;
+  std::vector<Row> rows;
+  std::uint64_t number = 0;
+  {
+    const auto database = Database::Open(folder, true);
+    status = database.ok() ? (*database)->Read(true, &rows, &number) : database.status();
+  }
+  if (status.ok()) {
+    region = MakeRegion(folder, inode, rows, number, last);
+    status = region.ok() ? folder.Rename(kNewRegion, Folder::kRegion) : region.status();
+  }
+  if (status.code() == Code::kFull) {  // so what can be read is read
+    return AttachAlone(std::move(folder));
+  }
+  return status.ok() ? At(std::move(folder), std::move(*region)) : PlaceResult(std::move(status));
+}
+
+Result<Folder> OpenOrMakeFolder(const std::string& directory, bool make) {
+  auto folder = Folder::Open(directory);
+  if (!folder.ok() && folder.status().code() == Code::kMissing && make) {
+    if (Status made = Folder::Make(directory); !made.ok()) {
+      return made;
+    }
+    folder = Folder::Open(directory);
+    if (const auto above = folder.ok() ? Folder::Open(folder->path() + "/..") : folder.status(); above.ok()) {
+      static_cast<void>(above->Sync());
+    }
+  }
+  return folder;
+}
+
+std::vector<Row> RowsOf(const std::vector<Entry>& entries) {
+  std::vector<Row> rows;
+  for (const Entry& entry : entries) {
+    rows.push_back({entry.path, entry.value});
+  }
+  return rows;
+}
+
+}  // namespace
+
+PlaceResult Attach(const std::string& directory, const std::vector<Entry>* initial) {
+  auto folder = OpenOrMakeFolder(directory, initial != nullptr);
+  if (!folder.ok()) {
+    return folder.status();
+  }
+  ino_t inode = 0;
+  const Status status = CheckDatabase(*folder, &inode);
+  if (status.ok()) {
+    auto region = Region::Open(*folder, inode);
+    if (region.ok()) {
+      return At(std::move(*folder), std::move(*region));
+    }
+    if (region.status().code() != Code::kMissing) {
+      return region.status();
+    }
+    return folder->may_write() ? AttachFirst(std::move(*folder)) : AttachAlone(std::move(*folder));
+  }
+  if (status.code() != Code::kMissing) {
+    return status;
+  }
+  struct stat about = {};
+  if (folder->Check(Folder::kOldStore, &about).ok()) {
+    return folder->may_write() ? AttachFirst(std::move(*folder))
+                               : Status(Code::kReadOnly, folder->File(Folder::kOldStore) +
+                                                             ": is of an earlier version; let its owner open it once");
+  }
+  const auto lock = folder->may_write() ? folder->LockMaking() : Descriptor();
+  if (!lock.ok()) {
+    return lock.status();
+  }
+  const auto free = IsFree(*folder);
+  if (!free.ok() || (*free && initial == nullptr)) {
+    return free.ok() ? Status(Code::kMissing, directory + ": there is no store here") : free.status();
+  }
+  if (!*free) {
+    if (CheckDatabase(*folder, &inode).ok()) {  // another process was faster
+      auto region = Region::Open(*folder, inode);
+      return region.ok() ? At(std::move(*folder), std::move(*region)) : PlaceResult(region.status());
+    }
+    return Status(Code::kMissing,
+                  folder->File(Folder::kDatabase) + ": is not there, so the folder holds no store; name another one");
+  }
+  if (!folder->may_write()) {
+    return Status(Code::kNotPermitted, directory + ": this process may make no store here");
+  }
+  return Make(std::move(*folder), RowsOf(*initial));
+}
+
+Result<std::string> Replace(const std::string& directory, const std::vector<Entry>& initial) {
+  auto folder = Folder::Open(directory);
+  if (!folder.ok()) {
+    return folder.status();
+  }
+  if (!folder->may_write()) {
+    return Status(Code::kReadOnly, directory + ": may only be read by this process");
+  }
+  const auto lock = folder->LockMaking();
+  const auto names = folder->Names();
+  if (!lock.ok() || !names.ok()) {
+    return lock.ok() ? names.status() : lock.status();
+  }
+  std::vector<std::string> old;
+  std::copy_if(names->begin(), names->end(), std::back_inserter(old), [](const std::string& name) {
+    return !IsUnfinished(name) && (name.starts_with(Folder::kDatabase) || name == Folder::kRegion ||
+                                   name == Folder::kOldStore || name == "lock.mdb" || name == "bell");
+  });
+  if (old.empty()) {
+    return Status(Code::kMissing, directory + ": there is no store here");
+  }
+  const auto before = Region::OpenAny(*folder);
+  const auto region = Build(*folder, RowsOf(initial), before.ok() ? LastOf(**before) : 0);
+  if (!region.ok()) {
+    return region.status();
+  }
+  // Nobody is in the midst of a commit, unless it has taken too long.
+  std::optional<SharedLock> writing;
+  if (before.ok() && (*before)->IsWhole() && (*before)->writable()) {
+    writing.emplace((*before)->header().disk_lock, "writing to disk");
+  }
+  auto moved = folder->MoveAway(old);
+  if (!moved.ok()) {
+    return moved;
+  }
+  Status status = Establish(*folder);
+  if (before.ok() && (*before)->writable()) {
+    (*before)->MarkReplaced();
+  }
+  return status.ok() ? std::move(moved) : Result<std::string>(std::move(status));
+}
+
+}  // namespace vconf::making
