@@ -35,7 +35,7 @@ embed.addEventListener("click", ({ type }) => type satisfies string);
 // @ts-expect-error: a message of another command
 const wrong: MiradoRequest = { command: "getMenuValue", value: 1 };
 // @ts-expect-error: no such setting
-mirado.getMenuValue(22);
+mirado.getMenuValue(99);
 // @ts-expect-error: the voice guide's speed reads as a name
 const number: number = mirado.getMenuValue(MENU_KEY_VOICE_GUIDE_SPEED);
 // @ts-expect-error: a setting is written as a number
