@@ -48,9 +48,11 @@ it("names the speeds, the errors and the privilege of the plug-in", () => {
   assert.deepEqual(replies.map(({ value }) => value), numbers.map((number) =>
     speeds.find(([, { from, to }]) => from <= number && number <= to)?.[0] ?? catalog.otherSpeed));
 
+  const write = { command: "setMenuValue", propertyKey: key, value: 1 };
+  assert.equal(host([{ post: write }, { settle: true }]).messages[0].code, 0, "a new set holds the privilege");
   execFileSync(program, ["set-up", "privilege", "off", "--store", join(folder, "store")]);
   const refused = host([{ send: { command: "no such" } }, { send: 1 }, { send: { command: "getMiradoValue", propertyKey: 9 } },
-    { post: { command: "setMenuValue" } }, { settle: true }]);
+    { post: write }, { settle: true }]);
   const failures = [...refused.replies, ...refused.messages].filter(({ code }) => code);
   assert.deepEqual(Object.fromEntries(failures.map(({ code, errorName }) => [code, errorName])),
                    Object.fromEntries(Object.entries(catalog.errors).map(([code, { name }]) => [code, name])));
