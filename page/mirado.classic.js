@@ -1,4 +1,4 @@
-// Made from mirado.js by script/generate, for pages without modules: one global, `mirado`.
+// Made from mirado.js by script/generate, for pages without modules. Its one global is `mirado`.
 var mirado = (function () {
 "use strict";
 // Pages on a set run in an engine of generation 47. So this file keeps to ECMAScript 5 and to what that engine offers,

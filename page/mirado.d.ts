@@ -5,7 +5,8 @@ export as namespace mirado;
 export type MiradoRequest =
   | { command: "getVersion" | "isTVSPicSizeResized" }
   | { command: "getMenuValue" | "registerVconfKeysForCaption" | "unRegisterVconfKeysForCaption"; propertyKey: MenuKey }
-  | { command: "getMiradoValue" | "registerVconfKeysForMirado" | "unRegisterVconfKeysForMirado"; propertyKey: MiradoKey }
+  | { command: "getMiradoValue" | "registerVconfKeysForMirado" | "unRegisterVconfKeysForMirado";
+      propertyKey: MiradoKey }
   | { command: "setMenuValue"; propertyKey: MenuKey; value: number }
   | { command: "showCaption"; show: number }
   | { command: "registerInAppCaptionControl"; status: number };
@@ -20,7 +21,7 @@ export interface MiradoReply {
   errorMessage: string;
 }
 
-/** What a "message" event carries in `data`: the answer to a post, a change, or a text that ends the plug-in's service. */
+/** What a "message" event carries in `data`: the answer to a post, a change, or a text that ends the service. */
 export type MiradoDelivery =
   | MiradoReply & { command: string }
   | MiradoReply & { event: "MIRADO_EVENT_CAPTION_CHANGED"; value: MenuKey }

@@ -33,8 +33,8 @@ export interface SetDescription {
   latency?: Record<string, number | null>;
 }
 
-/** Every method rejects with an Error in the desk's words when the desk refuses; `status` is that of HTTP, and `code` the
- *  kind of failure where there is one. */
+/** Every method rejects with an Error in the desk's words when the desk refuses; `status` is that of HTTP, and `code`
+ *  the kind of failure where there is one. */
 export interface SimulatedSet {
   /** Such as "http://localhost:40123". */
   readonly url: string;
@@ -100,7 +100,8 @@ export interface Page {
   /** The same for the event of a change of the setting with this name. */
   event(setting: string, options?: WaitOptions): Promise<any>;
   /** Compares what the page has asked so far with `messages`; see `mirado verify`. */
-  verify(messages: unknown[], options?: { order?: boolean; exact?: boolean }): Promise<{ ok: boolean; difference: string }>;
+  verify(messages: unknown[], options?: { order?: boolean; exact?: boolean }):
+    Promise<{ ok: boolean; difference: string }>;
 
   /** The last 1000 messages in both directions, as the desk's interface describes them. */
   dialogue(): Promise<any[]>;

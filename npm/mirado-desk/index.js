@@ -98,7 +98,8 @@ class SimulatedSet {
   }
 
   page({ url = "", timeout = this.timeout } = {}) {
-    const check = async () => (await this.pages()).filter((page) => page.url.includes(url) && page.state === "running").at(-1);
+    const isMeant = (page) => page.url.includes(url) && page.state === "running";
+    const check = async () => (await this.pages()).filter(isMeant).at(-1);
     return this.until(check, ({ event }) => event === "page", timeout,
       () => `no page${url && ` of ${url}`} has opened; does it load ${this.script}?`);
   }
@@ -114,7 +115,7 @@ class SimulatedSet {
     return this.#page(await this.call("POST", "/api/pages", { grace: 3600, ...description }));
   }
 
-  // Resolves with what `check` gives, which is asked now and after each event that `concerns` it, until it gives something.
+  // Resolves with what `check` gives once it gives something. It is asked now, and after each event that `concerns` it.
   async until(check, concerns, timeout, failure) {
     const events = await (this.#events ??= followEvents(this.url, "/api/events"));
     let wake;

@@ -65,7 +65,8 @@ export class Page {
       if (found) this.#taken.add(found.n);
       return found?.body;
     };
-    return this.#set.until(check, ({ event, data }) => event === "dialogue" && data.page === this.id, timeout, async () => {
+    const concerns = ({ event, data }) => event === "dialogue" && data.page === this.id;
+    return this.#set.until(check, concerns, timeout, async () => {
       const entries = (await this.dialogue()).filter(({ kind }) => kinds.includes(kind)).slice(-10);
       const said = entries.map(({ kind, body }) => `\n  ${kind} ${JSON.stringify(body)}`).join("") || "\n  nothing";
       return `the page has not ${what}. The last of it:${said}`;

@@ -28,7 +28,8 @@ const blocks = (language) => Array.from(readme.matchAll(/```(\w+)\n(.*?)```/gs))
 
 it("the README's tests pass with what is packed alone", () => {
   for (const source of ["page", "npm/mirado-desk"]) run("npm", "pack", "--silent", join(root, source));
-  run("npm", "install", "--offline", "--no-audit", "--omit=peer", "--legacy-peer-deps", "./mirado-0.1.0.tgz", "./mirado-desk-0.1.0.tgz");
+  run("npm", "install", "--offline", "--no-audit", "--omit=peer", "--legacy-peer-deps", "./mirado-0.1.0.tgz",
+      "./mirado-desk-0.1.0.tgz");
   for (const scope of ["@playwright", "playwright", "playwright-core"]) {
     symlinkSync(`${root}tests/browser/node_modules/${scope}`, join(folder, "node_modules", scope));
   }
@@ -39,7 +40,8 @@ it("the README's tests pass with what is packed alone", () => {
   writeFileSync(join(folder, "playwright.config.mjs"), `export default { use: { launchOptions: {
     executablePath: "/usr/bin/chromium", args: ["--no-sandbox", "--disable-gpu"] } } };`);
   assert.match(run("node", "--test", "b2b.test.mjs"), /# pass 1\n/);
-  assert.match(run("node", "node_modules/@playwright/test/cli.js", "test", "caption", "--reporter", "line"), /2 passed/);
+  const playwright = "node_modules/@playwright/test/cli.js";
+  assert.match(run("node", playwright, "test", "caption", "--reporter", "line"), /2 passed/);
 
   writeFileSync(join(folder, "types.mts"), `import { startSet } from "mirado-desk";
     import { test } from "mirado-desk/playwright";
@@ -50,6 +52,6 @@ it("the README's tests pass with what is packed alone", () => {
       // @ts-expect-error: no such call
       set.unknown();
     });`);
-  run("node", `${root}tests/browser/node_modules/typescript/bin/tsc`, "--noEmit", "--strict", "--skipLibCheck", "--target", "es2022",
-      "--lib", "esnext,dom", "--module", "nodenext", "--types", "", "types.mts");
+  run("node", `${root}tests/browser/node_modules/typescript/bin/tsc`, "--noEmit", "--strict", "--skipLibCheck",
+      "--target", "es2022", "--lib", "esnext,dom", "--module", "nodenext", "--types", "", "types.mts");
 });

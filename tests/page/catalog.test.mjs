@@ -1,4 +1,4 @@
-// What the catalog says, against the plug-in itself; and what is generated from it, against the files that are checked in.
+// What the catalog says, against the plug-in itself; what is generated from it, against the files that are checked in.
 import assert from "node:assert/strict";
 import { execFileSync, spawnSync } from "node:child_process";
 import { mkdtempSync, readFileSync, rmSync } from "node:fs";
@@ -51,8 +51,8 @@ it("names the speeds, the errors and the privilege of the plug-in", () => {
   const write = { command: "setMenuValue", propertyKey: key, value: 1 };
   assert.equal(host([{ post: write }, { settle: true }]).messages[0].code, 0, "a new set holds the privilege");
   execFileSync(program, ["set-up", "privilege", "off", "--store", join(folder, "store")]);
-  const refused = host([{ send: { command: "no such" } }, { send: 1 }, { send: { command: "getMiradoValue", propertyKey: 9 } },
-    { post: write }, { settle: true }]);
+  const refused = host([{ send: { command: "no such" } }, { send: 1 }, { post: write },
+    { send: { command: "getMiradoValue", propertyKey: 9 } }, { settle: true }]);
   const failures = [...refused.replies, ...refused.messages].filter(({ code }) => code);
   assert.deepEqual(Object.fromEntries(failures.map(({ code, errorName }) => [code, errorName])),
                    Object.fromEntries(Object.entries(catalog.errors).map(([code, { name }]) => [code, name])));

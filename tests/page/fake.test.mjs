@@ -25,22 +25,24 @@ const changes = catalog.settings.map(({ path, type }) => ({ set: { [path]: type 
 
 const messages = [
   ...odd.flatMap((message) => [{ send: message }, { post: message }]),
-  ...commands.flatMap((command) => keys.flatMap((key) =>
-    [{ send: { command, propertyKey: key, show: key, status: key } }, { post: { command, propertyKey: key, value: 3 } }])),
+  ...commands.flatMap((command) => keys.flatMap((key) => [
+    { send: { command, propertyKey: key, show: key, status: key } }, { post: { command, propertyKey: key, value: 3 } }])),
   // By now every setting has been watched and is not any more.
   ...["menu", "mirado"].flatMap((table) => catalog.settings.filter((setting) => setting.table === table)
     .map(({ key }) => ({ send: { command: catalog.tables[table].watch, propertyKey: key } }))),
   ...keys.flatMap((propertyKey) => values.map((value) => ({ post: { command: "setMenuValue", propertyKey, value } }))),
   { settle: true }, ...changes, ...changes,
-  ...keys.flatMap((propertyKey) => [{ send: { command: "getMenuValue", propertyKey } },
-    { post: { command: "setMenuValue", propertyKey, value: 5 } }, { send: { command: "getMiradoValue", propertyKey } }]),
+  ...keys.flatMap((propertyKey) => [
+    { send: { command: "getMenuValue", propertyKey } }, { post: { command: "setMenuValue", propertyKey, value: 5 } },
+    { send: { command: "getMiradoValue", propertyKey } }]),
   { settle: true },
 ];
 
 // Replies, events and answers to posts; how these three lie between each other is not fixed.
 function sorted(said) {
   const delivered = said.flatMap(({ message }) => message ?? []).filter((message) => message !== "Unregister");
-  return { replies: said.flatMap(({ reply }) => reply ?? []), events: delivered.filter(({ event }) => event !== undefined),
+  return { replies: said.flatMap(({ reply }) => reply ?? []),
+           events: delivered.filter(({ event }) => event !== undefined),
            answers: delivered.filter(({ command }) => command !== undefined) };
 }
 

@@ -22,7 +22,8 @@ describe("the module", () => clientSuite(first, second, it));
 describe("the classic script", () => clientSuite(script, first, it));
 
 it("runs in an engine that knows ECMAScript 5 alone", () => {
-  const promises = createRequire(new URL("../browser/package.json", import.meta.url)).resolve("promise-polyfill/dist/polyfill");
+  const require = createRequire(new URL("../browser/package.json", import.meta.url));
+  const promises = require.resolve("promise-polyfill/dist/polyfill");
   const folder = mkdtempSync(join(tmpdir(), "mirado-engine-"));
   writeFileSync(join(folder, "all.js"), `
     var self = this; // where promise-polyfill puts Promise

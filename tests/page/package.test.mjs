@@ -18,7 +18,8 @@ const run = (program, ...args) => execFileSync(program, args, { cwd: folder, enc
 it("packs, installs, imports and type-checks outside of its folder", () => {
   const [packed] = JSON.parse(run("npm", "pack", "--json", packageFolder));
   assert.deepEqual(packed.files.map(({ path }) => path).sort(),
-                   ["README.md", "mirado.classic.js", "mirado.d.ts", "mirado.js", "package.json", "testing.d.ts", "testing.js"]);
+                   ["README.md", "mirado.classic.js", "mirado.d.ts", "mirado.js", "package.json", "testing.d.ts",
+                    "testing.js"]);
 
   writeFileSync(join(folder, "package.json"), '{ "type": "module" }');
   run("npm", "install", "--offline", "--no-save", `./${packed.filename}`);
