@@ -141,7 +141,7 @@ TEST_F(PluginTest, ConvertsTheEmbeddersRepliesByType) {
     TestEmbedder::reply = reply;
     for (const auto& [operation, data, call] : operations) {
       EXPECT_EQ(call(), operation == "get_window_id" ? window : other) << operation << " " << Text(reply);
-      EXPECT_EQ(calls.Take(), Lines{"GenericSyncCall \"" + operation + "\" " + data});
+      EXPECT_EQ(calls.Take(), Lines{"GenericSyncCall " + Text(operation).append(" ").append(data)});
       EXPECT_EQ(TestEmbedder::last_instance, 7);
     }
   }

@@ -114,8 +114,9 @@ TEST_P(TranscriptTest, IsFollowed) {
   Lines expected;
   const auto play = [&] {
     const std::string verb = step.substr(0, step.find(' '));
-    for (const std::string& rest : Split(step.substr(verb.size()), " ; ")) {
-      EXPECT_EQ(Do(verb + " " + rest), expected) << verb << " " << rest;
+    for (std::string part : Split(step.substr(verb.size()), " ; ")) {
+      part.insert(0, verb + " ");
+      EXPECT_EQ(Do(part), expected) << part;
     }
     expected.clear();
   };
