@@ -33,7 +33,10 @@ struct TestEmbedder {
 
   static void Offer() {
     static const PPB_ExtensionSystem_Norvika_0_1 record = {
-        [](PP_Instance) { return pp::Var(name).Detach(); },
+        [](PP_Instance) {
+          PlatformCalls::Add("GetEmbedderName");
+          return pp::Var(name).Detach();
+        },
         [](PP_Instance instance) { return pp::Var(instance).Detach(); },
         [](PP_Instance instance, PP_Var operation, PP_Var data, PP_Var* result) {
           last_instance = instance;

@@ -33,9 +33,13 @@ class Handler : public pp::MessageHandler {
     handled.push_back(message.AsInt());
     return message;
   }
-  void WasUnregistered(pp::InstanceHandle instance) override { pp::Instance(instance).PostMessage("unregistered"); }
+  void WasUnregistered(pp::InstanceHandle instance) override {
+    pp::Instance(instance).PostMessage("unregistered");
+    if (on_unregistered) on_unregistered();
+  }
 
   std::function<void(const pp::Var&)> on_message;
+  std::function<void()> on_unregistered;
   std::vector<int> handled;  // of the loop's thread; read when nothing runs there
 };
 
@@ -159,14 +163,18 @@ TEST_F(BrowserTest, TheEndOfARegistrationComesAfterWhatWasPosted) {
     if (message.AsInt() == 1) may_go_on.wait();
     pp::Instance(page->id()).PostMessage("handled");
   };
+  handler_.on_unregistered = [&] { page->Post(3); };
   page->Post(1);
   page->Post(2);
   std::jthread other_end([&] { page->EndRegistration(); });
   may_go_on.count_down();
   page->EndRegistration();
-  page->Post(3);
-  EXPECT_TRUE(page->Send(4).is_undefined());
+  page->Post(4);
+  EXPECT_TRUE(page->Send(5).is_undefined());
   EXPECT_EQ(heard_, (std::vector<std::string>{"handled", "handled", "unregistered"}));
+  EXPECT_EQ(pp::Instance(page->id()).RegisterMessageHandler(&handler_, worker_->message_loop()), 0);
+  EXPECT_EQ(page->Send(6).AsInt(), 6);
+  EXPECT_EQ(handler_.handled, (std::vector<int>{1, 2, 6}));
 }
 
 TEST_F(BrowserTest, OnTheLoopItselfNothingWaitsForTheLoop) {
