@@ -15,7 +15,7 @@ after(() => rmSync(folder, { recursive: true }));
 const run = (program, ...args) => execFileSync(program, args, { cwd: folder, encoding: "utf8" });
 
 // One test, for each step stands on the one before.
-it("packs, installs, imports and type-checks outside of its folder", () => {
+it("packs, installs, imports and type-checks outside of its folder", async () => {
   const [packed] = JSON.parse(run("npm", "pack", "--json", packageFolder));
   assert.deepEqual(packed.files.map(({ path }) => path).sort(),
                    ["README.md", "mirado.classic.js", "mirado.d.ts", "mirado.js", "package.json", "testing.d.ts",
@@ -31,6 +31,12 @@ it("packs, installs, imports and type-checks outside of its folder", () => {
   const declarations = readFileSync(join(packageFolder, "mirado.d.ts"), "utf8");
   const declared = Array.from(declarations.matchAll(/^export (?:const|class|function) (\w+)/gm), ([, name]) => name);
   assert.deepEqual(imported.map(([name]) => name).sort(), declared.sort());
+
+  const { connect } = await import(join(packageFolder, "mirado.js"));
+  const client = connect({ addEventListener() {}, postMessage() {}, postMessageAndAwaitResponse() {} });
+  const [, members] = /^export interface Mirado \{\n(.*?)^\}/ms.exec(declarations);
+  const named = Array.from(members.matchAll(/^ {2}(?:readonly )?(\w+)[(:]/gm), ([, name]) => name);
+  assert.deepEqual([...new Set(named)].sort(), Object.keys(client).sort());
 
   const typescript = createRequire(join(here, "../browser/package.json")).resolve("typescript/package.json");
   copyFileSync(join(here, "types.ts"), join(folder, "types.ts"));
