@@ -238,7 +238,7 @@ TEST_F(VconfDamageTest, AFileThatChangesWhileInUseIsAFailureOnly) {
       std::filesystem::remove_all(directory());
       Fill();
       const std::string damaged = live ? region() : file();
-      const std::size_t size = std::filesystem::file_size(damaged);
+      const std::uintmax_t size = std::filesystem::file_size(damaged);
       std::atomic<int> calls{0};
       const auto watch = vconf::WatchPrefix("", [&](const Change&) { ++calls; });
       if (cut) {

@@ -40,9 +40,9 @@ inline void Overwrite(const std::string& file, std::uintmax_t begin, const std::
 }
 
 /// Bytes without a meaning, the same ones for the same seed.
-inline std::string Noise(std::size_t size, unsigned seed) {
+inline std::string Noise(std::uintmax_t size, unsigned seed) {
   std::mt19937 random(seed);
-  std::string noise(size, '\0');
+  std::string noise(static_cast<std::size_t>(size), '\0');
   std::generate(noise.begin(), noise.end(), [&] { return static_cast<char>(random()); });
   return noise;
 }

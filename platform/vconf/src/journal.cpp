@@ -13,7 +13,7 @@ using layout::Word;
 namespace {
 
 ChangeRecord* RecordIn(const Region& region, std::uint64_t number) {
-  const std::uint64_t chunk = number / layout::kChunkRecords % layout::kChunks;
+  const auto chunk = static_cast<std::uint32_t>(number / layout::kChunkRecords % layout::kChunks);
   const std::uint32_t block = region.header().chunks[chunk].load(std::memory_order_acquire);
   const auto place = static_cast<std::uint32_t>(number % layout::kChunkRecords * sizeof(ChangeRecord));
   return block != 0 ? region.At<ChangeRecord>(block + place) : nullptr;
@@ -63,7 +63,7 @@ bool Turn::Reserve() { return RecordFor(region_.header().last + 1) != nullptr; }
 
 ChangeRecord* Turn::RecordFor(std::uint64_t number) {
   layout::Header& header = region_.header();
-  const std::uint64_t chunk = number / layout::kChunkRecords % layout::kChunks;
+  const auto chunk = static_cast<std::uint32_t>(number / layout::kChunkRecords % layout::kChunks);
   if (header.chunks[chunk].load(std::memory_order_relaxed) == 0) {
     std::uint32_t block = table_.heap().Take(layout::kMaxBlock);
     if (block == 0) {
