@@ -64,7 +64,7 @@ class VconfTest : public testing::Test {
   TemporaryFolder folder_{access("/dev/shm", W_OK) == 0 ? "/dev/shm" : testing::TempDir()};
 };
 
-/// Another process that runs `body`, which returns its exit status. To be made while this process has no store open.
+/// Another process that runs `body`, which returns its exit status.
 class Process {
  public:
   explicit Process(const std::function<int()>& body) : id_(fork()) {
@@ -79,10 +79,17 @@ class Process {
     Wait();
   }
 
-  void Kill() const {
+  pid_t id() const { return id_; }
+  void Signal(int signal) const {
     if (id_ > 0) {
-      kill(id_, SIGKILL);
+      kill(id_, signal);
     }
+  }
+  void Kill() const { Signal(SIGKILL); }
+  /// Returns when it has stopped.
+  void Stop() const {
+    Signal(SIGSTOP);
+    waitpid(id_, nullptr, WUNTRACED);
   }
   /// The exit status, or minus the signal that ended it.
   int Wait() {

@@ -1,6 +1,8 @@
 #include "bus_guard.h"
 
 #include <sys/mman.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -20,15 +22,22 @@ struct Range {
 std::array<Range, 32> g_ranges;
 struct sigaction g_previous;
 
+bool BecomesZeros(void* begin, std::size_t size) {
+  constexpr int kFlags = MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED | MAP_NORESERVE;
+#if defined(__SANITIZE_THREAD__)  // which takes a call of the library for a write to all of it by this thread
+  return syscall(SYS_mmap, begin, size, PROT_READ | PROT_WRITE, kFlags, -1, 0) == reinterpret_cast<long>(begin);
+#else
+  return mmap(begin, size, PROT_READ | PROT_WRITE, kFlags, -1, 0) == begin;
+#endif
+}
+
 void OnSignal(int signal, siginfo_t* info, void* context) {
   const int error = errno;
   const auto* const at = static_cast<const char*>(info->si_addr);
   for (const Range& range : g_ranges) {
     char* const begin = range.begin.load(std::memory_order_acquire);
     const std::size_t size = range.size.load(std::memory_order_acquire);
-    if (info->si_code > 0 && begin != nullptr && at >= begin && at < begin + size &&
-        mmap(begin, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED | MAP_NORESERVE, -1, 0) ==
-            begin) {
+    if (info->si_code > 0 && begin != nullptr && at >= begin && at < begin + size && BecomesZeros(begin, size)) {
       errno = error;
       return;
     }

@@ -14,22 +14,36 @@ std::uint32_t Heap::IndexOf(std::uint32_t size) {
   return index;
 }
 
+std::uint32_t Heap::Pop(std::uint32_t index) {
+  Word& free = region_.header().free[index];
+  const std::uint32_t block = free.load(std::memory_order_relaxed);
+  const Word* const next = region_.At<Word>(block, layout::kMinBlock << index);
+  free.store(next != nullptr ? next->load(std::memory_order_relaxed) : 0, std::memory_order_relaxed);
+  return next != nullptr ? block : 0;
+}
+
 std::uint32_t Heap::Take(std::uint32_t size) {
   layout::Header& header = region_.header();
-  const std::uint32_t index = IndexOf(size);
+  std::uint32_t index = IndexOf(size);
   const std::uint32_t full = layout::kMinBlock << index;
-  Word& free = header.free[index];
-  if (const std::uint32_t block = free.load(std::memory_order_relaxed); block != 0) {
-    const Word* const next = region_.At<Word>(block, full);
-    free.store(next != nullptr ? next->load(std::memory_order_relaxed) : 0, std::memory_order_relaxed);
-    return next != nullptr ? block : 0;
+  if (const std::uint32_t block = Pop(index); block != 0) {
+    return block;
   }
-  const std::uint32_t block = header.end.load(std::memory_order_relaxed);
-  if (block < layout::kFirstBlock || block > layout::kMaxSize - full || !region_.Grow(block + full)) {
-    return 0;
+  if (const std::uint32_t block = header.end.load(std::memory_order_relaxed);
+      block >= layout::kFirstBlock && block <= layout::kMaxSize - full && region_.Grow(block + full)) {
+    header.end.store(block + full, std::memory_order_relaxed);
+    return block;
   }
-  header.end.store(block + full, std::memory_order_relaxed);
-  return block;
+  // The beginning of a larger one, whose other parts are given back.
+  while (++index < layout::kBlockSizes) {
+    if (const std::uint32_t block = Pop(index); block != 0) {
+      for (std::uint32_t half = layout::kMinBlock << (index - 1); half >= full; half /= 2) {
+        Give(block + half, half);
+      }
+      return block;
+    }
+  }
+  return 0;
 }
 
 void Heap::Give(std::uint32_t block, std::uint32_t size) {

@@ -24,6 +24,7 @@ class Heap {
 
  private:
   static std::uint32_t IndexOf(std::uint32_t size);
+  std::uint32_t Pop(std::uint32_t index);
 
   Region& region_;
 };

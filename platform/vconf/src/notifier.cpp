@@ -146,14 +146,20 @@ void Notifier::AwaitEnd(std::unique_lock<std::mutex>& lock, const std::vector<Li
   if (OnThread() || forked_) {
     return;
   }
-  if (IdleLocked() && alive_) {
-    region_->RingHere();  // the thread may be asleep, and has nothing left to do
-  }
   ++waiting_;
   progress_.wait(lock, [&] {
     return std::none_of(ended.begin(), ended.end(), [this](const auto& each) { return each.get() == running_; });
   });
+  if (IdleLocked() && alive_) {
+    region_->RingHere();  // the thread may be asleep, and has nothing left to do
+    // One that ended itself may still be running, and is not waited for; but for that the thread ends at once.
+    progress_.wait(lock, [this] { return !alive_ || !IdleLocked() || running_ != nullptr; });
+  }
   --waiting_;
+  if (!alive_ && thread_.joinable()) {
+    thread_.join();
+    thread_id_ = {};
+  }
 }
 
 void Notifier::Settle() {

@@ -1,0 +1,400 @@
+// The store when processes die, stop, fork or meddle: each case once made an earlier design lose or hang something.
+
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <future>
+#include <thread>
+
+#include "support/vconf_fixture.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using vconf::Change;
+using vconf::Code;
+
+/// Two pipes between this process and another one, made before the fork: a byte each way is a step of both.
+class Steps {
+ public:
+  Steps() { EXPECT_EQ(pipe2(here_.data(), O_CLOEXEC) | pipe2(there_.data(), O_CLOEXEC), 0); }
+  Steps(const Steps&) = delete;
+  Steps& operator=(const Steps&) = delete;
+  ~Steps() {
+    for (const int end : {here_[0], here_[1], there_[0], there_[1]}) close(end);
+  }
+  void Tell() const { Put(there_[1]); }   ///< the other process
+  void Hear() const { Take(here_[0]); }   ///< what it tells
+  void Answer() const { Put(here_[1]); }  ///< the same two, there
+  void Await() const { Take(there_[0]); }
+
+ private:
+  static void Put(int end) { EXPECT_EQ(write(end, "s", 1), 1); }
+  static void Take(int end) {
+    char byte = 0;
+    EXPECT_EQ(read(end, &byte, 1), 1);
+  }
+  std::array<int, 2> here_{};
+  std::array<int, 2> there_{};
+};
+
+class VconfFailureTest : public VconfTest {
+ protected:
+  static int CpuMilliseconds(int who) {
+    rusage usage{};
+    getrusage(who, &usage);
+    return static_cast<int>((usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) * 1000 +
+                            (usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1000);
+  }
+  static void Count(keynode_t* /*node*/, void* count) { ++*static_cast<std::atomic<int>*>(count); }
+};
+
+TEST_F(VconfFailureTest, AForkedChildMayUseTheStoreAndExit) {
+  Open({{"db/a", 1}, {"memory/b", 1}});
+  std::atomic<int> calls{0};
+  ASSERT_GE(vconf_notify_key_changed("memory/b", Count, &calls), 0);
+  ASSERT_EQ(vconf_set_int("db/a", 2), 0);
+  for (const bool writes : {false, true}) {
+    const pid_t child = fork();
+    if (child == 0) {
+      const bool right = GetInt("db/a", 0) >= 2 && vconf::SubscriptionCount() == 0 &&
+                         (!writes || (vconf_set_int("db/a", 3) == 0 && vconf_set_int("memory/b", 3) == 0));
+      exit(right ? 0 : 1);  // NOLINT(concurrency-mt-unsafe): with all that is run at exit
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+  }
+  EXPECT_EQ(GetInt("db/a", 0), 3);
+  ASSERT_EQ(vconf_set_int("db/a", 4), 0);
+  vconf::Settle();
+  EXPECT_EQ(calls, 1);
+  EXPECT_TRUE(Log().empty());
+}
+
+TEST_F(VconfFailureTest, ACallbackMayForkAChildThatExitsOrReturns) {
+  Open({{"memory/b", 1}});
+  std::atomic<int> calls{0};
+  const auto fork_once = [](keynode_t*, void* count) {
+    const int call = ++*static_cast<std::atomic<int>*>(count);
+    const pid_t child = fork();
+    if (child == 0 && call == 1) {
+      exit(GetInt("memory/b", 0) == 2 ? 0 : 1);  // NOLINT(concurrency-mt-unsafe)
+    }
+    int status = -1;
+    if (child > 0 && (waitpid(child, &status, 0) != child || status != 0)) {
+      *static_cast<std::atomic<int>*>(count) = -100;
+    }
+  };
+  ASSERT_GE(vconf_notify_key_changed("memory/b", fork_once, &calls), 0);
+  for (int value = 2; value <= 3; ++value) {
+    ASSERT_EQ(vconf_set_int("memory/b", value), 0);
+    vconf::Settle();
+    EXPECT_EQ(calls, value - 1);
+  }
+}
+
+TEST_F(VconfFailureTest, AStoppedReaderCostsNothingAndAKilledOneNeither) {
+  Open({{"db/a", 0}});
+  vconf::CloseStore();
+  const Steps steps;
+  Process reader([&] {
+    std::atomic<int> calls{0};
+    if (!vconf::OpenStore(directory()).ok()) return 1;
+    vconf_notify_key_changed("db/a", Count, &calls);
+    std::vector<std::jthread> threads;
+    for (int i = 0; i < 3; ++i) {
+      threads.emplace_back([](const std::stop_token& stop) {
+        while (!stop.stop_requested()) GetInt("db/a", 0);
+      });
+    }
+    steps.Answer();
+    steps.Await();
+    return 0;
+  });
+  steps.Hear();
+  reader.Signal(SIGSTOP);
+  Open();
+  const auto size = [&] { return fs::file_size(file()) + fs::file_size(file() + "-wal") + fs::file_size(region()); };
+  std::uintmax_t after_some = 0;
+  for (int i = 1; i <= 3'000; ++i) {
+    ASSERT_EQ(vconf_set_int("db/a", i), 0);
+    if (i == 1'000) after_some = size();
+    if (i == 2'000) reader.Kill();
+  }
+  EXPECT_LT(size(), after_some + 1'000'000) << "only the changes that are remembered take room";
+  EXPECT_EQ(GetInt("db/a", 0), 3'000);
+}
+
+TEST_F(VconfFailureTest, AStoppedWriterIsNamedAndHoldsUpNoReader) {
+  for (const std::string path : {"db/a", "memory/a"}) {
+    Open({{"db/a", 0}, {"memory/a", 0}});
+    vconf::CloseStore();
+    Process writer([&] {
+      for (int i = 1; vconf::OpenStore(directory()).ok() || true; ++i) vconf_set_int(path.c_str(), i);
+      return 1;
+    });
+    Open();
+    vconf::Status status;
+    while (status.ok()) {  // it stops at any moment, often enough with the lock
+      writer.Signal(SIGCONT);
+      const int last = GetInt(path, 0);
+      while (GetInt(path, 0) == last) std::this_thread::yield();
+      writer.Stop();
+      const auto before = std::chrono::steady_clock::now();
+      EXPECT_GE(GetInt(path, -1), last);
+      if (path == "db/a") {
+        EXPECT_EQ(vconf_set_int("memory/b", 1), 0);
+      }
+      EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(2));
+      status = vconf::Set(path, 0);
+    }
+    EXPECT_EQ(status.code(), Code::kBusy) << status.text();
+    EXPECT_NE(status.text().find("process " + std::to_string(writer.id())), std::string::npos) << status.text();
+    writer.Kill();
+    writer.Wait();
+    EXPECT_EQ(vconf::Set(path, 3).text(), "");
+    EXPECT_EQ(GetInt(path, 0), 3);
+    vconf::CloseStore();
+    fs::remove_all(directory());
+  }
+}
+
+TEST_F(VconfFailureTest, MountNamespacesShareAStore) {
+  Open({{"db/a", 0}});
+  vconf::CloseStore();
+  const std::string elsewhere = folder() + "/elsewhere";
+  fs::create_directory(elsewhere);
+  const Steps steps;
+  Process other([&] {
+    const int user = geteuid() == 0 ? 0 : CLONE_NEWUSER;
+    const bool apart = unshare(CLONE_NEWNS | user) == 0 &&
+                       mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+                       mount(directory().c_str(), elsewhere.c_str(), nullptr, MS_BIND, nullptr) == 0;
+    steps.Answer();
+    steps.Await();
+    if (!apart) return 77;
+    if (!vconf::OpenStore(elsewhere).ok()) return 1;
+    for (int i = 1; i <= 10; ++i) {
+      if (vconf_set_int("db/a", i) != 0 || vconf_set_int("memory/a", i) != 0) return 2;
+    }
+    return GetInt("memory/own", 0) == 1 ? 0 : 3;
+  });
+  steps.Hear();
+  Open();
+  std::vector<Change> changes;
+  const auto watch = *vconf::WatchPrefix("", [&](const Change& change) { changes.push_back(change); });
+  ASSERT_EQ(vconf_set_int("memory/own", 1), 0);
+  steps.Tell();
+  const int status = other.Wait();
+  if (status == 77) GTEST_SKIP() << "nothing can be mounted here";
+  EXPECT_EQ(status, 0);
+  vconf::Settle();
+  EXPECT_EQ(changes.size(), 21U);
+}
+
+TEST_F(VconfFailureTest, RootMayBeTheFirst) {
+  if (geteuid() != 0) GTEST_SKIP() << "takes root";
+  constexpr uid_t kNobody = 65534;
+  fs::permissions(folder(), fs::perms::all);
+  const auto as_owner = [&](auto&& body) {
+    return Process([&] {
+             vconf::CloseStore();
+             return setgid(kNobody) == 0 && setuid(kNobody) == 0 ? body() : 99;
+           })
+        .Wait();
+  };
+  EXPECT_EQ(as_owner([&] { return vconf::OpenOrCreateStore(directory(), {{"db/a", 1}}).ok() ? 0 : 1; }), 0);
+  fs::remove(region());  // as after a boot
+  for (const char* suffix : {"-wal", "-shm"}) fs::remove(file() + suffix);
+  Open();
+  EXPECT_EQ(vconf_set_int("db/a", 2) | vconf_set_int("memory/a", 2), 0);
+  EXPECT_EQ(as_owner([&] {
+              return vconf::OpenStore(directory()).ok() && vconf_set_int("db/a", 3) == 0 &&
+                             GetInt("memory/a", 0) == 2 && vconf_set_int("memory/a", 3) == 0
+                         ? 0
+                         : 1;
+            }),
+            0);
+  EXPECT_EQ(GetInt("db/a", 0), 3);
+}
+
+TEST_F(VconfFailureTest, ACopyIsAStoreOfItsOwnAndAMoveIsNone) {
+  Open({{"db/a", 1}, {"memory/a", 1}});
+  ASSERT_EQ(vconf_set_int("db/a", 2), 0);
+  const std::string copy = folder() + "/copy";
+  fs::copy(directory(), copy, fs::copy_options::recursive);
+  EXPECT_EQ(Process([&] {
+              vconf::CloseStore();
+              return vconf::OpenStore(copy).ok() && GetInt("db/a", 0) == 2 && GetInt("memory/a", 7) == 7 &&
+                             vconf_set_int("db/a", 5) == 0 && vconf_set_int("memory/a", 5) == 0
+                         ? 0
+                         : 1;
+            }).Wait(),
+            0);
+  EXPECT_EQ(GetInt("db/a", 0), 2);
+  EXPECT_EQ(GetInt("memory/a", 0), 1);
+  vconf::CloseStore();
+  const std::string moved = folder() + "/moved";
+  fs::rename(directory(), moved);
+  ASSERT_TRUE(vconf::OpenStore(moved).ok());
+  EXPECT_EQ(GetInt("memory/a", 0), 1);
+  // The folder goes while it is in use: no write is lost without a word.
+  fs::remove_all(moved);
+  EXPECT_EQ(vconf::Set("db/a", 3).code(), Code::kRemoved);
+  EXPECT_EQ(vconf::Set("memory/a", 3).code(), Code::kRemoved);
+  EXPECT_EQ(GetInt("db/a", 0), 2);
+}
+
+TEST_F(VconfFailureTest, PlantedFilesAreNotFollowed) {
+  Open({{"db/a", 1}});
+  ASSERT_EQ(vconf_set_int("db/a", 2), 0);
+  vconf::CloseStore();
+  const std::string victim = folder() + "/victim";
+  std::ofstream(victim) << "untouched";
+  for (const std::string& file : {region(), this->file(), this->file() + "-wal", this->file() + "-shm"}) {
+    const std::string kept = folder() + "/kept";
+    fs::rename(file, kept);
+    for (const bool link : {true, false}) {
+      if (link) {
+        fs::create_symlink(victim, file);
+      } else {
+        ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);
+      }
+      const auto status = vconf::OpenOrCreateStore(directory(), {{"db/a", 9}});
+      EXPECT_EQ(status.code(), Code::kNotPermitted) << status.text();
+      EXPECT_NE(status.text().find(file), std::string::npos) << status.text();
+      EXPECT_EQ(Contents(victim), "untouched");
+      fs::remove(file);
+    }
+    if (geteuid() == 0) {  // a file of another user
+      std::ofstream(file) << Contents(kept);
+      ASSERT_EQ(chown(file.c_str(), 1234, 1234), 0);
+      EXPECT_EQ(vconf::OpenStore(directory()).code(), Code::kNotPermitted);
+    }
+    fs::rename(kept, file);
+  }
+  Open();
+  EXPECT_EQ(GetInt("db/a", 0), 2);
+}
+
+TEST_F(VconfFailureTest, WhoHasAReplacedStoreOpenGoesOnWithTheNewOne) {
+  Open({{"db/a", 1}, {"memory/a", 1}});
+  vconf::CloseStore();
+  const Steps steps;
+  Process other([&] {
+    std::atomic<int> calls{0};
+    std::promise<void> told;
+    if (!vconf::OpenStore(directory()).ok() || vconf_set_int("db/a", 2) != 0) return 1;
+    const auto watch = vconf::WatchPrefix("db/new", [&](const Change&) {
+      if (++calls == 1) told.set_value();
+    });
+    steps.Answer();
+    told.get_future().wait();
+    steps.Await();
+    vconf::Settle();
+    return GetInt("db/a", 7) == 7 && GetInt("db/new", 0) == 5 && vconf_set_int("db/new", 6) == 0 && calls >= 2 ? 0 : 2;
+  });
+  steps.Hear();
+  Overwrite(file(), 0, Noise(4096, 3));
+  const auto moved = vconf::ReplaceStore(directory(), {{"db/new", 4}});
+  ASSERT_TRUE(moved.ok()) << moved.status().text();
+  EXPECT_TRUE(fs::exists(*moved + "/keys.db"));
+  Open();
+  EXPECT_EQ(vconf_set_int("db/new", 5), 0);
+  steps.Tell();
+  EXPECT_EQ(other.Wait(), 0);
+  EXPECT_EQ(GetInt("db/new", 0), 6);
+}
+
+TEST_F(VconfFailureTest, TheEndOfOneSubscriptionWaitsForNoOther) {
+  Open();
+  struct Other {
+    std::promise<void> running;
+    std::promise<void> go_on;
+    static void Call(keynode_t* node, void* self) {
+      vconf_ignore_key_changed(node->keyname, Call);
+      static_cast<Other*>(self)->running.set_value();
+      static_cast<Other*>(self)->go_on.get_future().wait();
+    }
+  } other;
+  std::atomic<int> calls{0};
+  ASSERT_GE(vconf_notify_key_changed("memory/other", Other::Call, &other), 0);
+  ASSERT_GE(vconf_notify_key_changed("memory/a", Count, &calls), 0);
+  ASSERT_EQ(vconf_set_int("memory/other", 1), 0);
+  other.running.get_future().wait();
+  EXPECT_GE(vconf_ignore_key_changed("memory/a", Count), 0);  // or it hangs
+  other.go_on.set_value();
+}
+
+TEST_F(VconfFailureTest, WhoWaitsForChangesSleeps) {
+  Open();
+  vconf::CloseStore();
+  const Steps steps;
+  Process other([&] {
+    std::atomic<int> calls{0};
+    if (!vconf::OpenStore(directory()).ok() || vconf_notify_key_changed("memory/a", Count, &calls) != 0) return 1;
+    steps.Answer();
+    steps.Await();
+    vconf::Settle();
+    steps.Answer();
+    steps.Await();
+    return 0;
+  });
+  steps.Hear();
+  Open();
+  std::atomic<int> calls{0};
+  ASSERT_GE(vconf_notify_key_changed("memory/a", Count, &calls), 0);
+  ASSERT_EQ(vconf_set_int("memory/a", 1), 0);
+  steps.Tell();
+  steps.Hear();
+  const auto wakes = [&] {
+    long sum = 0;
+    for (const auto& task : fs::directory_iterator("/proc/" + std::to_string(other.id()) + "/task")) {
+      const std::string status = Contents(task.path() / "status");
+      if (status.find("vconf-notify") != std::string::npos) {
+        constexpr std::string_view kField = "\nvoluntary_ctxt_switches:";
+        sum += std::stol(status.substr(status.find(kField) + kField.size()));
+      }
+    }
+    return sum;
+  };
+  const long before = wakes();
+  const auto begun = std::chrono::steady_clock::now();
+  for (int i = 0; i < 500; ++i) {
+    vconf::Settle();
+    // The end of the last subscription is nobody else's business either.
+    ASSERT_GE(vconf_ignore_key_changed("memory/a", Count), 0);
+    ASSERT_GE(vconf_notify_key_changed("memory/a", Count, &calls), 0);
+  }
+  const auto seconds =
+      std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - begun).count();
+  EXPECT_LE(wakes() - before, 10 + 2 * seconds) << "it looks once a second by itself";
+  steps.Tell();
+  EXPECT_EQ(other.Wait(), 0);
+}
+
+TEST_F(VconfFailureTest, AFullRegionCanBeEmptied) {
+  Open();
+  const std::string text(65'536, 'x');
+  int held = 0;
+  vconf::Status status;
+  while ((status = vconf::Set("memory/text" + std::to_string(held), text)).ok()) ++held;
+  EXPECT_EQ(status.code(), Code::kFull);
+  EXPECT_GT(held, 500);
+  EXPECT_EQ(vconf::Get("memory/text0")->index(), 2U);
+  for (int i = 0; i < held; ++i) ASSERT_EQ(vconf::Remove("memory/text" + std::to_string(i)).text(), "");
+  for (int i = 0; i < 20'000; ++i) ASSERT_EQ(vconf_set_int(("memory/number" + std::to_string(i)).c_str(), i), 0);
+  EXPECT_EQ(vconf::Reset({{"memory/last", text}}).text(), "");
+  EXPECT_EQ(vconf_set_int("db/a", 1), 0);
+  EXPECT_EQ(vconf::List("")->size(), 2U);
+}
+
+}  // namespace
