@@ -185,10 +185,10 @@ TEST_F(VconfDamageTest, AStoreThatIsNoneIsRefusedAndLeftAlone) {
   Fill();
   vconf::CloseStore();
   const std::string whole = Contents(file());
-  for (const auto& bytes :
-       {std::string(), std::string("no store at all"), whole.substr(0, 4096), Noise(whole.size(), 1),
-        std::string(whole.size(), '\0'), Noise(8192, 2) + whole.substr(8192)}) {
+  for (const auto& bytes : {std::string(), std::string("no store at all"), Noise(whole.size(), 1),
+                            std::string(whole.size(), '\0'), Noise(8192, 2) + whole.substr(8192)}) {
     std::ofstream(file(), std::ios::binary | std::ios::trunc) << bytes;
+    std::filesystem::remove(region());  // as after a boot: all comes from the disk
     ClearLog();
     const auto error = vconf::OpenOrCreateStore(directory(), {{"db/key1", 1}});
     EXPECT_EQ(error.text(), file() + ": is damaged");

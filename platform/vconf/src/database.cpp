@@ -64,16 +64,14 @@ std::string Column(sqlite3_stmt* statement, int at) {
   return text != nullptr ? std::string(text, static_cast<std::size_t>(sqlite3_column_bytes(statement, at))) : "";
 }
 
-// What SQLite's files begin with: among others what the file is for, and how many pages it had at the last checkpoint.
+// What the file begins with, among others whose it is. How many pages it has stands there too, but during a checkpoint,
+// or after one that was cut off, the log alone knows that.
 using Head = std::array<unsigned char, 100>;
-bool IsHead(const Head& head, std::int64_t size) {
-  constexpr std::int64_t kPage = 4096;
-  const auto number = [&](std::size_t at) {
-    return (std::uint32_t{head.at(at)} << 24U) | (std::uint32_t{head.at(at + 1)} << 16U) |
-           (std::uint32_t{head.at(at + 2)} << 8U) | head.at(at + 3);
-  };
-  return std::memcmp(head.data(), "SQLite format 3", 16) == 0 && number(68) == kApplication &&
-         size / kPage >= number(28);
+bool IsHead(const Head& head) {
+  constexpr std::array<unsigned char, 4> kWhose = {kApplication >> 24U, (kApplication >> 16U) & 0xffU,
+                                                   (kApplication >> 8U) & 0xffU, kApplication & 0xffU};
+  return std::memcmp(head.data(), "SQLite format 3", 16) == 0 &&
+         std::memcmp(head.data() + 68, kWhose.data(), kWhose.size()) == 0;
 }
 
 Status Damaged(const std::string& file) { return {Code::kDamaged, file + ": is damaged"}; }
@@ -88,8 +86,7 @@ Status CheckDatabase(const Folder& folder, ino_t* inode) {
   }
   *inode = about.st_ino;
   Head head{};
-  if (pread(file->number(), head.data(), head.size(), 0) != static_cast<ssize_t>(head.size()) ||
-      !IsHead(head, about.st_size)) {
+  if (pread(file->number(), head.data(), head.size(), 0) != static_cast<ssize_t>(head.size()) || !IsHead(head)) {
     return Damaged(folder.File(Folder::kDatabase));
   }
   for (const char* const suffix : {"-wal", "-shm"}) {
@@ -296,10 +293,8 @@ Status Database::Write(const std::vector<Row>& rows, std::uint64_t number) {
 Status Database::CheckHead() const {
   sqlite3_file* file = nullptr;
   Head head{};
-  sqlite3_int64 size = 0;
   const bool sound = sqlite3_file_control(connection_, nullptr, SQLITE_FCNTL_FILE_POINTER, &file) == SQLITE_OK &&
-                     file->pMethods->xRead(file, head.data(), head.size(), 0) == SQLITE_OK &&
-                     file->pMethods->xFileSize(file, &size) == SQLITE_OK && IsHead(head, size);
+                     file->pMethods->xRead(file, head.data(), head.size(), 0) == SQLITE_OK && IsHead(head);
   return sound ? Status() : Damaged(file_);
 }
 

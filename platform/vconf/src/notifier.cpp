@@ -1,7 +1,7 @@
 #include "notifier.h"
 
 #include <pthread.h>
-#include <sched.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -210,7 +210,7 @@ void Notifier::Run() {
 bool Notifier::Deliver(Region** region) {
   std::vector<Change> changes;
   std::unique_lock lock(mutex_);
-  while (!IdleLocked() && !forked_) {
+  while (!IdleLocked()) {
     std::uint64_t next = next_;
     lock.unlock();
     *region = &store_.region();
@@ -313,7 +313,7 @@ void Notifier::CatchUp(Region& region) {
 
 void Notifier::Call(const ListenerPtr& listener, const Change& change) {
   std::unique_lock lock(mutex_);
-  if (listener->ended || forked_) {
+  if (listener->ended) {
     return;
   }
   running_ = listener.get();
@@ -325,6 +325,9 @@ void Notifier::Call(const ListenerPtr& listener, const Change& change) {
     listener->on_change(change);
   }
   lock.lock();
+  if (forked_) {
+    _exit(0);  // the call has forked, and there is nothing in the child that it could return to
+  }
   running_ = nullptr;
   if (waiting_ > 0) {
     progress_.notify_all();

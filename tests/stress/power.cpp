@@ -1,0 +1,361 @@
+// power [STATES [SEED]]: what a disk may hold after the power failed, state by state.
+//
+// The store writes in this process, and each call by which it or SQLite changes a file is recorded: this program has
+// functions of the same names, which come before the C library's. From each point of the record, disks are made up as
+// they may be found: of what was not synced some is there, some is not, and some in parts. Each is opened and read.
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdarg>
+#include <cstdio>
+#include <map>
+#include <random>
+
+#include "dlog_control.h"
+#include "support/files.h"
+#include "vconf.h"
+#include "vconf_control.h"
+
+namespace {
+
+enum class Kind { kWrite, kTruncate, kSync, kCreate, kRename, kUnlink, kSyncFolder, kTry, kAcknowledge };
+
+struct Call {
+  Kind kind;
+  int file = 0;  // or the key, for the last two
+  std::uint64_t at = 0;
+  std::string text;  // what was written, or a name
+  std::string to;
+};
+
+constexpr int kFolder = -2;
+
+struct Recorder {
+  bool on = false;
+  std::string folder;
+  std::map<std::string, int> names;
+  std::map<int, int> descriptors;
+  int files = 0;
+  std::vector<Call> calls;
+
+  // The region is none of the disk's business: after the power was gone it belongs to another boot.
+  std::string NameOf(const std::string& path) const {
+    const std::string name = path.starts_with(folder + "/") ? path.substr(folder.size() + 1) : path;
+    return on && name.starts_with("keys.db") ? name : "";
+  }
+  int Opened(int descriptor, const std::string& path) {
+    if (on && path == folder) descriptors[descriptor] = kFolder;
+    if (const std::string name = NameOf(path); descriptor >= 0 && !name.empty() && !name.ends_with("-shm")) {
+      const auto [found, is_new] = names.try_emplace(name, files);
+      if (is_new) calls.push_back({Kind::kCreate, files++, 0, name, {}});
+      descriptors[descriptor] = found->second;
+    }
+    return descriptor;
+  }
+  void Note(int descriptor, Kind kind, std::uint64_t at, std::string text) {
+    if (const auto found = descriptors.find(descriptor); on && found != descriptors.end()) {
+      const bool folder_synced = found->second == kFolder && kind == Kind::kSync;
+      calls.push_back({folder_synced ? Kind::kSyncFolder : kind, found->second, at, std::move(text), {}});
+    }
+  }
+  void Renamed(const std::string& from, const std::string& to) {
+    if (const auto found = names.find(NameOf(from)); found != names.end()) {
+      calls.push_back({Kind::kRename, found->second, 0, found->first, NameOf(to)});
+      names[NameOf(to)] = found->second;
+      names.erase(found);
+    }
+  }
+  void Unlinked(const std::string& path) {
+    if (const auto found = names.find(NameOf(path)); found != names.end()) {
+      calls.push_back({Kind::kUnlink, found->second, 0, found->first, {}});
+      names.erase(found);
+    }
+  }
+};
+
+Recorder& TheRecorder() {
+  static Recorder recorder;
+  return recorder;
+}
+
+template <typename Function>
+Function* Real(Function* /*ours*/, const char* name) {
+  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+#define REAL(name) Real(&(name), #name)
+
+mode_t ModeOf(int flags, va_list arguments) {
+  return (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(arguments, mode_t) : 0;
+}
+
+}  // namespace
+
+extern "C" {
+int open(const char* path, int flags, ...) {
+  va_list arguments;
+  va_start(arguments, flags);
+  const mode_t mode = ModeOf(flags, arguments);
+  va_end(arguments);
+  return TheRecorder().Opened(REAL(open)(path, flags, mode), path);
+}
+int open64(const char* path, int flags, ...) {
+  va_list arguments;
+  va_start(arguments, flags);
+  const mode_t mode = ModeOf(flags, arguments);
+  va_end(arguments);
+  return TheRecorder().Opened(REAL(open64)(path, flags, mode), path);
+}
+int openat(int folder, const char* path, int flags, ...) {
+  va_list arguments;
+  va_start(arguments, flags);
+  const mode_t mode = ModeOf(flags, arguments);
+  va_end(arguments);
+  return TheRecorder().Opened(REAL(openat)(folder, path, flags, mode), path);
+}
+int close(int descriptor) {
+  TheRecorder().descriptors.erase(descriptor);
+  return REAL(close)(descriptor);
+}
+ssize_t pwrite64(int descriptor, const void* bytes, std::size_t size, off64_t at) {
+  TheRecorder().Note(descriptor, Kind::kWrite, static_cast<std::uint64_t>(at),
+                     std::string(static_cast<const char*>(bytes), size));
+  return REAL(pwrite64)(descriptor, bytes, size, at);
+}
+int ftruncate64(int descriptor, off64_t size) noexcept {
+  TheRecorder().Note(descriptor, Kind::kTruncate, static_cast<std::uint64_t>(size), "");
+  return REAL(ftruncate64)(descriptor, size);
+}
+int fdatasync(int descriptor) {
+  TheRecorder().Note(descriptor, Kind::kSync, 0, "");
+  return REAL(fdatasync)(descriptor);
+}
+int fsync(int descriptor) {
+  TheRecorder().Note(descriptor, Kind::kSync, 0, "");
+  return REAL(fsync)(descriptor);
+}
+int rename(const char* from, const char* to) noexcept {
+  TheRecorder().Renamed(from, to);
+  return REAL(rename)(from, to);
+}
+int renameat(int from_folder, const char* from, int to_folder, const char* to) noexcept {
+  TheRecorder().Renamed(from, to);
+  return REAL(renameat)(from_folder, from, to_folder, to);
+}
+int unlink(const char* path) noexcept {
+  TheRecorder().Unlinked(path);
+  return REAL(unlink)(path);
+}
+int unlinkat(int folder, const char* path, int flags) noexcept {
+  TheRecorder().Unlinked(path);
+  return REAL(unlinkat)(folder, path, flags);
+}
+}
+
+namespace {
+
+constexpr std::array kKeys = {"db/power/number", "db/power/text", "set/power/text"};
+const std::vector<vconf::Entry> kInitial = {{"db/initial", 7}, {"set/initial", std::string(5'000, 'i')}};
+
+/// Says its number in every byte, and is often longer than a page.
+std::string TextOf(int number) {
+  return std::to_string(number) + ' ' +
+         std::string(static_cast<std::size_t>(number) * 7919 % 9000, static_cast<char>('a' + number % 26));
+}
+
+/// The number that the key holds, 0 for none, -1 when what it holds was never written.
+int NumberIn(std::size_t key) {
+  const auto value = vconf::Get(kKeys.at(key));
+  if (!value.ok()) return value.status().code() == vconf::Code::kMissing ? 0 : -1;
+  if (key == 0) return std::get<int>(*value);
+  const auto& text = std::get<std::string>(*value);
+  const int number = std::atoi(text.c_str());
+  return text == TextOf(number) ? number : -1;
+}
+
+void RecordAStore(const std::string& store, int writes) {
+  Recorder& recorder = TheRecorder();
+  std::filesystem::create_directory(store);
+  recorder.folder = std::filesystem::canonical(store);
+  recorder.on = true;
+  EXPECT_EQ(vconf::OpenOrCreateStore(store, kInitial).text(), "");
+  recorder.calls.push_back({Kind::kAcknowledge, -1, 0, {}, {}});
+  for (int number = 1; number <= writes; ++number) {
+    for (int key = 0; key < 3; ++key) {
+      const char* const path = kKeys.at(static_cast<std::size_t>(key));
+      const auto count = static_cast<std::uint64_t>(number);
+      recorder.calls.push_back({Kind::kTry, key, count, {}, {}});
+      EXPECT_EQ(key == 0 ? vconf_set_int(path, number) : vconf::Set(path, TextOf(number)).ok() ? 0 : 1, 0);
+      EXPECT_EQ(key == 0 ? vconf_sync_key(path) : 0, 0);
+      recorder.calls.push_back({Kind::kAcknowledge, key, count, {}, {}});
+    }
+  }
+  vconf::CloseStore();
+  recorder.on = false;
+}
+
+/// What is certain to be on the disk, and what may be.
+class Disk {
+ public:
+  explicit Disk(bool syncs) : syncs_(syncs) {}
+
+  void Take(const Call& call) {
+    switch (call.kind) {
+      case Kind::kWrite:
+      case Kind::kTruncate:
+        unsynced_[call.file].push_back(&call);
+        break;
+      case Kind::kCreate:
+      case Kind::kRename:
+      case Kind::kUnlink:
+        unsynced_names_.push_back(&call);
+        break;
+      case Kind::kSync:
+        if (syncs_) {
+          for (const Call* each : std::exchange(unsynced_[call.file], {})) Apply(*each, &synced_[call.file]);
+        }
+        break;
+      case Kind::kSyncFolder:
+        for (const Call* each : std::exchange(unsynced_names_, {})) Apply(*each, &names_);
+        break;
+      default:
+        break;
+    }
+  }
+
+  /// Makes up one disk. Names change in their order; of what was written without a sync each sector, of 512 or of 4,096
+  /// bytes, is there or not.
+  void Write(const std::string& folder, std::mt19937& random) const {
+    auto names = names_;
+    const std::size_t changes = random() % (unsynced_names_.size() + 1);
+    for (std::size_t i = 0; i < changes; ++i) Apply(*unsynced_names_[i], &names);
+    std::filesystem::remove_all(folder);
+    std::filesystem::create_directory(folder);
+    const unsigned way = random() % 4;  // all, none, up to a point, or here and there
+    const std::size_t sector = random() % 2 == 0 ? 512 : 4096;
+    for (const auto& [name, file] : names) {
+      const auto found = synced_.find(file);
+      std::string content = found != synced_.end() ? found->second : "";
+      const auto pending = unsynced_.find(file);
+      const std::size_t count = pending != unsynced_.end() ? pending->second.size() : 0;
+      const std::size_t point = random() % (count + 1);
+      for (std::size_t i = 0; i < count; ++i) {
+        const Call& call = *pending->second[i];
+        const bool torn = (way == 2 && i == point) || way == 3;
+        if (torn && call.kind == Kind::kWrite) {
+          for (std::size_t at = 0; at < call.text.size();) {
+            const std::size_t size = std::min(sector - (call.at + at) % sector, call.text.size() - at);
+            if (random() % 2 == 0) Apply({Kind::kWrite, file, call.at + at, call.text.substr(at, size), {}}, &content);
+            at += size;
+          }
+        } else if (way == 0 || (way == 2 && i < point) || (torn && random() % 2 == 0)) {
+          Apply(call, &content);
+        }
+      }
+      std::ofstream(folder + "/" + name, std::ios::binary) << content;
+    }
+  }
+
+ private:
+  static void Apply(const Call& call, std::string* content) {
+    if (call.kind == Kind::kTruncate) {
+      content->resize(call.at);
+    } else {
+      content->resize(std::max<std::size_t>(content->size(), call.at + call.text.size()));
+      content->replace(call.at, call.text.size(), call.text);
+    }
+  }
+  static void Apply(const Call& call, std::map<std::string, int>* names) {
+    if (call.kind == Kind::kCreate) {
+      (*names)[call.text] = call.file;
+    } else {
+      if (call.kind == Kind::kRename) (*names)[call.to] = call.file;
+      names->erase(call.text);
+    }
+  }
+
+  const bool syncs_;
+  std::map<int, std::string> synced_;
+  std::map<std::string, int> names_;
+  std::map<int, std::vector<const Call*>> unsynced_;
+  std::vector<const Call*> unsynced_names_;
+};
+
+/// What stands against the store in `folder`, or nothing. `least` was acknowledged, `most` was tried.
+std::string Check(const std::string& folder, bool made, const std::array<int, 3>& least,
+                  const std::array<int, 3>& most) {
+  const auto opened = vconf::OpenStore(folder);
+  if (!opened.ok()) {
+    return !made && opened.code() == vconf::Code::kMissing ? "" : "does not open: " + opened.text();
+  }
+  std::string wrong;
+  for (const auto& entry : kInitial) {
+    if (const auto value = vconf::Get(entry.path); !value.ok() || *value != entry.value)
+      wrong = entry.path + " is lost";
+  }
+  for (std::size_t key = 0; key < kKeys.size(); ++key) {
+    const int number = NumberIn(key);
+    if (number < least.at(key) || number > most.at(key)) {
+      wrong = std::string(kKeys.at(key)) + " holds " + std::to_string(number) + ", acknowledged was " +
+              std::to_string(least.at(key)) + ", tried " + std::to_string(most.at(key));
+    }
+  }
+  if (vconf_set_int(kKeys[0], most[0]) != 0) wrong = "cannot be written";
+  vconf::CloseStore();
+  return wrong;
+}
+
+/// Opens `states` disks, made up along the whole record; how many were wrong. The first one is told.
+int Replay(const std::string& folder, int states, bool syncs, std::mt19937& random, std::string* first) {
+  const std::vector<Call>& calls = TheRecorder().calls;
+  Disk disk(syncs);
+  std::array<int, 3> least{};
+  std::array<int, 3> most{};
+  bool made = false;
+  int done = 0;
+  int wrong = 0;
+  for (std::size_t i = 0; i < calls.size(); ++i) {
+    const Call& call = calls[i];
+    disk.Take(call);
+    if (call.kind == Kind::kTry) most.at(static_cast<std::size_t>(call.file)) = static_cast<int>(call.at);
+    if (call.kind == Kind::kAcknowledge) {
+      made = true;
+      if (call.file >= 0) least.at(static_cast<std::size_t>(call.file)) = static_cast<int>(call.at);
+    }
+    for (; static_cast<std::size_t>(done) * calls.size() < (i + 1) * static_cast<std::size_t>(states); ++done) {
+      disk.Write(folder, random);
+      if (const std::string text = Check(folder, made, least, most); !text.empty() && wrong++ == 0) {
+        *first = "after call " + std::to_string(i) + ": " + text;
+      }
+    }
+  }
+  return wrong;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  testing::InitGoogleTest(&argc, argv);
+  const int states = argc > 1 ? std::atoi(argv[1]) : 10'000;
+  const unsigned seed = argc > 2 ? static_cast<unsigned>(std::atoi(argv[2])) : std::random_device{}();
+  if (states <= 0 || argc > 3) {
+    std::fputs("usage: power [STATES [SEED]]\n", stderr);
+    return 2;
+  }
+  std::fprintf(stderr, "power: seed %u\n", seed);
+  dlog::SetSink([](const dlog::Line&) {});
+  const TemporaryFolder folder(access("/dev/shm", W_OK) == 0 ? "/dev/shm" : std::filesystem::temp_directory_path());
+  std::mt19937 random(seed);
+  RecordAStore(folder / "store", 200);
+  std::string first;
+  const int wrong = Replay(folder / "disk", states, true, random, &first);
+  EXPECT_EQ(wrong, 0) << first;
+  // The same record, as if no sync had ever reached the disk: what finds nothing there would find nothing here.
+  const int without = Replay(folder / "disk", std::max(100, states / 20), false, random, &first);
+  EXPECT_GT(without, 0);
+  std::printf("power: %d states along %zu calls, %d wrong; without the syncs %d of %d are, such as %s\n", states,
+              TheRecorder().calls.size(), wrong, without, std::max(100, states / 20), first.c_str());
+  return testing::UnitTest::GetInstance()->ad_hoc_test_result().Failed() ? 1 : 0;
+}
