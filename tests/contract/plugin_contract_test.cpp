@@ -61,7 +61,15 @@ TEST_F(ContractTest, Settings) {
                 1);
     }
   }
-  for (const auto& [table, names] : kNames) EXPECT_EQ(rows[table], names.size()) << table;
+  PlatformCalls calls;
+  for (const auto& [table, names] : kNames) {
+    EXPECT_EQ(rows[table], names.size()) << table;
+    for (const char* command : {"read", "watch", "unwatch"}) {
+      const Json reply = Parsed(page.Send(AskKey(kCatalog["tables"][table][command], static_cast<int>(names.size()))));
+      EXPECT_NE(reply["code"], 0) << table << command;
+    }
+  }
+  for (const std::string& call : calls.Take()) EXPECT_FALSE(call.starts_with("vconf_")) << call;
 }
 
 TEST_F(ContractTest, Commands) {
@@ -100,7 +108,7 @@ TEST_F(ContractTest, SpeedsErrorsAndPrivilege) {
 
   const Json refusals[] = {Answer(page, "x", false), Answer(page, "setMenuValue", true),
                            Answer(page, "getMenuValue", false),
-                           Answer(page, "getMiradoValue", false, R"("propertyKey":1)")};
+                           Answer(page, "getMiradoValue", false, R"("propertyKey":99)")};
   ASSERT_EQ(kCatalog["errors"].size(), std::size(refusals));
   for (const Json& reply : refusals) {
     EXPECT_EQ(reply["errorName"], kCatalog["errors"][to_string(reply["code"])]["name"]) << reply;

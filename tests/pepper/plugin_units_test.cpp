@@ -28,7 +28,8 @@ TEST_F(PluginTest, TracesAPathBackToTheFirstRowThatBeginsWithIt) {
   EXPECT_EQ(Handler::ConvertMiradoChangeKey(mode.c_str()), -1);
   EXPECT_EQ(calls.Take(), (Lines{"log 0 4 PluginMirado.cpp ConvertCaptionKey > Can't find the key[" +
                                      std::to_string(CAPTION_SETTING_MAP_SIZE) + "]",
-                                 "log 0 4 PluginMirado.cpp ConvertMiradoChangeKey > Can't find the key[1]"}));
+                                 "log 0 4 PluginMirado.cpp ConvertMiradoChangeKey > Can't find the key[" +
+                                     std::to_string(MIRADO_MAP_SIZE) + "]"}));
 }
 
 TEST_F(PluginTest, CallbacksGuardAgainstWhatTheyCannotServe) {
@@ -58,7 +59,7 @@ TEST_F(PluginTest, TheManagerChangesARecordOnlyOnSuccess) {
     return Record{result, value.iValue, value.sValue};
   };
   EXPECT_EQ(got(14), Record(9, 7, "old"));
-  EXPECT_EQ(got(22), Record(26, 7, "old"));
+  EXPECT_EQ(got(CAPTION_SETTING_MAP_SIZE), Record(26, 7, "old"));
   EXPECT_EQ(got(20), Record(0, 8, "NORMAL"));
   EXPECT_EQ(got(15), Record(0, 0, "old"));
   const auto confirmed = [&](unsigned int key, int requested) {
