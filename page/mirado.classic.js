@@ -1,4 +1,4 @@
-// script/generate makes this from mirado.js, for pages without modules. Global: `mirado`.
+// Made by script/generate of mirado.js, for pages without modules. Global: `mirado`.
 var mirado = (function () {
 "use strict";
 // Pages on a set run in an engine of generation 47. So this file keeps to ECMAScript 5 and to what that engine offers,
