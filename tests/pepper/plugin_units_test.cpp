@@ -10,6 +10,7 @@
 #include "message_loop_control.h"
 #include "pepper/plugin_fixture.h"
 #include "ppapi/cpp/message_loop.h"
+#include "ppapi/cpp/var_dictionary.h"
 #include "vconf.h"
 
 namespace {
@@ -35,7 +36,7 @@ TEST_F(PluginTest, TracesAPathBackToTheFirstRowThatBeginsWithIt) {
 TEST_F(PluginTest, CallbacksGuardAgainstWhatTheyCannotServe) {
   pp::Instance instance(0);
   Handler handler(&instance);
-  EXPECT_EQ(Text(handler.createMessage(0, pp::Var(), "", "")), Done("null")) << "undefined goes out as null";
+  EXPECT_TRUE(pp::VarDictionary(handler.createMessage(0, pp::Var(), "", "")).Get("value").is_null());
   _keynode_t node{"db/other"};
   PlatformCalls calls;
   Handler::CaptionVconfCb(nullptr, nullptr);
