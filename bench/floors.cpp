@@ -88,8 +88,8 @@ BareStore::~BareStore() {
   mdb_env_close(env_);
 }
 
-int BareStore::Read() {
-  MDB_val at = Bytes(key_);
+int BareStore::Read(std::string& key) {
+  MDB_val at = Bytes(key);
   MDB_val value{};
   mdb_txn_renew(reader_);
   const int status = mdb_get(reader_, tree_, &at, &value);

@@ -66,7 +66,8 @@ class BareStore {
   BareStore& operator=(const BareStore&) = delete;
   ~BareStore();
 
-  int Read();
+  int Read() { return Read(key_); }
+  int Read(std::string& key);
   void Write(int value);
 
  private:

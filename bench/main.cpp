@@ -10,6 +10,7 @@
 
 #include "growth.h"
 #include "rows.h"
+#include "shared_words.h"
 #include "simulated.h"
 
 namespace {
@@ -27,11 +28,14 @@ Growth RowsOnly(const Effort& effort) {
   return {{}, Rows(effort)};
 }
 
-constexpr std::array<Measurement, 13> kMeasurements{{
+constexpr std::array<Measurement, 16> kMeasurements{{
     {"warm", "warm round trip", RowsOnly<WarmRow>},
     {"parked", "round trip to a parked worker", RowsOnly<ParkedRow>},
     {"dbus", "read through D-Bus", RowsOnly<DbusRow>},
     {"work", "the commands' own work", RowsOnly<WorkRows>},
+    {"read", "reads of the store", RowsOnly<ReadRow>},
+    {"beside", "writes in memory beside a durable writer", RowsOnly<BesideRow>},
+    {"watchers", "many listening processes", RowsOnly<WatchersRow>},
     {"write", "durable write", RowsOnly<WriteRow>},
     {"event", "change to event", RowsOnly<EventRows>},
     {"host", "start and memory of the host", RowsOnly<HostRows>},
@@ -103,6 +107,10 @@ int main(int argc, char** argv) {
   bool instances = false;
   std::string out;
   std::string writer;
+  std::string hand_over;
+  std::string sleeper;
+  std::string listener;
+  std::string durable_writer;
   std::string service;
   std::string address;
   app.add_option("rows", names, "What to measure; everything when left out")->check(CLI::IsMember(known));
@@ -111,12 +119,20 @@ int main(int argc, char** argv) {
   app.add_option("--scratch", Scratch::Place(), "A folder on the file system that is measured");
   app.add_flag("--instances", instances)->group("");
   app.add_option("--writer", writer)->group("");
+  app.add_option("--hand-over", hand_over)->group("");
+  app.add_option("--sleeper", sleeper)->group("");
+  app.add_option("--listener", listener)->group("");
+  app.add_option("--durable-writer", durable_writer)->group("");
   app.add_option("--dbus-service", service)->group("");
   app.add_option("--address", address)->group("");
   CLI11_PARSE(app, argc, argv);
   try {
     if (instances) return RunInstances();
     if (!writer.empty()) return RunWriter(writer);
+    if (!hand_over.empty()) return RunHandOver(hand_over);
+    if (!sleeper.empty()) return RunSleeper(sleeper);
+    if (!listener.empty()) return RunListener(listener);
+    if (!durable_writer.empty()) return RunDurableWriter(durable_writer);
     if (!service.empty()) return RunDbusService(service, address);
     return Measure(names, quick ? kQuickEffort : kFullEffort, out);
   } catch (const Stop&) {

@@ -16,6 +16,9 @@ std::vector<Row> WorkRows(const Effort& effort);
 // The store: writes and the events that follow from them.
 std::vector<Row> WriteRow(const Effort& effort);
 std::vector<Row> EventRows(const Effort& effort);
+std::vector<Row> ReadRow(const Effort& effort);
+std::vector<Row> BesideRow(const Effort& effort);
+std::vector<Row> WatchersRow(const Effort& effort);
 
 // The program and the library.
 std::vector<Row> HostRows(const Effort& effort);

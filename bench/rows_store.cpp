@@ -1,8 +1,16 @@
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <fstream>
 #include <stdexcept>
+#include <thread>
 
 #include "floors.h"
 #include "ppapi/cpp/var_dictionary.h"
 #include "rows.h"
+#include "shared_words.h"
 #include "simulated.h"
 #include "vconf.h"
 
@@ -54,8 +62,115 @@ std::vector<Row> WriteRow(const Effort& effort) {
       return time;
     });
   };
-  return {AtMost("`setMenuValue` on a `db/` key, post to reply, durable", "LMDB write with sync",
-                 Compare(effort, floor, ours), 1.15)};
+  const std::string log = folder.path() / "log";
+  const int file = open(log.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  const std::string block(1U << 20U, 'x');
+  if (file < 0 || write(file, block.data(), block.size()) < 0 || fsync(file) != 0) throw std::runtime_error(log);
+  off_t at = 0;
+  const auto append = [&] {
+    return MedianOf(effort.singles, [&] {
+      std::array<char, 64> record{};
+      const auto start = Clock::now();
+      if (pwrite(file, record.data(), record.size(), at) < 0 || fdatasync(file) != 0) throw std::runtime_error(log);
+      at = (at + 64) % (1 << 20);
+      return Since(start);
+    });
+  };
+  const std::string what = "`setMenuValue` on a `db/` key, post to reply, durable";
+  std::vector<Row> rows{AtMost(what, "LMDB write with sync", Compare(effort, floor, ours), 0.9),
+                        AtMost(what, "preallocated append with `fdatasync`", Compare(effort, append, ours), 1.5)};
+  close(file);
+  return rows;
+}
+
+std::vector<Row> ReadRow(const Effort& effort) {
+  constexpr int kKeys = 30;
+  const Set set;
+  std::vector<std::string> paths;
+  for (int i = 0; i < kKeys; ++i) {
+    paths.push_back("db/menu/other/setting/number/" + std::to_string(i));  // those of the bare store
+    if (vconf_set_int(paths.back().c_str(), i) != 0) throw std::runtime_error("a write failed");
+  }
+  const Scratch folder;
+  BareStore bare(folder.path(), 0, kDiskKey, kKeys);
+  int turn = 0;
+  long sum = 0;
+  const auto floor = [&] { return PerCall(effort, [&] { sum += bare.Read(paths[++turn % kKeys]); }); };
+  const auto ours = [&] {
+    return PerCall(effort, [&] {
+      int value = -1;
+      vconf_get_int(paths[++turn % kKeys].c_str(), &value);
+      sum += value;
+    });
+  };
+  Row row = AtMost("`vconf_get_int`, one key after another", "LMDB read", Compare(effort, floor, ours), 1);
+  if (sum <= 0) throw std::runtime_error("a read failed");
+  return {std::move(row)};
+}
+
+std::vector<Row> BesideRow(const Effort& effort) {
+  const Set set;
+  int value = 0;
+  const auto p99 = [&] {
+    std::vector<double> times;
+    for (int i = 0; i < 50 * effort.singles; ++i) {
+      const auto start = Clock::now();
+      if (vconf_set_int(kMemoryKey, ++value) != 0) throw std::runtime_error("a write failed");
+      times.push_back(Since(start));
+      if (i % 64 == 0) std::this_thread::sleep_for(std::chrono::microseconds(500));
+    }
+    CheckStop();
+    std::sort(times.begin(), times.end());
+    return times[times.size() * 99 / 100];
+  };
+  const auto beside = [&] {
+    Child child({OwnProgram(), "--durable-writer", set.store()});
+    child.ReadLine();
+    return p99();
+  };
+  return {AtMost("`memory/` write next to a durable writer, p99", "the same alone", Compare(effort, p99, beside), 2)};
+}
+
+namespace {
+
+double CpuOf(const std::vector<std::unique_ptr<Child>>& children) {
+  double sum = 0;
+  for (const auto& child : children) {
+    for (const auto& task : std::filesystem::directory_iterator("/proc/" + std::to_string(child->pid()) + "/task")) {
+      double nanoseconds = 0;
+      if (std::ifstream(task.path() / "schedstat") >> nanoseconds) sum += nanoseconds;
+    }
+  }
+  return sum;
+}
+
+}  // namespace
+
+std::vector<Row> WatchersRow(const Effort& effort) {
+  constexpr int kProcesses = 64;
+  constexpr int kChanges = 20;
+  const Set set;
+  const Scratch folder("/dev/shm");
+  const std::string file = folder.path() / "words";
+  SharedWords words(file);
+  const auto measure = [&](const std::vector<std::string>& command, const std::function<void(int)>& change) {
+    std::vector<std::unique_ptr<Child>> children;
+    for (int i = 0; i < kProcesses; ++i) children.push_back(std::make_unique<Child>(command));
+    for (const auto& child : children) child->ReadLine();
+    return [children = std::make_shared<decltype(children)>(std::move(children)), change] {
+      const double before = CpuOf(*children);
+      for (int i = 0; i < kChanges; ++i) {
+        change(i);
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+      }
+      CheckStop();
+      return (CpuOf(*children) - before) / kChanges;
+    };
+  };
+  const auto floor = measure({OwnProgram(), "--sleeper", file}, [&](int) { words.Ring(); });
+  const auto ours = measure({OwnProgram(), "--listener", set.store()}, [](int i) { vconf_set_int(kMemoryKey, i); });
+  return {AtMost("CPU time of 64 listening processes for one change", "64 bare futex wake-ups",
+                 Compare(effort, floor, ours), 2)};
 }
 
 std::vector<Row> EventRows(const Effort& effort) {
@@ -104,8 +219,40 @@ std::vector<Row> EventRows(const Effort& effort) {
     };
     const std::string beside = "condition-variable hand-over and LMDB write, as durable";
     const std::string key = std::string("change of a ") + each.what + " key to event at the page, ";
-    rows.push_back(AtMost(key + "same process", beside, Compare(effort, floor, same), 1.5));
-    rows.push_back(AtMost(key + "another process", beside, Compare(effort, floor, other), 2.5));
+    const bool disk = each.path == kDiskKey;
+    rows.push_back(AtMost(key + "same process", beside, Compare(effort, floor, same), disk ? 1.15 : 1.1));
+    if (disk) {
+      rows.push_back(AtMost(key + "another process", beside, Compare(effort, floor, other), 1.3));
+      continue;
+    }
+    const std::string file = folder.path() / "words";
+    SharedWords words(file);
+    Child giver({OwnProgram(), "--hand-over", file});
+    giver.ReadLine();
+    std::atomic<Clock::time_point> taken{Clock::time_point()};
+    std::jthread taker([&](const std::stop_token& stop) {
+      while (true) {
+        words.Await(words.Rings());
+        if (stop.stop_requested()) return;
+        static_cast<void>(words.Take());
+        taken = Clock::now();
+        taken.notify_one();
+      }
+    });
+    const auto hand_over = [&] {
+      return MedianOf(effort.singles, [&] {
+        Rest();
+        taken = Clock::time_point();
+        giver.Write(std::to_string(++value) + "\n");
+        const Clock::time_point start{Clock::duration(std::stoll(giver.ReadLine()))};
+        taken.wait(Clock::time_point());
+        return Between(start, taken.load());
+      });
+    };
+    rows.push_back(AtMost(key + "another process", "hand-over between two processes: slot, robust lock, futex",
+                          Compare(effort, hand_over, other), 1.5));
+    taker.request_stop();
+    words.Ring();
   }
   return rows;
 }

@@ -17,6 +17,9 @@ namespace {
 constexpr std::uint32_t kApplication = 0x6d697261;
 constexpr int kBusyMilliseconds = static_cast<int>(std::chrono::milliseconds(kLockLimit).count());
 
+// How many pages the log holds before they are copied to the database.
+constexpr int kLogPages = 256;
+
 constexpr const char* kPut = "INSERT OR REPLACE INTO entries VALUES (?1, ?2, ?3, ?4)";
 constexpr const char* kRemove = "DELETE FROM entries WHERE path = ?1";
 
@@ -114,7 +117,7 @@ Result<std::unique_ptr<Database>> Database::Connect(const std::string& file, int
   sqlite3_db_config(connection, SQLITE_DBCONFIG_ENABLE_TRIGGER, 0, nullptr);
   Status status = database->Run("PRAGMA synchronous = FULL");
   if (status.ok()) {
-    status = database->Run("PRAGMA wal_autocheckpoint = 256");
+    sqlite3_wal_autocheckpoint(connection, kLogPages);
   }
   return status.ok() ? Result(std::move(database)) : std::move(status);
 }
@@ -156,6 +159,24 @@ Result<std::unique_ptr<Database>> Database::Open(const Folder& folder, bool writ
     sqlite3_db_config((*opened)->connection_, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
   }
   return opened;
+}
+
+// Zeros are no part of the log to SQLite. Nobody writes to it meanwhile, programs of other people included.
+void Database::ReserveLog() {
+  constexpr sqlite3_int64 kLogSize = 32 + (kLogPages + 2) * (4096 + 24);
+  constexpr int kStep = 65536;
+  sqlite3_file* log = nullptr;
+  sqlite3_int64 size = 0;
+  if (Run("BEGIN IMMEDIATE").ok() &&
+      sqlite3_file_control(connection_, nullptr, SQLITE_FCNTL_JOURNAL_POINTER, &log) == SQLITE_OK &&
+      log->pMethods != nullptr && log->pMethods->xFileSize(log, &size) == SQLITE_OK && size < kLogSize) {
+    const std::string zeros(kStep, '\0');
+    while (size < kLogSize && log->pMethods->xWrite(log, zeros.data(), kStep, size) == SQLITE_OK) {
+      size += kStep;
+    }
+    static_cast<void>(log->pMethods->xSync(log, SQLITE_SYNC_NORMAL));
+  }
+  static_cast<void>(Run("COMMIT"));
 }
 
 Database::~Database() {

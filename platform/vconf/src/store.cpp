@@ -338,6 +338,7 @@ Status Store::Connect(const Region& region) {
   auto opened = Database::Open(*folder, true);
   if (opened.ok()) {
     database_ = *std::move(opened);
+    database_->ReserveLog();
   }
   return opened.status();
 }
