@@ -29,14 +29,20 @@ it("names every setting of the plug-in by its key and path", () => {
     const value = ({ type, key }) => (type === "bool" ? true : key + 100);
     const { replies, messages } = host([
       ...ask(watch), ...settings.map((setting) => ({ set: { [setting.path]: value(setting) } })), { settle: true },
-      ...ask(read), { send: { command: read, propertyKey: settings.length } }]);
+      ...ask(read), { send: { command: watch, propertyKey: settings.length } }]);
     const keys = settings.map(({ key }) => key);
     assert.deepEqual(keys, Array.from(keys.keys()));
     assert.deepEqual(messages.filter((message) => message.event === event).map((message) => message.value), keys);
-    const values = replies.slice(settings.length).map((reply) => reply.value);
-    assert.deepEqual(values, [...settings.map((setting) =>
-      setting.watchOnly ? null : setting.values?.speeds ? catalog.otherSpeed : Number(value(setting))), null]);
+    assert.notEqual(replies.pop().code, 0, `the plug-in has more ${name} keys`);
+    assert.deepEqual(replies.slice(settings.length).map((reply) => reply.value), settings.map((setting) =>
+      setting.watchOnly ? null : setting.values?.speeds ? catalog.otherSpeed : Number(value(setting))));
   }
+});
+
+it("names every command of the plug-in", () => {
+  const source = readFileSync(`${root}pepper/src/PluginMirado.cpp`, "utf8");
+  const served = Array.from(source.matchAll(/^ +\{"(\w+)", &MiradoMessageHandler::/gm), ([, name]) => name);
+  assert.deepEqual(catalog.commands.filter(({ posted }) => !posted).map(({ name }) => name).sort(), served.sort());
 });
 
 it("names the speeds, the errors and the privilege of the plug-in", () => {
