@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <iostream>
 #include <numeric>
 #include <utility>
@@ -76,7 +77,10 @@ int WithStore(const StoreChoice& store, Absent absent, const std::function<vconf
   dlog::SetThreshold(kNothing);  // the store logs what a status says again
   auto opened = absent == Absent::kReport && store.Named() ? vconf::OpenStore(store.folder) : OpenSet(store.folder);
   if (!opened.ok()) {
-    const bool none = opened.code() == vconf::Code::kMissing && !store.folder.empty();
+    std::error_code failed;
+    const bool none = opened.code() == vconf::Code::kMissing && !store.folder.empty() &&
+                      (!std::filesystem::exists(store.folder, failed) ||
+                       (std::filesystem::is_empty(store.folder, failed) && !failed));
     const bool damaged = opened.code() == vconf::Code::kDamaged;
     Complain(opened.text() + (none      ? "; `mirado reset --store FOLDER` makes one"
                               : damaged ? "; `mirado reset --force` moves it aside and makes a new one"

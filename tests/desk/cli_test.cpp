@@ -219,6 +219,7 @@ TEST_F(CliTest, AStoreIsMadeWhereThereIsNoneAndReplacedOnlyByForce) {
     EXPECT_TRUE(Holds(outcome.log, none + ": there is no store here")) << outcome.log;
     EXPECT_TRUE(std::filesystem::is_empty(none)) << command;
   }
+  EXPECT_EQ(RunAsIs({"set", "CAPTION", "1", "--store", folder().path()}).status, 3) << "a folder of other files";
   EXPECT_EQ(RunAsIs({"set", "CAPTION", "1", "--store", none}).status, 0);
   EXPECT_EQ(RunAsIs({"get", "0", "--store", none}).out, "1\n");
 
