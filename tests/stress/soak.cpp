@@ -296,12 +296,12 @@ void RunSoak(double seconds, unsigned seed) {
   EXPECT_EQ(vconf::OpenOrCreateStore(store, desk::DefaultEntries()).text(), "");
   vconf::CloseStore();
   auto& writers = SharedWithForks<Writers>();
-  std::array<std::unique_ptr<Forked>, kChanged.size()> processes;
+  std::array<std::unique_ptr<Process>, kChanged.size()> processes;
   // They begin to write when all who listen do.
   std::array<int, 2> start{};
   EXPECT_EQ(pipe2(start.data(), O_CLOEXEC), 0);
   for (std::size_t which = 0; which < processes.size(); ++which) {
-    processes[which] = std::make_unique<Forked>([&, which](int) {
+    processes[which] = std::make_unique<Process>([&, which] {
       close(start[1]);
       char end = 0;
       static_cast<void>(!read(start[0], &end, 1));
@@ -326,6 +326,7 @@ void RunSoak(double seconds, unsigned seed) {
   std::thread listening([&] { listener.HearOut(); });
   close(start[0]);
   close(start[1]);
+  EXPECT_EQ(vconf::Set("set/soak", 1).text(), "");  // the first write opens the database
   const int descriptors = OwnUsage().descriptors;
 
   const auto begun = Clock::now();
@@ -343,7 +344,7 @@ void RunSoak(double seconds, unsigned seed) {
 
   EXPECT_EQ(vconf::ClearFaults().text(), "");
   writers.stop = true;
-  for (auto& process : processes) process->Join();
+  for (auto& process : processes) EXPECT_EQ(process->Wait(), 0) << "a process of the run failed";
   soak.CloseAll();
   vconf::Settle();
   EXPECT_EQ(OwnUsage().descriptors + 3, descriptors) << "all but the pipes of the three that write";
