@@ -46,38 +46,6 @@ bool Progress::Stopped() { return g_stopped != 0; }
 
 std::string Progress::Remark() { return Stopped() ? " (stopped early)" : ""; }
 
-Forked::Forked(const std::function<void(int)>& work) {
-  std::array<int, 2> ends{};
-  EXPECT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
-  pid_ = fork();
-  EXPECT_GE(pid_, 0);
-  if (pid_ == 0) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    static_cast<void>(std::signal(SIGINT, SIG_IGN));  // it is the parent's to end the run
-    close(ends[0]);
-    work(ends[1]);
-    _exit(testing::UnitTest::GetInstance()->ad_hoc_test_result().Failed() ? 1 : 0);
-  }
-  close(ends[1]);
-  pipe_ = ends[0];
-}
-
-void Forked::Kill() {
-  if (pid_ < 0) return;
-  kill(pid_, SIGKILL);
-  waitpid(pid_, nullptr, 0);
-  pid_ = -1;
-  close(pipe_);
-}
-
-void Forked::Join() {
-  int status = 0;
-  EXPECT_EQ(waitpid(pid_, &status, 0), pid_);
-  EXPECT_EQ(status, 0) << "a process of the run failed";
-  pid_ = -1;
-  close(pipe_);
-}
-
 Witness::Witness() : thread_([this](const std::stop_token& stop) { Watch(stop); }) {}
 
 Clock::duration Witness::Blamed(Clock::time_point begin, Clock::time_point end) {

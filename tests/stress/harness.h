@@ -54,32 +54,6 @@ class Progress {
   Clock::time_point shown_ = Clock::now();
 };
 
-/// A process of its own that runs `work`, with a pipe on which it can tell its parent something. It dies with its
-/// parent. To be made while this process has one thread and no store open.
-class Forked {
- public:
-  /// `work` gets the pipe's writing end.
-  explicit Forked(const std::function<void(int)>& work);
-  Forked(const Forked&) = delete;
-  Forked& operator=(const Forked&) = delete;
-  ~Forked() { Kill(); }
-
-  /// Waits for the next record of the process; false when it has ended and nothing is left.
-  template <typename Record>
-  bool Read(Record* record) const {
-    return read(pipe_, record, sizeof *record) == static_cast<ssize_t>(sizeof *record);
-  }
-
-  void Signal(int signal) const { kill(pid_, signal); }
-  void Kill();
-  /// Waits until `work` has returned.
-  void Join();
-
- private:
-  pid_t pid_ = -1;
-  int pipe_ = -1;
-};
-
 /// Memory that a process shares with those it forks; `T` is not destroyed.
 template <typename T>
 T& SharedWithForks();

@@ -109,7 +109,7 @@ void Read(const std::string& store, Seen& seen, int pipe) {
 /// The writer dies while it makes the store: it is there afterwards with all that a new one holds, whoever made it.
 void KillMaker(const std::string& store, std::chrono::microseconds life) {
   {
-    Forked maker([&](int pipe) { Write(store, pipe); });
+    Process maker([&](int pipe) { Write(store, pipe); });
     std::this_thread::sleep_for(life);
   }
   EXPECT_EQ(vconf::OpenOrCreateStore(store, desk::DefaultEntries()).text(), "");
@@ -128,7 +128,7 @@ void RunKill(double kills, unsigned seed) {
   vconf::CloseStore();
 
   auto& seen = SharedWithForks<Seen>();
-  Forked reader([&](int pipe) { Read(store, seen, pipe); });
+  Process reader([&](int pipe) { Read(store, seen, pipe); });
   char ready = 0;
   EXPECT_TRUE(reader.Read(&ready));
 
@@ -146,7 +146,7 @@ void RunKill(double kills, unsigned seed) {
       KillMaker(folder / "new", life(3'000));
       continue;
     }
-    Forked writer([&](int pipe) { Write(store, pipe); });
+    Process writer([&](int pipe) { Write(store, pipe); });
     auto least = held;
     const auto take = [&] {
       Acknowledged next{};
@@ -180,7 +180,7 @@ void RunKill(double kills, unsigned seed) {
   }
 
   seen.stop = true;
-  reader.Join();
+  EXPECT_EQ(reader.Wait(), 0) << "a process of the run failed";
   EXPECT_EQ(seen.torn, 0U);
   EXPECT_EQ(seen.back_in_time, 0U);
   EXPECT_EQ(seen.failed_writes, 0U);

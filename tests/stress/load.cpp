@@ -87,7 +87,7 @@ void RunLoad(double requests, unsigned /*seed*/) {
   const std::string id = desk.Ask("POST", "/api/pages", {{"grace", 3600}}).json().value("id", "");
   const auto alone = Measure(progress, desk, id, requests, 0);
   auto& tally = SharedWithForks<Tally>();
-  Forked crowd([&](int pipe) { Crowd(desk.port(), tally, pipe); });
+  Process crowd([&](int pipe) { Crowd(desk.port(), tally, pipe); });
   char ready = 0;
   EXPECT_TRUE(crowd.Read(&ready));
   EXPECT_EQ(desk.Ask("GET", "/api/pages").json()["pages"].size(), kOthers + 1U);
@@ -103,6 +103,7 @@ void RunLoad(double requests, unsigned /*seed*/) {
   const double mean = static_cast<double>(tally.waited_us - waited_before) / 1000 / std::max(asked_meanwhile, 1);
   const double heard = (tally.heard - heard_before) / seconds / kOthers;
   crowd.Kill();
+  crowd.Wait();
   desk.End();
   // The others ask as fast as they are answered, so on a slow machine all wait for one another; none waits much longer.
   EXPECT_LT(Quantile(crowded, 0.99), std::max(1'000.0, 10 * mean)) << "milliseconds; the others wait " << mean;

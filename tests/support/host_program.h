@@ -3,22 +3,21 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <csignal>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "base/json.h"
 #include "support/files.h"
+#include "support/process.h"
 
-/// The program `mirado`, running, with pipes to its input and output. Its stderr goes to a file. It dies with the
-/// thread that made it; Ctrl-C at the terminal does not reach it.
+/// The program `mirado`, running, with pipes to its input and output. Its stderr goes to a file.
 class Program {
  public:
   Program(std::vector<std::string> arguments, const std::string& log) {
@@ -32,17 +31,15 @@ class Program {
       argv.push_back(argument.data());
     }
     argv.push_back(nullptr);
-    pid_ = fork();
-    EXPECT_GE(pid_, 0);
-    if (pid_ == 0) {
+    process_.emplace([&] {
       setpgid(0, 0);
-      prctl(PR_SET_PDEATHSIG, SIGKILL);
+      static_cast<void>(std::signal(SIGINT, SIG_DFL));
       dup2(in[0], STDIN_FILENO);
       dup2(out[1], STDOUT_FILENO);
       dup2(open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600), STDERR_FILENO);
       execv(MIRADO_PROGRAM, argv.data());
-      _exit(127);
-    }
+      return 127;
+    });
     close(in[0]);
     close(out[1]);
     in_ = in[1];
@@ -51,10 +48,7 @@ class Program {
   Program(const Program&) = delete;
   Program& operator=(const Program&) = delete;
   ~Program() {
-    if (pid_ > 0) {
-      kill(pid_, SIGKILL);
-      Wait();
-    }
+    process_.reset();
     CloseInput();
     CloseOutput();
   }
@@ -91,15 +85,10 @@ class Program {
 
   void CloseInput() { Close(in_); }
   void CloseOutput() { Close(out_); }
-  void Signal(int signal) const { kill(pid_, signal); }
+  void Signal(int signal) const { process_->Signal(signal); }
 
-  /// The exit status, or the signal that ended it as a negative number.
-  int Wait() {
-    int status = 0;
-    EXPECT_EQ(waitpid(pid_, &status, 0), pid_);
-    pid_ = -1;
-    return WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
-  }
+  /// The exit status, or minus the signal that ended it.
+  int Wait() { return process_->Wait(); }
 
  private:
   bool Receive() {
@@ -119,7 +108,7 @@ class Program {
     fd = -1;
   }
 
-  pid_t pid_ = -1;
+  std::optional<Process> process_;
   int in_ = -1;
   int out_ = -1;
   std::string heard_;

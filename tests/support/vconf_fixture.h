@@ -12,6 +12,7 @@
 
 #include "dlog_control.h"
 #include "support/files.h"
+#include "support/process.h"
 #include "vconf.h"
 #include "vconf_control.h"
 
@@ -62,45 +63,4 @@ class VconfTest : public testing::Test {
   std::vector<std::string> log_;
   // In memory where that can be, for these tests write much.
   TemporaryFolder folder_{access("/dev/shm", W_OK) == 0 ? "/dev/shm" : testing::TempDir()};
-};
-
-/// Another process that runs `body`, which returns its exit status.
-class Process {
- public:
-  explicit Process(const std::function<int()>& body) : id_(fork()) {
-    if (id_ == 0) {
-      _exit(body());
-    }
-  }
-  Process(const Process&) = delete;
-  Process& operator=(const Process&) = delete;
-  ~Process() {
-    Kill();
-    Wait();
-  }
-
-  pid_t id() const { return id_; }
-  void Signal(int signal) const {
-    if (id_ > 0) {
-      kill(id_, signal);
-    }
-  }
-  void Kill() const { Signal(SIGKILL); }
-  /// Returns when it has stopped.
-  void Stop() const {
-    Signal(SIGSTOP);
-    waitpid(id_, nullptr, WUNTRACED);
-  }
-  /// The exit status, or minus the signal that ended it.
-  int Wait() {
-    int status = 0;
-    if (id_ > 0) {
-      waitpid(id_, &status, 0);
-      id_ = -1;
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-  }
-
- private:
-  pid_t id_;
 };

@@ -1,0 +1,94 @@
+#pragma once
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <csignal>
+#include <type_traits>
+#include <utility>
+
+/// Another process, which runs `body` and has a pipe on which it can tell its parent something. It dies with its holder
+/// and with the thread that made it; Ctrl-C at the terminal does not end it.
+class Process {
+ public:
+  /// `body` may take the pipe's writing end. Its result is the exit status; where it has none, that is whether an
+  /// expectation failed in it.
+  template <typename Body>
+  explicit Process(const Body& body) {
+    std::array<int, 2> ends{};
+    EXPECT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
+    id_ = fork();
+    EXPECT_GE(id_, 0);
+    if (id_ == 0) {
+      prctl(PR_SET_PDEATHSIG, SIGKILL);
+      static_cast<void>(std::signal(SIGINT, SIG_IGN));
+      close(ends[0]);
+      _exit(Result(body, ends[1]));
+    }
+    close(ends[1]);
+    pipe_ = ends[0];
+  }
+  Process(const Process&) = delete;
+  Process& operator=(const Process&) = delete;
+  ~Process() {
+    Kill();
+    Wait();
+  }
+
+  /// Waits for the next record on the pipe; false when the process has ended and nothing is left.
+  template <typename Record>
+  bool Read(Record* record) const {
+    return read(pipe_, record, sizeof *record) == static_cast<ssize_t>(sizeof *record);
+  }
+
+  pid_t id() const { return id_; }
+
+  void Signal(int signal) const {
+    if (id_ > 0) {
+      kill(id_, signal);
+    }
+  }
+  void Kill() const { Signal(SIGKILL); }
+
+  /// Returns when it has stopped.
+  void Stop() const {
+    Signal(SIGSTOP);
+    waitpid(id_, nullptr, WUNTRACED);
+  }
+
+  /// The exit status, or minus the signal that ended it. Nothing can be read afterwards.
+  int Wait() {
+    int status = 0;
+    if (id_ > 0) {
+      EXPECT_EQ(waitpid(id_, &status, 0), id_);
+      id_ = -1;
+      close(std::exchange(pipe_, -1));
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+  }
+
+ private:
+  template <typename Body>
+  static int Result(const Body& body, int pipe) {
+    const auto run = [&] {
+      if constexpr (std::is_invocable_v<Body, int>) {
+        return body(pipe);
+      } else {
+        return body();
+      }
+    };
+    if constexpr (std::is_void_v<decltype(run())>) {
+      run();
+      return testing::UnitTest::GetInstance()->ad_hoc_test_result().Failed() ? 1 : 0;
+    } else {
+      return run();
+    }
+  }
+
+  pid_t id_ = -1;
+  int pipe_ = -1;
+};
