@@ -31,11 +31,8 @@ foreach(component_and_package runtime:mirado development:mirado-dev)
   list(GET parts 1 package)
   install(FILES ${PROJECT_SOURCE_DIR}/cmake/debian/copyright DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${package}
           COMPONENT ${component})
-  install(CODE "
-    set(history \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_DATADIR}/doc/${package}/changelog.gz\")
-    execute_process(COMMAND gzip -9n INPUT_FILE \"${PROJECT_SOURCE_DIR}/cmake/debian/changelog\"
-                    OUTPUT_FILE \"\${history}\" COMMAND_ERROR_IS_FATAL ANY)"
-          COMPONENT ${component})
+  mirado_install_compressed(${PROJECT_SOURCE_DIR}/cmake/debian/changelog
+                            ${CMAKE_INSTALL_DATADIR}/doc/${package} ${component})
 endforeach()
 
 include(CMakePackageConfigHelpers)

@@ -22,6 +22,16 @@ function(mirado_install target folder)
   install(TARGETS ${target} RUNTIME DESTINATION ${folder} LIBRARY DESTINATION ${folder})
 endfunction()
 
+# mirado_install_compressed(file folder component): installs the file as Debian wants manual pages and histories.
+function(mirado_install_compressed file folder component)
+  get_filename_component(name ${file} NAME)
+  install(DIRECTORY DESTINATION ${folder} COMPONENT ${component})
+  install(CODE "
+    execute_process(COMMAND gzip -9n INPUT_FILE \"${file}\" COMMAND_ERROR_IS_FATAL ANY
+                    OUTPUT_FILE \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${folder}/${name}.gz\")"
+          COMPONENT ${component})
+endfunction()
+
 add_library(mirado_flags INTERFACE)
 target_compile_options(mirado_flags INTERFACE -Wall -Wextra -Wpedantic -Wconversion)
 target_link_options(mirado_flags INTERFACE -Wl,--as-needed)
