@@ -29,7 +29,7 @@ struct TestEmbedder {
   static inline PP_Instance last_instance = 0;
   static inline std::int32_t status = 0;
   static inline pp::Var reply{true};
-  static inline pp::Var name{"OstraWRT"};
+  static inline pp::Var name;
 
   static void Offer() {
     static const PPB_ExtensionSystem_Norvika_0_1 record = {

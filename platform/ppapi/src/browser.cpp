@@ -72,7 +72,7 @@ class LoadedPlugin final : public Plugin {
 
 std::unique_ptr<Plugin> Plugin::Load(const std::string& path, std::string* error) {
   const auto fail = [&](const std::string& cause) {
-    *error = cause.starts_with(path + ": ") ? cause : path + ": " + cause;  // the loader mostly names it
+    *error = cause.starts_with(path + ": ") ? cause : path + ": " + cause;  // the loader's texts mostly begin with it
     return nullptr;
   };
   if (Module::Get() != nullptr) return fail("a plug-in is loaded already");

@@ -63,7 +63,7 @@ namespace {
 void BuryIfLast(const PP_Var& var, PP_VarNode** dead) noexcept {
   PP_VarNode* const node = var.value.as_node;
   if (node == nullptr) return;
-  // Who holds the only reference needs no atomic change to give it up.
+  // The only holder of a node needs no atomic operation to give it up.
   if (node->references.load(std::memory_order_acquire) != 1 &&
       node->references.fetch_sub(1, std::memory_order_acq_rel) != 1) {
     return;
@@ -118,7 +118,7 @@ struct DictionaryNode final : PP_VarNode {
 };
 
 /// A few dictionaries that are not in use, with the memory of their entries. A reply is made on the worker and freed on
-/// the page's thread, which the allocator does not like: the spares save about a seventh of a warm message's time.
+/// the page's thread, which is slow in the allocator. The spares save about a seventh of a warm message's time.
 class SpareDictionaries {
  public:
   /// An empty dictionary, owned by the caller. Any thread.
@@ -143,7 +143,7 @@ class SpareDictionaries {
 
  private:
 #if defined(MIRADO_SANITIZE_ADDRESS)
-  static constexpr std::size_t kSpares = 0;  // it sees the use of what was freed, not of what was put by
+  static constexpr std::size_t kSpares = 0;  // so that the sanitizer sees when a freed one is used
 #else
   static constexpr std::size_t kSpares = 8;
 #endif
