@@ -24,6 +24,7 @@ class UniqueFd {
   ~UniqueFd() { Close(); }
 
   void Close();
+  int Release() { return std::exchange(number_, -1); }  ///< The caller owns it from now on.
   int get() const { return number_; }
   explicit operator bool() const { return number_ >= 0; }
 

@@ -2,6 +2,7 @@
 
 #include <filesystem>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <system_error>
 #include <utility>
@@ -23,6 +24,7 @@ struct HostOptions {
   StoreChoice store;
   std::string record;
   int log_level = 4;
+  bool report = false;
 };
 
 /// A file that holds something already; what is no regular file, such as a pipe, holds nothing that could be lost.
@@ -30,6 +32,66 @@ bool WouldBeLost(const std::string& file) {
   std::error_code ignored;
   return std::filesystem::is_regular_file(file, ignored) && !std::filesystem::is_empty(file, ignored);
 }
+
+/// What comes out, in an order that a reader can rely on: a log line before what comes of it, a subscription before the
+/// reply that says it stands.
+class Output {
+ public:
+  Output(ShutdownSignal& end, bool reports) : reports_(reports), writer_(STDOUT_FILENO, [&end] { end.Raise(); }) {
+    if (reports_) {
+      dlog::SetSink([this](const dlog::Line& line) { Log(line); });
+    }
+  }
+  Output(const Output&) = delete;
+  Output& operator=(const Output&) = delete;
+  ~Output() { dlog::SetSink({}); }
+
+  void Write(std::string line) { writer_.Write(std::move(line)); }
+
+  /// Any thread.
+  void Say(const Json& line) {
+    const std::lock_guard lock(mutex_);
+    if (auto watches = reports_ ? vconf::SubscribedPaths() : watches_; watches != watches_) {
+      watches_ = std::move(watches);
+      Write(WriteLine(Out::kWatches, ToText(watches_)));
+    }
+    if (recorder_ != nullptr) {
+      recorder_->Out(line);
+    } else {
+      Write(ToText(line));
+    }
+  }
+
+  /// What is wrong with the output itself, as errno; 0 for nothing.
+  int error() { return writer_.error(); }
+
+  /// The recorder, null when nothing is recorded. The session's thread.
+  Recorder* recorder() { return recorder_.get(); }
+
+  /// Begins a recording, in the place of another; null ends it.
+  void Record(Recorder::Keep keep) {
+    std::unique_ptr<Recorder> next;
+    if (keep) {
+      next = std::make_unique<Recorder>(std::move(keep), [this](std::string text) { Write(std::move(text)); });
+    }
+    const std::lock_guard lock(mutex_);
+    recorder_.swap(next);
+  }
+
+ private:
+  void Log(const dlog::Line& line) {
+    Write(WriteLine(Out::kLog, ToText({{"priority", dlog::Format(line).substr(0, 1)},
+                                       {"tag", line.tag},
+                                       {"logId", line.log_id},
+                                       {"text", line.text}})));
+  }
+
+  const bool reports_;
+  LineWriter writer_;
+  std::mutex mutex_;  // guards the two below
+  std::vector<std::string> watches_;
+  std::unique_ptr<Recorder> recorder_;
+};
 
 int Host(const HostOptions& options) {
   if (WouldBeLost(options.record)) {
@@ -43,42 +105,42 @@ int Host(const HostOptions& options) {
              (options.store.folder.empty() ? ": " + opened.text() : ""));
   }
   dlog::SetThreshold(options.log_level);
-  LineWriter writer(STDOUT_FILENO, [&end] { end.Raise(); });
-  std::unique_ptr<Recorder> recorder;
+  Output output(end, options.report);
   if (!options.record.empty()) {
-    recorder =
-        std::make_unique<Recorder>(options.record, [&writer](std::string text) { writer.Write(std::move(text)); });
-    if (recorder->Failed()) {
+    output.Record(Recorder::In(options.record));
+    if (output.recorder()->Failed()) {
       Complain(options.record + ": cannot be written");
       return kCannotWork;
     }
   }
-  const auto say = [&](const Json& line) {
-    if (recorder != nullptr) {
-      recorder->Out(line);
-    } else {
-      writer.Write(ToText(line));
-    }
-  };
-  auto started = Session::Start(options.plugin, say);
+  auto started = Session::Start(options.plugin, [&output](const Json& line) { output.Say(line); });
   if (!started.ok()) {
     Complain(started.status().text());
     return kCannotWork;
   }
   std::unique_ptr<Session> session = *std::move(started);
   const auto handle = [&](std::string_view line, const Request& request) {
+    if (options.report && request.kind == In::kRecord) {
+      session->Settle();
+      output.Record(request.argument == false ? Recorder::Keep() : [&output](std::string_view line) {
+        output.Write(WriteLine(Out::kRecord, line));
+        return true;
+      });
+      return vconf::Status();
+    }
     end.WaitFor(-1, Latency(request));  // not in the recorder's time: what others change meanwhile is theirs
+    Recorder* const recorder = output.recorder();
     return recorder != nullptr ? recorder->Handle(*session, line, request) : session->Handle(request);
   };
-  bool all_good = ReadRequests(STDIN_FILENO, end, handle, [&](const Json& error) { writer.Write(ToText(error)); });
+  bool all_good = ReadRequests(STDIN_FILENO, end, handle, [&](const Json& error) { output.Write(ToText(error)); });
   session.reset();
   vconf::CloseStore();
-  if (recorder != nullptr && recorder->Failed()) {
+  if (output.recorder() != nullptr && output.recorder()->Failed()) {
     Complain(options.record + ": is incomplete, it could not be written to the end");
     all_good = false;
   }
-  if (writer.error() != 0) {
-    Complain(OutputFailed(writer.error()).text());
+  if (output.error() != 0) {
+    Complain(OutputFailed(output.error()).text());
     return kCannotWork;
   }
   return all_good ? kDone : kRefused;
@@ -94,7 +156,8 @@ void AddHostCommand(CLI::App& app, Run& run) {
   {"post": MESSAGE}       the page does not wait:  {"message": DELIVERY}, sooner or later
   {"set": {PATH: VALUE}}  somebody changes the store
   {"settle": true}        all that was asked has been handled, all changes told:  {"settled": true}
-A line that is none of these is answered {"error": …} and changes nothing. Log lines go to stderr.
+A line that is none of these is answered {"error": {"line": 7, "text": …}} and changes nothing. Log lines
+go to stderr, or with --report out as {"log": …}; then {"watches": [PATH…]} tells of subscriptions.
 The session ends with its input, or on SIGINT or SIGTERM. Exit status: 0, 1 when there were bad lines,
 2 for a wrong command line, 3 when the plug-in cannot be loaded, FILE holds something already,
 or nobody takes what comes out.)");
@@ -105,6 +168,8 @@ or nobody takes what comes out.)");
                    "Drop log lines below 2 verbose … 4 info, 6 error, 7 fatal; 8 drops all")
       ->check(CLI::Range(2, kNoLog))
       ->capture_default_str();
+  command->add_flag("--report", options->report,
+                    "Tell of log lines and subscriptions in JSON lines too, and take record");
   command->add_option("--record", options->record, "Write what goes in and comes out, for `mirado replay`")
       ->type_name("FILE");
   command->callback([options, &run] { run = [options] { return Host(*options); }; });

@@ -5,12 +5,14 @@
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <iostream>
 #include <system_error>
 #include <utility>
 
 #include "base/files.h"
 #include "base/terminal.h"
+#include "set/catalog.h"
 #include "set/simulated_set.h"
 
 namespace desk {
@@ -62,6 +64,13 @@ vconf::Status ReadStart(const ParsedJson& json, Recording& recording) {
   auto state = StateFromJson(json);
   if (state.ok()) {
     recording.state = *std::move(state);
+  }
+  // Recordings that have none began with the session.
+  for (const ParsedJson& path : json.value("watches", ParsedJson::array())) {
+    if (!path.is_string()) {
+      return NotRecorded("watches something that is no path");
+    }
+    recording.watches.push_back(path);
   }
   return state.status();
 }
@@ -130,6 +139,13 @@ vconf::Result<std::vector<ParsedJson>> Play(const Recording& recording, const st
     return started.status();
   }
   std::unique_ptr<Session> session = *std::move(started);
+  for (const std::string& path : recording.watches) {
+    if (const Setting* const setting = FindSetting(path)) {
+      static_cast<void>(
+          session->Handle({In::kSend, {{"command", setting->table->watch}, {"propertyKey", setting->key}}}));
+    }
+  }
+  out.clear();  // the replies to these
   for (const std::string& line : recording.in) {
     const auto request = ParseRequest(line);
     // A change that failed when it was recorded fails here too; it is no output of the plug-in.
@@ -142,14 +158,22 @@ vconf::Result<std::vector<ParsedJson>> Play(const Recording& recording, const st
 
 }  // namespace
 
-Recorder::Recorder(const std::string& file, Hear hear) : hear_(std::move(hear)), stream_(file, std::ios::trunc) {
+Recorder::Keep Recorder::In(const std::string& file) {
+  // Each line is flushed: what a session did until it was killed is what one wants to see most.
+  return [stream = std::make_shared<std::ofstream>(file, std::ios::trunc)](std::string_view line) {
+    *stream << line << std::endl;
+    return stream->good();
+  };
+}
+
+Recorder::Recorder(Keep keep, Hear hear) : keep_(std::move(keep)), hear_(std::move(hear)) {
   // A change that comes meanwhile waits for the first line.
   const std::lock_guard lock(mutex_);
   auto watch = vconf::WatchPrefix("", [this](const vconf::Change& change) { OnChange(change); });
   const auto state = DescribeState();
   for (const vconf::Status& status : {watch.status(), state.status()}) {
     if (!status.ok()) {
-      std::cerr << file << ": lacks what stands in the store: " << status.text() << '\n';
+      std::cerr << "the recording lacks what stands in the store: " << status.text() << '\n';
       break;
     }
   }
@@ -160,7 +184,8 @@ Recorder::Recorder(const std::string& file, Hear hear) : hear_(std::move(hear)),
   if (state.ok()) {
     start.update(*state);
   }
-  stream_ << ToText(start) << std::endl;
+  start["watches"] = vconf::SubscribedPaths();
+  failed_ = !keep_(ToText(start));
 }
 
 vconf::Status Recorder::Handle(Session& session, std::string_view line, const Request& request) {
@@ -194,12 +219,12 @@ void Recorder::Out(const Json& line) {
 
 bool Recorder::Failed() {
   const std::lock_guard lock(mutex_);
-  return !stream_.good();
+  return failed_;
 }
 
-// Each line is flushed: what a session did until it was killed is what one wants to see most.
 void Recorder::WriteLocked(const char* name, std::string_view text) {
-  stream_ << R"({")" << name << R"(": )" << text << '}' << std::endl;
+  std::string line = R"({")";
+  failed_ = !keep_(line.append(name).append(R"(": )").append(text).append("}")) || failed_;
 }
 
 // What changes while a request is handled changes again when the request is played.

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <fstream>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -15,7 +14,7 @@
 
 /// A session on file: the store as it was at the start, then what went in and what came out, as JSON lines.
 ///
-///   {"recording": 1, "state": {"db/menu/caption/caption": 0, …}, "faults": [{"call": …}, …]}
+///   {"recording": 1, "state": {"db/menu/caption/caption": 0, …}, "faults": [{"call": …}, …], "watches": ["path", …]}
 ///   {"in": {"send": {"command": "getVersion"}}}
 ///   {"out": {"reply": {"code": 0, "value": "4.0", "errorName": "", "errorMessage": ""}}}
 ///
@@ -31,9 +30,15 @@ class Recorder {
   /// Takes a line that comes out, as text; one at a time.
   using Hear = std::function<void(std::string)>;
 
-  /// Writes the first line with what the open store holds now, and notes changes from then on. `Failed` tells whether
-  /// the file can be written. What comes out goes to `hear` as well.
-  Recorder(const std::string& file, Hear hear);
+  /// Takes a line of the recording, without its newline, and tells whether it could be kept; one at a time.
+  using Keep = std::function<bool(std::string_view)>;
+
+  /// Keeps the first line with what the open store holds now and what the plug-in is subscribed to, and notes changes
+  /// from then on. What comes out goes to `hear` as well.
+  Recorder(Keep keep, Hear hear);
+
+  /// Keeps the lines in `file`.
+  static Keep In(const std::string& file);
 
   /// Does `request`, which came in as `line`. A recording must say the same each time it is played, so everything is
   /// seen through before and after it, and what comes out of it is heard when it is over: who changes something upon
@@ -51,9 +56,10 @@ class Recorder {
   void WriteLocked(const char* name, std::string_view text);
   void OnChange(const vconf::Change& change);
 
+  const Keep keep_;
   const Hear hear_;
   std::mutex mutex_;  // guards the three below
-  std::ofstream stream_;
+  bool failed_ = false;
   bool handling_ = false;
   std::vector<std::string> unheard_;     // what has come out of the request that is handled
   std::unique_ptr<vconf::Watch> watch_;  // last, so that it ends first
@@ -61,6 +67,7 @@ class Recorder {
 
 struct Recording {
   SetState state;
+  std::vector<std::string> watches;  ///< the paths that the plug-in was subscribed to already
   std::vector<std::string> in;
   std::vector<ParsedJson> out;
 };

@@ -13,18 +13,6 @@
 namespace desk {
 namespace {
 
-struct KindName {
-  std::string_view name;
-  Request::Kind kind;
-};
-
-constexpr std::array<KindName, 4> kKinds = {{
-    {"send", Request::Kind::kSend},
-    {"post", Request::Kind::kPost},
-    {"set", Request::Kind::kSet},
-    {"settle", Request::Kind::kSettle},
-}};
-
 constexpr char kForm[] = R"(a line is an object with one of "send", "post", "set" and "settle")";
 
 vconf::Status BadSetting(const std::string& path) {
@@ -32,6 +20,9 @@ vconf::Status BadSetting(const std::string& path) {
 }
 
 vconf::Status CheckArgument(const Request& request) {
+  if (request.kind == Request::Kind::kRecord && !request.argument.is_boolean()) {
+    return BadValue(R"("record" takes true or false)");
+  }
   if (request.kind == Request::Kind::kSettle && request.argument != true) {
     return BadValue(R"("settle" takes true)");
   }
@@ -49,9 +40,9 @@ vconf::Status CheckArgument(const Request& request) {
   return {};
 }
 
-Json Line(const char* name, Json value) {
+Json Line(Out kind, Json value) {
   Json line = Json::object();
-  line[name] = std::move(value);
+  line[std::string(kOutNames[static_cast<std::size_t>(kind)])] = std::move(value);
   return line;
 }
 
@@ -68,11 +59,11 @@ vconf::Result<Request> ParseRequest(std::string_view line) {
     return BadValue(kForm);
   }
   const std::string& name = json.begin().key();
-  const auto kind = std::ranges::find(kKinds, name, &KindName::name);
-  if (kind == kKinds.end()) {
+  const auto* const kind = std::ranges::find(kInNames, name);
+  if (kind == kInNames.end()) {
     return BadValue("unknown \"" + name + "\": " + kForm);
   }
-  Request request{kind->kind, std::move(json.begin().value())};
+  Request request{static_cast<In>(kind - kInNames.begin()), std::move(json.begin().value())};
   if (auto wrong = CheckArgument(request); !wrong.ok()) {
     return wrong;
   }
@@ -100,7 +91,7 @@ bool ReadRequests(int input, const ShutdownSignal& end,
     const vconf::Status status = request.ok() ? handle(line, *request) : request.status();
     if (!status.ok()) {
       all_good = false;
-      complain({{"error", "line " + std::to_string(number) + ": " + status.text()}});
+      complain(Line(Out::kError, {{"line", number}, {"text", status.text()}}));
     }
   }
 }
@@ -133,7 +124,7 @@ vconf::Result<std::unique_ptr<Session>> Session::Start(const std::string& plugin
           return;  // an event of a subscription that stands until the instance is destroyed
         }
         ended = message.is_string() && message.AsString() == "Unregister";
-        say(Line("message", ToJson(message)));
+        say(Line(Out::kMessage, ToJson(message)));
       });
   if (session->page_ == nullptr) {
     return vconf::Status(vconf::Code::kFailed, plugin + ": makes no instance");
@@ -152,7 +143,7 @@ Session::~Session() {
 vconf::Status Session::Handle(const Request& request) {
   switch (request.kind) {
     case Request::Kind::kSend:
-      say_(Line("reply", ToJson(page_->Send(ToVar(request.argument)))));
+      say_(Line(Out::kReply, ToJson(page_->Send(ToVar(request.argument)))));
       break;
     case Request::Kind::kPost:
       page_->Post(ToVar(request.argument));
@@ -167,8 +158,10 @@ vconf::Status Session::Handle(const Request& request) {
       break;
     case Request::Kind::kSettle:
       Settle();
-      say_(Line("settled", true));
+      say_(Line(Out::kSettled, true));
       break;
+    case Request::Kind::kRecord:
+      return BadValue(R"("record" is for a host that was started with --report)");
   }
   return {};
 }

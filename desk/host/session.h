@@ -9,17 +9,13 @@
 #include "base/json.h"
 #include "base/lines.h"
 #include "browser_control.h"
+#include "host/protocol.h"
 
 namespace desk {
 
 /// One line of a session's input, understood.
 struct Request {
-  enum class Kind {
-    kSend,    ///< a message on whose reply the page waits
-    kPost,    ///< a message that the page does not wait on
-    kSet,     ///< somebody else changes the set's store
-    kSettle,  ///< wait until everything so far has been handled
-  };
+  using Kind = In;
   Kind kind;
   ParsedJson argument;
 };

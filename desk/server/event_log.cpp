@@ -5,73 +5,62 @@
 namespace desk {
 namespace {
 
-// One batch is written in one go; a reader that is far behind gets several.
-constexpr std::size_t kBatchBytes = 256UL * 1024;
-
-void Append(std::string& text, std::uint64_t number, std::string_view name, std::string_view data) {
-  text.append("id: ").append(std::to_string(number)).append("\nevent: ").append(name);
-  text.append("\ndata: ").append(data).append("\n\n");
-}
+// The event itself, the shared text and its place in memory.
+std::size_t SizeOf(const EventLog::Event& event) { return event.data->size() + 96; }
 
 }  // namespace
 
-void EventLog::Add(std::string_view name, std::string data) {
-  {
-    const std::lock_guard lock(mutex_);
-    if (closed_) {
-      return;
-    }
-    bytes_ += data.size();
-    events_.push_back({std::string(name), std::move(data)});
-    ++newest_;
-    while (events_.size() > 1 && (events_.size() > limits_.events || bytes_ > limits_.bytes)) {
-      bytes_ -= events_.front().data.size();
-      events_.pop_front();
-    }
+void EventLog::Add(const char* name, Text data) {
+  if (closed_) {
+    return;
   }
-  changed_.notify_all();
+  events_.push_back({.name = name, .data = std::move(data)});
+  bytes_ += SizeOf(events_.back());
+  ++newest_;
+  while (events_.size() > 1 && (events_.size() > limits_.events || bytes_ > limits_.bytes)) {
+    bytes_ -= SizeOf(events_.front());
+    events_.pop_front();
+  }
+  Tell();
 }
 
-EventLog::Batch EventLog::Next(std::uint64_t position, std::chrono::milliseconds patience) const {
-  std::unique_lock lock(mutex_);
-  changed_.wait_for(lock, patience, [&] { return closed_ || newest_ != position; });
-  Batch batch{.text = {}, .position = position, .closed = false};
+std::optional<EventLog::Event> EventLog::Next(std::uint64_t& position) const {
   const std::uint64_t gone = newest_ - events_.size();
   if (position < gone || position > newest_) {
     // A position that was never reached is one of an earlier run; the reader cannot know what it missed either.
-    const std::uint64_t start = position < gone ? gone : newest_;
-    Append(batch.text, start, "lost", "{\"count\":" + std::to_string(position < gone ? gone - position : 0) + "}");
-    batch.position = start;
+    const std::uint64_t count = position < gone ? gone - position : 0;
+    position = position < gone ? gone : newest_;
+    return Event{.name = "lost", .data = MakeText("{\"count\":" + std::to_string(count) + "}")};
   }
-  while (batch.position < newest_ && batch.text.size() < kBatchBytes) {
-    const Event& event = events_[batch.position - gone];
-    Append(batch.text, ++batch.position, event.name, event.data);
+  if (position == newest_) {
+    return std::nullopt;
   }
-  batch.closed = closed_ && batch.position == newest_;
-  return batch;
+  return events_[position++ - gone];
 }
 
-std::uint64_t EventLog::Position() const {
-  const std::lock_guard lock(mutex_);
-  return newest_;
-}
-
-std::vector<std::string> EventLog::Kept() const {
-  const std::lock_guard lock(mutex_);
-  std::vector<std::string> kept;
-  kept.reserve(events_.size());
+std::string EventLog::Join(std::string_view name) const {
+  std::string text;
+  text.reserve(bytes_);
+  text.append("{\"").append(name).append("\":[");
+  std::string_view separator;
   for (const Event& event : events_) {
-    kept.push_back(event.data);
+    text.append(std::exchange(separator, ",")).append(*event.data);
   }
-  return kept;
+  return text + "]}";
 }
 
 void EventLog::Close() {
-  {
-    const std::lock_guard lock(mutex_);
-    closed_ = true;
+  closed_ = true;
+  Tell();
+}
+
+// A reader that is told may leave, and others with it.
+void EventLog::Tell() const {
+  for (std::size_t index = readers_.size(); index-- > 0;) {
+    if (index < readers_.size()) {
+      readers_[index]->OnEvents();
+    }
   }
-  changed_.notify_all();
 }
 
 }  // namespace desk

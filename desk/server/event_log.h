@@ -1,61 +1,79 @@
 #pragma once
 
-#include <chrono>
-#include <condition_variable>
+// The last of a row of numbered events: what streams read and what a page's history is made of.
+
 #include <cstdint>
 #include <deque>
-#include <mutex>
+#include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 namespace desk {
 
-/// The last of a row of numbered events, for readers that come, go and come back. The first event has number 1. Every
-/// function may be called on any thread.
+/// Text that several logs and streams hold at once.
+using Text = std::shared_ptr<const std::string>;
+
+inline Text MakeText(std::string text) { return std::make_shared<const std::string>(std::move(text)); }
+
+/// Numbered events for readers that come, go and come back. The first event has number 1. The loop's thread alone.
 class EventLog {
  public:
   struct Limits {
     std::size_t events;
-    std::size_t bytes;
+    std::size_t bytes;  ///< with what keeping an event takes beside its data
   };
 
-  /// What a reader gets: server-sent events, ready to be written, and where it stands now.
-  struct Batch {
-    std::string text;
-    std::uint64_t position;
-    bool closed;  ///< no more will come
+  struct Event {
+    const char* name;  ///< lives for ever
+    Text data;         ///< one line of JSON
+  };
+
+  /// Who is told that there is something to read, or that no more will come.
+  class Reader {
+   public:
+    virtual void OnEvents() = 0;
+
+   protected:
+    ~Reader() = default;
   };
 
   /// Keeps no more than `limits` allows, the newest event in any case.
   explicit EventLog(Limits limits) : limits_(limits) {}
+  EventLog(const EventLog&) = delete;
+  EventLog& operator=(const EventLog&) = delete;
 
-  /// `data` must be one line. After `Close` it does nothing.
-  void Add(std::string_view name, std::string data);
+  /// After `Close` it does nothing.
+  void Add(const char* name, Text data);
 
-  /// The events behind `position`, waiting up to `patience` for one. Where some of them are gone, or the position was
-  /// never reached, the batch begins with an event `lost` that says how many.
-  Batch Next(std::uint64_t position, std::chrono::milliseconds patience) const;
+  /// The event behind `position`, which is moved on to it; nothing when there is none. Where some are gone, or the
+  /// position was never reached, it is an event `lost` with their number, and the position is moved before the oldest.
+  std::optional<Event> Next(std::uint64_t& position) const;
 
   /// The number of the newest event, 0 without one.
-  std::uint64_t Position() const;
+  std::uint64_t newest() const { return newest_; }
 
-  /// The data of all that is kept, oldest first.
-  std::vector<std::string> Kept() const;
+  bool closed() const { return closed_; }
 
-  /// Lets every reader go once it has read what is there.
+  /// The data of all that is kept, oldest first, as {"NAME":[…]}.
+  std::string Join(std::string_view name) const;
+
+  const std::deque<Event>& kept() const { return events_; }
+
+  /// No more events; the readers learn of it.
   void Close();
 
+  /// `reader` stays until it is detached, also while it is called.
+  void Attach(Reader* reader) { readers_.push_back(reader); }
+  void Detach(Reader* reader) { std::erase(readers_, reader); }
+
  private:
-  struct Event {
-    std::string name;
-    std::string data;
-  };
+  void Tell() const;
 
   const Limits limits_;
-  mutable std::mutex mutex_;
-  mutable std::condition_variable changed_;
   std::deque<Event> events_;
+  std::vector<Reader*> readers_;
   std::size_t bytes_ = 0;
   std::uint64_t newest_ = 0;
   bool closed_ = false;

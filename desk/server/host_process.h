@@ -1,84 +1,98 @@
 #pragma once
 
+// A child process that speaks in lines, on the loop.
+
 #include <sys/types.h>
 
-#include <atomic>
 #include <chrono>
-#include <mutex>
-#include <optional>
+#include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
-#include <thread>
 #include <vector>
 
-#include "base/lines.h"
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/posix/stream_descriptor.hpp>
+#include <boost/asio/steady_timer.hpp>
 
 namespace desk {
 
-/// A child process that speaks in lines. It ends with this object, and with this process in whatever way that ends.
-///
-/// One thread of its own starts the child, carries its lines and waits for its end; it calls the listener, and it
-/// alone.
-class HostProcess {
+/// A child process with pipes to its input, output and log (stderr). It dies with this process, in whatever way that
+/// ends. The loop's thread alone, which must be one that lives as long as the process.
+class HostProcess : public std::enable_shared_from_this<HostProcess> {
  public:
   class Listener {
    public:
     virtual void OnLine(std::string_view line) = 0;
     virtual void OnLogLine(std::string_view line) = 0;
-    /// The last call. `wait_status` is as `waitpid` gives it.
+    /// There is room for lines again, after `HasRoom` has said no.
+    virtual void OnRoom() = 0;
+    /// The last call. The child is gone; `wait_status` is as `waitpid` gives it.
     virtual void OnEnd(int wait_status) = 0;
 
    protected:
     ~Listener() = default;
   };
 
-  /// Runs `command`, whose first part is the program's path. A `kept_descriptor` stays open in the child under its
-  /// number; the caller keeps it for the constructor's time. A program that cannot be run counts as one that ended
-  /// with status 127, and its log says why. `listener` must outlive this object.
-  HostProcess(std::vector<std::string> command, int kept_descriptor, Listener& listener);
+  static constexpr int kDescriptors = 4;                       ///< what one takes of this process
+  static constexpr std::size_t kMaxQueue = 8UL * 1024 * 1024;  ///< bytes that a child may leave unread
 
-  /// Ends the child as `End` does and returns when `OnEnd` has.
+  /// Runs `command`, whose first part is the program's path. A program that cannot be run counts as one that ended with
+  /// status 127, and its log says why. `listener` must live until `OnEnd`, which comes in any case. Throws
+  /// `std::system_error` when there is no room for a process or its pipes.
+  static std::shared_ptr<HostProcess> Start(boost::asio::io_context& loop, const std::vector<std::string>& command,
+                                            Listener& listener);
+
   ~HostProcess();
-
   HostProcess(const HostProcess&) = delete;
   HostProcess& operator=(const HostProcess&) = delete;
 
-  /// False when the child has left so much unread that with `line` it would be more than 8 MiB. One that is ended or
-  /// ending has room for everything. Any thread.
-  bool HasRoom(std::string_view line);
+  /// False when the child has left so much unread that no more is taken. One that is ending has room for everything.
+  bool HasRoom() const { return ending_ || queue_.size() - written_ <= kMaxQueue; }
 
-  /// Queues one line, given without its newline; returns at once. It is for the caller to ask for room first. A line
-  /// for a child that is ended or ending is dropped: `OnEnd` is what answers it. Any thread.
+  /// Queues one line, given without its newline. A line for a child that is ending is dropped: `OnEnd` answers it.
   void Write(std::string_view line);
 
   /// Closes the child's input after what is queued, which asks it to end; one that has not after two seconds is killed.
-  /// Returns at once. Any thread.
   void End();
 
-  /// Kills the child. Any thread.
   void Kill();
 
   pid_t pid() const { return pid_; }
 
  private:
-  struct Pipes;
+  using Descriptor = boost::asio::posix::basic_stream_descriptor<boost::asio::io_context::executor_type>;
 
-  Pipes Start(int kept_descriptor);
-  void Run(Pipes pipes);
-  bool WriteQueued(UniqueFd& input);
+  // Cuts what a pipe brings at the newlines.
+  struct Lines {
+    Descriptor pipe;
+    std::string rest;  // a line that has not ended yet
+  };
 
-  const std::vector<std::string> command_;
-  Listener& listener_;
-  UniqueFd wake_;
-  UniqueFd child_;  // a descriptor of the process itself, readable once it has ended
+  HostProcess(boost::asio::io_context& loop, Listener& listener);
+
+  void Run(const std::vector<std::string>& command);
+  void AwaitOutput(Lines& lines, void (Listener::*hand_on)(std::string_view));
+  bool ReadOnce(Lines& lines, void (Listener::*hand_on)(std::string_view));
+  void Drain(Lines& lines, void (Listener::*hand_on)(std::string_view));
+  void WriteQueued();
+  void AwaitEnd();
+
+  boost::asio::io_context& loop_;
+  Listener* listener_;  // null once the child has ended
+  Descriptor input_;
+  Lines output_;
+  Lines log_;
+  Descriptor child_;  // the process itself, readable once it has ended
+  boost::asio::basic_waitable_timer<std::chrono::steady_clock, boost::asio::wait_traits<std::chrono::steady_clock>,
+                                    boost::asio::io_context::executor_type>
+      kill_timer_;
   pid_t pid_ = -1;
-
-  std::mutex mutex_;
-  std::string queue_;                                             // guarded by mutex_
-  std::optional<std::chrono::steady_clock::time_point> kill_at_;  // guarded by mutex_; set when it is to end
-  bool ended_ = false;                                            // guarded by mutex_
-
-  std::thread thread_;
+  std::string queue_;
+  std::size_t written_ = 0;  // how much of the queue the child's pipe has taken
+  bool writing_ = false;     // waits for the pipe to take more
+  bool was_full_ = false;
+  bool ending_ = false;
 };
 
 }  // namespace desk

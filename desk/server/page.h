@@ -1,18 +1,19 @@
 #pragma once
 
+// One page with its plug-in process: its messages, what came of them, and how long it lives.
+
+#include <algorithm>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
-#include <map>
+#include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
-#include <set>
 #include <string>
 #include <string_view>
-#include <thread>
 #include <vector>
+
+#include <boost/asio/io_context.hpp>
 
 #include "base/json.h"
 #include "server/event_log.h"
@@ -25,6 +26,11 @@ struct HostCommand {
   std::string program;
   std::string plugin;
   std::string store;
+
+  /// The command line of a host that reports its log lines and subscriptions.
+  std::vector<std::string> Arguments() const {
+    return {program, "host", "--report", "--plugin", plugin, "--store", store};
+  }
 };
 
 /// What a page says of itself.
@@ -34,12 +40,14 @@ struct PageDescription {
   std::chrono::seconds grace{5};  ///< how long it lives without a stream and without a message
 };
 
-/// One page with its plug-in process. Every function may be called on any thread.
+/// One page. The loop's thread alone.
 class Page final : private HostProcess::Listener {
  public:
+  using Clock = std::chrono::steady_clock;
+
   struct Message {
-    bool waits;  ///< a send, not a post
-    ParsedJson body;
+    bool waits;                          ///< a send, not a post
+    std::string_view body;               ///< JSON text
     std::optional<std::int64_t> number;  ///< the page's own, to recognise a message that it sends again
   };
 
@@ -47,17 +55,31 @@ class Page final : private HostProcess::Listener {
     kDone,
     kGone,     ///< there is no plug-in process, or it ended before it replied
     kFull,     ///< the plug-in has fallen so far behind that no more is taken
-    kRefused,  ///< the host would not take the message; the text is in `error`
+    kRefused,  ///< the host would not take the message; `text` says why
   };
   struct Result {
     Outcome outcome = Outcome::kDone;
-    std::optional<Json> reply;  ///< when there was a send
-    std::string error;
+    std::string text = {};  ///< the reply as JSON when there was a send that was not skipped
+  };
+  using OnResult = std::function<void(const Result&)>;
+
+  /// What a page reports of.
+  class Watcher {
+   public:
+    /// The page is not heard of any more and should leave.
+    virtual void OnAbandoned(Page& page) = 0;
+    /// The last of its process is gone. The page may be destroyed in this call.
+    virtual void OnEnded(Page& page) = 0;
+
+   protected:
+    ~Watcher() = default;
   };
 
-  /// Starts the plug-in. What happens to the page is told to `everything`, which must outlive it.
-  Page(int number, PageDescription description, const HostCommand& command, EventLog& everything);
-  ~Page();
+  /// Starts the plug-in. What happens to the page is told to `everything`; both must outlive it. Throws
+  /// `std::system_error` when there is no room for its process.
+  Page(boost::asio::io_context& loop, int number, PageDescription description, const HostCommand& command,
+       EventLog& everything, Watcher& watcher);
+  ~Page() = default;
 
   Page(const Page&) = delete;
   Page& operator=(const Page&) = delete;
@@ -65,20 +87,36 @@ class Page final : private HostProcess::Listener {
   const std::string& id() const { return id_; }
   int number() const { return number_; }
 
-  /// Hands `messages` to the plug-in in their order and waits for the reply where one does. Messages whose number is
-  /// not above all that came before are skipped; a send that is skipped has no reply.
-  Result Submit(std::vector<Message> messages);
+  /// Hands `messages` to the plug-in in their order. `on_result` is called once: at once, or with the reply where one
+  /// waits. Messages whose number is not above all that came before are skipped; a send that is skipped has no reply.
+  /// Returns a ticket for `Forget`, 0 when nothing waits.
+  std::uint64_t Submit(const std::vector<Message>& messages, OnResult on_result);
+
+  /// How many wait for a reply.
+  static constexpr std::ptrdiff_t kMaxWaiting = 16;  ///< what a caller should allow; a page in a browser has one
+  std::ptrdiff_t waiting() const {
+    return std::ranges::count_if(sends_, [](const PendingSend& send) { return bool(send.on_result); });
+  }
+
+  /// Nobody waits for the reply any more.
+  void Forget(std::uint64_t ticket);
+
+  /// Calls `on_room` once the plug-in takes messages again, or is gone.
+  void AwaitRoom(std::function<void()> on_room) { waiting_for_room_.push_back(std::move(on_room)); }
 
   Json Describe() const;
   bool Watches(std::string_view path) const;
 
   /// What the plug-in sent to the page: `message` and `crash`.
-  const EventLog& deliveries() const { return deliveries_; }
+  EventLog& deliveries() { return deliveries_; }
   const EventLog& dialogue() const { return dialogue_; }
   const EventLog& log() const { return log_; }
 
-  /// The recording of the whole session so far.
-  std::string Recording() const;
+  /// Begins a recording with the state at this moment; false when one runs already. It ends by itself when it is full.
+  bool StartRecording();
+  void StopRecording();
+  /// Nothing when none was started.
+  const std::optional<std::string>& recording() const { return recording_; }
 
   void Kill() { host_->Kill(); }
 
@@ -87,56 +125,61 @@ class Page final : private HostProcess::Listener {
   void End(std::string_view reason = "the desk has ended this page");
 
   /// A stream of deliveries begins or ends.
-  void StreamOpened();
+  void StreamOpened() { ++streams_; }
   void StreamClosed();
+  int streams() const { return streams_; }
 
-  /// No stream, and no sign of life for the page's grace. A page that waits for a reply can give none; it has as much
-  /// time more as the set may hold a reply back.
-  bool IsAbandoned() const;
+  /// Its process has ended.
+  bool crashed() const { return ended_; }
 
  private:
-  using Clock = std::chrono::steady_clock;
-
   // A message that has not been answered yet.
   struct Pending {
     std::uint64_t line;   // as the host counts its input
     std::uint64_t entry;  // as the dialogue counts
     Clock::time_point start;
-    std::string watch_path;  // what a good reply means for the page's subscriptions; empty for most
-    bool watch_begins;
-    Result* result;  // where a send waits; null for a post
+  };
+  struct PendingSend : Pending {
+    OnResult on_result;  // empty when nobody waits any more
   };
 
   void OnLine(std::string_view line) override;
   void OnLogLine(std::string_view line) override;
+  void OnRoom() override;
   void OnEnd(int wait_status) override;
 
-  // The following are called with mutex_ held.
-  bool SubmitOne(const Message& message, Result* result);
-  void OnReply(Json reply);
-  void OnDelivery(const Json& message);
-  void OnRefusal(const std::string& error);
-  std::uint64_t Note(std::string_view kind, Json body, const Pending* answers = nullptr);
+  void SubmitOne(const Message& message);
+  void OnReply(std::string_view reply);
+  void OnDelivery(std::string_view message);
+  void OnRefusal(std::string_view error);
+  void OnWatches(std::string_view paths);
+  void OnRecorded(std::string_view line);
+  void Log(std::string_view parts);
+  Json LastLog(std::ptrdiff_t count) const;
+  std::uint64_t Note(std::string_view kind, std::string_view body, const Pending* answers = nullptr);
+  void Tell() { everything_.Add("page", MakeText(ToText(Describe()))); }
   void ReleaseWaiting();
-  Json DescribeLocked() const;
+  void Look();
 
   const int number_;
   const std::string id_;
   const PageDescription description_;
   const std::int64_t since_;
   EventLog& everything_;
+  Watcher& watcher_;
   EventLog deliveries_;
   EventLog dialogue_;
   EventLog log_;
-  UniqueFd recording_;
-
-  mutable std::mutex mutex_;
-  std::condition_variable answered_;
-  std::deque<Pending> sends_;  // the host answers in order
+  std::deque<PendingSend> sends_;  // the host answers in order
   std::deque<Pending> posts_;
-  std::set<std::string, std::less<>> watches_;
+  std::vector<std::function<void()>> waiting_for_room_;
+  std::vector<std::string> watches_;
   std::optional<std::int64_t> last_number_;
-  std::string last_log_line_;
+  std::optional<std::string> recording_;
+  std::int64_t recording_since_ = 0;
+  int recorded_lines_ = 0;
+  bool recording_runs_ = false;
+  bool recording_full_ = false;
   std::uint64_t lines_ = 0;
   std::uint64_t entries_ = 0;
   std::uint64_t sent_ = 0;
@@ -145,49 +188,8 @@ class Page final : private HostProcess::Listener {
   Clock::time_point last_sign_ = Clock::now();
   bool leaving_ = false;
   bool ended_ = false;
-
-  std::unique_ptr<HostProcess> host_;  // last: its thread uses all of the above
-};
-
-/// All pages. A thread of its own ends those that have gone away, and waits for the processes of all that ended, so
-/// that no request has to. Every function may be called on any thread.
-class PageBook {
- public:
-  static constexpr std::size_t kMaxPages = 64;
-
-  PageBook(HostCommand command, EventLog& everything);
-  /// As `Close`.
-  ~PageBook();
-
-  PageBook(const PageBook&) = delete;
-  PageBook& operator=(const PageBook&) = delete;
-
-  /// Null when there are `kMaxPages` already. A process that cannot be started throws `std::system_error`.
-  std::shared_ptr<Page> Open(PageDescription description);
-
-  /// Null for an unknown one.
-  std::shared_ptr<Page> Find(const std::string& id) const;
-
-  /// In the order in which they came.
-  std::vector<std::shared_ptr<Page>> All() const;
-
-  void Leave(const std::string& id);
-
-  /// Ends all pages; none is opened any more. The processes are gone when everybody has let go of their pages.
-  void Close();
-
- private:
-  void Look();
-
-  const HostCommand command_;
-  EventLog& everything_;
-  mutable std::mutex mutex_;
-  std::condition_variable closing_;
-  std::map<int, std::shared_ptr<Page>> pages_;
-  std::vector<std::shared_ptr<Page>> ended_;  // until no request uses them any more
-  int last_number_ = 0;
-  bool closed_ = false;
-  std::thread watcher_;
+  boost::asio::steady_timer look_;
+  std::shared_ptr<HostProcess> host_;
 };
 
 }  // namespace desk

@@ -1,26 +1,34 @@
 // Gives every <embed type="application/x-mirado"> of this document a plug-in on the desk: `postMessage`,
 // `postMessageAndAwaitResponse`, and `message` and `crash` events. Loaded with one script tag, from the desk itself.
+// It runs in an engine of generation 47, so it is written in what that engine understands.
 (() => {
   "use strict";
 
   const TYPE = "application/x-mirado";
   const MAX_BODY = 65536; // bytes, as the desk takes them
   const RETRY = 500; // milliseconds between attempts to reach a desk that does not answer
-  const PATIENCE = 5000; // milliseconds without a stream, after which a desk is taken to have done with its page
-  const desk = new URL(document.currentScript.src);
+  const PATIENCE = 5000; // milliseconds without a connection, after which a desk is taken to have done with its page
+
+  // By the document's own getter: an element named "currentScript" would stand in front of it.
+  const script = Object.getOwnPropertyDescriptor(Document.prototype, "currentScript").get.call(document);
+  // Where it is injected, by a test for example, whoever injects it says where the desk is.
+  const source = script ? script.src : self.miradoDesk;
+  if (typeof source !== "string" || !source) {
+    console.error("Mirado: desk.js is a classic script: load it with <script src=…>, not as a module or by import.");
+    return;
+  }
+  const desk = new URL(source);
+  const token = (/[?&]token=([^&]*)/.exec(desk.search) || [])[1];
+  const addressOf = (path, query) => {
+    const parts = [query, token && `token=${token}`].filter(Boolean).join("&");
+    return desk.origin + path + (parts && `?${parts}`);
+  };
   const bytes = (text) => new TextEncoder().encode(text).length;
 
-  // A browser opens six connections to one address and no more, and each page holds one. So each page has an address of
-  // its own where the desk has a name; browsers take all names below `localhost` to this machine.
-  function addressOf(id) {
-    const named = desk.hostname === "localhost" || desk.hostname.endsWith(".localhost");
-    return named ? `${desk.protocol}//${id}.localhost:${desk.port}` : desk.origin;
-  }
-
   // A request that the page waits for. Throws when the desk cannot be reached.
-  function exchange(url, body) {
+  function exchange(path, body) {
     const request = new XMLHttpRequest();
-    request.open("POST", url, false);
+    request.open("POST", addressOf(path), false);
     request.setRequestHeader("Content-Type", "application/json");
     request.send(body);
     const answer = JSON.parse(request.responseText);
@@ -29,36 +37,33 @@
   }
 
   // Parts entries so that the desk takes each part as one body.
-  function* batchesOf(entries) {
-    let batch = [];
-    let size = 2;
+  function batchesOf(entries) {
+    const batches = [];
+    let size = MAX_BODY;
     for (const entry of entries) {
       const more = bytes(entry.text) + 1;
-      if (batch.length && size + more > MAX_BODY) {
-        yield batch;
-        batch = [];
+      if (size + more > MAX_BODY) {
+        batches.push([]);
         size = 2;
       }
-      batch.push(entry);
+      batches[batches.length - 1].push(entry);
       size += more;
     }
-    if (batch.length) yield batch;
+    return batches;
   }
 
-  const bodyOf = (batch) => `[${batch.map(({ text }) => text)}]`;
-
-  // One bad message lets the desk refuse the whole batch. Its entries then go one by one, and only that one is lost.
-  const mustPart = (status, batch) => status === 400 && batch.length > 1;
   const reportLost = (reason) => console.error(`Mirado: a message is lost: ${reason}`);
 
   // The plug-in of one element.
   class Plugin {
     constructor(element) {
       this.element = element;
-      this.posts = []; // what the desk has not confirmed yet, in order
+      this.posts = []; // what the desk has not acknowledged yet, in order
       this.number = 0;
-      this.posting = false;
+      this.last = 0; // the number of the last delivery
+      this.broken = null; // since when there is no connection
       this.gone = false;
+      this.attached = false;
       try {
         this.open();
       } catch (error) {
@@ -68,23 +73,51 @@
 
     open() {
       const title = this.element.dataset.title || document.title;
-      const { id } = exchange(`${desk.origin}/api/pages`, JSON.stringify({ title, url: location.href }));
-      this.address = `${addressOf(id)}/api/pages/${id}`;
+      const id = exchange("/api/pages", JSON.stringify({ title: title, url: location.href })).id;
+      this.path = `/api/pages/${id}`;
       this.element.dataset.page = id;
-      this.deliveries = new EventSource(`${this.address}/deliveries`);
-      this.deliveries.addEventListener("message", ({ data }) =>
-        this.element.dispatchEvent(new MessageEvent("message", { data: JSON.parse(data) })));
-      this.deliveries.addEventListener("crash", ({ data }) => this.end(JSON.parse(data)));
-      this.deliveries.addEventListener("lost", ({ data }) =>
-        console.error(`Mirado: ${JSON.parse(data).count} messages of the plug-in came too fast and are lost`));
-      // It reconnects on its own, for ever, unless the desk has answered that there is no such page any more.
-      let broken = null; // since when
-      this.deliveries.onopen = () => { broken = null; };
-      this.deliveries.onerror = () => {
-        broken ??= Date.now();
-        if (this.deliveries.readyState === EventSource.CLOSED) this.end({ reason: "the desk has ended this page" });
-        else if (Date.now() - broken > PATIENCE) this.end({ reason: "the desk does not answer any more" });
+      this.connect();
+    }
+
+    connect() {
+      const address = addressOf(`${this.path}/socket`, `after=${this.last}`).replace(/^http/, "ws");
+      const socket = this.socket = new WebSocket(address);
+      socket.onopen = () => {
+        this.broken = null;
+        this.posts.forEach((entry) => socket.send(entry.text)); // Those that have arrived are skipped.
       };
+      socket.onmessage = (event) => this.hear(JSON.parse(event.data));
+      socket.onclose = () => { if (!this.gone && this.socket === socket) this.askAgain(); };
+    }
+
+    // A socket that fails does not say why, so the page is asked for.
+    askAgain() {
+      this.broken = this.broken || Date.now();
+      const request = new XMLHttpRequest();
+      request.open("GET", addressOf(this.path));
+      request.onloadend = () => {
+        if (this.gone) return;
+        if (request.status === 404) this.end({ reason: "the desk has ended this page" });
+        else if (Date.now() - this.broken > PATIENCE) this.end({ reason: "the desk does not answer any more" });
+        else setTimeout(() => { if (!this.gone) request.status === 200 ? this.connect() : this.askAgain(); }, RETRY);
+      };
+      request.send();
+    }
+
+    hear(said) {
+      if (said.id) this.last = said.id;
+      if (said.ack) {
+        this.posts = this.posts.filter((entry) => entry.number > said.ack);
+      } else if (said.error) {
+        this.posts = this.posts.filter((entry) => entry.number !== said.refused);
+        reportLost(said.error);
+      } else if (said.event === "message") {
+        this.element.dispatchEvent(new MessageEvent("message", { data: said.data }));
+      } else if (said.event === "crash") {
+        this.end(said.data);
+      } else if (said.event === "lost") {
+        console.error(`Mirado: ${said.data.count} messages of the plug-in came too fast and are lost`);
+      }
     }
 
     // A message as it goes over the wire. The desk skips a number that it has seen, so that one may be sent again.
@@ -95,49 +128,24 @@
       const text = `{"n":${number},"${kind}":${json}}`;
       if (bytes(text) + 2 > MAX_BODY) throw new TypeError(`The message is over the desk's ${MAX_BODY} bytes.`);
       this.number = number;
-      return { number, kind, text };
+      return { number: number, kind: kind, text: text };
     }
 
     post(message) {
       const entry = this.entry("post", message);
       if (this.gone) return;
       this.posts.push(entry);
-      if (!this.posting) this.deliverPosts();
+      if (this.socket.readyState === WebSocket.OPEN) this.socket.send(entry.text);
     }
 
-    async deliverPosts() {
-      this.posting = true;
-      while (this.posts.length && !this.gone) {
-        const [batch] = batchesOf(this.posts);
-        try {
-          await this.deliver(batch);
-          this.posts = this.posts.filter(({ number }) => number > batch.at(-1).number);
-        } catch {
-          await new Promise((resolve) => setTimeout(resolve, RETRY));
-        }
-      }
-      this.posting = false;
-    }
-
-    // Throws where another attempt makes sense.
-    async deliver(batch) {
-      const headers = { "Content-Type": "application/json" };
-      const answer = await fetch(`${this.address}/messages`, { method: "POST", headers, body: bodyOf(batch) });
-      if (answer.status >= 500) throw new Error(answer.statusText);
-      if (mustPart(answer.status, batch)) {
-        for (const entry of batch) await this.deliver([entry]);
-      } else if (!answer.ok) {
-        reportLost(await answer.text());
-      }
-    }
-
-    // The same while the page waits. Returns the answer to the last entry.
+    // Returns the answer to the last entry.
     deliverNow(batch) {
       let answer;
       try {
-        answer = exchange(`${this.address}/messages`, bodyOf(batch));
+        answer = exchange(`${this.path}/messages`, `[${batch.map((entry) => entry.text)}]`);
       } catch (error) {
-        if (mustPart(error.status, batch)) {
+        // One bad message lets the desk refuse the whole batch. Its entries then go one by one, and only that one is lost.
+        if (error.status === 400 && batch.length > 1) {
           for (const entry of batch) answer = this.deliverNow([entry]);
         } else if (error.status === 400 && batch[0].kind === "post") {
           reportLost(error.message);
@@ -153,11 +161,11 @@
       if (this.gone) return undefined;
       let answer;
       try {
-        // What was posted before must arrive before, even if its own request is still on its way.
-        for (const batch of batchesOf([...this.posts, entry])) answer = this.deliverNow(batch);
+        // What was posted before must arrive before, even if it is still on its way.
+        for (const batch of batchesOf(this.posts.concat(entry))) answer = this.deliverNow(batch);
       } catch (error) {
         if (error.status === 400) throw new TypeError(error.message);
-        // When the process died, the stream brings the crash with its cause.
+        // When the process died, the socket brings the crash with its cause.
         console.error(`Mirado: no reply: ${error.message}`);
         if (error.name === "NetworkError") this.end({ reason: "the desk cannot be reached" });
         return undefined;
@@ -166,23 +174,26 @@
       return answer.reply === null ? undefined : answer.reply;
     }
 
-    // The plug-in is gone. After a crash the stream stays open, so that the desk shows the page until it is closed;
+    // The plug-in is gone. After a crash the socket stays open, so that the desk shows the page until it is closed;
     // otherwise there is nobody to ask any more.
-    end({ status = null, signal = null, reason }) {
+    end(cause) {
       if (this.gone) return;
       this.gone = true;
-      if (status === null && signal === null) this.deliveries?.close();
-      console.error(`Mirado: ${reason}`);
-      const detail = { status, signal, reason };
+      const status = cause.status === undefined ? null : cause.status;
+      const signal = cause.signal === undefined ? null : cause.signal;
+      if (status === null && signal === null && this.socket) this.socket.close();
+      console.error(`Mirado: ${cause.reason}`);
+      const detail = { status: status, signal: signal, reason: cause.reason };
+      this.element.pluginGone = detail;
       // Not at once: who made the element has had no time to listen.
-      setTimeout(() => this.element.dispatchEvent(new CustomEvent("crash", { detail })));
+      setTimeout(() => this.element.dispatchEvent(new CustomEvent("crash", { detail: detail })));
     }
 
     leave() {
       this.gone = true;
-      if (!this.deliveries) return;
-      this.deliveries.close();
-      navigator.sendBeacon(`${this.address}/leave`);
+      if (!this.socket) return;
+      this.socket.close();
+      navigator.sendBeacon(addressOf(`${this.path}/leave`));
     }
   }
 
@@ -198,30 +209,38 @@
       if (this.type !== TYPE) throw new TypeError(`This element is no ${TYPE} and has no ${name}.`);
       return call(pluginOf(this), message);
     };
-    Object.defineProperty(HTMLEmbedElement.prototype, name, { value, configurable: true, writable: true });
+    const property = { value: value, configurable: true, writable: true };
+    Object.defineProperty(HTMLEmbedElement.prototype, name, property);
   }
   define("postMessage", (plugin, message) => plugin.post(message));
   define("postMessageAndAwaitResponse", (plugin, message) => plugin.send(message));
 
+  // Through shadow roots, too.
+  function isAttached(element) {
+    let node = element;
+    while (node && node !== document) node = node.parentNode || node.host;
+    return node === document;
+  }
+
   // Elements that were called before they came into the document are in the map and not in the document; what counts is
   // that one was there and is not any more.
-  function follow(changes) {
-    for (const element of document.querySelectorAll(`embed[type="${TYPE}"]`)) pluginOf(element);
-    for (const node of changes.flatMap(({ removedNodes }) => Array.from(removedNodes))) {
-      for (const [element, plugin] of plugins) {
-        if (node.contains(element) && !element.isConnected) {
-          plugins.delete(element);
-          plugin.leave();
-        }
+  function follow() {
+    for (const element of Array.from(document.querySelectorAll(`embed[type="${TYPE}"]`))) pluginOf(element);
+    plugins.forEach((plugin, element) => {
+      const attached = isAttached(element);
+      if (plugin.attached && !attached) {
+        plugins.delete(element);
+        plugin.leave();
       }
-    }
+      plugin.attached = attached;
+    });
   }
   new MutationObserver(follow).observe(document, {
     childList: true, subtree: true, attributes: true, attributeFilter: ["type"],
   });
-  follow([]);
+  follow();
 
   addEventListener("pagehide", () => plugins.forEach((plugin) => plugin.leave()));
   // A page that comes back out of the browser's memory has lost its plug-ins.
-  addEventListener("pageshow", ({ persisted }) => { if (persisted) location.reload(); });
+  addEventListener("pageshow", (event) => { if (event.persisted) location.reload(); });
 })();

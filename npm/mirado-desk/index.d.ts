@@ -5,8 +5,8 @@ export interface StartOptions {
   /** The program `mirado`. Otherwise what the environment variable MIRADO names, else the one that comes with this
    *  package, else the one on the PATH. */
   program?: string;
-  /** Origins beside those of this machine whose pages may use the plug-in, such as "http://tv.example:3000". */
-  allowOrigin?: string | string[];
+  /** Lets in pages of any origin that load `script`, whose address then holds a token; otherwise those of this machine. */
+  anyOrigin?: boolean;
   /** Milliseconds that a call waits for what it waits for, unless it says otherwise; 5000. */
   timeout?: number;
 }

@@ -22,9 +22,9 @@ process.on("exit", () => {
 });
 
 // What is public is described in index.d.ts.
-export async function startSet({ program = usualProgram(), allowOrigin = [], timeout = 5000 } = {}) {
+export async function startSet({ program = usualProgram(), anyOrigin = false, timeout = 5000 } = {}) {
   const folder = await mkdtemp(join(tmpdir(), "mirado-set-"));
-  const origins = [allowOrigin].flat().flatMap((origin) => ["--allow-origin", origin]);
+  const origins = anyOrigin ? ["--token"] : [];
   const child = spawn(program, ["desk", "--port", "0", "--store", join(folder, "store"), ...origins],
     { stdio: ["ignore", "pipe", "pipe"] });
   running.set(child, folder);
@@ -44,8 +44,8 @@ export async function startSet({ program = usualProgram(), allowOrigin = [], tim
   const lines = createInterface(child.stdout);
   const [line] = await Promise.race([once(lines, "line"), ended.then((how) => [how])]);
   lines.on("line", () => {}); // reads on, so that the desk never waits for a reader
-  const url = /http:\/\/localhost:\d+/.exec(line)?.[0];
-  if (url) return new SimulatedSet(url, timeout, end);
+  const [, url, query = ""] = /(http:\/\/localhost:\d+)\/(\?token=\w+)?/.exec(line) ?? [];
+  if (url) return new SimulatedSet(url, query, timeout, end);
   await end();
   throw new Error(`mirado-desk: "${program}" did not start: ${line}. Another program can be named in the environment ` +
     `variable MIRADO or as startSet({ program }).\n${log}`.trim());
@@ -53,13 +53,15 @@ export async function startSet({ program = usualProgram(), allowOrigin = [], tim
 
 class SimulatedSet {
   #end;
+  #known;
   #disconnect;
   #pages = new Map(); // by id
   #events; // a promise of the desk's events, once somebody waits for one
 
-  constructor(url, timeout, end) {
-    Object.assign(this, { url, timeout, script: `${url}/desk.js` });
-    const { call, disconnect } = connectTo(url);
+  constructor(url, query, timeout, end) {
+    Object.assign(this, { url, timeout, script: `${url}/desk.js${query}` });
+    this.#known = query ? { Authorization: `Bearer ${query.split("=")[1]}` } : {};
+    const { call, disconnect } = connectTo(url, this.#known);
     this.call = call;
     this.#disconnect = disconnect;
     this.#end = end;
@@ -105,10 +107,7 @@ class SimulatedSet {
   }
 
   async initScript() {
-    const script = await this.call("GET", "/desk.js");
-    const address = "document.currentScript.src";
-    if (!script.includes(address)) throw new Error("mirado-desk: this desk.js takes its address from elsewhere");
-    return script.replaceAll(address, JSON.stringify(this.script));
+    return `self.miradoDesk = ${JSON.stringify(this.script)};\n${await this.call("GET", "/desk.js")}`;
   }
 
   async openPage(description = {}) {
@@ -117,7 +116,7 @@ class SimulatedSet {
 
   // Resolves with what `check` gives once it gives something. It is asked now, and after each event that `concerns` it.
   async until(check, concerns, timeout, failure) {
-    const events = await (this.#events ??= followEvents(this.url, "/api/events"));
+    const events = await (this.#events ??= followEvents(this.url, "/api/events", this.#known));
     let wake;
     const listener = (event) => { if (event.event === "lost" || concerns(event)) wake(); };
     let late = false;

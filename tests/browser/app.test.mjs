@@ -152,13 +152,13 @@ describe("pages and their plug-ins", () => {
 });
 
 describe("a page from elsewhere", () => {
-  it("gets no plug-in, unless the desk was told to allow it", async () => {
+  it("gets no plug-in, unless its script tag has the token", async () => {
     const stranger = `http://stranger.test:${app.port}`;
     await openPage(stranger, (page) => notice(page, "The plug-in"));
     assert.deepEqual((await pages()).filter(({ url }) => url.startsWith(stranger)), []);
 
-    const open = await Desk.start("--allow-origin", stranger);
-    app.deskUrl = open.url;
+    const open = await Desk.start("--token");
+    app.script = open.script;
     try {
       const page = await openPage(stranger);
       await rowShows(page, "Captions", "Off");
@@ -166,7 +166,7 @@ describe("a page from elsewhere", () => {
       await caption(page, "visible");
       await page.close();
     } finally {
-      app.deskUrl = desk.url;
+      app.script = desk.script;
       await open.stop();
     }
   });

@@ -15,14 +15,14 @@ const TIMEOUT = 20_000; // milliseconds, for what happens in a blink on a machin
 
 const TYPES = { ".html": "text/html", ".js": "text/javascript", ".css": "text/css" };
 
-/** Serves the example application. Its script tag points at `deskUrl` of the result, which may be changed. */
-async function serveApp(deskUrl) {
+/** Serves the example application. Its script tag points at `script` of the result, which may be changed. */
+async function serveApp(script) {
   const server = createServer(async (request, response) => {
     const name = basename(request.url) || "index.html";
     try {
       const content = await readFile(join(appFolder, name), "utf8");
       response.setHeader("Content-Type", TYPES[extname(name)]);
-      response.end(content.replace("http://localhost:8480", served.deskUrl));
+      response.end(content.replace("http://localhost:8480/desk.js", served.script));
     } catch {
       response.writeHead(404).end();
     }
@@ -34,7 +34,7 @@ async function serveApp(deskUrl) {
     server.close(resolve);
     server.closeAllConnections();
   });
-  const served = { deskUrl, port, url: `http://localhost:${port}/`, stop };
+  const served = { script, port, url: `http://localhost:${port}/`, stop };
   return served;
 }
 
@@ -51,7 +51,7 @@ const launchBrowser = () => chromium.launch({
  */
 export async function useDesk() {
   const [desk, browser] = await Promise.all([Desk.start(), launchBrowser()]);
-  const app = await serveApp(desk.url);
+  const app = await serveApp(desk.script);
   let context, errors;
 
   after(async () => {

@@ -469,7 +469,7 @@ TEST_F(ReplayTest, AChangeUponAnAnswerIsNoneOfTheRequest) {
   int value = 0;
   {
     desk::Recorder recorder(
-        file(), [&](const std::string&) { static_cast<void>(vconf::Set("db/menu/caption/captionmode", ++value)); });
+        desk::Recorder::In(file()), [&](const std::string&) { static_cast<void>(vconf::Set("db/menu/caption/captionmode", ++value)); });
     ASSERT_FALSE(recorder.Failed());
     const auto session = desk::Session::Start(MIRADO_PLUGIN_PATH, [&](const desk::Json& line) { recorder.Out(line); });
     ASSERT_TRUE(session.ok()) << session.status().text();

@@ -2,11 +2,11 @@
 import assert from "node:assert/strict";
 import { execFile, spawn } from "node:child_process";
 import { once } from "node:events";
-import { mkdtemp, rm } from "node:fs/promises";
+import { chmod, mkdtemp, rm } from "node:fs/promises";
 import { request as httpRequest } from "node:http";
 import { connect } from "node:net";
 import { tmpdir } from "node:os";
-import { join } from "node:path";
+import { dirname, join } from "node:path";
 import { createInterface } from "node:readline";
 import { fileURLToPath } from "node:url";
 import { promisify } from "node:util";
@@ -25,29 +25,40 @@ export class Desk {
     }
   }
 
+  // An option that begins with "ulimit" is what the shell does before.
   static async startOn(store, ...options) {
     const desk = Object.assign(new Desk(), { store });
+    const limits = options[0]?.startsWith("ulimit") ? [options.shift()] : [];
     const port = options.includes("--port") ? [] : ["--port", "0"];
-    desk.child = spawn(program, ["desk", ...port, "--store", store, ...options],
-      { stdio: ["ignore", "pipe", "inherit"] });
+    const run = [program, "desk", ...port, "--store", store, ...options];
+    if (limits.length) {
+      await chmod(dirname(store), 0o777);
+      run.unshift("bash", "-c", `${limits} && exec "$0" "$@"`);
+      // Root is not bound by a number of processes.
+      if (process.getuid() === 0) run.unshift("setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", "--");
+    }
+    desk.child = spawn(run[0], run.slice(1), { stdio: ["ignore", "pipe", "inherit"] });
     desk.exit = once(desk.child, "exit");
     desk.lines = [];
     for await (const line of createInterface(desk.child.stdout)) {
       if (desk.lines.push(line) === 3) break;
     }
-    desk.port = Number(/:(\d+)\/$/.exec(desk.lines[0])?.[1]);
+    const link = /:(\d+)\/(?:\?token=(\w+))?$/.exec(desk.lines[0]);
+    desk.port = Number(link?.[1]);
+    desk.token = link?.[2];
     if (!desk.port) {
       const [status] = await desk.exit;
       throw Object.assign(new Error(`the desk did not start: ${desk.lines}`), { status });
     }
     desk.url = `http://localhost:${desk.port}`;
+    desk.script = `${desk.url}/desk.js${desk.token ? `?token=${desk.token}` : ""}`;
     return desk;
   }
 
-  async stop(signal = "SIGTERM") {
+  async stop(signal = "SIGTERM", keep = false) {
     this.child.kill(signal);
     const [status] = await this.exit;
-    if (this.folder) await rm(this.folder, { recursive: true });
+    if (this.folder && !keep) await rm(this.folder, { recursive: true });
     return status;
   }
 
@@ -58,12 +69,12 @@ export class Desk {
   }
 
   // Gives {status, headers, text, json}; `json` is undefined where the text is none.
-  request(method, path, { body, headers = {} } = {}) {
+  request(method, path, { body, headers = {}, agent = false } = {}) {
     return new Promise((resolve, reject) => {
       const text = body === undefined || typeof body === "string" ? body : JSON.stringify(body);
       const usual = text === undefined ? {}
         : { "Content-Type": "application/json", "Content-Length": Buffer.byteLength(text) };
-      const to = { host: "127.0.0.1", port: this.port, agent: false };
+      const to = { host: "127.0.0.1", port: this.port, agent };
       const request = httpRequest({ ...to, method, path, headers: { ...usual, ...headers } }, async (response) => {
         const chunks = await response.setEncoding("utf8").toArray();
         const answer = { status: response.statusCode, headers: response.headers, text: chunks.join("") };

@@ -91,7 +91,7 @@ TEST_F(HostTest, AnswersEachBadLineOnceAndGoesOn) {
     const std::string answer = host.Hear();
     const auto json = desk::ParseJson(answer);
     ASSERT_TRUE(json.ok()) << answer;
-    EXPECT_TRUE(answer.starts_with(R"({"error":"line )" + std::to_string(++number) + ": ")) << answer;
+    EXPECT_TRUE(answer.starts_with(R"({"error":{"line":)" + std::to_string(++number) + R"(,"text":")")) << answer;
     EXPECT_NE(answer.find(cause), std::string::npos) << answer;
   }
   for (const std::string& line : {longest, R"({"send":)" + deep_enough + "}"}) {

@@ -157,12 +157,18 @@ test("a page that waits for a slow reply is not given up", async () => {
   await desk.call("PATCH", "/api/set", { latency: { getVersion: null } });
 });
 
-test("a session that is saved can be replayed", async () => {
+test("a session that is recorded from the middle on can be replayed", async () => {
   const page = await desk.openPage();
+  await desk.say(page, { send: { command: "registerVconfKeysForCaption", propertyKey: 0 } });
+  assert.equal((await desk.request("GET", `/api/pages/${page.id}/recording`)).status, 404);
+  await desk.call("POST", `/api/pages/${page.id}/recording`);
+  assert.equal((await desk.request("POST", `/api/pages/${page.id}/recording`)).status, 409);
   await desk.say(page, [{ post: write(2) }, { post: write(-1) }, { post: { command: "nothing" } }, { send: READ }]);
   await desk.say(page, { send: { command: "showCaption", show: true } });
-  const { text, headers } = await desk.request("GET", `/api/pages/${page.id}/session`);
+  const { text, headers } = await desk.request("GET", `/api/pages/${page.id}/recording`);
   assert.equal(headers["content-type"], "application/jsonl");
+  assert.match(text, /MIRADO_EVENT_CAPTION_CHANGED/);
+  assert.equal((await desk.call("DELETE", `/api/pages/${page.id}/recording`)).recording.bytes, text.length);
   const file = join(desk.folder, "session.jsonl");
   await writeFile(file, text);
   assert.match(await desk.mirado("replay", file), /the same/);

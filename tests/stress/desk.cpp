@@ -105,7 +105,7 @@ Desk::Desk() : program_({"desk", "--port", "0", "--store", folder_ / "store"}, f
 Answer Desk::Ask(int port, const std::string& method, const std::string& path, const desk::Json& body) {
   const std::string text = body.is_null() ? "" : body.dump();
   Connection connection(port);
-  connection.Send(method + " " + path + " HTTP/1.1\r\nHost: localhost\r\n" +
+  connection.Send(method + " " + path + " HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n" +
                   (body.is_null() ? "" : "Content-Type: application/json\r\n") +
                   "Content-Length: " + std::to_string(text.size()) + "\r\n\r\n" + text);
   return connection.Receive().value_or(Answer{});

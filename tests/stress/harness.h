@@ -109,7 +109,6 @@ Usage OwnUsage();
 void RunKill(double kills, unsigned seed);
 void RunSoak(double seconds, unsigned seed);
 void RunHttp(double requests, unsigned seed);
-void RunLoad(double requests, unsigned seed);
 
 // ---------------------------------------------------------------------------------------------------------------------
 

@@ -1,4 +1,4 @@
-// stress kill|soak|http|load [LENGTH [SEED]]
+// stress kill|soak|http [LENGTH [SEED]]
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -13,7 +13,7 @@ struct Run {
   double length;  // when none is given
 };
 constexpr std::array kRuns = {Run{"kill", stress::RunKill, 1000}, Run{"soak", stress::RunSoak, 1800},
-                              Run{"http", stress::RunHttp, 20'000}, Run{"load", stress::RunLoad, 1000}};
+                              Run{"http", stress::RunHttp, 20'000}};
 
 }  // namespace
 
@@ -23,8 +23,7 @@ int main(int argc, char** argv) {
   const auto* const run = std::ranges::find(kRuns, name, &Run::name);
   const double length = argc > 2 ? std::atof(argv[2]) : 0;
   if (run == kRuns.end() || argc > 4 || (argc > 2 && length <= 0)) {
-    std::fputs("usage: stress kill [KILLS [SEED]] | soak [SECONDS [SEED]] | http [REQUESTS [SEED]] | load [REQUESTS]\n",
-               stderr);
+    std::fputs("usage: stress kill [KILLS [SEED]] | soak [SECONDS [SEED]] | http [REQUESTS [SEED]]\n", stderr);
     return 2;
   }
   static_cast<void>(std::signal(SIGPIPE, SIG_IGN));

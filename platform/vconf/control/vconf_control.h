@@ -90,6 +90,9 @@ void Settle();
 /// How many `vconf_notify_key_changed` subscriptions this process has now.
 std::size_t SubscriptionCount();
 
+/// Their paths, each once, in the order of their bytes.
+std::vector<std::string> SubscribedPaths();
+
 /// "This call on this path answers that." A fault lies in the store, so that it reaches every process at once; it goes
 /// when it has answered `times` calls, or with 0 stays until it is cleared. The calls are named as their callers write
 /// them: the seven of the store, and those of the other services that ask with `TakeFault`. The path "*" means every

@@ -189,6 +189,18 @@ void Notifier::AfterForkInChild() {
   mutex_.unlock();
 }
 
+std::vector<std::string> Notifier::SubscribedPaths() const {
+  std::vector<std::string> paths;
+  {
+    const std::lock_guard lock(mutex_);
+    for (const auto& [path, listeners] : by_path_) {
+      paths.push_back(path);
+    }
+  }
+  std::ranges::sort(paths);
+  return paths;
+}
+
 // ---- the notification thread
 
 void Notifier::Run() {

@@ -47,6 +47,7 @@ class Notifier {
   void AfterForkInChild();
 
   std::size_t subscriptions() const;
+  std::vector<std::string> SubscribedPaths() const;
 
  private:
   Status Start(std::uint64_t* since);

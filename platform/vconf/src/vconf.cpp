@@ -197,6 +197,11 @@ std::size_t SubscriptionCount() {
   return session != nullptr ? session->notifier->subscriptions() : 0;
 }
 
+std::vector<std::string> SubscribedPaths() {
+  const Session* const session = TheSession();
+  return session != nullptr ? session->notifier->SubscribedPaths() : std::vector<std::string>();
+}
+
 Status SetFault(const Fault& fault) {
   return OnStore([&](Store& store) { return store.SetFault(fault); });
 }

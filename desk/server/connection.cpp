@@ -1,0 +1,337 @@
+#include "server/connection.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <utility>
+
+#include <boost/asio/write.hpp>
+#include <boost/beast/http/read.hpp>
+#include <boost/beast/http/write.hpp>
+#include <boost/beast/websocket/rfc6455.hpp>
+
+namespace desk {
+namespace {
+
+using Error = boost::beast::error_code;
+
+constexpr std::size_t kMaxHead = 16UL * 1024;
+constexpr std::size_t kLongAnswer = 256UL * 1024;
+constexpr std::size_t kMaxUnsent = 64UL * 1024 * 1024;  // of long answers to all clients together
+
+std::string_view View(boost::beast::string_view text) { return {text.data(), text.size()}; }
+
+}  // namespace
+
+std::optional<std::string> Decode(std::string_view text) {
+  std::string decoded;
+  decoded.reserve(text.size());
+  while (!text.empty()) {
+    if (text.front() != '%') {
+      decoded += text.front();
+      text.remove_prefix(1);
+      continue;
+    }
+    unsigned value = 0;
+    constexpr int kHex = 16;
+    if (text.size() < 3 || std::from_chars(text.data() + 1, text.data() + 3, value, kHex).ptr != text.data() + 3) {
+      return std::nullopt;
+    }
+    decoded += static_cast<char>(value);
+    text.remove_prefix(3);
+  }
+  return decoded;
+}
+
+bool Connections::MakeRoom() {
+  if (open_ < limit_) {
+    return true;
+  }
+  const bool one = !expecting_.empty();
+  GiveUpOne();  // its seat goes with its last handler
+  return one;
+}
+
+void Connections::GiveUpOne() {
+  if (!expecting_.empty()) {
+    expecting_.front()->Close();
+  }
+}
+
+void Connections::Watch(Connection* connection) {
+  connection->watched_ = watched_.insert(watched_.end(), connection);
+  if (!std::exchange(ticking_, true)) {
+    Tick();
+  }
+}
+
+void Connections::Tick() {
+  clock_.expires_after(std::chrono::seconds(1));
+  clock_.async_wait([this](Error error) {
+    if (error || watched_.empty()) {
+      ticking_ = false;
+      return;
+    }
+    const auto now = Connection::Clock::now();
+    for (Connection* const connection : watched_) {
+      if (now > connection->deadline_) {
+        connection->Close();
+      }
+    }
+    Tick();
+  });
+}
+
+void Connections::Close() {
+  for (Connection* const connection : watched_) {
+    connection->Close();
+  }
+}
+
+Connection::Connection(Socket socket, Connections& all, const OriginCheck& check, const Handler& handler)
+    : socket_(std::move(socket)),
+      all_(all),
+      seat_(all),
+      check_(check),
+      handler_(handler),
+      expecting_(all.expecting_.end()) {
+  all_.Watch(this);
+}
+
+Connection::~Connection() {
+  if (expecting_ != all_.expecting_.end()) {
+    all_.expecting_.erase(expecting_);
+  }
+  all_.watched_.erase(watched_);
+}
+
+// Without a buffer or a parser, so that a connection that says nothing costs little.
+void Connection::AwaitRequest() {
+  deadline_ = Clock::now() + kIdleTime;
+  if (expecting_ == all_.expecting_.end()) {
+    expecting_ = all_.expecting_.insert(all_.expecting_.end(), this);
+  }
+  if (buffer_.size() > 0) {
+    return Read();
+  }
+  socket_.async_wait(Socket::wait_read, [self = shared_from_this()](Error error) {
+    if (!error && self->socket_.is_open()) {
+      self->Read();
+    }
+  });
+}
+
+void Connection::Read() {
+  deadline_ = Clock::now() + kRequestTime;
+  parser_.emplace();
+  parser_->header_limit(kMaxHead);
+  parser_->body_limit(kMaxBody);
+  http::async_read(socket_, buffer_, *parser_,
+                   [self = shared_from_this()](Error error, std::size_t) { self->OnRead(error); });
+}
+
+void Connection::OnRead(Error error) {
+  if (!socket_.is_open() || error == http::error::end_of_stream || error == boost::asio::error::connection_reset) {
+    return Close();
+  }
+  all_.expecting_.erase(std::exchange(expecting_, all_.expecting_.end()));
+  deadline_ = Clock::time_point::max();
+  keep_alive_ = !error && parser_->get().keep_alive();
+  answered_ = false;
+  head_ = false;
+  ++requests_;
+  fields_.clear();
+  if (error == http::error::body_limit) {
+    return Refuse(413, "a body may have " + std::to_string(kMaxBody) + " bytes at most");
+  }
+  if (error == http::error::header_limit || error == http::error::buffer_overflow) {
+    return Refuse(431, "the head of a request may have " + std::to_string(kMaxHead) + " bytes at most");
+  }
+  if (error) {
+    return Refuse(400, "the request was not understood: " + error.message());
+  }
+  Handle();
+}
+
+// Nothing of such a request is used, and what may follow it is not taken for another.
+void Connection::Refuse(unsigned status, const std::string& text) {
+  keep_alive_ = false;
+  Reply(Fail(status, text));
+}
+
+bool Connection::ReadTarget(HttpRequest& request, Claim& claim) {
+  std::string_view target = View(message().target());
+  const std::size_t question = std::min(target.find('?'), target.size());
+  request.path = target.substr(0, question);
+  target.remove_prefix(std::min(question + 1, target.size()));
+  while (!target.empty()) {
+    const std::string_view part = target.substr(0, target.find('&'));
+    target.remove_prefix(std::min(part.size() + 1, target.size()));
+    const std::size_t equals = std::min(part.find('='), part.size());
+    auto name = Decode(part.substr(0, equals));
+    auto value = Decode(part.substr(std::min(equals + 1, part.size())));
+    if (!name || !value) {
+      return false;
+    }
+    request.query.insert_or_assign(std::move(*name), std::move(*value));
+  }
+  claim.token = request.Query("token");
+  claim.is_api = request.path.starts_with("/api/");
+  return request.path.starts_with('/');
+}
+
+void Connection::Handle() {
+  const auto& read = message();
+  HttpRequest request;
+  Claim claim;
+  if (!ReadTarget(request, claim)) {
+    return Refuse(400, "the address was not understood");
+  }
+  constexpr std::string_view kBearer = "Bearer ";
+  claim.host = View(read[http::field::host]);
+  claim.origin = View(read[http::field::origin]);
+  claim.site = View(read["Sec-Fetch-Site"]);
+  if (const std::string_view authorization = View(read[http::field::authorization]);
+      authorization.starts_with(kBearer)) {
+    claim.token = authorization.substr(kBearer.size());
+  }
+  if (read.count(http::field::host) != 1 || read.count(http::field::origin) > 1) {
+    return Refuse(400, "a request names one host and at most one origin");
+  }
+  if (const auto refusal = check_.Refuse(claim)) {
+    return Reply(Fail(403, *refusal, "not-permitted"));
+  }
+  fields_ = {{"Vary", "Origin"}};
+  if (!claim.origin.empty()) {
+    fields_.emplace_back("Access-Control-Allow-Origin", claim.origin);
+  }
+  if (read.method() == http::verb::options) {
+    fields_.insert(fields_.end(), {{"Access-Control-Allow-Methods", "GET, POST, PUT, PATCH, DELETE"},
+                                   {"Access-Control-Allow-Headers", "Authorization, Content-Type, Last-Event-ID"},
+                                   {"Access-Control-Max-Age", "600"}});
+    if (read.count("Access-Control-Request-Private-Network") > 0) {
+      fields_.emplace_back("Access-Control-Allow-Private-Network", "true");
+    }
+    return Reply({.status = 204, .body = {}});
+  }
+  if (read.count(http::field::content_encoding) > 0) {
+    return Reply(Fail(415, "the body must not be encoded"));
+  }
+  head_ = read.method() == http::verb::head;
+  request.method = head_ ? http::verb::get : read.method();
+  request.own = OriginCheck::IsOwn(claim);
+  request.upgrade = boost::beast::websocket::is_upgrade(read);
+  request.content_type = View(read[http::field::content_type]);
+  request.last_event_id = View(read["Last-Event-ID"]);
+  request.body = std::move(parser_->get().body());
+  handler_(request, shared_from_this());
+}
+
+void Connection::OnGone(std::function<void()> on_gone) {
+  on_gone_ = std::move(on_gone);
+  socket_.async_wait(Socket::wait_read, [self = shared_from_this(), request = requests_](Error) {
+    if (self->answered_ || request != self->requests_ || !self->socket_.is_open()) {
+      return;
+    }
+    // What can be read is the end, or the next request, which waits its turn.
+    char next = 0;
+    Error error;
+    self->socket_.receive(boost::asio::buffer(&next, 1), Socket::message_peek, error);
+    if (error) {
+      self->Close();
+    }
+  });
+}
+
+void Connection::Reply(Answer answer) {
+  if (answered_ || !socket_.is_open()) {
+    return;
+  }
+  answered_ = true;
+  on_gone_ = nullptr;
+  if (answer.body.size() > kLongAnswer && all_.unsent_ + answer.body.size() > kMaxUnsent) {
+    answer = Fail(503, "clients are slow to take other long answers; try again", "busy");
+  }
+  const std::size_t size = answer.body.size();
+  if (size > kLongAnswer) {
+    all_.unsent_ += size;
+  }
+  constexpr unsigned kHttp11 = 11;
+  response_.emplace(static_cast<http::status>(answer.status), kHttp11);
+  for (const auto& [name, value] : fields_) {
+    response_->set(boost::beast::string_view(name.data(), name.size()), value);
+  }
+  response_->set("X-Content-Type-Options", "nosniff");
+  response_->set(http::field::cache_control, "no-cache");
+  if (!answer.policy.empty()) {
+    response_->set("Content-Security-Policy", answer.policy);
+  }
+  if (answer.anywhere) {
+    response_->set("Cross-Origin-Resource-Policy", "cross-origin");
+  }
+  if (!answer.allow.empty()) {
+    response_->set(http::field::allow, answer.allow);
+  }
+  if (answer.status != 204) {
+    response_->set(http::field::content_type, boost::beast::string_view(answer.type.data(), answer.type.size()));
+    response_->content_length(size);
+  }
+  if (!head_) {
+    response_->body() = std::move(answer.body);
+  }
+  response_->keep_alive(keep_alive_);
+  parser_.reset();
+  if (buffer_.size() == 0) {
+    buffer_ = {};
+  }
+  deadline_ = Clock::now() + kAnswerTime;
+  http::async_write(socket_, *response_,
+                    [self = shared_from_this(), size](Error error, std::size_t) { self->OnWritten(error, size); });
+}
+
+void Connection::OnWritten(Error error, std::size_t size) {
+  if (size > kLongAnswer) {
+    all_.unsent_ -= size;
+  }
+  response_.reset();
+  if (error || !socket_.is_open()) {
+    Close();
+  } else if (keep_alive_) {
+    AwaitRequest();
+  } else {
+    socket_.shutdown(Socket::shutdown_send, error);
+    deadline_ = Clock::now() + kRequestTime;
+    Linger();
+  }
+}
+
+// What is left of the request is taken too: a client that still writes would lose the answer.
+void Connection::Linger() {
+  static std::array<char, 4096> ignored;
+  socket_.async_read_some(boost::asio::buffer(ignored), [self = shared_from_this()](Error error, std::size_t) {
+    if (error) {
+      self->Close();
+    } else {
+      self->Linger();
+    }
+  });
+}
+
+std::pair<Socket, Connections::Seat> Connection::Take() {
+  answered_ = true;
+  on_gone_ = nullptr;
+  return {std::move(socket_), std::move(seat_)};
+}
+
+void Connection::Close() {
+  Error ignored;
+  socket_.close(ignored);
+  if (expecting_ != all_.expecting_.end()) {
+    all_.expecting_.erase(std::exchange(expecting_, all_.expecting_.end()));
+  }
+  if (!std::exchange(answered_, true) && on_gone_) {
+    std::exchange(on_gone_, nullptr)();
+  }
+}
+
+}  // namespace desk

@@ -1,0 +1,132 @@
+#pragma once
+
+// The desk: what all its parts share, and how it begins and ends.
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/signal_set.hpp>
+#include <boost/asio/thread_pool.hpp>
+
+#include "server/connection.h"
+#include "server/event_log.h"
+#include "server/origin.h"
+#include "server/page_book.h"
+#include "server/plugin_check.h"
+#include "server/router.h"
+#include "vconf_control.h"
+
+namespace desk {
+
+struct DeskOptions {
+  int port = 8480;            ///< 0 takes any that is free
+  std::string listen;         ///< an address of this machine beside loopback; empty for none
+  bool token = false;         ///< everybody needs the token; so with `listen`
+  bool until_closed = false;  ///< the desk ends with its standard input, too
+  HostCommand host;
+};
+
+/// How much of each there may be, by the number of descriptors that this process may have.
+struct Limits {
+  std::size_t connections;
+  std::size_t pages;
+  std::size_t events;      ///< streams of everything
+  std::size_t deliveries;  ///< streams of deliveries, of all pages
+  std::size_t sends;       ///< clients that wait for a reply, of all pages
+
+  static constexpr std::size_t kReserve = 4;  ///< what pages of the desk itself may have beyond each
+
+  /// `free` is what the desk has left for all of them.
+  static Limits For(std::size_t free);
+};
+
+/// One event loop on the calling thread owns pages, processes, connections and streams. Changes of the store, which may
+/// wait for a disk or a lock, are made one by one on a thread beside it.
+class Desk {
+ public:
+  explicit Desk(DeskOptions options);
+  ~Desk();
+  Desk(const Desk&) = delete;
+  Desk& operator=(const Desk&) = delete;
+
+  /// Takes the port. An error in words, or nothing.
+  std::string Start();
+
+  /// Serves until a signal asks for the end, and returns the exit status.
+  int Run();
+
+  /// The links to the desk's page, the first for this machine.
+  std::vector<std::string> Links() const;
+  /// What a page on this machine loads.
+  std::string Script() const;
+
+  /// Runs `work` on the store's thread, then answers with what it returns. With `tells` all changes that it has made
+  /// are told before.
+  void OnStore(const ConnectionPtr& connection, bool tells, std::function<Answer()> work);
+
+  /// What `GET /api/desk` says.
+  Json Describe() const;
+  /// Something in it may have changed.
+  void TellDesk();
+  void TellSet() { everything.Add("set", MakeText("{}")); }
+
+  /// Opens the store, or opens it anew, and hears of its changes. Not while `OnStore` runs anything.
+  vconf::Status OpenStore();
+  /// Puts the store's files aside and begins a new one, once nothing else is done with it.
+  void ReplaceStore(const ConnectionPtr& connection);
+
+  boost::asio::io_context loop{1};
+  const DeskOptions options;
+  Limits limits{};
+  EventLog everything;
+  PageBook pages;
+  std::size_t event_streams = 0;
+  std::size_t delivery_streams = 0;
+  std::size_t sends = 0;
+  vconf::Status store;  ///< how opening it went
+
+ private:
+  using Acceptor = boost::asio::basic_socket_acceptor<boost::asio::ip::tcp, boost::asio::io_context::executor_type>;
+
+  std::string Listen(const boost::asio::ip::address& address, unsigned short port);
+  std::string ListenOnLoopback();
+  void Accept(Acceptor& acceptor);
+  void OnChange(const vconf::Change& change);
+  void AwaitClosedInput();
+  void OnPlugin();
+  void Handle(HttpRequest& request, const ConnectionPtr& connection);
+  void RunReplacements();
+  void End();
+  void Finish();
+
+  OriginCheck check_;
+  Router router_;
+  Connection::Handler handler_;
+  Connections connections_;
+  std::vector<std::unique_ptr<Acceptor>> acceptors_;
+  boost::asio::steady_timer retry_;
+  boost::asio::signal_set signals_;
+  boost::asio::posix::basic_stream_descriptor<boost::asio::io_context::executor_type> input_;
+  std::unique_ptr<PluginCheck> plugin_;
+  std::unique_ptr<vconf::Watch> watch_;
+  boost::asio::thread_pool store_thread_{1};
+  std::vector<ConnectionPtr> replacements_;
+  std::size_t store_work_ = 0;
+  std::string told_;
+  unsigned short port_ = 0;
+  int status_ = 0;
+  bool told_plugin_ = false;
+  bool ending_ = false;
+  bool pages_closed_ = false;
+};
+
+void AddStoreRoutes(Router& router, Desk& desk);
+void AddSetRoutes(Router& router, Desk& desk);
+void AddPageRoutes(Router& router, Desk& desk);
+void AddFiles(Router& router);
+
+}  // namespace desk

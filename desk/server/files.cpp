@@ -1,0 +1,85 @@
+// The files that the desk serves: its own page, the scripts for pages, the example.
+
+#include <array>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "base/paths.h"
+#include "server/desk.h"
+
+namespace desk {
+namespace {
+
+// Nothing but the desk's own files and its streams, and no frame around it in which a click could be led astray.
+constexpr char kPolicy[] =
+    "default-src 'self'; connect-src 'self' ws: http://*.localhost:*; img-src 'self' data:; object-src 'self'; "
+    "base-uri 'none'; "
+    "form-action 'none'; frame-ancestors 'none'";
+
+struct TypeRow {
+  std::string_view extension;
+  std::string_view type;
+};
+constexpr std::array<TypeRow, 8> kTypes{{{".html", "text/html; charset=utf-8"},
+                                         {".js", "text/javascript; charset=utf-8"},
+                                         {".css", "text/css; charset=utf-8"},
+                                         {".svg", "image/svg+xml"},
+                                         {".png", "image/png"},
+                                         {".json", "application/json"},
+                                         {".ts", "text/plain; charset=utf-8"},
+                                         {".md", "text/plain; charset=utf-8"}}};
+
+std::optional<Answer> ReadFile(const std::filesystem::path& file) {
+  std::error_code ignored;
+  const std::string extension = file.extension();
+  const auto* const row = std::ranges::find(kTypes, extension, &TypeRow::extension);
+  if (row == kTypes.end() || !std::filesystem::is_regular_file(file, ignored)) {
+    return std::nullopt;
+  }
+  std::ifstream stream(file, std::ios::binary);
+  Answer answer{.body = std::string(std::istreambuf_iterator(stream), {}), .type = row->type};
+  answer.anywhere = extension == ".js";
+  if (extension == ".html") {
+    answer.policy = kPolicy;
+  }
+  return stream.good() || stream.eof() ? std::optional(std::move(answer)) : std::nullopt;
+}
+
+// A name that leads nowhere but below its folder.
+bool IsInside(const std::string& name) {
+  const std::filesystem::path path(name);
+  return name.find('\0') == std::string::npos && path.is_relative() &&
+         std::ranges::none_of(path, [](const auto& part) { return part == ".." || part == "."; });
+}
+
+Answer Serve(const std::filesystem::path& folder, const std::string& name) {
+  std::optional<Answer> answer;
+  if (IsInside(name)) {
+    answer = ReadFile(folder / (name.empty() ? "index.html" : name));
+  }
+  return answer ? std::move(*answer) : Fail(404, "there is nothing at /" + name);
+}
+
+}  // namespace
+
+void AddFiles(Router& router) {
+  const std::filesystem::path web = WebFolder();
+  const std::filesystem::path data = web.parent_path();
+  const auto serve = [&](const char* pattern, const std::filesystem::path& folder, const char* name) {
+    router.Get(pattern, [folder, name](const HttpRequest&) { return Serve(folder, name); });
+  };
+  serve("/", web, "index.html");
+  serve("/mirado.js", data / "page", "mirado.js");
+  serve("/mirado.classic.js", data / "page", "mirado.classic.js");
+  serve("/openapi.json", data, "openapi.json");
+  serve("/example/", data / "example", "index.html");
+  router.Get("/example/**",
+             [folder = data / "example"](const HttpRequest& request) { return Serve(folder, request.parts[0]); });
+  router.Get("/*", [web](const HttpRequest& request) { return Serve(web, request.parts[0]); });
+}
+
+}  // namespace desk

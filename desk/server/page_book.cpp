@@ -1,0 +1,74 @@
+#include "server/page_book.h"
+
+#include <algorithm>
+#include <utility>
+
+#include <boost/asio/post.hpp>
+
+namespace desk {
+
+PageBook::PageBook(boost::asio::io_context& loop, HostCommand command, EventLog& everything,
+                   std::function<void()> on_change)
+    : loop_(loop), command_(std::move(command)), everything_(everything), on_change_(std::move(on_change)) {}
+
+std::shared_ptr<Page> PageBook::Open(PageDescription description, bool reserve) {
+  if (on_closed_ || pages_.size() >= limit_ + (reserve ? 1 : 0)) {
+    return nullptr;
+  }
+  const int number = last_number_ + 1;
+  Page::Watcher& watcher = *this;
+  auto page = std::make_shared<Page>(loop_, number, std::move(description), command_, everything_, watcher);
+  pages_.emplace(number, page);
+  last_number_ = number;
+  on_change_();
+  return page;
+}
+
+std::shared_ptr<Page> PageBook::Find(std::string_view id) const {
+  const auto found = std::ranges::find_if(pages_, [&](const auto& entry) { return entry.second->id() == id; });
+  return found == pages_.end() ? nullptr : found->second;
+}
+
+void PageBook::Leave(Page& page, std::string_view reason) {
+  auto node = pages_.extract(page.number());
+  if (node.empty()) {
+    return;
+  }
+  const std::shared_ptr<Page> held = node.mapped();
+  const bool crashed = held->crashed();
+  leaving_.insert(std::move(node));
+  held->End(reason);
+  if (crashed) {
+    OnEnded(page);
+  }
+  on_change_();
+}
+
+void PageBook::OnEnded(Page& page) {
+  auto node = leaving_.extract(page.number());
+  if (node.empty()) {
+    return;  // It stays on the list as one that has crashed.
+  }
+  everything_.Add("gone", MakeText(ToText({{"id", page.id()}, {"number", page.number()}})));
+  // Not in the middle of what the page is doing.
+  boost::asio::post(loop_, [page = std::move(node.mapped())] {});
+  if (on_closed_ && leaving_.empty()) {
+    boost::asio::post(loop_, on_closed_);
+  }
+}
+
+void PageBook::Close(std::function<void()> on_closed) {
+  if (on_closed_) {
+    return;
+  }
+  on_closed_ = std::move(on_closed);
+  // All are asked first, so that the slowest alone counts.
+  while (!pages_.empty()) {
+    Leave(*pages_.begin()->second, "the desk has ended");
+  }
+  if (leaving_.empty()) {
+    boost::asio::post(loop_, on_closed_);
+  }
+}
+
+}  // namespace desk

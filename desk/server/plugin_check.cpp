@@ -1,0 +1,44 @@
+#include "server/plugin_check.h"
+
+#include <utility>
+
+#include "host/protocol.h"
+
+namespace desk {
+
+PluginCheck::PluginCheck(boost::asio::io_context& loop, HostCommand command, std::function<void()> on_change)
+    : on_change_(std::move(on_change)) {
+  command.store = "/dev/null";
+  process_ = HostProcess::Start(loop, command.Arguments(), *this);
+  process_->Write(WriteLine(In::kSend, R"({"command": "getVersion"})"));
+}
+
+void PluginCheck::OnLine(std::string_view line) {
+  const auto out = ReadOutLine(line);
+  if (!out || out->kind == Out::kLog) {
+    last_line_ = out ? ParsedJson::parse(out->value).value("text", "") : std::string(line);
+    return;
+  }
+  if (out->kind != Out::kReply) {
+    return;
+  }
+  const ParsedJson reply = ParsedJson::parse(out->value);
+  if (reply.is_object() && reply.contains("value") && reply["value"].is_string()) {
+    version_ = reply["value"].get<std::string>();
+  } else {
+    error_ = "the plug-in does not say its version";
+  }
+  process_->End();
+  on_change_();
+}
+
+void PluginCheck::OnEnd(int /*wait_status*/) {
+  ended_ = true;
+  if (version_.empty() && error_.empty()) {
+    gone_ = true;
+    error_ = last_line_.empty() ? "the plug-in's process has ended" : last_line_;
+  }
+  on_change_();
+}
+
+}  // namespace desk

@@ -1,0 +1,338 @@
+// Pages, their messages and the streams of what happens.
+
+#include <charconv>
+#include <memory>
+#include <optional>
+#include <string>
+#include <system_error>
+#include <utility>
+#include <variant>
+#include <vector>
+
+#include "host/protocol.h"
+#include "host/verify.h"
+#include "server/desk.h"
+#include "server/stream.h"
+
+namespace desk {
+namespace {
+
+constexpr std::chrono::seconds kMaxGrace(3600);
+
+std::variant<PageDescription, std::string> ReadDescription(const ParsedJson& body) {
+  PageDescription description;
+  if (!body.is_object()) {
+    return "the body is not an object";
+  }
+  for (const auto& [name, value] : body.items()) {
+    if (name == "title" && value.is_string()) {
+      description.title = value;
+    } else if (name == "url" && value.is_string()) {
+      description.url = value;
+    } else if (name == "grace" && value.is_number_integer() && value >= 1 && value <= kMaxGrace.count()) {
+      description.grace = std::chrono::seconds(value.get<int>());
+    } else {
+      return "\"" + name + "\" is none of title (text), url (text) and grace (1 to 3600 seconds)";
+    }
+  }
+  return description;
+}
+
+// A message is {"send": M} or {"post": M}, perhaps with a number "n".
+std::optional<Page::Message> ReadMessage(std::string_view json) {
+  const auto members = RawMembers(json);
+  std::optional<Page::Message> message;
+  std::optional<std::int64_t> number;
+  for (const RawMember& member : members) {
+    const bool waits = member.name == "send";
+    if (!message && (waits || member.name == "post")) {
+      message = Page::Message{.waits = waits, .body = member.value, .number = {}};
+    } else if (!number && member.name == "n") {
+      const char* const end = member.value.data() + member.value.size();
+      if (std::from_chars(member.value.data(), end, number.emplace()).ptr != end) {
+        return std::nullopt;
+      }
+    } else {
+      return std::nullopt;
+    }
+  }
+  if (message && json.front() == '{') {
+    message->number = number;
+    return message;
+  }
+  return std::nullopt;
+}
+
+// The messages that `text` holds, which must outlive them, or what is wrong with it.
+std::variant<std::vector<Page::Message>, std::string> ReadMessages(std::string_view text) {
+  if (!IsJson(text)) {
+    const auto parsed = ParseJson(text);
+    return parsed.ok() ? "not JSON" : parsed.status().text();
+  }
+  std::vector<std::string_view> entries;
+  text.remove_prefix(text.find_first_not_of(" \t\r\n"));
+  if (text.starts_with('[')) {
+    for (const RawMember& element : RawMembers(text)) {
+      entries.push_back(element.value);
+    }
+  } else {
+    entries.push_back(text);
+  }
+  std::vector<Page::Message> messages;
+  for (const std::string_view entry : entries) {
+    const auto message = ReadMessage(entry);
+    if (!message) {
+      return R"(a message is {"post": M} or {"send": M}, and may have an integer "n")";
+    }
+    if (!messages.empty() && messages.back().waits) {
+      return "only the last message may be a send";
+    }
+    messages.push_back(*message);
+  }
+  return messages;
+}
+
+Answer AnswerTo(const Page::Result& result) {
+  switch (result.outcome) {
+    case Page::Outcome::kGone:
+      return Fail(410, "the page's plug-in is gone", "removed");
+    case Page::Outcome::kFull:
+      return Fail(503, "the plug-in has fallen too far behind", "busy");
+    case Page::Outcome::kRefused:
+      return Fail(400, result.text, "bad-value");
+    case Page::Outcome::kDone:
+      break;
+  }
+  return result.text.empty() ? Answer{} : Answer{.body = "{\"reply\":" + result.text + "}"};
+}
+
+void Submit(Desk& desk, const std::shared_ptr<Page>& page, const HttpRequest& request,
+            const ConnectionPtr& connection) {
+  const auto messages = ReadMessages(request.body);
+  if (const auto* error = std::get_if<std::string>(&messages)) {
+    return connection->Reply(Fail(400, *error, "bad-value"));
+  }
+  if (desk.sends >= desk.limits.sends || page->waiting() >= Page::kMaxWaiting) {
+    return connection->Reply(Fail(503, "too many requests wait for a reply already", "busy"));
+  }
+  // Counted as long as somebody waits for the answer.
+  ++desk.sends;
+  const std::shared_ptr<void> counted(nullptr, [&desk](void*) { --desk.sends; });
+  const std::uint64_t ticket =
+      page->Submit(std::get<std::vector<Page::Message>>(messages),
+                   [connection, counted](const Page::Result& result) { connection->Reply(AnswerTo(result)); });
+  if (ticket != 0) {
+    connection->OnGone([page = std::weak_ptr(page), ticket] {
+      if (const auto left = page.lock()) {
+        left->Forget(ticket);
+      }
+    });
+  }
+}
+
+// The number of the message in a text that is no JSON, as far as it can be seen; 0 where it cannot.
+std::int64_t NumberIn(std::string_view text) {
+  constexpr std::string_view kName = "\"n\":";
+  const std::size_t at = std::min(text.find(kName), text.size() - std::min(text.size(), kName.size()));
+  std::int64_t number = 0;
+  std::from_chars(text.data() + at + kName.size(), text.data() + text.size(), number);
+  return number;
+}
+
+// What a page says on its socket: posts alone, each with a number, which is acknowledged when the plug-in has it.
+void TakePosts(const std::shared_ptr<Page>& page, std::string text, const std::function<void(std::string)>& done) {
+  const auto messages = ReadMessages(text);
+  const auto refuse = [&](std::int64_t number, const std::string& cause) {
+    done(ToText({{"refused", number}, {"error", cause}}));
+  };
+  const auto* const posts = std::get_if<std::vector<Page::Message>>(&messages);
+  if (posts == nullptr) {
+    return refuse(NumberIn(text), std::get<std::string>(messages));
+  }
+  for (const Page::Message& post : *posts) {
+    if (post.waits || !post.number) {
+      return refuse(post.number.value_or(0), R"(a socket takes {"n": N, "post": M})");
+    }
+  }
+  std::optional<Page::Result> result;
+  page->Submit(*posts, [&](const Page::Result& now) { result = now; });
+  if (result->outcome == Page::Outcome::kFull) {
+    // Those before the first that found no room are known by their numbers.
+    return page->AwaitRoom([page = std::weak_ptr(page), text = std::move(text), done] {
+      if (const auto left = page.lock()) {
+        TakePosts(left, text, done);
+      }
+    });
+  }
+  if (result->outcome == Page::Outcome::kGone || posts->empty()) {
+    return done("");  // The crash is on its way to the page.
+  }
+  done("{\"ack\":" + std::to_string(*posts->back().number) + "}");
+}
+
+// Where a stream begins: behind the last event that the reader names.
+std::uint64_t StartOf(const HttpRequest& request, std::uint64_t otherwise) {
+  const std::string_view last = request.query.contains("after") ? request.Query("after") : request.last_event_id;
+  std::from_chars(last.data(), last.data() + last.size(), otherwise);
+  return otherwise;
+}
+
+void FollowPage(Desk& desk, const std::shared_ptr<Page>& page, const HttpRequest& request,
+                const ConnectionPtr& connection, bool takes_posts) {
+  if (page->streams() >= 4 || desk.delivery_streams >= desk.limits.deliveries + (request.own ? Limits::kReserve : 0)) {
+    return connection->Reply(Fail(503, "too many streams of deliveries are open already", "busy"));
+  }
+  page->StreamOpened();
+  ++desk.delivery_streams;
+  Following following{
+      .log = &page->deliveries(), .position = StartOf(request, 0), .keeps = page, .on_close = [&desk, page] {
+        page->StreamClosed();
+        --desk.delivery_streams;
+      }};
+  if (takes_posts) {
+    following.on_text = [page](std::string_view text, const std::function<void(std::string)>& done) {
+      TakePosts(page, std::string(text), done);
+    };
+  }
+  StartStream(connection, std::move(following));
+}
+
+void FollowEverything(Desk& desk, const HttpRequest& request, const ConnectionPtr& connection) {
+  if (desk.event_streams >= desk.limits.events + (request.own ? Limits::kReserve : 0)) {
+    return connection->Reply(
+        Fail(503, std::to_string(desk.limits.events) + " streams of events are open already", "busy"));
+  }
+  ++desk.event_streams;
+  StartStream(connection, {.log = &desk.everything,
+                           .position = StartOf(request, desk.everything.newest()),
+                           .keeps = {},
+                           .on_close = [&desk] { --desk.event_streams; },
+                           .on_text = {}});
+}
+
+// Compares what the page has asked so far with what the body expects.
+void Verify(const Page& page, const HttpRequest& request, const ConnectionPtr& connection) {
+  const auto body = ReadBody(request, connection);
+  if (!body) {
+    return;
+  }
+  const auto expected = ExpectationFromJson(*body);
+  if (!expected.ok()) {
+    return connection->Reply(Fail(expected.status()));
+  }
+  if (page.dialogue().newest() > page.dialogue().kept().size()) {
+    return connection->Reply(Fail(409, "the page has said more than the desk keeps; verify it sooner", "failed"));
+  }
+  std::vector<ParsedJson> asked;
+  for (const EventLog::Event& event : page.dialogue().kept()) {
+    ParsedJson entry = ParsedJson::parse(*event.data);
+    if (entry["kind"] == "send" || entry["kind"] == "post") {
+      asked.push_back(std::move(entry["body"]));
+    }
+  }
+  const std::string difference = AskedDifference(asked, *expected);
+  connection->Reply(Say({{"ok", difference.empty()}, {"difference", difference}}));
+}
+
+void OpenPage(Desk& desk, const HttpRequest& request, const ConnectionPtr& connection) {
+  const auto body = ReadBody(request, connection);
+  if (!body) {
+    return;
+  }
+  auto description = ReadDescription(*body);
+  if (const auto* error = std::get_if<std::string>(&description)) {
+    return connection->Reply(Fail(400, *error, "bad-value"));
+  }
+  try {
+    const auto page = desk.pages.Open(std::get<PageDescription>(std::move(description)), request.own);
+    connection->Reply(page ? Say(page->Describe(), 201)
+                           : Fail(503, std::to_string(desk.pages.limit()) + " pages are open already", "busy"));
+  } catch (const std::system_error& error) {
+    connection->Reply(Fail(503,
+                           std::string("no plug-in can be started: ") + error.what() +
+                               "; close pages, or raise the desk's limits (ulimit -n, ulimit -u)",
+                           "busy"));
+  }
+}
+
+}  // namespace
+
+void AddPageRoutes(Router& router, Desk& desk) {
+  using PageHandler = std::function<void(const std::shared_ptr<Page>&, const HttpRequest&, const ConnectionPtr&)>;
+  const auto with_page = [&desk](PageHandler handler) {
+    return [&desk, handler = std::move(handler)](HttpRequest& request, const ConnectionPtr& connection) {
+      if (const auto page = desk.pages.Find(request.parts[0])) {
+        return handler(page, request, connection);
+      }
+      connection->Reply(Fail(404, "there is no page " + request.parts[0], "missing"));
+    };
+  };
+  const auto add = [&](http::verb method, const std::string& name, std::function<Answer(Page&)> answer) {
+    router.Add(method, "/api/pages/*" + name,
+               with_page([answer = std::move(answer)](const auto& page, const auto&, const auto& connection) {
+                 connection->Reply(answer(*page));
+               }));
+  };
+  const auto leave = [&desk](Page& page) {
+    desk.pages.Leave(page);
+    return Answer{};
+  };
+
+  router.Get("/api/pages", [&desk](const HttpRequest&) {
+    Json pages = Json::array();
+    for (const auto& [number, page] : desk.pages.all()) {
+      pages.push_back(page->Describe());
+    }
+    return Say({{"pages", std::move(pages)}});
+  });
+  router.AddWithBody(http::verb::post, "/api/pages", [&desk](HttpRequest& request, const ConnectionPtr& connection) {
+    OpenPage(desk, request, connection);
+  });
+  add(http::verb::get, "", [](Page& page) { return Say(page.Describe()); });
+  add(http::verb::delete_, "", leave);
+  add(http::verb::post, "/leave", leave);
+  add(http::verb::post, "/kill", [](Page& page) {
+    page.Kill();
+    return Answer{};
+  });
+  add(http::verb::get, "/dialogue", [](Page& page) { return Answer{.body = page.dialogue().Join("dialogue")}; });
+  add(http::verb::get, "/log", [](Page& page) { return Answer{.body = page.log().Join("log")}; });
+
+  add(http::verb::post, "/recording", [](Page& page) {
+    return page.StartRecording() ? Say(page.Describe(), 201)
+                                 : Fail(409, "it is recorded already, or its plug-in is gone");
+  });
+  add(http::verb::delete_, "/recording", [](Page& page) {
+    page.StopRecording();
+    return Say(page.Describe());
+  });
+  add(http::verb::get, "/recording", [](Page& page) {
+    return page.recording() ? Answer{.body = *page.recording(), .type = "application/jsonl"}
+                            : Fail(404, "no recording of this page was started", "missing");
+  });
+
+  router.AddWithBody(http::verb::post, "/api/pages/*/messages",
+                     with_page([&desk](const auto& page, const auto& request, const auto& connection) {
+                       Submit(desk, page, request, connection);
+                     }));
+  router.AddWithBody(http::verb::post, "/api/pages/*/verify",
+                     with_page([](const auto& page, const auto& request, const auto& connection) {
+                       Verify(*page, request, connection);
+                     }));
+  router.Add(http::verb::get, "/api/pages/*/deliveries",
+             with_page([&desk](const auto& page, const auto& request, const auto& connection) {
+               FollowPage(desk, page, request, connection, false);
+             }));
+  router.Add(http::verb::get, "/api/pages/*/socket",
+             with_page([&desk](const auto& page, const auto& request, const auto& connection) {
+               if (!request.upgrade) {
+                 return connection->Reply(Fail(426, "this is a WebSocket; /deliveries has the same as events"));
+               }
+               FollowPage(desk, page, request, connection, true);
+             }));
+  router.Add(http::verb::get, "/api/events", [&desk](HttpRequest& request, const ConnectionPtr& connection) {
+    FollowEverything(desk, request, connection);
+  });
+}
+
+}  // namespace desk
