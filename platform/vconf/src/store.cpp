@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "dlog.h"
+#include "rows.h"
 
 namespace vconf {
 namespace {
@@ -18,10 +19,6 @@ struct Room {
 constexpr std::string_view kMemory = "memory/";
 constexpr std::array<Room, 3> kRooms{{{"db/", false}, {kMemory, false}, {"set/", true}}};
 
-// What `Header::committing` says: that a commit may be in the database alone, or that somebody is publishing it.
-constexpr std::uint32_t kCommitting = 1;
-constexpr std::uint32_t kRecovering = 2;
-
 Status BadPath(std::string_view path) { return {Code::kBadName, std::string(path) + ": is no path of the store"}; }
 
 Status CheckValue(std::string_view path, const Value& value) {
@@ -30,50 +27,6 @@ Status CheckValue(std::string_view path, const Value& value) {
              ? Status()
              : Status(Code::kBadValue,
                       std::string(path) + ": the text is longer than " + std::to_string(layout::kMaxText) + " bytes");
-}
-
-const Value* ValueOf(const Row& row) { return row.value ? &*row.value : nullptr; }
-
-Code PrepareAll(Table& table, const std::vector<Row>& rows, std::vector<std::uint32_t>* keys) {
-  Code code = Code::kOk;
-  for (const Row& row : rows) {
-    std::uint32_t key = 0;
-    code = code == Code::kOk ? table.Prepare(row.path, ValueOf(row), &key) : code;
-    if (code == Code::kOk) {
-      keys->push_back(key);
-    }
-  }
-  if (code != Code::kOk) {
-    table.Drop(*keys);
-  }
-  return code;
-}
-
-void PublishAll(Turn& turn, const std::vector<Row>& rows, const std::vector<std::uint32_t>& keys) {
-  for (std::size_t i = 0; i < rows.size(); ++i) {
-    if (rows[i].path.starts_with(kFaultPrefix)) {
-      turn.PublishUntold(keys[i]);
-    } else {
-      turn.Publish(keys[i]);
-    }
-  }
-}
-
-// What makes `held` hold what `wanted` does, and nothing else.
-void Difference(const std::vector<Entry>& held, std::map<std::string, Value, std::less<>> wanted,
-                std::vector<Row>* rows) {
-  std::map<std::string, std::optional<Value>, std::less<>> changes(wanted.begin(), wanted.end());
-  for (const Entry& entry : held) {
-    const auto keep = wanted.find(entry.path);
-    if (keep == wanted.end()) {
-      changes.emplace(entry.path, std::nullopt);
-    } else if (keep->second == entry.value) {
-      changes.erase(entry.path);
-    }
-  }
-  for (auto& [path, value] : changes) {
-    rows->push_back({path, std::move(value)});
-  }
 }
 
 }  // namespace
@@ -266,142 +219,6 @@ Status Store::ChangeInMemory(Region& region, const Plan& plan) {
   return status;
 }
 
-Status Store::ChangeOnDisk(Region& region, const Plan& plan) {
-  layout::Header& header = region.header();
-  const std::lock_guard mine(database_mutex_);
-  const SharedLock lock(header.disk_lock, "writing to disk");
-  Status status = lock.status(region.file());
-  if (status.ok() && !region.IsWhole()) {
-    return {Code::kRemoved, region.file() + ": was replaced"};
-  }
-  if (status.ok()) {
-    status = Connect(region);
-  }
-  if (status.ok() && (lock.inherited() || header.committing != 0)) {
-    status = Recover(region);
-  }
-  Table table(region);
-  std::vector<Row> rows;
-  std::vector<std::uint32_t> keys;
-  if (status.ok()) {
-    status = plan(region, &rows);
-  }
-  if (!status.ok() || rows.empty()) {
-    return status;
-  }
-  {
-    Turn turn(region);
-    status = turn.status();
-    if (status.ok()) {
-      status = ToStatus(turn.Reserve() ? PrepareAll(table, rows, &keys) : Code::kFull, rows.front().path, region);
-    }
-  }
-  const std::uint64_t number = header.published + 1;
-  if (status.ok()) {
-    header.committing = kCommitting;
-    status = database_->Write(rows, number);
-    // Where the disk failed, only the database knows what became of it: the next change looks.
-    if (!status.ok() && status.code() != Code::kFailed) {
-      header.committing = 0;
-    }
-  }
-  Turn turn(region);
-  if (!status.ok()) {
-    if (turn.status().ok()) {
-      table.Drop(keys);
-    }
-    return status;
-  }
-  if (turn.status().ok()) {
-    PublishAll(turn, rows, keys);
-    header.published = number;
-    header.committing = 0;
-  }
-  return turn.status();
-}
-
-Status Store::Connect(const Region& region) {
-  const Folder* folder = nullptr;
-  {
-    const std::lock_guard lock(places_mutex_);
-    folder = &places_.back()->folder;
-  }
-  struct stat about = {};
-  if (!folder->Check(Folder::kDatabase, &about).ok() || about.st_ino != region.header().database) {
-    database_.reset();
-    return {Code::kRemoved, folder->File(Folder::kDatabase) + ": was removed or replaced while it was in use"};
-  }
-  if (database_ != nullptr && database_->IsCurrent(*folder)) {
-    return database_->CheckHead();
-  }
-  database_.reset();
-  auto opened = Database::Open(*folder, true);
-  if (opened.ok()) {
-    database_ = *std::move(opened);
-    database_->ReserveLog();
-  }
-  return opened.status();
-}
-
-// Publishes what a writer that died, or failed, left in the database alone.
-Status Store::Recover(Region& region) {
-  layout::Header& header = region.header();
-  header.committing = kRecovering;
-  std::vector<Row> rows;
-  std::uint64_t number = header.published;
-  Status status = database_->Read(false, &rows, &number);
-  if (!status.ok()) {
-    header.committing = kCommitting;
-    return status;
-  }
-  std::map<std::string, Value, std::less<>> wanted;
-  for (Row& row : rows) {
-    wanted.insert_or_assign(std::move(row.path), *std::move(row.value));
-  }
-  Turn turn(region);
-  Table table(region);
-  std::vector<Entry> held;
-  std::vector<Row> changes;
-  std::vector<std::uint32_t> keys;
-  Code code = Code::kOk;
-  for (const std::string_view prefix : {std::string_view("db/"), std::string_view("set/"), kFaultPrefix}) {
-    code = code == Code::kOk ? table.List(prefix, &held) : code;
-  }
-  status = turn.status().ok() ? ToStatus(code, "", region) : turn.status();
-  if (status.ok()) {
-    table.DropPrepared();
-    Difference(held, std::move(wanted), &changes);
-    status = ToStatus(PrepareAll(table, changes, &keys), "", region);
-  }
-  if (status.ok()) {
-    PublishAll(turn, changes, keys);
-    header.published = std::max<std::uint64_t>(number, header.published);
-  }
-  header.committing = status.ok() ? 0 : kCommitting;
-  return status;
-}
-
-// What a writer left in the database is published when a store is opened, or when the next one writes.
-void Store::RecoverIfNeeded() {
-  Region& now = region();
-  const auto until = std::chrono::steady_clock::now() + kLockLimit;
-  while (now.writable() && now.is_shared()) {
-    const SharedLock lock(now.header().disk_lock, "writing to disk", std::chrono::milliseconds(0));
-    if (lock.held()) {
-      if (lock.inherited() || now.header().committing != 0) {
-        Status status = Connect(now);
-        static_cast<void>(NoteWrite(Home::kDisk, status.ok() ? Recover(now) : status));
-      }
-      return;
-    }
-    // Somebody is writing. Only one who publishes what was left is worth waiting for.
-    if (now.header().committing != kRecovering || std::chrono::steady_clock::now() > until) {
-      return;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-}
-
 Status Store::Set(std::string_view path, const Value& value) {
   if (!IsPath(path, true)) {
     return BadPath(path);
@@ -440,7 +257,7 @@ Status Store::Reset(const std::vector<Entry>& entries) {
     const auto change = [&](bool removals_only) {
       return Change(home, [&](Region& region, std::vector<Row>* rows) {
         std::vector<Entry> held;
-        std::map<std::string, Value, std::less<>> wanted;
+        Wanted wanted;
         for (const Entry& entry : entries) {
           if (HomeOf(entry.path) == home) {
             wanted.insert_or_assign(entry.path, entry.value);
@@ -451,7 +268,7 @@ Status Store::Reset(const std::vector<Entry>& entries) {
             return ToStatus(Code::kDamaged, room.prefix, region);
           }
         }
-        Difference(held, std::move(wanted), rows);
+        Difference(held, wanted, rows);
         if (removals_only) {
           std::erase_if(*rows, [](const Row& row) { return row.value.has_value(); });
         }

@@ -1,0 +1,154 @@
+// How a store changes what lies on disk, and how it publishes what a writer left there alone.
+#include <algorithm>
+#include <thread>
+#include <utility>
+
+#include "rows.h"
+#include "store.h"
+
+namespace vconf {
+namespace {
+
+// What `Header::committing` says: that a commit may be in the database alone, or that somebody is publishing it.
+constexpr std::uint32_t kCommitting = 1;
+constexpr std::uint32_t kRecovering = 2;
+
+}  // namespace
+
+Status Store::ChangeOnDisk(Region& region, const Plan& plan) {
+  layout::Header& header = region.header();
+  const std::lock_guard mine(database_mutex_);
+  const SharedLock lock(header.disk_lock, "writing to disk");
+  Status status = lock.status(region.file());
+  if (status.ok() && !region.IsWhole()) {
+    return {Code::kRemoved, region.file() + ": was replaced"};
+  }
+  if (status.ok()) {
+    status = Connect(region);
+  }
+  if (status.ok() && (lock.inherited() || header.committing != 0)) {
+    status = Recover(region);
+  }
+  Table table(region);
+  std::vector<Row> rows;
+  std::vector<std::uint32_t> keys;
+  if (status.ok()) {
+    status = plan(region, &rows);
+  }
+  if (!status.ok() || rows.empty()) {
+    return status;
+  }
+  {
+    Turn turn(region);
+    status = turn.status();
+    if (status.ok()) {
+      status = ToStatus(turn.Reserve() ? PrepareAll(table, rows, &keys) : Code::kFull, rows.front().path, region);
+    }
+  }
+  const std::uint64_t number = header.published + 1;
+  if (status.ok()) {
+    header.committing = kCommitting;
+    status = database_->Write(rows, number);
+    // Where the disk failed, only the database knows what became of it: the next change looks.
+    if (!status.ok() && status.code() != Code::kFailed) {
+      header.committing = 0;
+    }
+  }
+  Turn turn(region);
+  if (!status.ok()) {
+    if (turn.status().ok()) {
+      table.Drop(keys);
+    }
+    return status;
+  }
+  if (turn.status().ok()) {
+    PublishAll(turn, rows, keys);
+    header.published = number;
+    header.committing = 0;
+  }
+  return turn.status();
+}
+
+Status Store::Connect(const Region& region) {
+  const Folder* folder = nullptr;
+  {
+    const std::lock_guard lock(places_mutex_);
+    folder = &places_.back()->folder;
+  }
+  struct stat about = {};
+  if (!folder->Check(Folder::kDatabase, &about).ok() || about.st_ino != region.header().database) {
+    database_.reset();
+    return {Code::kRemoved, folder->File(Folder::kDatabase) + ": was removed or replaced while it was in use"};
+  }
+  if (database_ != nullptr && database_->IsCurrent(*folder)) {
+    return database_->CheckHead();
+  }
+  database_.reset();
+  auto opened = Database::Open(*folder, true);
+  if (opened.ok()) {
+    database_ = *std::move(opened);
+    database_->ReserveLog();
+  }
+  return opened.status();
+}
+
+// Publishes what a writer that died, or failed, left in the database alone.
+Status Store::Recover(Region& region) {
+  layout::Header& header = region.header();
+  header.committing = kRecovering;
+  std::vector<Row> rows;
+  std::uint64_t number = header.published;
+  Status status = database_->Read(false, &rows, &number);
+  if (!status.ok()) {
+    header.committing = kCommitting;
+    return status;
+  }
+  Wanted wanted;
+  for (Row& row : rows) {
+    wanted.insert_or_assign(std::move(row.path), *std::move(row.value));
+  }
+  Turn turn(region);
+  Table table(region);
+  std::vector<Entry> held;
+  std::vector<Row> changes;
+  std::vector<std::uint32_t> keys;
+  Code code = Code::kOk;
+  for (const std::string_view prefix : {std::string_view("db/"), std::string_view("set/"), kFaultPrefix}) {
+    code = code == Code::kOk ? table.List(prefix, &held) : code;
+  }
+  status = turn.status().ok() ? ToStatus(code, "", region) : turn.status();
+  if (status.ok()) {
+    table.DropPrepared();
+    Difference(held, wanted, &changes);
+    status = ToStatus(PrepareAll(table, changes, &keys), "", region);
+  }
+  if (status.ok()) {
+    PublishAll(turn, changes, keys);
+    header.published = std::max<std::uint64_t>(number, header.published);
+  }
+  header.committing = status.ok() ? 0 : kCommitting;
+  return status;
+}
+
+// What a writer left in the database is published when a store is opened, or when the next one writes.
+void Store::RecoverIfNeeded() {
+  Region& now = region();
+  const auto until = std::chrono::steady_clock::now() + kLockLimit;
+  while (now.writable() && now.is_shared()) {
+    const SharedLock lock(now.header().disk_lock, "writing to disk", std::chrono::milliseconds(0));
+    if (lock.held()) {
+      if (lock.inherited() || now.header().committing != 0) {
+        Status status = Connect(now);
+        static_cast<void>(NoteWrite(Home::kDisk, status.ok() ? Recover(now) : status));
+      }
+      return;
+    }
+    // Somebody is writing. Only one who publishes what was left is worth waiting for.
+    if (now.header().committing != kRecovering || std::chrono::steady_clock::now() > until) {
+      return;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+}
+
+}  // namespace vconf
