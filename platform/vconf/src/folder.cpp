@@ -135,11 +135,12 @@ Result<std::string> Folder::MoveAway(const std::vector<std::string>& names) cons
     std::string target;
     int number = 0;
     do {
-      target = place + std::to_string(++number);
+      target = place;
+      target += std::to_string(++number);
     } while (mkdir(target.c_str(), 0700) != 0 && errno == EEXIST);
     bool moved = access(target.c_str(), W_OK) == 0;
     for (const std::string& name : names) {
-      moved = moved && rename(File(name).c_str(), (target + "/" + name).c_str()) == 0;
+      moved = moved && rename(File(name).c_str(), std::string(target).append("/").append(name).c_str()) == 0;
     }
     if (moved) {
       return target;

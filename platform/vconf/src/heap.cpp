@@ -71,20 +71,18 @@ void Heap::Compact(Blocks blocks) {
   }
   std::sort(blocks.begin(), blocks.end());
   for (auto at = blocks.begin(); at != blocks.end();) {
-    auto [begin, size] = *at;
-    std::uint32_t end = begin;
-    for (; at != blocks.end() && at->first == end; ++at) {
-      end += at->second;
+    std::uint32_t begin = at->first;
+    std::uint32_t end = begin + at->second;
+    for (++at; at != blocks.end() && at->first <= end; ++at) {  // a damaged list may name one twice
+      end = std::max(end, at->first + at->second);
     }
-    if (end == begin) {
-      ++at;  // stands there twice, in a list that is damaged
-    } else if (end == header.end.load(std::memory_order_relaxed)) {
+    if (end == header.end.load(std::memory_order_relaxed)) {
       header.end.store(begin, std::memory_order_relaxed);
-    } else {
-      for (std::uint32_t piece = layout::kMaxBlock; begin != end; piece /= 2) {
-        for (; end - begin >= piece; begin += piece) {
-          Give(begin, piece);
-        }
+      continue;
+    }
+    for (std::uint32_t index = layout::kBlockSizes; index-- > 0;) {
+      for (const std::uint32_t piece = layout::kMinBlock << index; end - begin >= piece; begin += piece) {
+        Give(begin, piece);
       }
     }
   }

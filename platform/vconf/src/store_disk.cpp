@@ -85,11 +85,12 @@ Status Store::Connect(const Region& region) {
   }
   database_.reset();
   auto opened = Database::Open(*folder, true);
-  if (opened.ok()) {
-    database_ = *std::move(opened);
-    database_->ReserveLog();
+  if (!opened.ok()) {
+    return opened.status();
   }
-  return opened.status();
+  database_ = *std::move(opened);
+  database_->ReserveLog();
+  return {};
 }
 
 // Publishes what a writer that died, or failed, left in the database alone.
