@@ -75,7 +75,7 @@ void AddFiles(Router& router) {
   serve("/", web, "index.html");
   serve("/mirado.js", data / "page", "mirado.js");
   serve("/mirado.classic.js", data / "page", "mirado.classic.js");
-  serve("/openapi.json", data, "openapi.json");
+  serve("/openapi.json", web, "openapi.json");
   serve("/example/", data / "example", "index.html");
   router.Get("/example/**",
              [folder = data / "example"](const HttpRequest& request) { return Serve(folder, request.parts[0]); });

@@ -12,7 +12,8 @@ export function connectTo(url, known) {
   // The answer's JSON, or its text where it is none. Throws with the desk's own words.
   async function call(method, path, body) {
     const text = body === undefined ? "" : JSON.stringify(body);
-    const headers = { ...known, "Content-Length": Buffer.byteLength(text), ...(text && { "Content-Type": "application/json" }) };
+    const type = text && { "Content-Type": "application/json" };
+    const headers = { ...known, "Content-Length": Buffer.byteLength(text), ...type };
     const request = httpRequest({ ...address(url), agent, method, path, headers }).end(text);
     let answer;
     try {
@@ -21,7 +22,7 @@ export function connectTo(url, known) {
       throw new Error(`mirado-desk: ${method} ${path}: the desk does not answer`, { cause: error });
     }
     const said = (await answer.setEncoding("utf8").toArray()).join("");
-    const json = answer.headers["content-type"]?.startsWith("application/json") ? JSON.parse(said) : null;
+    const json = /^application\/json(;|$)/.test(answer.headers["content-type"]) ? JSON.parse(said) : null;
     if (answer.statusCode < 300) return json ?? said;
     const error = new Error(`mirado-desk: ${method} ${path}: ${json?.error ?? said}`);
     throw Object.assign(error, { status: answer.statusCode, code: json?.code });

@@ -5,7 +5,8 @@ export interface StartOptions {
   /** The program `mirado`. Otherwise what the environment variable MIRADO names, else the one that comes with this
    *  package, else the one on the PATH. */
   program?: string;
-  /** Lets in pages of any origin that load `script`, whose address then holds a token; otherwise those of this machine. */
+  /** Lets in pages of every origin that load `script`, whose address then holds a token. Otherwise only those that come
+   *  from this machine. */
   anyOrigin?: boolean;
   /** Milliseconds that a call waits for what it waits for, unless it says otherwise; 5000. */
   timeout?: number;

@@ -25,8 +25,9 @@ process.on("exit", () => {
 export async function startSet({ program = usualProgram(), anyOrigin = false, timeout = 5000 } = {}) {
   const folder = await mkdtemp(join(tmpdir(), "mirado-set-"));
   const origins = anyOrigin ? ["--token"] : [];
-  const child = spawn(program, ["desk", "--port", "0", "--store", join(folder, "store"), ...origins],
-    { stdio: ["ignore", "pipe", "pipe"] });
+  // The desk ends with its standard input, so also when this process is killed.
+  const child = spawn(program, ["desk", "--port", "0", "--store", join(folder, "store"), "--until-closed", ...origins],
+    { stdio: "pipe" });
   running.set(child, folder);
   const ended = new Promise((resolve) => {
     child.on("exit", (status, signal) => resolve(signal ?? `status ${status}`));

@@ -1,10 +1,11 @@
 // mirado-desk from a test's side, on real desks.
 import assert from "node:assert/strict";
-import { execFileSync } from "node:child_process";
+import { execFileSync, spawnSync } from "node:child_process";
 import { mkdtempSync, readdirSync, rmSync } from "node:fs";
 import { tmpdir } from "node:os";
 import { join } from "node:path";
 import { after, before, beforeEach, it } from "node:test";
+import { ended } from "../desk/desk.mjs";
 import { startSet } from "../../npm/mirado-desk/index.js";
 
 process.env.MIRADO ??= new URL("../../build/release/bin/mirado", import.meta.url).pathname;
@@ -69,7 +70,7 @@ it("says why no set starts", async () => {
 
 it("leaves nothing behind, also when many sets run at a time", async () => {
   const left = () => [readdirSync(folder),
-    execFileSync("ps", ["-eo", "args"], { encoding: "utf8" }).split("\n").filter((args) => args.includes(folder))];
+    execFileSync("ps", ["-eo", "pid,args"], { encoding: "utf8" }).split("\n").filter((args) => args.includes(folder))];
   const before = left();
   let started = 0;
   await Promise.all(Array.from({ length: 16 }, async () => {
@@ -82,9 +83,12 @@ it("leaves nothing behind, also when many sets run at a time", async () => {
     }
   }));
   assert.deepEqual(left(), before);
-  execFileSync(process.execPath, ["--input-type=module", "--eval", `
+  const leave = (how) => spawnSync(process.execPath, ["--input-type=module", "--eval", `
     import { startSet } from ${JSON.stringify(new URL("../../npm/mirado-desk/index.js", import.meta.url))};
     await startSet();
-    process.exit();`]);
+    ${how}`]);
+  leave("process.exit();");
   assert.deepEqual(left(), before);
+  leave('process.kill(process.pid, "SIGKILL");');
+  await Promise.all(left()[1].filter((line) => !before[1].includes(line)).map((line) => ended(parseInt(line))));
 });

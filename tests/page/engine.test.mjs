@@ -14,7 +14,7 @@ const walk = require("acorn-walk");
 const terser = require("terser");
 const GENERATION = 47;
 // What it loads, and the edition of ECMAScript that each file keeps to.
-const FILES = { "page/mirado.classic.js": 5, "examples/app/film.js": 2015, "examples/app/app.js": 2015 };
+const FILES = { "page/mirado.classic.js": 5, "desk/web/desk.js": 2015, "examples/app/film.js": 2015, "examples/app/app.js": 2015 };
 
 const text = (file) => readFileSync(root + file, "utf8");
 const known = new Map(Array.from(text("docs/engines.md").matchAll(/^\| `(\w+)` \|.*\| (\d+) \|$/gm),
@@ -24,7 +24,7 @@ const known = new Map(Array.from(text("docs/engines.md").matchAll(/^\| `(\w+)` \
 const USUAL = new Set(("Object String Number Array Date Math JSON Error TypeError create freeze defineProperty keys " +
   "hasOwnProperty now min max floor abs pow sin cos PI splice forEach map filter some every join concat replace test exec split substring " +
   "push pop shift slice indexOf length parse stringify apply call bind toLowerCase charAt message stack name " +
-  "errorMessage errorName code signal status reason data detail postMessage postMessageAndAwaitResponse pluginGone"
+  "ack refused count miradoDesk errorMessage errorName code signal status reason data detail postMessage postMessageAndAwaitResponse pluginGone"
 ).split(" "));
 
 // What ECMAScript 2015 has and the generation has not.
