@@ -114,7 +114,7 @@ TEST_F(PluginTest, EveryReplyNamesItsOwnCommand) {
     const Lines heard = pages[which].Heard();
     EXPECT_EQ(heard.size(), kPosts);
     for (const std::string& reply : heard) {
-      const desk::Json parsed = desk::Json::parse(reply);
+      desk::Json parsed = desk::Json::parse(reply);
       ASSERT_EQ(parsed["command"], commands[which]);
       ASSERT_EQ(parsed["errorMessage"], "Command" + commands[which] + " no recognized");
     }
