@@ -242,7 +242,7 @@ function createClient(element) {
     // End of commands
     setMenuValue: setMenuValue,
     onCaptionChanged: subscriber(
-        "MIRADO_EVENT_CAPTION_CHANGED", "registerVconfKeysForCaption", "unRegisterVconfKeysForCaption"),
+      "MIRADO_EVENT_CAPTION_CHANGED", "registerVconfKeysForCaption", "unRegisterVconfKeysForCaption"),
     onChanged: subscriber("MIRADO_EVENT_CHANGED", "registerVconfKeysForMirado", "unRegisterVconfKeysForMirado"),
     whenGone: whenGone,
   });

@@ -138,11 +138,11 @@ export function fakePlugin() {
     getVersion: () => success("4.0"),
     isTVSPicSizeResized: () => success(set.pictureSize === null || set.pictureSize === 0 || set.pictureSize === 3),
     showCaption: ({ show }) =>
-      !isInteger(show) ? failure(26, "Parameter show is invalid")
-      : set.fails.write ? failure(9999, "Fail to set the show caption vconf value") : success(null),
+      !isInteger(show) ? failure(26, "Parameter show is invalid") :
+      set.fails.write ? failure(9999, "Fail to set the show caption vconf value") : success(null),
     registerInAppCaptionControl: ({ status }) =>
-      !isInteger(status) ? failure(26, "Parameter avplay status is invalid")
-      : set.fails.write ? failure(9999, "Fail to set the avplay status vconf value") : success(null),
+      !isInteger(status) ? failure(26, "Parameter avplay status is invalid") :
+      set.fails.write ? failure(9999, "Fail to set the avplay status vconf value") : success(null),
   };
   const takesKey = (command) => (request) =>
     isInteger(request.propertyKey) ? command(request) : failure(26, "Parameter propertyKey is invalid");

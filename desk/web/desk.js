@@ -144,7 +144,7 @@
       try {
         answer = exchange(`${this.path}/messages`, `[${batch.map((entry) => entry.text)}]`);
       } catch (error) {
-        // One bad message lets the desk refuse the whole batch. Its entries then go one by one, and only that one is lost.
+        // One bad message lets the desk refuse the whole batch. Then they go one by one, and only that one is lost.
         if (error.status === 400 && batch.length > 1) {
           for (const entry of batch) answer = this.deliverNow([entry]);
         } else if (error.status === 400 && batch[0].kind === "post") {

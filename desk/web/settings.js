@@ -21,10 +21,10 @@ class Row {
   constructor({ path, type, value, name, key, table, initial }) {
     Object.assign(this, { path, type, name, key, table });
     const label = `Value of ${name ?? path}`;
-    this.input = type === "bool"
-      ? make("select", { "aria-label": label }, make("option", { value: "", textContent: "missing", hidden: true }),
-        make("option", { textContent: "true" }), make("option", { textContent: "false" }))
-      : make("input", { "aria-label": label, placeholder: "missing", spellcheck: false, autocomplete: "off",
+    this.input = type === "bool" ?
+      make("select", { "aria-label": label }, make("option", { value: "", textContent: "missing", hidden: true }),
+        make("option", { textContent: "true" }), make("option", { textContent: "false" })) :
+      make("input", { "aria-label": label, placeholder: "missing", spellcheck: false, autocomplete: "off",
         inputMode: type === "int" ? "numeric" : "text" });
     this.editing = false;
     this.input.addEventListener("input", () => { this.editing = true; });

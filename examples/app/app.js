@@ -12,7 +12,7 @@ const FONT = {
 const COLOR = {
   names: ["Default", "White", "Black", "Red", "Green", "Blue", "Yellow", "Magenta", "Cyan"],
   looks: [null, "255,255,255", "0,0,0", "230,50,50", "60,200,90", "60,110,240", "255,220,60", "230,80,210",
-          "70,220,230"],
+    "70,220,230"],
 };
 const OPACITY = { names: ["Default", "Clear", "Half", "Solid"], looks: [null, 0, 0.5, 1] };
 const EDGE = {
@@ -108,15 +108,15 @@ function showStyle() {
   caption.fontSize = `${2 * look(mirado.MENU_KEY_DIGITAL_CAPTION_SIZE, SIZE)}rem`;
   caption.fontFamily = look(mirado.MENU_KEY_DIGITAL_CAPTION_FONT_STYLE, FONT);
   text.color = color(mirado.MENU_KEY_DIGITAL_CAPTION_FONT_COLOR, mirado.MENU_KEY_DIGITAL_CAPTION_FONT_OPACITY,
-                     { color: "255,255,255", opacity: 1 });
+    { color: "255,255,255", opacity: 1 });
   text.background = color(mirado.MENU_KEY_DIGITAL_CAPTION_BACKGROUND_COLOR,
-                          mirado.MENU_KEY_DIGITAL_CAPTION_BACKGROUND_OPACITY, black(0.75));
+    mirado.MENU_KEY_DIGITAL_CAPTION_BACKGROUND_OPACITY, black(0.75));
   text.textShadow = look(mirado.MENU_KEY_DIGITAL_CAPTION_EDGE_TYPE, EDGE)(edgeColor);
   $("caption").querySelector(".window").style.background =
     color(mirado.MENU_KEY_DIGITAL_CAPTION_WINDOW_COLOR, mirado.MENU_KEY_DIGITAL_CAPTION_WINDOW_OPACITY, black(0));
 }
 
-// A row shows what the set says, and asks the set for a change. What it shows follows from the set's answer alone. Gives
+// A row shows what the set says, and asks it for a change. What it shows follows from the set's answer alone. Gives
 // a function that follows the setting with the plug-in that there is now.
 function addRow(key, label, kind) {
   const row = document.createElement("button");

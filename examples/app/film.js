@@ -82,7 +82,7 @@ function drawSea(context, part) {
   const boat = 1340 - part * 760;
   const rise = 2 * Math.sin(TURN * part * 8);
   shape(context, "#191730", [[boat, 466 + rise], [boat + 58, 466 + rise], [boat + 46, 480 + rise],
-                             [boat + 10, 480 + rise]]);
+    [boat + 10, 480 + rise]]);
   shape(context, "#e9dcc6", [[boat + 26, 412 + rise], [boat + 26, 460 + rise], [boat + 54, 460 + rise]]);
 
   ["#4b4570", "#2b3159", "#182146", "#0c1430"].forEach((fill, row) => {
@@ -120,7 +120,7 @@ function drawLight(context, part) {
   beam.addColorStop(1, "rgba(255,236,180,0)");
   const spread = 40 + 190 * Math.abs(Math.sin(angle));
   shape(context, beam, [[LAMP.x, LAMP.y - 5], [LAMP.x + reach, LAMP.y - spread], [LAMP.x + reach, LAMP.y + spread],
-                        [LAMP.x, LAMP.y + 5]]);
+    [LAMP.x, LAMP.y + 5]]);
   const radius = 60 + 150 * Math.pow(Math.max(0, facing), 4);
   const halo = context.createRadialGradient(LAMP.x, LAMP.y, 0, LAMP.x, LAMP.y, radius);
   halo.addColorStop(0, "rgba(255,244,210,.95)");

@@ -42,7 +42,7 @@ async function serveApp(script) {
 const launchBrowser = () => chromium.launch({
   executablePath: "/usr/bin/chromium",
   args: ["--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run", "--disable-background-networking",
-         "--disable-component-update", "--disable-sync", "--host-resolver-rules=MAP *.test 127.0.0.1"],
+    "--disable-component-update", "--disable-sync", "--host-resolver-rules=MAP *.test 127.0.0.1"],
 });
 
 /**

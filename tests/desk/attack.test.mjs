@@ -1,7 +1,6 @@
 // Who may not hold up the others: each attack ends with an answer for everybody else, and leaves nothing behind.
 import assert from "node:assert/strict";
 import { once } from "node:events";
-import { chmod } from "node:fs/promises";
 import { Agent } from "node:http";
 import { afterEach, beforeEach, test } from "node:test";
 import { Desk, ended, oneOfFiveIsBelow } from "./desk.mjs";

@@ -72,8 +72,8 @@ export class Desk {
   request(method, path, { body, headers = {}, agent = false } = {}) {
     return new Promise((resolve, reject) => {
       const text = body === undefined || typeof body === "string" ? body : JSON.stringify(body);
-      const usual = text === undefined ? {}
-        : { "Content-Type": "application/json", "Content-Length": Buffer.byteLength(text) };
+      const usual = text === undefined ? {} :
+        { "Content-Type": "application/json", "Content-Length": Buffer.byteLength(text) };
       const to = { host: "127.0.0.1", port: this.port, agent };
       const request = httpRequest({ ...to, method, path, headers: { ...usual, ...headers } }, async (response) => {
         const chunks = await response.setEncoding("utf8").toArray();

@@ -175,7 +175,7 @@ test("never takes what is left of a refused request for another one", async () =
     `POST /api/reset HTTP/1.1\r\nHost: tv.example\r\nContent-Length: ${hidden.length}\r\n\r\n`,
     `POST /${"x".repeat(20_000)} HTTP/1.1\r\nHost: localhost\r\nContent-Length: ${hidden.length}\r\n\r\n`,
     `GET /api/set HTTP/1.1\r\nHost: localhost\r\nContent-Length: ${hidden.length}\r\n\r\n`,
-    `POST /api/set HTTP/1.1\r\nHost: localhost\r\nContent-Length: 100000\r\n\r\n`,
+    "POST /api/set HTTP/1.1\r\nHost: localhost\r\nContent-Length: 100000\r\n\r\n",
     "NONSENSE\r\n\r\n",
   ]) {
     const socket = await desk.dial(first + hidden);

@@ -1,7 +1,7 @@
 // The packages as a newcomer gets them: packed, installed into an empty folder, with the files of the README.
 import assert from "node:assert/strict";
 import { execFileSync } from "node:child_process";
-import { mkdirSync, mkdtempSync, readFileSync, rmSync, symlinkSync, writeFileSync } from "node:fs";
+import { mkdtempSync, readFileSync, rmSync, symlinkSync, writeFileSync } from "node:fs";
 import { tmpdir } from "node:os";
 import { dirname, join } from "node:path";
 import { after, it } from "node:test";
@@ -29,7 +29,7 @@ const blocks = (language) => Array.from(readme.matchAll(/```(\w+)\n(.*?)```/gs))
 it("the README's tests pass with what is packed alone", () => {
   for (const source of ["page", "npm/mirado-desk"]) run("npm", "pack", "--silent", join(root, source));
   run("npm", "install", "--offline", "--no-audit", "--omit=peer", "--legacy-peer-deps", "./mirado-0.1.0.tgz",
-      "./mirado-desk-0.1.0.tgz");
+    "./mirado-desk-0.1.0.tgz");
   for (const scope of ["@playwright", "playwright", "playwright-core"]) {
     symlinkSync(`${root}tests/browser/node_modules/${scope}`, join(folder, "node_modules", scope));
   }
@@ -53,5 +53,5 @@ it("the README's tests pass with what is packed alone", () => {
       set.unknown();
     });`);
   run("node", `${root}tests/browser/node_modules/typescript/bin/tsc`, "--noEmit", "--strict", "--skipLibCheck",
-      "--target", "es2022", "--lib", "esnext,dom", "--module", "nodenext", "--types", "", "types.mts");
+    "--target", "es2022", "--lib", "esnext,dom", "--module", "nodenext", "--types", "", "types.mts");
 });

@@ -61,7 +61,7 @@ it("names the speeds, the errors and the privilege of the plug-in", () => {
     { send: { command: "getMiradoValue", propertyKey: 9 } }, { settle: true }]);
   const failures = [...refused.replies, ...refused.messages].filter(({ code }) => code);
   assert.deepEqual(Object.fromEntries(failures.map(({ code, errorName }) => [code, errorName])),
-                   Object.fromEntries(Object.entries(catalog.errors).map(([code, { name }]) => [code, name])));
+    Object.fromEntries(Object.entries(catalog.errors).map(([code, { name }]) => [code, name])));
 });
 
 it("agrees with what is generated from it", () => {

@@ -112,11 +112,11 @@ function clientSuite(mirado, other, test) {
     var writes = [client.setMenuValue(2, 5), client.setMenuValue(14, 1), client.setMenuValue(3, 6)];
     assert.same(element.posted[0], { command: "setMenuValue", propertyKey: 2, value: 5 });
     element.deliver(
-        { code: 26, value: null, command: "" },         // Somebody posted a malformed message,
-        { code: 9, value: "", command: "getVersion" },  // and a command that cannot be posted.
-        { code: 0, value: 2, event: "MIRADO_EVENT_CAPTION_CHANGED" }, "some text", null, 7, written(261),
-        { code: 9, value: null, errorName: "NotSupportedError", errorMessage: "no", command: "setMenuValue" },
-        written(6), written(99));
+      { code: 26, value: null, command: "" },         // Somebody posted a malformed message,
+      { code: 9, value: "", command: "getVersion" },  // and a command that cannot be posted.
+      { code: 0, value: 2, event: "MIRADO_EVENT_CAPTION_CHANGED" }, "some text", null, 7, written(261),
+      { code: 9, value: null, errorName: "NotSupportedError", errorMessage: "no", command: "setMenuValue" },
+      written(6), written(99));
     return Promise.all([writes[0], assert.fails(writes[1]), writes[2]]).then(function (outcomes) {
       assert.same([outcomes[0], outcomes[1].code, outcomes[1].name, outcomes[2]], [261, 9, "NotSupportedError", 6]);
     });

@@ -18,7 +18,7 @@ const FILES = { "page/mirado.classic.js": 5, "desk/web/desk.js": 2015, "examples
 
 const text = (file) => readFileSync(root + file, "utf8");
 const known = new Map(Array.from(text("docs/engines.md").matchAll(/^\| `(\w+)` \|.*\| (\d+) \|$/gm),
-                                 ([, name, since]) => [name, Number(since)]));
+  ([, name, since]) => [name, Number(since)]));
 
 // Names of ECMAScript 5, and of what the plug-in and the desk say.
 const USUAL = new Set(("Object String Number Array Date Math JSON Error TypeError create freeze defineProperty keys " +

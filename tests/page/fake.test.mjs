@@ -26,7 +26,8 @@ const changes = catalog.settings.map(({ path, type }) => ({ set: { [path]: type 
 const messages = [
   ...odd.flatMap((message) => [{ send: message }, { post: message }]),
   ...commands.flatMap((command) => keys.flatMap((key) => [
-    { send: { command, propertyKey: key, show: key, status: key } }, { post: { command, propertyKey: key, value: 3 } }])),
+    { send: { command, propertyKey: key, show: key, status: key } },
+    { post: { command, propertyKey: key, value: 3 } }])),
   // By now every setting has been watched and is not any more.
   ...["menu", "mirado"].flatMap((table) => catalog.settings.filter((setting) => setting.table === table)
     .map(({ key }) => ({ send: { command: catalog.tables[table].watch, propertyKey: key } }))),
@@ -42,8 +43,8 @@ const messages = [
 function sorted(said) {
   const delivered = said.flatMap(({ message }) => message ?? []).filter((message) => message !== "Unregister");
   return { replies: said.flatMap(({ reply }) => reply ?? []),
-           events: delivered.filter(({ event }) => event !== undefined),
-           answers: delivered.filter(({ command }) => command !== undefined) };
+    events: delivered.filter(({ event }) => event !== undefined),
+    answers: delivered.filter(({ command }) => command !== undefined) };
 }
 
 function real(words) {

@@ -18,8 +18,8 @@ const run = (program, ...args) => execFileSync(program, args, { cwd: folder, enc
 it("packs, installs, imports and type-checks outside of its folder", async () => {
   const [packed] = JSON.parse(run("npm", "pack", "--json", packageFolder));
   assert.deepEqual(packed.files.map(({ path }) => path).sort(),
-                   ["README.md", "mirado.classic.js", "mirado.d.ts", "mirado.js", "package.json", "testing.d.ts",
-                    "testing.js"]);
+    ["README.md", "mirado.classic.js", "mirado.d.ts", "mirado.js", "package.json", "testing.d.ts",
+      "testing.js"]);
 
   writeFileSync(join(folder, "package.json"), '{ "type": "module" }');
   run("npm", "install", "--offline", "--no-save", `./${packed.filename}`);
@@ -43,5 +43,5 @@ it("packs, installs, imports and type-checks outside of its folder", async () =>
   writeFileSync(join(folder, "classic.ts"), `/// <reference types="mirado" />
     const version: string = mirado.connect(document.querySelector("embed")!).getVersion();`);
   run("node", join(dirname(typescript), "bin/tsc"), "--noEmit", "--strict", "--target", "es2020", "--module", "esnext",
-      "--moduleResolution", "bundler", "--moduleDetection", "legacy", "--types", "", "types.ts", "classic.ts");
+    "--moduleResolution", "bundler", "--moduleDetection", "legacy", "--types", "", "types.ts", "classic.ts");
 });
