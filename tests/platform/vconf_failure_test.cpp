@@ -333,7 +333,7 @@ TEST_F(VconfFailureTest, TheEndOfOneSubscriptionWaitsForNoOther) {
   EXPECT_GE(vconf_ignore_key_changed("memory/a", Count), 0);  // or it hangs
   other.go_on.set_value();
   vconf::CloseStore();  // which does wait for it
-  vconf::Settle();  // no call uses `other` any more
+  vconf::Settle();      // no call uses `other` any more
 }
 
 TEST_F(VconfFailureTest, WhoWaitsForChangesSleeps) {

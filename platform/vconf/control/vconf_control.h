@@ -71,7 +71,8 @@ Status Remove(const std::string& path);
 Status Reset(const std::vector<Entry>& entries);
 
 /// All keys that begin with `prefix`, in the order of their bytes; a failure when not all of them could be read. Each
-/// value is one that its key had during the call; while nobody writes, all are of one moment. Faults are not among them.
+/// value is one that its key had during the call; while nobody writes, all are of one moment. Faults are not among
+/// them.
 Result<std::vector<Entry>> List(const std::string& prefix);
 
 /// Calls `on_change` on the notification thread for each change of a path that begins with `prefix`, until the result
