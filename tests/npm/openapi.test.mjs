@@ -15,8 +15,8 @@ before(async () => {
   description = await set.call("GET", "/openapi.json");
   ajv = new Ajv({ strict: false, allErrors: true });
   // A field that the description does not have is wrong here, for others may rely on what they see.
-  const strict = (key, value) => value?.type === "object" && value.properties && !("additionalProperties" in value)
-    ? { ...value, additionalProperties: false } : value;
+  const strict = (key, value) => value?.type === "object" && value.properties && !("additionalProperties" in value) ?
+    { ...value, additionalProperties: false } : value;
   ajv.addSchema({ $id: "desk", ...JSON.parse(JSON.stringify(description, strict)) });
 });
 after(() => set.stop());
