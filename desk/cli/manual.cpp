@@ -44,7 +44,7 @@ void PrintText(const std::string& text) {
 std::string Usage(const CLI::App& command) {
   std::string words = command.get_name();
   for (const CLI::App* above = command.get_parent(); above != nullptr; above = above->get_parent()) {
-    words = above->get_name() + " " + words;
+    words.insert(0, above->get_name() + " ");
   }
   for (const CLI::Option* const option : command.get_options()) {
     if (option->get_positional()) {

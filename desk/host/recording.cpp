@@ -62,9 +62,10 @@ vconf::Status ReadStart(const ParsedJson& json, Recording& recording) {
     return NotRecorded("is not the start of a recording");
   }
   auto state = StateFromJson(json);
-  if (state.ok()) {
-    recording.state = *std::move(state);
+  if (!state.ok()) {
+    return state.status();
   }
+  recording.state = *std::move(state);
   // Recordings that have none began with the session.
   for (const ParsedJson& path : json.value("watches", ParsedJson::array())) {
     if (!path.is_string()) {
@@ -72,7 +73,7 @@ vconf::Status ReadStart(const ParsedJson& json, Recording& recording) {
     }
     recording.watches.push_back(path);
   }
-  return state.status();
+  return {};
 }
 
 vconf::Status ReadStep(const ParsedJson& json, Recording& recording) {

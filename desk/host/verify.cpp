@@ -49,6 +49,7 @@ std::vector<std::size_t> Candidates(const std::vector<ParsedJson>& asked, const 
 /// may match several: a pattern takes a message from another one that can move on.
 std::vector<std::size_t> Assign(const std::vector<ParsedJson>& asked, const std::vector<ParsedJson>& patterns) {
   std::vector<std::vector<std::size_t>> candidates;
+  candidates.reserve(patterns.size());
   for (const ParsedJson& pattern : patterns) {
     candidates.push_back(Candidates(asked, pattern, patterns.size()));  // of so many one is always free
   }
@@ -148,7 +149,7 @@ vconf::Status CheckExpectation(const Expectation& expected) {
     return BadValue("more than " + std::to_string(Expectation::kMaxMessages) + " messages are expected");
   }
   if (expected.times && (expected.order || expected.exact || *expected.times < 0)) {
-    return BadValue("\"times\" is 0 or more, and does not go together with \"order\" and \"exact\"");
+    return BadValue(R"("times" is 0 or more, and does not go together with "order" and "exact")");
   }
   return {};
 }

@@ -25,6 +25,9 @@ class CliTest : public ProgramTest {
 
   static bool Holds(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
+  /// U+202E, which turns the direction of what follows.
+  static std::string RightToLeft() { return {'\xe2', '\x80', '\xae'}; }
+
   /// The line of `text` in which a byte could steer a terminal: a control character or one of 0x80 to 0x9f that follows
   /// no other byte of its character; or the mark in these tests that turns the direction.
   static std::string Steering(const std::string& text) {
@@ -34,7 +37,7 @@ class CliTest : public ProgramTest {
       for (const char letter : line) {
         const auto byte = static_cast<unsigned char>(letter);
         if (byte < 0x20 || byte == 0x7f || (byte >= 0x80 && byte < 0xa0 && (before < 0x80 || before == 0xc2)) ||
-            Holds(line, "\xe2\x80\xae") || line.starts_with("b2b off")) {
+            Holds(line, RightToLeft()) || line.starts_with("b2b off")) {
           return line;
         }
         before = byte;
@@ -135,9 +138,7 @@ TEST_F(CliTest, AShellRestoresEveryTextThatIsPrinted) {
       {R"(C:\x)", R"(C:\x)"},
       {R"("open)", R"("\"open")"},
       {"\x1b]0;title\a\x7f", R"("\u001b]0;title\u0007\u007f")"},
-      {"F\xc3\xbcnf \xc2\x9b"
-       "2J \xe2\x80\xae",
-       R"("Fünf \u009b2J \u202e")"},
+      {"F\xc3\xbcnf \xc2\x9bJ " + RightToLeft(), R"("Fünf \u009bJ \u202e")"},
       {"\xff \xc3 \xed\xa0\x80 \xf0\x9f\x98\x80", R"("\xff \xc3 \xed\xa0\x80 😀")"},
   };
   for (const Case& each : cases) {
@@ -152,9 +153,7 @@ TEST_F(CliTest, AShellRestoresEveryTextThatIsPrinted) {
 }
 
 TEST_F(CliTest, NothingFromTheStoreSteersTheTerminal) {
-  const std::string nasty =
-      "\x1b[2J\nb2b off\r\x9b\x7f\xc2\x9b"
-      "1m \xe2\x80\xae";
+  const std::string nasty = "\x1b[2J\nb2b off\r\x9b\x7f\xc2\x9bm " + RightToLeft();
   ASSERT_EQ(desk::OpenSet(store()).text(), "");
   ASSERT_EQ(vconf::Set("db/" + nasty, nasty).text(), "");
   ASSERT_EQ(vconf::Set("set/embedder/reply/" + nasty, nasty).text(), "");
@@ -163,7 +162,7 @@ TEST_F(CliTest, NothingFromTheStoreSteersTheTerminal) {
   ASSERT_EQ(vconf::Set("set/prefdeck/" + nasty, "1 " + nasty).text(), "");
   ASSERT_EQ(vconf::SetFault({"vconf_get_int", nasty, -1, 0}).text(), "");
   vconf::CloseStore();
-  const std::string path = R"("db/\u001b[2J\nb2b off\u000d\x9b\u007f\u009b1m \u202e")";
+  const std::string path = R"("db/\u001b[2J\nb2b off\u000d\x9b\u007f\u009bm \u202e")";
   EXPECT_TRUE(Holds(Run({"list", path}).out, path));
   const std::string recording = folder() / "nasty\x1b.jsonl";
   std::ofstream(recording) << "{\"recording\":1,\"state\":{},\"faults\":[]}\n"
@@ -197,11 +196,12 @@ TEST_F(CliTest, NothingFromTheStoreSteersTheTerminal) {
 
 TEST_F(CliTest, OutputThatCannotBeWrittenIsAFailure) {
   ASSERT_EQ(Run({"fault", "vconf_set_int", "db/a", "-1"}).status, 0);
-  for (const char* command :
-       {"--help", "--version", "get CAPTION", "list", "list --json", "watch --now", "set-up", "set-up b2b",
-        "fault --list", "manual", "complete ''", "completion zsh", "get --help",
-        "replay " MIRADO_EXAMPLES "/recordings/gates.jsonl", "verify " MIRADO_EXAMPLES "/recordings/gates.jsonl"}) {
-    EXPECT_EQ(Shell("mirado " + std::string(command) + " >/dev/full"), 3) << command;
+  const std::string file = MIRADO_EXAMPLES "/recordings/gates.jsonl";
+  for (const std::string& command :
+       std::vector<std::string>{"--help", "--version", "get CAPTION", "list", "list --json", "watch --now", "set-up",
+                                "set-up b2b", "fault --list", "manual", "complete ''", "completion zsh", "get --help",
+                                "replay " + file, "verify " + file}) {
+    EXPECT_EQ(Shell("mirado " + command + " >/dev/full"), 3) << command;
     EXPECT_TRUE(Holds(Contents(log()), "the output is not complete")) << command;
   }
   EXPECT_EQ(Shell("echo '{\"settle\":true}' | mirado host >/dev/full"), 3);
@@ -359,7 +359,7 @@ TEST_F(CliTest, SetUpPrintsTheWordsThatBringItBack) {
       {"privilege", "off"},
       {"privilege", "on", "http://example.org/other"},
       {"picture-size", "none"},
-      {"items", "primary-audio-language", "1=It's English", "-2=", "3=\"\\u001b\""},
+      {"items", "primary-audio-language", "1=It's English", "-2=", R"(3="\u001b")"},
       {"items", "secondary-audio-language", "--remove"},
       {"embedder", "offered", "off"},
       {"embedder", "name", "Another \n one"},
