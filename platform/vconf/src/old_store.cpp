@@ -1,5 +1,5 @@
 // The files of the version before this one: an LMDB environment with one tree. The library is loaded when such files
-// are found, so nothing else depends on it; where its header is missing, they cannot be read.
+// are found, so that nothing depends on it, not even this file on its header.
 #include <dlfcn.h>
 
 #include <cstring>
@@ -7,9 +7,6 @@
 #include <string_view>
 
 #include "making.h"
-
-#if __has_include(<lmdb.h>)
-#include <lmdb.h>
 
 namespace vconf::making {
 namespace {
@@ -56,49 +53,62 @@ std::optional<Value> Decode(std::string_view key, std::string_view record) {
   return tag == Tag::kText ? std::optional<Value>(std::string(record)) : std::nullopt;
 }
 
-struct Library {
-  void* handle = dlopen("liblmdb.so.0", RTLD_NOW | RTLD_LOCAL);
-
-  template <typename Function>
-  Function* Find(Function* /*type*/, const char* name) const {
-    return reinterpret_cast<Function*>(dlsym(handle, name));
-  }
+// As in lmdb.h.
+struct MDB_env;
+struct MDB_txn;
+struct MDB_cursor;
+using MDB_dbi = unsigned;
+struct MDB_val {
+  std::size_t mv_size;
+  void* mv_data;
 };
-#define LMDB_CALL(name) (library.Find(decltype(&name){nullptr}, #name))
+constexpr unsigned kReadOnly = 0x20000;
+constexpr unsigned kNoLock = 0x400000;
+constexpr int kNext = 8;
+constexpr int kNotFound = -30798;
+
+class Library {
+ public:
+  bool loaded() const { return handle_ != nullptr; }
+
+  /// Calls the function `name`, which gives a status or nothing.
+  template <typename... Arguments>
+  int Call(const char* name, Arguments... arguments) const {
+    auto* const function = reinterpret_cast<int (*)(Arguments...)>(dlsym(handle_, name));
+    return function != nullptr ? function(arguments...) : kNotFound - 1;
+  }
+
+ private:
+  void* handle_ = dlopen("liblmdb.so.0", RTLD_NOW | RTLD_LOCAL);
+};
 
 }  // namespace
 
 Status ReadOldStore(const Folder& folder, const std::function<void(Row)>& visit) {
   const std::string file = folder.File(Folder::kOldStore);
   const Library library;
-  if (library.handle == nullptr) {
+  if (!library.loaded()) {
     return {Code::kFailed, file + ": is of an earlier version; install liblmdb0, which reads it, and open it again"};
   }
-  const Status damaged(Code::kDamaged, file + ": is damaged");
   MDB_env* env = nullptr;
   MDB_txn* txn = nullptr;
   MDB_dbi tree = 0;
   MDB_cursor* cursor = nullptr;
-  int result = LMDB_CALL(mdb_env_create)(&env);
-  if (result == 0) {
-    result = LMDB_CALL(mdb_env_set_mapsize)(env, std::size_t{256} << 20U);
-  }
-  if (result == 0) {
-    result = LMDB_CALL(mdb_env_open)(env, folder.path().c_str(), MDB_RDONLY | MDB_NOLOCK, 0600);
-  }
-  if (result == 0) {
-    result = LMDB_CALL(mdb_txn_begin)(env, nullptr, MDB_RDONLY, &txn);
-  }
-  if (result == 0) {
-    result = LMDB_CALL(mdb_dbi_open)(txn, nullptr, 0, &tree);
-  }
-  if (result == 0) {
-    result = LMDB_CALL(mdb_cursor_open)(txn, tree, &cursor);
-  }
+  int result = library.Call("mdb_env_create", &env);
+  const auto then = [&](const char* name, auto... arguments) {
+    result = result == 0 ? library.Call(name, arguments...) : result;
+  };
+  const char* const no_name = nullptr;
+  MDB_txn* const no_parent = nullptr;
+  then("mdb_env_set_mapsize", env, std::size_t{256} << 20U);
+  then("mdb_env_open", env, folder.path().c_str(), kReadOnly | kNoLock, mode_t{0600});
+  then("mdb_txn_begin", env, no_parent, kReadOnly, &txn);
+  then("mdb_dbi_open", txn, no_name, 0U, &tree);
+  then("mdb_cursor_open", txn, tree, &cursor);
   bool sound = result == 0;
   MDB_val key{};
   MDB_val record{};
-  while (sound && (result = LMDB_CALL(mdb_cursor_get)(cursor, &key, &record, MDB_NEXT)) == 0) {
+  while (sound && (result = library.Call("mdb_cursor_get", cursor, &key, &record, kNext)) == 0) {
     const std::string path(static_cast<const char*>(key.mv_data), key.mv_size);
     if (path.starts_with("db/") || path.starts_with("set/")) {
       auto value = Decode(path, {static_cast<const char*>(record.mv_data), record.mv_size});
@@ -107,18 +117,10 @@ Status ReadOldStore(const Folder& folder, const std::function<void(Row)>& visit)
     }
   }
   if (txn != nullptr) {
-    LMDB_CALL(mdb_txn_abort)(txn);
+    library.Call("mdb_txn_abort", txn);
   }
-  LMDB_CALL(mdb_env_close)(env);
-  return sound && result == MDB_NOTFOUND ? Status() : damaged;
+  library.Call("mdb_env_close", env);
+  return sound && result == kNotFound ? Status() : Status(Code::kDamaged, file + ": is damaged");
 }
 
 }  // namespace vconf::making
-
-#else
-
-vconf::Status vconf::making::ReadOldStore(const Folder& folder, const std::function<void(Row)>& /*visit*/) {
-  return {Code::kFailed, folder.File(Folder::kOldStore) + ": is of an earlier version, which this build does not read"};
-}
-
-#endif
