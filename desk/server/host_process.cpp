@@ -80,8 +80,7 @@ int NonBlocking(UniqueFd descriptor) {
 }  // namespace
 
 HostProcess::HostProcess(boost::asio::io_context& loop, Listener& listener)
-    : loop_(loop),
-      listener_(&listener),
+    : listener_(&listener),
       input_(loop),
       output_{.pipe = Descriptor(loop), .rest = {}},
       log_{.pipe = Descriptor(loop), .rest = {}},

@@ -78,7 +78,6 @@ class HostProcess : public std::enable_shared_from_this<HostProcess> {
   void WriteQueued();
   void AwaitEnd();
 
-  boost::asio::io_context& loop_;
   Listener* listener_;  // null once the child has ended
   Descriptor input_;
   Lines output_;

@@ -165,8 +165,8 @@ class EventSocket final : public Stream, public std::enable_shared_from_this<Eve
       text_ = std::move(answers_.front());
       answers_.pop_front();
     } else if (const auto event = Next()) {
-      text_.append("{\"id\":").append(std::to_string(following_.position)).append(",\"event\":\"").append(event->name);
-      text_.append("\",\"data\":").append(*event->data).append("}");
+      text_.append(R"({"id":)").append(std::to_string(following_.position)).append(R"(,"event":")").append(event->name);
+      text_.append(R"(","data":)").append(*event->data).append("}");
     } else {
       if (following_.log->closed()) {
         over_ = true;

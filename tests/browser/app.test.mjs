@@ -171,6 +171,14 @@ describe("a page from elsewhere", () => {
     }
   });
 
+  it("shares one address with any number of others", async () => {
+    const open = [];
+    while (open.length < 9) open.push(await openApp());
+    for (const page of open) await rowShows(page, "Captions", "Off");
+    await desk.mirado("set", CAPTION, "1");
+    for (const page of open) await caption(page, "visible");
+  });
+
   it("does not reach the desk under a name of its own", async () => {
     const page = await openPage("about:blank");
     const response = await page.goto(`http://stranger.test:${new URL(desk.url).port}/`);
