@@ -13,6 +13,9 @@ import { Page } from "./page.js";
 const packed = fileURLToPath(new URL("program/bin/mirado", import.meta.url));
 const usualProgram = () => process.env.MIRADO ?? (existsSync(packed) ? packed : "mirado");
 
+// A store makes its settings durable, which a set for a test needs not: in memory it starts ten times as fast.
+const folders = () => !process.env.TMPDIR && existsSync("/dev/shm") ? "/dev/shm" : tmpdir();
+
 const running = new Map(); // the processes of sets that nobody has stopped, with their folders
 process.on("exit", () => {
   for (const [child, folder] of running) {
@@ -23,7 +26,7 @@ process.on("exit", () => {
 
 // What is public is described in index.d.ts.
 export async function startSet({ program = usualProgram(), anyOrigin = false, timeout = 5000 } = {}) {
-  const folder = await mkdtemp(join(tmpdir(), "mirado-set-"));
+  const folder = await mkdtemp(join(folders(), "mirado-set-"));
   const origins = anyOrigin ? ["--token"] : [];
   // The desk ends with its standard input, so also when this process is killed.
   const child = spawn(program, ["desk", "--port", "0", "--store", join(folder, "store"), "--until-closed", ...origins],
