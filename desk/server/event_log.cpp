@@ -35,7 +35,7 @@ std::optional<EventLog::Event> EventLog::Next(std::uint64_t& position) const {
   if (position == newest_) {
     return std::nullopt;
   }
-  return events_[position++ - gone];
+  return events_[static_cast<std::size_t>(position++ - gone)];
 }
 
 std::string EventLog::Join(std::string_view name) const {
