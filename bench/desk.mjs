@@ -1,4 +1,5 @@
-// Measures the desk beside bare floors and prints the table: node bench/desk.mjs [all|http|chromium|crowd|cpu|attacks]...
+// Measures the desk beside bare floors and prints the table:
+// node bench/desk.mjs [all|http|chromium|crowd|cpu|attacks]...
 import { execFile, spawn } from "node:child_process";
 import { once } from "node:events";
 import { readdirSync, readFileSync } from "node:fs";
@@ -43,7 +44,8 @@ const openPages = async (desk, count) => {
 // Seconds of CPU that a process has used, all its threads together.
 const cpuOf = (pid) => readdirSync(`/proc/${pid}/task`)
   .reduce((sum, task) => sum + Number(readFileSync(`/proc/${pid}/task/${task}/schedstat`, "utf8").split(" ")[0]), 0) / 1e9;
-const cpuOfAll = (desk, pages) => [desk.child.pid, ...pages.map(({ pid }) => pid)].reduce((sum, pid) => sum + cpuOf(pid), 0);
+const cpuOfAll = (desk, pages) =>
+  [desk.child.pid, ...pages.map(({ pid }) => pid)].reduce((sum, pid) => sum + cpuOf(pid), 0);
 const pssOf = (pid) => Number(/^Pss: +(\d+)/m.exec(readFileSync(`/proc/${pid}/smaps_rollup`, "utf8"))[1]) / 1024;
 
 async function measureHttp(bare) {
