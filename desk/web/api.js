@@ -1,21 +1,50 @@
 // The desk's HTTP interface.
 
+/**
+ * A failure in words for a person. `status` is the answer's, 0 when there was none; `code` is the desk's word for the
+ * cause.
+ */
+export class DeskError extends Error {
+  constructor(message, { status = 0, code = null } = {}) {
+    super(message);
+    this.status = status;
+    this.code = code;
+  }
+}
+
+// A desk with a token prints a link that carries it. It stays with this tab, and out of what people copy and show.
+const link = new URL(location.href);
+const token = link.searchParams.get("token") ?? sessionStorage.getItem("token");
+if (link.searchParams.has("token")) {
+  sessionStorage.setItem("token", token);
+  link.searchParams.delete("token");
+  history.replaceState(null, "", link);
+}
+
+/** `path` as it must be asked for. */
+export function addressOf(path) {
+  if (!token) return path;
+  return `${path}${path.includes("?") ? "&" : "?"}token=${encodeURIComponent(token)}`;
+}
+
 async function request(method, path, body) {
   const options = { method };
   if (body !== undefined) {
     options.headers = { "Content-Type": "application/json" };
     options.body = JSON.stringify(body);
   }
-  let response;
+  let response, answer;
   try {
-    response = await fetch(path, options);
+    response = await fetch(addressOf(path), options);
+    answer = await response.json();
   } catch {
-    throw new Error("the desk does not answer");
+    throw new DeskError("The desk does not answer.");
   }
-  const answer = await response.json();
-  if (!response.ok) throw new Error(answer.error);
+  if (!response.ok) throw new DeskError(sentence(answer.error), { status: response.status, code: answer.code });
   return answer;
 }
+
+const sentence = (text) => /[.!?]$/.test(text) ? text : `${text}.`;
 
 export const get = (path) => request("GET", path);
 export const post = (path, body) => request("POST", path, body);
@@ -23,22 +52,8 @@ export const put = (path, body) => request("PUT", path, body);
 export const patch = (path, body) => request("PATCH", path, body);
 export const remove = (path) => request("DELETE", path);
 
-// All that happens on the desk. `handlers` has a function for each kind of event, and `linked(bool)` for the connection
-// itself; it is called with true whenever all lists have to be read again. A stream that broke is not taken up where it
-// ended: the desk may be another one by then, which counts its events anew.
-export function follow(handlers) {
-  // An address of its own: open streams of other tabs must not use up the six connections that a browser allows.
-  const named = location.hostname === "localhost";
-  const name = `desk-${Math.random().toString(36).slice(2)}.localhost`;
-  const stream = new EventSource(named ? `http://${name}:${location.port}/api/events` : "/api/events");
-  stream.onopen = () => handlers.linked(true);
-  stream.onerror = () => {
-    stream.close();
-    handlers.linked(false);
-    setTimeout(() => follow(handlers), 1000);
-  };
-  stream.addEventListener("lost", () => handlers.linked(true));
-  for (const kind of ["setting", "set", "page", "gone", "dialogue", "log"]) {
-    stream.addEventListener(kind, ({ data }) => handlers[kind](JSON.parse(data)));
-  }
-}
+/** Where the key at `path` is read and written; a path may hold any character. */
+export const keyAddress = (path) => `/api/store/${encodeURIComponent(path)}`;
+
+/** `{send: M}` or `{post: M}` to the plug-in of a page. */
+export const say = (page, message) => post(`/api/pages/${page}/messages`, message);

@@ -1,36 +1,57 @@
-// The plug-in's log of all pages, filtered by priority and text.
-import { appendRows, byId, make, timeOf } from "./dom.js";
+// The plug-in's log of the chosen page, or of all.
+import { byId, make, timeOf } from "./dom.js";
+import { History } from "./history.js";
+import { Rows } from "./rows.js";
+import { numberOf } from "./state.js";
 
 const ORDER = "VDIWEF";
 const NAMES = { V: "verbose", D: "debug", I: "info", W: "warning", E: "error", F: "fatal" };
-const list = byId("log");
 
-function passes(row) {
-  const { priority, text } = row.dataset;
-  const good = !priority || ORDER.indexOf(priority) >= ORDER.indexOf(byId("log-priority").value);
-  return good && text.includes(byId("log-find").value.toLowerCase());
-}
+class Line {
+  constructor(line) {
+    this.line = line;
+  }
 
-function filter() {
-  for (const row of list.children) row.hidden = !passes(row);
-  list.scrollTop = list.scrollHeight;
-}
+  get element() {
+    return this.row ??= this.makeRow();
+  }
 
-// `number` is the page's.
-export function append(lines) {
-  appendRows(list, lines.map(({ time, priority, tag, text, number }) => {
-    const row = make("li", { className: `priority-${priority ?? "none"}` },
+  makeRow() {
+    const { page, time, priority, tag, text } = this.line;
+    return make("li", { className: `priority-${priority ?? "none"}` },
       make("time", {}, timeOf(time)),
-      make("span", { className: "chip" }, `#${number}`),
-      make("abbr", { title: NAMES[priority] ?? "no line of the logger" }, priority ?? "–"),
+      make("span", { className: "chip" }, `#${numberOf(page)}`),
+      make("abbr", { title: NAMES[priority] ?? "printed by the process, not by the logger" }, priority ?? "–"),
       make("span", { className: "text", title: tag ?? "" }, text));
-    row.dataset.priority = priority ?? "";
-    row.dataset.text = text.toLowerCase();
-    row.hidden = !passes(row);
-    return row;
-  }));
+  }
 }
 
-byId("log-priority").onchange = filter;
-byId("log-find").oninput = filter;
-byId("log-clear").onclick = () => list.replaceChildren();
+let lowest, wanted;
+function readFilter() {
+  lowest = ORDER.indexOf(byId("log-priority").value);
+  wanted = byId("log-find").value.toLowerCase();
+}
+readFilter();
+
+const rows = new Rows(byId("log"), {
+  label: "Lines",
+  passes: ({ line: { priority, text } }) => (!priority || ORDER.indexOf(priority) >= lowest) &&
+    text.toLowerCase().includes(wanted),
+  empty: "The plug-in has logged nothing.",
+});
+
+let last = 0; // the time of the newest line
+const history = new History("log", {
+  append(lines) {
+    rows.append(lines.filter(({ time }) => time >= last).map((line) => new Line(line)));
+  },
+  restart: () => rows.clear(),
+});
+export const addLine = (line) => history.add(line);
+export const load = () => history.load();
+
+byId("log-priority").onchange = byId("log-find").oninput = () => {
+  readFilter();
+  rows.toEnd();
+};
+byId("log-clear").onclick = () => rows.clear();

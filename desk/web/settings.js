@@ -1,193 +1,134 @@
-// The table of settings: every value can be edited in place, and a change by anyone flashes.
+// The settings in groups, and all other keys of the store.
 import * as api from "./api.js";
-import { attempt, byId, make } from "./dom.js";
+import { attempt } from "./banner.js";
+import { byId, make, showInvalid } from "./dom.js";
+import { SettingRow } from "./setting-row.js";
+import { changed, observe, state } from "./state.js";
 
-const SPEEDS = ["VERY_SLOW", "SLOW", "NORMAL", "FAST", "VERY_FAST"];
-
+const OTHER = "Other keys";
+const ORDER = ["Caption", "Digital caption", "Accessibility", "Subtitles", "Audio", "Viewer"];
+const PREFIX = /^(db|memory)\/./;
 const rows = new Map(); // by path
-const error = byId("settings-error");
-let plugin = null; // the console's own, through which this page watches
+const groups = new Map(); // by name: the list of its rows
+let read = null; // by path: the values that have changed while the list was on its way; null while none is
+let flashing = new Set();
 
-// What a number means, where it is a name to people.
-let lists = {};
-function meaningOf(path, value) {
-  const list = /(primary|secondary)_audio_language$/.exec(path);
-  if (list) return (lists[`${list[1]}-audio-language`] || []).find((item) => item.value === value)?.label ?? "";
-  if (path.endsWith("voiceguide/speed")) return value >= 1 && value <= 15 ? SPEEDS[Math.ceil(value / 3) - 1] : "NORMAL";
-  return "";
+function listOf(group) {
+  if (!groups.has(group)) {
+    const list = make("ul", { "aria-label": group });
+    groups.set(group, list);
+    const section = make("div", { className: "group" }, make("h3", {}, group), list);
+    byId("groups").append(section);
+    if (group !== OTHER && groups.has(OTHER)) section.after(groups.get(OTHER).parentElement);
+  }
+  return groups.get(group);
 }
 
-class Row {
-  constructor({ path, type, value, name, key, table, initial }) {
-    Object.assign(this, { path, type, name, key, table });
-    const label = `Value of ${name ?? path}`;
-    this.input = type === "bool" ?
-      make("select", { "aria-label": label }, make("option", { value: "", textContent: "missing", hidden: true }),
-        make("option", { textContent: "true" }), make("option", { textContent: "false" })) :
-      make("input", { "aria-label": label, placeholder: "missing", spellcheck: false, autocomplete: "off",
-        inputMode: type === "int" ? "numeric" : "text" });
-    this.editing = false;
-    this.input.addEventListener("input", () => { this.editing = true; });
-    this.input.addEventListener("change", () => this.write());
-    this.input.addEventListener("blur", () => this.restore());
-    this.input.addEventListener("keydown", (event) => { if (event.key === "Escape") this.restore(); });
-    this.meaning = make("span", { className: "meaning" });
-    this.watchers = make("td", { className: "watchers" });
-    this.chips = make("span");
-    this.watchers.append(this.chips);
-    if (name) this.addWatchButton();
-    const title = name ? make("span", { className: "name" }, name.replace(/^MENU_KEY_|^MIRADO_KEY_/, "")) : "";
-    this.element = make("tr", {},
-      make("td", { className: "key" }, key ?? ""),
-      make("th", { scope: "row", title: name ? `${name}, new: ${initial}` : path }, title,
-        make("span", { className: "path" }, make("bdi", { dir: "ltr" }, path))),
-      make("td", { className: "value" }, this.input, this.meaning), this.watchers);
-    this.show(value);
+function rowOf(path) {
+  if (!rows.has(path)) {
+    const setting = state.catalog.settings.find((each) => each.path === path) ?? { path };
+    const row = new SettingRow(setting);
+    rows.set(path, row);
+    const list = listOf(setting.group ?? OTHER);
+    const next = setting.name ? null : [...rows.values()].filter((each) => !each.setting.name && each.path > path)
+      .sort((one, other) => one.path < other.path ? -1 : 1)[0]?.element;
+    list.insertBefore(row.element, next ?? null);
   }
-
-  addWatchButton() {
-    this.button = make("button", { type: "button", className: "watch", "aria-pressed": "false",
-      "aria-label": `Watch ${this.name} from the console`, title: "Watch from the console" });
-    this.button.addEventListener("click", () => this.toggleWatch());
-    this.watchers.append(this.button);
-  }
-
-  // Watches through the plug-in, as any page does.
-  toggleWatch() {
-    attempt(error, () => {
-      if (!plugin) throw new Error("the console has no plug-in");
-      if (this.unwatch) {
-        this.unwatch();
-        this.showWatching(null);
-      } else {
-        const subscribe = this.table === "mirado" ? plugin.onChanged : plugin.onCaptionChanged;
-        this.showWatching(subscribe(this.key, () => {}));
-      }
-    });
-  }
-
-  // `unwatch` ends the console's subscription, null when it has none.
-  showWatching(unwatch) {
-    this.unwatch = unwatch;
-    this.button?.setAttribute("aria-pressed", String(unwatch !== null));
-  }
-
-  // A value that somebody is just typing stays until it is written or given up.
-  show(value) {
-    this.value = value;
-    if (!this.editing) this.input.value = this.text;
-    this.showMeaning();
-  }
-
-  get text() {
-    return this.value === null ? "" : String(this.value);
-  }
-
-  restore() {
-    if (!this.editing) return;
-    this.editing = false;
-    this.show(this.value);
-  }
-
-  showMeaning() {
-    this.meaning.textContent = meaningOf(this.path, this.value);
-  }
-
-  showWatchers(numbers) {
-    this.chips.replaceChildren(...numbers.map((number) =>
-      make("span", { className: "chip", "aria-label": `page ${number}`, textContent: `#${number}` })));
-  }
-
-  flash() {
-    this.element.classList.remove("changed");
-    void this.element.offsetWidth; // lets the animation begin anew
-    this.element.classList.add("changed");
-  }
-
-  async write() {
-    const text = this.input.value.trim();
-    if (text === this.text) return;
-    this.editing = false;
-    const value = this.type === "bool" ? text === "true" : this.type === "int" ? Number(text) : text;
-    const good = await attempt(error, () => {
-      if (this.type === "int" && !/^[+-]?\d+$/.test(text)) throw new Error(`${this.path} takes a whole number`);
-      return api.put(`/api/store/${encodeURI(this.path)}`, { value });
-    });
-    if (!good) this.show(this.value);
-  }
-
-  matches(text) {
-    return `${this.name ?? ""} ${this.path}`.toLowerCase().includes(text);
-  }
+  return rows.get(path);
 }
 
-function filter() {
-  const text = byId("settings-find").value.trim().toLowerCase();
-  for (const row of rows.values()) row.element.hidden = !row.matches(text);
+/** A key has another value; null when it was removed. */
+export function changeSetting({ path, value }) {
+  read?.set(path, value);
+  if (!state.values) return;
+  if (value === null) state.values.delete(path);
+  else state.values.set(path, value);
+  flashing.add(path);
+  changed("values");
 }
 
-function add(setting) {
-  const row = new Row(setting);
-  rows.set(setting.path, row);
-  byId(`${setting.table ?? "other"}-rows`).append(row.element);
-  return row;
-}
-
-function addOther(path, value) {
-  const types = { boolean: "bool", number: "int", string: "text" };
-  return add({ path, value, type: types[typeof value] });
-}
-
-let changed = new Map(); // by path: what has come since the list was last asked for, which may be older
-
-// Reads everything anew.
+/** Reads all keys anew. What cannot be read is not known any more. */
 export async function load() {
-  changed = new Map();
-  const [{ settings }, { keys }] = await Promise.all([api.get("/api/settings"), api.get("/api/store")]);
-  for (const setting of settings) {
-    const row = rows.get(setting.path);
-    if (row?.name) continue;
-    row?.element.remove(); // A change that came before the list has put it among the others.
-    add(setting);
+  const good = await attempt("settings", async () => {
+    read = new Map();
+    const { keys } = await api.get("/api/store");
+    const values = new Map(keys.map(({ path, value }) => [path, value]));
+    for (const [path, value] of read) {
+      if (value === null) values.delete(path);
+      else values.set(path, value);
+    }
+    state.values = values;
+    changed("values");
+  });
+  read = null;
+  if (good) return;
+  state.values = null;
+  changed("values");
+}
+
+function show() {
+  const { values } = state;
+  for (const path of values?.keys() ?? []) rowOf(path);
+  for (const [path, row] of rows) {
+    if (!values?.has(path) && !row.setting.name) {
+      row.element.remove();
+      rows.delete(path);
+      continue;
+    }
+    row.show(values ? values.get(path) : null);
+    if (flashing.has(path)) row.flash();
   }
-  const values = new Map([...keys.map(({ path, value }) => [path, value]), ...changed]);
-  for (const path of new Set([...rows.keys(), ...values.keys()])) place(path, values.get(path) ?? null);
+  flashing = new Set();
   filter();
 }
 
-export const paths = () => Array.from(rows.keys());
-
-// Shows a value, null for a key that is missing. A row that only its value has brought goes with it.
-function place(path, value) {
-  const row = rows.get(path) ?? addOther(path, value);
-  row.show(value);
-  if (value === null && !row.name) {
-    row.element.remove();
-    rows.delete(path);
-  }
-  return row;
-}
-
-export function change({ path, value }) {
-  changed.set(path, value);
-  place(path, value).flash();
-}
-
-export function showLists(languageLists) {
-  lists = languageLists;
-  for (const row of rows.values()) row.showMeaning();
-}
-
-export function showWatchers(pages) {
+function filter() {
+  const words = byId("settings-find").value.trim().toLowerCase().split(/[\s_]+/).filter(Boolean);
+  let found = 0;
   for (const row of rows.values()) {
-    row.showWatchers(pages.filter(({ watches }) => watches.includes(row.path)).map(({ number }) => number));
+    row.element.hidden = !row.matches(words);
+    if (!row.element.hidden) ++found;
   }
+  for (const list of groups.values()) list.parentElement.hidden = [...list.children].every(({ hidden }) => hidden);
+  byId("settings-empty").hidden = found > 0 || !rows.size;
 }
 
-// `client` is null when the console has no plug-in.
-export function usePlugin(client) {
-  plugin = client;
-  for (const row of rows.values()) row.showWatching(null);
+function showWatchers() {
+  const watchers = new Map();
+  for (const page of state.pages.values()) {
+    for (const path of page.watches) watchers.set(path, [...watchers.get(path) ?? [], page]);
+  }
+  for (const row of rows.values()) if (row.setting.name) row.showWatchers(watchers.get(row.path) ?? []);
 }
 
-byId("settings-find").addEventListener("input", filter);
+const READ_AS = {
+  int: (text) => /^[+-]?\d+$/.test(text.trim()) ? Number(text) : undefined,
+  bool: (text) => ({ true: true, on: true, 1: true, false: false, off: false, 0: false })[text.trim().toLowerCase()],
+  text: (text) => text,
+};
+const WRONG = { int: "A whole number is needed.", bool: "A switch is on or off." };
+
+byId("key-form").onsubmit = async (event) => {
+  event.preventDefault();
+  const [path, type, value] = ["key-path", "key-type", "key-value"].map(byId);
+  const given = READ_AS[type.value](value.value);
+  const wrongPath = PREFIX.test(path.value) ? "" : "A path begins with db/ (kept) or memory/ (until the set is switched off).";
+  showInvalid(path, byId("key-error"), wrongPath);
+  if (wrongPath) return;
+  const wrong = state.values?.has(path.value) ? "There is such a key already." : given === undefined ? WRONG[type.value] : "";
+  showInvalid(value, byId("key-error"), wrong);
+  if (wrong) return;
+  if (await attempt("key", () => api.put(api.keyAddress(path.value), { value: given }))) {
+    path.value = value.value = "";
+    path.focus();
+  }
+};
+
+byId("settings-find").oninput = filter;
+observe(["catalog"], () => {
+  for (const group of ORDER) if (state.catalog.settings.some((setting) => setting.group === group)) listOf(group);
+  for (const { path } of state.catalog.settings) rowOf(path);
+});
+observe(["catalog", "values"], show);
+observe(["set"], () => { for (const row of rows.values()) row.showMeaning(); });
+observe(["catalog", "values", "pages", "selected", "linked"], showWatchers);

@@ -1,0 +1,76 @@
+// The one place for problems: what is wrong, what to do, and the button that does it.
+import { DeskError } from "./api.js";
+import { byId, make } from "./dom.js";
+import { changed, observe, state } from "./state.js";
+
+// The gravest is shown. What comes later in this list often follows from what comes before.
+const ORDER = ["desk", "stream", "store", "plugin", "crash", "limit", "action", "done"];
+
+const problems = new Map(); // by kind: {source, title, text, lines, button: {text, run, focus}, mild}
+let shown = null;
+
+/** Shows `problem` until another one of its kind or null is reported. */
+export function report(kind, problem) {
+  if (problem) problems.set(kind, problem);
+  else problems.delete(kind);
+  show();
+}
+
+/** Runs `action` and shows why it failed until an action of the same `source` goes well. True when it went well. */
+export async function attempt(source, action) {
+  try {
+    await action();
+    if (problems.get("action")?.source === source) report("action", null);
+    return true;
+  } catch (error) {
+    if (!(error instanceof DeskError)) throw error;
+    // A desk that does not answer at all is told once, by its stream.
+    if (error.status !== 0 || state.linked) report("action", { source, title: "That did not work", text: error.message, dismiss: true });
+    if (["damaged", "removed", "busy", "failed"].includes(error.code)) changed("doubt");
+    return false;
+  }
+}
+
+function show() {
+  const kind = ORDER.find((each) => problems.has(each)) ?? null;
+  const problem = problems.get(kind) ?? null;
+  const looks = problem && JSON.stringify([kind, problem.title, problem.text, problem.lines, problem.button?.text]);
+  if (looks === shown) return;
+  shown = looks;
+  const banner = byId("banner");
+  const hadFocus = banner.contains(document.activeElement);
+  banner.className = problem?.mild ? "mild" : "";
+  banner.replaceChildren(...problem ? contentOf(kind, problem) : []);
+  if (hadFocus && !problem) byId("main").focus();
+  else if (hadFocus) banner.querySelector("button")?.focus();
+}
+
+function contentOf(kind, { title, text, lines = [], button, dismiss }) {
+  const buttons = [];
+  if (button) {
+    buttons.push(make("button", { type: "button", className: "usual", onclick: async ({ target }) => {
+      target.disabled = true;
+      await button.run();
+      target.disabled = false;
+    } }, button.text));
+  }
+  if (dismiss) {
+    buttons.push(make("button", { type: "button", onclick: () => {
+      if (dismiss !== true) dismiss();
+      report(kind, null);
+    } }, "Dismiss"));
+  }
+  return [
+    make("span", { className: "mark" }),
+    make("div", { className: "told" }, make("p", {}, make("strong", {}, title), " ", text),
+      ...lines.length ? [make("pre", { tabIndex: 0, role: "region", "aria-label": "Last log lines" }, lines.join("\n"))] : []),
+    make("div", { className: "buttons" }, ...buttons)];
+}
+
+// What cannot work is disabled: all that needs the desk, its store, or a page to speak to.
+observe(["linked", "desk", "pages", "selected"], () => {
+  const store = state.linked && !state.desk?.store.error;
+  const page = state.pages.get(state.selected);
+  const met = { desk: state.linked, store, page: state.linked && Boolean(page), plugin: store && page?.state === "running" };
+  for (const part of document.querySelectorAll("[data-needs]")) part.disabled = !met[part.dataset.needs];
+});

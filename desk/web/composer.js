@@ -1,0 +1,198 @@
+// Puts a message together and gives it to the plug-in of the chosen page, as the page itself would.
+import * as api from "./api.js";
+import { attempt } from "./banner.js";
+import { byId, fillSelect, make, showInvalid } from "./dom.js";
+import { failuresOf } from "./failures.js";
+import { readSet } from "./set-state.js";
+import { changed, listeningPage, observe, selectedPage, settingOf, shortName, state, titleOf } from "./state.js";
+import { describeReply, describeRequest } from "./words.js";
+
+const MAX_HISTORY = 100;
+const command = byId("command");
+const key = byId("key");
+const value = byId("value");
+const message = byId("message");
+
+const history = JSON.parse(sessionStorage.getItem("history") ?? "[]"); // oldest first
+let at = history.length; // the entry that is shown; behind the last it is what was being written
+let draft = "";
+let awaitsFocus = false;
+
+const commandOf = (name) => state.catalog.commands.find((each) => each.name === name);
+const valueField = () => commandOf(command.value)?.fields.find((field) => field !== "propertyKey");
+
+// What is no JSON is meant as text.
+function parse(text) {
+  try {
+    return JSON.parse(text);
+  } catch {
+    return text;
+  }
+}
+
+// The fields fill the message, which may then be edited at will.
+function compose() {
+  const described = commandOf(command.value);
+  if (!described) return;
+  const request = { command: described.name };
+  if (described.table) request.propertyKey = Number(key.value);
+  if (valueField()) request[valueField()] = parse(value.value);
+  message.value = JSON.stringify(request);
+  at = history.length;
+  showKind();
+}
+
+function chooseCommand() {
+  const described = commandOf(command.value);
+  if (!described) return;
+  byId("key-field").hidden = !described.table;
+  if (described.table) {
+    fillSelect(key, state.catalog.settings.filter(({ table }) => table === described.table)
+      .map((setting) => ({ value: setting.key, text: `${setting.key} ${shortName(setting)}` })));
+  }
+  byId("value-field").hidden = !valueField();
+  byId("value-name").textContent = valueField() ?? "";
+  offerValues();
+  compose();
+}
+
+// The values that have a meaning for this setting.
+function offerValues() {
+  const described = commandOf(command.value);
+  const setting = described?.table ? settingOf(described.table, Number(key.value)) : null;
+  const list = setting?.values?.list;
+  const known = list ? (state.set?.lists[list] ?? []).map((item) => [item.value, item.label]) :
+    Object.entries(setting?.values ?? {}).filter(([name]) => /^-?\d+$/.test(name));
+  byId("value-presets").replaceChildren(...(known.length ? known : [[0, ""], [1, ""]])
+    .map(([preset, label]) => make("option", { value: preset, textContent: label })));
+}
+
+// What is posted is not waited for; a command that is not known is sent.
+function kindOf(text) {
+  return commandOf(parse(text)?.command)?.posted ? "post" : "send";
+}
+
+const NAMES = { send: "Send", post: "Post" };
+const TITLES = { send: "Wait for the reply", post: "Do not wait; a reply comes as a message" };
+
+function showKind() {
+  const kind = kindOf(message.value);
+  const other = kind === "send" ? "post" : "send";
+  byId("say").textContent = NAMES[kind];
+  byId("say").title = `${TITLES[kind]} (Enter)`;
+  byId("say-other").textContent = NAMES[other];
+  byId("say-other").title = `${TITLES[other]} (Alt+Enter)`;
+  showInvalid(message, byId("message-error"), "");
+  showFailures();
+}
+
+async function submit(other = false) {
+  const page = listeningPage();
+  if (!page) return;
+  let body;
+  try {
+    body = JSON.parse(message.value);
+  } catch {
+    showInvalid(message, byId("message-error"), "The message is no JSON. Texts and names stand in double quotes.");
+    message.focus();
+    return;
+  }
+  const usual = kindOf(message.value);
+  const kind = other ? usual === "send" ? "post" : "send" : usual;
+  remember(message.value);
+  byId("outcome").textContent = "";
+  await attempt("message", async () => {
+    const { reply } = await api.say(page.id, { [kind]: body });
+    if (kind !== "send") return;
+    const { text, rest } = describeRequest(body);
+    byId("outcome").textContent = `${text} ${rest} gives ${describeReply(reply).text}`; // for those who hear the page
+  });
+}
+
+function remember(text) {
+  if (history.at(-1) !== text) history.push(text);
+  history.splice(0, history.length - MAX_HISTORY);
+  sessionStorage.setItem("history", JSON.stringify(history));
+  at = history.length;
+}
+
+function recall(step) {
+  const to = Math.min(Math.max(at + step, 0), history.length);
+  if (to === at) return;
+  if (at === history.length) draft = message.value;
+  at = to;
+  message.value = at === history.length ? draft : history[at];
+  message.setSelectionRange(message.value.length, message.value.length);
+  showKind();
+}
+
+// What makes the command fail, each as a switch.
+function showFailures() {
+  const failures = failuresOf(parse(message.value));
+  if (!failures) return; // what is being written is no message yet
+  const on = failures.filter((failure) => failure.isOn()).length;
+  byId("failures-title").textContent = on ? `Make it fail (${on} on)` : "Make it fail";
+  const list = byId("failure-list");
+  const focused = [...list.children].findIndex((row) => row.contains(document.activeElement));
+  list.replaceChildren(...failures.map((failure) => make("li", {},
+    make("button", { type: "button", "aria-pressed": String(failure.isOn()), onclick: () => toggle(failure) },
+      make("span", { className: "what" }, failure.text),
+      make("span", { className: "gives" }, `→ ${failure.gives}`)))));
+  list.children[focused]?.firstElementChild.focus();
+}
+
+function toggle(failure) {
+  const on = failure.isOn();
+  return attempt("set", async () => {
+    if (!failure.fault) await api.patch("/api/set", on ? failure.undo : failure.part);
+    else if (on) await api.remove(`/api/faults?${new URLSearchParams({ call: failure.fault.call, path: failure.fault.path })}`);
+    else await api.post("/api/faults", failure.fault);
+    await readSet();
+  });
+}
+
+command.onchange = chooseCommand;
+key.onchange = () => {
+  offerValues();
+  compose();
+};
+value.oninput = compose;
+message.oninput = showKind;
+message.onkeydown = (event) => {
+  if (event.key === "Enter") {
+    event.preventDefault();
+    submit(event.altKey);
+  } else if (event.key === "ArrowUp" || event.key === "ArrowDown") {
+    event.preventDefault();
+    recall(event.key === "ArrowUp" ? -1 : 1);
+  }
+};
+byId("composer").onsubmit = (event) => {
+  event.preventDefault();
+  submit();
+};
+byId("say-other").onclick = () => submit(true);
+
+observe(["catalog"], () => {
+  fillSelect(command, state.catalog.commands.map(({ name, posted }) => ({ value: name, text: posted ? `${name} (posted)` : name })));
+  command.value = commandOf("getMenuValue") ? "getMenuValue" : command.value;
+  chooseCommand();
+});
+observe(["set", "faults"], () => {
+  offerValues();
+  showFailures();
+});
+/** The keyboard goes to the message as soon as there is a plug-in to send it to. */
+export function focusMessage() {
+  awaitsFocus = true;
+  changed("selected");
+}
+
+observe(["pages", "selected", "linked"], () => {
+  if (awaitsFocus && listeningPage()) {
+    awaitsFocus = false;
+    message.focus();
+  }
+  const page = selectedPage();
+  byId("composer-page").textContent = page ? `To ${titleOf(page)}` : "Choose a page to send it messages.";
+});

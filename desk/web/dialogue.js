@@ -1,0 +1,70 @@
+// The dialogue of the chosen page, or of all.
+import { byId, copyFrom, fillSelect, moveWithArrows } from "./dom.js";
+import { Exchange } from "./exchange.js";
+import { History } from "./history.js";
+import { MAX_ROWS, Rows } from "./rows.js";
+import { numberOf, observe, shortName, state } from "./state.js";
+
+const exchanges = new Map(); // by page and number of the entry that opened the row, oldest first
+const newest = new Map(); // by page: the number of its newest entry that was shown
+
+const seen = () => ({ kind: byId("filter-kind").value, setting: byId("filter-setting").value, failures: byId("filter-failures").checked });
+let filter = seen();
+const rows = new Rows(byId("dialogue"),
+  { label: "Messages", passes: (exchange) => exchange.passes(filter), empty: "Nothing was said yet." });
+
+const keyOf = (page, n) => `${page} ${n}`;
+
+function append(entries) {
+  const made = [];
+  for (const entry of entries) {
+    if (entry.n <= (newest.get(entry.page) ?? 0)) continue;
+    newest.set(entry.page, entry.n);
+    const request = entry.to === undefined ? null : exchanges.get(keyOf(entry.page, entry.to));
+    if (request) {
+      request.complete(entry);
+      continue;
+    }
+    const exchange = new Exchange(entry, numberOf(entry.page));
+    exchanges.set(keyOf(entry.page, entry.n), exchange);
+    made.push(exchange);
+    if (exchanges.size > MAX_ROWS) exchanges.delete(exchanges.keys().next().value);
+  }
+  rows.append(made);
+}
+
+function clear() {
+  exchanges.clear();
+  rows.clear();
+}
+
+const history = new History("dialogue", {
+  append,
+  restart() {
+    clear();
+    newest.clear();
+  },
+});
+export const addEntry = (entry) => history.add(entry);
+export const load = () => history.load();
+
+// As `mirado host` would have it on its input and output.
+function asJsonLines() {
+  return [...exchanges.values()].flatMap(({ entries }) => entries).filter(({ kind }) => kind !== "crash")
+    .sort((one, other) => one.time - other.time || one.n - other.n)
+    .map(({ kind, body }) => JSON.stringify({ [kind]: body })).join("\n") + "\n";
+}
+
+for (const id of ["filter-kind", "filter-setting", "filter-failures"]) {
+  byId(id).onchange = () => {
+    filter = seen();
+    rows.toEnd();
+  };
+}
+byId("clear").onclick = clear;
+byId("copy").onclick = () => copyFrom(byId("copy"), asJsonLines());
+moveWithArrows(rows.scroller, () => [...rows.list.children].map((row) => row.firstElementChild),
+  (button) => button.scrollIntoView({ block: "nearest" }), ["ArrowUp", "ArrowDown"]);
+
+observe(["catalog"], () => fillSelect(byId("filter-setting"), [{ value: "", text: "All settings" },
+  ...state.catalog.settings.map((setting) => ({ value: setting.path, text: shortName(setting) }))]));

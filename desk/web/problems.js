@@ -1,0 +1,85 @@
+// What is wrong with the desk as a whole, with its store, and with the pages' plug-ins.
+import * as api from "./api.js";
+import { ask } from "./ask.js";
+import { attempt, report } from "./banner.js";
+import { focusMessage } from "./composer.js";
+import { closeConsole, isConsole, openConsole } from "./console.js";
+import { byId } from "./dom.js";
+import { describeEnd } from "./words.js";
+import { changed, observe, state, titleOf } from "./state.js";
+
+const TRIES = "This page tries again every second.";
+
+export function reportBroken(refused) {
+  report("desk", refused ? null : { title: "The desk does not answer.",
+    text: `Start it again with “mirado desk --port ${location.port || 80}”. ${TRIES} Pages reload to get a plug-in.` });
+  report("stream", refused ? { title: "The desk takes no further reader of its events.",
+    text: `Close another desk page. ${TRIES}` } : null);
+}
+
+export function reportLinked() {
+  report("desk", null);
+  report("stream", null);
+}
+
+export async function readDesk() {
+  await attempt("desk", async () => { state.desk = await api.get("/api/desk"); });
+  changed("desk");
+}
+
+async function replaceStore() {
+  const { folder } = state.desk.store;
+  const sure = await ask("Replace the store?", `All settings and the set become as new. The files that are in ${folder} now are ` +
+      "kept in a folder beside it.", "Replace the store");
+  if (!sure) return;
+  await attempt("reset", async () => {
+    const { moved } = await api.post("/api/reset?force=1");
+    report("done", { title: "The store is as new.", text: moved ? `The old files are in ${moved}.` : "", mild: true, dismiss: true });
+    await readDesk();
+    changed("again");
+  });
+}
+
+observe(["desk"], () => {
+  if (state.desk?.store.error) {
+    state.values = null;
+    changed("values");
+  }
+  const { store, plugin } = state.desk ?? {};
+  report("store", !store?.error ? null : { title: store.code === "damaged" ? "The store is damaged." : "The store cannot be used.",
+    text: `${store.error}${/[.!?]$/.test(store.error) ? "" : "."}`, button: { text: "Replace the store …", run: replaceStore } });
+  report("plugin", !plugin?.error ? null : { title: "The plug-in cannot be loaded.", text: plugin.error });
+  byId("plugin").textContent = !plugin ? "" : plugin.error ? "No plug-in" : `Plug-in ${plugin.version}`;
+  byId("plugin").title = plugin?.path ?? "";
+});
+
+async function closePage({ id }) {
+  if (isConsole(id)) closeConsole();
+  else await attempt("page", () => api.remove(`/api/pages/${id}`));
+}
+
+observe(["desk", "pages"], () => {
+  const limit = state.desk?.pages.limit ?? Infinity;
+  const all = [...state.pages.values()];
+  const spare = all.find((page) => page.state === "crashed") ?? all.find(({ id }) => !isConsole(id));
+  report("limit", all.length < limit || !spare ? null : { title: `${limit} pages are open, which is all that the desk takes.`,
+    text: "The next page gets no plug-in. Close pages in the browser, or here.",
+    button: { text: `Close ${titleOf(spare)} …`, run: async () => {
+      if (await ask(`Close ${titleOf(spare)}?`, "Its plug-in ends. The page in the browser stays, without one.", "Close it")) await closePage(spare);
+    } } });
+});
+
+let told = new Set(); // crashed pages whose problem was dismissed or shown for another
+observe(["pages", "selected"], () => {
+  const crashed = [...state.pages.values()].filter((page) => page.state === "crashed");
+  const page = state.selected ? crashed.find(({ id }) => id === state.selected) : crashed.at(-1);
+  report("crash", !page || told.has(page.id) ? null : { title: `The plug-in of ${titleOf(page)} has ended${page.end ? `: it ${describeEnd(page.end)}` : ""}.`,
+    text: isConsole(page.id) ? "" : "Load the page anew in its browser to start another.",
+    lines: page.lastLog ?? [],
+    dismiss: () => told.add(page.id),
+    button: isConsole(page.id) ? { text: "Start again", run: async () => {
+      closeConsole();
+      await openConsole();
+      focusMessage();
+    } } : { text: "Close the page", run: () => closePage(page) } });
+});

@@ -1,0 +1,158 @@
+// One key of the store: its name, its value, who watches it, and on demand all that is known of it.
+import * as api from "./api.js";
+import { ask } from "./ask.js";
+import { attempt } from "./banner.js";
+import { copyFrom, make, setText, showInvalid } from "./dom.js";
+import { listeningPage, shortName, state, titleOf } from "./state.js";
+import { makeField } from "./value-field.js";
+
+const typeOf = (value) => ({ boolean: "bool", number: "int" })[typeof value] ?? "text";
+
+/** `[value, meaning]` of all values of a setting that have one, in their order. */
+function meaningsOf({ values }) {
+  if (!values) return [];
+  if (values.list) return (state.set?.lists[values.list] ?? []).map(({ value, label }) => [value, label]);
+  if (values.speeds) {
+    return Object.entries(state.catalog.speeds)
+      .flatMap(([name, { from, to }]) => Array.from({ length: to - from + 1 }, (_, at) => [from + at, name]));
+  }
+  return Object.entries(values).map(([value, meaning]) => [Number(value), meaning]);
+}
+
+export class SettingRow {
+  /** `setting` is an entry of the catalog, or only the path of a key that it does not know. */
+  constructor(setting) {
+    this.setting = setting;
+    this.path = setting.path;
+    this.value = undefined;
+    this.watchers = [];
+    this.name = make("button", { type: "button", className: "name", "aria-expanded": "false", title: "Everything about this key",
+      onclick: () => this.toggleDetails() }, setting.label ?? setting.path);
+    this.meaning = make("span", { className: "meaning" });
+    this.place = make("span", { className: "value" });
+    this.error = make("p", { className: "invalid", role: "alert", hidden: true });
+    this.watch = make("button", { type: "button", className: "watch", onclick: () => this.toggleWatch() });
+    this.element = make("li", { className: "setting" }, this.name, this.meaning, this.place, ...setting.name ? [this.watch] : [], this.error);
+    if (!setting.name) this.element.classList.add("other");
+  }
+
+  get label() {
+    const { label, group } = this.setting;
+    return label ? `${label}, ${group}` : this.path;
+  }
+
+  /** `value` is undefined for a key that is missing, null when it is not known. */
+  show(value) {
+    const type = value === undefined ? "missing" : value === null ? "unknown" : typeOf(value);
+    if (type !== this.type) this.replaceField(type);
+    else if (value === this.value) return;
+    this.value = value;
+    this.field?.show(value);
+    this.showMeaning();
+  }
+
+  replaceField(type) {
+    const hadFocus = this.place.contains(document.activeElement);
+    this.type = type;
+    this.field = makeField(type, this.label, {
+      write: (value) => this.write(value),
+      refuse: (text) => showInvalid(this.field.input, this.error, text),
+    });
+    const create = () => make("button", { type: "button", "aria-label": `Create ${this.label}`,
+      onclick: () => this.write(this.setting.initial) }, "Create");
+    this.place.replaceChildren(...this.field ? [this.field.element] : type === "missing" ? [create()] : []);
+    if (hadFocus) this.place.querySelector("input, textarea, button:not([tabindex])")?.focus();
+  }
+
+  showMeaning() {
+    const known = meaningsOf(this.setting);
+    const number = typeof this.value === "boolean" ? Number(this.value) : this.value;
+    const meaning = this.type === "missing" || this.type === "unknown" ? this.type : known.find(([value]) => value === number)?.[1] ??
+      (this.setting.values?.speeds ? state.catalog.otherSpeed : "");
+    setText(this.meaning, meaning);
+    this.meaning.classList.toggle("missing", meaning === this.type);
+    if (this.type === "int") {
+      this.field.offer(known.map(([value]) => value));
+      this.field.describe(meaning);
+    }
+  }
+
+  async write(value) {
+    if (!await attempt(`store ${this.path}`, () => api.put(api.keyAddress(this.path), { value }))) this.field?.show(this.value);
+  }
+
+  showWatchers(pages) {
+    this.watchers = pages;
+    if (this.list) this.fillWatchers();
+    const page = listeningPage();
+    const watches = pages.some(({ id }) => id === page?.id);
+    setText(this.watch, String(pages.length));
+    this.watch.setAttribute("aria-pressed", String(watches));
+    this.watch.disabled = !page;
+    const by = `watched by ${pages.length} ${pages.length === 1 ? "page" : "pages"}`;
+    this.watch.setAttribute("aria-label", `Watch ${this.label}; ${by}`);
+    this.watch.title = `${by[0].toUpperCase()}${by.slice(1)}. ${page ? `${watches ? "End watching" : "Watch"} from ${titleOf(page)}.` : "Choose a page to watch from it."}`;
+  }
+
+  // Through the plug-in of the chosen page, as that page would.
+  toggleWatch() {
+    const page = listeningPage();
+    const { table, key } = this.setting;
+    const { watch, unwatch } = state.catalog.tables[table];
+    const command = this.watchers.some(({ id }) => id === page.id) ? unwatch : watch;
+    return attempt("watch", async () => {
+      const { reply } = await api.say(page.id, { send: { command, propertyKey: key } });
+      if (reply?.code !== 0) throw new api.DeskError(`${command} failed: ${reply ? `${reply.code} ${reply.errorMessage}` : "no reply"}.`, { status: 200 });
+    });
+  }
+
+  toggleDetails() {
+    const open = !this.details;
+    this.name.setAttribute("aria-expanded", String(open));
+    if (!open) {
+      this.details.remove();
+      this.details = this.list = null;
+      return;
+    }
+    const { name, key, initial, watchOnly } = this.setting;
+    const fact = (term, ...content) => [make("dt", {}, term), make("dd", {}, ...content)];
+    const copy = make("button", { type: "button", onclick: () => copyFrom(copy, this.path) }, "Copy");
+    this.list = make("dd");
+    this.details = make("div", { className: "details" },
+      make("dl", {},
+        ...name ? fact("Constant", make("code", {}, name), ` (${key})`) : [],
+        ...fact("Path", make("code", {}, this.path), " ", copy),
+        ...name ? fact("New", String(initial)) : [],
+        ...name ? [make("dt", {}, "Watched by"), this.list] : []),
+      ...watchOnly ? [make("p", { className: "note" }, "A page can watch it, and neither read nor set it.")] : [],
+      make("div", { className: "buttons" },
+        ...name ? [make("button", { type: "button", onclick: () => this.write(initial) }, "As new")] : [],
+        make("button", { type: "button", className: "danger", onclick: () => this.remove() }, "Remove key …")));
+    this.fillWatchers();
+    this.element.append(this.details);
+  }
+
+  fillWatchers() {
+    this.list.textContent = this.watchers.map(titleOf).join(", ") || "nobody";
+  }
+
+  async remove() {
+    const name = this.setting.name ? shortName(this.setting) : this.path;
+    if (!await ask(`Remove ${name}?`, `The key ${this.path} and its value are gone for all programs of the set.`, "Remove it")) return;
+    await attempt(`store ${this.path}`, () => api.remove(api.keyAddress(this.path)));
+  }
+
+  flash() {
+    this.element.classList.remove("changed");
+    void this.element.offsetWidth; // lets the animation begin anew
+    this.element.classList.add("changed");
+  }
+
+  /** `words` are lower case; each must be part of something that the key is known by, a number all of it. */
+  matches(words) {
+    const { name = "", label = "", group = "", key } = this.setting;
+    const known = `${name} ${name.replaceAll("_", " ")} ${label} ${group} ${this.path}`.toLowerCase();
+    const has = (word) => /^\d+$/.test(word) ? String(key) === word || this.path.includes(word) : known.includes(word);
+    return words.every(has);
+  }
+}

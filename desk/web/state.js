@@ -1,0 +1,66 @@
+// What the page knows of the desk. Its parts read it here and say with `observe` what they show; whoever changes
+// something says so with `changed`.
+
+export const state = {
+  linked: false, // the desk answers
+  desk: null, // GET /api/desk
+  catalog: { tables: {}, settings: [], commands: [], speeds: {} },
+  values: null, // of all keys that there are, by path; null while they are not known
+  pages: new Map(), // by id
+  selected: null, // the id of the page whose tab is chosen; null is all of them
+  departed: null, // the selected page, once it has gone
+  set: null, // GET /api/set
+  faults: { calls: [], faults: [] },
+  scenarios: [],
+};
+
+const observers = [];
+let dirty = new Set();
+
+/** Runs `show` once before the next frame after one of `topics` has changed, however often it has. */
+export function observe(topics, show) {
+  observers.push({ topics, show });
+}
+
+/** The topics are the names of the members of `state`. */
+export function changed(...topics) {
+  if (!dirty.size) requestAnimationFrame(flush);
+  for (const topic of topics) dirty.add(topic);
+}
+
+function flush() {
+  const now = dirty;
+  dirty = new Set();
+  for (const { topics, show } of observers) if (topics.some((topic) => now.has(topic))) show();
+}
+
+/** The page whose tab is chosen, as long as it is open. */
+export const selectedPage = () => state.pages.get(state.selected) ?? null;
+
+/** The chosen page when its plug-in can be spoken to. */
+export function listeningPage() {
+  const page = selectedPage();
+  return state.linked && page?.state === "running" ? page : null;
+}
+
+export function select(id) {
+  if (state.departed?.id !== id) state.departed = null;
+  state.selected = id;
+  if (id) sessionStorage.setItem("page", id);
+  else sessionStorage.removeItem("page");
+  changed("selected", "pages");
+}
+
+/** The entry of the catalog for a key of a table, or for a path. */
+export const settingOf = (table, key) =>
+  state.catalog.settings.find((setting) => setting.table === table && setting.key === key);
+export const settingAt = (path) => state.catalog.settings.find((setting) => setting.path === path);
+
+/** A setting's constant without what all of them begin with: CAPTION. */
+export const shortName = ({ name }) => name.replace(/^[A-Z]+_KEY_/, "");
+
+/** A page's number, which its id begins with: p3-8f0c… */
+export const numberOf = (page) => Number(/^p(\d+)/.exec(page)[1]);
+
+/** How people speak of a page: "#3 My application". */
+export const titleOf = ({ number, title }) => `#${number} ${title || "page"}`;
