@@ -2,7 +2,7 @@
 // Chromium.
 import assert from "node:assert/strict";
 import { once } from "node:events";
-import { readFile } from "node:fs/promises";
+import { readFile, rm, writeFile } from "node:fs/promises";
 import { createServer } from "node:http";
 import { basename, extname, join } from "node:path";
 import { after, afterEach, beforeEach } from "node:test";
@@ -39,11 +39,43 @@ async function serveApp(script) {
 }
 
 // Names that end in .test lead to this machine, so that a page can have a foreign origin.
-const launchBrowser = () => chromium.launch({
+export const launchBrowser = () => chromium.launch({
   executablePath: "/usr/bin/chromium",
   args: ["--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run", "--disable-background-networking",
     "--disable-component-update", "--disable-sync", "--host-resolver-rules=MAP *.test 127.0.0.1"],
 });
+
+/** A desk that may be killed, and come to a damaged store, in the middle of a test. It keeps its address. */
+export class MortalDesk {
+  static async start() {
+    const mortal = new MortalDesk();
+    mortal.begin(await Desk.start());
+    return mortal;
+  }
+
+  begin(desk) {
+    this.desk = desk;
+    this.url = desk.url;
+    for (const name of ["call", "request", "say", "openPage", "mirado"]) this[name] = desk[name].bind(desk);
+  }
+
+  async kill() {
+    this.desk.child.kill("SIGKILL");
+    await this.desk.exit;
+  }
+
+  async damage() {
+    await this.kill();
+    const { store, folder, port } = this.desk;
+    await writeFile(join(store, "keys.db"), "no database".repeat(1000));
+    await rm(join(store, "region"), { force: true });
+    this.begin(Object.assign(await Desk.startOn(store, "--port", String(port)), { folder }));
+  }
+
+  async stop() {
+    await this.desk.stop();
+  }
+}
 
 /**
  * A desk, the example application and a browser for all tests of a file. Each test begins with a set as new and fails
@@ -70,11 +102,12 @@ export async function useDesk() {
     await context.close();
     assert.deepEqual(errors, []);
   });
+  const newPage = () => context.newPage();
   // `shows` waits for what stands there for a while only, so it begins before the page does.
   const openPage = async (url, shows = () => {}) => {
-    const page = await context.newPage();
+    const page = await newPage();
     await Promise.all([shows(page), page.goto(url)]);
     return page;
   };
-  return { desk, app, openPage };
+  return { desk, app, newPage, openPage };
 }

@@ -1,0 +1,125 @@
+// How the desk's page looks and how it is reached: widths, themes, forced colours, the keyboard, and much at once.
+import assert from "node:assert/strict";
+import { readFileSync } from "node:fs";
+import { createRequire } from "node:module";
+import { after, afterEach, before, describe, it } from "node:test";
+import { openConsole, openDesk } from "./desk-page.mjs";
+import { showPanel, showState, STATES } from "./desk-states.mjs";
+import { launchBrowser, MortalDesk } from "./harness.mjs";
+
+const axe = readFileSync(createRequire(import.meta.url).resolve("axe-core"), "utf8");
+const LOOKS = [{ colorScheme: "light", forcedColors: "none" }, { colorScheme: "dark", forcedColors: "none" },
+  { colorScheme: "light", forcedColors: "active" }];
+const WIDTHS = [360, 1024, 1280, 1920];
+
+let browser, desk, page;
+before(async () => { browser = await launchBrowser(); });
+after(() => browser.close());
+// A desk for each test: some of the states are the end of one.
+async function begin() {
+  desk = await MortalDesk.start();
+  page = await (await browser.newContext({ viewport: { width: 1280, height: 800 } })).newPage();
+}
+afterEach(async () => {
+  await page.context().close();
+  await desk.stop();
+});
+
+// What axe finds, and what it could not decide, in words.
+async function faultsOf() {
+  await page.evaluate(() => Promise.all(document.getAnimations()
+    .filter((it) => it.effect.getTiming().iterations === 1).map((it) => it.finished)));
+  const { violations, incomplete } = await page.evaluate(() => globalThis.axe.run(document,
+    { resultTypes: ["violations", "incomplete"] }));
+  return [...violations, ...incomplete].flatMap(({ id, nodes }) =>
+    nodes.map(({ target, any }) => `${id}: ${target} ${any[0]?.message ?? ""}`));
+}
+
+// What is wider than the page, and text below 12 pixels.
+const wrongSizes = () => page.evaluate(() => {
+  const wide = document.documentElement.scrollWidth > innerWidth ? [`the page is ${document.documentElement.scrollWidth} wide`] : [];
+  const texts = [...document.querySelectorAll("body *")].filter((it) => it.checkVisibility() &&
+    [...it.childNodes].some((node) => node.nodeType === Node.TEXT_NODE && node.data.trim()));
+  const small = texts.filter((it) => parseFloat(getComputedStyle(it).fontSize) < 12);
+  const cut = [...document.querySelectorAll("button, input, select, textarea, summary")].filter((it) => {
+    const box = it.getBoundingClientRect();
+    return it.checkVisibility() && box.width > 2 && box.right > innerWidth && !it.closest("#pages");
+  });
+  return [...wide, ...small.map((it) => `small: ${it.outerHTML.slice(0, 80)}`), ...cut.map((it) => `cut off: ${it.outerHTML.slice(0, 80)}`)];
+});
+
+describe("the look of the desk's page", () => {
+  for (const state of STATES) {
+    it(`is accessible and whole: ${state.name}`, async () => {
+      await begin();
+      await showState(page, desk, state);
+      await page.evaluate(axe);
+      for (const width of WIDTHS) {
+        await page.setViewportSize({ width, height: 800 });
+        await showPanel(page, state);
+        assert.deepEqual(await wrongSizes(), [], String(width));
+        for (const look of width === 1024 ? LOOKS.slice(0, 1) : LOOKS) {
+          await page.emulateMedia(look);
+          assert.deepEqual(await faultsOf(), [], `${width} ${JSON.stringify(look)}`);
+        }
+      }
+    });
+  }
+
+  it("reaches the dialogue soon, and keeps the focus where a question came from", async () => {
+    await begin();
+    await openDesk(page, desk.url);
+    await openConsole(page);
+    await page.reload(); // the keyboard begins at the top
+    await page.getByRole("tab", { name: /Console/, selected: true }).waitFor();
+    await page.keyboard.press("Tab");
+    await page.keyboard.press("Enter");
+    assert.equal(await page.evaluate(() => document.activeElement.id), "dialogue");
+    await page.getByRole("button", { name: "Reset …" }).press("Enter");
+    await page.keyboard.press("Escape");
+    assert.equal(await page.evaluate(() => document.activeElement.id), "reset");
+  });
+
+  it("shows a switch that is on unlike one that is off, also in forced colours", async () => {
+    await begin();
+    await openDesk(page, desk.url);
+    const toggle = page.getByRole("switch", { name: "The application has the privilege" });
+    for (const look of LOOKS) {
+      await page.emulateMedia({ ...look, reducedMotion: "reduce" });
+      await toggle.check();
+      const on = await toggle.screenshot();
+      await toggle.uncheck();
+      assert(!on.equals(await toggle.screenshot()), JSON.stringify(look));
+    }
+  });
+
+  it("stays small and quick with 64 pages that say much", async () => {
+    await begin();
+    const pages = await Promise.all(Array.from({ length: 64 }, () => desk.openPage()));
+    await Promise.all(pages.map((each) => desk.say(each, { send: { command: "registerVconfKeysForCaption", propertyKey: 0 } })));
+    await openDesk(page, desk.url);
+    await page.getByRole("tab", { name: /^All/ }).click();
+    const width = () => page.locator("#settings").evaluate((it) => it.scrollWidth - it.clientWidth);
+    assert.equal(await width(), 0, "64 watchers take no room from a setting");
+
+    const cdp = await page.context().newCDPSession(page);
+    await cdp.send("Performance.enable", { timeDomain: "threadTicks" }); // what this page used, whatever else runs here
+    const measure = async () => {
+      await cdp.send("HeapProfiler.collectGarbage");
+      const { metrics } = await cdp.send("Performance.getMetrics");
+      return Object.fromEntries(metrics.map(({ name, value }) => [name, value]));
+    };
+    const rows = 32;
+    const talkAll = () => Promise.all(pages.map((each) =>
+      desk.say(each, Array.from({ length: rows }, () => ({ post: { command: "getVersion" } })))));
+    await talkAll();
+    await page.waitForFunction(() => document.querySelectorAll("#dialogue li").length === 100);
+    const before = await measure();
+    for (let times = 0; times < 3; ++times) await talkAll();
+    const after_ = await measure();
+    const used = (after_.TaskDuration - before.TaskDuration) / (3 * rows * pages.length) * 1000;
+    assert(used < 0.5, `of a second with 1,000 rows the page takes half at most: ${used} ms for each`);
+    assert(after_.JSHeapUsedSize < before.JSHeapUsedSize + 8e6, `${before.JSHeapUsedSize} bytes became ${after_.JSHeapUsedSize}`);
+    assert(await page.evaluate(() => document.querySelectorAll("*").length) < 6000);
+  });
+});

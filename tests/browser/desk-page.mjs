@@ -1,0 +1,31 @@
+// How the tests and the screenshots handle the desk's page.
+
+export const CAPTION = "db/menu/caption/caption";
+
+export const openDesk = async (page, url) => {
+  await page.goto(url);
+  await page.getByText("Plug-in 4.0").waitFor();
+};
+
+export const openConsole = async (page) => {
+  await page.getByRole("button", { name: "+ Console" }).click();
+  await page.getByRole("tab", { name: /^#\d+ Console$/, selected: true }).waitFor();
+};
+
+/** A row of the dialogue that has all of `text`. */
+export const said = (page, text) => page.getByRole("region", { name: "Messages" }).getByRole("listitem").filter({ hasText: text });
+
+/** Fills the composer in and sends or posts what it made of it, whatever the command is for. */
+export async function say(page, command, { key, value } = {}) {
+  const form = page.getByRole("form", { name: "Message to the plug-in" });
+  const field = (name) => form.getByRole("combobox", { name, exact: true });
+  await field("Command").selectOption(command);
+  if (key !== undefined) await field("Key").selectOption(String(key));
+  if (value !== undefined) await field("value").fill(String(value));
+  await form.getByRole("textbox", { name: /^Message as JSON/ }).press("Enter");
+}
+
+export const valueOf = (page, label) => page.getByRole("spinbutton", { name: label, exact: true });
+
+/** Answers the question that the page asks. */
+export const answer = (page, name) => page.getByRole("dialog").getByRole("button", { name }).click();

@@ -1,0 +1,93 @@
+// Twelve states in which the desk's page is looked at: by the tests, and by people on screenshots.
+import { answer, CAPTION, openConsole, openDesk, said, say } from "./desk-page.mjs";
+
+const json = (command, more) => ({ send: { command, ...more } });
+const watch = json("registerVconfKeysForCaption", { propertyKey: 0 });
+
+async function openPages(desk, count) {
+  const pages = await Promise.all(Array.from({ length: count }, (_, at) =>
+    desk.openPage({ title: `Application ${at + 1}`, url: `http://localhost:8000/${at + 1}.html` })));
+  await Promise.all(pages.map((page) => desk.say(page, watch)));
+  return pages;
+}
+
+async function talk(page) {
+  await openConsole(page);
+  await say(page, "registerVconfKeysForCaption", { key: 0 });
+  await say(page, "setMenuValue", { key: 0, value: 1 });
+  await say(page, "getMenuValue", { key: 14 });
+  await say(page, "getMenuValue", { key: 20 });
+  await said(page, /VOICE_GUIDE_SPEED.*NORMAL/).waitFor();
+  await said(page, "CAPTION changed").waitFor();
+}
+
+const crash = async (page) => {
+  await talk(page);
+  await page.getByRole("button", { name: "Kill …" }).click();
+  await answer(page, "Kill it");
+  await page.getByRole("alert").filter({ hasText: "has ended" }).waitFor();
+};
+
+/** `panel` is the tab on which a narrow page shows it; `show(page, desk)` begins on the opened page. */
+export const STATES = [
+  { name: "first-visit", show: async () => {} },
+  { name: "dialogue", show: talk },
+  { name: "message-opened", show: async (page) => {
+    await talk(page);
+    await said(page, "key is not supported").getByRole("button").click();
+  } },
+  { name: "failures-offered", show: async (page) => {
+    await talk(page);
+    await page.getByText("Make it fail", { exact: true }).click();
+    await page.getByRole("button", { name: /Reading VOICE_GUIDE_SPEED fails/ }).click();
+  } },
+  { name: "setting-opened", panel: "Settings", show: async (page, desk) => {
+    await openPages(desk, 6);
+    await desk.call("PUT", "/api/store/memory%2Fmy%2Ftext", { value: "  two\nlines" });
+    await page.getByRole("button", { name: "Caption", exact: true }).click();
+    await page.getByRole("spinbutton", { name: "Mode, Caption" }).fill("many");
+    await page.getByRole("spinbutton", { name: "Mode, Caption" }).press("Enter");
+  } },
+  { name: "set-with-faults", panel: "The set", show: async (page, desk) => {
+    await desk.call("PUT", "/api/scenarios/evening", {});
+    await desk.call("POST", "/api/faults", { call: "vconf_get_int", path: CAPTION, answer: -1, times: 1 });
+    await desk.call("PATCH", "/api/set", { b2b: false, latency: { getVersion: 250 }, pictureSize: null });
+    await page.getByRole("button", { name: "Load evening" }).waitFor({ state: "attached" });
+  } },
+  { name: "log", panel: "Log", show: async (page) => {
+    await talk(page);
+    await page.getByLabel("Lowest priority").selectOption("Verbose");
+  } },
+  { name: "question", show: async (page) => {
+    await talk(page);
+    await page.getByRole("button", { name: "Kill …" }).click();
+  } },
+  { name: "crashed", show: crash },
+  { name: "page-limit", show: async (page, desk) => {
+    await openPages(desk, 64);
+    await page.getByRole("alert").filter({ hasText: "64 pages are open" }).waitFor();
+  } },
+  { name: "store-damaged", show: async (page, desk) => {
+    await talk(page);
+    await desk.damage();
+    await page.reload();
+    await page.getByRole("alert").filter({ hasText: "The store is damaged" }).waitFor();
+  } },
+  { name: "desk-gone", show: async (page, desk) => {
+    await talk(page);
+    await desk.kill();
+    await page.getByRole("alert").filter({ hasText: "The desk does not answer" }).waitFor();
+  } },
+];
+
+/** Opens the desk's page in a state. The caller chooses width and theme before or after. */
+export async function showState(page, desk, { show }) {
+  await openDesk(page, desk.url);
+  await show(page, desk);
+}
+
+/** Where panels are tabs, the one that the state is about. */
+export async function showPanel(page, { panel = "Dialogue" }) {
+  const tab = page.getByRole("tab", { name: panel, exact: true });
+  if (await tab.isVisible() && await tab.getAttribute("aria-selected") === "false") await tab.click();
+}
