@@ -305,7 +305,7 @@ void Desk::TellDesk() {
 
 void Desk::OnStore(const ConnectionPtr& connection, bool tells, std::function<Answer()> work) {
   ++store_work_;
-  boost::asio::post(store_thread_, [this, connection, tells, work = std::move(work)]() mutable {
+  boost::asio::post(store_thread_, [this, connection = connection, tells, work = std::move(work)]() mutable {
     Answer answer;
     try {
       answer = work();

@@ -131,7 +131,7 @@ std::string KeptToken(const std::string& store) {
   constexpr mode_t kOwnerOnly = 0600;
   for (int tries = 0; tries < 2; ++tries) {
     if (const UniqueFd made(open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kOwnerOnly)); made) {
-      const std::string token = MakeToken();
+      std::string token = MakeToken();
       if (write(made.get(), token.data(), token.size()) != static_cast<ssize_t>(token.size())) {
         unlink(file.c_str());
         ThrowErrno(file);

@@ -79,7 +79,6 @@ Page::Page(boost::asio::io_context& loop, int number, PageDescription descriptio
 
 std::uint64_t Page::Submit(const std::vector<Message>& messages, OnResult on_result) {
   last_sign_ = Clock::now();
-  bool waits = false;
   for (const Message& message : messages) {
     if (message.number && last_number_ && *message.number <= *last_number_) {
       continue;
@@ -93,12 +92,10 @@ std::uint64_t Page::Submit(const std::vector<Message>& messages, OnResult on_res
     }
     if (message.waits) {
       sends_.push_back({{}, std::move(on_result)});
-      waits = true;
+      SubmitOne(message);
+      return lines_;
     }
     SubmitOne(message);
-  }
-  if (waits) {
-    return lines_;
   }
   on_result({});
   return 0;

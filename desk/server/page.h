@@ -87,9 +87,9 @@ class Page final : private HostProcess::Listener {
   const std::string& id() const { return id_; }
   int number() const { return number_; }
 
-  /// Hands `messages` to the plug-in in their order. `on_result` is called once: at once, or with the reply where one
-  /// waits. Messages whose number is not above all that came before are skipped; a send that is skipped has no reply.
-  /// Returns a ticket for `Forget`, 0 when nothing waits.
+  /// Hands `messages` to the plug-in in their order. Only the last may be a send. `on_result` is called once: at
+  /// once, or with the reply to the send. Messages whose number is not above all that came before are skipped; a send
+  /// that is skipped has no reply. Returns a ticket for `Forget`, 0 when nothing waits.
   std::uint64_t Submit(const std::vector<Message>& messages, OnResult on_result);
 
   /// How many wait for a reply.

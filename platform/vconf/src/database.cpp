@@ -93,7 +93,7 @@ Status CheckDatabase(const Folder& folder, ino_t* inode) {
     return Damaged(folder.File(Folder::kDatabase));
   }
   for (const char* const suffix : {"-wal", "-shm"}) {
-    const Status status = folder.Check(std::string(Folder::kDatabase) + suffix, &about);
+    Status status = folder.Check(std::string(Folder::kDatabase) + suffix, &about);
     if (!status.ok() && status.code() != Code::kMissing) {
       return status;
     }

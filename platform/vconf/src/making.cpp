@@ -190,6 +190,7 @@ Result<Folder> OpenOrMakeFolder(const std::string& directory, bool make) {
 
 std::vector<Row> RowsOf(const std::vector<Entry>& entries) {
   std::vector<Row> rows;
+  rows.reserve(entries.size());
   for (const Entry& entry : entries) {
     rows.push_back({entry.path, entry.value});
   }
