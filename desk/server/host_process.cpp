@@ -250,14 +250,16 @@ void HostProcess::AwaitEnd() {
     if (error) {
       return;
     }
+    int status = 0;
+    if (waitpid(self->pid_, &status, WNOHANG) == 0) {  // woken early; the loop must never wait here
+      return self->AwaitEnd();
+    }
     // What it still had to say comes before its end. A process of its own may hold the pipe open, so what is there
     // counts and not the end of the pipe.
     self->log_.pipe.cancel();
     self->output_.pipe.cancel();
     self->Drain(self->log_, &Listener::OnLogLine);
     self->Drain(self->output_, &Listener::OnLine);
-    int status = 0;
-    waitpid(self->pid_, &status, 0);
     self->ending_ = true;
     self->kill_timer_.cancel();
     self->input_.close();
