@@ -132,6 +132,21 @@ Key* Table::Find(std::string_view path, std::uint32_t hash, std::uint32_t* offse
   return nullptr;
 }
 
+// Whether the bucket of `hash` can be read to its end. A key is missing only from one that can.
+bool Table::IsSound(std::uint32_t hash) const {
+  std::uint32_t at = region_.header().buckets[hash % layout::kBuckets].load(std::memory_order_acquire);
+  std::string path;
+  for (std::uint32_t steps = 0; at != 0; ++steps) {
+    const Key* const key = KeyAt(at);
+    if (key == nullptr || steps >= kMaxKeys || !PathOf(at, &path) ||
+        HashOf(path) % layout::kBuckets != hash % layout::kBuckets) {
+      return false;
+    }
+    at = key->next.load(std::memory_order_acquire);
+  }
+  return true;
+}
+
 // False when it is not what somebody wrote there for this key; then it is damaged, or was just written over.
 bool Table::ReadSlot(const Key& key, const Slot& slot, Held* held) const {
   held->form = slot.form.load(std::memory_order_acquire);
@@ -167,7 +182,7 @@ Code Table::Seek(std::string_view path, Held* held, Found&& found) const {
     const std::uint32_t before = unlinks.load(std::memory_order_acquire);
     std::uint32_t offset = 0;
     const Key* const key = Find(path, hash, &offset);
-    const Code code = key != nullptr ? Look(*key, held) : Code::kMissing;
+    const Code code = key != nullptr ? Look(*key, held) : IsSound(hash) ? Code::kMissing : Code::kDamaged;
     if (code == Code::kOk) {
       return found();
     }

@@ -65,6 +65,7 @@ class Table {
   struct Held;
   layout::Key* KeyAt(std::uint32_t offset) const;
   layout::Key* Find(std::string_view path, std::uint32_t hash, std::uint32_t* offset) const;
+  bool IsSound(std::uint32_t hash) const;
   bool ReadSlot(const layout::Key& key, const layout::Slot& slot, Held* held) const;
   Code Look(const layout::Key& key, Held* held) const;
   template <typename Found>
