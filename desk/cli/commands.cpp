@@ -51,6 +51,13 @@ std::string_view ShortName(const Setting& setting) {
   return setting.enumerator.substr(setting.enumerator.find(kKey) + kKey.size());
 }
 
+/// What to do about `status`, for the store that `where` names.
+std::string WayOut(const vconf::Status& status, const std::string& where) {
+  return status.code() != vconf::Code::kDamaged
+             ? ""
+             : "; `mirado reset --force" + where + "` moves it aside and makes a new one";
+}
+
 }  // namespace
 
 bool StoreChoice::Named() const {
@@ -75,21 +82,20 @@ void AddJsonOption(CLI::App& command, bool& json) { command.add_flag("--json", j
 int WithStore(const StoreChoice& store, Absent absent, const std::function<vconf::Status()>& work) {
   constexpr int kNothing = 8;
   dlog::SetThreshold(kNothing);  // the store logs what a status says again
+  // Said without the folder, it would be done to another store.
+  const std::string where = store.option->count() > 0 ? " --store " + ShellWord(store.folder) : "";
   auto opened = absent == Absent::kReport && store.Named() ? vconf::OpenStore(store.folder) : OpenSet(store.folder);
   if (!opened.ok()) {
     std::error_code failed;
     const bool none = opened.code() == vconf::Code::kMissing && !store.folder.empty() &&
                       (!std::filesystem::exists(store.folder, failed) ||
                        (std::filesystem::is_empty(store.folder, failed) && !failed));
-    const bool damaged = opened.code() == vconf::Code::kDamaged;
-    Complain(opened.text() + (none      ? "; `mirado reset --store FOLDER` makes one"
-                              : damaged ? "; `mirado reset --force` moves it aside and makes a new one"
-                                        : ""));
+    Complain(opened.text() + (none ? "; `mirado reset" + where + "` makes one" : WayOut(opened, where)));
     return kCannotWork;  // whatever the cause: a store that is not there is no answer about a key
   }
   const auto status = work();
   if (!status.ok()) {
-    Complain(status.text());
+    Complain(status.text() + WayOut(status, where));
   }
   vconf::CloseStore();
   return ExitStatusOf(status.code());

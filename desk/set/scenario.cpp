@@ -158,7 +158,9 @@ vconf::Result<ParsedJson> ReadScenario(const std::string& store, std::string_vie
     return text.status().code() == vconf::Code::kMissing ? NoScenario(name) : text.status();
   }
   auto json = ParseJson(*text);
-  return json.ok() ? std::move(json) : vconf::Status(vconf::Code::kDamaged, *file + ": " + json.status().text());
+  return json.ok() ? std::move(json)
+                   : vconf::Status(vconf::Code::kFailed, *file + ": " + json.status().text() +
+                                                             "; save the scenario again, or remove the file");
 }
 
 vconf::Status SaveScenario(const std::string& store, std::string_view name, const ParsedJson& scenario) {

@@ -235,7 +235,7 @@ TEST_F(CliTest, AStoreIsMadeWhereThereIsNoneAndReplacedOnlyByForce) {
     EXPECT_EQ(outcome.status, 3) << words[0];
     EXPECT_EQ(outcome.out, "") << words[0];
     EXPECT_EQ(std::ranges::count(outcome.log, '\n'), 1) << outcome.log;
-    EXPECT_TRUE(Holds(outcome.log, "`mirado reset --force`")) << outcome.log;
+    EXPECT_TRUE(Holds(outcome.log, "`mirado reset --force --store " + store() + "`")) << outcome.log;
   }
   const Outcome replaced = Run({"reset", "--force"});
   EXPECT_EQ(replaced.status, 0) << replaced.log;
@@ -376,6 +376,7 @@ TEST_F(CliTest, SetUpPrintsTheWordsThatBringItBack) {
   EXPECT_EQ(Run({"set-up", "--json", "latency"}).out, "{\"latency\":{\"getVersion\":250}}\n");
   EXPECT_EQ(Run({"set-up", "embedder", "reply"}).out, "embedder reply get_window_id '\"7\"'\n");
   EXPECT_EQ(Run({"set-up", "latency", "getVersion"}).status, 2);
+  ASSERT_EQ(Run({"fault", "GetPictureSize", "-1"}).status, 0);
   ASSERT_EQ(Run({"set-up", "save", "other"}).status, 0);
   ASSERT_EQ(Run({"reset"}).status, 0);
   EXPECT_EQ(Run({"set-up"}).out, fresh);
@@ -392,6 +393,7 @@ TEST_F(CliTest, SetUpPrintsTheWordsThatBringItBack) {
   EXPECT_EQ(Run({"set-up", "load", "others"}).status, 1);
   ASSERT_EQ(Run({"set-up", "load", "other"}).status, 0);
   EXPECT_EQ(Run({"set-up", "--json"}).out, json);
+  EXPECT_EQ(Run({"fault"}).out, "GetPictureSize * -1\n");
   EXPECT_EQ(Run({"set-up", "list"}).out, "other\n");
   EXPECT_TRUE(Holds(Run({"set-up", "list", "--json"}).out, R"({"scenarios":[{"name":"other","saved":)"));
 }
