@@ -6,7 +6,6 @@
 #include <string>
 #include <system_error>
 #include <utility>
-#include <variant>
 #include <vector>
 
 #include "host/protocol.h"
@@ -19,10 +18,10 @@ namespace {
 
 constexpr std::chrono::seconds kMaxGrace(3600);
 
-std::variant<PageDescription, std::string> ReadDescription(const ParsedJson& body) {
+vconf::Result<PageDescription> ReadDescription(const ParsedJson& body) {
   PageDescription description;
   if (!body.is_object()) {
-    return "the body is not an object";
+    return BadValue("the body is not an object");
   }
   for (const auto& [name, value] : body.items()) {
     if (name == "title" && value.is_string()) {
@@ -32,7 +31,7 @@ std::variant<PageDescription, std::string> ReadDescription(const ParsedJson& bod
     } else if (name == "grace" && value.is_number_integer() && value >= 1 && value <= kMaxGrace.count()) {
       description.grace = std::chrono::seconds(value.get<int>());
     } else {
-      return "\"" + name + "\" is none of title (text), url (text) and grace (1 to 3600 seconds)";
+      return BadValue("\"" + name + "\" is none of title (text), url (text) and grace (1 to 3600 seconds)");
     }
   }
   return description;
@@ -64,10 +63,10 @@ std::optional<Page::Message> ReadMessage(std::string_view json) {
 }
 
 // The messages that `text` holds, which must outlive them, or what is wrong with it.
-std::variant<std::vector<Page::Message>, std::string> ReadMessages(std::string_view text) {
+vconf::Result<std::vector<Page::Message>> ReadMessages(std::string_view text) {
   if (!IsJson(text)) {
     const auto parsed = ParseJson(text);
-    return parsed.ok() ? "not JSON" : parsed.status().text();
+    return parsed.ok() ? BadValue("not JSON") : parsed.status();
   }
   std::vector<std::string_view> entries;
   text.remove_prefix(text.find_first_not_of(" \t\r\n"));
@@ -82,10 +81,10 @@ std::variant<std::vector<Page::Message>, std::string> ReadMessages(std::string_v
   for (const std::string_view entry : entries) {
     const auto message = ReadMessage(entry);
     if (!message) {
-      return R"(a message is {"post": M} or {"send": M}, and may have an integer "n")";
+      return BadValue(R"(a message is {"post": M} or {"send": M}, and may have an integer "n")");
     }
     if (!messages.empty() && messages.back().waits) {
-      return "only the last message may be a send";
+      return BadValue("only the last message may be a send");
     }
     messages.push_back(*message);
   }
@@ -109,8 +108,8 @@ Answer AnswerTo(const Page::Result& result) {
 void Submit(Desk& desk, const std::shared_ptr<Page>& page, const HttpRequest& request,
             const ConnectionPtr& connection) {
   const auto messages = ReadMessages(request.body);
-  if (const auto* error = std::get_if<std::string>(&messages)) {
-    return connection->Reply(Fail(400, *error, "bad-value"));
+  if (!messages.ok()) {
+    return connection->Reply(Fail(messages.status()));
   }
   if (desk.sends >= desk.limits.sends || page->waiting() >= Page::kMaxWaiting) {
     return connection->Reply(Fail(503, "too many requests wait for a reply already", "busy"));
@@ -118,9 +117,8 @@ void Submit(Desk& desk, const std::shared_ptr<Page>& page, const HttpRequest& re
   // Counted as long as somebody waits for the answer.
   ++desk.sends;
   const std::shared_ptr<void> counted(nullptr, [&desk](void*) { --desk.sends; });
-  const std::uint64_t ticket =
-      page->Submit(std::get<std::vector<Page::Message>>(messages),
-                   [connection, counted](const Page::Result& result) { connection->Reply(AnswerTo(result)); });
+  const std::uint64_t ticket = page->Submit(
+      *messages, [connection, counted](const Page::Result& result) { connection->Reply(AnswerTo(result)); });
   if (ticket != 0) {
     connection->OnGone([page = std::weak_ptr(page), ticket] {
       if (const auto left = page.lock()) {
@@ -145,17 +143,16 @@ void TakePosts(const std::shared_ptr<Page>& page, std::string text, const std::f
   const auto refuse = [&](std::int64_t number, const std::string& cause) {
     done(ToText({{"refused", number}, {"error", cause}}));
   };
-  const auto* const posts = std::get_if<std::vector<Page::Message>>(&messages);
-  if (posts == nullptr) {
-    return refuse(NumberIn(text), std::get<std::string>(messages));
+  if (!messages.ok()) {
+    return refuse(NumberIn(text), messages.status().text());
   }
-  for (const Page::Message& post : *posts) {
+  for (const Page::Message& post : *messages) {
     if (post.waits || !post.number) {
       return refuse(post.number.value_or(0), R"(a socket takes {"n": N, "post": M})");
     }
   }
   std::optional<Page::Result> result;
-  page->Submit(*posts, [&](const Page::Result& now) { result = now; });
+  page->Submit(*messages, [&](const Page::Result& now) { result = now; });
   if (result->outcome == Page::Outcome::kFull) {
     // Those before the first that found no room are known by their numbers.
     return page->AwaitRoom([page = std::weak_ptr(page), text = std::move(text), done] {
@@ -164,10 +161,10 @@ void TakePosts(const std::shared_ptr<Page>& page, std::string text, const std::f
       }
     });
   }
-  if (result->outcome == Page::Outcome::kGone || posts->empty()) {
+  if (result->outcome == Page::Outcome::kGone || messages->empty()) {
     return done("");  // The crash is on its way to the page.
   }
-  done("{\"ack\":" + std::to_string(*posts->back().number) + "}");
+  done("{\"ack\":" + std::to_string(*messages->back().number) + "}");
 }
 
 // Where a stream begins: behind the last event that the reader names.
@@ -239,12 +236,12 @@ void OpenPage(Desk& desk, const HttpRequest& request, const ConnectionPtr& conne
   if (!body) {
     return;
   }
-  auto description = ReadDescription(*body);
-  if (const auto* error = std::get_if<std::string>(&description)) {
-    return connection->Reply(Fail(400, *error, "bad-value"));
+  const auto description = ReadDescription(*body);
+  if (!description.ok()) {
+    return connection->Reply(Fail(description.status()));
   }
   try {
-    const auto page = desk.pages.Open(std::get<PageDescription>(std::move(description)), request.own);
+    const auto page = desk.pages.Open(*description, request.own);
     connection->Reply(page ? Say(page->Describe(), 201)
                            : Fail(503, std::to_string(desk.pages.limit()) + " pages are open already", "busy"));
   } catch (const std::system_error& error) {
