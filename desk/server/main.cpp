@@ -9,6 +9,7 @@
 
 #include "base/exit_status.h"
 #include "base/paths.h"
+#include "dlog_control.h"
 #include "server/desk.h"
 
 namespace {
@@ -18,10 +19,18 @@ int Complain(const std::string& error) {
   return desk::kCannotWork;
 }
 
+int OutputFailed() {
+  return Complain("the output is not complete, it cannot be written: the disk is full, or nobody reads it");
+}
+
 int Serve(const desk::DeskOptions& options) {
   desk::Desk desk(options);
   // A store that is damaged can be put right from the desk's page.
+  constexpr int kNothing = 8;
+  constexpr int kUsual = 4;
+  dlog::SetThreshold(kNothing);  // the store logs what its status says again
   const vconf::Status store = desk.OpenStore();
+  dlog::SetThreshold(kUsual);
   if (!store.ok() && store.code() != vconf::Code::kDamaged && store.code() != vconf::Code::kRemoved) {
     return Complain(store.text());
   }
@@ -32,7 +41,10 @@ int Serve(const desk::DeskOptions& options) {
   for (const std::string& link : desk.Links()) {
     std::cout << std::exchange(name, ", and ") << link;
   }
-  std::cout << "\nThe set is kept in " << options.host.store << "; Ctrl-C ends the desk." << std::endl;
+  std::cout << "\nThe set is kept in " << options.host.store << "; Ctrl-C ends the desk.\n";
+  if (!std::cout.flush()) {
+    return OutputFailed();  // nobody would know where the desk is
+  }
   if (!store.ok()) {
     std::cerr << "mirado desk: " << store.text() << std::endl;
   }
@@ -60,12 +72,13 @@ int main(int argc, char** argv) {
   app.add_option("--listen", options.listen,
                  "Listen on this address too, for a set or a phone on the network; needs the token")
       ->type_name("ADDRESS");
+  std::signal(SIGPIPE, SIG_IGN);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? desk::kDone : desk::kUsage;
+    const bool done = app.exit(error) == 0;
+    return !std::cout.flush() ? OutputFailed() : done ? desk::kDone : desk::kUsage;
   }
-  std::signal(SIGPIPE, SIG_IGN);
   try {
     const int status = Serve(options);
     vconf::CloseStore();
