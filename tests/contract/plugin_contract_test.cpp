@@ -1,10 +1,14 @@
 // What the desk knows of the plug-in, in desk/set/catalog.json, against what the plug-in does. What pages and documents
 // repeat of it is made from that file.
 
+#include <fstream>
+#include <iterator>
 #include <regex>
 #include <set>
 
 #include "KeyTables.h"
+#include "base/exit_status.h"
+#include "base/http_status.h"
 #include "pepper/plugin_fixture.h"
 #include "set/catalog.h"
 
@@ -117,6 +121,21 @@ TEST_F(ContractTest, SpeedsErrorsAndPrivilege) {
   ASSERT_EQ(kCatalog["errors"].size(), std::size(refusals));
   for (const Json& reply : refusals) {
     EXPECT_EQ(reply["errorName"], kCatalog["errors"][to_string(reply["code"])]["name"]) << reply;
+  }
+}
+
+TEST_F(ContractTest, CodesInTheDocumentsAreThoseOfThePrograms) {
+  std::ifstream file(MIRADO_DOCS "/desk-api.md");
+  const std::string text((std::istreambuf_iterator<char>(file)), {});
+  for (int number = 1; number <= static_cast<int>(vconf::Code::kFailed); ++number) {
+    const auto code = static_cast<vconf::Code>(number);
+    const auto [status, name] = desk::HttpCodeOf(code);
+    // The number that follows the name, perhaps behind other names.
+    std::smatch found;
+    ASSERT_TRUE(std::regex_search(text, found, std::regex("`" + std::string(name) + "`[^()]*\\((\\d+)\\)"))) << name;
+    EXPECT_EQ(found[1], std::to_string(status)) << name;
+    const bool is_answer = status == 400 || status == 404 || status == 409;
+    EXPECT_EQ(desk::ExitStatusOf(code), is_answer ? desk::kRefused : desk::kCannotWork) << name;
   }
 }
 
