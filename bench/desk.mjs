@@ -161,7 +161,7 @@ async function measureAttacks() {
   const attacks = {
     "a flood from a hostile page": async (desk) => {
       let going = true;
-      const flood = async () => { while (going) await desk.request("GET", "/style.css", { headers: { "Sec-Fetch-Site": "cross-site", "Accept-Encoding": "gzip, br" } }); };
+      const flood = async () => { while (going) await desk.request("GET", "/layout.css", { headers: { "Sec-Fetch-Site": "cross-site", "Accept-Encoding": "gzip, br" } }); };
       const floods = Array.from({ length: 6 }, flood);
       return async () => { going = false; await Promise.all(floods); };
     },

@@ -28,7 +28,7 @@ test("a hostile page that loads as fast as it can", async () => {
   const headers = { "Sec-Fetch-Site": "cross-site", "Accept-Encoding": "gzip, deflate, br" };
   let going = true;
   const flood = Array.from({ length: 6 }, async () => {
-    while (going) assert.equal((await desk.request("GET", "/style.css", { headers, agent })).status, 200);
+    while (going) assert.equal((await desk.request("GET", "/layout.css", { headers, agent })).status, 200);
   });
   await answersOthers();
   going = false;
