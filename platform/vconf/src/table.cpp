@@ -173,7 +173,7 @@ Code Table::Look(const Key& key, Held* held) const {
   }
 }
 
-// A key that is taken out of its bucket meanwhile may hide one that stands behind it.
+// A key that is taken out of its bucket meanwhile may hide one that stands behind it, and become another key.
 template <typename Found>
 Code Table::Seek(std::string_view path, Held* held, Found&& found) const {
   const std::uint32_t hash = HashOf(path);
@@ -183,11 +183,8 @@ Code Table::Seek(std::string_view path, Held* held, Found&& found) const {
     std::uint32_t offset = 0;
     const Key* const key = Find(path, hash, &offset);
     const Code code = key != nullptr ? Look(*key, held) : IsSound(hash) ? Code::kMissing : Code::kDamaged;
-    if (code == Code::kOk) {
-      return found();
-    }
     if (unlinks.load(std::memory_order_acquire) == before) {
-      return code;
+      return code == Code::kOk ? found() : code;
     }
   }
 }
