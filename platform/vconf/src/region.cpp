@@ -58,6 +58,15 @@ long Futex(layout::Word& word, int operation, std::uint32_t value, const timespe
   return syscall(kCall, &word, operation, value, limit, nullptr, whom);
 }
 
+// The disk gives the room now: when it cannot, a touch would be too late to say so. A signal may cut it off.
+int Allocate(int file, std::uint32_t from, std::uint32_t size) {
+  int error = EINTR;
+  while (error == EINTR) {
+    error = posix_fallocate(file, from, size);
+  }
+  return error;
+}
+
 // One bit for this process; some others may have the same.
 std::uint32_t OwnBit() { return 1U << (static_cast<std::uint32_t>(getpid()) % 32U); }
 
@@ -128,7 +137,7 @@ Result<std::unique_ptr<Region>> Region::Make(const Folder& folder, const std::st
     return made.status();
   }
   const int file = made->number();
-  if (const int error = posix_fallocate(file, 0, layout::kFirstBlock + kGrowth); error != 0) {
+  if (const int error = Allocate(file, 0, layout::kFirstBlock + kGrowth); error != 0) {
     folder.Remove(name);
     return SystemFailure(folder.File(Folder::kRegion), error);
   }
@@ -181,8 +190,7 @@ bool Region::Grow(std::uint32_t end) {
     return false;
   }
   const std::uint32_t to = std::min(layout::kMaxSize, std::max(end, from + kGrowth));
-  // The disk gives the room now: when it cannot, a touch would be too late to say so.
-  if (posix_fallocate(descriptor_.number(), from, to - from) != 0) {
+  if (Allocate(descriptor_.number(), from, to - from) != 0) {
     return false;
   }
   header().growing.store(to, std::memory_order_release);
