@@ -19,6 +19,12 @@ ChangeRecord* RecordIn(const Region& region, std::uint64_t number) {
   return block != 0 ? region.At<ChangeRecord>(block + place) : nullptr;
 }
 
+// Not of one that was replaced: that is final.
+void SetWhole(layout::Header& header, bool with_faults) {
+  std::uint32_t before = with_faults ? layout::kWhole : layout::kWholeWithFaults;
+  header.state.compare_exchange_strong(before, with_faults ? layout::kWholeWithFaults : layout::kWhole);
+}
+
 }  // namespace
 
 Turn::Turn(Region& region) : region_(region), table_(region), lock_(std::in_place, region.header().lock, "publishing") {
@@ -55,7 +61,7 @@ void Turn::FinishPending() {
     faults = static_cast<std::uint32_t>(entries.size());
   }
   header.faults = faults;
-  header.state = faults > 0 ? layout::kWholeWithFaults : layout::kWhole;
+  SetWhole(header, faults > 0);
   ring_ = true;
 }
 
@@ -111,7 +117,7 @@ void Turn::Publish(std::uint32_t key) {
   const auto* const at = region_.At<layout::Key>(key);
   header.pending_number.store(number, std::memory_order_relaxed);
   header.pending_version.store(at->version.load(std::memory_order_relaxed), std::memory_order_relaxed);
-  header.pending_key.store(key, std::memory_order_relaxed);
+  header.pending_key.store(key, std::memory_order_release);  // the last of the three, for who finishes it
   table_.Flip(key);
   header.last.store(number, std::memory_order_release);
   header.pending_key.store(0, std::memory_order_release);
@@ -131,12 +137,12 @@ void Turn::PublishUntold(std::uint32_t key) {
   // The hint that there are some comes before the first, and goes after the last.
   const std::uint32_t faults = header.faults + (is ? 1U : 0U) - (was ? 1U : 0U);
   if (faults > 0) {
-    header.state = layout::kWholeWithFaults;
+    SetWhole(header, true);
   }
   table_.Flip(key);
   header.faults = faults;
   if (faults == 0) {
-    header.state = layout::kWhole;
+    SetWhole(header, false);
   }
 }
 
