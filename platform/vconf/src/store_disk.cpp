@@ -17,8 +17,9 @@ constexpr std::uint32_t kRecovering = 2;
 
 Status Store::ChangeOnDisk(Region& region, const Plan& plan) {
   layout::Header& header = region.header();
-  const std::lock_guard mine(database_mutex_);
+  // First the one that is waited for with a limit: else the threads of this process would wait one after the other.
   const SharedLock lock(header.disk_lock, "writing to disk");
+  const std::lock_guard mine(database_mutex_);
   Status status = lock.status(region.file());
   if (status.ok() && !region.IsWhole()) {
     return {Code::kRemoved, region.file() + ": was replaced"};
