@@ -31,23 +31,27 @@ Session* TheSession() { return g_session.load(std::memory_order_acquire); }
 
 // A fork copies one thread and all locks. Nothing is half-done in the child, and its store is its own: it has no
 // subscriptions, since it has no notification thread, and what it inherited of the parent's is left as it is.
+// The notifier asks the store with its mutex held, so that comes first. Another thread may open a store meanwhile.
+thread_local Session* t_forking = nullptr;
+
 void BeforeFork() {
-  if (Session* const session = TheSession()) {
-    session->store->BeforeFork();
-    session->notifier->BeforeFork();
+  t_forking = TheSession();
+  if (t_forking != nullptr) {
+    t_forking->notifier->BeforeFork();
+    t_forking->store->BeforeFork();
   }
 }
 void AfterForkInParent() {
-  if (Session* const session = TheSession()) {
-    session->notifier->AfterForkInParent();
-    session->store->AfterFork();
+  if (t_forking != nullptr) {
+    t_forking->store->AfterFork();
+    t_forking->notifier->AfterForkInParent();
   }
 }
 void AfterForkInChild() {
   NoteProcess();
-  if (Session* const session = TheSession()) {
-    session->notifier->AfterForkInChild();
+  if (Session* const session = t_forking) {
     session->store->AfterFork();
+    session->notifier->AfterForkInChild();
     // Never destroyed, for the call that forked may run within it.
     new std::shared_ptr<Notifier>(std::exchange(session->notifier, std::make_shared<Notifier>(*session->store)));
   }
