@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sched.h>
+#include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -142,8 +143,9 @@ TEST_F(VconfFailureTest, AStoppedReaderCostsNothingAndAKilledOneNeither) {
 
 TEST_F(VconfFailureTest, AStoppedWriterIsNamedAndHoldsUpNoReader) {
   for (const std::string path : {"db/a", "memory/a"}) {
-    Open({{"db/a", 0}, {"memory/a", 0}});
-    vconf::CloseStore();
+    const std::vector<vconf::Entry> initial = {{"db/a", 0}, {"memory/a", 0}};
+    // This process opens none yet: who forks and then opens one is named as well.
+    EXPECT_EQ(Process([&] { return vconf::OpenOrCreateStore(directory(), initial).ok() ? 0 : 1; }).Wait(), 0);
     Process writer([&] {
       for (int i = 1; vconf::OpenStore(directory()).ok() || true; ++i) vconf_set_int(path.c_str(), i);
       return 1;
@@ -161,7 +163,11 @@ TEST_F(VconfFailureTest, AStoppedWriterIsNamedAndHoldsUpNoReader) {
         EXPECT_EQ(vconf_set_int("memory/b", 1), 0);
       }
       EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(2));
+      // Two threads wait side by side, not one after the other.
+      auto beside = std::async(std::launch::async, [&] { return vconf::Set(path, 0); });
       status = vconf::Set(path, 0);
+      EXPECT_EQ(beside.get().code(), status.code());
+      EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(9));
     }
     EXPECT_EQ(status.code(), Code::kBusy) << status.text();
     EXPECT_NE(status.text().find("process " + std::to_string(writer.id())), std::string::npos) << status.text();
@@ -248,6 +254,15 @@ TEST_F(VconfFailureTest, ACopyIsAStoreOfItsOwnAndAMoveIsNone) {
             0);
   EXPECT_EQ(GetInt("db/a", 0), 2);
   EXPECT_EQ(GetInt("memory/a", 0), 1);
+  vconf::CloseStore();
+  // A copy of the region alone, in its place: whoever had the original open would share it with nobody.
+  fs::copy_file(region(), copy + "/live", fs::copy_options::overwrite_existing);
+  fs::rename(region(), copy + "/original");
+  fs::rename(copy + "/live", region());
+  Open();
+  EXPECT_EQ(GetInt("memory/a", 7), 7);
+  EXPECT_EQ(GetInt("db/a", 0), 2);
+  ASSERT_EQ(vconf_set_int("memory/a", 1), 0);
   vconf::CloseStore();
   const std::string moved = folder() + "/moved";
   fs::rename(directory(), moved);
@@ -411,6 +426,34 @@ TEST_F(VconfFailureTest, ACommitThatNobodyPublishedIsFoundAtOpeningAndByTheNextW
     EXPECT_EQ(changes.size(), at_opening ? 1U : 3U);
     vconf::CloseStore();
   }
+}
+
+TEST_F(VconfFailureTest, AChangeWhoseWriterDiedBeforeItsNumberIsTold) {
+  Open({{"memory/a", 1}, {"memory/b", 1}});
+  EXPECT_EQ(Process([&] {
+              using namespace vconf::layout;
+              const int file = open(region().c_str(), O_RDWR | O_CLOEXEC);
+              void* const base = mmap(nullptr, kMaxSize, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
+              if (base == MAP_FAILED || vconf_set_int("memory/a", 2) != 0) return 1;
+              // Back to where the value can be seen and the number is not counted, and the end with the lock held.
+              auto& header = *static_cast<Header*>(base);
+              const std::uint64_t number = header.last;
+              const std::uint32_t chunk = header.chunks[number / kChunkRecords % kChunks];
+              const auto* const records = reinterpret_cast<ChangeRecord*>(static_cast<char*>(base) + chunk);
+              const std::uint32_t key = records[number % kChunkRecords].key;
+              if (pthread_mutex_lock(&header.lock.mutex) != 0) return 2;
+              header.last = number - 1;
+              header.pending_number = number;
+              header.pending_version = reinterpret_cast<Key*>(static_cast<char*>(base) + key)->version - 1;
+              header.pending_key = key;
+              return 0;
+            }).Wait(),
+            0);
+  std::vector<std::string> paths;
+  const auto watch = *vconf::WatchPrefix("", [&](const Change& change) { paths.push_back(change.path); });
+  ASSERT_EQ(vconf_set_int("memory/b", 2), 0);
+  vconf::Settle();
+  EXPECT_EQ(paths, (std::vector<std::string>{"memory/a", "memory/b"}));
 }
 
 TEST_F(VconfFailureTest, ATextIsReadWholeWhileItIsWritten) {
