@@ -6,6 +6,7 @@
 #include <memory>
 #include <mutex>
 #include <utility>
+#include <vector>
 
 #include "dlog.h"
 #include "notifier.h"
@@ -53,7 +54,8 @@ void AfterForkInChild() {
     session->store->AfterFork();
     session->notifier->AfterForkInChild();
     // Never destroyed, for the call that forked may run within it.
-    new std::shared_ptr<Notifier>(std::exchange(session->notifier, std::make_shared<Notifier>(*session->store)));
+    static auto& inherited = *new std::vector<std::shared_ptr<Notifier>>;
+    inherited.push_back(std::exchange(session->notifier, std::make_shared<Notifier>(*session->store)));
   }
 }
 
