@@ -28,12 +28,13 @@ Growth RowsOnly(const Effort& effort) {
   return {{}, Rows(effort)};
 }
 
-constexpr std::array<Measurement, 16> kMeasurements{{
+constexpr std::array<Measurement, 17> kMeasurements{{
     {"warm", "warm round trip", RowsOnly<WarmRow>},
     {"parked", "round trip to a parked worker", RowsOnly<ParkedRow>},
     {"dbus", "read through D-Bus", RowsOnly<DbusRow>},
     {"work", "the commands' own work", RowsOnly<WorkRows>},
     {"read", "reads of the store", RowsOnly<ReadRow>},
+    {"dconf", "reads, writes and changes beside dconf", RowsOnly<DconfRows>},
     {"beside", "writes in memory beside a durable writer", RowsOnly<BesideRow>},
     {"watchers", "many listening processes", RowsOnly<WatchersRow>},
     {"write", "durable write", RowsOnly<WriteRow>},
@@ -113,6 +114,7 @@ int main(int argc, char** argv) {
   std::string durable_writer;
   std::string service;
   std::string address;
+  std::string settings;
   app.add_option("rows", names, "What to measure; everything when left out")->check(CLI::IsMember(known));
   app.add_flag("--quick", quick, "Rough figures in a fraction of the time");
   app.add_option("--out", out, "A folder for the table and the curves")->check(CLI::ExistingDirectory);
@@ -125,6 +127,7 @@ int main(int argc, char** argv) {
   app.add_option("--durable-writer", durable_writer)->group("");
   app.add_option("--dbus-service", service)->group("");
   app.add_option("--address", address)->group("");
+  app.add_option("--settings", settings)->group("");
   CLI11_PARSE(app, argc, argv);
   try {
     if (instances) return RunInstances();
@@ -134,6 +137,7 @@ int main(int argc, char** argv) {
     if (!listener.empty()) return RunListener(listener);
     if (!durable_writer.empty()) return RunDurableWriter(durable_writer);
     if (!service.empty()) return RunDbusService(service, address);
+    if (!settings.empty()) return RunSettings(settings, quick ? kQuickEffort : kFullEffort);
     return Measure(names, quick ? kQuickEffort : kFullEffort, out);
   } catch (const Stop&) {
     Progress("stopped");

@@ -1,10 +1,10 @@
 #include <systemd/sd-bus.h>
 
-#include <fstream>
 #include <iostream>
 #include <memory>
 #include <stdexcept>
 
+#include "private_bus.h"
 #include "rows.h"
 #include "simulated.h"
 #include "vconf.h"
@@ -49,19 +49,6 @@ const sd_bus_vtable kMethods[] = {
     SD_BUS_VTABLE_END,
 };
 
-constexpr char kConfiguration[] = R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
-  <type>session</type>
-  <listen>unix:path=SOCKET</listen>
-  <policy context="default">
-    <allow send_destination="*"/>
-    <allow receive_sender="*"/>
-    <allow own="*"/>
-  </policy>
-</busconfig>
-)";
-
 int GetThroughBus(sd_bus* bus) {
   sd_bus_message* reply = nullptr;
   int value = 0;
@@ -93,21 +80,15 @@ std::vector<Row> DbusRow(const Effort& effort) {
   const pp::Var request = Request("getMenuValue", kDiskKeyNumber);
   MustSucceed(*page, request);
 
-  const Scratch folder(std::filesystem::temp_directory_path());  // a socket's path is short
-  std::string configuration = kConfiguration;
-  configuration.replace(configuration.find("SOCKET"), 6, folder.path() / "bus");
-  std::ofstream(folder.path() / "bus.conf") << configuration;
-  Child daemon(
-      {"dbus-daemon", "--nofork", "--print-address", "--config-file=" + (folder.path() / "bus.conf").string()});
-  std::string address;
+  std::unique_ptr<PrivateBus> daemon;
   try {
-    address = daemon.ReadLine();
+    daemon = std::make_unique<PrivateBus>();
   } catch (const std::runtime_error&) {
     return {Missing(kWhat, "dbus-daemon is missing or does not start")};
   }
-  Child service({OwnProgram(), "--dbus-service", set.store(), "--address", address});
+  Child service({OwnProgram(), "--dbus-service", set.store(), "--address", daemon->address()});
   service.ReadLine();
-  const Bus bus = Connect(address);
+  const Bus bus = Connect(daemon->address());
   GetThroughBus(bus.get());
 
   const auto warm = [&] { return PerCall(effort, [&] { page->Send(request); }); };
