@@ -13,6 +13,7 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_BINARY_DIR}/${MIRADO_LIB
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME mirado)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION devel)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_SUGGESTS liblmdb0) # converts a store of the version before
 set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "Develop television pages against the real menu settings plug-in
 A browser plug-in that gives a page the menu settings of a television, and a
 simulated set to run it on: a settings store that processes share, and a desk
