@@ -1,5 +1,6 @@
 // The store when processes die, stop, fork or meddle: each case once made an earlier design lose or hang something.
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/mman.h>
@@ -484,6 +485,34 @@ TEST_F(VconfFailureTest, AFullRegionCanBeEmptied) {
   EXPECT_EQ(vconf::Reset({{"memory/last", text}}).text(), "");
   EXPECT_EQ(vconf_set_int("db/a", 1), 0);
   EXPECT_EQ(vconf::List("")->size(), 2U);
+}
+
+TEST_F(VconfFailureTest, AStoreOfTheVersionBeforeIsConvertedOnce) {
+  if (dlopen("liblmdb.so.0", RTLD_NOW) == nullptr || sizeof(void*) != 8) {
+    GTEST_SKIP() << "takes liblmdb0, and a machine of 64 bits as the one that wrote the sample";
+  }
+  fs::create_directory(directory());
+  fs::copy_file(VCONF_OLD_STORE, directory() + "/data.mdb");
+  const std::vector<vconf::Entry> sample{
+      {"db/number", 7}, {"db/switch", true}, {"db/text", std::string("Grüße")}, {"set/power", true}};
+  Open({{"db/number", 1}});
+  EXPECT_EQ(*vconf::List(""), sample);
+  EXPECT_EQ(Contents(directory() + ".replaced-1/data.mdb"), Contents(VCONF_OLD_STORE));
+  EXPECT_EQ(Log().size(), 1U);
+  ASSERT_EQ(vconf_set_int("db/number", 8), 0);
+  Reopen();
+  EXPECT_EQ(GetInt("db/number", 0), 8);
+  EXPECT_FALSE(fs::exists(directory() + "/data.mdb"));
+  EXPECT_EQ(Log().size(), 1U);
+  vconf::CloseStore();
+
+  fs::remove_all(directory());
+  fs::create_directory(directory());
+  std::string damaged = Contents(VCONF_OLD_STORE);
+  damaged.replace(damaged.find("Grüße"), 1, "g");
+  std::ofstream(directory() + "/data.mdb") << damaged;
+  EXPECT_EQ(vconf::OpenStore(directory()).code(), Code::kDamaged);
+  EXPECT_EQ(Contents(directory() + "/data.mdb"), damaged);
 }
 
 }  // namespace
