@@ -301,6 +301,7 @@ void Connection::OnWritten(Error error, std::size_t size) {
   } else {
     socket_.shutdown(Socket::shutdown_send, error);
     deadline_ = Clock::now() + kRequestTime;
+    expecting_ = all_.expecting_.insert(all_.expecting_.end(), this);  // it gives way as one that waits does
     Linger();
   }
 }

@@ -94,7 +94,7 @@ class Connections {
   std::size_t limit_ = 1;
   std::size_t open_ = 0;
   std::size_t unsent_ = 0;            // bytes of long answers
-  std::list<Connection*> expecting_;  // a request, or its rest; the oldest first
+  std::list<Connection*> expecting_;  // a request, or its rest, or the end; the oldest first
   std::list<Connection*> watched_;    // all that are no streams
   boost::asio::steady_timer clock_;
   bool ticking_ = false;

@@ -67,7 +67,7 @@ Desk::Desk(DeskOptions given)
       check_("", false),
       handler_([this](HttpRequest& request, const ConnectionPtr& connection) { Handle(request, connection); }),
       connections_(loop),
-      retry_(loop),
+      farewell_(loop),
       signals_(loop, SIGINT, SIGTERM, SIGHUP),
       input_(loop) {
   AddSetRoutes(router_, *this);
@@ -234,13 +234,13 @@ void Desk::Accept(Acceptor& acceptor) {
       }
       if (error) {
         connections_.GiveUpOne();  // or others end; then there is room
-        retry_.expires_after(std::chrono::milliseconds(20));
-        retry_.async_wait([this, &acceptor](Error stopped) {
-          if (!stopped) {
+        // Each family has a timer of its own: one that both set would forget the first.
+        const auto retry = std::make_shared<boost::asio::steady_timer>(loop, std::chrono::milliseconds(20));
+        return retry->async_wait([this, retry, &acceptor](Error) {
+          if (!ending_) {
             Accept(acceptor);
           }
         });
-        return;
       }
       if (!connections_.MakeRoom()) {
         static constexpr std::string_view kBusy =
@@ -371,7 +371,6 @@ void Desk::End() {
     return;
   }
   acceptors_.clear();
-  retry_.cancel();
   input_.close();
   plugin_->End();
   pages.Close([this] {
@@ -384,8 +383,8 @@ void Desk::End() {
 void Desk::Finish() {
   if (pages_closed_ && plugin_->ended() && !everything.closed()) {
     everything.Close();
-    retry_.expires_after(kFarewell);
-    retry_.async_wait([this](Error) { loop.stop(); });
+    farewell_.expires_after(kFarewell);
+    farewell_.async_wait([this](Error) { loop.stop(); });
     AwaitNoStreams([this] { loop.stop(); });
   }
 }

@@ -108,7 +108,7 @@ class Desk {
   Connection::Handler handler_;
   Connections connections_;
   std::vector<std::unique_ptr<Acceptor>> acceptors_;
-  boost::asio::steady_timer retry_;
+  boost::asio::steady_timer farewell_;
   boost::asio::signal_set signals_;
   boost::asio::posix::basic_stream_descriptor<boost::asio::io_context::executor_type> input_;
   std::unique_ptr<PluginCheck> plugin_;

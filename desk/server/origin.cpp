@@ -92,7 +92,10 @@ std::optional<std::string> OriginCheck::Refuse(const Claim& claim) const {
     return elsewhere_ ? "the desk answers to addresses, or to any name with its token"
                       : "the desk answers to loopback names only";
   }
-  if (claim.is_api && !token_.empty() && !knows) {
+  if (!claim.is_api) {
+    return std::nullopt;  // A script that did not load could not say why its page gets no plug-in.
+  }
+  if (!token_.empty() && !knows) {
     return "this desk wants its token; open the link that it printed, or load the script from there";
   }
   if (knows) {
@@ -106,8 +109,7 @@ std::optional<std::string> OriginCheck::Refuse(const Claim& claim) const {
                      " needs the desk's token; start the desk with --token and load the script that it names");
   }
   // An image or a script of a foreign page does not say whose it is.
-  return claim.is_api && claim.site == "cross-site" ? std::optional("another site's page must name its origin")
-                                                    : std::nullopt;
+  return claim.site == "cross-site" ? std::optional("another site's page must name its origin") : std::nullopt;
 }
 
 bool OriginCheck::IsOwn(const Claim& claim) {

@@ -10,7 +10,6 @@
 #include <random>
 #include <utility>
 
-#include "host/protocol.h"
 #include "set/simulated_set.h"
 
 namespace desk {
@@ -127,19 +126,28 @@ void Page::OnLine(std::string_view line) {
   if (!out) {
     return OnLogLine(line);
   }
-  switch (out->kind) {
+  try {
+    Take(*out, line);
+  } catch (const ParsedJson::exception&) {
+    OnLogLine(line);  // The plug-in itself has printed what looks like a line of its host.
+  }
+}
+
+void Page::Take(const OutLine& out, std::string_view line) {
+  switch (out.kind) {
     case Out::kReply:
-      return OnReply(out->value);
+      return OnReply(out.value);
     case Out::kMessage:
-      return OnDelivery(out->value);
+      return OnDelivery(out.value);
     case Out::kError:
-      return OnRefusal(out->value);
+      return OnRefusal(out.value);
     case Out::kLog:
-      return Log(out->value.substr(1, out->value.size() - 2));
+      return MemberOf(out.value, "text").starts_with('"') ? Log(out.value.substr(1, out.value.size() - 2))
+                                                          : OnLogLine(line);
     case Out::kWatches:
-      return OnWatches(out->value);
+      return OnWatches(out.value);
     case Out::kRecord:
-      return OnRecorded(out->value);
+      return OnRecorded(out.value);
     case Out::kSettled:
       return;
   }

@@ -16,6 +16,7 @@
 #include <boost/asio/io_context.hpp>
 
 #include "base/json.h"
+#include "host/protocol.h"
 #include "server/event_log.h"
 #include "server/host_process.h"
 
@@ -144,6 +145,7 @@ class Page final : private HostProcess::Listener {
   };
 
   void OnLine(std::string_view line) override;
+  void Take(const OutLine& out, std::string_view line);
   void OnLogLine(std::string_view line) override;
   void OnRoom() override;
   void OnEnd(int wait_status) override;

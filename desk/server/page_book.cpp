@@ -52,7 +52,7 @@ void PageBook::OnEnded(Page& page) {
   everything_.Add("gone", MakeText(ToText({{"id", page.id()}, {"number", page.number()}})));
   // Not in the middle of what the page is doing.
   boost::asio::post(loop_, [page = std::move(node.mapped())] {});
-  if (on_closed_ && leaving_.empty()) {
+  if (on_closed_ && pages_.empty() && leaving_.empty()) {
     boost::asio::post(loop_, on_closed_);
   }
 }

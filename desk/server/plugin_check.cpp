@@ -16,7 +16,9 @@ PluginCheck::PluginCheck(boost::asio::io_context& loop, HostCommand command, std
 void PluginCheck::OnLine(std::string_view line) {
   const auto out = ReadOutLine(line);
   if (!out || out->kind == Out::kLog) {
-    last_line_ = out ? ParsedJson::parse(out->value).value("text", "") : std::string(line);
+    const ParsedJson log = out ? ParsedJson::parse(out->value) : ParsedJson();
+    const bool is_text = log.is_object() && log.contains("text") && log["text"].is_string();
+    last_line_ = is_text ? log["text"].get<std::string>() : std::string(line);
     return;
   }
   if (out->kind != Out::kReply) {

@@ -48,7 +48,8 @@ std::optional<Page::Message> ReadMessage(std::string_view json) {
       message = Page::Message{.waits = waits, .body = member.value, .number = {}};
     } else if (!number && member.name == "n") {
       const char* const end = member.value.data() + member.value.size();
-      if (std::from_chars(member.value.data(), end, number.emplace()).ptr != end) {
+      const auto [last, error] = std::from_chars(member.value.data(), end, number.emplace());
+      if (last != end || error != std::errc()) {
         return std::nullopt;
       }
     } else {
@@ -131,9 +132,10 @@ void Submit(Desk& desk, const std::shared_ptr<Page>& page, const HttpRequest& re
 // The number of the message in a text that is no JSON, as far as it can be seen; 0 where it cannot.
 std::int64_t NumberIn(std::string_view text) {
   constexpr std::string_view kName = "\"n\":";
-  const std::size_t at = std::min(text.find(kName), text.size() - std::min(text.size(), kName.size()));
   std::int64_t number = 0;
-  std::from_chars(text.data() + at + kName.size(), text.data() + text.size(), number);
+  if (const std::size_t at = text.find(kName); at != std::string_view::npos) {
+    std::from_chars(text.data() + at + kName.size(), text.data() + text.size(), number);
+  }
   return number;
 }
 

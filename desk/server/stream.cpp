@@ -156,6 +156,7 @@ class EventSocket final : public Stream, public std::enable_shared_from_this<Eve
 
  private:
   static constexpr std::size_t kWriteBuffer = 1024;
+  static constexpr std::size_t kMaxAnswers = 64;  // that wait to be written
 
   void Write() override {
     if (over_) {
@@ -164,6 +165,9 @@ class EventSocket final : public Stream, public std::enable_shared_from_this<Eve
     if (!answers_.empty()) {
       text_ = std::move(answers_.front());
       answers_.pop_front();
+      if (std::exchange(holds_back_, false)) {
+        Read();
+      }
     } else if (const auto event = Next()) {
       text_.append(R"({"id":)").append(std::to_string(following_.position)).append(R"(,"event":")").append(event->name);
       text_.append(R"(","data":)").append(*event->data).append("}");
@@ -199,7 +203,11 @@ class EventSocket final : public Stream, public std::enable_shared_from_this<Eve
           self->answers_.push_back(std::move(answer));
           self->OnEvents();
         }
-        self->Read();
+        // A client that takes no answers is asked nothing more.
+        self->holds_back_ = self->answers_.size() >= kMaxAnswers;
+        if (!self->holds_back_) {
+          self->Read();
+        }
       });
     });
   }
@@ -213,7 +221,8 @@ class EventSocket final : public Stream, public std::enable_shared_from_this<Eve
   websocket::stream<Socket, false> socket_;  // without compression
   boost::beast::flat_buffer buffer_;
   std::deque<std::string> answers_;
-  std::string text_;  // is being written
+  bool holds_back_ = false;  // reads on when it has written one
+  std::string text_;         // is being written
 };
 
 }  // namespace

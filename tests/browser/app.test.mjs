@@ -171,6 +171,26 @@ describe("a page from elsewhere", () => {
     }
   });
 
+  it("gets none in a sandboxed frame without the token, nor by an element that takes the script's name", async () => {
+    const locked = await Desk.start("--token");
+    const frame = (script) => `<iframe sandbox="allow-scripts" srcdoc='<img name=currentScript src="http://stranger.test/">
+      <script src="${script}"></script><embed type="application/x-mirado"><script>
+      const embed = document.querySelector("embed");
+      embed.addEventListener("message", ({ data }) => parent.postMessage(data.value, "*"));
+      const tell = () => parent.postMessage("gone", "*");
+      if (embed.pluginGone) tell(); else embed.addEventListener("crash", tell);
+      embed.postMessage({ command: "setMenuValue", propertyKey: 0, value: 7 });
+      </script>'></iframe>`;
+    const page = await openApp();
+    for (const [script, heard] of [[locked.script, 7], [desk.script, "gone"], [locked.script.split("?")[0], "gone"]]) {
+      assert.equal(await page.evaluate((content) => new Promise((resolve) => {
+        addEventListener("message", ({ data }) => resolve(data), { once: true });
+        document.body.innerHTML = content;
+      }), frame(script)), heard, script);
+    }
+    await locked.stop();
+  });
+
   it("shares one address with any number of others", async () => {
     const open = [];
     while (open.length < 9) open.push(await openApp());

@@ -121,6 +121,18 @@ export class Desk {
     return this.follow(`/api/pages/${page.id}/deliveries`, lastEventId);
   }
 
+  // A page's WebSocket. Gives its status and, when that is 101, the way to say and to hear JSON on it.
+  async socketOf(page, query = "", headers = "") {
+    const socket = await this.dial(`GET /api/pages/${page.id}/socket${query} HTTP/1.1\r\nHost: localhost\r\n${headers}` +
+      "Connection: Upgrade\r\nUpgrade: websocket\r\nSec-WebSocket-Version: 13\r\n" +
+      "Sec-WebSocket-Key: AAAAAAAAAAAAAAAAAAAAAA==\r\n\r\n");
+    socket.setEncoding("latin1");
+    const frames = framesOf(socket);
+    const { value: status } = await frames.next();
+    const say = (said) => socket.write(frameOf(typeof said === "string" ? said : JSON.stringify(said)));
+    return { socket, status, say, hear: async () => (await frames.next()).value };
+  }
+
   // A connection for those who speak no good HTTP.
   async dial(text) {
     const socket = connect(this.port, "127.0.0.1").setEncoding("utf8");
@@ -128,6 +140,34 @@ export class Desk {
     await once(socket, "connect");
     socket.write(text);
     return socket;
+  }
+}
+
+// Masked with zeros.
+function frameOf(text) {
+  const length = Buffer.byteLength(text);
+  const head = length < 126 ? [0x81, 0x80 | length] : [0x81, 0xfe, length >> 8, length & 0xff];
+  return Buffer.concat([Buffer.from([...head, 0, 0, 0, 0]), Buffer.from(text)]);
+}
+
+// The status, then the content of each text.
+async function* framesOf(socket) {
+  let bytes = "";
+  let headLength = -1;
+  for await (const chunk of socket) {
+    bytes += chunk;
+    if (headLength < 0 && (headLength = bytes.indexOf("\r\n\r\n")) >= 0) {
+      yield Number(bytes.split(" ")[1]);
+      bytes = bytes.slice(headLength + 4);
+    }
+    while (headLength >= 0 && bytes.length > 4) {
+      const long = bytes.charCodeAt(1) === 126;
+      const start = long ? 4 : 2;
+      const end = start + (long ? bytes.charCodeAt(2) * 256 + bytes.charCodeAt(3) : bytes.charCodeAt(1));
+      if (bytes.length < end) break;
+      if (bytes.charCodeAt(0) === 0x81) yield JSON.parse(bytes.slice(start, end));
+      bytes = bytes.slice(end);
+    }
   }
 }
 
@@ -141,6 +181,7 @@ class Stream {
       for (const part of parts) {
         const fields = Object.fromEntries(part.split("\n").map((line) => line.split(/: ?(.*)/s, 2)));
         if (fields.retry) this.retry = Number(fields.retry);
+        if (fields.id) this.last = Number(fields.id);
         if (fields.event) yield { id: Number(fields.id), kind: fields.event, data: JSON.parse(fields.data) };
       }
     }

@@ -51,6 +51,8 @@ test("lets in the origins of this machine, and others with the token", async () 
       assert.equal(answer.status, 403, `${method} ${path} ${origin}`);
       assert.equal(answer.headers["access-control-allow-origin"], undefined);
     }
+    assert.equal((await desk.socketOf({ id: "p1-0" }, "", `Origin: ${origin}\r\n`)).status, 403, origin);
+    assert.equal(await status(desk, { Origin: origin }, "/desk.js"), 200, "a script that loads can say what is missing");
     const preflight = await locked.request("OPTIONS", `/api/reset?token=${token}`,
       { headers: { "Origin": origin, "Access-Control-Request-Private-Network": "true" } });
     assert.equal(preflight.status, 204);
@@ -63,6 +65,8 @@ test("lets in the origins of this machine, and others with the token", async () 
     assert.equal(await status(locked, { Authorization: `Bearer ${wrong}` }, "/api/settings"), 403, wrong);
   }
   assert.equal(await status(locked, { Authorization: `Bearer ${token}` }, "/api/settings"), 200);
+  assert.equal((await locked.socketOf({ id: "p1-0" })).status, 403);
+  assert.equal((await locked.socketOf({ id: "p1-0" }, `?token=${token}`)).status, 404);
   assert.equal(await status(locked, {}, "/desk.js"), 200, "holds no secret");
   // A name that somebody else can make lead here, such as in a rebinding, stays out whatever it knows.
   assert.equal(await status(locked, { Host: "tv.example" }, `/api/settings?token=${token}`), 403);

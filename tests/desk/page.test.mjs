@@ -66,6 +66,45 @@ test("a stream that comes back goes on where it ended", async () => {
   second.close();
 });
 
+test("a socket acknowledges posts, refuses what is none, and comes back behind the last event", async () => {
+  const page = await desk.openPage();
+  const first = await desk.socketOf(page);
+  first.say([{ n: 1, post: write(1) }, { n: 2, post: write(2) }, { n: 3, post: write(3) }]);
+  const heard = [await first.hear(), await first.hear(), await first.hear(), await first.hear()];
+  assert.deepEqual(heard.filter(({ ack }) => ack), [{ ack: 3 }]);
+  assert.deepEqual(heard.filter(({ id }) => id).map(({ id, data }) => [id, data.value]), [[1, 1], [2, 2], [3, 3]]);
+  first.say([{ n: 3, post: write(9) }]);
+  assert.deepEqual(await first.hear(), { ack: 3 }, "known by its number");
+  for (const [text, number] of [["{", 0], ['{"n":7,"send":1}', 7], ['{"post":1}', 0], [`{"n":${"9".repeat(30)},"post":1}`, 0]]) {
+    first.say(text);
+    assert.equal((await first.hear()).refused, number, text);
+  }
+  first.socket.destroy();
+  await desk.say(page, { post: write(4) });
+  for (const [after, ids] of [[0, [1, 2, 3, 4]], [3, [4]]]) {
+    const again = await desk.socketOf(page, `?after=${after}`);
+    for (const id of ids) assert.equal((await again.hear()).id, id);
+    again.socket.destroy();
+  }
+  const late = await desk.socketOf(page, "?after=99");
+  assert.deepEqual(await late.hear(), { id: 4, event: "lost", data: { count: 0 } });
+  late.socket.destroy();
+});
+
+test("events that are not kept any more are told as lost", async () => {
+  const page = await desk.openPage();
+  const posts = Array.from({ length: 1000 }, () => ({ post: READ }));
+  for (let thousands = 0; thousands < 11; ++thousands) assert.equal((await desk.say(page, posts)).status, 200);
+  const all = await desk.deliveriesOf(page);
+  await all.next("message", () => all.last === 11_000);
+  const late = await desk.deliveriesOf(page, 7);
+  const lost = await late.next("lost");
+  assert.equal(lost.data.count, lost.id - 7);
+  assert(lost.id >= 1000, "10,000 are kept");
+  assert.equal((await late.next("message")).id, lost.id + 1);
+  for (const one of [all, late]) one.close();
+});
+
 test("says who watches a setting, until they stop, crash or go", async () => {
   const watchers = async () =>
     (await desk.call("GET", "/api/settings")).settings.find(({ path }) => path === CAPTION).watchers;
@@ -189,16 +228,23 @@ test("however the desk ends, no child is left", async () => {
   for (const [signal, status] of [["SIGINT", 0], ["SIGTERM", 0], ["SIGKILL", null]]) {
     const mortal = await Desk.start();
     assert.match(mortal.lines[2], /4\.0/);
+    const crashed = await mortal.openPage(); // has ended before the others
     const pages = [await mortal.openPage(), await mortal.openPage()];
     const stream = await mortal.deliveriesOf(pages[0]);
+    const events = await mortal.follow("/api/events");
+    await mortal.call("POST", `/api/pages/${crashed.id}/kill`);
+    await events.next("page", ({ state }) => state === "crashed");
     await mortal.say(pages[1], { send: VERSION });
     process.kill(pages[1].pid, "SIGSTOP"); // one that cannot end on its own
     assert.equal(await mortal.stop(signal), status);
-    if (signal !== "SIGKILL") assert.equal((await stream.next("crash")).data.reason, "the desk has ended");
+    if (signal !== "SIGKILL") {
+      assert.equal((await stream.next("crash")).data.reason, "the desk has ended");
+      for (const { id } of pages) await events.next("gone", ({ id: gone }) => gone === id);
+    }
     for (const { pid } of pages) {
       if (signal === "SIGKILL") await ended(pid);
       assert(!isRunning(pid), signal);
     }
-    stream.close();
+    for (const one of [stream, events]) one.close();
   }
 });

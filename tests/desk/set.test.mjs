@@ -68,10 +68,12 @@ test("faults answer calls, as often as they are meant to", async () => {
 test("the plug-in's log is kept and told, with its parts", async () => {
   const events = await desk.follow("/api/events");
   const page = await desk.openPage();
+  const replies = await desk.follow("/api/events");
   await desk.say(page, { send: { command: "no such command" } });
-  const { data } = await events.next("log", ({ text }) => text.includes("Can not handle the command!!"));
+  const { id, data } = await events.next("log", ({ text }) => text.includes("Can not handle the command!!"));
+  assert(id < (await replies.next("dialogue", ({ kind }) => kind === "reply")).id, "before its reply");
   assert.deepEqual([data.page, data.priority, data.tag, data.logId], [page.id, "E", "QRL_BASE", 0]);
   const { log } = await desk.call("GET", `/api/pages/${page.id}/log`);
   assert.deepEqual(log.at(-1), data);
-  events.close();
+  for (const stream of [events, replies]) stream.close();
 });
