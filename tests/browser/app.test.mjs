@@ -185,7 +185,7 @@ describe("a page from elsewhere", () => {
     for (const [script, heard] of [[locked.script, 7], [desk.script, "gone"], [locked.script.split("?")[0], "gone"]]) {
       assert.equal(await page.evaluate((content) => new Promise((resolve) => {
         addEventListener("message", ({ data }) => resolve(data), { once: true });
-        document.body.innerHTML = content;
+        document.body.insertAdjacentHTML("beforeend", content);
       }), frame(script)), heard, script);
     }
     await locked.stop();
