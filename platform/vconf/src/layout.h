@@ -76,7 +76,8 @@ constexpr std::uint64_t kChunkRecords = kMaxBlock / sizeof(ChangeRecord);
 constexpr std::uint64_t kChunks = kRememberedChanges / kChunkRecords + 2;
 static_assert(kMaxBlock == kMaxText);
 
-/// A lock that tells its next owner when the last one died. `holder` is the owner's process, for messages.
+/// A lock that tells its next owner when the last one died. `holder` is the owner's process, for
+/// messages, and 0 when there is none or it has not written its number yet.
 struct Lock {
   pthread_mutex_t mutex;
   Word holder;

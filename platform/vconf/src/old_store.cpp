@@ -116,6 +116,9 @@ Status ReadOldStore(const Folder& folder, const std::function<void(Row)>& visit)
       visit({path, std::move(value)});
     }
   }
+  if (cursor != nullptr) {
+    library.Call("mdb_cursor_close", cursor);
+  }
   if (txn != nullptr) {
     library.Call("mdb_txn_abort", txn);
   }
