@@ -182,7 +182,8 @@ TEST_F(VconfFailureTest, AStoppedWriterIsNamedAndHoldsUpNoReader) {
       EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds(9));
     }
     EXPECT_EQ(status.code(), Code::kBusy) << status.text();
-    EXPECT_NE(status.text().find("process " + std::to_string(writer.id())), std::string::npos) << status.text();
+    EXPECT_NE(status.text().find("process " + std::to_string(writer.id())), std::string::npos)
+        << status.text() << ", not " << writer.id() << "; this is " << getpid();
     writer.Kill();
     writer.Wait();
     EXPECT_EQ(vconf::Set(path, 3).text(), "");

@@ -79,6 +79,7 @@ Status Open(const std::string& directory, const std::vector<Entry>* initial) {
   static std::once_flag forks;
   const std::lock_guard lock(opening);
   std::call_once(forks, [] { pthread_atfork(BeforeFork, AfterForkInParent, AfterForkInChild); });
+  NoteProcess();  // a process that was forked before its parent opened a store
   if (TheSession() != nullptr) {
     return {Code::kFailed, directory + ": this process has a store open already"};
   }
