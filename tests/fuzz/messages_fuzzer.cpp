@@ -9,6 +9,7 @@
 #include "property.h"
 #include "set/catalog.h"
 #include "set/embedder.h"
+#include "set/faults.h"
 
 namespace {
 
