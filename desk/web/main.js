@@ -9,7 +9,7 @@ import { countsDown } from "./faults.js";
 import "./guide.js";
 import "./layout.js";
 import * as log from "./log.js";
-import { dropPage, putPage, putPages } from "./pages.js";
+import * as pages from "./pages.js";
 import { readDesk, reportBroken, reportLinked } from "./problems.js";
 import "./scenarios.js";
 import "./set.js";
@@ -23,7 +23,7 @@ async function readAll() {
     state.catalog = await api.get("/api/catalog");
     changed("catalog");
   });
-  await attempt("pages", async () => putPages((await api.get("/api/pages")).pages));
+  await pages.load();
   await Promise.all([readSet(), settings.load(), dialogue.load(), log.load()]);
   await reopenConsole();
 }
@@ -53,8 +53,8 @@ follow({
   },
   setting: settings.changeSetting,
   set: readSet,
-  page: putPage,
-  gone: dropPage,
+  page: pages.putPage,
+  gone: pages.dropPage,
   dialogue(entry) {
     dialogue.addEntry(entry);
     if (countsDown()) readSet();

@@ -8,6 +8,7 @@ import { changed, observe, select, selectedPage, state, titleOf } from "./state.
 
 const strip = byId("pages");
 const tabs = new Map(); // by the page's id, "" being all of them
+let missed = new Map(); // by id: the pages that changed, null those that went, while the list was on its way
 
 function tabOf(id) {
   if (!tabs.has(id)) {
@@ -66,8 +67,9 @@ function showChosen() {
 
 /** A page is new or has changed. */
 export function putPage(page) {
+  missed?.set(page.id, page);
   const isNew = !state.pages.has(page.id);
-  const first = state.pages.size === 0;
+  const first = state.pages.size === 0 && !missed;
   state.pages.set(page.id, page);
   changed("pages");
   if (!isNew) return;
@@ -78,6 +80,7 @@ export function putPage(page) {
 const isAgain = (page, old) => page.number > old.number && page.url === old.url && page.title === old.title;
 
 export function dropPage({ id }) {
+  missed?.set(id, null);
   const page = state.pages.get(id);
   if (!page) return;
   state.pages.delete(id);
@@ -88,13 +91,23 @@ export function dropPage({ id }) {
   if (next) select(next.id);
 }
 
-/** All pages that there are, after the desk was asked for them. */
-export function putPages(pages) {
-  state.pages = new Map(pages.map((page) => [page.id, page]));
-  const before = state.selected ?? sessionStorage.getItem("page");
-  const known = state.pages.has(before);
-  state.departed = null;
-  select(known ? before : pages.length === 1 ? pages[0].id : null);
+/** Reads all pages anew. The chosen one stays chosen if it is still there. */
+export async function load() {
+  missed = new Map();
+  await attempt("pages", async () => {
+    const { pages } = await api.get("/api/pages");
+    const all = state.pages.size > 0 && !state.selected; // somebody chose to see all
+    state.pages = new Map(pages.map((page) => [page.id, page]));
+    for (const [id, page] of missed) {
+      if (page) state.pages.set(id, page);
+      else state.pages.delete(id);
+    }
+    state.departed = null;
+    const before = state.selected ?? sessionStorage.getItem("page");
+    const [first, second] = state.pages.keys();
+    select(all ? null : state.pages.has(before) ? before : second ? null : first ?? null);
+  });
+  missed = null;
 }
 
 byId("kill").onclick = async () => {
