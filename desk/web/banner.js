@@ -48,10 +48,12 @@ function show() {
 function contentOf(kind, { title, text, lines = [], button, dismiss }) {
   const buttons = [];
   if (button) {
-    buttons.push(make("button", { type: "button", className: "usual", onclick: async ({ target }) => {
-      target.disabled = true;
+    let running = false; // a button that is disabled would lose the focus
+    buttons.push(make("button", { type: "button", className: "usual", onclick: async () => {
+      if (running) return;
+      running = true;
       await button.run();
-      target.disabled = false;
+      running = false;
     } }, button.text));
   }
   if (dismiss) {

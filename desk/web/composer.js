@@ -188,11 +188,14 @@ export function focusMessage() {
   changed("selected");
 }
 
+// What is hidden or disabled takes no focus, so all parts of the page must have been shown first.
+function takeFocus() {
+  message.focus();
+  awaitsFocus = document.activeElement !== message;
+}
+
 observe(["pages", "selected", "linked"], () => {
-  if (awaitsFocus && listeningPage()) {
-    awaitsFocus = false;
-    message.focus();
-  }
+  if (awaitsFocus && listeningPage()) queueMicrotask(takeFocus);
   const page = selectedPage();
   byId("composer-page").textContent = page ? `To ${titleOf(page)}` : "Choose a page to send it messages.";
 });

@@ -36,7 +36,7 @@ observe(["desk"], () => {
 });
 
 function show() {
-  const first = state.linked && !state.pages.size && !state.departed;
+  const first = state.linked && !state.pages.size && !state.selected; // a chosen page is on its way, or has just gone
   byId("guide").hidden = !first && !wanted;
   byId("talk").hidden = !byId("guide").hidden;
   byId("waiting").hidden = !first;
