@@ -56,9 +56,9 @@ Set::Set() : Set(desk::DefaultEntries()) {}
 Set::Set(const std::vector<vconf::Entry>& entries) {
   OpenOrThrow(store(), entries);
   desk::OfferEmbedder();
-  std::string error;
-  plugin_ = pp::browser::Plugin::Load(MIRADO_PLUGIN_PATH, &error);
-  if (!plugin_) throw std::runtime_error(error);
+  auto loaded = pp::browser::Plugin::Load(MIRADO_PLUGIN_PATH);
+  if (!loaded.ok()) throw std::runtime_error(loaded.status().text());
+  plugin_ = *std::move(loaded);
 }
 
 Set::~Set() {

@@ -113,11 +113,11 @@ vconf::Result<std::unique_ptr<Session>> Session::Start(const std::string& plugin
   std::unique_ptr<Session> session(new Session(std::move(say)));
   OfferEmbedder();
   pp::browser::SetRegisterMessageHandlerResult(vconf::TakeFault("RegisterMessageHandler", "").value_or(0));
-  std::string error;
-  session->plugin_ = pp::browser::Plugin::Load(plugin, &error);
-  if (session->plugin_ == nullptr) {
-    return vconf::Status(vconf::Code::kFailed, std::move(error));
+  auto loaded = pp::browser::Plugin::Load(plugin);
+  if (!loaded.ok()) {
+    return loaded.status();
   }
+  session->plugin_ = *std::move(loaded);
   session->page_ =
       session->plugin_->CreateInstance([&say = session->say_, ended = false](const pp::Var& message) mutable {
         if (ended) {

@@ -111,10 +111,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
   static fuzz::Store store;
   static auto* const plugin = [] {
     desk::OfferEmbedder();
-    std::string error;
-    auto loaded = pp::browser::Plugin::Load(MIRADO_PLUGIN_PATH, &error);
-    fuzz::Require(loaded != nullptr, "the plug-in loads", error);
-    return loaded.release();  // as long as the process
+    auto loaded = pp::browser::Plugin::Load(MIRADO_PLUGIN_PATH);
+    fuzz::Require(loaded.ok(), "the plug-in loads", loaded.status().text());
+    return loaded->release();  // as long as the process
   }();
 
   FuzzedDataProvider data(bytes, size);

@@ -112,9 +112,9 @@ class PluginTest : public ::testing::Test {
   void SetUp() override {
     ASSERT_EQ(vconf::OpenOrCreateStore(folder_ / "store", desk::DefaultEntries()).text(), "");
     TestEmbedder::Offer();
-    std::string error;
-    plugin_ = pp::browser::Plugin::Load(MIRADO_PLUGIN_PATH, &error);
-    ASSERT_NE(plugin_, nullptr) << error;
+    auto loaded = pp::browser::Plugin::Load(MIRADO_PLUGIN_PATH);
+    ASSERT_TRUE(loaded.ok()) << loaded.status().text();
+    plugin_ = *std::move(loaded);
   }
 
   void TearDown() override {

@@ -54,7 +54,6 @@ class BrowserTest : public ::testing::Test {
     };
     hooks_.on_destroyed = [this] { worker_.reset(); };
     pp::browser::RegisterBrowserInterface(TestPluginHooks::kInterface, &hooks_);
-    plugin_ = Plugin::Load(PPAPI_TEST_PLUGIN, &error_);
   }
   ~BrowserTest() override {
     plugin_.reset();
@@ -64,7 +63,11 @@ class BrowserTest : public ::testing::Test {
     pp::browser::RegisterBrowserInterface(TestPluginHooks::kInterface, nullptr);
   }
 
-  void SetUp() override { ASSERT_NE(plugin_, nullptr) << error_; }
+  void SetUp() override {
+    auto loaded = Plugin::Load(PPAPI_TEST_PLUGIN);
+    ASSERT_TRUE(loaded.ok()) << loaded.status().text();
+    plugin_ = *std::move(loaded);
+  }
 
   std::shared_ptr<PageInstance> MakePage() {
     return plugin_->CreateInstance([this](const pp::Var& message) { heard_.push_back(message.AsString()); });
@@ -77,18 +80,18 @@ class BrowserTest : public ::testing::Test {
   std::int32_t register_result_ = 0;
   std::unique_ptr<pp::SimpleThreadAwaitLoop> worker_;
   std::vector<std::string> heard_;
-  std::string error_;
   std::unique_ptr<Plugin> plugin_;
 };
 
 TEST_F(BrowserTest, LoadingTellsWhatFailed) {
-  EXPECT_EQ(Plugin::Load(PPAPI_TEST_PLUGIN, &error_), nullptr) << "a second one";
+  const auto tells = [](const char* path, const char* cause) {
+    return Plugin::Load(path).status().text().find(cause) != std::string::npos;
+  };
+  EXPECT_TRUE(tells(PPAPI_TEST_PLUGIN, "loaded already"));
   plugin_.reset();
-  EXPECT_EQ(Plugin::Load("/nowhere/plugin.so", &error_), nullptr);
-  EXPECT_NE(error_.find("/nowhere/plugin.so"), std::string::npos) << error_;
-  EXPECT_EQ(Plugin::Load(PPAPI_NO_PLUGIN, &error_), nullptr);
-  EXPECT_NE(error_.find("pp::CreateModule"), std::string::npos) << error_;
-  EXPECT_NE(Plugin::Load(PPAPI_TEST_PLUGIN, &error_), nullptr) << error_;
+  EXPECT_TRUE(tells("/nowhere/plugin.so", "/nowhere/plugin.so"));
+  EXPECT_TRUE(tells(PPAPI_NO_PLUGIN, "pp::CreateModule"));
+  EXPECT_EQ(Plugin::Load(PPAPI_TEST_PLUGIN).status().text(), "");
 }
 
 TEST_F(BrowserTest, InitGetsTheParametersAndMayRefuse) {

@@ -311,10 +311,9 @@ void RunSoak(double seconds, unsigned seed) {
 
   EXPECT_EQ(vconf::OpenStore(store).text(), "");
   desk::OfferEmbedder();
-  std::string error;
-  auto plugin = pp::browser::Plugin::Load(MIRADO_PLUGIN_PATH, &error);
-  ASSERT_NE(plugin, nullptr) << error;
-  Soak soak(*plugin, folder, seed);
+  auto plugin = pp::browser::Plugin::Load(MIRADO_PLUGIN_PATH);
+  ASSERT_TRUE(plugin.ok()) << plugin.status().text();
+  Soak soak(**plugin, folder, seed);
   std::vector<std::unique_ptr<Follower>> followers;
   followers.reserve(kChanged.size());
   for (const char* path : kChanged) followers.push_back(std::make_unique<Follower>(path));
@@ -377,7 +376,7 @@ void RunSoak(double seconds, unsigned seed) {
               static_cast<unsigned long long>(listener.ear().events()), descriptors);
   std::printf("  memory %.1f MiB, growth in the later half %.2f MiB; store %.1f MiB, growth %.2f MiB\n", memory.back(),
               Growth(memory), size.back(), Growth(size));
-  plugin.reset();
+  plugin->reset();
   vconf::CloseStore();
 }
 

@@ -9,6 +9,7 @@
 
 #include "ppapi/c/pp_var.h"
 #include "ppapi/cpp/var.h"
+#include "result.h"
 
 /// The browser's side of the plug-in interface: what a runtime drives.
 ///
@@ -55,9 +56,9 @@ class PageInstance {
 /// A plug-in in this process, its module initialised. One at a time.
 class Plugin {
  public:
-  /// Loads the shared library `path`, calls its `pp::CreateModule` and the module's `Init`. Null and a text in `error`
-  /// that names the file and the cause on failure.
-  static std::unique_ptr<Plugin> Load(const std::string& path, std::string* error);
+  /// Loads the shared library `path`, calls its `pp::CreateModule` and the module's `Init`. A failure is `kFailed`, and
+  /// its text names the file and the cause.
+  static vconf::Result<std::unique_ptr<Plugin>> Load(const std::string& path);
 
   /// Deletes the module and unloads the library. All instances must have been destroyed.
   virtual ~Plugin() = default;

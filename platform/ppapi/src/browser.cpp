@@ -70,10 +70,10 @@ class LoadedPlugin final : public Plugin {
 
 }  // namespace
 
-std::unique_ptr<Plugin> Plugin::Load(const std::string& path, std::string* error) {
+vconf::Result<std::unique_ptr<Plugin>> Plugin::Load(const std::string& path) {
   const auto fail = [&](const std::string& cause) {
-    *error = cause.starts_with(path + ": ") ? cause : path + ": " + cause;  // the loader's texts mostly begin with it
-    return nullptr;
+    // The loader's texts mostly begin with the path.
+    return vconf::Status(vconf::Code::kFailed, cause.starts_with(path + ": ") ? cause : path + ": " + cause);
   };
   if (Module::Get() != nullptr) return fail("a plug-in is loaded already");
   LoadedPlugin::Library library(dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL));
@@ -83,7 +83,7 @@ std::unique_ptr<Plugin> Plugin::Load(const std::string& path, std::string* error
   std::unique_ptr<Module> module(reinterpret_cast<decltype(&CreateModule)>(entry)());
   if (!module) return fail("pp::CreateModule gave no module");
   if (!module->Init()) return fail("the module's Init failed");
-  return std::make_unique<LoadedPlugin>(std::move(library), std::move(module));
+  return std::unique_ptr<Plugin>(std::make_unique<LoadedPlugin>(std::move(library), std::move(module)));
 }
 
 }  // namespace pp::browser
