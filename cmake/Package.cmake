@@ -32,8 +32,8 @@ foreach(component_and_package runtime:mirado development:mirado-dev)
   list(GET parts 1 package)
   install(FILES ${PROJECT_SOURCE_DIR}/cmake/debian/copyright DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${package}
           COMPONENT ${component})
-  mirado_install_compressed(${PROJECT_SOURCE_DIR}/cmake/debian/changelog
-                            ${CMAKE_INSTALL_DATADIR}/doc/${package} ${component})
+  mirado_install_compressed(changelog ${CMAKE_INSTALL_DATADIR}/doc/${package} ${component}
+                            cat ${PROJECT_SOURCE_DIR}/cmake/debian/changelog)
 endforeach()
 
 include(CMakePackageConfigHelpers)

@@ -22,12 +22,13 @@ function(mirado_install target folder)
   install(TARGETS ${target} RUNTIME DESTINATION ${folder} LIBRARY DESTINATION ${folder})
 endfunction()
 
-# mirado_install_compressed(file folder component): installs the file as Debian wants manual pages and histories.
-function(mirado_install_compressed file folder component)
-  get_filename_component(name ${file} NAME)
+# mirado_install_compressed(name folder component command...): installs what the command prints as a file of that name,
+# compressed as Debian wants manual pages and histories.
+function(mirado_install_compressed name folder component)
+  list(JOIN ARGN "\" \"" command)
   install(DIRECTORY DESTINATION ${folder} COMPONENT ${component})
   install(CODE "
-    execute_process(COMMAND gzip -9n INPUT_FILE \"${file}\" COMMAND_ERROR_IS_FATAL ANY
+    execute_process(COMMAND \"${command}\" COMMAND gzip -9n COMMAND_ERROR_IS_FATAL ANY
                     OUTPUT_FILE \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${folder}/${name}.gz\")"
           COMPONENT ${component})
 endfunction()

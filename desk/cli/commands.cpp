@@ -1,15 +1,11 @@
 #include "cli/commands.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <iostream>
-#include <numeric>
-#include <utility>
 
-#include "base/paths.h"
+#include "base/suggestion.h"
 #include "base/terminal.h"
 #include "dlog_control.h"
 #include "set/catalog.h"
@@ -17,33 +13,6 @@
 
 namespace desk::cli {
 namespace {
-
-/// How many letters have to be put in, taken out or replaced to make `other` of `text`.
-std::size_t Distance(std::string_view text, std::string_view other) {
-  std::vector<std::size_t> row(other.size() + 1);  // from what is read of `text` to each beginning of `other`
-  std::iota(row.begin(), row.end(), 0);
-  for (const char letter : text) {
-    std::size_t diagonal = row[0]++;
-    for (std::size_t at = 0; at < other.size(); ++at) {
-      const std::size_t replaced = diagonal + (other[at] == letter ? 0 : 1);
-      diagonal = std::exchange(row[at + 1], std::min({replaced, row[at] + 1, row[at + 1] + 1}));
-    }
-  }
-  return row.back();
-}
-
-/// "; did you mean …?" with the one of `known` that is nearest to `text`, or nothing when none is near.
-std::string Suggestion(const std::string& text, const std::vector<std::string>& known) {
-  std::size_t least = text.size() / 6 + 2;  // what is further away is no slip
-  std::string suggestion;
-  for (const std::string& each : known) {
-    if (const std::size_t distance = Distance(text, each); distance < least) {
-      least = distance;
-      suggestion = "; did you mean " + each + "?";
-    }
-  }
-  return suggestion;
-}
 
 /// "CAPTION" for "MENU_KEY_CAPTION".
 std::string_view ShortName(const Setting& setting) {
@@ -66,15 +35,7 @@ bool StoreChoice::Named() const {
 }
 
 void AddStoreOption(CLI::App& command, StoreChoice& store) {
-  store.folder = DefaultStore();
-  store.option = command.add_option("--store", store.folder, "The folder of the store")
-                     ->type_name("FOLDER")
-                     ->capture_default_str();
-}
-
-void AddPluginOption(CLI::App& command, std::string& plugin) {
-  plugin = DefaultPlugin();
-  command.add_option("--plugin", plugin, "The plug-in's library")->type_name("FILE")->capture_default_str();
+  store.option = desk::AddStoreOption(command, store.folder);
 }
 
 void AddJsonOption(CLI::App& command, bool& json) { command.add_flag("--json", json, "Print JSON"); }
@@ -101,23 +62,6 @@ int WithStore(const StoreChoice& store, Absent absent, const std::function<vconf
   return ExitStatusOf(status.code());
 }
 
-void Complain(const std::string& text) { std::cerr << Printable(text) << '\n'; }
-
-int WithOutput(const Run& work) {
-  const int status = work();
-  errno = 0;
-  if (std::cout.flush()) {
-    return status;
-  }
-  Complain(OutputFailed(errno).text());
-  return kCannotWork;
-}
-
-vconf::Status OutputFailed(int error) {
-  return {vconf::Code::kFailed, std::string("the output is not complete, it cannot be written: ") +
-                                    (error != 0 ? std::strerror(error) : "the disk is full, or nobody reads it")};
-}
-
 void PrintJson(const Json& json) { std::cout << Printable(ToText(json)) << '\n'; }
 
 vconf::Result<std::string> PathFromArgument(const std::string& argument) {
@@ -134,8 +78,8 @@ vconf::Result<std::string> PathFromArgument(const std::string& argument) {
     }
     known.emplace_back(text.find("_KEY_") == std::string::npos ? name : setting.enumerator);
   }
-  return vconf::Status(vconf::Code::kBadName,
-                       text + ": is neither a path nor a setting's constant or number" + Suggestion(text, known));
+  return vconf::Status(vconf::Code::kBadName, Quoted(text) + " is neither a path nor a setting's constant or number" +
+                                                  Suggestion(text, known));
 }
 
 void NoteUnknown(const std::string& path, const std::string& what, const std::vector<std::string>& known) {

@@ -7,12 +7,13 @@
 
 #include <CLI/CLI.hpp>
 
+#include "base/command_line.h"
 #include "base/exit_status.h"
 #include "base/json.h"
 #include "vconf_control.h"
 
-/// The subcommands of `mirado`. Each `Add…` declares one to the parser; the one that is called leaves what it does in
-/// `run`, which answers with an exit status.
+/// The commands of `mirado`. Each `Add…` declares one to the parser; the one that is called leaves what it does in
+/// `run`, which returns the exit status.
 namespace desk::cli {
 
 using Run = std::function<int()>;
@@ -43,7 +44,6 @@ struct StoreChoice {
 
 /// Adds `--store` to `command`; the result receives it.
 void AddStoreOption(CLI::App& command, StoreChoice& store);
-void AddPluginOption(CLI::App& command, std::string& plugin);
 
 /// Adds `--json` to `command`.
 void AddJsonOption(CLI::App& command, bool& json);
@@ -56,15 +56,6 @@ enum class Absent {
 
 /// Opens the store and does `work` on it. Failures go to stderr.
 int WithStore(const StoreChoice& store, Absent absent, const std::function<vconf::Status()>& work);
-
-/// One line on stderr, whatever characters are in `text`.
-void Complain(const std::string& text);
-
-/// Does `work` and sees that its output was written: `kCannotWork` and a line on stderr when it was not.
-int WithOutput(const Run& work);
-
-/// The failure of a program that cannot write to its standard output; `error` is the errno, or 0 when it is not known.
-vconf::Status OutputFailed(int error);
 
 /// One line of JSON on stdout that is safe on a terminal.
 void PrintJson(const Json& json);

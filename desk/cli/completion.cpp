@@ -30,16 +30,6 @@ compdef _mirado mirado
 
 using Words = std::vector<std::string>;
 
-/// The options that `command` takes, those of the commands above it too where it falls through.
-std::vector<const CLI::Option*> OptionsOf(const CLI::App& command) {
-  auto options = command.get_options();
-  if (command.get_parent() != nullptr && command.get_parent()->get_fallthrough()) {
-    const auto above = command.get_parent()->get_options();
-    options.insert(options.end(), above.begin(), above.end());
-  }
-  return options;
-}
-
 Words PathsUnder(const std::string& prefix) {
   Words paths;
   for (const vconf::Entry& entry : DefaultEntries()) {

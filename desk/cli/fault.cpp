@@ -137,7 +137,10 @@ void AddFaultCommand(CLI::App& app, Run& run) {
   auto* fault = command->add_option("FAULT", options->arguments, "CALL [PATH] ANSWER; behind --clear, CALL [PATH]")
                     ->expected(0, 3)
                     ->type_name("");
-  command->add_option("--times", options->times, "How often; 0 is until the fault is cleared")->capture_default_str();
+  command->add_option("--times", options->times, "How often; 0 is until the fault is cleared")
+      ->type_name("N")
+      ->check(Between(0, 1'000'000'000))
+      ->capture_default_str();
   auto* list = command->add_flag("--list", options->list, "Print the faults that are set")->excludes(fault);
   command->add_flag("--clear", options->clear, "Clear all faults, or the one that is named; without PATH, that for *")
       ->excludes(list);

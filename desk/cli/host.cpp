@@ -17,8 +17,6 @@
 namespace desk::cli {
 namespace {
 
-constexpr int kNoLog = 8;
-
 struct HostOptions {
   std::string plugin;
   StoreChoice store;
@@ -163,11 +161,7 @@ The session ends with its input, or on SIGINT or SIGTERM. Exit status: 0, 1 when
 or nobody takes what comes out.)");
   AddPluginOption(*command, options->plugin);
   AddStoreOption(*command, options->store);
-  command
-      ->add_option("--log-level", options->log_level,
-                   "Drop log lines below 2 verbose … 4 info, 6 error, 7 fatal; 8 drops all")
-      ->check(CLI::Range(2, kNoLog))
-      ->capture_default_str();
+  AddLogLevelOption(*command, options->log_level);
   command->add_flag("--report", options->report,
                     "Tell of log lines and subscriptions in JSON lines too, and take record");
   command->add_option("--record", options->record, "Write what goes in and comes out, for `mirado replay`")

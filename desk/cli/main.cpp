@@ -2,11 +2,11 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <csignal>
 #include <cstring>
 #include <string>
 #include <string_view>
 
+#include "base/desk_options.h"
 #include "base/paths.h"
 #include "base/terminal.h"
 #include "cli/commands.h"
@@ -37,43 +37,29 @@ std::vector<std::string> WithoutMark(std::vector<std::string> arguments) {
   return arguments;
 }
 
-/// What the parser has to say when it does not run a command: help, or what is wrong with the command line.
-int Explain(const CLI::App& app, const CLI::ParseError& error) {
-  if (error.get_exit_code() == 0) {
-    app.exit(error);
-    return kDone;
-  }
-  Complain(error.what());
-  Complain("`mirado --help` and `mirado COMMAND --help` say how it is written.");
-  return kUsage;
-}
-
 int Main(const std::vector<std::string>& arguments) {
   CLI::App app("The television plug-in on a desk: run it, steer the simulated set, record and replay sessions",
                "mirado");
-  app.footer(
-      "Exit status: 0 done, 1 the answer is no, 2 wrong command line, 3 something needed cannot be used.\n"
-      "`mirado COMMAND --help` says more. MIRADO_STORE and MIRADO_PLUGIN stand in for --store and --plugin.");
   app.set_version_flag("--version", MIRADO_VERSION);
   app.require_subcommand(1);
   Run run;
   AddHostCommand(app, run);
-  app.add_subcommand("desk", "Serve pages in a desktop browser");
+  DeskOptions desk;  // declared for the help, the manual and the shell; the other program reads them
+  AddDeskOptions(*app.add_subcommand("desk", "Serve pages in a desktop browser"), desk);
   AddStoreCommands(app, run);
   AddSetUpCommand(app, run);
   AddFaultCommand(app, run);
   AddReplayCommand(app, run);
   AddVerifyCommand(app, run);
   AddCompletionCommand(app, run);
+  // Now that the commands are there, which would take it over as theirs.
+  app.footer(
+      "Exit status: 0 done, 1 the answer is no, 2 wrong command line, 3 something needed cannot be used.\n"
+      "`mirado COMMAND --help` says more. MIRADO_STORE and MIRADO_PLUGIN stand in for --store and --plugin.");
   // For the shell's completion and for the build; a word that is completed may be any, so the parser has no part in it.
   if (!arguments.empty() && (arguments[0] == "complete" || arguments == std::vector<std::string>{"manual"})) {
     arguments[0] == "manual" ? PrintManual(app) : PrintCompletions(app, {arguments.begin() + 1, arguments.end()});
     return kDone;
-  }
-  const auto is_meant = [&](const CLI::App* command) { return command->check_name(arguments[0]); };
-  if (!arguments.empty() && !arguments[0].starts_with('-') && app.get_subcommands(is_meant).empty()) {
-    Complain("mirado: there is no command " + arguments[0] + "; `mirado --help` names them");
-    return kUsage;
   }
   try {
     std::vector<std::string> words = WithoutMark(arguments);
@@ -89,10 +75,10 @@ int Main(const std::vector<std::string>& arguments) {
 }  // namespace desk::cli
 
 int main(int argc, char** argv) {
+  desk::PrepareStandardStreams();
   // What follows `desk` is for the other program to read, `--help` included.
   if (argc > 1 && argv[1] == std::string_view("desk")) {
     return desk::cli::BecomeDesk(argv + 1);
   }
-  static_cast<void>(std::signal(SIGPIPE, SIG_IGN));  // a reader that is gone is a failed write
-  return desk::cli::WithOutput([&] { return desk::cli::Main({argv + 1, argv + argc}); });
+  return desk::WithOutput([&] { return desk::cli::Main({argv + 1, argv + argc}); });
 }

@@ -42,10 +42,7 @@ void PrintText(const std::string& text) {
 }
 
 std::string Usage(const CLI::App& command) {
-  std::string words = command.get_name();
-  for (const CLI::App* above = command.get_parent(); above != nullptr; above = above->get_parent()) {
-    words.insert(0, above->get_name() + " ");
-  }
+  std::string words = WordsOf(command);
   for (const CLI::Option* const option : command.get_options()) {
     if (option->get_positional()) {
       const std::string name = option->get_name() + (option->get_items_expected_max() > 1 ? "..." : "");
@@ -58,9 +55,7 @@ std::string Usage(const CLI::App& command) {
 void PrintCommand(const CLI::App& command) {
   std::cout << ".SS " << Roff(Usage(command)) << '\n' << Roff(command.get_description()) << ".\n";
   PrintOptions(command);
-  if (command.get_footer() != command.get_parent()->get_footer()) {  // else it has that one's
-    PrintText(command.get_footer());
-  }
+  PrintText(command.get_footer());
   for (const CLI::App* const below : command.get_subcommands([](const CLI::App*) { return true; })) {
     PrintCommand(*below);
   }

@@ -69,9 +69,7 @@ void AddReplayCommand(CLI::App& app, Run& run) {
       "are compared each in their own order; times and log lines do not count. Exit status: 0 when all came out\n"
       "the same, 1 when one did not, 3 when one cannot be played.");
   AddPluginOption(*command, options->plugin);
-  command->add_option("--log-level", options->log_level, "Drop log lines below this priority; 8 drops all")
-      ->check(CLI::Range(2, 8))
-      ->capture_default_str();
+  AddLogLevelOption(*command, options->log_level);
   command->add_option("FILE", options->files, "Recordings, as `mirado host --record` writes them")->required();
   command->callback([options, &run] {
     run = [options] {

@@ -249,9 +249,10 @@ void AddStoreCommands(CLI::App& app, Run& run) {
   watch->add_option("PREFIX", options->path, kPrefix);
   watch->add_flag("--now", options->now, "Print what the keys hold first");
   watch->add_flag("--exact", options->exact, "Only the key of this path");
-  watch->add_option("--count", options->count, "End after so many changes")->check(CLI::PositiveNumber);
+  watch->add_option("--count", options->count, "End after N changes")->type_name("N")->check(Between(1, 1'000'000'000));
   watch->add_option("--timeout", options->timeout, "End after so many seconds; with --count, status 1 if fewer came")
-      ->check(CLI::Range(0.0, 1e6));
+      ->type_name("SECONDS")
+      ->check(Between(0, 1'000'000));
   AddJsonOption(*watch, options->json);
 
   auto* reset = Add(app, run, options, "reset", "Put the whole set back to what a new one holds; faults go too",

@@ -70,7 +70,8 @@ void AddVerifyCommand(CLI::App& app, Run& run) {
   auto* order = command->add_flag("--order", options->expected.order, "They were asked in this order");
   auto* exact = command->add_flag("--exact", options->expected.exact, "Nothing else was asked");
   command->add_option("--times", options->times, "Each of them was asked exactly so often, whatever else was")
-      ->check(CLI::NonNegativeNumber)
+      ->type_name("N")
+      ->check(Between(0, 1'000'000'000))
       ->excludes(order)
       ->excludes(exact);
   AddJsonOption(*command, options->json);

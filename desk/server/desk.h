@@ -12,6 +12,7 @@
 #include <boost/asio/signal_set.hpp>
 #include <boost/asio/thread_pool.hpp>
 
+#include "base/desk_options.h"
 #include "server/connection.h"
 #include "server/event_log.h"
 #include "server/origin.h"
@@ -21,14 +22,6 @@
 #include "vconf_control.h"
 
 namespace desk {
-
-struct DeskOptions {
-  int port = 8480;            ///< 0 takes any that is free
-  std::string listen;         ///< an address of this machine beside loopback; empty for none
-  bool token = false;         ///< everybody needs the token; so with `listen`
-  bool until_closed = false;  ///< the desk ends with its standard input, too
-  HostCommand host;
-};
 
 /// How much of each there may be, by the number of descriptors that this process may have.
 struct Limits {

@@ -15,24 +15,13 @@
 
 #include <boost/asio/io_context.hpp>
 
+#include "base/desk_options.h"
 #include "base/json.h"
 #include "host/protocol.h"
 #include "server/event_log.h"
 #include "server/host_process.h"
 
 namespace desk {
-
-/// How a page's plug-in is started.
-struct HostCommand {
-  std::string program;
-  std::string plugin;
-  std::string store;
-
-  /// The command line of a host that reports its log lines and subscriptions.
-  std::vector<std::string> Arguments() const {
-    return {program, "host", "--report", "--plugin", plugin, "--store", store};
-  }
-};
 
 /// What a page says of itself.
 struct PageDescription {

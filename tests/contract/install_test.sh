@@ -21,6 +21,8 @@ done
 lost=$(find "$scratch/moved" -xtype l)
 [ -z "$lost" ] || { echo "leads nowhere: $lost"; exit 1; }
 
+zcat "$scratch/moved/share/man/man1/mirado.1.gz" | grep -q '^.SS mirado desk$'
+
 answer=$(echo '{"send": {"command": "getVersion"}}' |
   "$scratch/moved/bin/mirado" host --store "$scratch/store" 2>"$scratch/log" | head -n 1 | tr -d ' ')
 case $answer in

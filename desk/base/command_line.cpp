@@ -1,0 +1,120 @@
+#include "base/command_line.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <charconv>
+#include <csignal>
+#include <cstring>
+#include <iostream>
+
+#include "base/exit_status.h"
+#include "base/paths.h"
+#include "base/suggestion.h"
+#include "base/terminal.h"
+
+namespace desk {
+namespace {
+
+/// The command that the parser came to.
+const CLI::App& Called(const CLI::App& app) {
+  const auto below = app.get_subcommands();
+  return below.empty() ? app : Called(*below.front());
+}
+
+}  // namespace
+
+void PrepareStandardStreams() {
+  for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (fcntl(stream, F_GETFD) < 0) {
+      static_cast<void>(open("/dev/null", stream == STDIN_FILENO ? O_WRONLY : O_RDONLY));  // takes the lowest number
+    }
+  }
+  static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
+}
+
+int WithOutput(const std::function<int()>& work) {
+  const int status = work();
+  errno = 0;
+  if (std::cout.flush()) {
+    return status;
+  }
+  Complain(OutputFailed(errno).text());
+  return kCannotWork;
+}
+
+void Complain(const std::string& text) { std::cerr << Printable(text) << '\n'; }
+
+vconf::Status OutputFailed(int error) {
+  return {vconf::Code::kFailed, std::string("the output is not complete, it cannot be written: ") +
+                                    (error != 0 ? std::strerror(error) : "the disk is full, or nobody reads it")};
+}
+
+int Explain(const CLI::App& app, const CLI::ParseError& error) {
+  if (error.get_exit_code() == 0) {
+    app.exit(error);
+    return kDone;
+  }
+  const CLI::App& called = Called(app);
+  if (const auto unexpected = app.remaining(true); unexpected.empty()) {
+    Complain(error.what());
+  } else {
+    std::vector<std::string> known;
+    for (const CLI::Option* const option : OptionsOf(called)) {
+      known.push_back(option->get_name());
+    }
+    for (const CLI::App* const below : called.get_subcommands([](const CLI::App*) { return true; })) {
+      known.push_back(below->get_name());
+    }
+    Complain(WordsOf(called) + ": " + Quoted(unexpected.front()) + " is not expected here" +
+             Suggestion(unexpected.front(), known));
+  }
+  Complain("`" + WordsOf(called) + " --help` says what it takes.");
+  return kUsage;
+}
+
+std::string WordsOf(const CLI::App& command) {
+  return (command.get_parent() == nullptr ? "" : WordsOf(*command.get_parent()) + " ") + command.get_name();
+}
+
+std::vector<const CLI::Option*> OptionsOf(const CLI::App& command) {
+  auto options = command.get_options();
+  if (command.get_parent() != nullptr && command.get_parent()->get_fallthrough()) {
+    const auto above = OptionsOf(*command.get_parent());
+    options.insert(options.end(), above.begin(), above.end());
+  }
+  return options;
+}
+
+CLI::Validator Between(int least, int most) {
+  // The parser's own range takes what is no number, and prints limits with six decimals.
+  return {[least, most](const std::string& text) {
+            double number = 0;
+            const auto read = std::from_chars(text.data(), text.data() + text.size(), number);
+            const bool whole = read.ec == std::errc() && read.ptr == text.data() + text.size();
+            return whole && number >= least && number <= most
+                       ? std::string()
+                       : Quoted(text) + " is no number from " + std::to_string(least) + " to " + std::to_string(most);
+          },
+          ""};
+}
+
+CLI::Option* AddStoreOption(CLI::App& command, std::string& folder) {
+  folder = DefaultStore();
+  return command.add_option("--store", folder, "The folder of the store")->type_name("FOLDER")->capture_default_str();
+}
+
+void AddPluginOption(CLI::App& command, std::string& plugin) {
+  plugin = DefaultPlugin();
+  command.add_option("--plugin", plugin, "The plug-in's library")->type_name("FILE")->capture_default_str();
+}
+
+void AddLogLevelOption(CLI::App& command, int& level) {
+  command.add_option("--log-level", level, "Drop log lines below 2 verbose … 4 info, 6 error, 7 fatal; 8 drops all")
+      ->type_name("LEVEL")
+      ->check(Between(2, 8))
+      ->capture_default_str();
+}
+
+}  // namespace desk

@@ -1,0 +1,40 @@
+#include "base/suggestion.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <numeric>
+#include <string_view>
+#include <utility>
+
+namespace desk {
+namespace {
+
+/// The Levenshtein distance: how many letters have to be put in, taken out or replaced to make `other` of `text`.
+std::size_t Distance(std::string_view text, std::string_view other) {
+  std::vector<std::size_t> row(other.size() + 1);  // from what is read of `text` to each beginning of `other`
+  std::iota(row.begin(), row.end(), 0);
+  for (const char letter : text) {
+    std::size_t diagonal = row[0]++;
+    for (std::size_t at = 0; at < other.size(); ++at) {
+      const std::size_t replaced = diagonal + (other[at] == letter ? 0 : 1);
+      diagonal = std::exchange(row[at + 1], std::min({replaced, row[at] + 1, row[at + 1] + 1}));
+    }
+  }
+  return row.back();
+}
+
+}  // namespace
+
+std::string Suggestion(const std::string& text, const std::vector<std::string>& known) {
+  std::size_t least = text.size() / 6 + 2;  // at this distance or more, another word is meant
+  std::string suggestion;
+  for (const std::string& each : known) {
+    if (const std::size_t distance = Distance(text, each); distance < least) {
+      least = distance;
+      suggestion = "; did you mean " + each + "?";
+    }
+  }
+  return suggestion;
+}
+
+}  // namespace desk
