@@ -17,7 +17,7 @@ after(() => rmSync(folder, { recursive: true }));
 const run = (args, input) => execFileSync(program, [...args, "--store", join(folder, "store")],
   { input, encoding: "utf8", stdio: ["pipe", "pipe", "ignore"] });
 
-const keys = [undefined, -1, ...Array(23).keys(), 7.5, "7", null, true, 2 ** 31];
+const keys = [undefined, -1, ...catalog.settings.map(({ key }) => key), 99, 7.5, "7", null, true, 2 ** 31];
 const values = [undefined, 0, 5, 256, -1, 2 ** 31 - 1, -(2 ** 31), 2 ** 31, 1.5, "FAST", "", null, true, []];
 const odd = [1, "getVersion", null, [], {}, { command: 7 }, { command: "no such" }, { command: "constructor" }];
 const commands = catalog.commands.map(({ name }) => name);
