@@ -126,7 +126,8 @@ Status Database::Make(const Folder& folder, const std::string& name, const std::
   for (const char* const suffix : {"-wal", "-shm", "-journal"}) {
     folder.Remove(name + suffix);
   }
-  if (auto file = folder.MakeFile(name); !file.ok()) {
+  const auto file = folder.MakeFile(name);
+  if (!file.ok()) {
     return file.status();
   }
   auto made = Connect(folder.File(name), SQLITE_OPEN_READWRITE, 0);
@@ -134,10 +135,12 @@ Status Database::Make(const Folder& folder, const std::string& name, const std::
     return made.status();
   }
   Database& database = **made;
-  // A database that shrinks when keys go: on a full disk, what is in the log could not be copied to it otherwise.
-  const std::string head = "PRAGMA auto_vacuum = FULL; PRAGMA application_id = " + std::to_string(kApplication) +
-                           "; PRAGMA journal_mode = WAL; CREATE TABLE entries (path TEXT PRIMARY KEY, number INTEGER, "
-                           "value TEXT, checksum INTEGER) WITHOUT ROWID";
+  // Nobody uses it before it has its name, so it becomes durable at the end, as a whole. A database that shrinks when
+  // keys go: on a full disk, what is in the log could not be copied to it otherwise.
+  const std::string head =
+      "PRAGMA synchronous = OFF; PRAGMA auto_vacuum = FULL; PRAGMA application_id = " + std::to_string(kApplication) +
+      "; PRAGMA journal_mode = WAL; CREATE TABLE entries (path TEXT PRIMARY KEY, number INTEGER, "
+      "value TEXT, checksum INTEGER) WITHOUT ROWID";
   Status status = database.Run(head.c_str());
   if (status.ok()) {
     status = database.Write(rows, 1);
@@ -145,7 +148,8 @@ Status Database::Make(const Folder& folder, const std::string& name, const std::
   if (status.ok()) {
     status = database.Run("PRAGMA wal_checkpoint(TRUNCATE)");
   }
-  return status;
+  made->reset();
+  return !status.ok() || fsync(file->number()) == 0 ? status : SystemFailure(folder.File(name), errno);
 }
 
 Result<std::unique_ptr<Database>> Database::Open(const Folder& folder, bool writable) {
