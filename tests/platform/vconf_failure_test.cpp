@@ -154,6 +154,7 @@ TEST_F(VconfFailureTest, AStoppedReaderCostsNothingAndAKilledOneNeither) {
 }
 
 TEST_F(VconfFailureTest, AStoppedWriterIsNamedAndHoldsUpNoReader) {
+  if (!HasRobustLocks()) GTEST_SKIP() << kNoRobustLocks;
   for (const std::string path : {"db/a", "memory/a"}) {
     const std::vector<vconf::Entry> initial = {{"db/a", 0}, {"memory/a", 0}};
     // This process opens none yet: who forks and then opens one is named as well.
@@ -442,6 +443,7 @@ TEST_F(VconfFailureTest, ACommitThatNobodyPublishedIsFoundAtOpeningAndByTheNextW
 }
 
 TEST_F(VconfFailureTest, AChangeWhoseWriterDiedBeforeItsNumberIsTold) {
+  if (!HasRobustLocks()) GTEST_SKIP() << kNoRobustLocks;
   Open({{"memory/a", 1}, {"memory/b", 1}});
   EXPECT_EQ(Process([&] {
               using namespace vconf::layout;
@@ -451,7 +453,7 @@ TEST_F(VconfFailureTest, AChangeWhoseWriterDiedBeforeItsNumberIsTold) {
               // Back to where the value can be seen and the number is not counted, and the end with the lock held.
               auto& header = *static_cast<Header*>(base);
               const std::uint64_t number = header.last;
-              const std::uint32_t chunk = header.chunks[number / kChunkRecords % kChunks];
+              const std::uint32_t chunk = header.chunks[static_cast<std::size_t>(number / kChunkRecords % kChunks)];
               const auto* const records = reinterpret_cast<ChangeRecord*>(static_cast<char*>(base) + chunk);
               const std::uint32_t key = records[number % kChunkRecords].key;
               if (pthread_mutex_lock(&header.lock.mutex) != 0) return 2;

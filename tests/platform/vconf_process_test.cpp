@@ -109,6 +109,7 @@ TEST_F(VconfProcessTest, AReadIsNeverOlderThanAWriteThatReturned) {
 }
 
 TEST_F(VconfProcessTest, WhatWasAcknowledgedSurvivesAKill) {
+  if (!HasRobustLocks()) GTEST_SKIP() << kNoRobustLocks;
   Open();
   std::mt19937 random(7);  // NOLINT(cert-msc51-cpp): the same moments, as far as a schedule can be the same
   int acknowledged = 0;

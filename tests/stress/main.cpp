@@ -26,6 +26,10 @@ int main(int argc, char** argv) {
     std::fputs("usage: stress kill [KILLS [SEED]] | soak [SECONDS [SEED]] | http [REQUESTS [SEED]]\n", stderr);
     return 2;
   }
+  if (run->run == stress::RunKill && !HasRobustLocks()) {
+    std::printf("%s: Skipped\n%s\n", run->name, kNoRobustLocks);
+    return 77;
+  }
   static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
   const auto seed = argc > 3 ? static_cast<unsigned>(std::strtoul(argv[3], nullptr, 10)) : std::random_device{}();
   std::fprintf(stderr, "%s: seed %u\n", run->name, seed);

@@ -26,7 +26,7 @@ enum class Kind { kWrite, kTruncate, kSync, kCreate, kRename, kUnlink, kSyncFold
 struct Call {
   Kind kind;
   int file = 0;  // or the key, for the last two
-  std::uint64_t at = 0;
+  std::size_t at = 0;
   std::string text;  // what was written, or a name
   std::string to;
 };
@@ -55,7 +55,7 @@ struct Recorder {
     }
     return descriptor;
   }
-  void Note(int descriptor, Kind kind, std::uint64_t at, std::string text) {
+  void Note(int descriptor, Kind kind, std::size_t at, std::string text) {
     if (const auto found = descriptors.find(descriptor); on && found != descriptors.end()) {
       const bool folder_synced = found->second == kFolder && kind == Kind::kSync;
       calls.push_back({folder_synced ? Kind::kSyncFolder : kind, found->second, at, std::move(text), {}});
@@ -120,12 +120,12 @@ int close(int descriptor) {
   return REAL(close)(descriptor);
 }
 ssize_t pwrite64(int descriptor, const void* bytes, std::size_t size, off64_t at) {
-  TheRecorder().Note(descriptor, Kind::kWrite, static_cast<std::uint64_t>(at),
+  TheRecorder().Note(descriptor, Kind::kWrite, static_cast<std::size_t>(at),
                      std::string(static_cast<const char*>(bytes), size));
   return REAL(pwrite64)(descriptor, bytes, size, at);
 }
 int ftruncate64(int descriptor, off64_t size) noexcept {
-  TheRecorder().Note(descriptor, Kind::kTruncate, static_cast<std::uint64_t>(size), "");
+  TheRecorder().Note(descriptor, Kind::kTruncate, static_cast<std::size_t>(size), "");
   return REAL(ftruncate64)(descriptor, size);
 }
 int fdatasync(int descriptor) {
@@ -185,7 +185,7 @@ void RecordAStore(const std::string& store, int writes) {
   for (int number = 1; number <= writes; ++number) {
     for (int key = 0; key < 3; ++key) {
       const char* const path = kKeys.at(static_cast<std::size_t>(key));
-      const auto count = static_cast<std::uint64_t>(number);
+      const auto count = static_cast<std::size_t>(number);
       recorder.calls.push_back({Kind::kTry, key, count, {}, {}});
       EXPECT_EQ(key == 0 ? vconf_set_int(path, number) : vconf::Set(path, TextOf(number)).ok() ? 0 : 1, 0);
       EXPECT_EQ(key == 0 ? vconf_sync_key(path) : 0, 0);
@@ -263,7 +263,7 @@ class Disk {
     if (call.kind == Kind::kTruncate) {
       content->resize(call.at);
     } else {
-      content->resize(std::max<std::size_t>(content->size(), call.at + call.text.size()));
+      content->resize(std::max(content->size(), call.at + call.text.size()));
       content->replace(call.at, call.text.size(), call.text);
     }
   }

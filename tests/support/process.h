@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -10,6 +11,14 @@
 #include <csignal>
 #include <type_traits>
 #include <utility>
+
+/// Whether the kernel hands on the locks of a process that dies. The user mode of qemu does not.
+inline bool HasRobustLocks() {
+  void* list = nullptr;
+  std::size_t size = 0;
+  return syscall(SYS_get_robust_list, 0, &list, &size) == 0;
+}
+constexpr const char* kNoRobustLocks = "the lock of a process that dies is not handed on here";
 
 /// Another process, which runs `body` and has a pipe on which it can tell its parent something. It dies with its holder
 /// and with the thread that made it; Ctrl-C at the terminal does not end it.
