@@ -19,6 +19,11 @@ find "$scratch/moved" -type f \( -name '*.so' -o -perm -100 \) | while read -r f
 done
 
 lost=$(find "$scratch/moved" -xtype l)
+lost=$lost$(find "$scratch/moved" -name '*.md' | while read -r file; do
+  grep -o ']([^):#]*[)#]' "$file" | tr -d '](#)' | while read -r link; do
+    [ -e "${file%/*}/$link" ] || echo "$link in $file"
+  done
+done)
 [ -z "$lost" ] || { echo "leads nowhere: $lost"; exit 1; }
 
 zcat "$scratch/moved/share/man/man1/mirado.1.gz" | grep -q '^.SS mirado desk$'

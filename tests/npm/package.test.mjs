@@ -33,6 +33,10 @@ it("the README's tests pass with what is packed alone", () => {
   for (const scope of ["@playwright", "playwright", "playwright-core"]) {
     symlinkSync(`${root}tests/browser/node_modules/${scope}`, join(folder, "node_modules", scope));
   }
+  for (const name of ["mirado", "mirado-desk"]) {
+    const text = readFileSync(join(folder, "node_modules", name, "README.md"), "utf8");
+    assert.doesNotMatch(text, /\]\((?!https?:)/, "no file outside of the package is there to lead to");
+  }
   const [spec, test] = blocks("js");
   writeFileSync(join(folder, "index.html"), blocks("html")[0]);
   writeFileSync(join(folder, "caption.spec.mjs"), spec);
