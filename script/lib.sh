@@ -17,7 +17,7 @@ logged() {
   local log=$1 line status=0
   shift
   mkdir -p "$(dirname "$log")"
-  if [[ -t 2 ]]; then
+  if [[ -t 2 && ${TERM-dumb} != dumb ]]; then
     "$@" 2>&1 | tee "$log" | while IFS= read -r line; do
       printf '\r\033[K%.*s' "$((${COLUMNS:-80} - 1))" "${line//[[:cntrl:]]/}" >&2
     done || status=$?
