@@ -40,9 +40,9 @@ find_package(MiradoSet REQUIRED)
 get_target_property(library vconf IMPORTED_LOCATION)
 file(SHA256 ${library} sum)
 END
-cmake -S "$scratch" -B "$scratch/user" -DCMAKE_PREFIX_PATH="$scratch/dev" "$@" >"$scratch/log" 2>&1 ||
-  { cat "$scratch/log"; exit 1; }
-if cmake -S "$scratch/pepper" -B "$scratch/none" -DMIRADO_SET="$scratch/none-such" >"$scratch/log" 2>&1; then
+cmake -S "$scratch" -B "$scratch/user" -G Ninja -DCMAKE_PREFIX_PATH="$scratch/dev" "$@" \
+  >"$scratch/log" 2>&1 || { cat "$scratch/log"; exit 1; }
+if cmake -S "$scratch/pepper" -B "$scratch/none" -G Ninja -DMIRADO_SET="$scratch/none-such" >"$scratch/log" 2>&1; then
   echo "a set's folder that does not exist was accepted"
   exit 1
 fi

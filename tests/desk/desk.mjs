@@ -34,8 +34,9 @@ export class Desk {
     if (limits.length) {
       await chmod(dirname(store), 0o777);
       run.unshift("bash", "-c", `${limits} && exec "$0" "$@"`);
-      // Root is not bound by a number of processes.
-      if (process.getuid() === 0) run.unshift("setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", "--");
+      // Root is not bound by a number of processes, and nobody else may enter a folder such as /root.
+      if (process.getuid() === 0) run.unshift("setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
+        "--inh-caps=+dac_override", "--ambient-caps=+dac_override", "--");
     }
     desk.child = spawn(run[0], run.slice(1), { stdio: ["ignore", "pipe", "inherit"] });
     desk.exit = once(desk.child, "exit");
