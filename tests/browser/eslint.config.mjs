@@ -30,7 +30,7 @@ const style = Object.fromEntries(Object.entries({
 }).map(([rule, options]) => [`@stylistic/${rule}`, options === true ? "error" : ["error"].concat(options)]));
 
 export default [
-  { ignores: ["build/**", "**/node_modules/**", "**/mirado.classic.js", "**/*.ts"] },
+  { ignores: ["build/**", "npm/mirado-desk/program/**", "**/node_modules/**", "**/mirado.classic.js", "**/*.ts"] },
   js.configs.recommended,
   {
     plugins: { "@stylistic": stylistic },
