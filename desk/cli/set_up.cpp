@@ -1,8 +1,10 @@
 #include <charconv>
-#include <functional>
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "base/terminal.h"
@@ -17,12 +19,14 @@ namespace {
 struct SetUpOptions {
   StoreChoice store;
   bool json = false;
-  std::string word;
-  std::string name;
-  std::string value;
-  std::string privilege{Privilege()};
+  std::string name;  ///< of a list, a command, a privilege …; empty for all of them
+  std::optional<std::string> value;
   std::vector<std::string> items;
+  bool empty = false;
   bool remove = false;
+
+  /// Whether the set is to be changed, and not shown.
+  bool Changes() const { return value || !items.empty() || empty || remove; }
 };
 
 using Options = std::shared_ptr<SetUpOptions>;
@@ -36,7 +40,7 @@ std::string Items(const Json& items) {
   for (const Json& item : items) {
     words += " " + item["value"].dump() + "=" + Typed(item["label"].get<std::string>());
   }
-  return words;
+  return words.empty() ? " --empty" : words;
 }
 
 /// The set in the words that change it, one line each.
@@ -62,14 +66,25 @@ std::vector<std::string> Lines(const Json& set) {
   return lines;
 }
 
-/// Prints what the set has for `words`, or all of it when they are empty. In JSON that is `member` of the set.
-vconf::Status Show(const SetUpOptions& options, const std::string& words, const std::string& member) {
+/// `json` in objects of its own, so that it stands at `place`.
+Json Nested(Json::json_pointer place, Json json) {
+  for (; !place.empty(); place.pop_back()) {
+    json = Json{{place.back(), std::move(json)}};
+  }
+  return json;
+}
+
+/// Prints what the set has at `place`, in the lines that begin with `words` or in JSON.
+vconf::Status Show(const SetUpOptions& options, const std::string& words, const Json::json_pointer& place) {
   const auto set = DescribeSet();
   if (!set.ok()) {
     return set.status();
   }
+  if (!set->contains(place)) {
+    return {vconf::Code::kMissing, "the set has no " + words + "; `mirado set-up` prints what it has"};
+  }
   if (options.json) {
-    PrintJson(member.empty() ? *set : Json{{member, (*set)[member]}});
+    PrintJson(Nested(place, set->at(place)));
     return {};
   }
   for (const std::string& line : Lines(*set)) {
@@ -80,101 +95,66 @@ vconf::Status Show(const SetUpOptions& options, const std::string& words, const 
   return {};
 }
 
-ParsedJson FromOnOff(const std::string& word) { return word == "unknown" ? ParsedJson() : ParsedJson(word == "on"); }
+/// Each reader makes of the arguments what the set is to have; null takes it away.
+Json ReadOnOff(const SetUpOptions& given) { return given.value == "unknown" ? Json() : Json(given.value == "on"); }
 
 /// An integer, or null for "none".
-ParsedJson FromNumber(const std::string& word) {
+Json FromNumber(const std::string& word) {
   if (word == "none") {
     return nullptr;
   }
   int number = 0;
   const auto parsed = std::from_chars(word.data(), word.data() + word.size(), number);
   if (parsed.ec != std::errc() || parsed.ptr != word.data() + word.size()) {
-    throw CLI::ValidationError(word + " is neither an integer of 32 bits nor none");
+    throw CLI::ValidationError(Quoted(word) + " is neither an integer of 32 bits nor none");
   }
   return number;
 }
 
-ParsedJson FromItems(const SetUpOptions& options) {
-  if (options.remove) {
+Json ReadNumber(const SetUpOptions& given) { return FromNumber(*given.value); }
+
+Json ReadText(const SetUpOptions& given) { return TextFromArgument(*given.value); }
+
+Json ReadReply(const SetUpOptions& given) {
+  return given.value == "none" ? Json() : ToJson(ValueFromArgument(*given.value));
+}
+
+Json ReadItems(const SetUpOptions& given) {
+  if (given.remove) {
     return nullptr;
   }
-  ParsedJson items = ParsedJson::array();
-  for (const std::string& item : options.items) {
+  Json items = Json::array();
+  for (const std::string& item : given.items) {
     const auto sign = item.find('=');
     if (sign == std::string::npos) {
-      throw CLI::ValidationError(item + " is no item: an item is VALUE=LABEL, such as 1=English");
+      throw CLI::ValidationError(Quoted(item) + " is no item: an item is VALUE=LABEL, such as 1=English");
     }
     items.push_back({{"value", FromNumber(item.substr(0, sign))}, {"label", TextFromArgument(item.substr(sign + 1))}});
   }
   return items;
 }
 
-ParsedJson FromReply(const std::string& word) {
-  return word == "none" ? ParsedJson() : ParsedJson(ToJson(ValueFromArgument(word)));
-}
-
-using MakeChange = ParsedJson (*)(const SetUpOptions&);
-using ShowState = std::function<vconf::Status(const SetUpOptions&)>;
-
-/// What a word prints without arguments: its lines, or `member` of the set in JSON.
-ShowState Shows(const std::string& words, const std::string& member) {
-  return [=](const SetUpOptions& given) { return Show(given, words, member); };
-}
-
-/// Adds a word of `set-up`. `change` makes what it changes from its arguments; without any it runs `show`.
-CLI::App* Add(CLI::App& parent, Run& run, const Options& options, const char* name, const char* text,
-              const ShowState& show, MakeChange change) {
-  auto* command = parent.add_subcommand(name, text);
-  command->callback([=, &run] {
-    const auto given = command->get_options([](const CLI::Option* option) { return option->count() > 0; });
-    if (given.empty()) {
-      run = [=] { return WithStore(options->store, Absent::kMake, [&] { return show(*options); }); };
+/// Lets `command` show what the set has at `place`, under the name that is given, or give it what `read` makes of the
+/// arguments. A change without a name is one of `usual_name`.
+void ShowOrChange(CLI::App& command, Run& run, const Options& options, const char* place,
+                  Json (*read)(const SetUpOptions&), std::string_view usual_name = "") {
+  command.callback([=, &command, &run] {
+    if (!command.get_subcommands().empty()) {
       return;
     }
-    run = [options, json = change(*options)] {
-      return WithStore(options->store, Absent::kMake, [&] { return ChangeSet(json); });
+    std::string words = WordsOf(command).substr(std::string_view("mirado set-up").size());
+    words.erase(0, 1);
+    Json::json_pointer at(place);
+    if (!options->name.empty() || (options->Changes() && !usual_name.empty())) {
+      at /= options->name.empty() ? std::string(usual_name) : TextFromArgument(options->name);
+      words += " " + Typed(at.back());
+    }
+    const Json change = options->Changes() ? Nested(at, read(*options)) : Json();
+    run = [=] {
+      return WithStore(options->store, Absent::kMake,
+                       [&] { return options->Changes() ? ChangeSet(change) : Show(*options, words, at); });
     };
   });
-  return command;
-}
-
-CLI::Option* AddOnOff(CLI::App& command, std::string& word, const std::vector<std::string>& words) {
-  return command.add_option("STATE", word, CLI::detail::join(words, ", "))->check(CLI::IsMember(words))->type_name("");
-}
-
-void AddEmbedder(CLI::App& set_up, Run& run, const Options& options) {
-  auto* embedder = set_up.add_subcommand("embedder", "The web runtime's private interface");
-  embedder->require_subcommand(1);
-  embedder->fallthrough();
-  auto* offered = Add(*embedder, run, options, "offered", "Whether there is such an interface, from the next page on",
-                      Shows("embedder offered", "embedder"), [](const SetUpOptions& given) -> ParsedJson {
-                        return {{"embedder", {{"offered", FromOnOff(given.word)}}}};
-                      });
-  AddOnOff(*offered, options->word, {"on", "off"});
-  auto* name = Add(*embedder, run, options, "name", "What it calls itself", Shows("embedder name", "embedder"),
-                   [](const SetUpOptions& given) -> ParsedJson {
-                     return {{"embedder", {{"name", TextFromArgument(given.value)}}}};
-                   });
-  name->add_option("NAME", options->value);
-  auto* reply = Add(*embedder, run, options, "reply", "What it replies to an operation",
-                    Shows("embedder reply", "embedder"), [](const SetUpOptions& given) -> ParsedJson {
-                      return {{"embedder", {{"replies", {{TextFromArgument(given.name), FromReply(given.value)}}}}}};
-                    });
-  auto* operation = reply->add_option("OPERATION", options->name, "Such as check_ace_privilege");
-  operation->needs(
-      reply->add_option("REPLY", options->value, "A value as `mirado set` takes it, or none for the usual one"));
-}
-
-/// Adds the word for item lists under a name.
-void AddItems(CLI::App& set_up, Run& run, const Options& options, const char* name, const char* text,
-              const ShowState& show) {
-  auto* items = Add(set_up, run, options, name, text, show, [](const SetUpOptions& given) -> ParsedJson {
-    return {{"lists", {{TextFromArgument(given.name), FromItems(given)}}}};
-  });
-  auto* list = items->add_option("LIST", options->name, "Such as primary-audio-language");
-  items->add_option("ITEM", options->items, "VALUE=LABEL, such as 1=English; none of them is a list without items");
-  items->add_flag("--remove", options->remove, "There is no such list")->needs(list);
 }
 
 vconf::Status ListSaved(const SetUpOptions& options) {
@@ -217,8 +197,7 @@ void AddScenarios(CLI::App& set_up, Run& run, const Options& options) {
       })
       ->add_option("NAME", options->name, kName)
       ->required();
-  AddItems(set_up, run, options, "list",
-           "Print the names under which the set was saved; with arguments the same as items", ListSaved);
+  add("list", "Print the names under which the set was saved", ListSaved);
 }
 
 }  // namespace
@@ -230,42 +209,54 @@ void AddSetUpCommand(CLI::App& app, Run& run) {
   AddJsonOption(*set_up, options->json);
   set_up->require_subcommand(0, 1);
   set_up->fallthrough();
-  set_up->callback([set_up, options, &run] {
-    if (set_up->get_subcommands().empty()) {
-      run = [options] { return WithStore(options->store, Absent::kMake, [&] { return Show(*options, "", ""); }); };
-    }
-  });
+  ShowOrChange(*set_up, run, options, "", nullptr);
 
-  auto* b2b = Add(*set_up, run, options, "b2b", "Whether the set is a B2B product", Shows("b2b", "b2b"),
-                  [](const SetUpOptions& given) -> ParsedJson {
-                    return {{"b2b", FromOnOff(given.word)}};
-                  });
-  AddOnOff(*b2b, options->word, {"on", "off", "unknown"});
+  const auto add_state = [&](CLI::App& command, const std::vector<std::string>& states) {
+    command.add_option("STATE", options->value, CLI::detail::join(states, ", "))
+        ->check(CLI::IsMember(states))
+        ->type_name("");
+  };
+  auto* b2b = set_up->add_subcommand("b2b", "Whether the set is a B2B product");
+  ShowOrChange(*b2b, run, options, "/b2b", ReadOnOff);
+  add_state(*b2b, {"on", "off", "unknown"});
 
   auto* privilege =
-      Add(*set_up, run, options, "privilege", "Whether a page's application holds a privilege, from the next page on",
-          Shows("privilege", "privileges"), [](const SetUpOptions& given) -> ParsedJson {
-            return {{"privileges", {{TextFromArgument(given.privilege), FromOnOff(given.word)}}}};
-          });
-  AddOnOff(*privilege, options->word, {"on", "off", "unknown"});
-  privilege->add_option("URI", options->privilege, "The privilege")->capture_default_str();
+      set_up->add_subcommand("privilege", "Whether a page's application holds a privilege, from the next page on");
+  ShowOrChange(*privilege, run, options, "/privileges", ReadOnOff, Privilege());
+  add_state(*privilege, {"on", "off", "unknown"});
+  privilege->add_option("URI", options->name, "The privilege, if not " + std::string(Privilege()));
 
-  auto* picture = Add(*set_up, run, options, "picture-size", "The picture-size code, or that there is no picture",
-                      Shows("picture-size", "pictureSize"), [](const SetUpOptions& given) -> ParsedJson {
-                        return {{"pictureSize", FromNumber(given.value)}};
-                      });
+  auto* picture = set_up->add_subcommand("picture-size", "The picture-size code, or that there is no picture");
+  ShowOrChange(*picture, run, options, "/pictureSize", ReadNumber);
   picture->add_option("SIZE", options->value, "An integer, or none");
 
-  AddItems(*set_up, run, options, "items", "Which values a setting may take", Shows("items", "lists"));
+  auto* items = set_up->add_subcommand("items", "Which values a setting may take");
+  ShowOrChange(*items, run, options, "/lists", ReadItems);
+  auto* list = items->add_option("LIST", options->name, "Such as primary-audio-language");
+  auto* item = items->add_option("ITEM", options->items, "VALUE=LABEL, such as 1=English");
+  auto* empty = items->add_flag("--empty", options->empty, "The list has no items")->needs(list)->excludes(item);
+  items->add_flag("--remove", options->remove, "There is no such list")->needs(list)->excludes(item)->excludes(empty);
 
-  auto* latency = Add(*set_up, run, options, "latency", "How long a command is held back", Shows("latency", "latency"),
-                      [](const SetUpOptions& given) -> ParsedJson {
-                        return {{"latency", {{TextFromArgument(given.name), FromNumber(given.value)}}}};
-                      });
-  auto* command = latency->add_option("COMMAND", options->name, "Such as getMenuValue");
-  command->needs(latency->add_option("MILLISECONDS", options->value, "0 to 60000, or none"));
+  auto* latency = set_up->add_subcommand("latency", "How long a command is held back");
+  ShowOrChange(*latency, run, options, "/latency", ReadNumber);
+  latency->add_option("COMMAND", options->name, "Such as getMenuValue");
+  latency->add_option("MILLISECONDS", options->value, "0 to 60000, or none");
 
-  AddEmbedder(*set_up, run, options);
+  auto* embedder = set_up->add_subcommand("embedder", "The web runtime's private interface");
+  embedder->require_subcommand(0, 1);
+  embedder->fallthrough();
+  ShowOrChange(*embedder, run, options, "/embedder", nullptr);
+  auto* offered = embedder->add_subcommand("offered", "Whether there is such an interface, from the next page on");
+  ShowOrChange(*offered, run, options, "/embedder/offered", ReadOnOff);
+  add_state(*offered, {"on", "off"});
+  auto* name = embedder->add_subcommand("name", "What it calls itself");
+  ShowOrChange(*name, run, options, "/embedder/name", ReadText);
+  name->add_option("NAME", options->value, "Any text");
+  auto* reply = embedder->add_subcommand("reply", "What it replies to an operation");
+  ShowOrChange(*reply, run, options, "/embedder/replies", ReadReply);
+  reply->add_option("OPERATION", options->name, "Such as check_ace_privilege");
+  reply->add_option("REPLY", options->value, "A value as `mirado set` takes it, or none for the usual one");
+
   AddScenarios(*set_up, run, options);
 
   // Now that the words are there, which would take it over as theirs.

@@ -361,6 +361,7 @@ TEST_F(CliTest, SetUpPrintsTheWordsThatBringItBack) {
       {"picture-size", "none"},
       {"items", "primary-audio-language", "1=It's English", "-2=", R"(3="\u001b")"},
       {"items", "secondary-audio-language", "--remove"},
+      {"items", "empty", "--empty"},
       {"embedder", "offered", "off"},
       {"embedder", "name", "Another \n one"},
       {"embedder", "reply", "get_window_id", "\"7\""},
@@ -375,7 +376,10 @@ TEST_F(CliTest, SetUpPrintsTheWordsThatBringItBack) {
   EXPECT_EQ(Run({"set-up", "b2b"}).out, "b2b off\n");
   EXPECT_EQ(Run({"set-up", "--json", "latency"}).out, "{\"latency\":{\"getVersion\":250}}\n");
   EXPECT_EQ(Run({"set-up", "embedder", "reply"}).out, "embedder reply get_window_id '\"7\"'\n");
-  EXPECT_EQ(Run({"set-up", "latency", "getVersion"}).status, 2);
+  EXPECT_EQ(Run({"set-up", "latency", "getVersion"}).out, "latency getVersion 250\n");
+  EXPECT_EQ(Run({"set-up", "items", "empty", "--json"}).out, "{\"lists\":{\"empty\":[]}}\n");
+  EXPECT_EQ(Run({"set-up", "items", "secondary-audio-language"}).status, 1) << "shown, and not emptied";
+  EXPECT_TRUE(Holds(Run({"set-up", "embedder"}).out, "embedder offered off\nembedder name "));
   ASSERT_EQ(Run({"fault", "GetPictureSize", "-1"}).status, 0);
   ASSERT_EQ(Run({"set-up", "save", "other"}).status, 0);
   ASSERT_EQ(Run({"reset"}).status, 0);
