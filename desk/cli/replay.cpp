@@ -53,7 +53,7 @@ int ReplayAlone(const std::string& file, const ReplayOptions& options) {
     return kCannotWork;
   }
   if (WIFSIGNALED(status)) {
-    std::cout << Printable(file) << ": the plug-in crashed: " << strsignal(WTERMSIG(status)) << '\n';
+    std::cout << Printable(file) << ": crashed while it was played: " << strsignal(WTERMSIG(status)) << '\n';
     return kRefused;
   }
   return WEXITSTATUS(status);

@@ -37,11 +37,15 @@ struct Selection {
   bool Holds(std::string_view path) const { return exact ? path == prefix : path.starts_with(prefix); }
 };
 
-/// A setting stands for its one key, everything else for what begins with it.
-Selection Select(const StoreOptions& options) {
+/// A setting stands for its one key, everything else for what begins with it. A word with which no key begins is a
+/// misspelt setting.
+vconf::Result<Selection> Select(const StoreOptions& options) {
   const auto path = PathFromArgument(options.path);
   const std::string typed = TextFromArgument(options.path);
-  return {path.ok() ? *path : typed, options.exact || (path.ok() && *path != typed)};
+  if (const auto known = KnownPaths(typed); !path.ok() && known.ok() && known->empty()) {
+    return path.status();
+  }
+  return Selection{path.ok() ? *path : typed, options.exact || (path.ok() && *path != typed)};
 }
 
 Json KeyJson(const std::string& path, const std::optional<vconf::Value>& value) {
@@ -134,23 +138,26 @@ void PrintKeys(const Selection& selection, const std::map<std::string, vconf::Va
 }
 
 vconf::Status List(const StoreOptions& options) {
-  const Selection selection = Select(options);
-  const auto entries = vconf::List(selection.prefix);
+  const auto selection = Select(options);
+  const auto entries = selection.ok() ? vconf::List(selection->prefix) : selection.status();
   if (!entries.ok()) {
     return entries.status();
   }
   std::map<std::string, vconf::Value> present;
   for (const vconf::Entry& entry : *entries) {
-    if (selection.Holds(entry.path)) {
+    if (selection->Holds(entry.path)) {
       present.emplace(entry.path, entry.value);
     }
   }
-  (options.json ? PrintKeys : PrintRows)(selection, present);
+  (options.json ? PrintKeys : PrintRows)(*selection, present);
   return {};
 }
 
 vconf::Status Watch(const StoreOptions& options) {
-  const Selection selection = Select(options);
+  const auto selection = Select(options);
+  if (!selection.ok()) {
+    return selection.status();
+  }
   ShutdownSignal end;
   LineWriter writer(STDOUT_FILENO, [&end] { end.Raise(); });
   const auto print = [&](const std::string& path, const std::optional<vconf::Value>& value) {
@@ -158,8 +165,8 @@ vconf::Status Watch(const StoreOptions& options) {
                               : Word(path) + " " + (value ? ToArgument(*value) : "(removed)"));
   };
   unsigned seen = 0;  // on the notification thread, and here once the watch has ended
-  auto watch = vconf::WatchPrefix(selection.prefix, [&](const vconf::Change& change) {
-    if (selection.Holds(change.path) && (options.count == 0 || seen < options.count)) {
+  auto watch = vconf::WatchPrefix(selection->prefix, [&](const vconf::Change& change) {
+    if (selection->Holds(change.path) && (options.count == 0 || seen < options.count)) {
       print(change.path, change.value);
       if (++seen == options.count) {
         end.Raise();
@@ -170,12 +177,12 @@ vconf::Status Watch(const StoreOptions& options) {
     return watch.status();
   }
   if (options.now) {
-    const auto entries = vconf::List(selection.prefix);
+    const auto entries = vconf::List(selection->prefix);
     if (!entries.ok()) {
       return entries.status();
     }
     for (const vconf::Entry& entry : *entries) {
-      if (selection.Holds(entry.path)) {
+      if (selection->Holds(entry.path)) {
         print(entry.path, entry.value);
       }
     }

@@ -309,8 +309,12 @@ TEST_F(CliTest, ListNamesEverySettingAndKeepsItsLinesInColumns) {
             R"({"keys":[{"path":"db/menu/system/accessibility/voiceguide/speed","value":9,"table":"menu","key":20,)"
             R"("name":"MENU_KEY_VOICE_GUIDE_SPEED"}]})"
             "\n");
-  EXPECT_TRUE(Holds(Run({"get", "CAPTON"}).log, "did you mean CAPTION?"));
-  const std::string some = Run({"list", "memory/"}).out;
+  for (const char* command : {"get", "list", "watch"}) {
+    const Outcome misspelt = Run({command, "CAPTON"});
+    EXPECT_EQ(misspelt.status, 1) << command;
+    EXPECT_TRUE(Holds(misspelt.log, "did you mean CAPTION?")) << command;
+  }
+  const std::string some = Run({"list", "mem"}).out;
   EXPECT_EQ(std::count(some.begin(), some.end(), '\n'), 1) << some;
 }
 
@@ -467,6 +471,8 @@ TEST_F(ReplayTest, TheSameComesOutOfTheRecordedState) {
   EXPECT_TRUE(Holds(again.log, file())) << again.log;
   const Outcome replay = RunAsIs({"replay", file(), file()});
   EXPECT_EQ(replay.status, 0) << replay.out << replay.log;
+  EXPECT_EQ(Shell("test \"$(ulimit -f 0; mirado replay '" + file() + "' none 2>/dev/null | grep -c crashed)\" = 1"), 0)
+      << "the next one does not print again that the first has crashed";
   EXPECT_TRUE(Holds(Run({"host", "--record", "/dev/stdout"}).out, R"("recording")"));
 }
 
