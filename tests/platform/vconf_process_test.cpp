@@ -4,10 +4,13 @@
 
 #include <array>
 #include <atomic>
+#include <cstddef>
+#include <functional>
 #include <future>
 #include <random>
 #include <thread>
 
+#include "layout.h"
 #include "support/vconf_fixture.h"
 
 namespace {
@@ -148,6 +151,24 @@ TEST_F(VconfProcessTest, WhatWasAcknowledgedSurvivesAKill) {
   }
 }
 
+TEST_F(VconfProcessTest, WhoeverDiesWhileItReplacesTheStoreAllGoOnWithOne) {
+  Open({{"memory/round", 0}});
+  std::mt19937 random(7);  // NOLINT(cert-msc51-cpp)
+  for (int round = 1; round <= 60; ++round) {
+    {
+      Process replacer([&] { static_cast<void>(vconf::ReplaceStore(directory(), {{"db/a", 1}})); });
+      std::this_thread::sleep_for(std::chrono::microseconds(random() % 6'000));  // the moment of the kill is the point
+    }
+    EXPECT_EQ(Process([&] {
+                vconf::CloseStore();
+                return vconf::OpenOrCreateStore(directory(), {}).ok() && vconf_set_int("memory/round", round) == 0 ? 0
+                                                                                                                   : 1;
+              }).Wait(),
+              0);
+    ASSERT_EQ(GetInt("memory/round", 0), round);
+  }
+}
+
 // ---- damage
 
 class VconfDamageTest : public VconfTest {
@@ -233,6 +254,50 @@ TEST_F(VconfDamageTest, NoiseOnDiskIsNeverAWrongValueNorTheEnd) {
   EXPECT_GT(refused, 0);
 }
 
+TEST_F(VconfDamageTest, ALogThatLostCommitsIsNoticed) {
+  namespace fs = std::filesystem;
+  Fill();
+  ASSERT_EQ(vconf::Remove("db/key8").text(), "");  // a commit that leaves no row
+  const auto held = *vconf::List("db/");
+  vconf::CloseStore();
+  const std::string copy = folder() + "/copy";
+  const std::string log = "/keys.db-wal";
+  const std::array<std::string, 2> whole = {Contents(file()), Contents(directory() + log)};
+  const std::array<std::function<void(const std::string&)>, 4> damages = {
+      [](const std::string& at) { Overwrite(at, 32 + 4120, Noise(64, 1)); },
+      [](const std::string& at) { Overwrite(at, 0, std::string(32, '\0')); },
+      [](const std::string& at) { fs::resize_file(at, 32 + 4120); }, [](const std::string& at) { fs::remove(at); }};
+  for (const auto& damage : damages) {
+    std::ofstream(file(), std::ios::binary) << whole[0];
+    std::ofstream(directory() + log, std::ios::binary) << whole[1];
+    fs::remove_all(copy);
+    fs::copy(directory(), copy);
+    damage(copy + log);
+    const auto opened = vconf::OpenStore(copy);
+    EXPECT_EQ(opened.code(), vconf::Code::kDamaged);
+    EXPECT_NE(opened.text().find("commits"), std::string::npos) << opened.text();
+    fs::remove(copy + "/live");
+    EXPECT_EQ(vconf::OpenStore(copy).text(), "") << "who takes the region away goes on with what is there";
+    vconf::CloseStore();
+    // In the same boot the region has it all.
+    damage(directory() + log);
+    Open();
+    EXPECT_EQ(*vconf::List("db/"), held);
+    EXPECT_EQ(vconf::Set("db/key1", 9).code(), vconf::Code::kDamaged);
+    EXPECT_EQ(vconf::Set("memory/key1", 1).text(), "");
+    vconf::CloseStore();
+  }
+}
+
+TEST_F(VconfDamageTest, ZerosAreNotTakenForMissingKeys) {
+  Fill();
+  Overwrite(region(), offsetof(vconf::layout::Header, buckets), std::string(sizeof(vconf::layout::Header::buckets), 0));
+  EXPECT_EQ(vconf::List("db/").status().code(), vconf::Code::kDamaged);
+  EXPECT_EQ(vconf::Get("db/key1").status().code(), vconf::Code::kDamaged);
+  EXPECT_EQ(vconf::Get("db/none").status().code(), vconf::Code::kDamaged);
+  EXPECT_EQ(vconf::Set("memory/none", 1).code(), vconf::Code::kDamaged);
+}
+
 TEST_F(VconfDamageTest, AFileThatChangesWhileInUseIsAFailureOnly) {
   for (const bool live : {false, true}) {
     for (const bool cut : {true, false}) {
@@ -248,6 +313,7 @@ TEST_F(VconfDamageTest, AFileThatChangesWhileInUseIsAFailureOnly) {
         Overwrite(damaged, 0, Noise(size, 3));
       }
       ClearLog();
+      EXPECT_EQ(vconf::CheckStore().text(), "");
       EXPECT_EQ(GetInt("db/key1", -1), 1) << "what is on disk is read on from the region, or from the disk again";
       EXPECT_EQ(GetInt("memory/key1", -1), live ? -1 : 1);
       UseAll();
@@ -263,6 +329,9 @@ TEST_F(VconfDamageTest, AFileThatChangesWhileInUseIsAFailureOnly) {
       EXPECT_LE(log.size(), 4U);
     }
   }
+  Open();
+  for (const std::string& both : {region(), file()}) Overwrite(both, 0, Noise(4096, 3));
+  EXPECT_EQ(vconf::CheckStore().code(), vconf::Code::kDamaged);
 }
 
 TEST_F(VconfDamageTest, NobodyWaitsForChangesThatAreGone) {
@@ -290,6 +359,39 @@ TEST_F(VconfDamageTest, NobodyWaitsForChangesThatAreGone) {
   go_on.set_value();
   waiting.join();
   watch.reset();
+}
+
+TEST_F(VconfDamageTest, WhoMayOnlyReadAndComesFirstFollowsTheOwner) {
+  constexpr uid_t kNobody = 65534;
+  Fill();
+  vconf::CloseStore();
+  std::filesystem::remove(region());  // as after a boot
+  if (geteuid() == 0) {
+    std::filesystem::permissions(folder(), std::filesystem::perms::all);
+    for (const auto& entry : std::filesystem::directory_iterator(directory())) {
+      ASSERT_EQ(chown(entry.path().c_str(), kNobody, kNobody), 0);
+    }
+    ASSERT_EQ(chown(directory().c_str(), kNobody, kNobody), 0);
+  }
+  std::filesystem::permissions(directory(), std::filesystem::perms(0555));
+  Process reader([&](int pipe) {
+    std::promise<void> told;
+    if ((getuid() == 0 && setuid(kNobody) != 0) || !vconf::OpenStore(directory()).ok() || GetInt("db/key1", 0) != 1) {
+      return 1;
+    }
+    const auto watch = vconf::WatchPrefix("db/key1", [&](const Change& change) {
+      if (change.path == "db/key1" && change.value == vconf::Value(7)) told.set_value();
+    });
+    if (write(pipe, "", 1) != 1) return 2;
+    told.get_future().wait();
+    return GetInt("db/key1", 0) == 7 ? 0 : 3;
+  });
+  char ready = 0;
+  EXPECT_TRUE(reader.Read(&ready));
+  std::filesystem::permissions(directory(), std::filesystem::perms(0755));
+  Open();
+  ASSERT_EQ(vconf_set_int("db/key1", 7), 0);
+  EXPECT_EQ(reader.Wait(), 0);
 }
 
 TEST_F(VconfDamageTest, AStoreThatMayOnlyBeReadIsRead) {

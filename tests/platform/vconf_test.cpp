@@ -338,6 +338,10 @@ TEST_F(VconfChangeTest, FaultsAnswerInPlaceOfTheCall) {
   EXPECT_EQ(vconf::SetFault({"vconf_get_int", "*", -3, 2}).text(), "");
   EXPECT_EQ(vconf::SetFault({"vconf_get_int", "db/a", -4, 0}).text(), "");
   EXPECT_EQ(vconf::SetFault({"vconf_set_int", "db/a", 5, 1}).text(), "");
+  const std::string longest = "db/" + std::string(508, 'x');
+  EXPECT_EQ(vconf::SetFault({"vconf_notify_key_changed", longest, 6, 0}).text(), "");
+  EXPECT_EQ(vconf::TakeFault("vconf_notify_key_changed", longest), 6);
+  EXPECT_EQ(vconf::ClearFault("vconf_notify_key_changed", longest).text(), "");
   EXPECT_EQ(vconf::ListFaults()->size(), 3U);
   EXPECT_EQ(vconf::List("")->size(), 2U);
 

@@ -41,7 +41,7 @@ struct Recorder {
   int files = 0;
   std::vector<Call> calls;
 
-  // The region is none of the disk's business: after the power was gone it belongs to another boot.
+  // The region is not synced: what the disk has of it is older than what was acknowledged, see `RegionNow`.
   std::string NameOf(const std::string& path) const {
     const std::string name = path.starts_with(folder + "/") ? path.substr(folder.size() + 1) : path;
     return on && name.starts_with("keys.db") ? name : "";
@@ -175,6 +175,13 @@ int NumberIn(std::size_t key) {
   return text == TextOf(number) ? number : -1;
 }
 
+/// The beginning of the region, which tells how many commits there were.
+std::string RegionNow(const std::string& store) {
+  std::string bytes(4096, '\0');
+  std::ifstream(store + "/live", std::ios::binary).read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  return bytes;
+}
+
 void RecordAStore(const std::string& store, int writes) {
   Recorder& recorder = TheRecorder();
   std::filesystem::create_directory(store);
@@ -189,7 +196,7 @@ void RecordAStore(const std::string& store, int writes) {
       recorder.calls.push_back({Kind::kTry, key, count, {}, {}});
       EXPECT_EQ(key == 0 ? vconf_set_int(path, number) : vconf::Set(path, TextOf(number)).ok() ? 0 : 1, 0);
       EXPECT_EQ(key == 0 ? vconf_sync_key(path) : 0, 0);
-      recorder.calls.push_back({Kind::kAcknowledge, key, count, {}, {}});
+      recorder.calls.push_back({Kind::kAcknowledge, key, count, RegionNow(store), {}});
     }
   }
   vconf::CloseStore();
@@ -220,6 +227,9 @@ class Disk {
       case Kind::kSyncFolder:
         for (const Call* each : std::exchange(unsynced_names_, {})) Apply(*each, &names_);
         break;
+      case Kind::kAcknowledge:
+        region_ = call.text;
+        break;
       default:
         break;
     }
@@ -233,6 +243,9 @@ class Disk {
     for (std::size_t i = 0; i < changes; ++i) Apply(*unsynced_names_[i], &names);
     std::filesystem::remove_all(folder);
     std::filesystem::create_directory(folder);
+    if (!region_.empty() && random() % 2 == 0) {  // it may be there as it was last, or in part, or not at all
+      std::ofstream(folder + "/live", std::ios::binary) << region_ << std::string(100'000, '\0');
+    }
     const unsigned way = random() % 4;  // all, none, up to a point, or here and there
     const std::size_t sector = random() % 2 == 0 ? 512 : 4096;
     for (const auto& [name, file] : names) {
@@ -281,6 +294,7 @@ class Disk {
   std::map<std::string, int> names_;
   std::map<int, std::vector<const Call*>> unsynced_;
   std::vector<const Call*> unsynced_names_;
+  std::string region_;
 };
 
 /// What stands against the store in `folder`, or nothing. `least` was acknowledged, `most` was tried.

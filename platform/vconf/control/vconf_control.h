@@ -58,6 +58,10 @@ void CloseStore();
 /// fall behind.
 Result<std::string> ReplaceStore(const std::string& directory, const std::vector<Entry>& initial);
 
+/// Whether the store that is open can still be used: ok, or what a call that needs it would fail with. Costs a system
+/// call.
+Status CheckStore();
+
 /// `kMissing` for a key that is not there.
 Result<Value> Get(const std::string& path);
 

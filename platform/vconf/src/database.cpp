@@ -4,9 +4,11 @@
 #include <sqlite3.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <thread>
 #include <utility>
 
 #include "shared_lock.h"
@@ -15,13 +17,15 @@ namespace vconf {
 namespace {
 
 constexpr std::uint32_t kApplication = 0x6d697261;
-constexpr int kBusyMilliseconds = static_cast<int>(std::chrono::milliseconds(kLockLimit).count());
 
 // How many pages the log holds before they are copied to the database.
 constexpr int kLogPages = 256;
 
 constexpr const char* kPut = "INSERT OR REPLACE INTO entries VALUES (?1, ?2, ?3, ?4)";
 constexpr const char* kRemove = "DELETE FROM entries WHERE path = ?1";
+
+// The row that has the number of the last commit that only removed rows. It is no key.
+constexpr const char* kRemoval = "!removal";
 
 std::uint64_t Mix(std::uint64_t hash, std::string_view bytes) {
   constexpr std::uint64_t kOdd = 0x9E3779B97F4A7C15U;
@@ -110,7 +114,13 @@ Result<std::unique_ptr<Database>> Database::Connect(const std::string& file, int
     return database->Failure(result);
   }
   sqlite3_extended_result_codes(connection, 1);
-  sqlite3_busy_timeout(connection, kBusyMilliseconds);
+  sqlite3_busy_handler(
+      connection,
+      [](void*, int) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        return WaitLimit::Left().count() > 0 ? 1 : 0;
+      },
+      nullptr);
   // Statements come from here alone; a schema that somebody changed gets no chance to run its own.
   sqlite3_db_config(connection, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
   sqlite3_db_config(connection, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
@@ -202,7 +212,9 @@ Status Database::Failure(int result) const {
       return Damaged(file_);
     case SQLITE_BUSY:
     case SQLITE_LOCKED:
-      return {Code::kBusy, file_ + ": another program has kept it locked too long; `lsof` names it"};
+    case SQLITE_PROTOCOL:  // locked while it was opened
+      return {Code::kBusy, file_ + ": " + HolderOf({file_, file_ + "-shm"}) +
+                               " has kept it locked too long; let it go on, or end it"};
     case SQLITE_ERROR:  // such as a table that is not there
       return Damaged(file_);
     case SQLITE_IOERR:
@@ -263,9 +275,30 @@ Status Database::Read(bool thorough, std::vector<Row>* rows, std::uint64_t* numb
       return Damaged(file_);
     }
     row.value = ValueOf(value);
-    rows->push_back(std::move(row));
+    if (row.path != kRemoval) {
+      rows->push_back(std::move(row));
+    }
   }
   return result == SQLITE_DONE ? Status() : Failure(result);
+}
+
+Result<std::uint64_t> Database::LastNumber() {
+  sqlite3_stmt* made = nullptr;
+  Status status = Prepare("SELECT max(number) FROM entries", &made);
+  const int result = status.ok() ? sqlite3_step(made) : SQLITE_ROW;
+  const auto number = static_cast<std::uint64_t>(sqlite3_column_int64(made, 0));
+  sqlite3_finalize(made);
+  status = result == SQLITE_ROW ? std::move(status) : Failure(result);
+  return status.ok() ? Result(number) : std::move(status);
+}
+
+Status Database::CheckNumber(std::uint64_t number, std::uint64_t known) const {
+  return number >= known
+             ? Status()
+             : Status(Code::kDamaged, file_ + ": lacks the last " + std::to_string(known - number) + " of " +
+                                          std::to_string(known) +
+                                          " commits, so its log (-wal) is damaged or missing; restore the files of the "
+                                          "store, or remove `live` to go on without them");
 }
 
 Status Database::WriteRow(const Row& row, std::uint64_t number) {
@@ -286,7 +319,8 @@ Status Database::WriteRow(const Row& row, std::uint64_t number) {
 }
 
 Status Database::WriteRows(const std::vector<Row>& rows, std::uint64_t number) {
-  if (rows.size() == 1) {
+  const bool removes = std::none_of(rows.begin(), rows.end(), [](const Row& row) { return row.value.has_value(); });
+  if (rows.size() == 1 && !removes) {
     return WriteRow(rows.front(), number);
   }
   Status status = Run("BEGIN IMMEDIATE");
@@ -294,6 +328,9 @@ Status Database::WriteRows(const std::vector<Row>& rows, std::uint64_t number) {
     if (status.ok()) {
       status = WriteRow(row, number);
     }
+  }
+  if (status.ok() && removes) {
+    status = WriteRow({kRemoval, 0}, number);
   }
   if (status.ok()) {
     status = Run("COMMIT");

@@ -37,6 +37,12 @@ class Database {
   /// Appends all rows in the order of their commits, and sets `number` to the highest. `thorough` looks at each page.
   Status Read(bool thorough, std::vector<Row>* rows, std::uint64_t* number);
 
+  /// The highest number alone.
+  Result<std::uint64_t> LastNumber();
+
+  /// `kDamaged` when the database ends at commit `number` and there have been `known`: the log has lost some.
+  Status CheckNumber(std::uint64_t number, std::uint64_t known) const;
+
   /// One commit. Durable when it returns; after a failure nothing has changed.
   Status Write(const std::vector<Row>& rows, std::uint64_t number);
 

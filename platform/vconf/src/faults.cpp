@@ -43,7 +43,7 @@ std::optional<Fault> Find(const Table& table, std::string_view key) {
 Status Store::SetFault(const Fault& fault) {
   std::string key = KeyOf(fault.call, fault.path);
   if (fault.call.empty() || fault.path.empty() || fault.call.find(kBetween) != std::string::npos ||
-      key.find('\0') != std::string::npos || key.size() > layout::kMaxPath) {
+      key.find('\0') != std::string::npos || key.size() > layout::kMaxName) {
     return {Code::kBadName, fault.call + " " + fault.path + ": is no call and path of a fault"};
   }
   return Change(Home::kDisk, [&](Region&, std::vector<Row>* rows) {

@@ -47,6 +47,8 @@ Status SystemFailure(const std::string& file, int error) {
     case EACCES:
     case EPERM:
       return status(Code::kNotPermitted, std::generic_category().message(error));
+    case ENOTDIR:
+      return status(Code::kFailed, "is no folder, or lies in none; name another one");
     case EROFS:
       return status(Code::kReadOnly, "may only be read by this process");
     case ENOSPC:
@@ -153,19 +155,20 @@ Result<std::string> Folder::MoveAway(const std::vector<std::string>& names) cons
   return SystemFailure(path_, errno);
 }
 
-Result<Descriptor> Folder::LockMaking() const {
-  Descriptor lock(open(path_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  const auto until = std::chrono::steady_clock::now() + kLockLimit;
-  while (lock.is_open() && flock(lock.number(), LOCK_EX | LOCK_NB) != 0) {
+MakingLock::~MakingLock() { flock(folder_.number(), LOCK_UN); }
+
+Result<MakingLock> Folder::LockMaking() const {
+  Descriptor folder(open(path_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  while (folder.is_open() && flock(folder.number(), LOCK_EX | LOCK_NB) != 0) {
     if (errno != EWOULDBLOCK && errno != EINTR) {
       return SystemFailure(path_, errno);
     }
-    if (std::chrono::steady_clock::now() > until) {
-      return Status(Code::kBusy, path_ + ": another process is making the store and does not end; `lsof` names it");
+    if (WaitLimit::Left().count() == 0) {
+      return Status(Code::kBusy, path_ + ": " + HolderOf({path_}) + " is making the store and does not end; end it");
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
-  return lock.is_open() ? Result(std::move(lock)) : SystemFailure(path_, errno);
+  return folder.is_open() ? Result(MakingLock(std::move(folder))) : SystemFailure(path_, errno);
 }
 
 }  // namespace vconf

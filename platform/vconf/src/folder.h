@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "result.h"
@@ -23,6 +24,17 @@ class Descriptor {
 
  private:
   int number_;
+};
+
+/// A lock of a folder (`flock`) for its scope. A child that was forked meanwhile does not keep it.
+class MakingLock {
+ public:
+  explicit MakingLock(Descriptor folder) : folder_(std::move(folder)) {}
+  MakingLock(MakingLock&&) = default;
+  ~MakingLock();
+
+ private:
+  Descriptor folder_;
 };
 
 /// The failure of a system call on `file`, from errno.
@@ -75,7 +87,7 @@ class Folder {
   Result<std::string> MoveAway(const std::vector<std::string>& names) const;
 
   /// Keeps other processes from making or replacing the store until the result is gone.
-  Result<Descriptor> LockMaking() const;
+  Result<MakingLock> LockMaking() const;
 
  private:
   Folder(std::string path, Descriptor directory, uid_t owner, gid_t group, bool may_write)

@@ -8,7 +8,7 @@ using layout::Word;
 
 std::uint32_t Heap::IndexOf(std::uint32_t size) {
   std::uint32_t index = 0;
-  while ((layout::kMinBlock << index) < size) {
+  while (index + 1 < layout::kBlockSizes && (layout::kMinBlock << index) < size) {
     ++index;
   }
   return index;
@@ -54,38 +54,26 @@ void Heap::Give(std::uint32_t block, std::uint32_t size) {
   }
 }
 
-void Heap::Compact(Blocks blocks) {
+void Heap::FreeAllBut(Blocks used) {
   layout::Header& header = region_.header();
-  for (std::uint32_t index = 0; index < layout::kBlockSizes; ++index) {
-    // A list that is damaged does not end by itself.
-    std::uint32_t left = layout::kMaxSize / layout::kMinBlock;
-    std::uint32_t block = header.free[index].exchange(0);
-    for (const Word* next = region_.At<Word>(block); next != nullptr && left > 0;
-         next = region_.At<Word>(block), --left) {
-      blocks.emplace_back(block, layout::kMinBlock << index);
-      block = next->load(std::memory_order_relaxed);
-    }
+  for (Word& list : header.free) {
+    list.store(0, std::memory_order_relaxed);
   }
-  for (auto& [block, size] : blocks) {
-    size = layout::kMinBlock << IndexOf(size);
-  }
-  std::sort(blocks.begin(), blocks.end());
-  for (auto at = blocks.begin(); at != blocks.end();) {
-    std::uint32_t begin = at->first;
-    std::uint32_t end = begin + at->second;
-    for (++at; at != blocks.end() && at->first <= end; ++at) {  // a damaged list may name one twice
-      end = std::max(end, at->first + at->second);
+  std::sort(used.begin(), used.end());
+  std::uint32_t begin = layout::kFirstBlock;
+  for (const auto& [block, size] : used) {
+    if (block % layout::kMinBlock != 0 || region_.At<Word>(block, size) == nullptr) {
+      continue;  // a value that is damaged
     }
-    if (end == header.end.load(std::memory_order_relaxed)) {
-      header.end.store(begin, std::memory_order_relaxed);
-      continue;
-    }
-    for (std::uint32_t index = layout::kBlockSizes; index-- > 0;) {
-      for (const std::uint32_t piece = layout::kMinBlock << index; end - begin >= piece; begin += piece) {
+    for (std::uint32_t index = layout::kBlockSizes; index-- > 0 && begin < block;) {
+      for (const std::uint32_t piece = layout::kMinBlock << index; begin < block && block - begin >= piece;) {
         Give(begin, piece);
+        begin += piece;
       }
     }
+    begin = std::max(begin, block + (layout::kMinBlock << IndexOf(size)));
   }
+  header.end.store(begin, std::memory_order_relaxed);
 }
 
 }  // namespace vconf

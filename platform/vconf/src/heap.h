@@ -8,7 +8,8 @@
 namespace vconf {
 
 /// The blocks behind the region's header: of 64 bytes times a power of two, up to the longest text. Their sizes are
-/// known to who holds them. With the region's lock held. Who dies within a call loses a block at the most.
+/// known to who holds them. With the region's lock held. What is free when a process dies within a call may be lost
+/// until the next `FreeAllBut`.
 class Heap {
  public:
   explicit Heap(Region& region) : region_(region) {}
@@ -19,8 +20,8 @@ class Heap {
 
   using Blocks = std::vector<std::pair<std::uint32_t, std::uint32_t>>;  // offset and size
 
-  /// Gives these back and joins all that is free. Nobody may hold one of them.
-  void Compact(Blocks blocks);
+  /// Everything but these becomes free, and what lies side by side is joined.
+  void FreeAllBut(Blocks used);
 
  private:
   static std::uint32_t IndexOf(std::uint32_t size);

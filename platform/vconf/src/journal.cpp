@@ -12,6 +12,9 @@ using layout::Word;
 
 namespace {
 
+// In place of the number of a change: there is none.
+constexpr std::uint64_t kUntold = 0;
+
 ChangeRecord* RecordIn(const Region& region, std::uint64_t number) {
   const auto chunk = static_cast<std::uint32_t>(number / layout::kChunkRecords % layout::kChunks);
   const std::uint32_t block = region.header().chunks[chunk].load(std::memory_order_acquire);
@@ -35,7 +38,7 @@ Turn::Turn(Region& region) : region_(region), table_(region), lock_(std::in_plac
   if (!region.IsWhole()) {
     status_ = Status(Code::kRemoved, region.file() + ": was replaced");
   } else if (lock_->inherited()) {
-    FinishPending();
+    Finish();
   }
 }
 
@@ -46,22 +49,24 @@ Turn::~Turn() {
   }
 }
 
-void Turn::FinishPending() {
+void Turn::Finish() {
   layout::Header& header = region_.header();
-  const std::uint32_t pending = header.pending_key.load(std::memory_order_relaxed);
-  if (const auto* const key = region_.At<layout::Key>(pending);
-      key != nullptr && key->version.load(std::memory_order_relaxed) != header.pending_version &&
-      header.pending_number == header.last + 1) {
-    header.last.fetch_add(1, std::memory_order_release);
+  if (auto* const key = region_.At<layout::Key>(header.pending_key.load(std::memory_order_relaxed));
+      key != nullptr && key->version.load(std::memory_order_relaxed) != header.pending_version) {
+    key->prepared.store(layout::kNotPrepared, std::memory_order_relaxed);
+    if (header.pending_number == header.last + 1) {
+      header.last.fetch_add(1, std::memory_order_release);
+    }
   }
   header.pending_key = 0;
-  std::uint32_t faults = 0;
-  std::vector<Entry> entries;
-  if (table_.List(kFaultPrefix, &entries) == Code::kOk) {
-    faults = static_cast<std::uint32_t>(entries.size());
+  if (const std::uint32_t mark = header.publishing; mark != layout::kNotPrepared) {
+    PublishAll(table_.KeysPrepared(static_cast<layout::Prepared>(mark)), static_cast<layout::Prepared>(mark));
   }
-  header.faults = faults;
-  SetWhole(header, faults > 0);
+  table_.Drop(table_.KeysPrepared(layout::kPreparedInMemory));
+  std::vector<Entry> faults;
+  static_cast<void>(table_.List(kFaultPrefix, &faults));
+  header.faults = static_cast<std::uint32_t>(faults.size());
+  SetWhole(header, !faults.empty());
   ring_ = true;
 }
 
@@ -91,9 +96,36 @@ ChangeRecord* Turn::RecordFor(std::uint64_t number) {
   return RecordIn(region_, number);
 }
 
-void Turn::Publish(std::uint32_t key) {
+void Turn::PublishAll(const std::vector<std::uint32_t>& keys, layout::Prepared mark) {
+  std::string path;
+  region_.header().publishing = keys.size() > 1 ? mark : layout::kNotPrepared;
+  for (const std::uint32_t key : keys) {
+    // Of those in memory none is a fault, and theirs are the writes that count in nanoseconds.
+    if (mark == layout::kPreparedForDisk && table_.PathOf(key, &path) && path.starts_with(kFaultPrefix)) {
+      PublishFault(key);
+    } else {
+      Publish(key);
+    }
+  }
+  region_.header().publishing = layout::kNotPrepared;
+}
+
+// A process that dies in here is followed by one that calls `Finish`.
+void Turn::Flip(std::uint32_t key, std::uint64_t number) {
   layout::Header& header = region_.header();
-  const std::uint64_t number = header.last.load(std::memory_order_relaxed) + 1;
+  header.pending_number.store(number, std::memory_order_relaxed);
+  header.pending_version.store(region_.At<layout::Key>(key)->version.load(std::memory_order_relaxed),
+                               std::memory_order_relaxed);
+  header.pending_key.store(key, std::memory_order_release);  // the last of the three, for who finishes it
+  table_.Flip(key);
+  if (number != kUntold) {
+    header.last.store(number, std::memory_order_release);
+  }
+  header.pending_key.store(0, std::memory_order_release);
+}
+
+void Turn::Publish(std::uint32_t key) {
+  const std::uint64_t number = region_.header().last.load(std::memory_order_relaxed) + 1;
   const layout::Slot* const slot = table_.Prepared(key);
   if (slot == nullptr) {
     return;
@@ -114,24 +146,18 @@ void Turn::Publish(std::uint32_t key) {
     }
     record->number.store(number, std::memory_order_release);
   }
-  const auto* const at = region_.At<layout::Key>(key);
-  header.pending_number.store(number, std::memory_order_relaxed);
-  header.pending_version.store(at->version.load(std::memory_order_relaxed), std::memory_order_relaxed);
-  header.pending_key.store(key, std::memory_order_release);  // the last of the three, for who finishes it
-  table_.Flip(key);
-  header.last.store(number, std::memory_order_release);
-  header.pending_key.store(0, std::memory_order_release);
+  Flip(key, number);
   ring_ = true;
 }
 
-void Turn::PublishUntold(std::uint32_t key) {
+void Turn::PublishFault(std::uint32_t key) {
   layout::Header& header = region_.header();
   const layout::Slot* const slot = table_.Prepared(key);
-  const auto* const at = region_.At<layout::Key>(key);
-  if (slot == nullptr || at == nullptr) {
+  if (slot == nullptr) {
     return;
   }
   const auto there = [](const layout::Slot& each) { return KindOf(each.form.load(std::memory_order_relaxed)) != 0; };
+  const auto* const at = region_.At<layout::Key>(key);
   const bool was = there(at->slots[at->version.load(std::memory_order_relaxed) % 2]);
   const bool is = there(*slot);
   // The hint that there are some comes before the first, and goes after the last.
@@ -139,7 +165,7 @@ void Turn::PublishUntold(std::uint32_t key) {
   if (faults > 0) {
     SetWhole(header, true);
   }
-  table_.Flip(key);
+  Flip(key, kUntold);
   header.faults = faults;
   if (faults == 0) {
     SetWhole(header, false);

@@ -9,8 +9,7 @@
 namespace vconf {
 
 /// A writer's turn: holds the region's lock, for the time that publishing takes, and wakes whoever waits for changes
-/// when it ends. One that died in its turn left at most one change half-made, which the next turn finishes or drops
-/// first.
+/// when it ends. What one that died in its turn had begun to publish, the next turn publishes to its end first.
 class Turn {
  public:
   explicit Turn(Region& region);
@@ -24,15 +23,16 @@ class Turn {
   /// Sees to it that no change can fail for want of room to remember it.
   bool Reserve();
 
-  /// What was prepared for `key` becomes its value, as one more change, which is remembered.
-  void Publish(std::uint32_t key);
-
-  /// The same, but nobody is told.
-  void PublishUntold(std::uint32_t key);
+  /// What was prepared for `keys`, with the mark `mark`, becomes their value: as one more change each, which is
+  /// remembered, but for faults, of which nobody is told. All of it, also when this process dies meanwhile.
+  void PublishAll(const std::vector<std::uint32_t>& keys, layout::Prepared mark);
 
  private:
   layout::ChangeRecord* RecordFor(std::uint64_t number);
-  void FinishPending();
+  void Publish(std::uint32_t key);
+  void PublishFault(std::uint32_t key);
+  void Flip(std::uint32_t key, std::uint64_t number);
+  void Finish();
 
   Region& region_;
   Table table_;

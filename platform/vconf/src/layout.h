@@ -6,7 +6,7 @@
 #include <atomic>
 #include <cstdint>
 
-/// What stands where in the region, the file that all processes with one store map.
+/// The layout of the region, the file that all processes with one store map.
 ///
 /// Every word that a reader may meet while a writer changes it is atomic. A place in the file is an offset from its
 /// beginning; 0 means none. docs/store.md has the picture.
@@ -24,7 +24,7 @@ enum State : std::uint32_t {
 };
 
 /// Changes with every change of this file.
-constexpr std::uint32_t kFormat = 1;
+constexpr std::uint32_t kFormat = 2;
 
 /// Address space, and the most that the file may take.
 constexpr std::uint32_t kMaxSize = 64U << 20U;
@@ -35,6 +35,13 @@ constexpr std::uint32_t kMaxChangeText = 128;
 constexpr std::uint64_t kRememberedChanges = 65536;
 
 constexpr std::uint32_t kMaxPath = 511;
+constexpr std::uint32_t kMaxName = kMaxPath + 64;  // of a fault, which is a call and a path
+
+/// Stands at the end of each list of keys. A 0 there is damage: a disk that fails leaves zeros.
+constexpr std::uint32_t kEndOfList = 1;
+
+/// What `Key::prepared` and `Header::publishing` say.
+enum Prepared : std::uint32_t { kNotPrepared, kPreparedForDisk, kPreparedInMemory };
 
 enum Kind : std::uint32_t { kNone, kInt, kBool, kText };
 
@@ -55,7 +62,7 @@ struct Key {
   Word next;  // in the same bucket
   Word hash;
   Word path_size;
-  Word prepared;  // a writer is at work on the other slot
+  Word prepared;  // the other slot holds a value, or is about to, that nobody may see yet
   Word version;
   std::array<Slot, 2> slots;
 };
@@ -104,6 +111,7 @@ struct Header {  // NOLINT(clang-analyzer-optin.performance.Padding): what chang
   Word pending_key;       // the change that is being made: what its owner's successor has to finish
   Word pending_version;
   LongWord pending_number;
+  Word publishing;  // all that is prepared so is to become visible: who dies meanwhile is completed
   Word faults;
   Word end;      // of the blocks given out
   Word growing;  // of the file, as far as the disk has given it

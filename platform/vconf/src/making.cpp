@@ -9,6 +9,7 @@
 
 #include "dlog.h"
 #include "journal.h"
+#include "shared_lock.h"
 
 namespace vconf::making {
 namespace {
@@ -18,8 +19,9 @@ const std::string kNewRegion = std::string(Folder::kRegion) + Folder::kUnfinishe
 
 using PlaceResult = Result<std::unique_ptr<Place>>;
 
-PlaceResult At(Folder folder, std::unique_ptr<Region> region) {
-  return std::make_unique<Place>(Place{std::move(folder), std::move(region)});
+PlaceResult At(Folder folder, Result<std::unique_ptr<Region>> region) {
+  return region.ok() ? PlaceResult(std::make_unique<Place>(Place{std::move(folder), *std::move(region)}))
+                     : region.status();
 }
 
 bool IsUnfinished(const std::string& name) { return name.find(Folder::kUnfinished) != std::string::npos; }
@@ -35,9 +37,9 @@ Status Fill(Region& region, const std::vector<Row>& rows, std::uint64_t number, 
     std::uint32_t key = 0;
     room = room && table.Prepare(row.path, &*row.value, &key) == Code::kOk;
     if (room && row.path.starts_with(kFaultPrefix)) {
-      turn.PublishUntold(key);
+      turn.PublishAll({key}, layout::kPreparedForDisk);
     } else if (room) {
-      table.Flip(key);
+      table.Flip(key);  // nobody is there to be told
     }
   }
   region.header().published = number;
@@ -52,11 +54,20 @@ Result<std::unique_ptr<Region>> MakeRegion(const Folder& folder, ino_t database,
   return status.ok() ? std::move(region) : Result<std::unique_ptr<Region>>(std::move(status));
 }
 
-// Where the changes of a region ended, so that those of the next one go on from there; 0 when that cannot be told.
-std::uint64_t LastOf(const Region& region) {
+// What a region, which may be of another boot or none at all, tells the next one; 0 when that cannot be told.
+struct Past {
+  std::uint64_t last = 0;       // where its changes ended: those of the next one go on from there
+  std::uint64_t published = 0;  // how many commits it has seen
+};
+Past PastOf(const Result<std::unique_ptr<Region>>& region) {
   constexpr std::uint64_t kBelievable = std::uint64_t{1} << 48U;
-  const std::uint64_t last = region.header().last;
-  return last < kBelievable ? last : 0;
+  if (!region.ok()) {
+    return {};
+  }
+  const layout::Header& header = (*region)->header();
+  const bool known = header.format == layout::kFormat && ((*region)->IsWhole() || header.state == layout::kReplaced);
+  return {header.last < kBelievable ? header.last.load() : 0,
+          known && header.published < kBelievable ? header.published.load() : 0};
 }
 
 // A folder where somebody began to make a store and did not end is as good as empty.
@@ -74,7 +85,7 @@ Result<bool> IsFree(const Folder& folder) {
 Result<std::unique_ptr<Region>> Build(const Folder& folder, const std::vector<Row>& rows, std::uint64_t last) {
   std::vector<Row> lasting;
   std::copy_if(rows.begin(), rows.end(), std::back_inserter(lasting),
-               [](const Row& row) { return !row.path.starts_with("memory/"); });
+               [](const Row& row) { return !row.path.starts_with(kMemoryPrefix); });
   struct stat about = {};
   Status status = Database::Make(folder, kNewDatabase, lasting);
   if (status.ok()) {
@@ -95,7 +106,7 @@ Status Establish(const Folder& folder) {
 PlaceResult Make(Folder folder, const std::vector<Row>& rows) {
   auto region = Build(folder, rows, 0);
   Status status = region.ok() ? Establish(folder) : region.status();
-  return status.ok() ? At(std::move(folder), std::move(*region)) : PlaceResult(std::move(status));
+  return status.ok() ? At(std::move(folder), std::move(region)) : PlaceResult(std::move(status));
 }
 
 Status Migrate(const Folder& folder) {
@@ -121,6 +132,13 @@ Status Migrate(const Folder& folder) {
   return {};
 }
 
+// The keys on disk. SQLite takes what is damaged in the log for its end; the region before knows better.
+Status ReadAll(Database& database, const Result<std::unique_ptr<Region>>& before, std::vector<Row>* rows,
+               std::uint64_t* number) {
+  Status status = database.Read(true, rows, number);
+  return status.ok() ? database.CheckNumber(*number, PastOf(before).published) : status;
+}
+
 // The region of a folder where this process may make none: of its own, and only to read.
 PlaceResult AttachAlone(Folder folder) {
   auto database = Database::Open(folder, false);
@@ -129,12 +147,12 @@ PlaceResult AttachAlone(Folder folder) {
   std::uint64_t number = 0;
   Status status = !database.ok() ? database.status() : region.ok() ? Status() : region.status();
   if (status.ok()) {
-    status = (*database)->Read(true, &rows, &number);
+    status = ReadAll(**database, Region::OpenAny(folder), &rows, &number);
   }
   if (status.ok()) {
     status = Fill(**region, rows, number, 0);
   }
-  return status.ok() ? At(std::move(folder), std::move(*region)) : PlaceResult(std::move(status));
+  return status.ok() ? At(std::move(folder), std::move(region)) : PlaceResult(std::move(status));
 }
 
 PlaceResult AttachFirst(Folder folder) {
@@ -151,27 +169,26 @@ PlaceResult AttachFirst(Folder folder) {
   }
   auto region = Region::Open(folder, inode);
   if (region.ok() || region.status().code() != Code::kMissing) {
-    return region.ok() ? At(std::move(folder), std::move(*region)) : PlaceResult(region.status());
+    return At(std::move(folder), std::move(region));
   }
   const auto before = Region::OpenAny(folder);
   if (before.ok() && (*before)->writable()) {
     (*before)->MarkReplaced();
   }
-  const std::uint64_t last = before.ok() ? LastOf(**before) : 0;
   std::vector<Row> rows;
   std::uint64_t number = 0;
   {
     const auto database = Database::Open(folder, true);
-    status = database.ok() ? (*database)->Read(true, &rows, &number) : database.status();
+    status = database.ok() ? ReadAll(**database, before, &rows, &number) : database.status();
   }
   if (status.ok()) {
-    region = MakeRegion(folder, inode, rows, number, last);
+    region = MakeRegion(folder, inode, rows, number, PastOf(before).last);
     status = region.ok() ? folder.Rename(kNewRegion, Folder::kRegion) : region.status();
   }
   if (status.code() == Code::kFull) {  // so what can be read is read
     return AttachAlone(std::move(folder));
   }
-  return status.ok() ? At(std::move(folder), std::move(*region)) : PlaceResult(std::move(status));
+  return status.ok() ? At(std::move(folder), std::move(region)) : PlaceResult(std::move(status));
 }
 
 Result<Folder> OpenOrMakeFolder(const std::string& directory, bool make) {
@@ -208,43 +225,45 @@ PlaceResult Attach(const std::string& directory, const std::vector<Entry>* initi
   const Status status = CheckDatabase(*folder, &inode);
   if (status.ok()) {
     auto region = Region::Open(*folder, inode);
-    if (region.ok()) {
-      return At(std::move(*folder), std::move(*region));
+    if (region.ok() || region.status().code() != Code::kMissing) {
+      return At(*std::move(folder), std::move(region));
     }
-    if (region.status().code() != Code::kMissing) {
-      return region.status();
-    }
-    return folder->may_write() ? AttachFirst(std::move(*folder)) : AttachAlone(std::move(*folder));
+    return folder->may_write() ? AttachFirst(*std::move(folder)) : AttachAlone(*std::move(folder));
   }
   if (status.code() != Code::kMissing) {
     return status;
   }
   struct stat about = {};
   if (folder->Check(Folder::kOldStore, &about).ok()) {
-    return folder->may_write() ? AttachFirst(std::move(*folder))
+    return folder->may_write() ? AttachFirst(*std::move(folder))
                                : Status(Code::kReadOnly, folder->File(Folder::kOldStore) +
                                                              ": is of an earlier version; let its owner open it once");
   }
-  const auto lock = folder->may_write() ? folder->LockMaking() : Descriptor();
-  if (!lock.ok()) {
-    return lock.status();
-  }
-  const auto free = IsFree(*folder);
-  if (!free.ok() || (*free && initial == nullptr)) {
-    return free.ok() ? Status(Code::kMissing, directory + ": there is no store here") : free.status();
-  }
-  if (!*free) {
-    if (CheckDatabase(*folder, &inode).ok()) {  // another process was faster
-      auto region = Region::Open(*folder, inode);
-      return region.ok() ? At(std::move(*folder), std::move(*region)) : PlaceResult(region.status());
-    }
-    return Status(Code::kMissing,
-                  folder->File(Folder::kDatabase) + ": is not there, so the folder holds no store; name another one");
-  }
   if (!folder->may_write()) {
-    return Status(Code::kNotPermitted, directory + ": this process may make no store here");
+    return Status(Code::kMissing, directory + ": there is no store here, and this process may make none");
   }
-  return Make(std::move(*folder), RowsOf(*initial));
+  const auto lock = folder->LockMaking();
+  const auto free = lock.ok() ? IsFree(*folder) : lock.status();
+  if (!free.ok()) {
+    return free.status();
+  }
+  if (*free) {
+    return initial != nullptr ? Make(*std::move(folder), RowsOf(*initial))
+                              : Status(Code::kMissing, directory + ": there is no store here");
+  }
+  if (CheckDatabase(*folder, &inode).ok()) {  // another process was faster
+    auto region = Region::Open(*folder, inode);
+    return At(*std::move(folder), std::move(region));
+  }
+  return Status(Code::kMissing,
+                folder->File(Folder::kDatabase) + ": is not there, so the folder holds no store; name another one");
+}
+
+PlaceResult AttachShared(Folder folder) {
+  ino_t inode = 0;
+  Status status = CheckDatabase(folder, &inode);
+  auto region = status.ok() ? Region::Open(folder, inode) : std::move(status);
+  return At(std::move(folder), std::move(region));
 }
 
 Result<std::string> Replace(const std::string& directory, const std::vector<Entry>& initial) {
@@ -269,7 +288,7 @@ Result<std::string> Replace(const std::string& directory, const std::vector<Entr
     return Status(Code::kMissing, directory + ": there is no store here");
   }
   const auto before = Region::OpenAny(*folder);
-  const auto region = Build(*folder, RowsOf(initial), before.ok() ? LastOf(**before) : 0);
+  const auto region = Build(*folder, RowsOf(initial), PastOf(before).last);
   if (!region.ok()) {
     return region.status();
   }
@@ -278,14 +297,16 @@ Result<std::string> Replace(const std::string& directory, const std::vector<Entr
   if (before.ok() && (*before)->IsWhole() && (*before)->writable()) {
     writing.emplace((*before)->header().disk_lock, "writing to disk");
   }
+  // First of all, so that nobody goes on with a region that is not in the folder any more. Who looks for the new one
+  // waits for the lock of the folder; when this process dies before, a new one is made of what is there.
+  if (before.ok() && (*before)->writable()) {
+    (*before)->MarkReplaced();
+  }
   auto moved = folder->MoveAway(old);
   if (!moved.ok()) {
     return moved;
   }
   Status status = Establish(*folder);
-  if (before.ok() && (*before)->writable()) {
-    (*before)->MarkReplaced();
-  }
   return status.ok() ? std::move(moved) : Result<std::string>(std::move(status));
 }
 

@@ -24,6 +24,9 @@ struct Place {
 /// becomes a store that holds `initial`, unless that is null.
 Result<std::unique_ptr<Place>> Attach(const std::string& directory, const std::vector<Entry>* initial);
 
+/// The store of `folder` when its region is there and of this boot; `kMissing` otherwise.
+Result<std::unique_ptr<Place>> AttachShared(Folder folder);
+
 /// As `ReplaceStore` of the control side.
 Result<std::string> Replace(const std::string& directory, const std::vector<Entry>& initial);
 

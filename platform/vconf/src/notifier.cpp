@@ -167,10 +167,11 @@ void Notifier::Settle() {
   if (!alive_ || OnThread() || forked_) {
     return;
   }
-  const std::uint64_t last = store_.region().header().last.load(std::memory_order_acquire);
+  const Region& now = store_.region();
+  const std::uint64_t last = now.header().last.load(std::memory_order_acquire);
   ++waiting_;
   const auto settled = [&, before = lost_] {
-    return !alive_ || lost_ != before || (next_ > last && running_ == nullptr);
+    return !alive_ || (region_ == &now && next_ > last && running_ == nullptr) || (!now.IsWhole() && lost_ != before);
   };
   // Whoever made a change rings, and only one who died or stands still in between does not.
   while (!progress_.wait_for(lock, kSettleLook, settled)) {
@@ -229,17 +230,19 @@ bool Notifier::Deliver(Region** region) {
     changes.clear();
     bool remembered = (*region)->IsWhole() && ReadChanges(**region, next, kMostAtOnce, &changes);
     lock.lock();
-    if (*region != region_ || !(*region)->IsWhole()) {
+    const bool lost = *region != region_ || !(*region)->IsWhole();
+    if (lost) {
       // Who listened to the one before has missed what lies between the two.
-      ++lost_;
       for (const auto& listener : AllLocked()) {
         listener->since = 0;
       }
       if (*region == region_) {
+        ++lost_;
         progress_.notify_all();
         return true;
       }
       region_ = *region;
+      next_ = 0;
       changes.clear();
       remembered = false;
     }
@@ -259,6 +262,7 @@ bool Notifier::Deliver(Region** region) {
     if (!changes.empty()) {
       next_ = changes.back().sequence + 1;
     }
+    lost_ += lost ? 1 : 0;
     if (waiting_ > 0) {
       progress_.notify_all();
     }

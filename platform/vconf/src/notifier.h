@@ -74,7 +74,7 @@ class Notifier {
   std::uint64_t next_ = 0;    // the first change that was not handed out yet
   bool alive_ = false;        // the thread runs, or will look at the listeners once more
   bool forked_ = false;       // the thread belongs to the parent
-  unsigned lost_ = 0;         // how often the changes to come could not be told apart from those that were
+  unsigned lost_ = 0;         // how often another region was found and told, or none for one that is damaged
   unsigned waiting_ = 0;      // threads that wait for progress
   std::thread thread_;
   std::thread::id thread_id_;

@@ -67,6 +67,17 @@ int Allocate(int file, std::uint32_t from, std::uint32_t size) {
   return error;
 }
 
+// What every new region has, beside what tells where it belongs.
+void Begin(layout::Header& header) {
+  InitLock(header.lock);
+  InitLock(header.disk_lock);
+  header.end = layout::kFirstBlock;
+  for (layout::Word& bucket : header.buckets) {
+    bucket.store(layout::kEndOfList, std::memory_order_relaxed);
+  }
+  header.state = layout::kWhole;
+}
+
 // One bit for this process; some others may have the same.
 std::uint32_t OwnBit() { return 1U << (static_cast<std::uint32_t>(getpid()) % 32U); }
 
@@ -155,23 +166,16 @@ Result<std::unique_ptr<Region>> Region::Make(const Folder& folder, const std::st
   header.database = database;
   header.format = layout::kFormat;
   header.lock_size = sizeof(pthread_mutex_t);
-  InitLock(header.lock);
-  InitLock(header.disk_lock);
-  header.end = layout::kFirstBlock;
   header.growing = layout::kFirstBlock + kGrowth;
-  header.state = layout::kWhole;
+  Begin(header);
   return region;
 }
 
 Result<std::unique_ptr<Region>> Region::MakePrivate(const Folder& folder) {
   auto region = Map(folder.File(Folder::kRegion), Descriptor(), true);
   if (region.ok()) {
-    layout::Header& header = (*region)->header();
-    InitLock(header.lock);
-    InitLock(header.disk_lock);
-    header.end = layout::kFirstBlock;
-    header.growing = layout::kMaxSize;
-    header.state = layout::kWhole;
+    (*region)->header().growing = layout::kMaxSize;
+    Begin((*region)->header());
   }
   return region;
 }

@@ -24,16 +24,6 @@ Code PrepareAll(Table& table, const std::vector<Row>& rows, std::vector<std::uin
   return code;
 }
 
-void PublishAll(Turn& turn, const std::vector<Row>& rows, const std::vector<std::uint32_t>& keys) {
-  for (std::size_t i = 0; i < rows.size(); ++i) {
-    if (rows[i].path.starts_with(kFaultPrefix)) {
-      turn.PublishUntold(keys[i]);
-    } else {
-      turn.Publish(keys[i]);
-    }
-  }
-}
-
 void Difference(const std::vector<Entry>& held, const Wanted& wanted, std::vector<Row>* rows) {
   std::map<std::string, std::optional<Value>, std::less<>> changes(wanted.begin(), wanted.end());
   for (const Entry& entry : held) {

@@ -15,9 +15,6 @@ namespace vconf {
 /// Prepares all of `rows`, or none. With the region's lock held.
 Code PrepareAll(Table& table, const std::vector<Row>& rows, std::vector<std::uint32_t>* keys);
 
-/// Publishes what was prepared for `rows`.
-void PublishAll(Turn& turn, const std::vector<Row>& rows, const std::vector<std::uint32_t>& keys);
-
 using Wanted = std::map<std::string, Value, std::less<>>;
 
 /// Appends what makes `held` hold what `wanted` does, and nothing else.

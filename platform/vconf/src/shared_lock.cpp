@@ -1,10 +1,13 @@
 #include "shared_lock.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <ctime>
 #include <fstream>
+#include <sstream>
 #include <system_error>
 #include <thread>
 
@@ -14,22 +17,34 @@ namespace {
 std::atomic<std::uint32_t> g_process{
     static_cast<std::uint32_t>(getpid())};  // asking the kernel takes as long as a lock
 
+// 0 outside of a limit.
+thread_local std::chrono::milliseconds t_limit{0};
+
+// When this thread first waited within its outermost limit; 0 until it does.
+thread_local std::chrono::steady_clock::time_point t_begin;
+
+std::chrono::milliseconds Waited() {
+  return t_begin == decltype(t_begin)()
+             ? std::chrono::milliseconds(0)
+             : std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - t_begin);
+}
+
 #if defined(__SANITIZE_THREAD__)
 // ThreadSanitizer does not see that a wait with a limit takes the lock of an owner that died, so the lock is tried
 // again and again.
-int Await(pthread_mutex_t* mutex, std::chrono::milliseconds limit) {
-  const auto until = std::chrono::steady_clock::now() + limit;
+int Await(pthread_mutex_t* mutex) {
   int result = pthread_mutex_trylock(mutex);
-  while (result == EBUSY && std::chrono::steady_clock::now() < until) {
+  while (result == EBUSY && WaitLimit::Left().count() > 0) {
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
     result = pthread_mutex_trylock(mutex);
   }
   return result;
 }
 #else
-int Await(pthread_mutex_t* mutex, std::chrono::milliseconds limit) {
+int Await(pthread_mutex_t* mutex) {
   const int result = pthread_mutex_trylock(mutex);
-  if (result != EBUSY || limit.count() == 0) {
+  const auto limit = result == EBUSY ? WaitLimit::Left() : std::chrono::milliseconds(0);
+  if (limit.count() == 0) {
     return result;
   }
   timespec until{};
@@ -53,6 +68,43 @@ std::string NameOf(std::uint32_t process) {
 
 }  // namespace
 
+WaitLimit::WaitLimit(std::chrono::milliseconds limit) : outer_(t_limit) {
+  t_limit = outer_.count() == 0 ? limit : std::min(outer_, Waited() + limit);
+}
+
+WaitLimit::~WaitLimit() {
+  t_limit = outer_;
+  if (outer_.count() == 0) {
+    t_begin = {};
+  }
+}
+
+std::chrono::milliseconds WaitLimit::Left() {
+  if (t_begin == decltype(t_begin)() && t_limit.count() > 0) {
+    t_begin = std::chrono::steady_clock::now();
+  }
+  return std::max(t_limit - Waited(), std::chrono::milliseconds(0));
+}
+
+std::string HolderOf(const std::vector<std::string>& files) {
+  std::ifstream locks("/proc/locks");
+  for (std::string line; std::getline(locks, line);) {
+    std::istringstream words(line);
+    std::string number, kind, how, what, place;
+    std::uint32_t process = 0;
+    words >> number >> kind >> how >> what >> process >> place;
+    for (const std::string& file : files) {
+      struct stat about = {};
+      // A device has other numbers here than `stat` gives on some file systems.
+      if (what == "WRITE" && process != 0 && process != g_process && stat(file.c_str(), &about) == 0 &&
+          place.ends_with(':' + std::to_string(about.st_ino))) {
+        return NameOf(process);
+      }
+    }
+  }
+  return NameOf(0);
+}
+
 void NoteProcess() { g_process = static_cast<std::uint32_t>(getpid()); }
 
 void InitLock(layout::Lock& lock) {
@@ -64,8 +116,8 @@ void InitLock(layout::Lock& lock) {
   pthread_mutexattr_destroy(&attributes);
 }
 
-SharedLock::SharedLock(layout::Lock& lock, const char* name, std::chrono::milliseconds limit)
-    : lock_(lock), name_(name), result_(Await(&lock.mutex, limit)) {
+SharedLock::SharedLock(layout::Lock& lock, const char* name, bool waits)
+    : lock_(lock), name_(name), result_(waits ? Await(&lock.mutex) : pthread_mutex_trylock(&lock.mutex)) {
   if (result_ == EOWNERDEAD) {
     inherited_ = true;
     result_ = pthread_mutex_consistent(&lock.mutex);

@@ -8,16 +8,21 @@
 
 #include "dlog.h"
 #include "rows.h"
+#include "shared_lock.h"
 
 namespace vconf {
 namespace {
+
+// A call that finds its region damaged looks for another one, in between at the most so often and for so long: a read
+// does not wait for a process that stands still while it makes one.
+constexpr std::chrono::milliseconds kRenewalLimit{500};
+constexpr std::chrono::milliseconds kLookAgain{100};
 
 struct Room {
   std::string_view prefix;
   bool control_only;
 };
-constexpr std::string_view kMemory = "memory/";
-constexpr std::array<Room, 3> kRooms{{{"db/", false}, {kMemory, false}, {"set/", true}}};
+constexpr std::array<Room, 3> kRooms{{{"db/", false}, {kMemoryPrefix, false}, {"set/", true}}};
 
 Status BadPath(std::string_view path) { return {Code::kBadName, std::string(path) + ": is no path of the store"}; }
 
@@ -49,7 +54,9 @@ Status CheckEntries(const std::vector<Entry>& entries) {
   return {};
 }
 
-Store::Home Store::HomeOf(std::string_view path) { return path.starts_with(kMemory) ? Home::kMemory : Home::kDisk; }
+Store::Home Store::HomeOf(std::string_view path) {
+  return path.starts_with(kMemoryPrefix) ? Home::kMemory : Home::kDisk;
+}
 
 // ---- opening
 
@@ -57,6 +64,7 @@ Result<std::unique_ptr<Store>> Store::Open(const std::string& directory, const s
   if (Status status = initial != nullptr ? CheckEntries(*initial) : Status(); !status.ok()) {
     return status;
   }
+  const WaitLimit limit;
   auto place = making::Attach(directory, initial);
   if (!place.ok()) {
     return place.status();
@@ -70,29 +78,52 @@ Result<std::unique_ptr<Store>> Store::Open(const std::string& directory, const s
 
 Region& Store::region() {
   Region& region = *region_.load(std::memory_order_acquire);
-  return region.IsWhole() ? region : Renew(region);
+  return region.IsWhole() && region.is_shared() ? region : Renew(region);
 }
 
 Region& Store::Renew(Region& old) {
+  using Clock = std::chrono::steady_clock;
+  if (Clock::now() < look_again_.load(std::memory_order_relaxed)) {
+    return old;
+  }
+  const WaitLimit limit(kRenewalLimit);
   const std::scoped_lock lock(database_mutex_, places_mutex_);
   Region* const now = region_.load(std::memory_order_acquire);
-  if (now != &old || now->IsWhole()) {
+  if (now != &old) {
     return *now;
+  }
+  if (auto place = Successor(old)) {
+    places_.push_back(std::move(place));
+    region_.store(places_.back()->region.get(), std::memory_order_release);
+  } else {
+    look_again_ = Clock::now() + kLookAgain;
+  }
+  return *region_.load(std::memory_order_relaxed);
+}
+
+// The region that takes the place of one that is damaged, replaced, or of this process alone; null while there is none.
+std::unique_ptr<making::Place> Store::Successor(Region& old) {
+  if (old.IsWhole()) {
+    auto folder = Folder::Open(directory_);
+    auto place = folder.ok() ? making::AttachShared(*std::move(folder)) : folder.status();
+    if (!place.ok()) {
+      return nullptr;
+    }
+    old.MarkReplaced();
+    return *std::move(place);
   }
   const bool replaced = old.header().state == layout::kReplaced;
   database_.reset();  // its locks on the file end when this process closes any other descriptor of it
   auto place = making::Attach(directory_, nullptr);
   if (!place.ok()) {
     static_cast<void>(NoteRead(replaced ? Status(Code::kRemoved, place.status().text()) : place.status()));
-    return old;
+    return nullptr;
   }
   if (!replaced) {
     __dlog_print(2, 6, "VCONF", "%s: is damaged; db/ and set/ were read from disk again, memory/ is lost",
                  old.file().c_str());
   }
-  places_.push_back(*std::move(place));
-  region_.store(places_.back()->region.get(), std::memory_order_release);
-  return *places_.back()->region;
+  return *std::move(place);
 }
 
 void Store::BeforeFork() {
@@ -129,7 +160,9 @@ Status Store::ToStatus(Code code, std::string_view path, const Region& region) c
     case Code::kFull:
       return {code, region.file() + ": is full; remove keys"};
     default:
-      return {Code::kDamaged, region.file() + ": is damaged"};
+      return {Code::kDamaged, region.file() +
+                                  ": is damaged; end the programs that use it and remove it, then what is on "
+                                  "disk is read again"};
   }
 }
 
@@ -178,10 +211,11 @@ Status Store::List(std::string_view prefix, std::vector<Entry>* entries) {
 
 Status Store::ForWriting(Region** region) {
   *region = &this->region();
-  if (!(*region)->IsWhole()) {
-    return {Code::kRemoved, (*region)->file() + ": was removed or damaged; restart this program"};
+  const bool replaced = (*region)->header().state == layout::kReplaced;
+  if (!replaced && !(*region)->IsWhole()) {
+    return ToStatus(Code::kDamaged, "", **region);
   }
-  if ((*region)->IsRemoved()) {
+  if (replaced || (*region)->IsRemoved()) {
     return {Code::kRemoved, (*region)->file() + ": was removed while it was in use; restart this program"};
   }
   return (*region)->writable() && (*region)->is_shared()
@@ -191,6 +225,7 @@ Status Store::ForWriting(Region** region) {
 
 Status Store::Change(Home home, const Plan& plan) {
   constexpr int kTries = 3;
+  const WaitLimit limit;
   for (int tries = 0;; ++tries) {
     Region* region = nullptr;
     Status status = ForWriting(&region);
@@ -214,7 +249,7 @@ Status Store::ChangeInMemory(Region& region, const Plan& plan) {
     status = ToStatus(turn.Reserve() ? PrepareAll(table, rows, &keys) : Code::kFull, rows.front().path, region);
   }
   if (status.ok()) {
-    PublishAll(turn, rows, keys);
+    turn.PublishAll(keys, layout::kPreparedInMemory);
   }
   return status;
 }
@@ -287,12 +322,9 @@ Status Store::Reset(const std::vector<Entry>& entries) {
   return {};
 }
 
-Status Store::Sync(std::string_view path) {
-  if (!IsPath(path, true)) {
-    return BadPath(path);
-  }
+Status Store::Check() {
   Region* region = nullptr;
-  Status status = HomeOf(path) == Home::kDisk ? ForWriting(&region) : Status();
+  Status status = ForWriting(&region);
   return status.code() == Code::kReadOnly ? Status() : NoteWrite(Home::kDisk, std::move(status));
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -33,8 +34,8 @@ class Store {
   Status Reset(const std::vector<Entry>& entries);  // which pass `CheckEntries`
   Status List(std::string_view prefix, std::vector<Entry>* entries);
 
-  /// What was written is durable already; fails when the store is no longer there.
-  Status Sync(std::string_view path);
+  /// Fails when the store is no longer there, or can no longer be read.
+  Status Check();
 
   Status SetFault(const Fault& fault);
   Status ClearFault(std::string_view call, std::string_view path);
@@ -65,6 +66,7 @@ class Store {
   explicit Store(std::string directory) : directory_(std::move(directory)) {}
 
   Region& Renew(Region& old);
+  std::unique_ptr<making::Place> Successor(Region& old);
   Status ForWriting(Region** region);
   Status Change(Home home, const Plan& plan);
   Status ChangeInMemory(Region& region, const Plan& plan);
@@ -83,6 +85,7 @@ class Store {
   const std::string directory_;
 
   std::atomic<Region*> region_{nullptr};
+  std::atomic<std::chrono::steady_clock::time_point> look_again_{};  // for another region, no sooner
   std::mutex places_mutex_;
   std::vector<std::unique_ptr<making::Place>> places_;  // the last one is in use
 

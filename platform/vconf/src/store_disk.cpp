@@ -59,11 +59,13 @@ Status Store::ChangeOnDisk(Region& region, const Plan& plan) {
   if (!status.ok()) {
     if (turn.status().ok()) {
       table.Drop(keys);
+    } else {
+      header.committing = kCommitting;  // so the next one drops them
     }
     return status;
   }
   if (turn.status().ok()) {
-    PublishAll(turn, rows, keys);
+    turn.PublishAll(keys, layout::kPreparedForDisk);
     header.published = number;
     header.committing = 0;
   }
@@ -89,9 +91,13 @@ Status Store::Connect(const Region& region) {
   if (!opened.ok()) {
     return opened.status();
   }
-  database_ = *std::move(opened);
-  database_->ReserveLog();
-  return {};
+  const auto number = (*opened)->LastNumber();
+  Status status = number.ok() ? (*opened)->CheckNumber(*number, region.header().published) : number.status();
+  if (status.ok()) {
+    database_ = *std::move(opened);
+    database_->ReserveLog();
+  }
+  return status;
 }
 
 // Publishes what a writer that died, or failed, left in the database alone.
@@ -120,12 +126,12 @@ Status Store::Recover(Region& region) {
   }
   status = turn.status().ok() ? ToStatus(code, "", region) : turn.status();
   if (status.ok()) {
-    table.DropPrepared();
+    table.Drop(table.KeysPrepared(layout::kPreparedForDisk));
     Difference(held, wanted, &changes);
     status = ToStatus(PrepareAll(table, changes, &keys), "", region);
   }
   if (status.ok()) {
-    PublishAll(turn, changes, keys);
+    turn.PublishAll(keys, layout::kPreparedForDisk);
     header.published = std::max<std::uint64_t>(number, header.published);
   }
   header.committing = status.ok() ? 0 : kCommitting;
@@ -135,9 +141,8 @@ Status Store::Recover(Region& region) {
 // What a writer left in the database is published when a store is opened, or when the next one writes.
 void Store::RecoverIfNeeded() {
   Region& now = region();
-  const auto until = std::chrono::steady_clock::now() + kLockLimit;
   while (now.writable() && now.is_shared()) {
-    const SharedLock lock(now.header().disk_lock, "writing to disk", std::chrono::milliseconds(0));
+    const SharedLock lock(now.header().disk_lock, "writing to disk", false);
     if (lock.held()) {
       if (lock.inherited() || now.header().committing != 0) {
         Status status = Connect(now);
@@ -146,7 +151,7 @@ void Store::RecoverIfNeeded() {
       return;
     }
     // Somebody is writing. Only one who publishes what was left is worth waiting for.
-    if (now.header().committing != kRecovering || std::chrono::steady_clock::now() > until) {
+    if (now.header().committing != kRecovering || WaitLimit::Left().count() == 0) {
       return;
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(1));

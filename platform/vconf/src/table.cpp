@@ -104,12 +104,12 @@ Key* Table::KeyAt(std::uint32_t offset) const {
     return nullptr;
   }
   const std::uint32_t size = key->path_size.load(std::memory_order_acquire);
-  return size <= layout::kMaxPath ? region_.At<Key>(offset, SizeOfKey(size)) : nullptr;
+  return size <= layout::kMaxName ? region_.At<Key>(offset, SizeOfKey(size)) : nullptr;
 }
 
 Key* Table::Find(std::string_view path, std::uint32_t hash, std::uint32_t* offset) const {
   std::uint32_t at = region_.header().buckets[hash % layout::kBuckets].load(std::memory_order_acquire);
-  for (std::uint32_t steps = 0; at != 0 && steps < kMaxKeys; ++steps) {
+  for (std::uint32_t steps = 0; steps < kMaxKeys; ++steps) {
     Key* const key = KeyAt(at);
     if (key == nullptr) {
       return nullptr;
@@ -132,19 +132,25 @@ Key* Table::Find(std::string_view path, std::uint32_t hash, std::uint32_t* offse
   return nullptr;
 }
 
-// Whether the bucket of `hash` can be read to its end. A key is missing only from one that can.
-bool Table::IsSound(std::uint32_t hash) const {
-  std::uint32_t at = region_.header().buckets[hash % layout::kBuckets].load(std::memory_order_acquire);
+// Calls `visit` with each key of a bucket, until it returns false. False when the bucket cannot be read to its end.
+template <typename Visit>
+bool Table::ReadBucket(std::uint32_t bucket, Visit&& visit) const {
+  std::uint32_t at = region_.header().buckets[bucket].load(std::memory_order_acquire);
   std::string path;
-  for (std::uint32_t steps = 0; at != 0; ++steps) {
+  for (std::uint32_t steps = 0; at != layout::kEndOfList; ++steps) {
     const Key* const key = KeyAt(at);
-    if (key == nullptr || steps >= kMaxKeys || !PathOf(at, &path) ||
-        HashOf(path) % layout::kBuckets != hash % layout::kBuckets) {
+    if (key == nullptr || steps >= kMaxKeys || !PathOf(at, &path) || HashOf(path) % layout::kBuckets != bucket ||
+        !visit(*key, path)) {
       return false;
     }
     at = key->next.load(std::memory_order_acquire);
   }
   return true;
+}
+
+// A key is missing only from a bucket that can be read to its end.
+bool Table::IsSound(std::uint32_t hash) const {
+  return ReadBucket(hash % layout::kBuckets, [](const Key&, const std::string&) { return true; });
 }
 
 // False when it is not what somebody wrote there for this key; then it is damaged, or was just written over.
@@ -225,24 +231,18 @@ Code Table::List(std::string_view prefix, std::vector<Entry>* entries) const {
     const std::uint32_t unlinks = header.unlinks.load(std::memory_order_acquire);
     entries->resize(size_before);
     bool sound = true;
-    std::string path;
-    for (const Word& bucket : header.buckets) {
-      std::uint32_t at = bucket.load(std::memory_order_acquire);
-      for (std::uint32_t steps = 0; at != 0 && sound; ++steps) {
-        const Key* const key = KeyAt(at);
-        sound = key != nullptr && steps < kMaxKeys && PathOf(at, &path);
-        if (!sound) {
-          break;
-        }
+    for (std::uint32_t bucket = 0; bucket < layout::kBuckets; ++bucket) {
+      const bool read = ReadBucket(bucket, [&](const Key& key, const std::string& path) {
         if (Held held; path.starts_with(prefix)) {
-          const Code code = Look(*key, &held);
-          sound = code != Code::kDamaged;
+          const Code code = Look(key, &held);
+          sound = sound && code != Code::kDamaged;
           if (auto value = code == Code::kOk ? held.value() : std::nullopt) {
             entries->push_back({path, *std::move(value)});
           }
         }
-        at = key->next.load(std::memory_order_acquire);
-      }
+        return true;
+      });
+      sound = sound && read;
     }
     const bool whole = header.unlinks.load(std::memory_order_acquire) == unlinks;
     const bool still = whole && header.last.load(std::memory_order_acquire) == last;
@@ -257,8 +257,12 @@ Code Table::List(std::string_view prefix, std::vector<Entry>* entries) const {
 // ---- writers
 
 std::uint32_t Table::Take(std::uint32_t size) {
-  const std::uint32_t block = heap_.Take(size);
-  return block != 0 || !Sweep() ? block : heap_.Take(size);
+  std::uint32_t block = heap_.Take(size);
+  if (block == 0) {
+    Sweep();
+    block = heap_.Take(size);
+  }
+  return block;
 }
 
 void Table::EmptySlot(Slot& slot) {
@@ -297,6 +301,7 @@ bool Table::FillSlot(Slot& slot, std::uint32_t hash, const Value* value) {
 }
 
 Code Table::Prepare(std::string_view path, const Value* value, std::uint32_t* key) {
+  const auto mark = path.starts_with(kMemoryPrefix) ? layout::kPreparedInMemory : layout::kPreparedForDisk;
   const std::uint32_t hash = HashOf(path);
   Key* found = Find(path, hash, key);
   if (found == nullptr) {
@@ -310,7 +315,7 @@ Code Table::Prepare(std::string_view path, const Value* value, std::uint32_t* ke
     found->next.store(bucket.load(std::memory_order_relaxed), std::memory_order_release);
     found->hash.store(hash, std::memory_order_release);
     found->path_size.store(size, std::memory_order_release);
-    found->prepared.store(1, std::memory_order_release);
+    found->prepared.store(mark, std::memory_order_release);
     found->version.store(0, std::memory_order_release);
     for (Slot& slot : found->slots) {
       slot.form.store(0, std::memory_order_release);
@@ -320,11 +325,11 @@ Code Table::Prepare(std::string_view path, const Value* value, std::uint32_t* ke
     StoreBytes(PathWords(*found), path);
     bucket.store(*key, std::memory_order_release);
   }
-  found->prepared.store(1, std::memory_order_relaxed);
+  found->prepared.store(mark, std::memory_order_relaxed);
   const std::uint32_t version = found->version.load(std::memory_order_relaxed);
   const bool filled = FillSlot(found->slots[(version + 1) % 2], hash, value);
   if (!filled) {
-    found->prepared.store(0, std::memory_order_relaxed);
+    found->prepared.store(layout::kNotPrepared, std::memory_order_relaxed);
   }
   return filled ? Code::kOk : Code::kFull;
 }
@@ -332,7 +337,7 @@ Code Table::Prepare(std::string_view path, const Value* value, std::uint32_t* ke
 void Table::Flip(std::uint32_t key) {
   if (Key* const at = KeyAt(key)) {
     at->version.fetch_add(1, std::memory_order_release);
-    at->prepared.store(0, std::memory_order_relaxed);
+    at->prepared.store(layout::kNotPrepared, std::memory_order_release);
   }
 }
 
@@ -360,48 +365,54 @@ void Table::ForEachKey(const std::function<bool(Word&, Key&)>& visit) {
 void Table::Drop(const std::vector<std::uint32_t>& keys) {
   for (const std::uint32_t key : keys) {
     if (Key* const at = KeyAt(key)) {
-      at->prepared.store(0, std::memory_order_relaxed);
+      at->prepared.store(layout::kNotPrepared, std::memory_order_relaxed);
     }
   }
 }
 
-void Table::DropPrepared() {
-  ForEachKey([](Word&, Key& key) {
-    key.prepared.store(0, std::memory_order_relaxed);
+std::vector<std::uint32_t> Table::KeysPrepared(layout::Prepared mark) {
+  std::vector<std::uint32_t> keys;
+  ForEachKey([&](const Word& link, const Key& key) {
+    if (key.prepared.load(std::memory_order_relaxed) == mark) {
+      keys.push_back(link.load(std::memory_order_relaxed));
+    }
     return false;
   });
+  return keys;
 }
 
-// Takes the keys that are removed out, and gives back what old values take. The changes that are remembered name keys,
-// so they are forgotten first: whoever has not read them is told of each key instead.
-bool Table::Sweep() {
+// Takes the keys that are removed out, and frees what neither they nor old values need any more. The changes that are
+// remembered name keys, so they are forgotten first: whoever has not read them is told of each key instead.
+void Table::Sweep() {
   layout::Header& header = region_.header();
   header.floor = header.last + 1;
   header.unlinks.fetch_add(1);
-  Heap::Blocks blocks;
-  const auto take = [&](Slot& slot) {
-    const std::uint32_t form = slot.form.exchange(0);
-    if (KindOf(form) == layout::kText && SizeOf(form) > 0) {
-      blocks.emplace_back(slot.content.load(std::memory_order_relaxed), SizeOf(form));
+  Heap::Blocks used;
+  for (const Word& chunk : header.chunks) {
+    if (chunk != 0) {
+      used.emplace_back(chunk.load(std::memory_order_relaxed), layout::kMaxBlock);
     }
-  };
+  }
   ForEachKey([&](Word& link, Key& key) {
-    if (key.prepared.load(std::memory_order_relaxed) != 0) {
-      return false;
+    if (key.prepared.load(std::memory_order_relaxed) == layout::kNotPrepared) {
+      const std::uint32_t version = key.version.load(std::memory_order_relaxed);
+      key.slots[(version + 1) % 2].form = 0;
+      if (KindOf(key.slots[version % 2].form.load(std::memory_order_relaxed)) == layout::kNone) {
+        link.store(key.next.load(std::memory_order_relaxed), std::memory_order_release);
+        return true;
+      }
     }
-    const std::uint32_t version = key.version.load(std::memory_order_relaxed);
-    take(key.slots[(version + 1) % 2]);
-    if (KindOf(key.slots[version % 2].form.load(std::memory_order_relaxed)) != layout::kNone) {
-      return false;
+    used.emplace_back(link.load(std::memory_order_relaxed), SizeOfKey(key.path_size.load(std::memory_order_relaxed)));
+    for (const Slot& slot : key.slots) {
+      const std::uint32_t form = slot.form.load(std::memory_order_relaxed);
+      if (KindOf(form) == layout::kText && SizeOf(form) > 0) {
+        used.emplace_back(slot.content.load(std::memory_order_relaxed), SizeOf(form));
+      }
     }
-    blocks.emplace_back(link.load(std::memory_order_relaxed), SizeOfKey(key.path_size.load(std::memory_order_relaxed)));
-    link.store(key.next.load(std::memory_order_relaxed), std::memory_order_release);
-    return true;
+    return false;
   });
   header.unlinks.fetch_add(1);
-  const bool gained = !blocks.empty();
-  heap_.Compact(std::move(blocks));
-  return gained;
+  heap_.FreeAllBut(std::move(used));
 }
 
 }  // namespace vconf

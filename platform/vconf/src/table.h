@@ -12,6 +12,9 @@
 
 namespace vconf {
 
+/// What the keys begin with that are not kept on disk.
+constexpr std::string_view kMemoryPrefix = "memory/";
+
 /// The keys of a region and their values.
 ///
 /// Each key has two places for a value. A writer fills the one that is not in use and then counts the version up, so a
@@ -44,7 +47,8 @@ class Table {
   // ---- for writers, with the region's lock held
 
   /// Gets everything ready for `value`, or for removing the key when it is null, so that `Flip` cannot fail; nobody
-  /// sees it yet. For one key, only one writer may be between the two; a second `Prepare` takes back the first.
+  /// sees it yet. For one key, only one writer may be between the two; a second `Prepare` takes back the first. A
+  /// path in memory is marked `kPreparedInMemory`, another one `kPreparedForDisk`.
   Code Prepare(std::string_view path, const Value* value, std::uint32_t* key);
 
   /// What `Prepare` got ready becomes the value.
@@ -56,8 +60,8 @@ class Table {
   /// Takes back what was prepared for these.
   void Drop(const std::vector<std::uint32_t>& keys);
 
-  /// Forgets what writers prepared that are gone.
-  void DropPrepared();
+  /// The keys that have this mark.
+  std::vector<std::uint32_t> KeysPrepared(layout::Prepared mark);
 
   Heap& heap() { return heap_; }
 
@@ -65,6 +69,8 @@ class Table {
   struct Held;
   layout::Key* KeyAt(std::uint32_t offset) const;
   layout::Key* Find(std::string_view path, std::uint32_t hash, std::uint32_t* offset) const;
+  template <typename Visit>
+  bool ReadBucket(std::uint32_t bucket, Visit&& visit) const;
   bool IsSound(std::uint32_t hash) const;
   bool ReadSlot(const layout::Key& key, const layout::Slot& slot, Held* held) const;
   Code Look(const layout::Key& key, Held* held) const;
@@ -73,7 +79,7 @@ class Table {
   bool FillSlot(layout::Slot& slot, std::uint32_t hash, const Value* value);
   void EmptySlot(layout::Slot& slot);
   std::uint32_t Take(std::uint32_t size);
-  bool Sweep();
+  void Sweep();
   void ForEachKey(const std::function<bool(layout::Word& link, layout::Key& key)>& visit);
 
   Region& region_;

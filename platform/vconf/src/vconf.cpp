@@ -10,6 +10,7 @@
 
 #include "dlog.h"
 #include "notifier.h"
+#include "shared_lock.h"
 #include "store.h"
 #include "vconf_control.h"
 
@@ -151,7 +152,12 @@ void CloseStore() { delete g_session.exchange(nullptr); }
 
 Result<std::string> ReplaceStore(const std::string& directory, const std::vector<Entry>& initial) {
   Status wrong = CheckEntries(initial);
+  const WaitLimit limit;
   return wrong.ok() ? making::Replace(directory, initial) : Result<std::string>(std::move(wrong));
+}
+
+Status CheckStore() {
+  return OnStore([](Store& store) { return store.Check(); });
 }
 
 Result<Value> Get(const std::string& path) {
@@ -246,7 +252,8 @@ int vconf_set_bool(const char* path, int value) { return vconf::Write("vconf_set
 
 int vconf_sync_key(const char* path) {
   return vconf::Answer("vconf_sync_key", path, [](vconf::Session& session, const char* at) {
-    return vconf::AnswerOf(session.store->Sync(at));
+    // What was written is durable already.
+    return std::string_view(at).starts_with(vconf::kMemoryPrefix) ? 0 : vconf::AnswerOf(session.store->Check());
   });
 }
 
