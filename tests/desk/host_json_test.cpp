@@ -6,7 +6,10 @@
 #include <ctime>
 #include <limits>
 #include <random>
+#include <regex>
 
+#include "base/exit_status.h"
+#include "base/http_status.h"
 #include "browser_control.h"
 #include "set/catalog.h"
 #include "set/faults.h"
@@ -177,6 +180,20 @@ TEST_F(SetTest, AScenarioBringsTheWholeSetBack) {
   EXPECT_EQ(*DescribeState(), before);
   for (const std::string& name : {std::string(), std::string("../a"), std::string("a/b"), std::string(65, 'a')}) {
     EXPECT_EQ(SaveScenario(store, name, before).code(), vconf::Code::kBadName) << name;
+  }
+}
+
+TEST(CodeTest, StatusesOfHttpAndOfTheProgramAreThoseOfTheDocument) {
+  const std::string text = Contents(MIRADO_EXAMPLES "/../docs/desk-api.md");
+  for (int number = 1; number <= static_cast<int>(vconf::Code::kFailed); ++number) {
+    const auto code = static_cast<vconf::Code>(number);
+    const auto [status, name] = HttpCodeOf(code);
+    // The number that follows the name, perhaps behind other names.
+    std::smatch found;
+    ASSERT_TRUE(std::regex_search(text, found, std::regex("`" + std::string(name) + "`[^()]*\\((\\d+)\\)"))) << name;
+    EXPECT_EQ(found[1], std::to_string(status)) << name;
+    const bool is_answer = status == 400 || status == 404 || status == 409;
+    EXPECT_EQ(ExitStatusOf(code), is_answer ? kRefused : kCannotWork) << name;
   }
 }
 

@@ -1,6 +1,8 @@
 // The simulated set over HTTP.
 import assert from "node:assert/strict";
+import { execFileSync } from "node:child_process";
 import { after, before, beforeEach, test } from "node:test";
+import { fileURLToPath } from "node:url";
 import { Desk } from "./desk.mjs";
 
 const CAPTION = "db/menu/caption/caption";
@@ -48,6 +50,13 @@ test("changes by anyone are told as they happen", async () => {
   const again = await desk.follow("/api/events", id);
   assert.equal((await again.next("setting")).data.value, null);
   again.close();
+});
+
+test("each call that asks for a fault can be given one", async () => {
+  const sources = execFileSync("grep", ["-rhoE", "(TakeFault|Answer|Read|Write)\\(\"\\w+", "platform", "desk"],
+    { cwd: fileURLToPath(new URL("../..", import.meta.url)), encoding: "utf8" });
+  const asked = sources.trim().split("\n").map((call) => call.split('"')[1]);
+  assert.deepEqual((await desk.call("GET", "/api/faults")).calls.map(({ name }) => name).sort(), asked.sort());
 });
 
 test("faults answer calls, as often as they are meant to", async () => {

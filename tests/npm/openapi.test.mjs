@@ -33,6 +33,14 @@ it("has the paths that docs/desk-api.md names, and no more", () => {
   assert.deepEqual(described.sort(), [...named].sort());
 });
 
+it("has every path of the desk", () => {
+  const paths = Object.keys(description.paths).map((path) => path.replace("{path}", "**").replace(/\{\w+\}/, "*"));
+  const sources = ["pages", "set", "store"].map((part) =>
+    readFileSync(new URL(`../../desk/server/routes_${part}.cpp`, import.meta.url), "utf8"));
+  const served = Array.from(sources.join().matchAll(/"(\/[a-z][\w/*]*)"/g), ([, end]) => end);
+  assert.deepEqual(served.filter((end) => !paths.some((path) => path.endsWith(end))), []);
+});
+
 it("has the methods that the desk takes", async () => {
   const { id } = await set.openPage();
   for (const path of Object.keys(description.paths)) {

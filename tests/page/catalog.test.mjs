@@ -22,7 +22,9 @@ function host(lines) {
   return { replies: said.flatMap(({ reply }) => reply ?? []), messages: said.flatMap(({ message }) => message ?? []) };
 }
 
-it("names every setting of the plug-in by its key and path", () => {
+it("names every setting of the plug-in by its key, name and path", () => {
+  const rows = readFileSync(`${root}pepper/inc/KeyTables.h`, "utf8").matchAll(/ROW\((\w+), "(.*)"\)/g);
+  assert.deepEqual(catalog.settings.map(({ name, path }) => [name, path]), Array.from(rows, (row) => row.slice(1)));
   for (const [name, { read, watch, event }] of Object.entries(catalog.tables)) {
     const settings = catalog.settings.filter(({ table }) => table === name);
     const ask = (command) => settings.map(({ key }) => ({ send: { command, propertyKey: key } }));
@@ -39,10 +41,15 @@ it("names every setting of the plug-in by its key and path", () => {
   }
 });
 
-it("names every command of the plug-in", () => {
+it("names every command of the plug-in, and its field", () => {
   const source = readFileSync(`${root}pepper/src/PluginMirado.cpp`, "utf8");
   const served = Array.from(source.matchAll(/^ +\{"(\w+)", &MiradoMessageHandler::/gm), ([, name]) => name);
-  assert.deepEqual(catalog.commands.filter(({ posted }) => !posted).map(({ name }) => name).sort(), served.sort());
+  const waiting = catalog.commands.filter(({ posted }) => !posted);
+  assert.deepEqual(waiting.map(({ name }) => name).sort(), served.sort());
+  host(waiting.map(({ name }) => ({ send: { command: name } }))).replies.forEach(({ code, errorMessage }, at) => {
+    const [field] = waiting[at].fields;
+    assert.ok(field ? code === 26 && errorMessage.includes(field) : code === 0, `${waiting[at].name}: ${errorMessage}`);
+  });
 });
 
 it("names the speeds, the errors and the privilege of the plug-in", () => {
