@@ -111,46 +111,6 @@ TEST_F(VconfProcessTest, AReadIsNeverOlderThanAWriteThatReturned) {
   }
 }
 
-TEST_F(VconfProcessTest, WhatWasAcknowledgedSurvivesAKill) {
-  if (!HasRobustLocks()) GTEST_SKIP() << kNoRobustLocks;
-  Open();
-  std::mt19937 random(7);  // NOLINT(cert-msc51-cpp): the same moments, as far as a schedule can be the same
-  int acknowledged = 0;
-  for (int round = 0; round < 30; ++round) {
-    vconf::CloseStore();
-    std::array<int, 2> told{};
-    ASSERT_EQ(pipe(told.data()), 0);
-    Process writer([&, first = acknowledged] {
-      if (!vconf::OpenStore(directory()).ok()) {
-        return 1;
-      }
-      for (int i = first + 1;; ++i) {
-        if (vconf_set_int("db/a", i) != 0 || vconf_set_int("memory/a", i) != 0 || write(told[1], &i, sizeof i) < 0) {
-          return 1;
-        }
-      }
-    });
-    close(told[1]);
-    const auto moment = random() % 200;
-    int last = acknowledged;
-    for (unsigned i = 0; i <= moment && read(told[0], &last, sizeof last) == sizeof last; ++i) {
-    }
-    writer.Kill();
-    while (read(told[0], &last, sizeof last) == sizeof last) {
-    }
-    close(told[0]);
-    EXPECT_EQ(writer.Wait(), -SIGKILL);
-    Open();
-    EXPECT_GT(last, acknowledged);
-    for (const char* path : {"db/a", "memory/a"}) {
-      EXPECT_GE(GetInt(path, -1), last);
-      EXPECT_LE(GetInt(path, -1), last + 1);
-    }
-    acknowledged = GetInt("db/a", -1);
-    ASSERT_EQ(vconf_set_int("db/a", acknowledged), 0);
-  }
-}
-
 TEST_F(VconfProcessTest, WhoeverDiesWhileItReplacesTheStoreAllGoOnWithOne) {
   Open({{"memory/round", 0}});
   std::mt19937 random(7);  // NOLINT(cert-msc51-cpp)

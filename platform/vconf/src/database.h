@@ -19,12 +19,11 @@ struct Row {
   std::optional<Value> value;
 };
 
-/// The keys that outlive the power: an SQLite database in WAL mode, which is synced with each commit. Each row has the
-/// number of its commit, and a checksum, since SQLite has none for what lies in its pages. One thread at a time, and
-/// for writing one process.
+/// The keys on disk: an SQLite database in WAL mode, which is synced with each commit. Each row has the number of its
+/// commit, and a checksum, since SQLite has none over its pages. One thread at a time, and for writing one process.
 class Database {
  public:
-  /// Makes one with `rows`, whole and durable, as the file `name`.
+  /// Makes a database with `rows` as the file `name`. It is complete and durable when this returns.
   static Status Make(const Folder& folder, const std::string& name, const std::vector<Row>& rows);
 
   /// Opens the one of `folder`.

@@ -49,7 +49,7 @@ class Folder {
   static constexpr const char* kRegion = "live";
   static constexpr const char* kOldStore = "data.mdb";
 
-  /// Files whose names end so are not finished, and worth nothing to anybody but their maker.
+  /// The end of a file's name until the file is complete.
   static constexpr const char* kUnfinished = ".new";
 
   /// `kMissing` when there is none.
@@ -71,13 +71,13 @@ class Folder {
   /// A new file of the owner's, which takes the place of one of this name.
   Result<Descriptor> MakeFile(const std::string& name) const;
 
-  /// Whether the file is there, is the owner's and is no link. `kMissing` when it is not there.
+  /// `kMissing` when there is no such file, `kNotPermitted` when it is a link, no plain file, or not the owner's.
   Status Check(const std::string& name, struct stat* about) const;
 
   Status Rename(const std::string& from, const std::string& to) const;
   void Remove(const std::string& name) const;
 
-  /// Makes what was made and renamed here durable.
+  /// Makes the names of the files durable.
   Status Sync() const;
 
   Result<std::vector<std::string>> Names() const;

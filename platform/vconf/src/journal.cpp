@@ -44,8 +44,8 @@ Turn::Turn(Region& region) : region_(region), table_(region), lock_(std::in_plac
 
 Turn::~Turn() {
   lock_.reset();
-  if (ring_) {
-    region_.Ring();
+  if (wakes_) {
+    region_.WakeAll();
   }
 }
 
@@ -67,7 +67,7 @@ void Turn::Finish() {
   static_cast<void>(table_.List(kFaultPrefix, &faults));
   header.faults = static_cast<std::uint32_t>(faults.size());
   SetWhole(header, !faults.empty());
-  ring_ = true;
+  wakes_ = true;
 }
 
 bool Turn::Reserve() { return RecordFor(region_.header().last + 1) != nullptr; }
@@ -147,7 +147,7 @@ void Turn::Publish(std::uint32_t key) {
     record->number.store(number, std::memory_order_release);
   }
   Flip(key, number);
-  ring_ = true;
+  wakes_ = true;
 }
 
 void Turn::PublishFault(std::uint32_t key) {

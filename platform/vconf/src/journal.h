@@ -38,7 +38,7 @@ class Turn {
   Table table_;
   std::optional<SharedLock> lock_;
   Status status_;
-  bool ring_ = false;
+  bool wakes_ = false;
 };
 
 /// The changes from number `next` on, up to the last one or `most`. False when one of them is no longer remembered, or

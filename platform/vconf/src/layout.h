@@ -104,8 +104,8 @@ struct Header {  // NOLINT(clang-analyzer-optin.performance.Padding): what chang
   LongWord floor;             // changes below are no longer remembered
   Word unlinks;               // how often keys were taken out of their buckets
 
-  alignas(64) Word rings;  // the futex word: how often there was something new
-  Word asleep;             // set by who goes to sleep, cleared by who wakes
+  alignas(64) Word wakeups;  // the futex word: counts what there is to wake up for
+  Word asleep;               // set by who goes to sleep, cleared by who wakes
 
   alignas(64) Lock lock;  // for everything below and all that lies behind the header
   Word pending_key;       // the change that is being made: what its owner's successor has to finish

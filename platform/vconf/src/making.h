@@ -10,18 +10,18 @@
 #include "folder.h"
 #include "region.h"
 
-/// How a store comes to be in its folder: made, found, migrated, replaced. The database is the store; the region is
-/// made from it by the first process after a boot. One process at a time makes or replaces something.
+/// Opening, making, converting and replacing the files of a store. The database is the store; the first process after a
+/// boot makes the region from it. One process at a time makes or replaces files.
 namespace vconf::making {
 
-/// A region, and the folder where it stands.
+/// The region of a store, and the folder of its files.
 struct Place {
   Folder folder;
   std::unique_ptr<Region> region;
 };
 
-/// The store of `directory`, whose region is made when there is none of this boot. A directory that is missing or empty
-/// becomes a store that holds `initial`, unless that is null.
+/// The store of `directory`. Its region is made unless there is one of this boot. Where there is no folder, or an empty
+/// one, a store that holds `initial` is made, unless `initial` is null.
 Result<std::unique_ptr<Place>> Attach(const std::string& directory, const std::vector<Entry>* initial);
 
 /// The store of `folder` when its region is there and of this boot; `kMissing` otherwise.

@@ -23,7 +23,7 @@ struct Notifier::Listener {
 
 namespace {
 
-// A process may be killed after its change is visible and before it rings.
+// A process may be killed after its change is visible and before it wakes anybody.
 constexpr std::chrono::seconds kLookAnyway{1};
 constexpr std::chrono::milliseconds kSettleLook{100};
 
@@ -151,7 +151,7 @@ void Notifier::AwaitEnd(std::unique_lock<std::mutex>& lock, const std::vector<Li
     return std::none_of(ended.begin(), ended.end(), [this](const auto& each) { return each.get() == running_; });
   });
   if (IdleLocked() && alive_) {
-    region_->RingHere();  // the thread may be asleep, and has nothing left to do
+    region_->WakeOwn();  // the thread may be asleep, and has nothing left to do
     // One that ended itself may still be running, and is not waited for; but for that the thread ends at once.
     progress_.wait(lock, [this] { return !alive_ || !IdleLocked() || running_ != nullptr; });
   }
@@ -173,9 +173,9 @@ void Notifier::Settle() {
   const auto settled = [&, before = lost_] {
     return !alive_ || (region_ == &now && next_ > last && running_ == nullptr) || (!now.IsWhole() && lost_ != before);
   };
-  // Whoever made a change rings, and only one who died or stands still in between does not.
+  // Who makes a change wakes the thread, unless it died or stopped just before.
   while (!progress_.wait_for(lock, kSettleLook, settled)) {
-    region_->RingHere();
+    region_->WakeOwn();
   }
   --waiting_;
 }
@@ -208,13 +208,13 @@ void Notifier::Run() {
   pthread_setname_np(pthread_self(), "vconf-notify");
   Region* region = &store_.region();
   while (true) {
-    const std::uint32_t seen = region->header().rings.load(std::memory_order_acquire);
+    const std::uint32_t seen = region->header().wakeups.load(std::memory_order_acquire);
     Region* const looked_at = region;
     if (!Deliver(&region)) {
       return;
     }
     if (region == looked_at) {
-      region->AwaitRing(seen, kLookAnyway);
+      region->AwaitWakeup(seen, kLookAnyway);
     }
   }
 }

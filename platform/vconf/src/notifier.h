@@ -16,10 +16,11 @@
 
 namespace vconf {
 
-/// Hands the changes of a store to those who asked for them, on one thread that runs while anybody does. Any thread.
+/// Calls the listeners of this process for each change of a store, on a thread that runs while there are any. Any
+/// thread.
 ///
-/// A listener is called without any lock held, so it may call whatever it likes, also here. Whoever ends a listening
-/// waits for a call of that one that is running, and for nothing else; on the notification thread not even for that.
+/// No lock is held while a listener is called, so it may call anything, also this class. Who ends a listener waits
+/// until a running call of it has returned, and for nothing else; on the notification thread not even for that.
 class Notifier {
  public:
   struct Listener;

@@ -203,24 +203,24 @@ bool Region::Grow(std::uint32_t end) {
 
 void Region::MarkReplaced() {
   header().state = layout::kReplaced;
-  Ring();
+  WakeAll();
 }
 
-void Region::Ring() {
-  header().rings.fetch_add(1);
+void Region::WakeAll() {
+  header().wakeups.fetch_add(1);
   if (header().asleep.load() != 0 && header().asleep.exchange(0) != 0) {
-    Futex(header().rings, FUTEX_WAKE, INT_MAX, nullptr, 0);
+    Futex(header().wakeups, FUTEX_WAKE, INT_MAX, nullptr, 0);
   }
 }
 
-void Region::RingHere() {
+void Region::WakeOwn() {
   if (writable_) {
-    header().rings.fetch_add(1);  // who is about to fall asleep does not
-    Futex(header().rings, FUTEX_WAKE_BITSET, INT_MAX, nullptr, OwnBit());
+    header().wakeups.fetch_add(1);  // who is about to fall asleep does not
+    Futex(header().wakeups, FUTEX_WAKE_BITSET, INT_MAX, nullptr, OwnBit());
   }
 }
 
-void Region::AwaitRing(std::uint32_t seen, std::chrono::nanoseconds limit) {
+void Region::AwaitWakeup(std::uint32_t seen, std::chrono::nanoseconds limit) {
   if (writable_) {
     header().asleep = 1;
   } else {
@@ -232,7 +232,7 @@ void Region::AwaitRing(std::uint32_t seen, std::chrono::nanoseconds limit) {
   const auto span = limit.count() + until.tv_nsec;
   until.tv_sec += static_cast<std::time_t>(span / kSecond);
   until.tv_nsec = static_cast<long>(span % kSecond);
-  Futex(header().rings, FUTEX_WAIT_BITSET, seen, &until, OwnBit());
+  Futex(header().wakeups, FUTEX_WAIT_BITSET, seen, &until, OwnBit());
 }
 
 }  // namespace vconf

@@ -10,21 +10,21 @@
 
 namespace vconf {
 
-/// The region of a store, mapped. It may be changed, cut short or filled with noise by others at any time: each place
-/// in it is checked before it is used. Any thread.
+/// The region of a store, mapped into this process. Others may change it, cut it short or fill it with noise at any
+/// time, so each offset in it is checked before it is used. Any thread.
 class Region {
  public:
-  /// The one that stands in `folder`, when it belongs to this boot, to this file and to the database that is there now
-  /// (`database` is its inode). `kMissing` when it is none such, which one that is made anew may replace.
+  /// The region of `folder`, if it was made in this boot, as this file, from the database with the inode `database`.
+  /// `kMissing` if not: then a new one may take its place.
   static Result<std::unique_ptr<Region>> Open(const Folder& folder, ino_t database);
 
-  /// Whatever stands there and is long enough, to tell who has it open that another one has come.
+  /// The file of `folder`'s region, from whatever boot, if it is long enough: for what it still tells, and to mark it.
   static Result<std::unique_ptr<Region>> OpenAny(const Folder& folder);
 
-  /// A new one without keys under the name `name`, to be renamed when it is filled.
+  /// A new region without keys. Its file has the name `name`, to be renamed when the region is filled.
   static Result<std::unique_ptr<Region>> Make(const Folder& folder, const std::string& name, ino_t database);
 
-  /// One of this process alone, for a folder where it may make none.
+  /// A new region in the memory of this process, for a folder where it may make no file.
   static Result<std::unique_ptr<Region>> MakePrivate(const Folder& folder);
 
   Region(const Region&) = delete;
@@ -45,7 +45,7 @@ class Region {
   /// Whether the file was removed or replaced by one of the same name.
   bool IsRemoved() const;
 
-  /// `size` bytes at `offset` behind the header, or null when they do not lie within what the file holds.
+  /// `size` bytes at `offset`, or null when they do not lie between the header and the end of the file.
   template <typename T>
   T* At(std::uint32_t offset, std::uint32_t size = sizeof(T)) const {
     const std::uint32_t end = header().growing.load(std::memory_order_acquire);
@@ -58,17 +58,17 @@ class Region {
   /// Makes room up to `end`; false when the disk or the region is full. With the lock held.
   bool Grow(std::uint32_t end);
 
-  /// Lets everybody who has it open see that another one has come.
+  /// From now on every process that has it mapped looks for another one at its next call.
   void MarkReplaced();
 
-  /// Wakes all who wait for changes.
-  void Ring();
+  /// Wakes all threads that wait for changes.
+  void WakeAll();
 
-  /// Waits until it is no longer `seen` that `header().rings` holds, at the most for `limit`; it may return early.
-  void AwaitRing(std::uint32_t seen, std::chrono::nanoseconds limit);
+  /// Sleeps while `header().wakeups` is `seen`, for `limit` at the most; may return early.
+  void AwaitWakeup(std::uint32_t seen, std::chrono::nanoseconds limit);
 
-  /// Wakes those of this process, and few others.
-  void RingHere();
+  /// Wakes the waiting thread of this process, and few of others.
+  void WakeOwn();
 
  private:
   Region(std::string file, Descriptor descriptor, void* base, bool writable)

@@ -107,6 +107,7 @@ std::string HolderOf(const std::vector<std::string>& files) {
 
 void NoteProcess() { g_process = static_cast<std::uint32_t>(getpid()); }
 
+// Where the kernel knows no robust locks, that of a dead process stays held, and who wants it fails with `kBusy`.
 void InitLock(layout::Lock& lock) {
   pthread_mutexattr_t attributes;
   pthread_mutexattr_init(&attributes);

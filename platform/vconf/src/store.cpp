@@ -7,7 +7,6 @@
 #include <utility>
 
 #include "dlog.h"
-#include "rows.h"
 #include "shared_lock.h"
 
 namespace vconf {
@@ -24,7 +23,12 @@ struct Room {
 };
 constexpr std::array<Room, 3> kRooms{{{"db/", false}, {kMemoryPrefix, false}, {"set/", true}}};
 
-Status BadPath(std::string_view path) { return {Code::kBadName, std::string(path) + ": is no path of the store"}; }
+Status BadPath(std::string_view path) {
+  return {Code::kBadName, std::string(path) +
+                              ": is no path of the store; one begins with `db/`, `memory/` or `set/`, "
+                              "goes on behind that, and has no more than " +
+                              std::to_string(layout::kMaxPath) + " bytes"};
+}
 
 Status CheckValue(std::string_view path, const Value& value) {
   const auto* const text = std::get_if<std::string>(&value);
@@ -239,14 +243,45 @@ Status Store::Change(Home home, const Plan& plan) {
   }
 }
 
+void Store::Difference(const std::vector<Entry>& held, const Wanted& wanted, std::vector<Row>* rows) {
+  std::map<std::string, std::optional<Value>, std::less<>> changes(wanted.begin(), wanted.end());
+  for (const Entry& entry : held) {
+    const auto keep = wanted.find(entry.path);
+    if (keep == wanted.end()) {
+      changes.emplace(entry.path, std::nullopt);
+    } else if (keep->second == entry.value) {
+      changes.erase(entry.path);
+    }
+  }
+  for (auto& [path, value] : changes) {
+    rows->push_back({path, std::move(value)});
+  }
+}
+
+Status Store::Prepare(Turn& turn, Region& region, const std::vector<Row>& rows,
+                      std::vector<std::uint32_t>* keys) const {
+  Table table(region);
+  Code code = turn.Reserve() ? Code::kOk : Code::kFull;
+  for (const Row& row : rows) {
+    std::uint32_t key = 0;
+    code = code == Code::kOk ? table.Prepare(row.path, row.value ? &*row.value : nullptr, &key) : code;
+    if (code == Code::kOk) {
+      keys->push_back(key);
+    }
+  }
+  if (code != Code::kOk) {
+    table.Drop(*keys);
+  }
+  return ToStatus(code, "", region);
+}
+
 Status Store::ChangeInMemory(Region& region, const Plan& plan) {
   Turn turn(region);
-  Table table(region);
   std::vector<Row> rows;
   std::vector<std::uint32_t> keys;
   Status status = turn.status().ok() ? plan(region, &rows) : turn.status();
-  if (status.ok() && !rows.empty()) {
-    status = ToStatus(turn.Reserve() ? PrepareAll(table, rows, &keys) : Code::kFull, rows.front().path, region);
+  if (status.ok()) {
+    status = Prepare(turn, region, rows, &keys);
   }
   if (status.ok()) {
     turn.PublishAll(keys, layout::kPreparedInMemory);

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -62,6 +63,13 @@ class Store {
   using Plan = std::function<Status(Region& region, std::vector<Row>* rows)>;
   enum class Home : std::uint8_t { kDisk, kMemory };
   static Home HomeOf(std::string_view path);
+  using Wanted = std::map<std::string, Value, std::less<>>;
+
+  /// Appends to `rows` what makes `held` hold what `wanted` does, and nothing else.
+  static void Difference(const std::vector<Entry>& held, const Wanted& wanted, std::vector<Row>* rows);
+
+  /// Prepares all of `rows`, or none, in `turn`.
+  Status Prepare(Turn& turn, Region& region, const std::vector<Row>& rows, std::vector<std::uint32_t>* keys) const;
 
   explicit Store(std::string directory) : directory_(std::move(directory)) {}
 

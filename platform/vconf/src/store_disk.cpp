@@ -3,7 +3,6 @@
 #include <thread>
 #include <utility>
 
-#include "rows.h"
 #include "store.h"
 
 namespace vconf {
@@ -43,7 +42,7 @@ Status Store::ChangeOnDisk(Region& region, const Plan& plan) {
     Turn turn(region);
     status = turn.status();
     if (status.ok()) {
-      status = ToStatus(turn.Reserve() ? PrepareAll(table, rows, &keys) : Code::kFull, rows.front().path, region);
+      status = Prepare(turn, region, rows, &keys);
     }
   }
   const std::uint64_t number = header.published + 1;
@@ -128,7 +127,7 @@ Status Store::Recover(Region& region) {
   if (status.ok()) {
     table.Drop(table.KeysPrepared(layout::kPreparedForDisk));
     Difference(held, wanted, &changes);
-    status = ToStatus(PrepareAll(table, changes, &keys), "", region);
+    status = Prepare(turn, region, changes, &keys);
   }
   if (status.ok()) {
     turn.PublishAll(keys, layout::kPreparedForDisk);

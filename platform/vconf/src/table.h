@@ -17,10 +17,10 @@ constexpr std::string_view kMemoryPrefix = "memory/";
 
 /// The keys of a region and their values.
 ///
-/// Each key has two places for a value. A writer fills the one that is not in use and then counts the version up, so a
-/// reader takes no lock and waits for nobody: it reads again only when a writer has just finished, and finds the last
-/// value when one stopped or died half-way. Each value has a check over itself and its path, so noise in the file is a
-/// failure and never a value.
+/// Each key has two slots for a value. A writer fills the one that is not in use and then counts the version up. So a
+/// reader takes no lock and waits for nobody: it reads again only when the version has changed meanwhile, and finds the
+/// last value when a writer stopped or died half-way. Each value has a check over itself and its path, so noise in the
+/// file is a failure and never a value.
 class Table {
  public:
   explicit Table(Region& region) : region_(region), heap_(region) {}
