@@ -139,7 +139,7 @@ function createClient(element) {
     gone = new PluginGoneError(reason, "PluginGoneError");
     gone.detail = detail || null;
     if (element[SHARED] && element[SHARED].client === client) delete element[SHARED];
-    writes.splice(0).forEach(function (write) { write.reject(gone); });
+    writes.forEach(function (write) { write.reject(gone); });
     announceGone(gone);
   }
 

@@ -37,12 +37,11 @@ it("the README's tests pass with what is packed alone", () => {
     const text = readFileSync(join(folder, "node_modules", name, "README.md"), "utf8");
     assert.doesNotMatch(text, /\]\((?!https?:)/, "no file outside of the package is there to lead to");
   }
-  const [spec, test] = blocks("js");
+  const [config, spec, test] = blocks("js");
   writeFileSync(join(folder, "index.html"), blocks("html")[0]);
   writeFileSync(join(folder, "caption.spec.mjs"), spec);
   writeFileSync(join(folder, "b2b.test.mjs"), test);
-  writeFileSync(join(folder, "playwright.config.mjs"), `export default { use: { launchOptions: {
-    executablePath: "/usr/bin/chromium", args: ["--no-sandbox", "--disable-gpu"] } } };`);
+  writeFileSync(join(folder, "playwright.config.mjs"), config);
   assert.match(run("node", "--test", "b2b.test.mjs"), /# pass 1\n/);
   const playwright = "node_modules/@playwright/test/cli.js";
   assert.match(run("node", playwright, "test", "caption", "--reporter", "line"), /2 passed/);

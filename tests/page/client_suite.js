@@ -191,6 +191,7 @@ function clientSuite(mirado, other, test) {
     var cases = [
       [undefined, "The plug-in has crashed."],
       [{ status: null, signal: 9, reason: "killed by SIGKILL" }, "The plug-in has crashed: killed by SIGKILL."],
+      [{ status: 3, signal: null, reason: "status 3" }, "The plug-in has crashed: status 3."],
       [{ status: null, signal: null, reason: "the desk has ended." }, "The plug-in is gone: the desk has ended."],
     ];
     return Promise.all(cases.map(function (row) {
@@ -248,7 +249,7 @@ function clientSuite(mirado, other, test) {
     element.changed(0, "MIRADO_EVENT_CHANGED");
     menu();
     element.changed(0);
-    element.changed(0, "constructor");
+    element.changed(0, "__proto__");
     assert.same(heard, ["mirado"]);
     assert.same(element.commands(), [
       "registerVconfKeysForCaption 0", "registerVconfKeysForMirado 0", "unRegisterVconfKeysForCaption 0"]);
@@ -274,6 +275,7 @@ function clientSuite(mirado, other, test) {
       client.onCaptionChanged(3, listener);
       element.changed(3);
       assert.equal(heard, 1);
+      assert.same(element.commands().map(function (one) { return one.slice(0, 3); }), ["reg", "reg", "unR", "reg"]);
     });
   });
 
@@ -281,8 +283,12 @@ function clientSuite(mirado, other, test) {
   function withTimers(check) {
     var timers = [];
     var real = setTimeout;
+    var clock = Date.now;
     setTimeout = function (call, wait) { timers.push([call, wait]); };
-    function restore() { setTimeout = real; }
+    function restore() {
+      setTimeout = real;
+      Date.now = clock;
+    }
     return Promise.resolve(check(timers)).then(restore, function (error) { restore(); throw error; });
   }
 
@@ -307,6 +313,8 @@ function clientSuite(mirado, other, test) {
   test("a connection is kept: another element takes the place of one whose plug-in went", function () {
     return withTimers(function (timers) {
       var used = [];
+      var now = 0;
+      Date.now = function () { return now; };
       var parent = { replaceChild: function (next, old) {
         next.parentNode = parent;
         old.parentNode = null;
@@ -316,7 +324,7 @@ function clientSuite(mirado, other, test) {
       var stop = mirado.keepConnected(first, function (client, element) {
         used.push({ client: client, element: element });
         if (used.length === 1) return;
-        if (used.length === 2) element.answer = function () { return undefined; };
+        if (used.length < 7) element.answer = function () { return undefined; };
         client.getVersion();
       });
       // Resolves when the loss of the newest plug-in has been noticed and the timer that it sets has fired.
@@ -324,14 +332,24 @@ function clientSuite(mirado, other, test) {
         return used[used.length - 1].client.whenGone.then(function () { timers[timers.length - 1][0](); });
       }
       first.crash();
-      return fire().then(fire).then(function () {
-        assert.same(timers.map(function (timer) { return timer[1]; }), [1000, 2000]);
-        assert.same(used.map(function (one) { return one.element.parentNode === parent; }), [false, false, true]);
-        stop();
-        used[2].element.crash();
+      return fire().then(fire).then(fire).then(fire).then(fire).then(fire).then(function () {
+        assert.equal(used.length, 7);
+        used.forEach(function (one, at) { assert.equal(one.element.parentNode === parent, at === 6); });
+        now = 30001;
+        used[6].element.crash();
         return fire();
       }).then(function () {
-        assert.equal(used.length, 3);
+        assert.same(timers.map(function (timer) { return timer[1]; }),
+          [1000, 2000, 4000, 8000, 16000, 30000, 1000]);
+        used[7].element.parentNode = null; // taken out of the document
+        used[7].element.crash();
+        return fire();
+      }).then(function () {
+        assert.equal(used.length, 8);
+        stop();
+        used[7].element.parentNode = parent;
+        timers[timers.length - 1][0]();
+        assert.equal(used.length, 8);
         return assert.fails(function () {
           mirado.keepConnected(new FakeElement(), function () { throw new Error("the page's own fault"); });
         });

@@ -45,7 +45,8 @@ function namesOf(tree) {
     (node.params || []).forEach((one) => declare(one.argument || one));
     if (node.type === "CatchClause") declare(node.param);
     if (node.key && !node.computed) own.push(node.key.name || node.key.value);
-    if (node.type === "AssignmentExpression" && node.left.property) declare(node.left.property);
+    const assigned = node.type === "AssignmentExpression" && node.left.property;
+    if (assigned && !/^on/.test(assigned.name)) declare(assigned); // but an event's handler is the platform's
     if (node.operator === "typeof") declare(node.argument); // asked for, not relied on
     if (node.type === "MemberExpression" && !node.computed) used.add(node.property.name);
     if (node.type === "Identifier") used.add(node.name);

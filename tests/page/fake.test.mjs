@@ -100,3 +100,19 @@ for (const [name, [words, prepare]] of Object.entries(states)) {
     }
   });
 }
+
+it("can be steered and seen by a page's tests", async () => {
+  const plugin = fakePlugin();
+  const heard = [];
+  for (const type of ["message", "crash"]) plugin.addEventListener(type, () => heard.push(type));
+  const ask = (command) => plugin.postMessageAndAwaitResponse({ command, propertyKey: 0 });
+  ask("registerVconfKeysForCaption");
+  plugin.settings.set("CAPTION", null);
+  assert.equal(ask("getMenuValue").code, 9999);
+  assert.throws(() => plugin.settings.set("CAPTION", "on"), /MENU_KEY_CAPTION takes an integer/);
+  plugin.crash();
+  plugin.settings.set("CAPTION", 1);
+  assert.equal(ask("getVersion"), undefined);
+  await plugin.settle();
+  assert.deepEqual([heard, plugin.pluginGone.signal, plugin.messages.length], [["message", "crash"], 9, 3]);
+});
