@@ -202,7 +202,8 @@ void Page::OnLogLine(std::string_view line) {
 }
 
 void Page::Log(std::string_view parts) {
-  std::string entry = R"({"page":")" + id_ + R"(","time":)" + std::to_string(NowInMilliseconds()) + ",";
+  std::string entry = R"({"page":")" + id_ + R"(","n":)" + std::to_string(log_.newest() + 1) + R"(,"time":)" +
+                      std::to_string(NowInMilliseconds()) + ",";
   const Text text = MakeText(entry.append(parts).append("}"));
   log_.Add("log", text);
   everything_.Add("log", text);
