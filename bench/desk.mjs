@@ -1,5 +1,5 @@
 // Measures the desk beside bare floors and prints the table:
-// node bench/desk.mjs [all|http|chromium|crowd|cpu|attacks]...
+// node bench/desk.mjs [all|http|chromium|crowd|cpu|attacks|page]...
 import { execFile, spawn } from "node:child_process";
 import { once } from "node:events";
 import { readdirSync, readFileSync } from "node:fs";
@@ -9,6 +9,7 @@ import { createInterface } from "node:readline";
 import { fileURLToPath } from "node:url";
 import { promisify } from "node:util";
 import { Desk } from "../tests/desk/desk.mjs";
+import { measurePage } from "./desk_page.mjs";
 
 const run = promisify(execFile);
 const probe = fileURLToPath(new URL("../build/release/bin/mirado_desk_probe", import.meta.url));
@@ -207,5 +208,6 @@ if (wanted[0] === "--crowd") {
   if (wants("crowd")) await measureCrowd();
   if (wants("cpu")) await measureCpu();
   if (wants("attacks")) await measureAttacks();
+  if (wants("page")) for (const cells of await measurePage()) row(...cells);
   bare.stop();
 }

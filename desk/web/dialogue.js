@@ -6,7 +6,6 @@ import { MAX_ROWS, Rows } from "./rows.js";
 import { numberOf, observe, shortName, state } from "./state.js";
 
 const exchanges = new Map(); // by page and number of the entry that opened the row, oldest first
-const newest = new Map(); // by page: the number of its newest entry that was shown
 
 const seen = () => ({ kind: byId("filter-kind").value, setting: byId("filter-setting").value, failures: byId("filter-failures").checked });
 let filter = seen();
@@ -18,8 +17,6 @@ const keyOf = (page, n) => `${page} ${n}`;
 function append(entries) {
   const made = [];
   for (const entry of entries) {
-    if (entry.n <= (newest.get(entry.page) ?? 0)) continue;
-    newest.set(entry.page, entry.n);
     const request = entry.to === undefined ? null : exchanges.get(keyOf(entry.page, entry.to));
     if (request) {
       request.complete(entry);
@@ -38,13 +35,7 @@ function clear() {
   rows.clear();
 }
 
-const history = new History("dialogue", {
-  append,
-  restart() {
-    clear();
-    newest.clear();
-  },
-});
+const history = new History("dialogue", { append, restart: clear });
 export const addEntry = (entry) => history.add(entry);
 export const load = () => history.load();
 

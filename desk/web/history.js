@@ -4,55 +4,65 @@ import { attempt } from "./banner.js";
 import { observe, state } from "./state.js";
 
 const MAX = 1000; // rows that are shown; a row has one entry or two
+const PACE = 25; // milliseconds between two drawings, at least: one of two frames is for everything else
 const isShown = ({ page }) => !state.selected || page === state.selected;
 
 export class History {
   /**
    * `kind` is the part of a page that the desk is asked for. `append(entries)` is called with entries in their order,
-   * at most once a frame, `restart()` before other pages' entries come.
+   * each once, `restart()` before other pages' entries come.
    */
   constructor(kind, { append, restart }) {
-    Object.assign(this, { kind, append, restart, waiting: [], loading: 0, reading: 0 });
-    let shown;
+    Object.assign(this, { kind, append, restart, waiting: [], newest: new Map(), drawn: 0, reading: null });
     observe(["selected"], () => {
       document.body.classList.toggle("of-all", !state.selected);
-      if (shown === state.selected) return;
-      shown = state.selected;
-      if (state.linked) this.load();
+      if (this.shown !== state.selected && state.linked) this.load();
     });
   }
 
   add(entry) {
     if (!isShown(entry)) return;
     if (this.waiting.push(entry) > 4 * MAX) this.waiting.splice(0, 2 * MAX);
-    if (this.waiting.length === 1) requestAnimationFrame(() => this.flush());
+    if (this.waiting.length > 1) return;
+    setTimeout(() => requestAnimationFrame(() => this.flush()), this.drawn + PACE - performance.now());
   }
 
   // What comes while the history is on its way waits for it.
   flush() {
-    if (this.loading) return;
+    if (this.reading) return;
     const entries = this.waiting.filter(isShown);
     this.waiting = [];
-    this.append(entries);
+    this.drawn = performance.now();
+    this.appendNew(entries);
+  }
+
+  // An entry that came as an event may be in the history, too.
+  appendNew(entries) {
+    this.append(entries.filter(({ page, n }) => {
+      if (n <= (this.newest.get(page) ?? 0)) return false;
+      this.newest.set(page, n);
+      return true;
+    }));
   }
 
   /** Reads of each page what it has, and shows the newest of all. */
   async load() {
-    const asked = ++this.reading; // an answer to an earlier question is of no use any more
-    ++this.loading;
+    this.shown = state.selected;
+    const reading = this.reading = {}; // an answer to an earlier question is of no use any more
     let all = [];
     await attempt(this.kind, async () => {
       for (const page of state.selected ? [state.selected] : [...state.pages.keys()]) {
-        if (!state.pages.has(page) || asked !== this.reading) continue;
+        if (!state.pages.has(page) || reading !== this.reading) continue;
         const answer = await api.get(`/api/pages/${page}/${this.kind}`).catch(passOver);
         const entries = answer[this.kind] ?? [];
         all = all.concat(entries).sort((one, other) => one.time - other.time).slice(-2 * MAX);
       }
     });
-    --this.loading;
-    if (asked !== this.reading) return;
+    if (reading !== this.reading) return;
+    this.reading = null;
+    this.newest.clear();
     this.restart();
-    this.append(all);
+    this.appendNew(all);
     this.flush();
   }
 }

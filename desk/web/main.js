@@ -4,6 +4,7 @@ import { attempt } from "./banner.js";
 import "./composer.js";
 import { reopenConsole } from "./console.js";
 import * as dialogue from "./dialogue.js";
+import { byId } from "./dom.js";
 import { follow } from "./events.js";
 import { countsDown } from "./faults.js";
 import "./guide.js";
@@ -18,6 +19,7 @@ import * as settings from "./settings.js";
 import { changed, observe, state } from "./state.js";
 
 async function readAll() {
+  byId("main").ariaBusy = "true";
   await readDesk();
   await attempt("catalog", async () => {
     state.catalog = await api.get("/api/catalog");
@@ -26,6 +28,7 @@ async function readAll() {
   await pages.load();
   await Promise.all([readSet(), settings.load(), dialogue.load(), log.load()]);
   await reopenConsole();
+  byId("main").ariaBusy = "false";
 }
 
 // One reading at a time. Events that come meanwhile are shown as they come.

@@ -1,9 +1,11 @@
 // A long list of which the browser holds little: its end while that is what is looked at, and all that is kept only
-// while somebody reads further up. Then nothing moves, and a button tells how much is new.
+// while somebody reads further up. Then nothing moves, and a button tells how much is new. The style sheet lays the
+// list out from its end: the browser keeps the end in sight itself, and rows that come or go at the top move nothing.
 import { make } from "./dom.js";
 
 export const MAX_ROWS = 1000;
-const TAIL = 100; // rows, more than any panel is high
+const LOWEST = 19; // pixels that a row is high at least
+const SPARE = 10; // rows more than can be seen, so that there is somewhere to scroll to
 const NEAR = 12; // pixels from the end that still count as the end
 
 export class Rows {
@@ -13,7 +15,7 @@ export class Rows {
    * them.
    */
   constructor(scroller, { label, passes, empty }) {
-    Object.assign(this, { scroller, passes, empty, items: [], following: true, fresh: 0, top: 0 });
+    Object.assign(this, { scroller, passes, empty, items: [], following: true, fresh: 0, tail: SPARE });
     this.list = make("ol", { "aria-label": label });
     this.newest = make("button", { type: "button", className: "newest", hidden: true, onclick: () => {
       this.toEnd();
@@ -23,46 +25,46 @@ export class Rows {
     scroller.append(this.list);
     scroller.before(this.note);
     scroller.after(this.newest);
-    scroller.addEventListener("scroll", () => this.onScroll(), { passive: true });
-    // A panel that becomes lower, or a row that becomes higher, scrolls nothing, and yet the end is elsewhere.
-    const size = new ResizeObserver(() => { if (this.following) this.scrollToEnd(); });
-    size.observe(scroller);
-    size.observe(this.list);
+    scroller.addEventListener("scroll", () => this.follow(scroller.scrollTop > -NEAR), { passive: true });
+    this.keepPlace();
+    new ResizeObserver(([{ contentRect }]) => {
+      this.tail = Math.ceil(contentRect.height / LOWEST) + SPARE;
+      if (this.following) this.show();
+    }).observe(scroller);
     this.show();
   }
 
-  // Only who scrolls up leaves the end: it may also move away on its own, before the observer has seen that.
-  onScroll() {
-    const { scrollHeight, scrollTop, clientHeight } = this.scroller;
-    if (scrollHeight - scrollTop - clientHeight < NEAR) this.follow(true);
-    else if (scrollTop < this.top) this.follow(false);
-    this.top = this.scroller.scrollTop;
-  }
-
-  scrollToEnd() {
-    this.scroller.scrollTop = this.scroller.scrollHeight;
-    this.top = this.scroller.scrollTop;
+  // A row that is opened grows downwards, and what it then shows comes into sight.
+  keepPlace() {
+    let top;
+    this.list.addEventListener("click", ({ target }) => { top = target.getBoundingClientRect().top; }, { capture: true });
+    this.list.addEventListener("click", ({ target }) => {
+      this.scroller.scrollTop += target.getBoundingClientRect().top - top;
+      target.closest("li").scrollIntoView({ block: "nearest" });
+    });
   }
 
   follow(following) {
     if (following === this.following) return;
     this.following = following;
-    const fromEnd = this.scroller.scrollHeight - this.scroller.scrollTop;
     this.show();
-    if (!following) this.scroller.scrollTop = this.scroller.scrollHeight - fromEnd;
   }
 
   toEnd() {
     this.following = true;
     this.show();
+    this.scroller.scrollTop = 0;
   }
 
   append(items) {
     this.items.push(...items.slice(-MAX_ROWS));
     this.items.splice(0, this.items.length - MAX_ROWS);
-    this.fresh += items.filter(this.passes).length;
-    if (this.following) this.show();
-    else this.showNewest();
+    if (this.following) {
+      this.show();
+    } else {
+      this.fresh += items.filter(this.passes).length;
+      this.showNewest();
+    }
   }
 
   clear() {
@@ -73,7 +75,7 @@ export class Rows {
   /** Shows what there is now; `passes` may have changed its mind. */
   show() {
     const wanted = [];
-    const most = this.following ? TAIL : MAX_ROWS;
+    const most = this.following ? this.tail : MAX_ROWS;
     for (let at = this.items.length - 1; at >= 0 && wanted.length < most; --at) {
       if (this.passes(this.items[at])) wanted.unshift(this.items[at].element);
     }
@@ -88,7 +90,6 @@ export class Rows {
     this.note.hidden = wanted.length > 0;
     this.note.textContent = this.items.length ? "Nothing passes the filters." : this.empty;
     this.showNewest();
-    if (this.following) this.scrollToEnd();
   }
 
   showNewest() {

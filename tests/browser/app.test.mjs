@@ -1,13 +1,13 @@
 // The example application on a desk, each page with a real plug-in.
 import assert from "node:assert/strict";
 import { describe, it } from "node:test";
-import { Desk, isRunning } from "../desk/desk.mjs";
+import { isRunning } from "../desk/desk.mjs";
 import { useDesk } from "./harness.mjs";
 
 const CAPTION = "db/menu/caption/caption";
 const SIZE = "db/menu/caption/digitalcaptionoptions/size";
 
-const { desk, app, openPage } = await useDesk();
+const { desk, app, openPage, startDesk } = await useDesk();
 
 const openApp = (shows) => openPage(app.url, shows);
 
@@ -157,22 +157,20 @@ describe("a page from elsewhere", () => {
     await openPage(stranger, (page) => notice(page, "The plug-in"));
     assert.deepEqual((await pages()).filter(({ url }) => url.startsWith(stranger)), []);
 
-    const open = await Desk.start("--token");
+    const open = await startDesk("--token");
     app.script = open.script;
     try {
       const page = await openPage(stranger);
       await rowShows(page, "Captions", "Off");
       await open.mirado("set", CAPTION, "1");
       await caption(page, "visible");
-      await page.close();
     } finally {
       app.script = desk.script;
-      await open.stop();
     }
   });
 
   it("gets none in a sandboxed frame without the token, nor by an element that takes the script's name", async () => {
-    const locked = await Desk.start("--token");
+    const locked = await startDesk("--token");
     const frame = (script) => `<iframe sandbox="allow-scripts" srcdoc='<img name=currentScript src="http://stranger.test/">
       <script src="${script}"></script><embed type="application/x-mirado"><script>
       const embed = document.querySelector("embed");
@@ -188,7 +186,6 @@ describe("a page from elsewhere", () => {
         document.body.insertAdjacentHTML("beforeend", content);
       }), frame(script)), heard, script);
     }
-    await locked.stop();
   });
 
   it("shares one address with any number of others", async () => {

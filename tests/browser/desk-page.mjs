@@ -4,7 +4,7 @@ export const CAPTION = "db/menu/caption/caption";
 
 export const openDesk = async (page, url) => {
   await page.goto(url);
-  await page.getByText("Plug-in 4.0").waitFor();
+  await page.locator("main[aria-busy=false]").waitFor();
 };
 
 export const openConsole = async (page) => {

@@ -84,6 +84,7 @@ export class MortalDesk {
 export async function useDesk() {
   const [desk, browser] = await Promise.all([Desk.start(), launchBrowser()]);
   const app = await serveApp(desk.script);
+  const others = [];
   let context, errors;
 
   after(async () => {
@@ -100,6 +101,7 @@ export async function useDesk() {
   });
   afterEach(async () => {
     await context.close();
+    for (const other of others.splice(0)) await other.stop();
     assert.deepEqual(errors, []);
   });
   const newPage = () => context.newPage();
@@ -109,5 +111,10 @@ export async function useDesk() {
     await Promise.all([shows(page), page.goto(url)]);
     return page;
   };
-  return { desk, app, newPage, openPage };
+  // One more desk, for the test that starts it.
+  const startDesk = async (...options) => {
+    others.push(await Desk.start(...options));
+    return others.at(-1);
+  };
+  return { desk, app, newPage, openPage, startDesk };
 }
