@@ -65,7 +65,7 @@ function contentOf(kind, { title, text, lines = [], button, dismiss }) {
   return [
     make("span", { className: "mark" }),
     make("div", { className: "told" }, make("p", {}, make("strong", {}, title), " ", text),
-      ...lines.length ? [make("pre", { tabIndex: 0, role: "region", "aria-label": "Last log lines" }, lines.join("\n"))] : []),
+      ...lines.length ? [make("pre", { tabIndex: 0, role: "region", "aria-label": "Details" }, lines.join("\n"))] : []),
     make("div", { className: "buttons" }, ...buttons)];
 }
 

@@ -4,7 +4,7 @@ import { attempt } from "./banner.js";
 import { byId, fillSelect, make, showInvalid } from "./dom.js";
 import { failuresOf } from "./failures.js";
 import { readSet } from "./set-state.js";
-import { changed, listeningPage, observe, selectedPage, settingOf, shortName, state, titleOf } from "./state.js";
+import { changed, listeningPage, observe, selectedPage, settingOf, shortName, state } from "./state.js";
 import { describeReply, describeRequest } from "./words.js";
 
 const MAX_HISTORY = 100;
@@ -196,6 +196,5 @@ function takeFocus() {
 
 observe(["pages", "selected", "linked"], () => {
   if (awaitsFocus && listeningPage()) queueMicrotask(takeFocus);
-  const page = selectedPage();
-  byId("composer-page").textContent = page ? `To ${titleOf(page)}` : "Choose a page to send it messages.";
+  byId("composer-page").textContent = selectedPage() ? "" : "Choose a page to send it messages.";
 });

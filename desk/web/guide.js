@@ -14,9 +14,11 @@ const exampleOf = (script, library) => `<!DOCTYPE html>
 <embed type="application/x-mirado" width="0" height="0">
 <pre id="out"></pre>
 <script>
-  mirado.keepConnected(document.querySelector("embed"), function (plugin) {
+  var embed = document.querySelector("embed");
+  mirado.keepConnected(embed, function (plugin) {
     function show() {
-      out.textContent += "Caption is " + plugin.getMenuValue(mirado.MENU_KEY_CAPTION) + "\\n";
+      var value = plugin.getMenuValue(mirado.MENU_KEY_CAPTION);
+      out.textContent += "Caption is " + value + "\\n";
     }
     plugin.onCaptionChanged(mirado.MENU_KEY_CAPTION, show);
     show();

@@ -58,6 +58,7 @@ function showChosen() {
   byId("page-facts").title = page?.url ?? "";
   byId("kill").disabled = page?.state !== "running" || Boolean(state.departed);
   const recording = page?.recording;
+  byId("record").disabled = byId("kill").disabled;
   byId("record").hidden = Boolean(recording?.running);
   byId("stop").hidden = !recording?.running;
   byId("save").hidden = !recording;

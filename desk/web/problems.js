@@ -5,7 +5,6 @@ import { attempt, report } from "./banner.js";
 import { focusMessage } from "./composer.js";
 import { closeConsole, isConsole, openConsole } from "./console.js";
 import { byId } from "./dom.js";
-import { describeEnd } from "./words.js";
 import { changed, observe, state, titleOf } from "./state.js";
 
 const TRIES = "This page tries again every second.";
@@ -47,7 +46,7 @@ observe(["desk"], () => {
   }
   const { store, plugin } = state.desk ?? {};
   report("store", !store?.error ? null : { title: store.code === "damaged" ? "The store is damaged." : "The store cannot be used.",
-    text: `${store.error}${/[.!?]$/.test(store.error) ? "" : "."}`, button: { text: "Replace the store …", run: replaceStore } });
+    text: "Nothing can be read or changed until it is replaced. Its files are kept.", lines: [store.error], button: { text: "Replace the store …", run: replaceStore } });
   report("plugin", !plugin?.error ? null : { title: "The plug-in cannot be loaded.", text: plugin.error });
   byId("plugin").textContent = !plugin ? "" : plugin.error ? "No plug-in" : `Plug-in ${plugin.version}`;
   byId("plugin").title = plugin?.path ?? "";
@@ -73,7 +72,7 @@ let told = new Set(); // crashed pages whose problem was dismissed or shown for 
 observe(["pages", "selected"], () => {
   const crashed = [...state.pages.values()].filter((page) => page.state === "crashed");
   const page = state.selected ? crashed.find(({ id }) => id === state.selected) : crashed.at(-1);
-  report("crash", !page || told.has(page.id) ? null : { title: `The plug-in of ${titleOf(page)} has ended${page.end ? `: it ${describeEnd(page.end)}` : ""}.`,
+  report("crash", !page || told.has(page.id) ? null : { title: `The plug-in of ${titleOf(page)} has ended.`,
     text: isConsole(page.id) ? "" : "Load the page anew in its browser to start another.",
     lines: page.lastLog ?? [],
     dismiss: () => told.add(page.id),

@@ -86,7 +86,8 @@ export class SettingRow {
     if (this.list) this.fillWatchers();
     const page = listeningPage();
     const watches = pages.some(({ id }) => id === page?.id);
-    setText(this.watch, String(pages.length));
+    setText(this.watch, pages.length ? String(pages.length) : "watch");
+    this.watch.classList.toggle("unwatched", !pages.length);
     this.watch.setAttribute("aria-pressed", String(watches));
     this.watch.disabled = !page;
     const by = `watched by ${pages.length} ${pages.length === 1 ? "page" : "pages"}`;
@@ -122,11 +123,11 @@ export class SettingRow {
       make("dl", {},
         ...name ? fact("Constant", make("code", {}, name), ` (${key})`) : [],
         ...fact("Path", make("code", {}, this.path), " ", copy),
-        ...name ? fact("New", String(initial)) : [],
+        ...name ? fact("Initial value", String(initial)) : [],
         ...name ? [make("dt", {}, "Watched by"), this.list] : []),
       ...watchOnly ? [make("p", { className: "note" }, "A page can watch it, and neither read nor set it.")] : [],
       make("div", { className: "buttons" },
-        ...name ? [make("button", { type: "button", onclick: () => this.write(initial) }, "As new")] : [],
+        ...name ? [make("button", { type: "button", onclick: () => this.write(initial) }, "Set to initial value")] : [],
         make("button", { type: "button", className: "danger", onclick: () => this.remove() }, "Remove key …")));
     this.fillWatchers();
     this.element.append(this.details);
