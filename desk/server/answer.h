@@ -21,10 +21,13 @@ struct Answer {
 
 inline Answer Say(const Json& json, unsigned status = 200) { return {.status = status, .body = ToText(json)}; }
 
-/// {"error": text} and, where there is one, {"code": code}.
-Answer Fail(unsigned status, const std::string& text, std::string_view code = {});
-
-/// The status that the code stands for. `status` is not ok.
+/// {"error": text, "code": name}, with the HTTP status and the name that `status` stands for. It is not ok.
 Answer Fail(const vconf::Status& status);
+
+/// {"error": text}: a failure of the request itself, which has no code.
+Answer Fail(unsigned http_status, const std::string& text);
+
+/// A limit of the desk is reached.
+inline Answer Busy(std::string text) { return Fail({vconf::Code::kBusy, std::move(text)}); }
 
 }  // namespace desk

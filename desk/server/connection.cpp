@@ -1,5 +1,7 @@
 #include "server/connection.h"
 
+#include <poll.h>
+
 #include <algorithm>
 #include <array>
 #include <charconv>
@@ -16,6 +18,7 @@ namespace {
 using Error = boost::beast::error_code;
 
 constexpr std::size_t kMaxHead = 16UL * 1024;
+constexpr std::size_t kUsualRequest = 4UL * 1024;
 constexpr std::size_t kLongAnswer = 256UL * 1024;
 constexpr std::size_t kMaxUnsent = 64UL * 1024 * 1024;  // of long answers to all clients together
 
@@ -43,66 +46,68 @@ std::optional<std::string> Decode(std::string_view text) {
   return decoded;
 }
 
-bool Connections::MakeRoom() {
-  if (open_ < limit_) {
+bool Clients::MakeRoom() {
+  if (open_.size() < limit_) {
     return true;
   }
   const bool one = !expecting_.empty();
-  GiveUpOne();  // its seat goes with its last handler
+  GiveUpOne();  // it counts until its last handler has run
   return one;
 }
 
-void Connections::GiveUpOne() {
+void Clients::GiveUpOne() {
   if (!expecting_.empty()) {
     expecting_.front()->Close();
   }
 }
 
-void Connections::Watch(Connection* connection) {
-  connection->watched_ = watched_.insert(watched_.end(), connection);
-  if (!std::exchange(ticking_, true)) {
-    Tick();
-  }
-}
-
-void Connections::Tick() {
+void Clients::Tick() {
   clock_.expires_after(std::chrono::seconds(1));
   clock_.async_wait([this](Error error) {
-    if (error || watched_.empty()) {
+    if (error || open_.empty()) {
       ticking_ = false;
       return;
     }
-    const auto now = Connection::Clock::now();
-    for (Connection* const connection : watched_) {
-      if (now > connection->deadline_) {
-        connection->Close();
+    const auto now = Client::Clock::now();
+    for (auto place = open_.begin(); place != open_.end();) {
+      Client* const client = *place++;  // closing it may be its end
+      pollfd look{client->unread_, POLLRDHUP, 0};
+      if (now > client->deadline_ || (client->unread_ >= 0 && poll(&look, 1, 0) > 0)) {
+        client->Close();
       }
     }
     Tick();
   });
 }
 
-void Connections::Close() {
-  for (Connection* const connection : watched_) {
-    connection->Close();
+void Clients::CloseIdle() {
+  while (!expecting_.empty()) {
+    GiveUpOne();
+  }
+  clock_.cancel();
+}
+
+void Clients::CloseAll() {
+  for (auto place = open_.begin(); place != open_.end();) {
+    (*place++)->Close();
   }
 }
 
-Connection::Connection(Socket socket, Connections& all, const OriginCheck& check, const Handler& handler)
-    : socket_(std::move(socket)),
-      all_(all),
-      seat_(all),
-      check_(check),
-      handler_(handler),
-      expecting_(all.expecting_.end()) {
-  all_.Watch(this);
+Client::Client(Clients& all) : all_(all), place_(all.open_.insert(all.open_.end(), this)) {
+  if (!std::exchange(all.ticking_, true)) {
+    all.Tick();
+  }
 }
+
+Client::~Client() { all_.open_.erase(place_); }
+
+Connection::Connection(Socket socket, Clients& all, const OriginCheck& check, const Handler& handler)
+    : Client(all), socket_(std::move(socket)), check_(check), handler_(handler), expecting_(all.expecting_.end()) {}
 
 Connection::~Connection() {
   if (expecting_ != all_.expecting_.end()) {
     all_.expecting_.erase(expecting_);
   }
-  all_.watched_.erase(watched_);
 }
 
 // Without a buffer or a parser, so that a connection that says nothing costs little.
@@ -126,6 +131,7 @@ void Connection::Read() {
   parser_.emplace();
   parser_->header_limit(kMaxHead);
   parser_->body_limit(kMaxBody);
+  buffer_.reserve(kUsualRequest);  // else the library reads 512 bytes first, and then again
   http::async_read(socket_, buffer_, *parser_,
                    [self = shared_from_this()](Error error, std::size_t) { self->OnRead(error); });
 }
@@ -139,24 +145,17 @@ void Connection::OnRead(Error error) {
   keep_alive_ = !error && parser_->get().keep_alive();
   answered_ = false;
   head_ = false;
-  ++requests_;
   fields_.clear();
   if (error == http::error::body_limit) {
-    return Refuse(413, "a body may have " + std::to_string(kMaxBody) + " bytes at most");
+    return Reply(Fail(413, "a body may have " + std::to_string(kMaxBody) + " bytes at most"));
   }
   if (error == http::error::header_limit || error == http::error::buffer_overflow) {
-    return Refuse(431, "the head of a request may have " + std::to_string(kMaxHead) + " bytes at most");
+    return Reply(Fail(431, "the head of a request may have " + std::to_string(kMaxHead) + " bytes at most"));
   }
   if (error) {
-    return Refuse(400, "the request was not understood: " + error.message());
+    return Reply(Fail(400, "the request was not understood: " + error.message()));
   }
   Handle();
-}
-
-// Nothing of such a request is used, and what may follow it is not taken for another.
-void Connection::Refuse(unsigned status, const std::string& text) {
-  keep_alive_ = false;
-  Reply(Fail(status, text));
 }
 
 bool Connection::ReadTarget(HttpRequest& request, Claim& claim) {
@@ -185,7 +184,7 @@ void Connection::Handle() {
   HttpRequest request;
   Claim claim;
   if (!ReadTarget(request, claim)) {
-    return Refuse(400, "the address was not understood");
+    return Reply(Fail(400, "the address was not understood"));
   }
   constexpr std::string_view kBearer = "Bearer ";
   claim.host = View(read[http::field::host]);
@@ -196,10 +195,10 @@ void Connection::Handle() {
     claim.token = authorization.substr(kBearer.size());
   }
   if (read.count(http::field::host) != 1 || read.count(http::field::origin) > 1) {
-    return Refuse(400, "a request names one host and at most one origin");
+    return Reply(Fail(400, "a request names one host and at most one origin"));
   }
   if (const auto refusal = check_.Refuse(claim)) {
-    return Reply(Fail(403, *refusal, "not-permitted"));
+    return Reply(Fail({vconf::Code::kNotPermitted, *refusal}));
   }
   fields_ = {{"Vary", "Origin"}};
   if (!claim.origin.empty()) {
@@ -227,20 +226,10 @@ void Connection::Handle() {
   handler_(request, shared_from_this());
 }
 
+// What can be read meanwhile is the next request, which waits its turn.
 void Connection::OnGone(std::function<void()> on_gone) {
   on_gone_ = std::move(on_gone);
-  socket_.async_wait(Socket::wait_read, [self = shared_from_this(), request = requests_](Error) {
-    if (self->answered_ || request != self->requests_ || !self->socket_.is_open()) {
-      return;
-    }
-    // What can be read is the end, or the next request, which waits its turn.
-    char next = 0;
-    Error error;
-    self->socket_.receive(boost::asio::buffer(&next, 1), Socket::message_peek, error);
-    if (error) {
-      self->Close();
-    }
-  });
+  unread_ = socket_.native_handle();
 }
 
 void Connection::Reply(Answer answer) {
@@ -249,8 +238,9 @@ void Connection::Reply(Answer answer) {
   }
   answered_ = true;
   on_gone_ = nullptr;
+  unread_ = -1;
   if (answer.body.size() > kLongAnswer && all_.unsent_ + answer.body.size() > kMaxUnsent) {
-    answer = Fail(503, "clients are slow to take other long answers; try again", "busy");
+    answer = Busy("clients are slow to take other long answers; try again");
   }
   const std::size_t size = answer.body.size();
   if (size > kLongAnswer) {
@@ -318,15 +308,16 @@ void Connection::Linger() {
   });
 }
 
-std::pair<Socket, Connections::Seat> Connection::Take() {
+Socket Connection::Take() {
   answered_ = true;
-  on_gone_ = nullptr;
-  return {std::move(socket_), std::move(seat_)};
+  return std::move(socket_);
 }
 
 void Connection::Close() {
+  const auto self = shared_from_this();  // which `on_gone_` may be the last to hold
   Error ignored;
   socket_.close(ignored);
+  unread_ = -1;
   if (expecting_ != all_.expecting_.end()) {
     all_.expecting_.erase(std::exchange(expecting_, all_.expecting_.end()));
   }

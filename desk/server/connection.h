@@ -53,54 +53,67 @@ struct HttpRequest {
   }
 };
 
-/// Counts the connections and chooses which must go. The loop's thread alone.
-class Connections {
+class Client;
+
+/// Counts what is open towards clients, and closes what takes too long. The loop's thread alone.
+class Clients {
  public:
-  /// What one connection, or the stream that came of it, holds as long as it is open.
-  class Seat {
-   public:
-    explicit Seat(Connections& all) : all_(&all) { ++all.open_; }
-    Seat(Seat&& other) noexcept : all_(std::exchange(other.all_, nullptr)) {}
-    Seat& operator=(Seat&&) = delete;
-    Seat(const Seat&) = delete;
-    ~Seat() {
-      if (all_ != nullptr) {
-        --all_->open_;
-      }
-    }
+  explicit Clients(boost::asio::io_context& loop) : clock_(loop) {}
 
-   private:
-    Connections* all_;
-  };
-
-  explicit Connections(boost::asio::io_context& loop) : clock_(loop) {}
-
-  /// Whether there is a seat; a connection that still waits for its request gives up its own, the oldest first.
+  /// Whether one more may be open. When there are as many as may be, the connection that has waited longest for its
+  /// request gives way.
   bool MakeRoom();
-  /// Closes the oldest connection that still waits for its request.
+  /// Closes the connection that has waited longest for its request.
   void GiveUpOne();
 
   void set_limit(std::size_t limit) { limit_ = limit; }
 
+  /// Closes the connections that wait for a request, and looks after nobody any more.
+  void CloseIdle();
   /// Closes all, in the middle of whatever they do.
-  void Close();
+  void CloseAll();
 
  private:
+  friend Client;
   friend Connection;
 
-  void Watch(Connection* connection);
   void Tick();
 
   std::size_t limit_ = 1;
-  std::size_t open_ = 0;
   std::size_t unsent_ = 0;            // bytes of long answers
+  std::list<Client*> open_;           // connections and streams
   std::list<Connection*> expecting_;  // a request, or its rest, or the end; the oldest first
-  std::list<Connection*> watched_;    // all that are no streams
   boost::asio::steady_timer clock_;
   bool ticking_ = false;
 };
 
-class Connection : public std::enable_shared_from_this<Connection> {
+/// A connection, or the stream that came of one.
+class Client {
+ public:
+  Client(const Client&) = delete;
+  Client& operator=(const Client&) = delete;
+
+  virtual void Close() = 0;
+
+ protected:
+  using Clock = std::chrono::steady_clock;
+
+  explicit Client(Clients& all);
+  virtual ~Client();
+
+  Clients& all_;
+  Clock::time_point deadline_ = Clock::time_point::max();  ///< when it is closed
+  /// The descriptor while nothing is read from it: whether the client has left is then looked at each second. -1 for
+  /// none.
+  int unread_ = -1;
+
+ private:
+  friend Clients;
+
+  std::list<Client*>::iterator place_;
+};
+
+class Connection final : public Client, public std::enable_shared_from_this<Connection> {
  public:
   /// Whom a request is handed to. It is answered with one call of `Reply`, at once or later, or by taking the socket.
   using Handler = std::function<void(HttpRequest&, const std::shared_ptr<Connection>&)>;
@@ -111,17 +124,15 @@ class Connection : public std::enable_shared_from_this<Connection> {
   static constexpr std::chrono::seconds kAnswerTime{10};  ///< to take an answer
 
   /// `check` and `handler` outlive it.
-  Connection(Socket socket, Connections& all, const OriginCheck& check, const Handler& handler);
-  ~Connection();
-  Connection(const Connection&) = delete;
-  Connection& operator=(const Connection&) = delete;
+  Connection(Socket socket, Clients& all, const OriginCheck& check, const Handler& handler);
+  ~Connection() override;
 
   void Start() { AwaitRequest(); }
 
   /// Answers the request; nothing happens when the client has gone.
   void Reply(Answer answer);
 
-  /// Calls `on_gone` when the client leaves before it is answered, and then only.
+  /// Calls `on_gone` when the client leaves before it is answered, and then only; within a second or two.
   void OnGone(std::function<void()> on_gone);
 
   /// The request as the library has it, for the answer to an upgrade.
@@ -130,38 +141,33 @@ class Connection : public std::enable_shared_from_this<Connection> {
   /// The header lines that every answer to this request carries.
   const std::vector<std::pair<std::string_view, std::string>>& fields() const { return fields_; }
 
-  /// The connection is a stream from now on; only the destructor may follow.
-  std::pair<Socket, Connections::Seat> Take();
+  /// Whether the head of the answer alone is wanted.
+  bool head() const { return head_; }
 
-  void Close();
+  /// The socket belongs to a stream from now on; only the destructor may follow.
+  Socket Take();
+  Clients& all() { return all_; }
+
+  void Close() override;
 
  private:
-  friend Connections;
-  using Clock = std::chrono::steady_clock;
-
   void AwaitRequest();
   void Read();
   void OnRead(boost::beast::error_code error);
   void Handle();
-  void Refuse(unsigned status, const std::string& text);
   bool ReadTarget(HttpRequest& request, Claim& claim);
   void OnWritten(boost::beast::error_code error, std::size_t size);
   void Linger();
 
   Socket socket_;
-  Connections& all_;
-  Connections::Seat seat_;
   const OriginCheck& check_;
   const Handler& handler_;
   std::list<Connection*>::iterator expecting_;
-  std::list<Connection*>::iterator watched_;
-  Clock::time_point deadline_;
   boost::beast::flat_buffer buffer_;
   std::optional<http::request_parser<http::string_body>> parser_;
   std::optional<http::response<http::string_body>> response_;
   std::vector<std::pair<std::string_view, std::string>> fields_;
   std::function<void()> on_gone_;
-  std::uint64_t requests_ = 0;
   bool keep_alive_ = false;
   bool answered_ = true;
   bool head_ = false;

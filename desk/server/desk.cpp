@@ -6,13 +6,14 @@
 #include <algorithm>
 #include <array>
 #include <csignal>
+#include <cstdlib>
 #include <exception>
 #include <filesystem>
 #include <iostream>
 #include <system_error>
 #include <utility>
 
-#include <boost/asio/ip/v6_only.hpp>
+#include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/post.hpp>
 
 #include "base/exit_status.h"
@@ -29,8 +30,8 @@ using Error = boost::system::error_code;
 // What everybody may see who looks at all.
 constexpr EventLog::Limits kEverything{.events = 20'000, .bytes = 16UL * 1024 * 1024};
 
-// How long streams may take to hear that the desk has ended.
-constexpr std::chrono::seconds kFarewell(1);
+// How long clients may take to hear that the desk has ended, and the store to finish what it does.
+constexpr std::chrono::seconds kFarewell(2);
 
 // How many descriptors this process may have beyond those that it has.
 std::size_t FreeDescriptors() {
@@ -42,10 +43,6 @@ std::size_t FreeDescriptors() {
   const auto used = static_cast<std::size_t>(
       std::distance(std::filesystem::directory_iterator("/proc/self/fd"), std::filesystem::directory_iterator()));
   return limit.rlim_cur > used ? limit.rlim_cur - used : 0;
-}
-
-std::string InBrackets(const boost::asio::ip::address& address) {
-  return address.is_v6() ? "[" + address.to_string() + "]" : address.to_string();
 }
 
 }  // namespace
@@ -66,8 +63,8 @@ Desk::Desk(DeskOptions given)
       pages(loop, options.host, everything, [this] { TellDesk(); }),
       check_("", false),
       handler_([this](HttpRequest& request, const ConnectionPtr& connection) { Handle(request, connection); }),
-      connections_(loop),
-      farewell_(loop),
+      clients_(loop),
+      listener_(loop),
       signals_(loop, SIGINT, SIGTERM, SIGHUP),
       input_(loop) {
   AddSetRoutes(router_, *this);
@@ -76,13 +73,19 @@ Desk::Desk(DeskOptions given)
   AddFiles(router_);
 }
 
-Desk::~Desk() { watch_.reset(); }
+// What still has a handler in the loop refers to this desk, so it goes first.
+Desk::~Desk() {
+  watch_.reset();
+  clients_.CloseAll();
+  loop.restart();
+  loop.poll();
+}
 
 void Desk::Handle(HttpRequest& request, const ConnectionPtr& connection) {
   try {
     router_.Route(request, connection);
   } catch (const std::exception& error) {
-    connection->Reply(Fail(500, error.what(), "failed"));
+    connection->Reply(Fail({vconf::Code::kFailed, error.what()}));
   }
 }
 
@@ -107,94 +110,27 @@ void Desk::OnChange(const vconf::Change& change) {
   boost::asio::post(loop, [this, shared, text] { everything.Add(shared ? "setting" : "set", text); });
 }
 
-std::string Desk::Listen(const boost::asio::ip::address& address, unsigned short port) {
-  Error error;
-  auto acceptor = std::make_unique<Acceptor>(loop);
-  acceptor->open(address.is_v6() ? tcp::v6() : tcp::v4(), error);
-  if (!error && address.is_v6()) {
-    acceptor->set_option(boost::asio::ip::v6_only(true), error);
-  }
-  if (!error) {
-    // Without it a port stays taken for a minute after the desk has ended.
-    acceptor->set_option(Acceptor::reuse_address(true), error);
-  }
-  if (!error) {
-    acceptor->bind({address, port}, error);
-  }
-  if (!error) {
-    acceptor->listen(Acceptor::max_listen_connections, error);
-  }
-  if (!error) {
-    acceptor->non_blocking(true, error);
-  }
-  if (error) {
-    return InBrackets(address) + ":" + std::to_string(port) + ": " + error.message();
-  }
-  port_ = acceptor->local_endpoint().port();
-  acceptors_.push_back(std::move(acceptor));
-  return "";
-}
-
-// Both families, or another program could answer for this one under the name `localhost`.
-std::string Desk::ListenOnLoopback() {
-  const auto v4 = boost::asio::ip::address_v4::loopback();
-  const auto v6 = boost::asio::ip::address_v6::loopback();
-  std::string error = Listen(v4, static_cast<unsigned short>(options.port));
-  if (!error.empty()) {
-    return error;
-  }
-  Error none;
-  boost::asio::basic_stream_socket<tcp, boost::asio::io_context::executor_type> probe(loop);
-  probe.open(tcp::v6(), none);
-  if (!none) {
-    probe.bind({v6, 0}, none);
-  }
-  return none ? "" : Listen(v6, port_);  // a machine without IPv6 has one family
-}
-
-std::string Desk::Start() {
+vconf::Status Desk::Start() {
   if (options.token || !options.listen.empty()) {
     check_ = OriginCheck(KeptToken(options.host.store), !options.listen.empty());
   }
-  std::string error = ListenOnLoopback();
-  // A port that is free in one family may be taken in the other.
-  for (int tries = 0; !error.empty() && options.port == 0 && tries < 20; ++tries) {
-    acceptors_.clear();
-    error = ListenOnLoopback();
-  }
-  if (error.empty() && !options.listen.empty()) {
-    Error wrong;
-    const auto address = boost::asio::ip::make_address(options.listen, wrong);
-    if (wrong) {
-      return options.listen + " is no address; --listen takes one of this machine's, such as 192.168.1.20";
-    }
-    if (address.is_unspecified()) {
-      acceptors_.clear();  // it covers loopback of its family, which would be in its way
-      const auto other = address.is_v6() ? boost::asio::ip::address(boost::asio::ip::address_v4::loopback())
-                                         : boost::asio::ip::address(boost::asio::ip::address_v6::loopback());
-      error = Listen(address, port_);
-      error = error.empty() ? Listen(other, port_) : error;
-    } else if (address.to_string() != "127.0.0.1" && address.to_string() != "::1") {
-      error = Listen(address, port_);
-    }
-  }
-  if (!error.empty()) {
-    return error + "; is another desk running? --port takes another port";
+  if (vconf::Status status = listener_.Listen(options.port, options.listen); !status.ok()) {
+    return status;
   }
   // For the store's own files as it grows, a file that is served, and the pipes of a page that is being started.
   constexpr std::size_t kOwn = 12;
   constexpr std::size_t kFewest = 24;
   const std::size_t free = FreeDescriptors();
   if (free < kOwn + kFewest) {
-    return "this process may open " + std::to_string(free) + " more files and the desk needs " +
-           std::to_string(kOwn + kFewest) + "; raise the limit (ulimit -n)";
+    return {vconf::Code::kFull, "this process may open " + std::to_string(free) + " more files and the desk needs " +
+                                    std::to_string(kOwn + kFewest) + "; raise the limit (ulimit -n)"};
   }
   limits = Limits::For(free - kOwn);
   pages.set_limit(limits.pages);
-  connections_.set_limit(limits.connections);
-  for (const auto& acceptor : acceptors_) {
-    Accept(*acceptor);
-  }
+  clients_.set_limit(limits.connections);
+  listener_.Start(clients_, [this](Socket socket) {
+    std::make_shared<Connection>(std::move(socket), clients_, check_, handler_)->Start();
+  });
   signals_.async_wait([this](Error failed, int) {
     if (!failed) {
       End();
@@ -205,7 +141,7 @@ std::string Desk::Start() {
     AwaitClosedInput();
   }
   plugin_ = std::make_unique<PluginCheck>(loop, options.host, [this] { OnPlugin(); });
-  return "";
+  return {};
 }
 
 void Desk::AwaitClosedInput() {
@@ -219,59 +155,20 @@ void Desk::AwaitClosedInput() {
   });
 }
 
-void Desk::Accept(Acceptor& acceptor) {
-  acceptor.async_wait(Acceptor::wait_read, [this, &acceptor](Error error) {
-    if (error || ending_) {
-      return;
-    }
-    // Several, so that a crowd of connections that say nothing is through soon; not all, so that others have their
-    // turn.
-    for (int left = 64; left > 0; --left) {
-      Socket socket(loop);
-      acceptor.accept(socket, error);
-      if (error == boost::asio::error::would_block || error == boost::asio::error::try_again) {
-        break;
-      }
-      if (error) {
-        connections_.GiveUpOne();  // or others end; then there is room
-        // Each family has a timer of its own: one that both set would forget the first.
-        const auto retry = std::make_shared<boost::asio::steady_timer>(loop, std::chrono::milliseconds(20));
-        return retry->async_wait([this, retry, &acceptor](Error) {
-          if (!ending_) {
-            Accept(acceptor);
-          }
-        });
-      }
-      if (!connections_.MakeRoom()) {
-        static constexpr std::string_view kBusy =
-            "HTTP/1.1 503 Service Unavailable\r\nContent-Type: application/json\r\nConnection: close\r\n\r\n"
-            "{\"error\":\"too many connections are open already\",\"code\":\"busy\"}";
-        socket.non_blocking(true, error);
-        socket.write_some(boost::asio::buffer(kBusy), error);
-        continue;
-      }
-      socket.set_option(tcp::no_delay(true), error);
-      socket.set_option(boost::asio::socket_base::keep_alive(true), error);
-      std::make_shared<Connection>(std::move(socket), connections_, check_, handler_)->Start();
-    }
-    Accept(acceptor);
-  });
-}
-
 std::vector<std::string> Desk::Links() const {
   std::vector<std::string> links;
   const std::string query = check_.token().empty() ? "" : "?token=" + check_.token();
-  links.push_back("http://localhost:" + std::to_string(port_) + "/" + query);
+  links.push_back("http://localhost:" + std::to_string(listener_.port()) + "/" + query);
   if (!options.listen.empty()) {
     Error ignored;
     links.push_back("http://" + InBrackets(boost::asio::ip::make_address(options.listen, ignored)) + ":" +
-                    std::to_string(port_) + "/" + query);
+                    std::to_string(listener_.port()) + "/" + query);
   }
   return links;
 }
 
 std::string Desk::Script() const {
-  return "http://localhost:" + std::to_string(port_) + "/desk.js" +
+  return "http://localhost:" + std::to_string(listener_.port()) + "/desk.js" +
          (check_.token().empty() ? "" : "?token=" + check_.token());
 }
 
@@ -305,24 +202,28 @@ void Desk::TellDesk() {
 
 void Desk::OnStore(const ConnectionPtr& connection, bool tells, std::function<Answer()> work) {
   ++store_work_;
-  boost::asio::post(store_thread_, [this, connection = connection, tells, work = std::move(work)]() mutable {
-    Answer answer;
-    try {
-      answer = work();
-    } catch (const std::exception& error) {
-      answer = Fail(500, error.what(), "failed");
-    }
-    // Whoever has the answer and then opens a stream must not take these changes for something new.
-    if (tells) {
-      vconf::Settle();
-    }
-    // The connection belongs to the loop's thread, so it is handed back and not kept here.
-    boost::asio::post(loop, [this, connection = std::move(connection), answer = std::move(answer)] {
-      connection->Reply(answer);
-      --store_work_;
-      RunReplacements();
-    });
-  });
+  const auto until_answered = boost::asio::make_work_guard(loop);
+  boost::asio::post(store_thread_,
+                    [this, connection = connection, tells, work = std::move(work), until_answered]() mutable {
+                      store_busy_ = true;
+                      Answer answer;
+                      try {
+                        answer = work();
+                      } catch (const std::exception& error) {
+                        answer = Fail({vconf::Code::kFailed, error.what()});
+                      }
+                      // Whoever has the answer and then opens a stream must not take these changes for something new.
+                      if (tells) {
+                        vconf::Settle();
+                      }
+                      // The connection belongs to the loop's thread, so it is handed back and not kept here.
+                      boost::asio::post(loop, [this, connection = std::move(connection), answer = std::move(answer)] {
+                        connection->Reply(answer);
+                        --store_work_;
+                        RunReplacements();
+                      });
+                      store_busy_ = false;
+                    });
 }
 
 void Desk::ReplaceStore(const ConnectionPtr& connection) {
@@ -351,7 +252,7 @@ void Desk::RunReplacements() {
 
 void Desk::OnPlugin() {
   if (ending_ || std::exchange(told_plugin_, true)) {
-    return Finish();
+    return StopWhenAllHaveEnded();
   }
   if (!plugin_->version().empty()) {
     std::cout << "The plug-in answers: version " << plugin_->version() << ", " << options.host.plugin << std::endl;
@@ -370,33 +271,43 @@ void Desk::End() {
   if (std::exchange(ending_, true)) {
     return;
   }
-  acceptors_.clear();
+  listener_.Close();
+  signals_.cancel();
   input_.close();
   plugin_->End();
   pages.Close([this] {
     pages_closed_ = true;
-    Finish();
+    StopWhenAllHaveEnded();
   });
 }
 
-// When all processes are gone, the readers of the streams hear of the end, if they still listen.
-void Desk::Finish() {
-  if (pages_closed_ && plugin_->ended() && !everything.closed()) {
-    everything.Close();
-    farewell_.expires_after(kFarewell);
-    farewell_.async_wait([this](Error) { loop.stop(); });
-    AwaitNoStreams([this] { loop.stop(); });
+void Desk::StopWhenAllHaveEnded() {
+  if (pages_closed_ && plugin_->ended()) {
+    loop.stop();
   }
 }
 
 int Desk::Run() {
-  loop.run();
-  store_thread_.join();
-  // What still has a handler in the loop refers to this desk, so it goes first.
-  connections_.Close();
-  CloseStreams();
+  try {
+    loop.run();
+  } catch (const std::exception& error) {
+    std::cerr << "mirado desk: ends after a failure of its own: " << error.what() << std::endl;
+    status_ = kCannotWork;
+    End();
+    loop.run();
+  }
+  // All processes are gone. Readers of streams hear of the end, if they still listen; what the store does is finished,
+  // and what it has not begun does not begin any more.
+  store_thread_.stop();
+  everything.Close();
+  clients_.CloseIdle();
   loop.restart();
-  loop.poll();
+  loop.run_for(kFarewell);
+  if (store_busy_) {
+    std::cerr << "mirado desk: the store does not finish what it does; a disk may hang" << std::endl;
+    std::_Exit(status_);
+  }
+  store_thread_.join();
   return status_;
 }
 

@@ -2,19 +2,21 @@
 
 // The desk: what all its parts share, and how it begins and ends.
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include <boost/asio/io_context.hpp>
-#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/posix/basic_stream_descriptor.hpp>
 #include <boost/asio/signal_set.hpp>
 #include <boost/asio/thread_pool.hpp>
 
 #include "base/desk_options.h"
 #include "server/connection.h"
 #include "server/event_log.h"
+#include "server/listener.h"
 #include "server/origin.h"
 #include "server/page_book.h"
 #include "server/plugin_check.h"
@@ -46,10 +48,11 @@ class Desk {
   Desk(const Desk&) = delete;
   Desk& operator=(const Desk&) = delete;
 
-  /// Takes the port. An error in words, or nothing.
-  std::string Start();
+  /// Takes the port and begins to ask the plug-in for its version. Throws `std::system_error` as a page does.
+  vconf::Status Start();
 
-  /// Serves until a signal asks for the end, and returns the exit status.
+  /// Serves until a signal asks for the end, and returns the exit status. What the store does then is waited for two
+  /// seconds; beyond that, such as when a disk hangs, it ends the process.
   int Run();
 
   /// The links to the desk's page, the first for this machine.
@@ -83,34 +86,28 @@ class Desk {
   vconf::Status store;  ///< how opening it went
 
  private:
-  using Acceptor = boost::asio::basic_socket_acceptor<boost::asio::ip::tcp, boost::asio::io_context::executor_type>;
-
-  std::string Listen(const boost::asio::ip::address& address, unsigned short port);
-  std::string ListenOnLoopback();
-  void Accept(Acceptor& acceptor);
   void OnChange(const vconf::Change& change);
   void AwaitClosedInput();
   void OnPlugin();
   void Handle(HttpRequest& request, const ConnectionPtr& connection);
   void RunReplacements();
   void End();
-  void Finish();
+  void StopWhenAllHaveEnded();
 
   OriginCheck check_;
   Router router_;
   Connection::Handler handler_;
-  Connections connections_;
-  std::vector<std::unique_ptr<Acceptor>> acceptors_;
-  boost::asio::steady_timer farewell_;
+  Clients clients_;
+  Listener listener_;
   boost::asio::signal_set signals_;
   boost::asio::posix::basic_stream_descriptor<boost::asio::io_context::executor_type> input_;
   std::unique_ptr<PluginCheck> plugin_;
   std::unique_ptr<vconf::Watch> watch_;
   boost::asio::thread_pool store_thread_{1};
   std::vector<ConnectionPtr> replacements_;
-  std::size_t store_work_ = 0;
+  std::size_t store_work_ = 0;  // begun or not, and not answered yet
+  std::atomic<bool> store_busy_ = false;
   std::string told_;
-  unsigned short port_ = 0;
   int status_ = 0;
   bool told_plugin_ = false;
   bool ending_ = false;

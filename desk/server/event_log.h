@@ -64,13 +64,14 @@ class EventLog {
   /// No more events; the readers learn of it.
   void Close();
 
+  /// Calls all readers.
+  void Tell() const;
+
   /// `reader` stays until it is detached, also while it is called.
   void Attach(Reader* reader) { readers_.push_back(reader); }
   void Detach(Reader* reader) { std::erase(readers_, reader); }
 
  private:
-  void Tell() const;
-
   const Limits limits_;
   std::deque<Event> events_;
   std::vector<Reader*> readers_;

@@ -251,7 +251,11 @@ void HostProcess::AwaitEnd() {
       return;
     }
     int status = 0;
-    if (waitpid(self->pid_, &status, WNOHANG) == 0) {  // woken early; the loop must never wait here
+    // The loop must never wait here, and a wait in it may end early: Asio keeps the state of a closed descriptor for
+    // the next one. When one turn of epoll reports several descriptors, and the handler of the first closes the second
+    // and opens a third, then the third is taken for ready, since it has the state with which the second was reported.
+    // Reads and writes find out that it is not, a wait does not.
+    if (waitpid(self->pid_, &status, WNOHANG) == 0) {
       return self->AwaitEnd();
     }
     // What it still had to say comes before its end. A process of its own may hold the pipe open, so what is there

@@ -92,7 +92,7 @@ std::uint64_t Page::Submit(const std::vector<Message>& messages, OnResult on_res
     if (message.waits) {
       sends_.push_back({{}, std::move(on_result)});
       SubmitOne(message);
-      return lines_;
+      return sends_.back().entry;
     }
     SubmitOne(message);
   }
@@ -102,8 +102,7 @@ std::uint64_t Page::Submit(const std::vector<Message>& messages, OnResult on_res
 
 void Page::SubmitOne(const Message& message) {
   ++sent_;
-  const Pending pending{
-      .line = ++lines_, .entry = Note(message.waits ? "send" : "post", message.body), .start = Clock::now()};
+  const Pending pending{.entry = Note(message.waits ? "send" : "post", message.body), .start = Clock::now()};
   if (message.waits) {
     static_cast<Pending&>(sends_.back()) = pending;
   } else {
@@ -114,7 +113,7 @@ void Page::SubmitOne(const Message& message) {
 }
 
 void Page::Forget(std::uint64_t ticket) {
-  const auto found = std::ranges::find(sends_, ticket, &PendingSend::line);
+  const auto found = std::ranges::find(sends_, ticket, &PendingSend::entry);
   if (found != sends_.end()) {
     found->on_result = nullptr;
     last_sign_ = Clock::now();
@@ -139,8 +138,8 @@ void Page::Take(const OutLine& out, std::string_view line) {
       return OnReply(out.value);
     case Out::kMessage:
       return OnDelivery(out.value);
-    case Out::kError:
-      return OnRefusal(out.value);
+    case Out::kError:  // the desk sends nothing that a host refuses
+      return OnLogLine(line);
     case Out::kLog:
       return MemberOf(out.value, "text").starts_with('"') ? Log(out.value.substr(1, out.value.size() - 2))
                                                           : OnLogLine(line);
@@ -179,19 +178,6 @@ void Page::OnDelivery(std::string_view message) {
   deliveries_.Add("message", MakeText(std::string(message)));  // last: whoever hears of it finds it in the dialogue
 }
 
-void Page::OnRefusal(std::string_view error) {
-  const ParsedJson refusal = ParsedJson::parse(error);
-  const auto line = refusal.at("line").get<std::uint64_t>();
-  std::erase_if(posts_, [&](const Pending& post) { return post.line == line; });
-  if (!sends_.empty() && sends_.front().line == line) {
-    const PendingSend pending = std::move(sends_.front());
-    sends_.pop_front();
-    if (pending.on_result) {
-      pending.on_result({.outcome = Outcome::kRefused, .text = refusal.at("text").get<std::string>()});
-    }
-  }
-}
-
 void Page::OnWatches(std::string_view paths) {
   watches_ = ParsedJson::parse(paths).get<std::vector<std::string>>();
   Tell();
@@ -216,12 +202,6 @@ Json Page::LastLog(std::ptrdiff_t count) const {
     lines.push_back(Json::parse(*entry->data).at("text"));
   }
   return lines;
-}
-
-void Page::OnRoom() {
-  for (const auto& on_room : std::exchange(waiting_for_room_, {})) {
-    on_room();
-  }
 }
 
 void Page::OnEnd(int wait_status) {
@@ -267,7 +247,7 @@ void Page::ReleaseWaiting() {
       pending.on_result({.outcome = Outcome::kGone});
     }
   }
-  OnRoom();
+  OnRoom();  // who waits for room learns that there is nobody
 }
 
 void Page::End(std::string_view reason) {
@@ -317,7 +297,7 @@ bool Page::StartRecording() {
   recorded_lines_ = 0;
   recording_full_ = false;
   recording_runs_ = true;
-  ++lines_;
+  ++recordings_asked_;
   host_->Write(WriteLine(In::kRecord, "true"));
   Tell();
   return true;
@@ -325,14 +305,15 @@ bool Page::StartRecording() {
 
 void Page::StopRecording() {
   if (std::exchange(recording_runs_, false)) {
-    ++lines_;
     host_->Write(WriteLine(In::kRecord, "false"));
     Tell();
   }
 }
 
+// What was under way when a recording was stopped comes after the next one was started, and before its first line.
 void Page::OnRecorded(std::string_view line) {
-  if (!recording_ || recording_full_) {
+  recordings_begun_ += line.starts_with(R"({"recording":)") ? 1 : 0;
+  if (!recording_ || recordings_begun_ != recordings_asked_ || recording_full_) {
     return;
   }
   if (recording_->size() + line.size() >= kMaxRecording) {

@@ -43,9 +43,8 @@ class Page final : private HostProcess::Listener {
 
   enum class Outcome {
     kDone,
-    kGone,     ///< there is no plug-in process, or it ended before it replied
-    kFull,     ///< the plug-in has fallen so far behind that no more is taken
-    kRefused,  ///< the host would not take the message; `text` says why
+    kGone,  ///< there is no plug-in process, or it ended before it replied
+    kFull,  ///< the plug-in has fallen so far behind that no more is taken
   };
   struct Result {
     Outcome outcome = Outcome::kDone;
@@ -91,13 +90,11 @@ class Page final : private HostProcess::Listener {
   /// Nobody waits for the reply any more.
   void Forget(std::uint64_t ticket);
 
-  /// Calls `on_room` once the plug-in takes messages again, or is gone.
-  void AwaitRoom(std::function<void()> on_room) { waiting_for_room_.push_back(std::move(on_room)); }
-
   Json Describe() const;
   bool Watches(std::string_view path) const;
 
-  /// What the plug-in sent to the page: `message` and `crash`.
+  /// What the plug-in sent to the page: `message` and `crash`. Its readers are also told when the plug-in takes
+  /// messages again.
   EventLog& deliveries() { return deliveries_; }
   const EventLog& dialogue() const { return dialogue_; }
   const EventLog& log() const { return log_; }
@@ -125,8 +122,7 @@ class Page final : private HostProcess::Listener {
  private:
   // A message that has not been answered yet.
   struct Pending {
-    std::uint64_t line;   // as the host counts its input
-    std::uint64_t entry;  // as the dialogue counts
+    std::uint64_t entry;  // its number in the dialogue
     Clock::time_point start;
   };
   struct PendingSend : Pending {
@@ -136,13 +132,12 @@ class Page final : private HostProcess::Listener {
   void OnLine(std::string_view line) override;
   void Take(const OutLine& out, std::string_view line);
   void OnLogLine(std::string_view line) override;
-  void OnRoom() override;
+  void OnRoom() override { deliveries_.Tell(); }
   void OnEnd(int wait_status) override;
 
   void SubmitOne(const Message& message);
   void OnReply(std::string_view reply);
   void OnDelivery(std::string_view message);
-  void OnRefusal(std::string_view error);
   void OnWatches(std::string_view paths);
   void OnRecorded(std::string_view line);
   void Log(std::string_view parts);
@@ -163,15 +158,15 @@ class Page final : private HostProcess::Listener {
   EventLog log_;
   std::deque<PendingSend> sends_;  // the host answers in order
   std::deque<Pending> posts_;
-  std::vector<std::function<void()>> waiting_for_room_;
   std::vector<std::string> watches_;
   std::optional<std::int64_t> last_number_;
   std::optional<std::string> recording_;
   std::int64_t recording_since_ = 0;
   int recorded_lines_ = 0;
+  int recordings_asked_ = 0;
+  int recordings_begun_ = 0;  // whose first line has come
   bool recording_runs_ = false;
   bool recording_full_ = false;
-  std::uint64_t lines_ = 0;
   std::uint64_t entries_ = 0;
   std::uint64_t sent_ = 0;
   std::uint64_t delivered_ = 0;

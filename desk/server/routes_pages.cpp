@@ -95,11 +95,9 @@ vconf::Result<std::vector<Page::Message>> ReadMessages(std::string_view text) {
 Answer AnswerTo(const Page::Result& result) {
   switch (result.outcome) {
     case Page::Outcome::kGone:
-      return Fail(410, "the page's plug-in is gone", "removed");
+      return Fail(410, "the page's plug-in is gone");
     case Page::Outcome::kFull:
-      return Fail(503, "the plug-in has fallen too far behind", "busy");
-    case Page::Outcome::kRefused:
-      return Fail(400, result.text, "bad-value");
+      return Busy("the plug-in has fallen too far behind");
     case Page::Outcome::kDone:
       break;
   }
@@ -113,7 +111,7 @@ void Submit(Desk& desk, const std::shared_ptr<Page>& page, const HttpRequest& re
     return connection->Reply(Fail(messages.status()));
   }
   if (desk.sends >= desk.limits.sends || page->waiting() >= Page::kMaxWaiting) {
-    return connection->Reply(Fail(503, "too many requests wait for a reply already", "busy"));
+    return connection->Reply(Busy("too many requests wait for a reply already"));
   }
   // Counted as long as somebody waits for the answer.
   ++desk.sends;
@@ -140,10 +138,11 @@ std::int64_t NumberIn(std::string_view text) {
 }
 
 // What a page says on its socket: posts alone, each with a number, which is acknowledged when the plug-in has it.
-void TakePosts(const std::shared_ptr<Page>& page, std::string text, const std::function<void(std::string)>& done) {
+// Nothing while the plug-in takes no more.
+std::optional<std::string> TakePosts(Page& page, std::string_view text) {
   const auto messages = ReadMessages(text);
   const auto refuse = [&](std::int64_t number, const std::string& cause) {
-    done(ToText({{"refused", number}, {"error", cause}}));
+    return ToText({{"refused", number}, {"error", cause}});
   };
   if (!messages.ok()) {
     return refuse(NumberIn(text), messages.status().text());
@@ -153,20 +152,15 @@ void TakePosts(const std::shared_ptr<Page>& page, std::string text, const std::f
       return refuse(post.number.value_or(0), R"(a socket takes {"n": N, "post": M})");
     }
   }
-  std::optional<Page::Result> result;
-  page->Submit(*messages, [&](const Page::Result& now) { result = now; });
-  if (result->outcome == Page::Outcome::kFull) {
-    // Those before the first that found no room are known by their numbers.
-    return page->AwaitRoom([page = std::weak_ptr(page), text = std::move(text), done] {
-      if (const auto left = page.lock()) {
-        TakePosts(left, text, done);
-      }
-    });
+  Page::Outcome outcome{};
+  page.Submit(*messages, [&](const Page::Result& result) { outcome = result.outcome; });
+  if (outcome == Page::Outcome::kFull) {
+    return std::nullopt;  // Those before the first that found no room are known by their numbers next time.
   }
-  if (result->outcome == Page::Outcome::kGone || messages->empty()) {
-    return done("");  // The crash is on its way to the page.
+  if (outcome == Page::Outcome::kGone || messages->empty()) {
+    return "";  // The crash is on its way to the page.
   }
-  done("{\"ack\":" + std::to_string(*messages->back().number) + "}");
+  return "{\"ack\":" + std::to_string(*messages->back().number) + "}";
 }
 
 // Where a stream begins: behind the last event that the reader names.
@@ -179,34 +173,30 @@ std::uint64_t StartOf(const HttpRequest& request, std::uint64_t otherwise) {
 void FollowPage(Desk& desk, const std::shared_ptr<Page>& page, const HttpRequest& request,
                 const ConnectionPtr& connection, bool takes_posts) {
   if (page->streams() >= 4 || desk.delivery_streams >= desk.limits.deliveries + (request.own ? Limits::kReserve : 0)) {
-    return connection->Reply(Fail(503, "too many streams of deliveries are open already", "busy"));
+    return connection->Reply(Busy("too many streams of deliveries are open already"));
   }
   page->StreamOpened();
   ++desk.delivery_streams;
-  Following following{
-      .log = &page->deliveries(), .position = StartOf(request, 0), .keeps = page, .on_close = [&desk, page] {
-        page->StreamClosed();
-        --desk.delivery_streams;
-      }};
+  Following following{.log = &page->deliveries(),
+                      .position = StartOf(request, 0),
+                      .held = std::shared_ptr<void>(nullptr, [&desk, page](void*) {
+                        page->StreamClosed();
+                        --desk.delivery_streams;
+                      })};
   if (takes_posts) {
-    following.on_text = [page](std::string_view text, const std::function<void(std::string)>& done) {
-      TakePosts(page, std::string(text), done);
-    };
+    following.on_text = [&page = *page](std::string_view text) { return TakePosts(page, text); };
   }
   StartStream(connection, std::move(following));
 }
 
 void FollowEverything(Desk& desk, const HttpRequest& request, const ConnectionPtr& connection) {
   if (desk.event_streams >= desk.limits.events + (request.own ? Limits::kReserve : 0)) {
-    return connection->Reply(
-        Fail(503, std::to_string(desk.limits.events) + " streams of events are open already", "busy"));
+    return connection->Reply(Busy(std::to_string(desk.limits.events) + " streams of events are open already"));
   }
   ++desk.event_streams;
   StartStream(connection, {.log = &desk.everything,
                            .position = StartOf(request, desk.everything.newest()),
-                           .keeps = {},
-                           .on_close = [&desk] { --desk.event_streams; },
-                           .on_text = {}});
+                           .held = std::shared_ptr<void>(nullptr, [&desk](void*) { --desk.event_streams; })});
 }
 
 // Compares what the page has asked so far with what the body expects.
@@ -220,7 +210,7 @@ void Verify(const Page& page, const HttpRequest& request, const ConnectionPtr& c
     return connection->Reply(Fail(expected.status()));
   }
   if (page.dialogue().newest() > page.dialogue().kept().size()) {
-    return connection->Reply(Fail(409, "the page has said more than the desk keeps; verify it sooner", "failed"));
+    return connection->Reply(Fail(409, "the page has said more than the desk keeps; verify it sooner"));
   }
   std::vector<ParsedJson> asked;
   for (const EventLog::Event& event : page.dialogue().kept()) {
@@ -245,12 +235,10 @@ void OpenPage(Desk& desk, const HttpRequest& request, const ConnectionPtr& conne
   try {
     const auto page = desk.pages.Open(*description, request.own);
     connection->Reply(page ? Say(page->Describe(), 201)
-                           : Fail(503, std::to_string(desk.pages.limit()) + " pages are open already", "busy"));
+                           : Busy(std::to_string(desk.pages.limit()) + " pages are open already"));
   } catch (const std::system_error& error) {
-    connection->Reply(Fail(503,
-                           std::string("no plug-in can be started: ") + error.what() +
-                               "; close pages, or raise the desk's limits (ulimit -n, ulimit -u)",
-                           "busy"));
+    connection->Reply(Busy(std::string("no plug-in can be started: ") + error.what() +
+                           "; close pages, or raise the desk's limits (ulimit -n, ulimit -u)"));
   }
 }
 
@@ -263,7 +251,7 @@ void AddPageRoutes(Router& router, Desk& desk) {
       if (const auto page = desk.pages.Find(request.parts[0])) {
         return handler(page, request, connection);
       }
-      connection->Reply(Fail(404, "there is no page " + request.parts[0], "missing"));
+      connection->Reply(Fail({vconf::Code::kMissing, "there is no page " + request.parts[0]}));
     };
   };
   const auto add = [&](http::verb method, const std::string& name, std::function<Answer(Page&)> answer) {
@@ -307,7 +295,7 @@ void AddPageRoutes(Router& router, Desk& desk) {
   });
   add(http::verb::get, "/recording", [](Page& page) {
     return page.recording() ? Answer{.body = *page.recording(), .type = "application/jsonl"}
-                            : Fail(404, "no recording of this page was started", "missing");
+                            : Fail({vconf::Code::kMissing, "no recording of this page was started"});
   });
 
   router.AddWithBody(http::verb::post, "/api/pages/*/messages",

@@ -60,7 +60,7 @@ Answer AnswerWith(const vconf::Status& status) { return status.ok() ? Answer{} :
 // Saves what the body holds, or the present state.
 Answer SaveAs(const std::string& store, const std::string& name, const ParsedJson& body) {
   if (!body.is_object() || body.size() != body.count("scenario")) {
-    return Fail(400, R"(the body is {} or {"scenario": S})", "bad-value");
+    return Fail(BadValue(R"(the body is {} or {"scenario": S})"));
   }
   if (body.contains("scenario")) {
     return AnswerWith(SaveScenario(store, name, body["scenario"]));

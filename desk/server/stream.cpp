@@ -1,8 +1,8 @@
 #include "server/stream.h"
 
 #include <array>
+#include <chrono>
 #include <deque>
-#include <set>
 #include <string>
 #include <utility>
 
@@ -23,39 +23,21 @@ constexpr std::size_t kBatchBytes = 64UL * 1024;
 // itself it may take five seconds.
 constexpr char kRetry[] = "retry: 500\n\n";
 
-class Stream;
-
-struct OpenStreams {
-  std::set<Stream*> all;
-  std::function<void()> on_none;
-};
-
-OpenStreams& Open() {
-  static OpenStreams open;
-  return open;
-}
+// How long a client may take to read the rest when its log is closed, and to close its side of a WebSocket.
+constexpr std::chrono::seconds kCloseTime{10};
 
 // What both kinds of stream share: their place in the log, and their end.
-class Stream : public EventLog::Reader {
+class Stream : public Client, public EventLog::Reader {
  public:
-  Stream(Following following, Connections::Seat seat) : following_(std::move(following)), seat_(std::move(seat)) {
+  Stream(Following following, Clients& all) : Client(all), following_(std::move(following)) {
     following_.log->Attach(this);
-    Open().all.insert(this);
   }
-  virtual ~Stream() {
-    following_.log->Detach(this);
-    following_.on_close();
-    Open().all.erase(this);
-    if (Open().all.empty() && Open().on_none) {
-      std::exchange(Open().on_none, nullptr)();
+  ~Stream() override { following_.log->Detach(this); }
+
+  void OnEvents() override {
+    if (following_.log->closed()) {
+      deadline_ = Clock::now() + kCloseTime;
     }
-  }
-  Stream(const Stream&) = delete;
-  Stream& operator=(const Stream&) = delete;
-
-  virtual void Close() = 0;
-
-  void OnEvents() final {
     if (ready_ && !writing_) {
       Write();
     }
@@ -68,16 +50,14 @@ class Stream : public EventLog::Reader {
   std::optional<EventLog::Event> Next() { return following_.log->Next(following_.position); }
 
   Following following_;
-  Connections::Seat seat_;
   bool ready_ = false;  // its head is written
   bool writing_ = false;
-  bool over_ = false;
 };
 
 class EventStream final : public Stream, public std::enable_shared_from_this<EventStream> {
  public:
-  EventStream(Socket socket, Following following, Connections::Seat seat)
-      : Stream(std::move(following), std::move(seat)), socket_(std::move(socket)) {}
+  EventStream(Socket socket, Following following, Clients& all)
+      : Stream(std::move(following), all), socket_(std::move(socket)) {}
 
   void Start(std::string head) {
     text_ = std::move(head) + kRetry;
@@ -98,8 +78,7 @@ class EventStream final : public Stream, public std::enable_shared_from_this<Eve
     }
     if (text_.empty()) {
       if (following_.log->closed()) {
-        Error ignored;
-        socket_.shutdown(Socket::shutdown_send, ignored);
+        Close();  // the system sends what is written
       }
       return;
     }
@@ -131,10 +110,10 @@ class EventStream final : public Stream, public std::enable_shared_from_this<Eve
 
 class EventSocket final : public Stream, public std::enable_shared_from_this<EventSocket> {
  public:
-  EventSocket(Socket socket, Following following, Connections::Seat seat)
-      : Stream(std::move(following), std::move(seat)), socket_(std::move(socket)) {
+  EventSocket(Socket socket, Following following, Clients& all)
+      : Stream(std::move(following), all), socket_(std::move(socket)) {
     socket_.read_message_max(Connection::kMaxBody);
-    socket_.write_buffer_bytes(kWriteBuffer);
+    socket_.auto_fragment(false);
     socket_.text(true);
   }
 
@@ -154,8 +133,14 @@ class EventSocket final : public Stream, public std::enable_shared_from_this<Eve
     });
   }
 
+  void OnEvents() override {
+    if (held_) {
+      Offer();
+    }
+    Stream::OnEvents();
+  }
+
  private:
-  static constexpr std::size_t kWriteBuffer = 1024;
   static constexpr std::size_t kMaxAnswers = 64;  // that wait to be written
 
   void Write() override {
@@ -193,67 +178,70 @@ class EventSocket final : public Stream, public std::enable_shared_from_this<Eve
       if (error) {
         return self->Close();
       }
-      const std::string text = boost::beast::buffers_to_string(self->buffer_.data());
+      self->said_ = boost::beast::buffers_to_string(self->buffer_.data());
       self->buffer_ = {};
-      if (!self->following_.on_text) {
-        return self->Read();
-      }
-      self->following_.on_text(text, [self](std::string answer) {
-        if (!answer.empty()) {
-          self->answers_.push_back(std::move(answer));
-          self->OnEvents();
-        }
-        // A client that takes no answers is asked nothing more.
-        self->holds_back_ = self->answers_.size() >= kMaxAnswers;
-        if (!self->holds_back_) {
-          self->Read();
-        }
-      });
+      self->following_.on_text ? self->Offer() : self->Read();
     });
+  }
+
+  // Hands on what was said; nothing more is read until it was taken.
+  void Offer() {
+    const auto self = shared_from_this();
+    auto answer = following_.on_text(said_);
+    if (!answer) {
+      held_ = self;
+      unread_ = socket_.next_layer().native_handle();
+      return;
+    }
+    held_ = nullptr;
+    unread_ = -1;
+    if (!answer->empty()) {
+      answers_.push_back(*std::move(answer));
+      Stream::OnEvents();
+    }
+    // A client that takes no answers is asked nothing more.
+    holds_back_ = answers_.size() >= kMaxAnswers;
+    if (!holds_back_) {
+      Read();
+    }
   }
 
   void Close() override {
     over_ = true;
     Error ignored;
     socket_.next_layer().close(ignored);
+    unread_ = -1;
+    const auto last = std::exchange(held_, nullptr);
   }
 
   websocket::stream<Socket, false> socket_;  // without compression
   boost::beast::flat_buffer buffer_;
+  std::string said_;                   // by the client, not taken yet
+  std::shared_ptr<EventSocket> held_;  // this one, while what was said waits: no operation holds it then
   std::deque<std::string> answers_;
   bool holds_back_ = false;  // reads on when it has written one
   std::string text_;         // is being written
+  bool over_ = false;
 };
 
 }  // namespace
 
 void StartStream(const std::shared_ptr<Connection>& connection, Following following) {
-  auto [socket, seat] = connection->Take();
+  constexpr std::string_view kType = "text/event-stream";
+  if (connection->head()) {
+    return connection->Reply({.body = {}, .type = kType});
+  }
   if (boost::beast::websocket::is_upgrade(connection->message())) {
-    std::make_shared<EventSocket>(std::move(socket), std::move(following), std::move(seat))
+    std::make_shared<EventSocket>(connection->Take(), std::move(following), connection->all())
         ->Start(connection->message(), connection->fields());
     return;
   }
-  std::string head = "HTTP/1.1 200 OK\r\nContent-Type: text/event-stream\r\nConnection: close\r\n";
-  head += "Cache-Control: no-cache\r\nX-Content-Type-Options: nosniff\r\n";
+  std::string head = "HTTP/1.1 200 OK\r\nConnection: close\r\nCache-Control: no-cache\r\n";
+  head.append("X-Content-Type-Options: nosniff\r\nContent-Type: ").append(kType).append("\r\n");
   for (const auto& [name, value] : connection->fields()) {
     head.append(name).append(": ").append(value).append("\r\n");
   }
-  std::make_shared<EventStream>(std::move(socket), std::move(following), std::move(seat))->Start(head + "\r\n");
-}
-
-void AwaitNoStreams(std::function<void()> on_none) {
-  if (Open().all.empty()) {
-    on_none();
-  } else {
-    Open().on_none = std::move(on_none);
-  }
-}
-
-void CloseStreams() {
-  for (Stream* const stream : Open().all) {
-    stream->Close();
-  }
+  std::make_shared<EventStream>(connection->Take(), std::move(following), connection->all())->Start(head + "\r\n");
 }
 
 }  // namespace desk

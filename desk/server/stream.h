@@ -4,6 +4,8 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
+#include <string>
 #include <string_view>
 
 #include "server/connection.h"
@@ -14,23 +16,17 @@ namespace desk {
 /// What a stream tells and whom it serves.
 struct Following {
   EventLog* log = nullptr;
-  std::uint64_t position = 0;           ///< behind which it begins
-  std::shared_ptr<void> keeps = {};     ///< what `log` belongs to
-  std::function<void()> on_close = {};  ///< the stream has ended, for whatever cause
+  std::uint64_t position = 0;       ///< behind which it begins
+  std::shared_ptr<void> held = {};  ///< what must live as long as the stream, such as what `log` belongs to
 
-  /// What a page says on its socket, one text at a time: the next comes when `done` was called, which takes the text to
-  /// answer with; empty for none. Null for a socket that takes nothing.
-  std::function<void(std::string_view text, std::function<void(std::string)> done)> on_text = {};
+  /// Takes what a page says on its socket, one text at a time, and returns the answer, empty for none. Nothing when it
+  /// cannot take the text yet; then it is given the same text again when the log's readers are told. Null for a socket
+  /// that takes nothing.
+  std::function<std::optional<std::string>(std::string_view text)> on_text = {};
 };
 
 /// Turns the connection of a GET into a stream: into a WebSocket where the request asks for one. It lives until its
-/// client goes or the log is closed. The loop's thread alone.
+/// client goes or the log is closed. A HEAD is answered. The loop's thread alone.
 void StartStream(const std::shared_ptr<Connection>& connection, Following following);
-
-/// Calls `on_none` when no stream is open any more, perhaps at once.
-void AwaitNoStreams(std::function<void()> on_none);
-
-/// Closes all in the middle of whatever they do.
-void CloseStreams();
 
 }  // namespace desk

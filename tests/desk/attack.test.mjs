@@ -44,7 +44,7 @@ test("clients that give up what they wait for", async () => {
   const send = `POST /api/pages/${page.id}/messages ${HEAD}Content-Type: application/json\r\n` +
     `Content-Length: ${body.length}\r\n\r\n${body}`;
   const waiting = [];
-  for (let sends = 0; sends < 257; ++sends) waiting.push(await desk.dial(send));
+  for (let sends = 0; sends < 257; ++sends) waiting.push(await desk.dial(sends % 2 ? send : send + send));
   assert.equal(await statusOf(waiting[16]), "503", "as many as may wait do");
   await answersOthers();
   for (const socket of waiting) socket.destroy();
@@ -76,6 +76,8 @@ test("connections that say nothing, half of what they want, or do not listen", a
   for (let thousands = 0; thousands < 10; ++thousands) {
     sockets.push(...await Promise.all(Array.from({ length: 1000 }, (_, i) => desk.dial(i % 2 ? half : ""))));
   }
+  sockets.at(-2).write(`GET /api/desk ${HEAD}\r\n`);
+  assert.equal(await statusOf(sockets.at(-2)), "200", "the oldest give way");
   const drip = setInterval(() => sockets.forEach((socket) => socket.write("x")), 500);
   await answersOthers();
   clearInterval(drip);
@@ -93,19 +95,59 @@ test("more pages than there may be", async () => {
   await desk.openPage();
 });
 
-test("a page that does not read what it is sent", async () => {
+test("a plug-in that does not read what it is sent", { timeout: 300_000 }, async () => {
   const page = await desk.openPage();
-  process.kill(page.pid, "SIGSTOP");
-  const posts = Array.from({ length: 60 }, () => ({ post: { command: "x".repeat(1000) } }));
-  let taken = 0;
-  let status = 200;
-  while (status === 200 && taken < 1000) {
-    ({ status } = await desk.say(page, posts));
-    ++taken;
-  }
-  assert.equal(status, 503);
-  assert(taken > 100, "8 MiB");
+  const socket = await desk.socketOf(page);
+  const posts = Array.from({ length: 60 }, () => ({ post: { ...VERSION, more: "x".repeat(1000) } }));
+  let posted = 0;
+  const fill = async () => {
+    process.kill(page.pid, "SIGSTOP");
+    let status = 200;
+    for (let batches = 0; status === 200 && batches < 1000; ++batches) {
+      ({ status } = await desk.say(page, posts));
+    }
+    assert.equal(status, 503);
+    posted = (await desk.call("GET", `/api/pages/${page.id}`)).sent;
+  };
+  await fill();
+  assert(posted > 6000, "8 MiB");
   await answersOthers();
+  socket.say({ n: 1, post: { command: "the last" } });
+  process.kill(page.pid, "SIGCONT");
+  for (let heard = 0, acks = 0; heard <= posted || acks === 0;) {
+    const { id, data, ack } = await socket.hear();
+    if (id) assert.equal(data.command, heard++ < posted ? "getVersion" : "the last");
+    if (ack) assert.equal(acks++, 0);
+  }
+  await fill();
+  const others = await Promise.all([1, 2, 3].map(() => desk.deliveriesOf(page, 1e9)));
+  socket.say({ n: 2, post: VERSION });
+  socket.socket.end();
+  let next; // There is room for four, so a fifth shows that one has ended, with the post that waited.
+  while ((next = await desk.socketOf(page)).status === 503) next.socket.destroy();
+  assert.equal(next.status, 101);
+  next.socket.destroy();
+  for (const stream of others) stream.close();
+});
+
+test("clients that do not take long answers", { timeout: 300_000 }, async () => {
+  const page = await desk.openPage();
+  const posts = Array.from({ length: 15 }, () => ({ post: { command: "x".repeat(4000) } }));
+  for (let batches = 0; batches < 70; ++batches) await desk.say(page, posts);
+  const path = `/api/pages/${page.id}/dialogue`;
+  const lazy = await Promise.all(Array.from({ length: 40 }, () => desk.dial(`GET ${path} ${HEAD}\r\n`)));
+  for (const socket of lazy) socket.pause();
+  let answer = await desk.request("GET", path);
+  assert.equal(answer.status, 503);
+  await answersOthers();
+  while (answer.status === 503) answer = await desk.request("GET", path); // They are closed when their time is over.
+  assert(answer.text.length > 1024 * 1024);
+  for (const socket of lazy) socket.destroy();
+});
+
+test("a request that does not end", { timeout: 300_000 }, async () => {
+  const half = await desk.dial(`POST /api/pages ${HEAD}Content-Length: 100\r\n\r\n{`);
+  assert.deepEqual(await half.toArray(), []);
 });
 
 // What a process may have; the desk runs as nobody where root would not be bound by it.

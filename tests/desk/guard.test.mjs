@@ -17,12 +17,13 @@ test("answers to loopback names alone", async () => {
   for (const host of ["localhost", "LocalHost:1", "p3-0a.localhost:8480", "127.0.0.1", "127.9.9.9:80", "[::1]:8480"]) {
     assert.equal(await statusWith({ Host: host }), 200, host);
   }
-  for (const host of ["tv.example", "localhost.tv.example", "notlocalhost", "128.0.0.1", "127.0.0.1.tv.example", "[::2]",
+  for (const host of ["tv.example", "localhost.tv.example", "notlocalhost", "126.0.0.1", "128.0.0.1", "127.0.0.1.tv.example", "[::2]",
     "localhost:80:80", "localhost:x", "[::1", "127.1", "localhost@tv.example"]) {
     assert.equal(await statusWith({ Host: host }), 403, host);
     assert.equal(await statusWith({ Host: host }, "/desk.js"), 403, host);
   }
-  for (const hosts of ["", "Host: \r\n", "Host: localhost\r\nHost: tv.example\r\n"]) {
+  for (const hosts of ["", "Host: \r\n", "Host: localhost\r\nHost: tv.example\r\n",
+    `Host: localhost\r\nOrigin: ${OWN[0]}\r\nOrigin: http://tv.example\r\n`]) {
     const socket = await desk.dial(`GET /api/settings HTTP/1.1\r\nConnection: close\r\n${hosts}\r\n`);
     assert.match((await socket.toArray()).join(""), /^HTTP\/1.1 40[03] /, hosts);
   }
@@ -43,7 +44,8 @@ test("lets in the origins of this machine, and others with the token", async () 
     const { status: free, headers } = await desk.request("GET", "/api/settings", { headers: { Origin: origin } });
     assert.equal(free, 200, origin);
     assert.equal(headers["access-control-allow-origin"], origin);
-    assert.equal(await status(locked, { Origin: origin }, "/api/settings"), 403, origin);
+    assert.equal(headers.vary, "Origin");
+    assert.equal(await status(locked, { "Origin": origin, "Sec-Fetch-Site": "same-origin" }, "/api/settings"), 403, origin);
   }
   for (const origin of FOREIGN) {
     for (const [method, path] of [["GET", "/api/settings"], ["OPTIONS", "/api/reset"], ["POST", "/api/reset"]]) {
@@ -58,9 +60,10 @@ test("lets in the origins of this machine, and others with the token", async () 
     assert.equal(preflight.status, 204);
     assert.equal(preflight.headers["access-control-allow-origin"], origin);
     assert.equal(preflight.headers["access-control-allow-private-network"], "true");
+    assert.equal(preflight.headers["access-control-allow-methods"], "GET, POST, PUT, PATCH, DELETE");
     assert.equal(await status(locked, { Origin: origin }, `/api/settings?token=${token}`), 200, origin);
   }
-  for (const wrong of ["", token.slice(1), `${token}0`, token.replace(/./, "x")]) {
+  for (const wrong of ["", token.slice(1), `${token}0`, token.replace(/./, "x"), token.replace(/.$/, "x")]) {
     assert.equal(await status(locked, {}, `/api/settings?token=${wrong}`), 403, wrong);
     assert.equal(await status(locked, { Authorization: `Bearer ${wrong}` }, "/api/settings"), 403, wrong);
   }
@@ -106,7 +109,8 @@ test("takes JSON of a bounded size and says what is wrong with it", async () => 
     [put('{"value": 1}', { "Content-Type": "text/plain" }), 415],
     [put('{"value": 1}', { "Content-Type": "application/json; charset=utf-8" }), 200],
     [put('{"value": 1}', { "Content-Encoding": "gzip" }), 415],
-    [put(`{"value": "${"x".repeat(65_536)}"}`), 413],
+    [put('{"value": 1}'.padEnd(65_536)), 200],
+    [put('{"value": 1}'.padEnd(65_537)), 413],
     [put(`{"value": "${"x".repeat(65_536)}"}`, { "Content-Length": [], "Transfer-Encoding": "chunked" }), 413],
     [put('{\n"value": 1'), 400, /JSON: line 2, column 11/],
     [put('{"value": "\xff\xfe"'), 400],
@@ -119,6 +123,8 @@ test("takes JSON of a bounded size and says what is wrong with it", async () => 
     [say('{"send": 1, "n": "two"}'), 400],
     [say('{"hello": 1}'), 400],
     [say("7"), 400],
+    [say(`{"send": ${"[".repeat(127)}${"]".repeat(127)}}`), 200],
+    [say(`{"send": ${"[".repeat(128)}${"]".repeat(128)}}`), 400],
     [desk.request("POST", "/api/pages", { body: '{"grace": 0}' }), 400],
     [desk.request("POST", "/api/pages", { body: '{"colour": "red"}' }), 400],
     [desk.request("POST", "/api/faults", { body: '{"call": "no_such_call", "answer": 1}' }), 400, /vconf_get_int/],
@@ -144,7 +150,8 @@ test("knows its routes and serves nothing beside them", async () => {
   for (const [method, path, status, text = ""] of [
     ["GET", "/api/nothing", 404], ["GET", "/nothing.js", 404], ["GET", "/api/pages/p1-0", 404],
     ["DELETE", "/api/pages/p1-0", 404], ["GET", "/api/store/set/embedder/name", 404],
-    ["POST", "/api/settings", 405], ["DELETE", "/api/set", 405], ["GET", "/api/reset", 405],
+    ["POST", "/api/settings", 405], ["DELETE", "/api/set", 405, "takes GET, PATCH"], ["GET", "/api/reset", 405],
+    ["GET", "/api/store/db/%zz", 400], ["GET", "/api/store?prefix=%4", 400], ["GET", `/${"x".repeat(20_000)}`, 431],
     ["GET", "/../../../etc/passwd", 404], ["GET", "/%2e%2e/%2e%2e/%2e%2e/etc/passwd", 404],
     ["GET", "/..%2fpage/package.json", 404],
     ["GET", "/", 200, "<!DOCTYPE html>"], ["GET", "/desk.js", 200, "postMessageAndAwaitResponse"],
@@ -154,6 +161,8 @@ test("knows its routes and serves nothing beside them", async () => {
     assert.equal(answer.status, status, `${method} ${path}`);
     assert(answer.text.includes(text), path);
     if (status === 405) assert.match(answer.headers.allow, /^[A-Z, ]+$/);
+    if (path.endsWith(".js") && status === 200) assert.equal(answer.headers["cross-origin-resource-policy"], "cross-origin");
+    if (path === "/") assert.match(answer.headers["content-security-policy"], /^default-src 'self';.*frame-ancestors 'none'/);
     if (status >= 400) assert.equal(typeof answer.json.error, "string");
   }
   const refused = await desk.request("PUT", "/api/store/set/embedder/name", { body: { value: "x" } });
@@ -161,11 +170,14 @@ test("knows its routes and serves nothing beside them", async () => {
 });
 
 test("waits for no body where none is announced, and cuts no answer", async () => {
-  for (const [line, status] of [["POST /api/reset", 200], ["POST /api/nothing", 404], ["PUT /api/set", 405]]) {
+  for (const [line, status] of [["POST /api/reset", 200], ["POST /api/nothing", 404], ["PUT /api/set", 405],
+    ["HEAD /api/settings", 200], ["HEAD /api/events", 200]]) {
     await oneOfFiveIsBelow(2500, async () => {
       const start = performance.now();
       const socket = await desk.dial(`${line} HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n`);
-      assert.match((await socket.toArray()).join(""), new RegExp(`^HTTP/1.1 ${status} `), line);
+      const answer = (await socket.toArray()).join("");
+      assert.match(answer, new RegExp(`^HTTP/1.1 ${status} `), line);
+      assert.equal(answer.endsWith("\r\n\r\n"), line.startsWith("HEAD"), line);
       return performance.now() - start;
     });
   }

@@ -208,9 +208,33 @@ test("a session that is recorded from the middle on can be replayed", async () =
   assert.equal(headers["content-type"], "application/jsonl");
   assert.match(text, /MIRADO_EVENT_CAPTION_CHANGED/);
   assert.equal((await desk.call("DELETE", `/api/pages/${page.id}/recording`)).recording.bytes, text.length);
+  await desk.say(page, { send: READ });
+  assert.equal((await desk.request("GET", `/api/pages/${page.id}/recording`)).text, text, "it has ended");
   const file = join(desk.folder, "session.jsonl");
   await writeFile(file, text);
   assert.match(await desk.mirado("replay", file), /the same/);
+});
+
+test("a recording is bounded, and holds nothing of the one before", async () => {
+  const page = await desk.openPage();
+  const path = `/api/pages/${page.id}/recording`;
+  const long = Array.from({ length: 10 }, () => ({ post: { command: "x".repeat(6000) } }));
+  for (const _ of [1, 2]) { // The posts of the first are still on their way when the second begins.
+    await desk.call("POST", path);
+    await desk.say(page, long);
+    await desk.call("DELETE", path);
+  }
+  await desk.call("POST", path);
+  await desk.say(page, { send: VERSION });
+  const [first, ...lines] = (await desk.request("GET", path)).text.trim().split("\n").map((line) => JSON.parse(line));
+  assert.equal(first.recording, 1);
+  assert.deepEqual(lines.map(({ in: asked, out }) => asked ?? out.reply.value), [{ send: VERSION }, "4.0"]);
+  const P = () => desk.call("GET", `/api/pages/${page.id}`);
+  while (!(await P()).recording.full) await desk.say(page, [...long, { send: VERSION }]);
+  const { recording } = await P();
+  assert.equal(recording.running, false);
+  assert(recording.bytes > 8_000_000 && recording.bytes <= 8 * 1024 * 1024, recording.bytes);
+  assert.equal((await desk.call("POST", path)).recording.full, false);
 });
 
 test("the desk starts whatever the set does, but not without a plug-in", async () => {

@@ -1,0 +1,155 @@
+#include "server/listener.h"
+
+#include <netinet/tcp.h>
+
+#include <chrono>
+#include <string_view>
+#include <utility>
+
+#include <boost/asio/ip/v6_only.hpp>
+#include <boost/asio/steady_timer.hpp>
+
+namespace desk {
+namespace {
+
+using boost::asio::ip::tcp;
+using Address = boost::asio::ip::address;
+using Error = boost::system::error_code;
+
+template <int kName>
+using TcpOption = boost::asio::detail::socket_option::integer<IPPROTO_TCP, kName>;
+
+// A client whose machine has gone without a word is given up after a minute.
+constexpr int kProbeAfter = 30;  // seconds without a word
+constexpr int kProbeEach = 10;
+constexpr int kProbes = 3;
+
+bool HasIpv6(boost::asio::io_context& loop) {
+  Error error;
+  tcp::socket probe(loop);
+  probe.open(tcp::v6(), error);
+  if (!error) {
+    probe.bind({boost::asio::ip::address_v6::loopback(), 0}, error);
+  }
+  return !error;
+}
+
+}  // namespace
+
+std::string InBrackets(const Address& address) {
+  return address.is_v6() ? "[" + address.to_string() + "]" : address.to_string();
+}
+
+vconf::Status Listener::ListenOn(const Address& address, int port) {
+  auto acceptor = std::make_unique<Acceptor>(loop_);
+  const tcp::endpoint endpoint(address, static_cast<unsigned short>(port));
+  try {
+    acceptor->open(endpoint.protocol());
+    if (address.is_v6()) {
+      acceptor->set_option(boost::asio::ip::v6_only(true));
+    }
+    // Without it a port stays taken for a minute after the desk has ended.
+    acceptor->set_option(Acceptor::reuse_address(true));
+    // Connections inherit these.
+    acceptor->set_option(tcp::no_delay(true));
+    acceptor->set_option(boost::asio::socket_base::keep_alive(true));
+    acceptor->set_option(TcpOption<TCP_KEEPIDLE>(kProbeAfter));
+    acceptor->set_option(TcpOption<TCP_KEEPINTVL>(kProbeEach));
+    acceptor->set_option(TcpOption<TCP_KEEPCNT>(kProbes));
+    acceptor->bind(endpoint);
+    acceptor->listen();
+    acceptor->non_blocking(true);
+  } catch (const boost::system::system_error& error) {
+    return {vconf::Code::kFailed, InBrackets(address) + ":" + std::to_string(port) + ": " + error.code().message() +
+                                      "; is another desk running? --port takes another port"};
+  }
+  port_ = acceptor->local_endpoint().port();
+  acceptors_.push_back(std::move(acceptor));
+  return {};
+}
+
+vconf::Status Listener::ListenOnBoth(const Address& v4, const Address& v6, int port) {
+  vconf::Status status;
+  // A port that is free in one family may be taken in the other.
+  for (int tries = port == 0 ? 20 : 1; tries > 0; --tries) {
+    acceptors_.clear();
+    status = ListenOn(v4, port);
+    if (status.ok() && HasIpv6(loop_)) {
+      status = ListenOn(v6, port_);
+    }
+    if (status.ok()) {
+      break;
+    }
+  }
+  return status;
+}
+
+// Both families, or another program could answer for this one under the name `localhost`.
+vconf::Status Listener::Listen(int port, const std::string& address) {
+  Address v4 = boost::asio::ip::address_v4::loopback();
+  Address v6 = boost::asio::ip::address_v6::loopback();
+  Address other = v4;
+  if (!address.empty()) {
+    Error error;
+    other = boost::asio::ip::make_address(address, error);
+    if (error) {
+      return {vconf::Code::kBadValue,
+              address + " is no address; --listen takes one of this machine's, such as 192.168.1.20"};
+    }
+  }
+  if (other.is_unspecified()) {  // it covers loopback of its family
+    (other.is_v6() ? v6 : v4) = other;
+  }
+  vconf::Status status = ListenOnBoth(v4, v6, port);
+  if (status.ok() && other != v4 && other != v6) {
+    status = ListenOn(other, port_);
+  }
+  return status;
+}
+
+void Listener::Start(Clients& clients, std::function<void(Socket)> on_socket) {
+  clients_ = &clients;
+  on_socket_ = std::move(on_socket);
+  for (const auto& acceptor : acceptors_) {
+    Accept(*acceptor);
+  }
+}
+
+void Listener::Accept(Acceptor& acceptor) {
+  acceptor.async_wait(Acceptor::wait_read, [this, &acceptor](Error error) {
+    if (error || acceptors_.empty()) {
+      return;
+    }
+    // Several, so that a crowd of connections that say nothing is through soon; not all, so that others have their
+    // turn.
+    for (int left = 64; left > 0; --left) {
+      Socket socket(loop_);
+      acceptor.accept(socket, error);
+      if (error == boost::asio::error::would_block || error == boost::asio::error::try_again) {
+        break;
+      }
+      if (error) {
+        clients_->GiveUpOne();  // or others end; then there is room
+        // Each address has a timer of its own: one that both set would forget the first.
+        const auto retry = std::make_shared<boost::asio::steady_timer>(loop_, std::chrono::milliseconds(20));
+        return retry->async_wait([this, retry, &acceptor](Error) {
+          if (!acceptors_.empty()) {
+            Accept(acceptor);
+          }
+        });
+      }
+      if (clients_->MakeRoom()) {
+        on_socket_(std::move(socket));
+        continue;
+      }
+      static constexpr std::string_view kBusy =
+          "HTTP/1.1 503 Service Unavailable\r\nContent-Type: application/json\r\nConnection: close\r\n\r\n"
+          "{\"error\":\"too many connections are open already\",\"code\":\"busy\"}";
+      socket.non_blocking(true, error);
+      socket.write_some(boost::asio::buffer(kBusy), error);
+    }
+    Accept(acceptor);
+  });
+}
+
+}  // namespace desk

@@ -1,0 +1,75 @@
+// mirado desk: the command line, and what is printed.
+
+#include <exception>
+#include <iostream>
+#include <string>
+
+#include "base/command_line.h"
+#include "base/desk_options.h"
+#include "base/exit_status.h"
+#include "dlog_control.h"
+#include "server/desk.h"
+#include "server/serve.h"
+
+namespace desk {
+namespace {
+
+int Fail(const std::string& error) {
+  Complain("mirado desk: " + error);
+  return kCannotWork;
+}
+
+int Serve(const DeskOptions& options) {
+  Desk desk(options);
+  // A store that is damaged can be put right from the desk's page.
+  constexpr int kNothing = 8;
+  constexpr int kUsual = 4;
+  dlog::SetThreshold(kNothing);  // the store logs what its status says again
+  const vconf::Status store = desk.OpenStore();
+  dlog::SetThreshold(kUsual);
+  if (!store.ok() && store.code() != vconf::Code::kDamaged && store.code() != vconf::Code::kRemoved) {
+    return Fail(store.text());
+  }
+  if (const vconf::Status started = desk.Start(); !started.ok()) {
+    return Fail(started.text());
+  }
+  std::string_view name = "Mirado desk: ";
+  for (const std::string& link : desk.Links()) {
+    std::cout << std::exchange(name, ", and ") << link;
+  }
+  std::cout << "\nThe set is kept in " << options.host.store << "; Ctrl-C ends the desk.\n";
+  if (!std::cout.flush()) {
+    return Fail(OutputFailed(0).text());  // nobody would know where the desk is
+  }
+  if (!store.ok()) {
+    Complain("mirado desk: " + store.text());
+  }
+  return desk.Run();
+}
+
+int Main(int argc, char** argv) {
+  DeskOptions options;
+  CLI::App app("Serve pages in a desktop browser", "mirado desk");
+  AddDeskOptions(app, options);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return Explain(app, error);
+  }
+  try {
+    const int status = Serve(options);
+    vconf::CloseStore();
+    return status;
+  } catch (const std::exception& error) {
+    return Fail(std::string(error.what()) + "; are the limits of this process too low (ulimit -a)?");
+  }
+}
+
+}  // namespace
+
+int ServeDesk(int argc, char** argv) {
+  PrepareStandardStreams();
+  return WithOutput([&] { return Main(argc, argv); });
+}
+
+}  // namespace desk
