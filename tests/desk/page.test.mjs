@@ -219,7 +219,7 @@ test("a recording is bounded, and holds nothing of the one before", async () => 
   const page = await desk.openPage();
   const path = `/api/pages/${page.id}/recording`;
   const long = Array.from({ length: 10 }, () => ({ post: { command: "x".repeat(6000) } }));
-  for (const _ of [1, 2]) { // The posts of the first are still on their way when the second begins.
+  for (let times = 0; times < 2; ++times) { // The posts of the first are still on their way when the second begins.
     await desk.call("POST", path);
     await desk.say(page, long);
     await desk.call("DELETE", path);
