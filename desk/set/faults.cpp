@@ -71,12 +71,7 @@ vconf::Status AddFault(const vconf::Fault& fault) {
 }
 
 Json ToJson(const vconf::Fault& fault) {
-  Json json = Json::object();
-  json["call"] = fault.call;
-  json["path"] = fault.path;
-  json["answer"] = fault.answer;
-  json["times"] = fault.times;
-  return json;
+  return {{"call", fault.call}, {"path", fault.path}, {"answer", fault.answer}, {"times", fault.times}};
 }
 
 vconf::Result<vconf::Fault> FaultFromJson(const ParsedJson& json) {

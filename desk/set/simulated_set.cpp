@@ -23,213 +23,36 @@ const std::string& FeaturePath() {
 
 constexpr char kLanguages[] = "1 English\n2 French\n3 Spanish\n4 German\n5 Italian\n6 Portuguese\n7 Korean";
 
-/// The changes that a description asks for, gathered before the first is made.
-class Changes {
- public:
-  /// A value, or nothing to take the key away.
-  void Add(std::string path, std::optional<vconf::Value> value) {
-    changes_.emplace_back(std::move(path), std::move(value));
-  }
-
-  vconf::Status Apply() const {
-    for (const auto& [path, value] : changes_) {
-      const auto present = vconf::Get(path);
-      vconf::Status status;
-      if (!present.ok() && present.status().code() != vconf::Code::kMissing) {
-        status = present.status();
-      } else if (present.ok() && (!value || value->index() != present->index())) {
-        // A key keeps its type until it is removed, and here the value as a whole is given anew.
-        status = vconf::Remove(path);
-      }
-      if (status.ok() && value) {
-        status = vconf::Set(path, *value);
-      }
-      if (!status.ok()) {
-        return status;
-      }
-    }
-    return {};
-  }
-
- private:
-  std::vector<std::pair<std::string, std::optional<vconf::Value>>> changes_;
-};
-
-/// Each reader takes one member of the description, `where` in the whole, and says what it should have been when it is
-/// not understood. Null takes the key away, whatever it holds.
-vconf::Status ReadNull(const ParsedJson&, const std::string& path, Changes& changes) {
-  changes.Add(path, std::nullopt);
-  return {};
+template <typename Type>
+std::optional<vconf::Value> ReadAs(const ParsedJson& json) {
+  auto value = ToValue(json);
+  return value && std::holds_alternative<Type>(*value) ? value : std::nullopt;
 }
 
-vconf::Status ReadBool(const ParsedJson& json, const std::string& path, Changes& changes) {
-  if (!json.is_boolean()) {
-    return BadValue("must be true, false or null");
-  }
-  changes.Add(path, json.get<bool>());
-  return {};
+std::optional<vconf::Value> ReadLatency(const ParsedJson& json) {
+  auto value = ReadAs<int>(json);
+  return value && std::get<int>(*value) >= 0 && std::get<int>(*value) <= kMaxLatency ? value : std::nullopt;
 }
 
-vconf::Status ReadInt(const ParsedJson& json, const std::string& path, Changes& changes) {
-  const auto value = ToValue(json);
-  if (!value || !std::holds_alternative<int>(*value)) {
-    return BadValue("must be an integer of 32 bits or null");
-  }
-  changes.Add(path, value);
-  return {};
-}
-
-vconf::Status ReadText(const ParsedJson& json, const std::string& path, Changes& changes) {
-  if (!json.is_string()) {
-    return BadValue("must be a text or null");
-  }
-  changes.Add(path, json.get<std::string>());
-  return {};
-}
-
-vconf::Status ReadAny(const ParsedJson& json, const std::string& path, Changes& changes) {
-  const auto value = ToValue(json);
-  if (!value) {
-    return BadValue("must be an integer of 32 bits, true, false, a text or null");
-  }
-  changes.Add(path, value);
-  return {};
-}
-
-vconf::Status ReadLatency(const ParsedJson& json, const std::string& path, Changes& changes) {
-  const auto commands = Commands();
-  const std::string_view name = std::string_view(path).substr(std::size(kLatencyPrefix) - 1);
-  if (std::ranges::find(commands, name, &Command::name) == commands.end()) {
-    std::string error = "is no command of the plug-in, which has these:";
-    for (const Command& command : commands) {
-      error.append(" ").append(command.name);
-    }
-    return BadValue(error);
-  }
-  const auto value = ToValue(json);
-  const int* milliseconds = value ? std::get_if<int>(&*value) : nullptr;
-  if (milliseconds != nullptr && (*milliseconds < 0 || *milliseconds > kMaxLatency)) {
-    return BadValue("must be 0 to " + std::to_string(kMaxLatency) + " milliseconds");
-  }
-  return ReadInt(json, path, changes);
-}
-
-vconf::Status ReadList(const ParsedJson& json, const std::string& path, Changes& changes) {
-  constexpr char kError[] = R"(must be an array of {"value": an integer, "label": a text of one line} or null)";
+std::optional<vconf::Value> ReadItems(const ParsedJson& json) {
   if (!json.is_array()) {
-    return BadValue(kError);
+    return std::nullopt;
   }
   std::string lines;
   for (const ParsedJson& item : json) {
     const auto value = item.is_object() && item.size() == 2 ? item.find("value") : item.end();
     const auto label = item.is_object() ? item.find("label") : item.end();
-    if (value == item.end() || label == item.end() || !label->is_string()) {
-      return BadValue(kError);
+    const auto number = value == item.end() ? std::nullopt : ReadAs<int>(*value);
+    const auto text = label == item.end() ? std::nullopt : ReadAs<std::string>(*label);
+    if (!number || !text || std::get<std::string>(*text).find('\n') != std::string::npos) {
+      return std::nullopt;
     }
-    const auto number = ToValue(*value);
-    const auto& text = label->get_ref<const std::string&>();
-    if (!number || !std::holds_alternative<int>(*number) || text.find('\n') != std::string::npos) {
-      return BadValue(kError);
-    }
-    lines += (lines.empty() ? "" : "\n") + std::to_string(std::get<int>(*number)) + " " + text;
+    lines += (lines.empty() ? "" : "\n") + std::to_string(std::get<int>(*number)) + " " + std::get<std::string>(*text);
   }
-  changes.Add(path, lines);
-  return {};
+  return lines;
 }
 
-using Reader = vconf::Status (*)(const ParsedJson&, const std::string& path, Changes&);
-
-/// One place in the description. A path that ends in '/' stands for an object of names, each read by `read`.
-struct Place {
-  std::string_view where;
-  std::string path;
-  Reader read;
-};
-
-std::span<const Place> Places() {
-  static const std::array<Place, 8> places{{
-      {"b2b", FeaturePath(), ReadBool},
-      {"privileges", kPrivilegePrefix, ReadBool},
-      {"pictureSize", panelbase::kPictureSizePath, ReadInt},
-      {"lists", prefdeck::kListPrefix, ReadList},
-      {"latency", kLatencyPrefix, ReadLatency},
-      {"embedder/offered", kEmbedderOffered, ReadBool},
-      {"embedder/name", kEmbedderName, ReadText},
-      {"embedder/replies", kReplyPrefix, ReadAny},
-  }};
-  return places;
-}
-
-vconf::Status ReadOne(const Place& place, const std::string& where, const std::string& path, const ParsedJson& json,
-                      Changes& changes) {
-  const auto read = (json.is_null() ? ReadNull : place.read)(json, path, changes);
-  return read.ok() ? read : vconf::Status(read.code(), where + " " + read.text());
-}
-
-vconf::Status ReadMember(const std::string& where, const ParsedJson& json, Changes& changes) {
-  if (where == "embedder" && json.is_object()) {
-    for (const auto& [name, member] : json.items()) {
-      if (auto read = ReadMember("embedder/" + name, member, changes); !read.ok()) {
-        return read;
-      }
-    }
-    return {};
-  }
-  const auto places = Places();
-  const auto place = std::ranges::find(places, where, &Place::where);
-  if (place == places.end()) {
-    return BadValue(where == "embedder" ? "embedder must be an object" : "the set has no \"" + where + "\"");
-  }
-  if (!place->path.ends_with('/')) {
-    return ReadOne(*place, where, place->path, json, changes);
-  }
-  if (!json.is_object()) {
-    return BadValue(where + " must be an object");
-  }
-  for (const auto& [name, member] : json.items()) {
-    const std::string behind = "/" + name;
-    if (auto read = ReadOne(*place, where + behind, place->path + name, member, changes); !read.ok()) {
-      return read;
-    }
-  }
-  return {};
-}
-
-/// What the store holds, as it is asked for one by one; `status` is the first failure.
-class Reading {
- public:
-  /// The value at `path`, or null where there is none.
-  Json At(const char* path) {
-    const auto value = vconf::Get(path);
-    if (!value.ok() && value.status().code() != vconf::Code::kMissing) {
-      Note(value.status());
-    }
-    return value.ok() ? ToJson(*value) : Json();
-  }
-
-  /// An object of what stands under `prefix`, by the names behind it.
-  template <typename Convert>
-  Json Names(const char* prefix, Convert convert) {
-    const auto entries = vconf::List(prefix);
-    Note(entries.status());
-    Json json = Json::object();
-    for (const vconf::Entry& entry : entries.ok() ? *entries : std::vector<vconf::Entry>()) {
-      json[entry.path.substr(std::string_view(prefix).size())] = convert(entry.value);
-    }
-    return json;
-  }
-
-  const vconf::Status& status() const { return status_; }
-
- private:
-  void Note(const vconf::Status& status) { status_ = status_.ok() ? status : status_; }
-
-  vconf::Status status_;
-};
-
-Json Plain(const vconf::Value& value) { return ToJson(value); }
-
-Json ListItems(const vconf::Value& value) {
+Json DescribeItems(const vconf::Value& value) {
   const auto* lines = std::get_if<std::string>(&value);
   Json items = Json::array();
   std::istringstream stream(lines == nullptr ? "" : *lines);
@@ -238,13 +61,105 @@ Json ListItems(const vconf::Value& value) {
     int number = 0;
     const char* end = line.data() + blank;
     const auto parsed = std::from_chars(line.data(), end, number);
-    Json item = Json::object();
-    // A list that somebody wrote by hand may hold what is no number; it shows as it is.
-    item["value"] = parsed.ec == std::errc() && parsed.ptr == end ? Json(number) : Json(line.substr(0, blank));
-    item["label"] = blank == line.size() ? "" : line.substr(blank + 1);
-    items.push_back(std::move(item));
+    // A list that another program wrote may have a text in the place of a number.
+    items.push_back(
+        {{"value", parsed.ec == std::errc() && parsed.ptr == end ? Json(number) : Json(line.substr(0, blank))},
+         {"label", blank == line.size() ? "" : line.substr(blank + 1)}});
   }
   return items;
+}
+
+/// A part of the set's description, and the key of the store that holds it.
+struct Part {
+  std::string_view where;  ///< the names that lead to it, with '/' between them
+  std::string path;        ///< when it ends in '/', the part is an object, and each of its members has a key
+  std::string_view form;   ///< what `read` takes, in words
+  std::optional<vconf::Value> (*read)(const ParsedJson&);  ///< nothing when the JSON has another form
+  Json usual = nullptr;                                    ///< what stands for a missing key
+};
+
+std::span<const Part> Parts() {
+  constexpr std::string_view kBool = "true, false";
+  constexpr std::string_view kInt = "an integer of 32 bits";
+  static const std::array<Part, 8> parts{{
+      {"b2b", FeaturePath(), kBool, ReadAs<bool>},
+      {"privileges", kPrivilegePrefix, kBool, ReadAs<bool>},
+      {"pictureSize", panelbase::kPictureSizePath, kInt, ReadAs<int>},
+      {"lists", prefdeck::kListPrefix, R"(an array of {"value": an integer, "label": a text of one line})", ReadItems},
+      {"embedder/offered", kEmbedderOffered, kBool, ReadAs<bool>, true},
+      {"embedder/name", kEmbedderName, "a text", ReadAs<std::string>, kUsualEmbedder},
+      {"embedder/replies", kReplyPrefix, "an integer of 32 bits, true, false, a text", ToValue},
+      {"latency", kLatencyPrefix, "an integer from 0 to 60000 (milliseconds)", ReadLatency},
+  }};
+  static_assert(kMaxLatency == 60'000, "as the form of a latency says");
+  return parts;
+}
+
+/// Keys and the values that they are to have; without a value the key is taken away.
+using Changes = std::vector<std::pair<std::string, std::optional<vconf::Value>>>;
+
+vconf::Status Apply(const Changes& changes) {
+  for (const auto& [path, value] : changes) {
+    const auto present = vconf::Get(path);
+    vconf::Status status;
+    if (!present.ok() && present.status().code() != vconf::Code::kMissing) {
+      status = present.status();
+    } else if (present.ok() && (!value || value->index() != present->index())) {
+      status = vconf::Remove(path);  // a key keeps its type until it is removed
+    }
+    if (status.ok() && value) {
+      status = vconf::Set(path, *value);
+    }
+    if (!status.ok()) {
+      return status;
+    }
+  }
+  return {};
+}
+
+/// Adds the change that `json` asks for to `changes`; `name` is the member's in a part that is an object.
+vconf::Status ReadOne(const Part& part, const std::string& name, const ParsedJson& json, Changes& changes) {
+  const std::string where = std::string(part.where) + (part.path.ends_with('/') ? "/" + name : "");
+  const auto commands = Commands();
+  std::optional<vconf::Value> value;
+  if (!json.is_null()) {
+    if (part.path == kLatencyPrefix && std::ranges::find(commands, name, &Command::name) == commands.end()) {
+      std::string error = where + " is no command of the plug-in, which has these:";
+      for (const Command& command : commands) {
+        error.append(" ").append(command.name);
+      }
+      return BadValue(error);
+    }
+    value = part.read(json);
+    if (!value) {
+      return BadValue((where + " must be ").append(part.form) + " or null");
+    }
+  }
+  changes.emplace_back(part.path + name, std::move(value));
+  return {};
+}
+
+vconf::Status ReadPart(const std::string& where, const ParsedJson& json, Changes& changes) {
+  const auto parts = Parts();
+  const auto part = std::ranges::find(parts, where, &Part::where);
+  const bool is_embedder = where == "embedder";
+  if (part == parts.end() && !is_embedder) {
+    return BadValue("the set has no \"" + where + "\"");
+  }
+  if (!is_embedder && !part->path.ends_with('/')) {
+    return ReadOne(*part, "", json, changes);
+  }
+  if (!json.is_object()) {
+    return BadValue(where + " must be an object");
+  }
+  for (const auto& [name, member] : json.items()) {
+    const auto read =
+        is_embedder ? ReadPart("embedder/" + name, member, changes) : ReadOne(*part, name, member, changes);
+    if (!read.ok()) {
+      return read;
+    }
+  }
+  return {};
 }
 
 }  // namespace
@@ -279,20 +194,28 @@ vconf::Status ResetSet() {
 }
 
 vconf::Result<Json> DescribeSet() {
-  Reading reading;
-  const auto or_usual = [](Json value, Json usual) { return value.is_null() ? usual : value; };
-  Json embedder = Json::object();
-  embedder["offered"] = or_usual(reading.At(kEmbedderOffered), true);
-  embedder["name"] = or_usual(reading.At(kEmbedderName), kUsualEmbedder);
-  embedder["replies"] = reading.Names(kReplyPrefix, Plain);
   Json set = Json::object();
-  set["b2b"] = reading.At(FeaturePath().c_str());
-  set["privileges"] = reading.Names(kPrivilegePrefix, Plain);
-  set["pictureSize"] = reading.At(panelbase::kPictureSizePath);
-  set["lists"] = reading.Names(prefdeck::kListPrefix, ListItems);
-  set["embedder"] = std::move(embedder);
-  set["latency"] = reading.Names(kLatencyPrefix, Plain);
-  return reading.status().ok() ? vconf::Result(std::move(set)) : reading.status();
+  for (const Part& part : Parts()) {
+    Json& described = set[Json::json_pointer("/" + std::string(part.where))];
+    if (!part.path.ends_with('/')) {
+      const auto value = vconf::Get(part.path);
+      if (!value.ok() && value.status().code() != vconf::Code::kMissing) {
+        return value.status();
+      }
+      described = value.ok() ? ToJson(*value) : part.usual;
+      continue;
+    }
+    const auto entries = vconf::List(part.path);
+    if (!entries.ok()) {
+      return entries.status();
+    }
+    described = Json::object();
+    for (const vconf::Entry& entry : *entries) {
+      described[entry.path.substr(part.path.size())] =
+          part.path == prefdeck::kListPrefix ? DescribeItems(entry.value) : ToJson(entry.value);
+    }
+  }
+  return set;
 }
 
 vconf::Status ChangeSet(const ParsedJson& change) {
@@ -300,12 +223,12 @@ vconf::Status ChangeSet(const ParsedJson& change) {
     return BadValue("a change of the set must be an object");
   }
   Changes changes;
-  for (const auto& [name, member] : change.items()) {
-    if (auto read = ReadMember(name, member, changes); !read.ok()) {
+  for (const auto& [name, json] : change.items()) {
+    if (auto read = ReadPart(name, json, changes); !read.ok()) {
       return read;
     }
   }
-  return changes.Apply();
+  return Apply(changes);
 }
 
 vconf::Result<std::vector<std::string>> KnownPaths(std::string_view prefix) {
@@ -339,8 +262,8 @@ vconf::Result<std::vector<std::string>> KnownPaths(std::string_view prefix) {
 }
 
 bool IsOpenPath(std::string_view path) {
-  return std::ranges::any_of(Places(), [&](const Place& place) {
-    return place.path.ends_with('/') && place.path != kLatencyPrefix && path.starts_with(place.path);
+  return std::ranges::any_of(Parts(), [&](const Part& part) {
+    return part.path.ends_with('/') && part.path != kLatencyPrefix && path.starts_with(part.path);
   });
 }
 
