@@ -90,7 +90,7 @@ TEST_F(VconfTest, ANewStoreIsFilledOnceAndAnOldOneNever) {
   EXPECT_EQ(*vconf::List("db/"), std::vector<Entry>{});
   vconf::CloseStore();
   const auto error = vconf::OpenOrCreateStore(folder() + "/third", {{"other/a", 1}});
-  EXPECT_TRUE(error.text().starts_with("other/a: is no path of the store; one begins with")) << error.text();
+  EXPECT_TRUE(error.text().starts_with("other/a: is no path of the store; a path begins with")) << error.text();
   EXPECT_FALSE(std::filesystem::exists(folder() + "/third"));
   EXPECT_NE(vconf::OpenStore("").text(), "");
   EXPECT_EQ(vconf::OpenStore(folder() + "/third/").code(), vconf::Code::kMissing);

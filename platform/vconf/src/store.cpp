@@ -25,9 +25,9 @@ constexpr std::array<Room, 3> kRooms{{{"db/", false}, {kMemoryPrefix, false}, {"
 
 Status BadPath(std::string_view path) {
   return {Code::kBadName, std::string(path) +
-                              ": is no path of the store; one begins with `db/`, `memory/` or `set/`, "
-                              "goes on behind that, and has no more than " +
-                              std::to_string(layout::kMaxPath) + " bytes"};
+                              ": is no path of the store; a path begins with `db/`, `memory/` or `set/` and "
+                              "a name follows, no more than " +
+                              std::to_string(layout::kMaxPath) + " bytes in all"};
 }
 
 Status CheckValue(std::string_view path, const Value& value) {
@@ -45,7 +45,7 @@ bool IsPath(std::string_view path, bool control) {
     return (control || !each.control_only) && path.starts_with(each.prefix);
   });
   return room != kRooms.end() && path.size() > room->prefix.size() && path.size() <= layout::kMaxPath &&
-         path.find('\0') == std::string_view::npos;
+         (!control || path.find('\0') == std::string_view::npos);
 }
 
 Status CheckEntries(const std::vector<Entry>& entries) {
@@ -109,8 +109,10 @@ Region& Store::Renew(Region& old) {
 std::unique_ptr<making::Place> Store::Successor(Region& old) {
   if (old.IsWhole()) {
     auto folder = Folder::Open(directory_);
-    auto place = folder.ok() ? making::AttachShared(*std::move(folder)) : folder.status();
-    if (!place.ok()) {
+    auto place = !folder.ok()          ? folder.status()
+                 : folder->may_write() ? making::Attach(directory_, nullptr)
+                                       : making::AttachShared(*std::move(folder));
+    if (!place.ok() || !(*place)->region->is_shared()) {
       return nullptr;
     }
     old.MarkReplaced();
@@ -222,8 +224,12 @@ Status Store::ForWriting(Region** region) {
   if (replaced || (*region)->IsRemoved()) {
     return {Code::kRemoved, (*region)->file() + ": was removed while it was in use; restart this program"};
   }
-  return (*region)->writable() && (*region)->is_shared()
-             ? Status()
+  if ((*region)->writable() && (*region)->is_shared()) {
+    return {};
+  }
+  const auto folder = Folder::Open(directory_);
+  return folder.ok() && folder->may_write() && !(*region)->is_shared()
+             ? Status(Code::kFull, (*region)->file() + ": its disk is full, so the store can only be read; make room")
              : Status(Code::kReadOnly, directory_ + "/" + Folder::kDatabase + ": may only be read by this process");
 }
 

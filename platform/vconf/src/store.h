@@ -105,7 +105,7 @@ class Store {
   std::atomic<Code> last_memory_write_{Code::kOk};
 };
 
-/// Whether the store serves `path` at all; `set/` is for the control side alone.
+/// Whether the store serves `path` at all. `set/` is for the control side alone, whose paths may hold a NUL.
 bool IsPath(std::string_view path, bool control);
 
 /// Whether all of `entries` could be written; else what stands against the first one that could not.
