@@ -5,7 +5,8 @@ const RETRY = 1000; // milliseconds
 
 /**
  * Calls `handlers[kind](data)` for each event, `handlers.linked()` whenever all lists have to be read again, and
- * `handlers.broken(answers)` when the stream has ended or was refused; `answers` says whether the desk still answers.
+ * `handlers.broken(error)` when the stream has ended or was refused; `error` is why the desk answers no other request
+ * either, null when it does.
  * A stream that broke is not taken up where it ended: the desk may be another one by then, which counts its events
  * anew.
  */
@@ -19,7 +20,7 @@ export function follow(handlers) {
     else handlers[event]?.(content);
   };
   socket.onclose = async () => {
-    handlers.broken(await get("/api/desk").then(() => true, () => false));
+    handlers.broken(await get("/api/desk").then(() => null, (error) => error));
     setTimeout(() => follow(handlers), RETRY);
   };
 }

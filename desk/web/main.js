@@ -45,10 +45,10 @@ follow({
     reportLinked();
     readAgain();
   },
-  broken(answers) {
+  broken(error) {
     state.linked = false;
     changed("linked");
-    reportBroken(answers);
+    reportBroken(error);
   },
   desk(desk) {
     state.desk = desk;

@@ -9,11 +9,16 @@ import { changed, observe, state, titleOf } from "./state.js";
 
 const TRIES = "This page tries again every second.";
 
-export function reportBroken(refused) {
-  report("desk", refused ? null : { title: "The desk does not answer.",
-    text: `Start it again with “mirado desk --port ${location.port || 80}”. ${TRIES} Pages reload to get a plug-in.` });
-  report("stream", refused ? { title: "The desk takes no further reader of its events.",
-    text: `Close another desk page. ${TRIES}` } : null);
+const GONE = { title: "The desk does not answer.",
+  text: `Start it again with “mirado desk --port ${location.port || 80}”. ${TRIES} Pages reload to get a plug-in.` };
+const FULL = { title: "The desk takes no further reader of its events.", text: `Close another desk page. ${TRIES}` };
+const LOCKED = { title: "This desk asks for its token.",
+  text: "Open the link that “mirado desk” printed when it began; it ends with the token." };
+
+/** The stream of events has ended or did not begin; `error` is why the desk answers nothing else, null when it does. */
+export function reportBroken(error) {
+  report("desk", error ? error.status === 403 ? LOCKED : GONE : null);
+  report("stream", error ? null : FULL);
 }
 
 export function reportLinked() {

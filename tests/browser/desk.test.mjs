@@ -3,9 +3,10 @@ import assert from "node:assert/strict";
 import { once } from "node:events";
 import { readFile } from "node:fs/promises";
 import { createServer } from "node:http";
+import { join } from "node:path";
 import { describe, it } from "node:test";
 import { answer, CAPTION, openConsole, openDesk, said, say, valueOf } from "./desk-page.mjs";
-import { useDesk } from "./harness.mjs";
+import { MortalDesk, useDesk } from "./harness.mjs";
 
 const { desk, newPage, openPage, startDesk } = await useDesk();
 
@@ -309,6 +310,43 @@ describe("the desk's page", () => {
       assert.equal(await crash.count(), 0);
       await page.close();
     }
+  });
+
+  it("replaces a damaged store and keeps its files", async () => {
+    const mortal = await MortalDesk.start();
+    try {
+      await mortal.damage();
+      const page = await openedDesk(mortal);
+      await banner(page, "The store is damaged").waitFor();
+      await page.getByText("unknown").first().waitFor();
+      await button(page, "Replace the store …").press("Enter");
+      await answer(page, "Cancel");
+      await page.locator("#banner button:focus").press("Enter");
+      await answer(page, "Replace the store");
+      await banner(page, "The store is as new").waitFor();
+      await settles(() => valueOf(page, "Caption, Caption").inputValue(), "0");
+      const [, folder] = /The old files are in (.*)\.$/m.exec(await page.getByRole("alert").first().innerText());
+      assert.match(await readFile(join(folder, "keys.db"), "utf8"), /^no database/);
+    } finally {
+      await mortal.stop();
+    }
+  });
+
+  it("takes the token from its link, keeps the chosen page when it is loaded anew, and asks for a token it lacks", async () => {
+    const locked = await startDesk("--token");
+    for (const title of ["One", "Two", "Three"]) await locked.call("POST", `/api/pages?token=${locked.token}`, { grace: 3600, title });
+    const page = await openedDesk({ url: `${locked.url}/?token=${locked.token}` });
+    assert.equal(page.url(), `${locked.url}/`);
+    await tab(page, / Two/).click();
+    await button(page, "Kill …").waitFor();
+    await page.reload();
+    await tab(page, / Two/).and(page.locator("[aria-selected=true]")).waitFor();
+    assert.match((await page.getByRole("tablist", { name: "Pages" }).innerText()).replace(/\s+/g, " "), /^All 3 #\d+ One #\d+ Two #\d+ Three$/);
+
+    const stranger = await newPage();
+    await stranger.goto(locked.url);
+    await banner(stranger, "This desk asks for its token").waitFor();
+    assert(await button(stranger, "Reset …").isDisabled());
   });
 
   it("says that no further page fits, and closes one", async () => {
