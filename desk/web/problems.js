@@ -15,7 +15,7 @@ const FULL = { title: "The desk takes no further reader of its events.", text: `
 const LOCKED = { title: "This desk asks for its token.",
   text: "Open the link that “mirado desk” printed when it began; it ends with the token." };
 
-/** The stream of events has ended or did not begin; `error` is why the desk answers nothing else, null when it does. */
+/** The stream of events has ended or did not begin. `error` is why the desk answers nothing else, or null. */
 export function reportBroken(error) {
   report("desk", error ? error.status === 403 ? LOCKED : GONE : null);
   report("stream", error ? null : FULL);
