@@ -145,8 +145,13 @@ test("clients that do not take long answers", { timeout: 300_000 }, async () => 
   for (const socket of lazy) socket.destroy();
 });
 
-test("a request that does not end", { timeout: 300_000 }, async () => {
+test("a request that does not end, and a socket that does not answer its closing", { timeout: 300_000 }, async () => {
   const half = await desk.dial(`POST /api/pages ${HEAD}Content-Length: 100\r\n\r\n{`);
+  const page = await desk.openPage();
+  const { hear } = await desk.socketOf(page);
+  await desk.call("DELETE", `/api/pages/${page.id}`);
+  assert.equal((await hear()).event, "crash");
+  assert.equal(await hear(), undefined);
   assert.deepEqual(await half.toArray(), []);
 });
 
