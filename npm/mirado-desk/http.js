@@ -4,16 +4,16 @@ import { Agent, request as httpRequest } from "node:http";
 
 const address = (url) => ({ hostname: "127.0.0.1", port: new URL(url).port });
 
-/** Gives a function that sends requests to the desk at `url`, and one that ends their connections. `known` are the
- *  headers by which the desk knows who may ask. */
-export function connectTo(url, known) {
+/** Gives a function that sends requests to the desk at `url`, and one that ends their connections. `authorization` is
+ *  the header with the desk's token, or no header where the desk has none. */
+export function connectTo(url, authorization) {
   const agent = new Agent({ keepAlive: true });
 
   // The answer's JSON, or its text where it is none. Throws with the desk's own words.
   async function call(method, path, body) {
     const text = body === undefined ? "" : JSON.stringify(body);
     const type = text && { "Content-Type": "application/json" };
-    const headers = { ...known, "Content-Length": Buffer.byteLength(text), ...type };
+    const headers = { ...authorization, "Content-Length": Buffer.byteLength(text), ...type };
     const request = httpRequest({ ...address(url), agent, method, path, headers }).end(text);
     let answer;
     try {
@@ -32,8 +32,8 @@ export function connectTo(url, known) {
 }
 
 /** Follows the stream of server-sent events at `path`. Emits "event" with {event, data}; `close` ends it. */
-export async function followEvents(url, path, known) {
-  const request = httpRequest({ ...address(url), path, headers: known, agent: false }).end();
+export async function followEvents(url, path, authorization) {
+  const request = httpRequest({ ...address(url), path, headers: authorization, agent: false }).end();
   const emitter = Object.assign(new EventEmitter(), { close: () => request.destroy() });
   emitter.setMaxListeners(0);
   const [answer] = await once(request, "response");

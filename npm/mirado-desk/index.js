@@ -13,7 +13,7 @@ import { Page } from "./page.js";
 const packed = fileURLToPath(new URL("program/bin/mirado", import.meta.url));
 const usualProgram = () => process.env.MIRADO ?? (existsSync(packed) ? packed : "mirado");
 
-// A store makes its settings durable, which a set for a test needs not: in memory it starts ten times as fast.
+// A store makes its settings durable. A test's set need not survive the power, and in memory it starts faster.
 const folders = () => !process.env.TMPDIR && existsSync("/dev/shm") ? "/dev/shm" : tmpdir();
 
 const running = new Map(); // the processes of sets that nobody has stopped, with their folders
@@ -57,15 +57,15 @@ export async function startSet({ program = usualProgram(), anyOrigin = false, ti
 
 class SimulatedSet {
   #end;
-  #known;
+  #authorization;
   #disconnect;
   #pages = new Map(); // by id
   #events; // a promise of the desk's events, once somebody waits for one
 
   constructor(url, query, timeout, end) {
     Object.assign(this, { url, timeout, script: `${url}/desk.js${query}` });
-    this.#known = query ? { Authorization: `Bearer ${query.split("=")[1]}` } : {};
-    const { call, disconnect } = connectTo(url, this.#known);
+    this.#authorization = query ? { Authorization: `Bearer ${query.split("=")[1]}` } : {};
+    const { call, disconnect } = connectTo(url, this.#authorization);
     this.call = call;
     this.#disconnect = disconnect;
     this.#end = end;
@@ -120,7 +120,7 @@ class SimulatedSet {
 
   // Resolves with what `check` gives once it gives something. It is asked now, and after each event that `concerns` it.
   async until(check, concerns, timeout, failure) {
-    const events = await (this.#events ??= followEvents(this.url, "/api/events", this.#known));
+    const events = await (this.#events ??= followEvents(this.url, "/api/events", this.#authorization));
     let wake;
     const listener = (event) => { if (event.event === "lost" || concerns(event)) wake(); };
     let late = false;

@@ -24,9 +24,11 @@ beforeEach(() => set.reset());
 const write = (value) => ({ command: "setMenuValue", propertyKey: 0, value });
 
 it("sees what a page asks and is told, each message once, and waits for what comes", async () => {
+  const older = await set.openPage();
   const page = await set.openPage({ title: "App" });
   assert.equal((await set.pages()).at(-1), page);
   assert.equal((await set.page()).title, "App");
+  await older.leave();
   const asked = page.asked("setMenuValue", { value: 2 });
   const told = page.event("CAPTION");
   await page.send({ command: "registerVconfKeysForCaption", propertyKey: 0 });
@@ -61,6 +63,7 @@ it("steers the set", async () => {
   await assert.rejects(set.fault("no_such_call"), /vconf_get_int/);
   await page.kill();
   await assert.rejects(page.post(write(1)), { status: 410 });
+  await assert.rejects(set.page({ timeout: 50 }), /after 50 ms no page has opened/);
 });
 
 it("says why no set starts", async () => {

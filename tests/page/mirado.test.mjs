@@ -1,4 +1,4 @@
-// The client library: as a module and as a classic script, in this engine and in one that knows ECMAScript 5 alone.
+// The client library: as a module and as a classic script, in this engine and in one for ECMAScript 5.
 import assert from "node:assert/strict";
 import { execFileSync } from "node:child_process";
 import { mkdtempSync, readFileSync, rmSync, writeFileSync } from "node:fs";
@@ -21,7 +21,7 @@ const script = vm.runInThisContext(classic);
 describe("the module", () => clientSuite(first, second, it));
 describe("the classic script", () => clientSuite(script, first, it));
 
-it("runs in an engine that knows ECMAScript 5 alone", () => {
+it("runs in an engine for ECMAScript 5", () => {
   const require = createRequire(new URL("../browser/package.json", import.meta.url));
   const promises = require.resolve("promise-polyfill/dist/polyfill");
   const folder = mkdtempSync(join(tmpdir(), "mirado-engine-"));
