@@ -73,7 +73,7 @@ class SimulatedSet {
       get: async (name) => (await this.#setting(name)).value,
       set: async (name, value) => {
         const { path } = await this.#setting(name);
-        await this.call("PUT", `/api/store/${encodeURI(path)}`, { value });
+        await this.call("PUT", `/api/store/${path}`, { value });
       },
       becomes: async (name, value, { timeout = this.timeout } = {}) => {
         const { path } = await this.#setting(name);

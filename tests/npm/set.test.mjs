@@ -23,24 +23,27 @@ beforeEach(() => set.reset());
 
 const write = (value) => ({ command: "setMenuValue", propertyKey: 0, value });
 
-it("sees what a page asks and is told, each message once, and waits for what comes", async () => {
+it("sees what a page asks and is told, each message once, and waits for what comes", { timeout: 50_000 }, async () => {
   const older = await set.openPage();
-  const page = await set.openPage({ title: "App" });
+  const page = await set.openPage({ title: "Bühne" });
   assert.equal((await set.pages()).at(-1), page);
-  assert.equal((await set.page()).title, "App");
+  assert.equal((await set.page()).title, "Bühne");
   await older.leave();
-  const asked = page.asked("setMenuValue", { value: 2 });
-  const told = page.event("CAPTION");
-  await page.send({ command: "registerVconfKeysForCaption", propertyKey: 0 });
-  assert.deepEqual(await page.watching(), ["db/menu/caption/caption"]);
-  for (const value of [1, 2]) await page.post(write(value));
+  const forever = { timeout: 60_000 }; // what comes ends the wait, not the time
+  const asked = page.asked("setMenuValue", { value: 2 }, forever);
+  const told = page.event("CAPTION", forever);
+  for (const propertyKey of [0, 1]) await page.send({ command: "registerVconfKeysForCaption", propertyKey });
+  assert.deepEqual((await page.watching()).sort(), ["db/menu/caption/caption", "db/menu/caption/captionmode"]);
+  await set.settings.set("CAPTION_MODE", 1);
+  for (const value of [[], 1, 2]) await page.post(write(value));
   assert.deepEqual(await asked, write(2));
+  assert.deepEqual(await page.asked("setMenuValue", { value: [] }), write([]));
   assert.deepEqual(await page.asked("setMenuValue"), write(1));
-  assert.equal((await told).event, "MIRADO_EVENT_CAPTION_CHANGED");
-  assert.equal((await page.told({ command: "setMenuValue" })).value, 1);
-  await set.settings.becomes("CAPTION", 2);
+  assert.equal((await told).value, 0);
+  assert.equal((await page.told({ command: "setMenuValue", code: 0 })).value, 1);
+  await set.settings.becomes("CAPTION", 2, forever);
   await assert.rejects(page.asked("setMenuValue", {}, { timeout: 50 }),
-    /after 50 ms the page has not asked setMenuValue. The last of it:\n.*register.*\n.*"value":1}\n.*"value":2}/);
+    /50 ms the page has not asked setMenuValue. The last of it:\n(.*register.*\n)+(.*setMenu.*\n){2}.*"value":2}/);
   await assert.rejects(set.settings.becomes("CAPTION", 3, { timeout: 50 }), /it is 2/);
   await page.leave();
 });
@@ -61,6 +64,10 @@ it("steers the set", async () => {
   await assert.rejects(set.settings.set("CAPTOIN", 1), /no setting CAPTOIN/);
   await assert.rejects(set.settings.set("CAPTION", "on"), { status: 409 });
   await assert.rejects(set.fault("no_such_call"), /vconf_get_int/);
+  await set.fault("RegisterMessageHandler");
+  const deaf = await set.openPage();
+  assert.equal(await deaf.send({ command: "getVersion" }), undefined);
+  await deaf.leave();
   await page.kill();
   await assert.rejects(page.post(write(1)), { status: 410 });
   await assert.rejects(set.page({ timeout: 50 }), /after 50 ms no page has opened/);
