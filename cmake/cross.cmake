@@ -15,3 +15,8 @@ set(CMAKE_CROSSCOMPILING_EMULATOR ${MIRADO_EMULATOR} -L /usr/${MIRADO_TRIPLET}
 # Compiling for ARM, GCC 12 takes the text of a variant in an optional for possibly uninitialized where it is not. The
 # release for the build machine is compiled with this warning. For 32 bits it also notes what GCC 7 passed otherwise.
 set(CMAKE_CXX_FLAGS_INIT "-Wno-maybe-uninitialized -Wno-psabi")
+
+# Where the linker finds what the libraries that it is given need themselves. Only a first configuration takes this.
+foreach(kind EXE SHARED MODULE)
+  set(CMAKE_${kind}_LINKER_FLAGS_INIT -Wl,-rpath-link,${MIRADO_SYSROOT}/usr/lib/${MIRADO_TRIPLET})
+endforeach()
