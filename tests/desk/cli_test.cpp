@@ -1,6 +1,7 @@
 // The subcommands of `mirado` beside `host`, as a shell and a script use them.
 
 #include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <sstream>
 
@@ -74,12 +75,14 @@ TEST_F(CliTest, ExitStatusTellsRefusedFromMisunderstoodFromUnopened) {
   }
   EXPECT_EQ(RunAsIs({}).status, 2);
   EXPECT_EQ(RunAsIs({"get", "db/a", "--store", "/dev/null/store"}).status, 3);
-  EXPECT_EQ(RunAsIs({"replay", folder() / "none.jsonl"}).status, 3);
+  EXPECT_EQ(RunAsIs({"replay", "--log-level", "8", folder() / "none.jsonl"}).status, 3);
+  EXPECT_EQ(Run({"host", "--log-level", "8"}).log, "");
   EXPECT_EQ(RunAsIs({"replay", folder().path()}).log, folder().path() + ": is a folder; name the recordings in it\n");
   const std::string home = std::getenv("HOME") == nullptr ? "" : std::getenv("HOME");
   for (const char* name : {"HOME", "XDG_STATE_HOME", "MIRADO_STORE"}) {
     unsetenv(name);
   }
+  setenv("XDG_STATE_HOME", "relative", 1);  // no folder of a user
   const Outcome homeless = RunAsIs({"get", "db/a"});
   setenv("HOME", home.c_str(), 1);
   EXPECT_EQ(homeless.status, 3);
@@ -280,6 +283,7 @@ TEST_F(CliTest, AnswersASlipWithWhatMayBeMeant) {
       {{"fault", "GetItemDataList", "0"}, 0, ""},
       {{"set-up", "latency", "getVersoin", "5"}, 1, " getVersion "},
       {{"set-up", "latency", "getVersoin", "none"}, 0, ""},
+      {{"set", "set/embedder/reply/mine", "1"}, 0, ""},
       {{"set-up", "b2b", "--jsno"}, 2, "did you mean --json?"},
   };
   for (const Case& each : cases) {
@@ -314,6 +318,11 @@ TEST_F(CliTest, ListNamesEverySettingAndKeepsItsLinesInColumns) {
     EXPECT_EQ(misspelt.status, 1) << command;
     EXPECT_TRUE(Holds(misspelt.log, "did you mean CAPTION?")) << command;
   }
+  ASSERT_EQ(desk::OpenSet(store()).text(), "");
+  ASSERT_EQ(vconf::Remove("db/menu/caption/caption").text(), "");
+  vconf::CloseStore();
+  EXPECT_TRUE(Run({"list", "CAPTION"}).out.ends_with(" (missing)\n"));
+  EXPECT_TRUE(Holds(Run({"list", "CAPTION", "--json"}).out, R"("value":null,"table":"menu","key":0)"));
   const std::string some = Run({"list", "mem"}).out;
   EXPECT_EQ(std::count(some.begin(), some.end(), '\n'), 1) << some;
 }
@@ -350,7 +359,10 @@ TEST_F(CliTest, WatchEndsAfterSomeChangesOrSomeTime) {
   EXPECT_FALSE(Holds(all, "db/ab")) << all;
   EXPECT_LE(std::ranges::count(all, '\n'), 3);
   EXPECT_TRUE(Holds(prefix.HearAll(), "db/ab "));
-  EXPECT_EQ(Run({"watch", "--timeout", "0.01"}).status, 0);
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(Run({"watch", "db/menu/caption/caption", "--now", "--exact", "--timeout", "0.3"}).out,
+            "db/menu/caption/caption 0\n");
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(300));
   const Outcome late = Run({"watch", "CAPTION", "--count", "1", "--timeout", "0.01"});
   EXPECT_EQ(late.status, 1);
   EXPECT_EQ(late.log, "0 of 1 changes came in time\n");
@@ -365,7 +377,7 @@ TEST_F(CliTest, SetUpPrintsTheWordsThatBringItBack) {
       {"picture-size", "none"},
       {"items", "primary-audio-language", "1=It's English", "-2=", R"(3="\u001b")"},
       {"items", "secondary-audio-language", "--remove"},
-      {"items", "empty", "--empty"},
+      {"items", "primary-audio", "--empty"},
       {"embedder", "offered", "off"},
       {"embedder", "name", "Another \n one"},
       {"embedder", "reply", "get_window_id", "\"7\""},
@@ -381,7 +393,8 @@ TEST_F(CliTest, SetUpPrintsTheWordsThatBringItBack) {
   EXPECT_EQ(Run({"set-up", "--json", "latency"}).out, "{\"latency\":{\"getVersion\":250}}\n");
   EXPECT_EQ(Run({"set-up", "embedder", "reply"}).out, "embedder reply get_window_id '\"7\"'\n");
   EXPECT_EQ(Run({"set-up", "latency", "getVersion"}).out, "latency getVersion 250\n");
-  EXPECT_EQ(Run({"set-up", "items", "empty", "--json"}).out, "{\"lists\":{\"empty\":[]}}\n");
+  EXPECT_EQ(Run({"set-up", "items", "primary-audio"}).out, "items primary-audio --empty\n");
+  EXPECT_EQ(Run({"set-up", "items", "primary-audio", "--json"}).out, "{\"lists\":{\"primary-audio\":[]}}\n");
   EXPECT_EQ(Run({"set-up", "items", "secondary-audio-language"}).status, 1) << "shown, and not emptied";
   EXPECT_TRUE(Holds(Run({"set-up", "embedder"}).out, "embedder offered off\nembedder name "));
   ASSERT_EQ(Run({"fault", "GetPictureSize", "-1"}).status, 0);
@@ -473,6 +486,12 @@ TEST_F(ReplayTest, TheSameComesOutOfTheRecordedState) {
   EXPECT_EQ(replay.status, 0) << replay.out << replay.log;
   EXPECT_EQ(Shell("test \"$(ulimit -f 0; mirado replay '" + file() + "' none 2>/dev/null | grep -c crashed)\" = 1"), 0)
       << "the next one does not print again that the first has crashed";
+  const Outcome half = RunAsIs({"replay", "--log-level", "4", folder() / "none", file()});
+  EXPECT_EQ(half.status, 3) << "the worst counts";
+  EXPECT_TRUE(Holds(half.log, "hasPrivilege : 1")) << half.log;
+  std::filesystem::create_directory(folder() / "tmp");
+  EXPECT_EQ(Shell("export TMPDIR='" + folder() / "tmp" + "'; mirado replay '" + file() + "' >/dev/null"), 0);
+  EXPECT_TRUE(std::filesystem::is_empty(folder() / "tmp"));
   EXPECT_TRUE(Holds(Run({"host", "--record", "/dev/stdout"}).out, R"("recording")"));
 }
 
@@ -527,6 +546,7 @@ TEST_F(ReplayTest, VerifyTellsWhatWasAsked) {
        R"(  but asked: {"command":"setMenuValue","propertyKey":1)"},
       {{"getMenuValue", "--times", "2"}, 0, ""},
       {{"getMenuValue", "--times", "3"}, 1, "  asked 2 times instead of 3: \"getMenuValue\"\n"},
+      {{"getMenuValue", "--times", "1"}, 1, "  asked 2 times instead of 1: \"getMenuValue\"\n"},
       {{"showCaption", "--times", "0"}, 0, ""},
       {{"setMenuValue", write, read, "--order"}, 0, ""},
       {{read, write, "--order"}, 1, "  not asked at this place in the order: " + write},
@@ -562,7 +582,8 @@ TEST_F(ReplayTest, ADifferenceIsShownAndADamagedRecordingIsNamed) {
   std::ofstream(file()) << text << "{\"in\":{\"sent\":1}}\n";
   const Outcome damaged = RunAsIs({"replay", file()});
   EXPECT_EQ(damaged.status, 3);
-  EXPECT_TRUE(Holds(damaged.log, file() + ": line ")) << damaged.log;
+  EXPECT_TRUE(Holds(damaged.log, file() + ": line " + std::to_string(std::ranges::count(text, '\n') + 1) + ": "))
+      << damaged.log;
 }
 
 }  // namespace

@@ -178,6 +178,7 @@ TEST_F(SetTest, AScenarioBringsTheWholeSetBack) {
   }
   EXPECT_EQ(LoadScenario(Parsed(R"({"state":{"db/mine":1,"elsewhere/a":1}})")).code(), vconf::Code::kBadName);
   EXPECT_EQ(*DescribeState(), before);
+  EXPECT_EQ(SaveScenario(store, std::string(64, 'a'), before).text(), "");
   for (const std::string& name : {std::string(), std::string("../a"), std::string("a/b"), std::string(65, 'a')}) {
     EXPECT_EQ(SaveScenario(store, name, before).code(), vconf::Code::kBadName) << name;
   }
