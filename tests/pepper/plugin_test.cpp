@@ -3,7 +3,6 @@
 #include <malloc.h>
 #include <vconf.h>
 
-#include <algorithm>
 #include <atomic>
 #include <thread>
 
@@ -16,15 +15,6 @@ constexpr char kMode[] = "db/menu/caption/captionmode";
 constexpr char kTicker[] = "db/menu/Quayhall/Auto-Start_Settings/Channel-bound_Apps_Ticker";
 constexpr char kViewer[] = "memory/tv-viewer/bg_executable";
 const std::string kModeChanged = Changed("MIRADO_EVENT_CAPTION_CHANGED", 1);
-
-TEST_F(PluginTest, TellsOfItsOwnWrites) {
-  Page page(*plugin_);
-  EXPECT_EQ(page.Send(AskKey("registerVconfKeysForCaption", 1)), Done("null"));
-  page.Post(Ask("setMenuValue", R"("propertyKey":1,"value":2)"));
-  const Lines both = page.Heard();  // in any order
-  EXPECT_EQ(both.size(), 2U);
-  EXPECT_EQ(std::count(both.begin(), both.end(), kModeChanged), 1);
-}
 
 // A store that refuses to end subscriptions goes on with its callbacks, which name a handler that is gone.
 TEST_F(PluginTest, DropsTheEventsOfADestroyedInstance) {
