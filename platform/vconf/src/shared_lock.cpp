@@ -91,14 +91,14 @@ std::string HolderOf(const std::vector<std::string>& files) {
   for (std::string line; std::getline(locks, line);) {
     std::istringstream words(line);
     std::string number, kind, how, what, place;
-    std::uint32_t process = 0;
+    long process = 0;  // -1 for a lock that belongs to no process
     words >> number >> kind >> how >> what >> process >> place;
     for (const std::string& file : files) {
       struct stat about = {};
       // A device has other numbers here than `stat` gives on some file systems.
-      if (what == "WRITE" && process != 0 && process != g_process && stat(file.c_str(), &about) == 0 &&
-          place.ends_with(':' + std::to_string(about.st_ino))) {
-        return NameOf(process);
+      if (what == "WRITE" && process > 0 && process != static_cast<long>(g_process.load()) &&
+          stat(file.c_str(), &about) == 0 && place.ends_with(':' + std::to_string(about.st_ino))) {
+        return NameOf(static_cast<std::uint32_t>(process));
       }
     }
   }
