@@ -188,13 +188,10 @@ export function focusMessage() {
   changed("selected");
 }
 
-// What is hidden or disabled takes no focus, so all parts of the page must have been shown first.
-function takeFocus() {
-  message.focus();
-  awaitsFocus = document.activeElement !== message;
-}
-
 observe(["pages", "selected", "linked"], () => {
-  if (awaitsFocus && listeningPage()) queueMicrotask(takeFocus);
+  if (awaitsFocus && listeningPage()) {
+    awaitsFocus = false;
+    queueMicrotask(() => message.focus()); // what is hidden takes no focus: all parts of the page are shown first
+  }
   byId("composer-page").textContent = selectedPage() ? "" : "Choose a page to send it messages.";
 });
