@@ -89,7 +89,9 @@ test("more pages than there may be", async () => {
   for (let opened = 0; opened < 64; ++opened) pages.push(await desk.openPage());
   assert.equal((await desk.request("POST", "/api/pages", { body: {} })).status, 503);
   const headers = { Origin: `http://localhost:${desk.port}`, Host: `localhost:${desk.port}` };
-  assert.equal((await desk.request("POST", "/api/pages", { body: { grace: 60 }, headers })).status, 201, "the desk's own");
+  for (const status of [201, 503]) { // one more, for the desk's own
+    assert.equal((await desk.request("POST", "/api/pages", { body: { grace: 60 }, headers })).status, status);
+  }
   await desk.call("DELETE", `/api/pages/${pages[0].id}`);
   await desk.call("DELETE", `/api/pages/${pages[1].id}`);
   await desk.openPage();
