@@ -178,6 +178,7 @@ Json Desk::Describe() const {
     addresses.push_back(link.substr(0, link.rfind('/')));
   }
   const auto or_null = [](std::string_view text) { return text.empty() ? Json() : Json(text); };
+  const vconf::Status usable = store.ok() ? vconf::CheckStore() : store;
   return {{"version", MIRADO_VERSION},
           {"addresses", std::move(addresses)},
           {"script", Script()},
@@ -187,8 +188,8 @@ Json Desk::Describe() const {
             {"error", or_null(plugin_ ? plugin_->error() : "")}}},
           {"store",
            {{"folder", options.host.store},
-            {"error", or_null(store.text())},
-            {"code", store.ok() ? Json() : Json(HttpCodeOf(store.code()).name)}}},
+            {"error", or_null(usable.text())},
+            {"code", usable.ok() ? Json() : Json(HttpCodeOf(usable.code()).name)}}},
           {"pages", {{"open", pages.all().size()}, {"limit", pages.limit()}}}};
 }
 

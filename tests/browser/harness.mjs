@@ -2,7 +2,7 @@
 // Chromium.
 import assert from "node:assert/strict";
 import { once } from "node:events";
-import { readFile, rm, writeFile } from "node:fs/promises";
+import { readFile, writeFile } from "node:fs/promises";
 import { createServer } from "node:http";
 import { basename, extname, join } from "node:path";
 import { after, afterEach, beforeEach } from "node:test";
@@ -68,7 +68,6 @@ export class MortalDesk {
     await this.kill();
     const { store, folder, port } = this.desk;
     await writeFile(join(store, "keys.db"), "no database".repeat(1000));
-    await rm(join(store, "region"), { force: true });
     this.begin(Object.assign(await Desk.startOn(store, "--port", String(port)), { folder }));
   }
 

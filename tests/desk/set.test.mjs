@@ -1,6 +1,8 @@
 // The simulated set over HTTP.
 import assert from "node:assert/strict";
 import { execFileSync } from "node:child_process";
+import { writeFile } from "node:fs/promises";
+import { join } from "node:path";
 import { after, before, beforeEach, test } from "node:test";
 import { fileURLToPath } from "node:url";
 import { Desk } from "./desk.mjs";
@@ -85,4 +87,11 @@ test("the plug-in's log is kept and told, with its parts", async () => {
   const { log } = await desk.call("GET", `/api/pages/${page.id}/log`);
   assert.deepEqual(log.at(-1), data);
   for (const stream of [events, replies]) stream.close();
+});
+
+test("a store that is damaged while it is open is reported", async () => {
+  const other = await Desk.start();
+  for (const file of ["live", "keys.db"]) await writeFile(join(other.store, file), "no database".repeat(1000));
+  assert.equal((await other.call("GET", "/api/desk")).store.code, "damaged");
+  await other.stop();
 });
