@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <map>
 
 #include "base/terminal.h"
 
@@ -26,7 +27,8 @@ bool Matches(const ParsedJson& message, const ParsedJson& pattern) {
          (pattern.is_string() && message.is_object() && message.value("command", ParsedJson()) == pattern);
 }
 
-ParsedJson CommandOf(const ParsedJson& message) {
+/// What tells which messages are alike: the command, or the whole of a message that is no object.
+ParsedJson KindOf(const ParsedJson& message) {
   return message.is_object() ? message.value("command", ParsedJson()) : message;
 }
 
@@ -107,13 +109,21 @@ std::string Missing(const std::vector<ParsedJson>& asked, const ParsedJson& patt
     return "  not asked at this place in the order: " + Text(pattern) + "\n";
   }
   std::string text = "  not asked: " + Text(pattern) + "\n";
-  const auto alike = std::ranges::find_if(asked, [&](const auto& message) {
-    return !CommandOf(message).is_null() && CommandOf(message) == CommandOf(pattern);
-  });
+  const auto alike = std::ranges::find_if(
+      asked, [&](const auto& message) { return !KindOf(message).is_null() && KindOf(message) == KindOf(pattern); });
   if (alike != asked.end() && !Matches(*alike, pattern)) {
     text += "  but asked: " + Text(*alike) + "\n";
   }
   return text;
+}
+
+vconf::Status WrongMember(const std::string& name) {
+  static const std::map<std::string, std::string> kTakes = {
+      {"messages", "an array"}, {"order", "true or false"}, {"exact", "true or false"}, {"times", "an integer"}};
+  const auto known = kTakes.find(name);
+  return BadValue("\"" + name +
+                  (known != kTakes.end() ? "\" takes " + known->second
+                                         : R"(" is none of "messages", "order", "exact" and "times")"));
 }
 
 }  // namespace
@@ -133,8 +143,7 @@ vconf::Result<Expectation> ExpectationFromJson(const ParsedJson& json) {
     } else if (name == "times" && ToValue(member) && std::holds_alternative<int>(*ToValue(member))) {
       expected.times = std::get<int>(*ToValue(member));
     } else {
-      return BadValue("\"" + name + R"(" is none of "messages" (an array), "order", "exact" (true or false) and )" +
-                      R"("times" (an integer))");
+      return WrongMember(name);
     }
   }
   const auto status = CheckExpectation(expected);

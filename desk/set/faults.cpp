@@ -21,7 +21,7 @@ constexpr std::string_view kNegative = "any below 0";
 std::span<const FaultCall> FaultCalls() {
   constexpr std::string_view kKey = "a key's path";
   // As the calls' own declarations have it.
-  static constexpr std::array<FaultCall, 13> calls{{
+  static constexpr auto calls = std::to_array<FaultCall>({
       {"vconf_get_int", kNotZero, kKey, ""},
       {"vconf_get_bool", kNotZero, kKey, ""},
       {"vconf_set_int", kNotZero, kKey, ""},
@@ -35,7 +35,7 @@ std::span<const FaultCall> FaultCalls() {
       {"GetPictureSize", kNegative, "", ""},
       {"RegisterMessageHandler", kNotZero, "", ""},
       {"GenericSyncCall", kNotZero, "an operation's name", kReplyPrefix},
-  }};
+  });
   return calls;
 }
 

@@ -22,7 +22,8 @@ export function observe(topics, show) {
   observers.push({ topics, show });
 }
 
-/** The topics are the names of the members of `state`. */
+/** The topics are the names of members of `state`, and two requests to main.js: "again" reads everything from the
+ *  desk anew, "doubt" reads what GET /api/desk says. */
 export function changed(...topics) {
   if (!dirty.size) requestAnimationFrame(flush);
   for (const topic of topics) dirty.add(topic);

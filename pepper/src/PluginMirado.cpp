@@ -35,8 +35,8 @@ constexpr bool EveryPathFindsItsRow(const KeyMapEntry (&rows)[N]) {
   }
   return true;
 }
-static_assert(EveryPathFindsItsRow(g_MenuCaptionMap) && EveryPathFindsItsRow(g_MiradoKeyMap));
-
+static_assert(EveryPathFindsItsRow(g_MenuCaptionMap) && EveryPathFindsItsRow(g_MiradoKeyMap),
+              "a row's path is the beginning of an earlier row's path: see KeyTables.h");
 }  // namespace
 
 const std::map<std::string, MiradoMessageHandler::Command> MiradoMessageHandler::m_messageMap = {

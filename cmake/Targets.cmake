@@ -1,4 +1,4 @@
-# What every target of the three rooms shares, and how a service of the platform is declared.
+# What every target of the plug-in, the platform and the desk shares, and how a service of the platform is declared.
 
 find_package(Threads REQUIRED)
 
