@@ -6,6 +6,7 @@
 #include <sstream>
 
 #include "host/recording.h"
+#include "host/verify.h"
 #include "set/catalog.h"
 #include "set/simulated_set.h"
 #include "support/host_program.h"
@@ -105,14 +106,14 @@ TEST_F(CliTest, HelpTheManualAndCompletionKnowEveryCommand) {
   }
   EXPECT_GE(count, 12);
   EXPECT_EQ(RunAsIs({"complete", "set-up", "--json", "b2b", "o"}).out, "on\noff\n");
-  EXPECT_EQ(RunAsIs({"complete", "fault", "vconf_get_int", "CAPTION_"}).out, "CAPTION_MODE\n");
+  EXPECT_EQ(RunAsIs({"complete", "fault", "vconf_get_int", "CAPTION_MOD"}).out, "CAPTION_MODE\n");
   EXPECT_EQ(RunAsIs({"complete", "get", "--store", ""}).out, "");
   EXPECT_EQ(RunAsIs({"complete", "watch", "--e"}).out, "--exact\n");
   EXPECT_EQ(RunAsIs({"complete", "desk", "--p"}).out, "--plugin\n--port\n");
   const std::string script = folder() / "complete.sh";
   std::ofstream(script) << R"bash(mirado() { ")bash" MIRADO_PROGRAM R"bash(" "$@"; }
 eval "$(mirado completion bash)"
-COMP_WORDS=(mirado get HIGH) COMP_CWORD=2
+COMP_WORDS=(mirado get HIGH_CONTRAS) COMP_CWORD=2
 _mirado
 [ "${COMPREPLY[*]}" = HIGH_CONTRAST ]
 )bash";
@@ -566,6 +567,8 @@ TEST_F(ReplayTest, VerifyTellsWhatWasAsked) {
   EXPECT_EQ(RunAsIs({"verify", file(), "{"}).status, 2);
   EXPECT_EQ(RunAsIs({"verify", file(), "--times", "1"}).status, 2);
   EXPECT_EQ(RunAsIs({"verify", folder() / "none"}).status, 3);
+  const auto ordered = desk::ExpectationFromJson(*desk::ParseJson(R"({"messages":[],"order":1})"));
+  EXPECT_EQ(ordered.status().text(), R"("order" takes true or false)");
 }
 
 TEST_F(ReplayTest, ADifferenceIsShownAndADamagedRecordingIsNamed) {

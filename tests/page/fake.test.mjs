@@ -39,6 +39,8 @@ const messages = [
   { settle: true },
 ];
 
+const [sent, posted] = ["send", "post"].map((name) => messages.filter((message) => message[name] !== undefined));
+
 // Replies, events and answers to posts; how these three lie between each other is not fixed.
 function sorted(said) {
   const delivered = said.flatMap(({ message }) => message ?? []).filter((message) => message !== "Unregister");
@@ -95,7 +97,8 @@ for (const [name, [words, prepare]] of Object.entries(states)) {
     assert.ok(expected.replies.length > 300 && expected.answers.length > 600);
     for (const kind of Object.keys(expected)) {
       const first = expected[kind].findIndex((one, index) => JSON.stringify(one) !== JSON.stringify(got[kind][index]));
-      assert.deepEqual(got[kind].slice(first, first + 1), expected[kind].slice(first, first + 1), `${kind} ${first}`);
+      assert.deepEqual(got[kind].slice(first, first + 1), expected[kind].slice(first, first + 1),
+        `${kind} ${first}: ${JSON.stringify((kind === "replies" ? sent : kind === "answers" ? posted : [])[first])}`);
       assert.equal(got[kind].length, expected[kind].length);
     }
   });
