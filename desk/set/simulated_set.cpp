@@ -153,7 +153,7 @@ vconf::Status ReadPart(const std::string& where, const ParsedJson& json, Changes
     return BadValue(where + " must be an object");
   }
   for (const auto& [name, member] : json.items()) {
-    const auto read =
+    vconf::Status read =
         is_embedder ? ReadPart("embedder/" + name, member, changes) : ReadOne(*part, name, member, changes);
     if (!read.ok()) {
       return read;
