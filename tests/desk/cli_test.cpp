@@ -261,6 +261,7 @@ TEST_F(CliTest, AnswersASlipWithWhatMayBeMeant) {
       {{"set", caption, "1"}, 0, ""},
       {{"set", "db/test/text", "other words"}, 0, ""},
       {{"set", "set/latency/getVersion", "0"}, 0, ""},
+      {{"set", "set/latency/getVersoin", "0"}, 0, "did you mean set/latency/getVersion?\n"},
       {{"set", "db/menu/caption/captoin", "1"},
        0,
        "captoin: no setting has this path, but the key is set; did you mean " + caption + "?\n"},

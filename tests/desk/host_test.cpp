@@ -5,9 +5,6 @@
 #include <chrono>
 #include <utility>
 
-#include "set/catalog.h"
-#include "vconf_control.h"
-
 namespace {
 
 class HostTest : public ProgramTest {
@@ -129,15 +126,6 @@ TEST_F(HostTest, EndsCleanlyHoweverItIsEnded) {
   EXPECT_EQ(failed.log.rfind(none), 0U) << failed.log;
 }
 
-TEST_F(HostTest, GoesOnWithoutAStore) {
-  std::ofstream(folder() / "file") << "no folder";
-  Program host({"host", "--store", folder() / "file/store"}, log());
-  EXPECT_EQ(Ask(host, R"({"command":"getVersion"})"), Done(R"("4.0")"));
-  EXPECT_EQ(Ask(host, R"({"command":"getMenuValue","propertyKey":0})"),
-            Reply(9999, "null", "UnknownError ", "getMenuValue is failed"));
-  EXPECT_NE(Contents(log()).find(folder() / "file/store"), std::string::npos);
-}
-
 TEST_F(HostTest, TheSetDecidesWhatTheEmbedderAndTheProductAnswer) {
   const std::string request = R"({"post":{"command":"setMenuValue","propertyKey":0,"value":1}})";
   const auto code = [&] {
@@ -164,11 +152,6 @@ TEST_F(HostTest, TheSetDecidesWhatTheEmbedderAndTheProductAnswer) {
     EXPECT_EQ(code(), R"({"message":{"code":18)") << words[1];
     ASSERT_EQ(Run({"reset"}).status, 0);
   }
-  Run({"set-up", "privilege", "off"});
-  for (const char* state : {"off", "unknown"}) {
-    Run({"set-up", "b2b", state});
-    EXPECT_EQ(code(), R"({"message":{"code":9)") << state;
-  }
 }
 
 TEST_F(HostTest, TellsThePageThatNobodyListensWhenTheRegistrationFails) {
@@ -178,17 +161,6 @@ TEST_F(HostTest, TellsThePageThatNobodyListensWhenTheRegistrationFails) {
   host.CloseInput();
   EXPECT_EQ(host.Wait(), 0);
   EXPECT_EQ(Run({"host"}, "{\"send\":{\"command\":\"getVersion\"}}\n").out, Done(R"("4.0")") + "\n" + kGoodbye + "\n");
-}
-
-TEST_F(HostTest, HasEveryCommandThatCanBeHeldBack) {
-  std::string lines;
-  for (const desk::Command& command : desk::Commands()) {
-    const std::string kind = command.posted ? "post" : "send";
-    lines += "{\"" + kind + R"(":{"command":")" + std::string(command.name) + "\"}}\n";
-  }
-  const Outcome outcome = Run({"host"}, lines);
-  EXPECT_EQ(std::ranges::count(outcome.out, '\n'), std::ssize(desk::Commands()) + 1) << outcome.out;
-  EXPECT_EQ(outcome.log.find("Can not handle the command"), std::string::npos) << outcome.log;
 }
 
 TEST_F(HostTest, LatencyHoldsOneCommandBackAndASignalEndsTheWait) {

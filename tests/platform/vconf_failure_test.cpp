@@ -35,30 +35,6 @@ namespace fs = std::filesystem;
 using vconf::Change;
 using vconf::Code;
 
-/// Two pipes between this process and another one, made before the fork: a byte each way is a step of both.
-class Steps {
- public:
-  Steps() { EXPECT_EQ(pipe2(here_.data(), O_CLOEXEC) | pipe2(there_.data(), O_CLOEXEC), 0); }
-  Steps(const Steps&) = delete;
-  Steps& operator=(const Steps&) = delete;
-  ~Steps() {
-    for (const int end : {here_[0], here_[1], there_[0], there_[1]}) close(end);
-  }
-  void Tell() const { Put(there_[1]); }   ///< the other process
-  void Hear() const { Take(here_[0]); }   ///< what it tells
-  void Answer() const { Put(here_[1]); }  ///< the same two, there
-  void Await() const { Take(there_[0]); }
-
- private:
-  static void Put(int end) { EXPECT_EQ(write(end, "s", 1), 1); }
-  static void Take(int end) {
-    char byte = 0;
-    EXPECT_EQ(read(end, &byte, 1), 1);
-  }
-  std::array<int, 2> here_{};
-  std::array<int, 2> there_{};
-};
-
 class VconfFailureTest : public VconfTest {
  protected:
   static int CpuMilliseconds(int who) {

@@ -17,87 +17,30 @@ namespace {
 
 using vconf::Change;
 
-class VconfProcessTest : public VconfTest {};
-
-TEST_F(VconfProcessTest, TwoProcessesWriteAndEveryChangeComesOnceInOrder) {
-  constexpr int kEach = 5000;
-  Open({{"db/other", 0}, {"memory/own", 0}});
-  vconf::CloseStore();
-  std::array<int, 2> go{};
-  ASSERT_EQ(pipe(go.data()), 0);
-  Process other([&] {
-    char byte = 0;
-    if (read(go[0], &byte, 1) != 1 || !vconf::OpenStore(directory()).ok()) {
-      return 1;
-    }
-    for (int i = 1; i <= kEach; ++i) {
-      if (vconf_set_int(i % 2 == 0 ? "memory/other" : "db/other", i) != 0) {
-        return 2;
-      }
-    }
-    return 0;
-  });
-  Open();
-  std::vector<Change> changes;
-  std::atomic<int> calls{0};
-  const auto watch = vconf::WatchPrefix("", [&](const Change& change) { changes.push_back(change); });
-  ASSERT_GE(vconf_notify_key_changed(
-                "memory/own", [](keynode_t*, void* n) { ++*static_cast<std::atomic<int>*>(n); }, &calls),
-            0);
-  ASSERT_EQ(write(go[1], "g", 1), 1);
-  for (int i = 1; i <= kEach; ++i) {
-    ASSERT_EQ(vconf_set_int("memory/own", i), 0);
-  }
-  EXPECT_EQ(other.Wait(), 0);
-  vconf::Settle();
-  close(go[0]);
-  close(go[1]);
-
-  EXPECT_EQ(calls, kEach);
-  ASSERT_EQ(changes.size(), 2U * kEach);
-  int own = 0;
-  int others = 0;
-  for (std::size_t i = 0; i < changes.size(); ++i) {
-    ASSERT_EQ(changes[i].sequence, changes[0].sequence + i);
-    int& last = changes[i].path == "memory/own" ? own : others;
-    ASSERT_EQ(changes[i].value, vconf::Value(++last));
-  }
-}
+using VconfProcessTest = VconfTest;
 
 TEST_F(VconfProcessTest, AReadIsNeverOlderThanAWriteThatReturned) {
   constexpr int kRounds = 200;
   Open();
   vconf::CloseStore();
-  std::array<int, 2> ask{};
-  std::array<int, 2> told{};
-  ASSERT_EQ(pipe(ask.data()) | pipe(told.data()), 0);
+  const Steps steps;
   Process other([&] {
-    close(ask[1]);
-    char byte = 0;
-    if (!vconf::OpenStore(directory()).ok()) {
-      return 1;
+    EXPECT_TRUE(vconf::OpenStore(directory()).ok());
+    for (int i = 1; i <= kRounds; ++i) {
+      steps.Await();
+      EXPECT_EQ(vconf_set_int("db/a", i) | vconf_set_int("memory/a", -i), 0);
+      steps.Answer();
     }
-    for (int i = 1; read(ask[0], &byte, 1) == 1; ++i) {
-      if (vconf_set_int("db/a", i) != 0 || vconf_set_int("memory/a", -i) != 0 || write(told[1], "t", 1) != 1) {
-        return 2;
-      }
-    }
-    return 0;
   });
-  close(ask[0]);
-  close(told[1]);
   Open();
   for (int i = 1; i <= kRounds; ++i) {
-    char byte = 0;
-    ASSERT_EQ(write(ask[1], "a", 1), 1);
-    ASSERT_EQ(read(told[0], &byte, 1), 1);
+    steps.Tell();
+    steps.Hear();
     for (int again = 0; again < 2; ++again) {
       ASSERT_EQ(GetInt("db/a", 0), i);
       ASSERT_EQ(GetInt("memory/a", 0), -i);
     }
   }
-  close(ask[1]);
-  close(told[0]);
   EXPECT_EQ(other.Wait(), 0);
 
   // Nor is it one of something that was removed, or of another store that came to the same number of commits.

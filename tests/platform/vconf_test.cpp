@@ -273,32 +273,6 @@ TEST_F(VconfChangeTest, WhoFallsBehindTheJournalIsToldOnceOfEachKey) {
   EXPECT_EQ(changes_.size(), 2U);
 }
 
-TEST_F(VconfChangeTest, ThreadsChangeAndSubscribeAtOnce) {
-  std::atomic<int> steady{0};
-  std::atomic<int> passing{0};
-  ASSERT_GE(vconf_notify_key_changed("memory/a", CountCall, &steady), 0);
-  std::vector<std::jthread> threads;
-  for (int i = 0; i < 2; ++i) {
-    threads.emplace_back([] {
-      for (int n = 0; n < 500; ++n) {
-        vconf_set_int(n % 2 == 0 ? "memory/a" : "db/a", n);
-      }
-    });
-    threads.emplace_back([&passing, path = "db/" + std::to_string(i)] {
-      for (int n = 0; n < 200; ++n) {
-        EXPECT_GE(vconf_notify_key_changed(path.c_str(), CountCall, &passing), 0);
-        EXPECT_EQ(vconf_set_int(path.c_str(), n), 0);
-        EXPECT_GE(vconf_ignore_key_changed(path.c_str(), CountCall), 0);
-      }
-    });
-  }
-  threads.clear();
-  vconf::Settle();
-  EXPECT_EQ(steady, 500);
-  EXPECT_LE(passing, 400);
-  EXPECT_EQ(vconf::SubscriptionCount(), 1U);
-}
-
 TEST_F(VconfChangeTest, NothingIsLeftBehind) {
   const auto count = [](const char* folder) {
     return std::distance(std::filesystem::directory_iterator(folder), std::filesystem::directory_iterator());
