@@ -2,14 +2,14 @@
 
 #include <cstddef>
 
-/// What stands between a process and a file that is cut short, or that the disk fails to read, while it is mapped.
+/// Protects a process from SIGBUS when a mapped file is truncated, or the disk fails to read it.
 ///
-/// The kernel answers a touch of such a page with SIGBUS. In a guarded range the whole range then becomes zeros of this
-/// process alone, and the touch goes on; its reader has to see that zeros are not what it looks for. A signal from
-/// elsewhere goes to the handler that was there before.
+/// On an access to a missing page of a guarded range, the whole range is replaced by zeros, for this process only, and
+/// the access continues; the reader has to detect that zeros are not valid. A SIGBUS for any other address goes to the
+/// previous handler.
 namespace vconf::bus_guard {
 
-/// Any thread. False when there are too many ranges.
+/// Any thread. False if there are too many ranges.
 bool Guard(void* begin, std::size_t size);
 void Release(void* begin);
 

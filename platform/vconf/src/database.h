@@ -13,46 +13,46 @@ struct sqlite3_stmt;
 
 namespace vconf {
 
-/// One key as it lies on disk, or is to: without a value it is removed.
+/// One key on disk, or a change to one; without a value it is removed.
 struct Row {
   std::string path;
   std::optional<Value> value;
 };
 
 /// The keys on disk: an SQLite database in WAL mode, which is synced with each commit. Each row has the number of its
-/// commit, and a checksum, since SQLite has none over its pages. One thread at a time, and for writing one process.
+/// commit, and a checksum, since SQLite has none over its pages. One thread at a time, and one writing process.
 class Database {
  public:
-  /// Makes a database with `rows` as the file `name`. It is complete and durable when this returns.
+  /// Creates a database with `rows` in the file `name`. It is complete and durable when this returns.
   static Status Make(const Folder& folder, const std::string& name, const std::vector<Row>& rows);
 
-  /// Opens the one of `folder`.
+  /// Opens the database of `folder`.
   static Result<std::unique_ptr<Database>> Open(const Folder& folder, bool writable);
 
   Database(const Database&) = delete;
   Database& operator=(const Database&) = delete;
   ~Database();
 
-  /// Appends all rows in the order of their commits, and sets `number` to the highest. `thorough` looks at each page.
+  /// Appends all rows in the order of their commits, and sets `number` to the highest. `thorough` checks each page.
   Status Read(bool thorough, std::vector<Row>* rows, std::uint64_t* number);
 
-  /// The highest number alone.
+  /// Reads only the highest number.
   Result<std::uint64_t> LastNumber();
 
-  /// `kDamaged` when the database ends at commit `number` and there have been `known`: the log has lost some.
+  /// `kDamaged` if `number`, the last commit in the database, is less than `known`: the log has lost commits.
   Status CheckNumber(std::uint64_t number, std::uint64_t known) const;
 
   /// One commit. Durable when it returns; after a failure nothing has changed.
   Status Write(const std::vector<Row>& rows, std::uint64_t number);
 
-  /// Fills the log up to the size that it has before a checkpoint. A sync of a file that does not grow is one write to
-  /// the disk instead of several, and a disk that gets full has given this room already.
+  /// Extends the log to its size before a checkpoint. A sync of a file that does not grow is one write to the disk
+  /// instead of several, and the space stays available if the disk gets full.
   void ReserveLog();
 
-  /// `kDamaged` when the first bytes of the file are no longer those of a database.
+  /// `kDamaged` if the file no longer begins with the header of a database.
   Status CheckHead() const;
 
-  /// Whether the files are still those that were opened, and whole enough to be used: SQLite maps one of them.
+  /// Whether the files are still those that were opened, and not truncated: SQLite maps one of them.
   bool IsCurrent(const Folder& folder) const;
 
  private:
@@ -73,8 +73,8 @@ class Database {
   sqlite3_stmt* remove_ = nullptr;
 };
 
-/// Whether the file of `folder` is a database of this store, as far as its first bytes tell. For messages the failure
-/// is the same that opening it would give.
+/// Whether the file of `folder` has the header of a database of this store. The failure is the one that opening it
+/// would give.
 Status CheckDatabase(const Folder& folder, ino_t* inode);
 
 }  // namespace vconf

@@ -10,7 +10,7 @@
 
 namespace vconf {
 
-/// A file descriptor that is closed with its object.
+/// Owns a file descriptor.
 class Descriptor {
  public:
   explicit Descriptor(int number = -1) : number_(number) {}
@@ -26,7 +26,7 @@ class Descriptor {
   int number_;
 };
 
-/// A lock of a folder (`flock`) for its scope. A child that was forked meanwhile does not keep it.
+/// Holds the lock of a folder (`flock`) for its scope. A child that is forked meanwhile does not keep it.
 class MakingLock {
  public:
   explicit MakingLock(Descriptor folder) : folder_(std::move(folder)) {}
@@ -42,51 +42,51 @@ Status SystemFailure(const std::string& file, int error);
 
 /// The folder of a store. Its files are opened without following links, and only when they belong to its owner.
 ///
-/// The owner makes and writes the files, and so does root, on the owner's behalf. Others may read what they can open.
+/// The owner, or root on the owner's behalf, creates and writes the files. Others may read what they can open.
 class Folder {
  public:
   static constexpr const char* kDatabase = "keys.db";
   static constexpr const char* kRegion = "live";
   static constexpr const char* kOldStore = "data.mdb";
 
-  /// The end of a file's name until the file is complete.
+  /// The suffix of a file's name until the file is complete.
   static constexpr const char* kUnfinished = ".new";
 
-  /// `kMissing` when there is none.
+  /// `kMissing` if it does not exist.
   static Result<Folder> Open(const std::string& directory);
 
-  /// Makes the folder, and those above it, unless it is there.
+  /// Creates the folder, and its parents, unless it exists.
   static Status Make(const std::string& directory);
 
-  /// Absolute and without links.
+  /// Absolute and without symbolic links.
   const std::string& path() const { return path_; }
   std::string File(const std::string& name) const { return path_ + "/" + name; }
 
-  /// Whether this process may make and write files here.
+  /// Whether this process may create and write files here.
   bool may_write() const { return may_write_; }
 
-  /// `kMissing`, or `kNotPermitted` for what is no plain file of the owner's.
+  /// `kMissing`, or `kNotPermitted` if it is not a regular file of the owner.
   Result<Descriptor> OpenFile(const std::string& name, int flags, struct stat* about) const;
 
-  /// A new file of the owner's, which takes the place of one of this name.
+  /// Creates a file of the owner, and replaces an existing one of this name.
   Result<Descriptor> MakeFile(const std::string& name) const;
 
-  /// `kMissing` when there is no such file, `kNotPermitted` when it is a link, no plain file, or not the owner's.
+  /// `kMissing` if there is no such file, `kNotPermitted` if it is a link, not a regular file, or not the owner's.
   Status Check(const std::string& name, struct stat* about) const;
 
   Status Rename(const std::string& from, const std::string& to) const;
   void Remove(const std::string& name) const;
 
-  /// Makes the names of the files durable.
+  /// Makes the names of the files durable (syncs the folder).
   Status Sync() const;
 
   Result<std::vector<std::string>> Names() const;
 
-  /// Moves these files to a new folder beside this one and returns its name. Where the file system does not allow that
-  /// it is a folder within.
+  /// Moves these files to a new folder beside this one and returns its name. If the file system does not allow that,
+  /// the new folder is inside this one.
   Result<std::string> MoveAway(const std::vector<std::string>& names) const;
 
-  /// Keeps other processes from making or replacing the store until the result is gone.
+  /// Prevents other processes from creating or replacing the store until the result is destroyed.
   Result<MakingLock> LockMaking() const;
 
  private:

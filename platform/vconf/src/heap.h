@@ -7,20 +7,20 @@
 
 namespace vconf {
 
-/// The blocks behind the region's header: of 64 bytes times a power of two, up to the longest text. Their sizes are
-/// known to who holds them. With the region's lock held. What is free when a process dies within a call may be lost
-/// until the next `FreeAllBut`.
+/// Allocates the blocks after the region's header. Their sizes are 64 bytes times a power of two, up to the longest
+/// text; the caller has to know the size of its blocks. Requires the region's lock. If a process dies within a call,
+/// free blocks may leak until the next `FreeAllBut`.
 class Heap {
  public:
   explicit Heap(Region& region) : region_(region) {}
 
-  /// 0 when there is no room.
+  /// 0 if there is no space.
   std::uint32_t Take(std::uint32_t size);
   void Give(std::uint32_t block, std::uint32_t size);
 
   using Blocks = std::vector<std::pair<std::uint32_t, std::uint32_t>>;  // offset and size
 
-  /// Everything but these becomes free, and what lies side by side is joined.
+  /// Frees all blocks except these, and merges adjacent free blocks.
   void FreeAllBut(Blocks used);
 
  private:

@@ -8,8 +8,8 @@
 
 namespace vconf {
 
-/// A writer's turn: holds the region's lock, for the time that publishing takes, and wakes whoever waits for changes
-/// when it ends. What one that died in its turn had begun to publish, the next turn publishes to its end first.
+/// A writer's critical section: holds the region's lock while publishing, and wakes waiting listeners when it is
+/// released. If the previous owner died while publishing, the constructor first completes that.
 class Turn {
  public:
   explicit Turn(Region& region);
@@ -17,14 +17,14 @@ class Turn {
   Turn& operator=(const Turn&) = delete;
   ~Turn();
 
-  /// How it began; after a failure nothing may be done in it.
+  /// Whether the lock was acquired; after a failure nothing else may be called.
   const Status& status() const { return status_; }
 
-  /// Sees to it that no change can fail for want of room to remember it.
+  /// Reserves the space for the record of a change, so that publishing cannot fail. False if there is none.
   bool Reserve();
 
-  /// What was prepared for `keys`, with the mark `mark`, becomes their value: as one more change each, which is
-  /// remembered, but for faults, of which nobody is told. All of it, also when this process dies meanwhile.
+  /// Publishes what was prepared with `mark` for `keys`, one recorded change for each key; changes of faults are not
+  /// recorded. All are published, even if this process dies meanwhile.
   void PublishAll(const std::vector<std::uint32_t>& keys, layout::Prepared mark);
 
  private:
@@ -41,11 +41,11 @@ class Turn {
   bool wakes_ = false;
 };
 
-/// The changes from number `next` on, up to the last one or `most`. False when one of them is no longer remembered, or
-/// not readable, and there are none before it. Any thread; no lock.
+/// Reads at most `most` changes from number `next` on. False if the first of them is no longer kept or cannot be read.
+/// Any thread; no lock.
 bool ReadChanges(Region& region, std::uint64_t next, std::size_t most, std::vector<Change>* changes);
 
-/// What the internal keys begin with that hold faults; nobody is told of them.
+/// The prefix of the internal keys that hold faults; their changes are not delivered.
 constexpr std::string_view kFaultPrefix = "!fault/";
 
 }  // namespace vconf

@@ -10,8 +10,8 @@
 #include "folder.h"
 #include "region.h"
 
-/// Opening, making, converting and replacing the files of a store. The database is the store; the first process after a
-/// boot makes the region from it. One process at a time makes or replaces files.
+/// Opens, creates, converts and replaces the files of a store. The database is the store; the first process after a
+/// boot creates the region from it. One process at a time creates or replaces files.
 namespace vconf::making {
 
 /// The region of a store, and the folder of its files.
@@ -20,17 +20,17 @@ struct Place {
   std::unique_ptr<Region> region;
 };
 
-/// The store of `directory`. Its region is made unless there is one of this boot. Where there is no folder, or an empty
-/// one, a store that holds `initial` is made, unless `initial` is null.
+/// Opens the store in `directory`, and creates its region if there is none of this boot. If the folder does not exist
+/// or is empty, creates a store with `initial`, unless `initial` is null.
 Result<std::unique_ptr<Place>> Attach(const std::string& directory, const std::vector<Entry>* initial);
 
-/// The store of `folder` when its region is there and of this boot; `kMissing` otherwise.
+/// Opens the store of `folder` if it has a region of this boot; `kMissing` otherwise.
 Result<std::unique_ptr<Place>> AttachShared(Folder folder);
 
-/// As `ReplaceStore` of the control side.
+/// See `ReplaceStore` in vconf_control.h.
 Result<std::string> Replace(const std::string& directory, const std::vector<Entry>& initial);
 
-/// The keys on disk of a store that was made by a version before this one. `visit` is called for each.
+/// Calls `visit` for each key on disk of a store of the previous version.
 Status ReadOldStore(const Folder& folder, const std::function<void(Row)>& visit);
 
 }  // namespace vconf::making

@@ -16,11 +16,11 @@
 
 namespace vconf {
 
-/// Calls the listeners of this process for each change of a store, on a thread that runs while there are any. Any
+/// Calls the listeners of this process for each change of a store, on a thread that runs while there are listeners. Any
 /// thread.
 ///
-/// No lock is held while a listener is called, so it may call anything, also this class. Who ends a listener waits
-/// until a running call of it has returned, and for nothing else; on the notification thread not even for that.
+/// No lock is held while a listener is called, so it may call any function, also of this class. Removing a listener
+/// waits only for a running call of that listener; on the notification thread it does not wait.
 class Notifier {
  public:
   struct Listener;
@@ -33,16 +33,16 @@ class Notifier {
 
   Status Subscribe(const std::string& path, vconf_callback_fn callback, void* user_data);
 
-  /// Ends all subscriptions of the pair, if there are any.
+  /// Ends all subscriptions of the pair.
   void Ignore(const std::string& path, vconf_callback_fn callback);
 
   Status Watch(const std::string& prefix, std::function<void(const Change&)> on_change, ListenerPtr* watch);
   void EndWatch(const ListenerPtr& watch);
 
-  /// Returns when every change made before the call has been handed out. Wakes no other process.
+  /// Waits until every change made before the call has been delivered. Wakes no other process.
   void Settle();
 
-  /// Around a fork. The child has this notifier without its thread, and is to use another one.
+  /// Around a fork. The child has this notifier without its thread, and must use another one.
   void BeforeFork() { mutex_.lock(); }
   void AfterForkInParent() { mutex_.unlock(); }
   void AfterForkInChild();
@@ -66,16 +66,16 @@ class Notifier {
   Store& store_;
 
   mutable std::mutex mutex_;
-  std::condition_variable progress_;  // a call ended, a change was handed out, or the thread ended
+  std::condition_variable progress_;  // a call returned, a change was delivered, or the thread ended
   std::unordered_map<std::string, std::vector<ListenerPtr>> by_path_;
   std::vector<ListenerPtr> watches_;
   std::size_t subscriptions_ = 0;
   const Listener* running_ = nullptr;
-  Region* region_ = nullptr;  // the one that `next_` counts in
-  std::uint64_t next_ = 0;    // the first change that was not handed out yet
-  bool alive_ = false;        // the thread runs, or will look at the listeners once more
+  Region* region_ = nullptr;  // the region to which `next_` refers
+  std::uint64_t next_ = 0;    // the first change that was not delivered yet
+  bool alive_ = false;        // the thread runs, and will check for listeners before it ends
   bool forked_ = false;       // the thread belongs to the parent
-  unsigned lost_ = 0;         // how often another region was found and told, or none for one that is damaged
+  unsigned lost_ = 0;         // how often the region was replaced, or was damaged without a replacement
   unsigned waiting_ = 0;      // threads that wait for progress
   std::thread thread_;
   std::thread::id thread_id_;

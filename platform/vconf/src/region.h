@@ -10,21 +10,22 @@
 
 namespace vconf {
 
-/// The region of a store, mapped into this process. Others may change it, cut it short or fill it with noise at any
-/// time, so each offset in it is checked before it is used. Any thread.
+/// The region of a store, mapped into this process. Other processes may change, truncate or corrupt it at any time, so
+/// each offset is checked before use. Any thread.
 class Region {
  public:
-  /// The region of `folder`, if it was made in this boot, as this file, from the database with the inode `database`.
-  /// `kMissing` if not: then a new one may take its place.
+  /// Opens the region of `folder`, if it was created in this boot, as this file, from the database with the inode
+  /// `database`. `kMissing` if not; it may then be replaced.
   static Result<std::unique_ptr<Region>> Open(const Folder& folder, ino_t database);
 
-  /// The file of `folder`'s region, from whatever boot, if it is long enough: for what it still tells, and to mark it.
+  /// Opens the region of `folder` from any boot, if the file is long enough: to read its counters, and to mark it as
+  /// replaced.
   static Result<std::unique_ptr<Region>> OpenAny(const Folder& folder);
 
-  /// A new region without keys. Its file has the name `name`, to be renamed when the region is filled.
+  /// Creates an empty region in the file `name`, which the caller renames when the region is filled.
   static Result<std::unique_ptr<Region>> Make(const Folder& folder, const std::string& name, ino_t database);
 
-  /// A new region in the memory of this process, for a folder where it may make no file.
+  /// Creates a region in the memory of this process, for a folder in which it may not create a file.
   static Result<std::unique_ptr<Region>> MakePrivate(const Folder& folder);
 
   Region(const Region&) = delete;
@@ -45,7 +46,7 @@ class Region {
   /// Whether the file was removed or replaced by one of the same name.
   bool IsRemoved() const;
 
-  /// `size` bytes at `offset`, or null when they do not lie between the header and the end of the file.
+  /// `size` bytes at `offset`, or null if they are not between the header and the end of the file.
   template <typename T>
   T* At(std::uint32_t offset, std::uint32_t size = sizeof(T)) const {
     const std::uint32_t end = header().growing.load(std::memory_order_acquire);
@@ -55,19 +56,19 @@ class Region {
                : nullptr;
   }
 
-  /// Makes room up to `end`; false when the disk or the region is full. With the lock held.
+  /// Extends the file to `end`; false if the disk or the region is full. Requires the lock.
   bool Grow(std::uint32_t end);
 
-  /// From now on every process that has it mapped looks for another one at its next call.
+  /// Tells every process that maps the region to look for a new one at its next call.
   void MarkReplaced();
 
   /// Wakes all threads that wait for changes.
   void WakeAll();
 
-  /// Sleeps while `header().wakeups` is `seen`, for `limit` at the most; may return early.
+  /// Sleeps while `header().wakeups` is `seen`, for at most `limit`; may return early.
   void AwaitWakeup(std::uint32_t seen, std::chrono::nanoseconds limit);
 
-  /// Wakes the waiting thread of this process, and few of others.
+  /// Wakes the waiting thread of this process, and those of few other processes.
   void WakeOwn();
 
  private:

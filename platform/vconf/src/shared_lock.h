@@ -9,11 +9,11 @@
 
 namespace vconf {
 
-/// No call waits longer than this for other processes.
+/// The longest that a call waits for other processes.
 constexpr std::chrono::milliseconds kLockLimit{5000};
 
-/// While one exists, this thread waits for other processes for `limit` at the most, all its waits together, and within
-/// another one no longer than that allows. Without one it does not wait.
+/// While one exists, this thread waits for other processes for at most `limit` in total; if nested, no longer than the
+/// outer one allows. Without one it does not wait.
 class WaitLimit {
  public:
   explicit WaitLimit(std::chrono::milliseconds limit = kLockLimit);
@@ -21,26 +21,27 @@ class WaitLimit {
   WaitLimit& operator=(const WaitLimit&) = delete;
   ~WaitLimit();
 
-  /// How much of it is left; 0 or more. The time begins with the first question, so who need not wait reads no clock.
+  /// The remaining time; 0 or more. It starts to run with the first call, so a thread that need not wait reads no
+  /// clock.
   static std::chrono::milliseconds Left();
 
  private:
   const std::chrono::milliseconds outer_;
 };
 
-/// Names the process that has locked one of these files, or the folder, for messages.
+/// The process that has locked one of these files, or the folder, for messages.
 std::string HolderOf(const std::vector<std::string>& files);
 
 void InitLock(layout::Lock& lock);
 
-/// To be called in a process that was forked.
+/// Must be called in a child after a fork.
 void NoteProcess();
 
-/// Holds a lock of the region for its scope. A thread holds each of them once, and waits as long as its `WaitLimit`
-/// says.
+/// Holds a lock of the region for its scope. A thread must not acquire one twice; it waits as long as its `WaitLimit`
+/// allows.
 class SharedLock {
  public:
-  /// `name` says in messages what the lock is for.
+  /// `name` is the purpose of the lock, for messages.
   SharedLock(layout::Lock& lock, const char* name, bool waits = true);
   SharedLock(const SharedLock&) = delete;
   SharedLock& operator=(const SharedLock&) = delete;
@@ -48,10 +49,10 @@ class SharedLock {
 
   bool held() const { return result_ == 0; }
 
-  /// Whether the last owner died with it.
+  /// Whether the previous owner died while it held the lock.
   bool inherited() const { return inherited_; }
 
-  /// Why it is not held.
+  /// Why the lock is not held.
   Status status(const std::string& file) const;
 
  private:

@@ -22,8 +22,8 @@ namespace vconf {
 
 /// The keys and the faults of the store that this process has open. Any thread.
 ///
-/// Reading looks into the region and waits for nobody. A change in memory takes the region's lock; one on disk takes
-/// the lock of the disk, commits to the database and takes the region's lock to publish.
+/// Reads use the region and do not wait. A change in memory acquires the region's lock; a change on disk acquires the
+/// disk lock, commits to the database and acquires the region's lock to publish.
 class Store {
  public:
   static Result<std::unique_ptr<Store>> Open(const std::string& directory, const std::vector<Entry>* initial);
@@ -35,7 +35,7 @@ class Store {
   Status Reset(const std::vector<Entry>& entries);  // which pass `CheckEntries`
   Status List(std::string_view prefix, std::vector<Entry>* entries);
 
-  /// Fails when the store is no longer there, or can no longer be read.
+  /// Fails if the store no longer exists or can no longer be read.
   Status Check();
 
   Status SetFault(const Fault& fault);
@@ -43,29 +43,29 @@ class Store {
   Status ClearFaults();
   Status ListFaults(std::vector<Fault>* faults);
 
-  /// Costs no more than a look at one word while there are no faults.
+  /// While there are no faults, this only reads one word.
   std::optional<int> TakeFault(std::string_view call, std::string_view path) {
     return region_.load(std::memory_order_acquire)->header().state.load(std::memory_order_acquire) == layout::kWhole
                ? std::nullopt
                : FindFault(call, path);
   }
 
-  /// The region as it is now. One that it replaced stays mapped until the store is closed. It may be damaged, when
-  /// there is no better one.
+  /// The current region. Replaced regions stay mapped until the store is closed. It may be damaged if there is no
+  /// replacement.
   Region& region();
 
-  /// Around a fork: SQLite has nothing open in either process, and nothing is half-done.
+  /// Around a fork: closes SQLite for both processes, and locks the mutexes, so that the state is consistent.
   void BeforeFork();
   void AfterFork();
 
  private:
-  // Appends what is to change, looking at what is; called with the locks held that keep it as it is.
+  // Appends the changes to make, based on the current state; called with the locks that keep it from changing.
   using Plan = std::function<Status(Region& region, std::vector<Row>* rows)>;
   enum class Home : std::uint8_t { kDisk, kMemory };
   static Home HomeOf(std::string_view path);
   using Wanted = std::map<std::string, Value, std::less<>>;
 
-  /// Appends to `rows` what makes `held` hold what `wanted` does, and nothing else.
+  /// Appends to `rows` the changes that turn `held` into `wanted`.
   static void Difference(const std::vector<Entry>& held, const Wanted& wanted, std::vector<Row>* rows);
 
   /// Prepares all of `rows`, or none, in `turn`.
@@ -93,22 +93,22 @@ class Store {
   const std::string directory_;
 
   std::atomic<Region*> region_{nullptr};
-  std::atomic<std::chrono::steady_clock::time_point> look_again_{};  // for another region, no sooner
+  std::atomic<std::chrono::steady_clock::time_point> look_again_{};  // no search for a new region before this time
   std::mutex places_mutex_;
   std::vector<std::unique_ptr<making::Place>> places_;  // the last one is in use
 
-  std::mutex database_mutex_;           // before the other
-  std::unique_ptr<Database> database_;  // from the first change on disk on
+  std::mutex database_mutex_;           // acquired before `places_mutex_`
+  std::unique_ptr<Database> database_;  // opened for the first change on disk
 
   std::atomic<Code> last_read_{Code::kOk};
   std::atomic<Code> last_disk_write_{Code::kOk};
   std::atomic<Code> last_memory_write_{Code::kOk};
 };
 
-/// Whether the store serves `path` at all. `set/` is for the control side alone, whose paths may hold a NUL.
+/// Whether `path` is a valid path. `set/`, and paths with a NUL, are valid only for the control interface.
 bool IsPath(std::string_view path, bool control);
 
-/// Whether all of `entries` could be written; else what stands against the first one that could not.
+/// Whether all of `entries` are valid; otherwise the failure of the first invalid one.
 Status CheckEntries(const std::vector<Entry>& entries);
 
 }  // namespace vconf

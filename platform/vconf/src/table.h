@@ -12,55 +12,55 @@
 
 namespace vconf {
 
-/// What the keys begin with that are not kept on disk.
+/// The prefix of the keys that are not kept on disk.
 constexpr std::string_view kMemoryPrefix = "memory/";
 
 /// The keys of a region and their values.
 ///
-/// Each key has two slots for a value. A writer fills the one that is not in use and then counts the version up. So a
-/// reader takes no lock and waits for nobody: it reads again only when the version has changed meanwhile, and finds the
-/// last value when a writer stopped or died half-way. Each value has a check over itself and its path, so noise in the
-/// file is a failure and never a value.
+/// Each key has two slots for a value. A writer fills the unused one and then increments the version. So a reader takes
+/// no lock and does not wait: it retries only if the version has changed meanwhile, and gets the previous value if a
+/// writer was stopped or killed half-way. Each value has a checksum over itself and its path, so corrupt data is a
+/// failure and never a value.
 class Table {
  public:
   explicit Table(Region& region) : region_(region), heap_(region) {}
 
-  // ---- for readers. Any thread, no lock. `kMissing` and `kDamaged` are the failures.
+  // ---- for readers. Any thread, no lock. Failures are `kMissing` and `kDamaged`.
 
   Code Read(std::string_view path, std::optional<Value>* value) const;
 
-  /// The same for an int or a bool; `kWrongType` when the key holds something else.
+  /// The same for an int or a bool; `kWrongType` if the key holds another type.
   Code ReadNumber(std::string_view path, layout::Kind kind, int* number) const;
 
-  /// Appends what begins with `prefix`, in the order of the bytes. Each value is one that its key had during the call;
-  /// as long as nobody writes, all are of one moment.
+  /// Appends the keys that begin with `prefix`, in byte order. Each value is one that its key had during the call; it
+  /// is not a snapshot if there are concurrent writes.
   Code List(std::string_view prefix, std::vector<Entry>* entries) const;
 
-  /// The path of the key at `key`; false when there is none.
+  /// The path of the key at offset `key`; false if there is none.
   bool PathOf(std::uint32_t key, std::string* path) const;
 
   static std::uint32_t HashOf(std::string_view path);
 
-  /// What `slot.check` is when the slot holds this.
+  /// The value of `slot.check` for this content.
   static std::uint32_t CheckOf(std::uint32_t hash, std::uint32_t form, std::uint32_t content, std::string_view text);
 
   // ---- for writers, with the region's lock held
 
-  /// Gets everything ready for `value`, or for removing the key when it is null, so that `Flip` cannot fail; nobody
-  /// sees it yet. For one key, only one writer may be between the two; a second `Prepare` takes back the first. A
-  /// path in memory is marked `kPreparedInMemory`, another one `kPreparedForDisk`.
+  /// Prepares `value`, or the removal of the key if it is null, so that `Flip` cannot fail; readers do not see it yet.
+  /// Only one value of a key can be prepared; a second `Prepare` drops the first. A path in memory is marked
+  /// `kPreparedInMemory`, any other one `kPreparedForDisk`.
   Code Prepare(std::string_view path, const Value* value, std::uint32_t* key);
 
-  /// What `Prepare` got ready becomes the value.
+  /// Makes the prepared value the current one.
   void Flip(std::uint32_t key);
 
   /// The slot that `Prepare` filled.
   const layout::Slot* Prepared(std::uint32_t key) const;
 
-  /// Takes back what was prepared for these.
+  /// Drops the prepared values of these keys.
   void Drop(const std::vector<std::uint32_t>& keys);
 
-  /// The keys that have this mark.
+  /// The keys with this mark.
   std::vector<std::uint32_t> KeysPrepared(layout::Prepared mark);
 
   Heap& heap() { return heap_; }
