@@ -106,16 +106,16 @@ TEST_F(CliTest, HelpTheManualAndCompletionKnowEveryCommand) {
   }
   EXPECT_GE(count, 12);
   EXPECT_EQ(RunAsIs({"complete", "set-up", "--json", "b2b", "o"}).out, "on\noff\n");
-  EXPECT_EQ(RunAsIs({"complete", "fault", "vconf_get_int", "CAPTION_MOD"}).out, "CAPTION_MODE\n");
+  EXPECT_TRUE(RunAsIs({"complete", "fault", "vconf_get_int", "CAPTION_"}).out.starts_with("CAPTION_MODE\n"));
   EXPECT_EQ(RunAsIs({"complete", "get", "--store", ""}).out, "");
   EXPECT_EQ(RunAsIs({"complete", "watch", "--e"}).out, "--exact\n");
   EXPECT_EQ(RunAsIs({"complete", "desk", "--p"}).out, "--plugin\n--port\n");
   const std::string script = folder() / "complete.sh";
   std::ofstream(script) << R"bash(mirado() { ")bash" MIRADO_PROGRAM R"bash(" "$@"; }
 eval "$(mirado completion bash)"
-COMP_WORDS=(mirado get HIGH_CONTRAS) COMP_CWORD=2
+COMP_WORDS=(mirado get HIGH) COMP_CWORD=2
 _mirado
-[ "${COMPREPLY[*]}" = HIGH_CONTRAST ]
+[ "${COMPREPLY[0]}" = HIGH_CONTRAST ]
 )bash";
   EXPECT_EQ(Shell("bash " + script), 0);
 }
