@@ -8,36 +8,34 @@
 
 #include "vconf_control.h"
 
-/// What all command lines have in common: the standard streams, the parser's errors, and options that several commands
-/// take.
+/// Shared by all command lines: the standard streams, the parser's errors, and common options.
 namespace desk {
 
-/// What a program begins with. A standard stream that is closed is opened so that reading it and writing to it still
-/// fail: else the next file, such as the store's, would get its number and what is printed. SIGPIPE is ignored, so that
-/// a reader that is gone is a failed write.
+/// To be called first in `main`. Opens closed standard streams such that reading and writing them still fails:
+/// otherwise the next opened file, such as the store's, would get the descriptor and the program's output. Ignores
+/// SIGPIPE, so that writing to a closed pipe is a failed write.
 void PrepareStandardStreams();
 
-/// Does `work`, which returns an exit status, and sees that its output was written: `kCannotWork` and a line on stderr
-/// when it was not.
+/// Runs `work`, which returns an exit status, and checks that its output was written; if not, returns `kCannotWork` and
+/// prints a line on stderr.
 int WithOutput(const std::function<int()>& work);
 
-/// One line on stderr, whatever characters are in `text`.
+/// Prints `text` as one line on stderr; control characters are escaped.
 void Complain(const std::string& text);
 
-/// The failure of a program that cannot write to its standard output; `error` is the errno, or 0 when it is not known.
+/// The failure of a write to standard output; `error` is the errno, or 0 if it is not known.
 vconf::Status OutputFailed(int error);
 
-/// Why `app` did not parse the command line: prints the help or the version that was asked for, or says what is wrong.
-/// Returns the exit status.
+/// Handles a parse error of `app`: prints the requested help or version, or the error. Returns the exit status.
 int Explain(const CLI::App& app, const CLI::ParseError& error);
 
-/// `command` as it is typed, such as "mirado set-up b2b".
+/// The full name of `command`, such as "mirado set-up b2b".
 std::string WordsOf(const CLI::App& command);
 
-/// The options that `command` takes, those of the commands above it too where it falls through to them.
+/// The options that `command` accepts, including those of its parent commands if it falls through to them.
 std::vector<const CLI::Option*> OptionsOf(const CLI::App& command);
 
-/// What an option takes that is a number from `least` to `most`.
+/// Accepts a number from `least` to `most` as an option's argument.
 CLI::Validator Between(int least, int most);
 
 /// Adds `--store` to `command`, with the default of this user.

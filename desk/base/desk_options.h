@@ -23,14 +23,14 @@ struct HostCommand {
 
 /// The command line of `mirado desk`.
 struct DeskOptions {
-  int port = 8480;            ///< 0 takes any that is free
-  std::string listen;         ///< an address of this machine beside loopback; empty for none
-  bool token = false;         ///< everybody needs the token; so with `listen`
-  bool until_closed = false;  ///< the desk ends with its standard input, too
+  int port = 8480;            ///< 0 chooses a free one
+  std::string listen;         ///< an address of this machine in addition to loopback; empty for none
+  bool token = false;         ///< every client needs the token; implied by `listen`
+  bool until_closed = false;  ///< the desk also exits when its standard input is closed
   HostCommand host;
 };
 
-/// Declares it to `command`. The desk is a program of its own; the program `mirado` knows by this what it takes.
+/// Adds these options to `command`. The desk is a separate program; `mirado` uses this for help and completion.
 void AddDeskOptions(CLI::App& command, DeskOptions& options);
 
 }  // namespace desk

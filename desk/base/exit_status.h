@@ -4,12 +4,12 @@
 
 namespace desk {
 
-/// What a script can rely on, from every program.
+/// The exit statuses of all programs, which scripts rely on.
 enum ExitStatus : int {
   kDone = 0,
   kRefused = 1,     ///< the answer is no: no such key, a refused change, bad lines in a session, a replay that differs
-  kUsage = 2,       ///< the command line is not understood
-  kCannotWork = 3,  ///< the store, the plug-in, a file or the program's own output gives way
+  kUsage = 2,       ///< the command line is wrong
+  kCannotWork = 3,  ///< the store, the plug-in, a file or the program's own output cannot be used
 };
 
 /// The status of a program whose work ended with `code`.

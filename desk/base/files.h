@@ -13,8 +13,8 @@ vconf::Status FileStatus(int error, const std::string& file);
 /// All bytes of a regular file.
 vconf::Result<std::string> ReadFile(const std::string& file);
 
-/// Gives `file` this content in one step and durably: a reader sees the old one or the new one, also after a crash. The
-/// folder must exist.
+/// Replaces the content of `file` atomically and durably: a reader sees the old or the new content, also after a crash.
+/// The folder must exist.
 vconf::Status ReplaceFile(const std::string& file, std::string_view content);
 
 }  // namespace desk

@@ -6,7 +6,7 @@
 
 namespace desk {
 
-/// What the HTTP interface says of a code: the status of the answer, and the name that stands in it as "code".
+/// The HTTP status for a code, and its name in the answer's field "code".
 struct HttpCode {
   int status;
   std::string_view name;

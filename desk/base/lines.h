@@ -24,7 +24,7 @@ class UniqueFd {
   ~UniqueFd() { Close(); }
 
   void Close();
-  int Release() { return std::exchange(number_, -1); }  ///< The caller owns it from now on.
+  int Release() { return std::exchange(number_, -1); }  ///< transfers ownership to the caller
   int get() const { return number_; }
   explicit operator bool() const { return number_ >= 0; }
 
@@ -32,9 +32,9 @@ class UniqueFd {
   int number_ = -1;
 };
 
-/// Becomes true when the program is asked to end: by SIGINT or SIGTERM, or because nobody reads what it writes.
+/// Becomes true when the program is asked to exit: by SIGINT or SIGTERM, or because its output was closed.
 ///
-/// Make it before the first other thread, since it takes both signals for the whole process, and ignores SIGPIPE.
+/// Must be created before any other thread, since it handles both signals for the whole process, and ignores SIGPIPE.
 class ShutdownSignal {
  public:
   ShutdownSignal();
@@ -44,8 +44,8 @@ class ShutdownSignal {
 
   bool Asked() const;
 
-  /// Waits until `fd` can be read (true), or until the end is asked for or `limit` has passed (false). An `fd` below 0
-  /// is never readable, and a `limit` below 0 never passes.
+  /// Waits until `fd` is readable (true), or until the program is asked to exit or `limit` has passed (false). A
+  /// negative `fd` is never readable, and a negative `limit` never passes.
   bool WaitFor(int fd, std::chrono::milliseconds limit = std::chrono::milliseconds(-1)) const;
 
  private:
@@ -53,7 +53,7 @@ class ShutdownSignal {
   UniqueFd raised_;
 };
 
-/// Reads lines from a file descriptor, in bounded memory whatever comes.
+/// Reads lines from a file descriptor, in bounded memory for any input.
 class LineReader {
  public:
   static constexpr std::size_t kMaxLine = 524'288;  ///< bytes, without the newline
@@ -62,8 +62,8 @@ class LineReader {
 
   LineReader(int fd, const ShutdownSignal& end) : fd_(fd), end_(end) {}
 
-  /// Puts the next line into `line`, without its newline; the last one may lack it. A line that is too long is read to
-  /// its end and dropped. The input ends at its end, at an error, or when the end of the program is asked for.
+  /// Reads the next line into `line`, without its newline, which the last line may lack. A line that is too long is
+  /// read to its end and dropped. The input ends at end of file, at an error, or when the program is asked to exit.
   Result Next(std::string& line);
 
  private:
@@ -75,13 +75,13 @@ class LineReader {
   std::size_t position_ = 0;
 };
 
-/// Writes whole lines to a file descriptor. Any thread; lines do not mix.
+/// Writes whole lines to a file descriptor. Any thread; lines are not interleaved.
 class LineWriter {
  public:
-  /// `on_broken` runs once, when a write fails; nothing is written afterwards.
+  /// `on_broken` is called once, after the first failed write; nothing is written afterwards.
   LineWriter(int fd, std::function<void()> on_broken) : fd_(fd), on_broken_(std::move(on_broken)) {}
 
-  /// `line` comes without its newline.
+  /// `line` has no newline.
   void Write(std::string line);
 
   /// The errno of the write that failed, or 0.

@@ -2,11 +2,11 @@
 
 #include <string>
 
-/// Where things are when nobody says otherwise. The program and its libraries are found from where the program stands,
-/// so that a build folder and an installation work alike.
+/// Default paths. The program and its libraries are found relative to the executable, so a build folder works like an
+/// installation.
 namespace desk {
 
-/// `MIRADO_STORE`, else `mirado/store` in the user's state directory; empty for a user who has none.
+/// `MIRADO_STORE`, else `mirado/store` in the user's state directory; empty if the user has none.
 std::string DefaultStore();
 
 /// `MIRADO_PLUGIN`, else `libmirado.so` beside the platform's libraries.
@@ -15,7 +15,7 @@ std::string DefaultPlugin();
 /// The program `mirado`.
 std::string MiradoProgram();
 
-/// The program behind `mirado desk`.
+/// The program that `mirado desk` executes.
 std::string DeskProgram();
 
 /// The files that the desk serves.

@@ -5,7 +5,7 @@
 
 namespace desk {
 
-/// "; did you mean …?" with the one of `known` that `text` is a likely misspelling of, or nothing when none is near.
+/// "; did you mean …?" with the element of `known` that is most similar to `text`; empty if none is similar.
 std::string Suggestion(const std::string& text, const std::vector<std::string>& known);
 
 }  // namespace desk

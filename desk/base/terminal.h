@@ -5,19 +5,20 @@
 
 #include "vconf_control.h"
 
-/// Texts of anybody on a terminal, and values as they are typed. What the store holds may come from any program: what
-/// would move the cursor, begin a line or change the order of the letters goes out as an escape. Any thread.
+/// Prints untrusted texts on a terminal, and converts values to and from their typed form. The store's content may come
+/// from any program: characters that move the cursor, begin a line or change the writing direction are escaped. Any
+/// thread.
 namespace desk {
 
 /// `text` on one line. Control characters, also those of 0x80 to 0x9f, line and paragraph separators and marks of the
-/// writing direction become \n, \t or \u001b; bytes that are no UTF-8 become \xff. Everything else stays.
+/// writing direction become \n, \t or \u001b; bytes that are not UTF-8 become \xff. Everything else is unchanged.
 std::string Printable(std::string_view text);
 
 /// `text` in double quotes like a JSON string, with the same escapes.
 std::string Quoted(std::string_view text);
 
-/// A text as it is typed and printed: as it is, where nothing in it needs an escape and it begins with no quote or
-/// dash. Else it is in double quotes like a JSON string, which may hold \xff for a byte besides.
+/// A text as it is typed and printed: unchanged if nothing in it needs an escape and it does not begin with a quote or
+/// dash. Otherwise in double quotes like a JSON string, in which a byte may also be written as \xff.
 std::string TextToArgument(const std::string& text);
 std::string TextFromArgument(const std::string& argument);
 

@@ -12,8 +12,8 @@
 #include "base/json.h"
 #include "vconf_control.h"
 
-/// The commands of `mirado`. Each `Add…` declares one to the parser; the one that is called leaves what it does in
-/// `run`, which returns the exit status.
+/// The commands of `mirado`. Each `Add…` adds one to the parser. The command that the user gives sets `run`, which
+/// returns the exit status.
 namespace desk::cli {
 
 using Run = std::function<int()>;
@@ -27,45 +27,44 @@ void AddFaultCommand(CLI::App& app, Run& run);
 
 void AddCompletionCommand(CLI::App& app, Run& run);
 
-/// What a shell may put in place of the last of `words`, a line each: made from what `app` declares.
+/// Completions for the last of `words`, one per line, from the options and commands of `app`.
 void PrintCompletions(const CLI::App& app, const std::vector<std::string>& words);
 
 /// The manual page of `app` in the form of man(7).
 void PrintManual(const CLI::App& app);
 
-/// Which store a command works on.
+/// The store of a command.
 struct StoreChoice {
   std::string folder;
   const CLI::Option* option = nullptr;
 
-  /// Whether the user says which, with --store or MIRADO_STORE.
+  /// Whether the user named it with --store or MIRADO_STORE.
   bool Named() const;
 };
 
-/// Adds `--store` to `command`; the result receives it.
+/// Adds `--store` to `command`; the result receives its value.
 void AddStoreOption(CLI::App& command, StoreChoice& store);
 
 /// Adds `--json` to `command`.
 void AddJsonOption(CLI::App& command, bool& json);
 
-/// What a command does to a store that is not there yet.
+/// What a command does if the store does not exist.
 enum class Absent {
-  kMake,    ///< makes it and fills it with a new set
-  kReport,  ///< says that there is none, if the user named it
+  kMake,    ///< creates it with a new set
+  kReport,  ///< fails if the user named it
 };
 
-/// Opens the store and does `work` on it. Failures go to stderr.
+/// Opens the store and runs `work` on it. Failures are printed to stderr.
 int WithStore(const StoreChoice& store, Absent absent, const std::function<vconf::Status()>& work);
 
-/// One line of JSON on stdout that is safe on a terminal.
+/// Prints one line of JSON that is safe on a terminal.
 void PrintJson(const Json& json);
 
 /// A key as it is typed: a path, or a setting by its number in the menu's table or its constant, of which MENU_KEY_ and
 /// MIRADO_KEY_ may be left out.
 vconf::Result<std::string> PathFromArgument(const std::string& argument);
 
-/// Says on stderr that `path` is none of `known`: `what` is so, and which of them may be meant. Nothing is said of one
-/// that is known.
+/// If `path` is not in `known`, prints a note on stderr with `what` and the most similar known path.
 void NoteUnknown(const std::string& path, const std::string& what, const std::vector<std::string>& known);
 
 }  // namespace desk::cli

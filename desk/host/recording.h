@@ -12,32 +12,32 @@
 #include "set/scenario.h"
 #include "vconf_control.h"
 
-/// A session on file: the store as it was at the start, then what went in and what came out, as JSON lines.
+/// A recorded session: the initial state of the store, then input and output, as JSON lines.
 ///
 ///   {"recording": 1, "state": {"db/menu/caption/caption": 0, …}, "faults": [{"call": …}, …], "watches": ["path", …]}
 ///   {"in": {"send": {"command": "getVersion"}}}
 ///   {"out": {"reply": {"code": 0, "value": "4.0", "errorName": "", "errorMessage": ""}}}
 ///
-/// A value that somebody else gave a key between two requests stands there as a request of its own, {"in": {"set": …}}.
-/// Left out are lines that were no requests, which never reached the plug-in, and what a player cannot repeat: faults
-/// that came or went meanwhile, keys that somebody else removed, and what somebody else changed while the plug-in was
-/// at a request, which cannot be told from what the request changed.
+/// A change by another process between two requests is recorded as a request, {"in": {"set": …}}. Not recorded are
+/// invalid lines, which never reached the plug-in, and what a replay cannot repeat: faults that were set or cleared
+/// meanwhile, keys that another process removed, and changes by another process while the plug-in handled a request,
+/// which cannot be distinguished from the changes of the request.
 namespace desk {
 
 /// Writes a recording.
 class Recorder {
  public:
-  /// Takes a line that comes out, as text; one at a time.
+  /// Receives a line of output; one at a time.
   using Hear = std::function<void(std::string)>;
 
-  /// Takes a line of the recording, without its newline, and tells whether it could be kept; one at a time.
+  /// Receives a line of the recording, without its newline, and returns whether it was written; one at a time.
   using Keep = std::function<bool(std::string_view)>;
 
-  /// Keeps the first line with what the open store holds now and what the plug-in is subscribed to, and notes changes
-  /// from then on. What comes out goes to `hear` as well.
+  /// Writes the first line, with the current state of the open store and the plug-in's subscriptions, and records
+  /// changes from then on. Output is also passed to `hear`.
   Recorder(Keep keep, Hear hear);
 
-  /// Keeps the lines in `file`.
+  /// Writes the lines to `file`.
   static Keep In(const std::string& file);
 
   /// Does `request`, which came in as `line`. A recording must say the same each time it is played, so everything is
@@ -46,7 +46,7 @@ class Recorder {
   /// was heard. One thread, that of the session.
   vconf::Status Handle(Session& session, std::string_view line, const Request& request);
 
-  /// A line that comes out. Any thread.
+  /// A line of output. Any thread.
   void Out(const Json& line);
 
   /// Whether anything so far could not be written. Any thread.
@@ -61,8 +61,8 @@ class Recorder {
   std::mutex mutex_;  // guards the three below
   bool failed_ = false;
   bool handling_ = false;
-  std::vector<std::string> unheard_;     // what has come out of the request that is handled
-  std::unique_ptr<vconf::Watch> watch_;  // last, so that it ends first
+  std::vector<std::string> unheard_;     // the output so far of the current request
+  std::unique_ptr<vconf::Watch> watch_;  // last, so that it is destroyed first
 };
 
 struct Recording {
@@ -72,21 +72,21 @@ struct Recording {
   std::vector<ParsedJson> out;
 };
 
-/// Reads the file, or says which line of it is none of a recording.
+/// Reads the file; a failure names the first invalid line.
 vconf::Result<Recording> ReadRecording(const std::string& file);
 
 /// The messages of the page in it, in their order.
 std::vector<ParsedJson> MessagesIn(const Recording& recording);
 
-/// How what came out of a session differs from what was recorded, in lines for a person; empty when it does not.
+/// The differences between the output of a session and the recorded output, as lines for a person; empty if equal.
 ///
 /// Compared one by one are the replies to waiting calls, the deliveries and the events, each in their own order.
 /// Deliveries come from the plug-in's worker and events from the store's thread, so the order between them is not the
 /// plug-in's to keep.
 std::string Difference(const Recording& recording, const std::vector<ParsedJson>& out);
 
-/// Plays a recording with `plugin` on a fresh store and returns how what comes out differs, as above. Uses the
-/// process's one store and one plug-in.
+/// Replays a recording with `plugin` on a new store and returns the differences of the output, as above. Uses the
+/// process's only store and plug-in.
 vconf::Result<std::string> Replay(const Recording& recording, const std::string& plugin);
 
 }  // namespace desk

@@ -13,47 +13,46 @@
 
 namespace desk {
 
-/// One line of a session's input, understood.
+/// One parsed line of a session's input.
 struct Request {
   using Kind = In;
   Kind kind;
   ParsedJson argument;
 };
 
-/// What `line` asks for, or `kBadValue` and what is wrong with it.
+/// Parses `line`; a failure is `kBadValue` with the cause.
 vconf::Result<Request> ParseRequest(std::string_view line);
 
-/// Reads lines from `input` until it ends, or `end` is asked for, and hands each request to `handle`, which returns
-/// what is wrong with it. What is wrong with a line is said in one `error` line that names it. Returns whether all were
-/// good.
+/// Reads lines from `input` until it ends, or `end` is set, and passes each request to `handle`, which returns its
+/// failure. For an invalid line it writes one `error` line with its number. Returns whether all lines were valid.
 bool ReadRequests(int input, const ShutdownSignal& end,
                   const std::function<vconf::Status(std::string_view line, const Request& request)>& handle,
                   const std::function<void(const Json&)>& complain);
 
-/// How long the set holds `request` back before the plug-in gets it.
+/// The latency that the set has for `request`.
 std::chrono::milliseconds Latency(const Request& request);
 
 /// A page's session with the plug-in in this process: JSON lines in and out.
 ///
-/// Made, driven and destroyed on one thread, which is the plug-in's main thread. One session at a time.
+/// Created, used and destroyed on one thread, which is the plug-in's main thread. One session at a time.
 class Session {
  public:
-  /// Takes each line that the session has to say, on whatever thread it arises, perhaps several at once.
+  /// Receives each line of output, on any thread, possibly on several at once.
   using Say = std::function<void(const Json&)>;
 
-  /// Loads the plug-in and embeds it in a page, or says which file it could not load and why.
+  /// Loads the plug-in and creates an instance; a failure names the file that could not be loaded, and the cause.
   static vconf::Result<std::unique_ptr<Session>> Start(const std::string& plugin, Say say);
 
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
 
-  /// Ends the registration, which is the last that the page hears, then destroys the instance and unloads the plug-in.
+  /// Ends the registration, after which there is no more output, then destroys the instance and unloads the plug-in.
   ~Session();
 
-  /// Does what `request` asks for and says the answer, where there is one. Fails when that was wrong.
+  /// Executes `request` and writes its answer, if there is one. Fails if the request was wrong.
   vconf::Status Handle(const Request& request);
 
-  /// Returns when all messages posted so far have been handled and all changes made so far have been told.
+  /// Waits until all messages posted so far have been handled and all changes made so far have been delivered.
   void Settle();
 
  private:

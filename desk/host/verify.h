@@ -7,28 +7,28 @@
 
 #include "base/json.h"
 
-/// Whether a page asked what it should have asked. Any thread.
+/// Checks which messages a page has sent. Any thread.
 namespace desk {
 
-/// What a page is expected to have asked. A message here is a pattern: an object that the page's message holds, member
-/// by member, or the name of a command.
+/// The messages that a page is expected to have sent. A message here is a pattern: an object whose members the page's
+/// message must contain, or the name of a command.
 struct Expectation {
   static constexpr std::size_t kMaxMessages = 100;
 
-  std::vector<ParsedJson> messages;  ///< each as often as it stands here, or more often
-  bool order = false;                ///< in this order, whatever comes between
+  std::vector<ParsedJson> messages;  ///< each at least as often as in this list
+  bool order = false;                ///< in this order; other messages may come between
   bool exact = false;                ///< and nothing else
-  std::optional<int> times;          ///< each of them exactly so often instead, whatever else was asked; 0 is never
+  std::optional<int> times;  ///< each of them exactly so often instead; other messages are ignored; 0 means never
 };
 
-/// {"messages": [M, …], "order": false, "exact": false, "times": 2}; all but "messages" may be left out.
+/// {"messages": [M, …], "order": false, "exact": false, "times": 2}; all but "messages" are optional.
 vconf::Result<Expectation> ExpectationFromJson(const ParsedJson& json);
 
-/// `kBadValue` for too many messages, for none, and for parts that do not go together.
+/// `kBadValue` for too many messages, for none, and for options that cannot be combined.
 vconf::Status CheckExpectation(const Expectation& expected);
 
-/// What is missing, too much or in another order, in lines for a person, and what was asked instead; empty when all is
-/// as expected. `asked` has the page's messages in their order; `expected` passes `CheckExpectation`.
+/// Missing, unexpected and misplaced messages, as lines for a person, with the messages sent instead; empty if all is
+/// as expected. `asked` has the page's messages in order; `expected` must pass `CheckExpectation`.
 std::string AskedDifference(const std::vector<ParsedJson>& asked, const Expectation& expected);
 
 /// The page's messages as numbered lines.

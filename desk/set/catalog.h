@@ -6,9 +6,9 @@
 #include "base/json.h"
 #include "vconf_control.h"
 
-/// What the desk knows of the plug-in: its settings, commands and privilege. All of it stands in catalog.json, which is
-/// built into the program; `script/generate` makes what pages and documents repeat of it. Every function may be called
-/// on any thread, and what it gives lives as long as the process.
+/// What the desk knows of the plug-in: its settings, commands and privilege. The source is catalog.json, which is built
+/// into the program; `script/generate` writes the copies for pages and documents. Every function may be called on any
+/// thread, and its result is valid as long as the process runs.
 namespace desk {
 
 /// The text of catalog.json.
@@ -28,12 +28,12 @@ std::span<const KeyTable> KeyTables();
 struct Setting {
   const KeyTable* table;
   int key;                      ///< the number that a page passes as "propertyKey"
-  std::string_view enumerator;  ///< the constant that stands for the number
+  std::string_view enumerator;  ///< the constant for the number
   std::string_view path;
-  vconf::Value initial;  ///< what a new set has; its type is the type of the setting
+  vconf::Value initial;  ///< the value in a new set; its type is the type of the setting
   std::string_view group;
-  std::string_view label;  ///< what a person calls it, within its group
-  const Json* values;      ///< what its numbers mean: {"0": "Off", …}, {"list": name}, {"speeds": true} or null
+  std::string_view label;  ///< its name for people, within its group
+  const Json* values;      ///< the meaning of its numbers: {"0": "Off", …}, {"list": name}, {"speeds": true} or null
 };
 
 /// All of them, by table and key.
@@ -45,12 +45,12 @@ const Setting* FindSetting(std::string_view path);
 /// A command of the plug-in.
 struct Command {
   std::string_view name;
-  bool posted;  ///< the plug-in takes it from `postMessage` alone, every other one from `postMessageAndAwaitResponse`
+  bool posted;  ///< must be sent by `postMessage`; every other command by `postMessageAndAwaitResponse`
 };
 
 std::span<const Command> Commands();
 
-/// The privilege that the plug-in asks for.
+/// The privilege that the plug-in checks.
 std::string_view Privilege();
 
 }  // namespace desk

@@ -9,11 +9,11 @@
 #include "base/json.h"
 #include "vconf_control.h"
 
-/// States of the whole set under a name, to come back to. Every function may be called on any thread; those that have
-/// to do with the set work on the store that this process has open.
+/// Saves and restores states of the whole set by name. Every function may be called on any thread; those that access
+/// the set use the store that this process has open.
 namespace desk {
 
-/// What every key of the store holds, and the faults.
+/// The values of all keys of the store, and the faults.
 struct SetState {
   std::map<std::string, vconf::Value> values;
   std::vector<vconf::Fault> faults;
@@ -22,31 +22,31 @@ struct SetState {
 /// The open store's state as JSON: {"state": {PATH: VALUE, …}, "faults": [FAULT, …]}.
 vconf::Result<Json> DescribeState();
 
-/// Reads such a state. Either member may be left out; `base` has what it does not name, and null stands for no key.
+/// Parses such a state. Both members are optional; keys that are not named have their values in `base`, and null means
+/// no key.
 vconf::Result<SetState> StateFromJson(const ParsedJson& json, SetState base = {});
 
-/// The open store's state as a scenario. What a new set holds and this one does not is null.
+/// The open store's state as a scenario. Keys of a new set that the store lacks are null.
 vconf::Result<Json> DescribeScenario();
 
-/// Gives the open store the state of `scenario`, in which a key that is not named is as in a new set. Changes nothing
-/// when a part of it is not understood.
+/// Restores the state in `scenario`, in which a key that is not named has its value in a new set. Changes nothing if a
+/// part of it is invalid.
 vconf::Status LoadScenario(const ParsedJson& scenario);
 
-/// A scenario on file: `scenarios/NAME.json` in the folder of a store. A name has 1 to 64 letters, digits and `._-`;
-/// another one is refused with `kBadName`.
+/// A saved scenario: `scenarios/NAME.json` in the folder of a store. A name has 1 to 64 letters, digits and `._-`; any
+/// other name fails with `kBadName`.
 struct ScenarioFile {
   std::string name;
   std::int64_t saved;  ///< milliseconds since 1970
 };
 
-/// In the order of their names; none when nothing was saved yet.
+/// Sorted by name; empty if nothing was saved yet.
 vconf::Result<std::vector<ScenarioFile>> ListScenarios(const std::string& store);
 
-/// `kMissing` when there is none of that name.
+/// `kMissing` if there is none of that name.
 vconf::Result<ParsedJson> ReadScenario(const std::string& store, std::string_view name);
 
-/// Writes the file in one step and durably, in place of an earlier one. One that is not
-/// understood is refused.
+/// Writes the file atomically and durably, and replaces an existing one. An invalid scenario is refused.
 vconf::Status SaveScenario(const std::string& store, std::string_view name, const ParsedJson& scenario);
 
 vconf::Status RemoveScenario(const std::string& store, std::string_view name);

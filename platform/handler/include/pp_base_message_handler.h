@@ -6,15 +6,14 @@
 #include "ppapi/cpp/message_handler.h"
 #include "ppapi/cpp/var.h"
 
-/// Stands between the browser's messages and a handler that thinks in replies: a code, a value, an error name and an
-/// error message. A reply is a dictionary {"code", "value", "errorName", "errorMessage"}; one that is delivered without
-/// a waiting call has one more entry, "command" for a reply and "event" for an event. An undefined value goes out as
-/// null.
+/// Base class of a message handler that answers with a code, a value, an error name and an error message. A reply is a
+/// dictionary {"code", "value", "errorName", "errorMessage"}; one that is posted to the page has one more entry,
+/// "command" for a reply and "event" for an event. An undefined value is sent as null.
 class PPBaseMessageHandler : public pp::MessageHandler {
  public:
   ~PPBaseMessageHandler() override;
 
-  // These two hand every message on as it came.
+  // These two forward every message unchanged.
   void HandleMessage(pp::InstanceHandle instance, const pp::Var& message) override;
   pp::Var HandleBlockingMessage(pp::InstanceHandle instance, const pp::Var& message) override;
 
@@ -22,7 +21,7 @@ class PPBaseMessageHandler : public pp::MessageHandler {
   virtual void HandleMessageImpl(pp::InstanceHandle instance, const pp::Var& message) = 0;
   virtual pp::Var HandleBlockingMessageImpl(pp::InstanceHandle instance, const pp::Var& message) = 0;
 
-  /// A reply to a page that waits. Any thread.
+  /// Creates the reply to a waiting call. Any thread.
   pp::Var createMessage(int code, pp::Var value, std::string error_name, std::string error_message);
 
   /// Delivers a reply to the page of `instance`. Any thread.

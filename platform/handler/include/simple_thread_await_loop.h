@@ -7,22 +7,22 @@
 
 namespace pp {
 
-/// A worker: one thread that runs one loop. Made, started and deleted on one thread.
+/// A worker: one thread that runs one loop. Must be created, started and deleted on the same thread.
 class SimpleThreadAwaitLoop {
  public:
   explicit SimpleThreadAwaitLoop(const InstanceHandle& instance);
   SimpleThreadAwaitLoop(const SimpleThreadAwaitLoop&) = delete;
   SimpleThreadAwaitLoop& operator=(const SimpleThreadAwaitLoop&) = delete;
 
-  /// Lets the work that runs now come to its end, drops what is queued behind it (a page that waits on a dropped
-  /// message gets an undefined variable), and joins the thread.
+  /// Lets the running work finish, drops queued work (a page that waits for a dropped message gets an undefined
+  /// variable), and joins the thread.
   ~SimpleThreadAwaitLoop();
 
-  /// Starts the thread. True: the loop runs there. False when the worker was started before, or when the thread could
-  /// not be made, which ends the loop for good.
+  /// Starts the thread, which runs the loop. False if the worker was started before, or if the thread could not be
+  /// created, which ends the loop permanently.
   bool Start();
 
-  /// The worker's loop, the same at every call, before `Start` too.
+  /// The worker's loop, always the same, also before `Start`.
   MessageLoop message_loop() const;
 
  private:

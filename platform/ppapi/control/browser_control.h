@@ -11,49 +11,49 @@
 #include "ppapi/cpp/var.h"
 #include "result.h"
 
-/// The browser's side of the plug-in interface: what a runtime drives.
+/// The browser's side of the plug-in interface, for a runtime.
 ///
-/// The thread that loads the plug-in is its main thread; it alone creates and destroys instances. Everything else may
-/// be called on any thread.
+/// The thread that loads the plug-in is its main thread; instances must be created and destroyed on it. Everything else
+/// may be called on any thread.
 namespace pp::browser {
 
-/// Takes what the plug-in posts to one page, on the poster's thread, one call at a time for each instance, in order.
-/// It must not destroy the instance, and not wait with `Send`, `Settle` or `EndRegistration` for the handler's loop,
-/// which may itself be waiting for the listener.
+/// Receives the messages that the plug-in posts to one page, on the posting thread, one call at a time for each
+/// instance, in order. It must not destroy the instance, and must not wait with `Send`, `Settle` or `EndRegistration`
+/// for the handler's loop, which may itself be waiting for the listener.
 using Listener = std::function<void(const pp::Var&)>;
 
 /// One embedding of the plug-in in a page.
 ///
 /// A call that waits for the handler's loop does not wait on that loop's own thread (which includes a listener that the
-/// handler calls there): `Send` answers an undefined variable, `Settle` and `EndRegistration` do nothing.
+/// handler calls there): `Send` returns an undefined variable, `Settle` and `EndRegistration` do nothing.
 class PageInstance {
  public:
-  /// As `Destroy`.
+  /// Calls `Destroy`.
   virtual ~PageInstance() = default;
 
   virtual PP_Instance id() const = 0;
 
-  /// The page's waiting call: returns what the handler returned. Returns an undefined variable when no handler is
-  /// registered, when the registration ends or the instance goes away first; it never hangs.
+  /// The page's waiting call: returns the handler's result. Returns an undefined variable if no handler is registered,
+  /// or if the registration ends or the instance is destroyed first; it never hangs.
   virtual pp::Var Send(const pp::Var& message) = 0;
 
   /// The page's call that does not wait. Messages of both kinds are handled in the order of the calls. A message that
-  /// no handler can take any more is dropped.
+  /// no handler can receive any more is dropped.
   virtual void Post(const pp::Var& message) = 0;
 
-  /// Returns when all messages posted before the call have been handled, or can't be any more.
+  /// Waits until all messages posted before the call have been handled or dropped.
   virtual void Settle() = 0;
 
-  /// Ends the handler's registration: what was posted before is handled, then `WasUnregistered` runs on the loop, then
-  /// this returns. Nothing is handled afterwards. Without a registration it does nothing.
+  /// Ends the handler's registration: messages posted before are handled, then `WasUnregistered` runs on the loop, then
+  /// this returns. Later messages are not handled. Does nothing without a registration.
   virtual void EndRegistration() = 0;
 
-  /// Deletes the plug-in's instance. When it returns, the listener runs no more, and every page that still waited got
-  /// an undefined variable. A second call does nothing. Main thread.
+  /// Deletes the plug-in's instance. When it returns, the listener is not called any more, and every waiting `Send` has
+  /// returned an undefined variable. A second call does nothing. Main thread.
   virtual void Destroy() = 0;
 };
 
-/// A plug-in in this process, its module initialised. One at a time.
+/// A loaded plug-in with its module initialised. One at a time in a process.
 class Plugin {
  public:
   /// Loads the shared library `path`, calls its `pp::CreateModule` and the module's `Init`. A failure is `kFailed`, and
@@ -63,20 +63,20 @@ class Plugin {
   /// Deletes the module and unloads the library. All instances must have been destroyed.
   virtual ~Plugin() = default;
 
-  /// Makes an instance; `arguments` are the embed element's names and values. Null when the module gave none or its
+  /// Creates an instance; `arguments` are the embed element's names and values. Null if the module returned none or its
   /// `Init` returned false.
   virtual std::shared_ptr<PageInstance> CreateInstance(
       Listener listener, const std::vector<std::pair<std::string, std::string>>& arguments = {}) = 0;
 };
 
-/// Offers `interface` under `name` to `pp::Module::GetBrowserInterface`; null takes the offer back. The record stays
-/// the caller's and must outlive every plug-in that may have asked for it.
+/// Offers `interface` under `name` to `pp::Module::GetBrowserInterface`; null withdraws it. The caller
+/// owns the record, which must outlive every plug-in that may have got it.
 void RegisterBrowserInterface(const std::string& name, const void* interface);
 
-/// What `pp::Instance::RegisterMessageHandler` answers from now on without registering anything; 0 lets it work.
+/// Makes `pp::Instance::RegisterMessageHandler` return this result without registering anything; 0 makes it work again.
 void SetRegisterMessageHandlerResult(std::int32_t result);
 
-/// Counted variable nodes alive in this process.
+/// The number of live reference-counted variable nodes in this process.
 std::int64_t LiveVarNodes();
 
 }  // namespace pp::browser

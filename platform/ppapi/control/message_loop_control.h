@@ -10,14 +10,14 @@ namespace pp {
 
 class SpinSlot;
 
-/// A loop of work: any thread pushes, one thread runs what was pushed, in the order of the pushes.
+/// A work queue: any thread pushes work, one thread runs it in the order of the pushes.
 ///
-/// It is driven by whoever owns the thread that the loop runs on, and shared with all who hold a `MessageLoop` of it.
-/// Once `Quit` was called it takes no more work, for good.
+/// The owner of its thread calls `Run` and `Quit`; every `MessageLoop` that names it shares it. After `Quit` it accepts
+/// no more work.
 class MessageLoop::Core : public std::enable_shared_from_this<Core> {
  public:
-  /// A piece of work. It belongs to its maker until the loop accepts it; then the loop calls exactly one of `Run` and
-  /// `Drop`, once, and does not touch the work afterwards.
+  /// A work item. Its creator owns it until the loop accepts it; then the loop calls either `Run` or `Drop`, exactly
+  /// once, and does not access the item afterwards.
   class Work {
    public:
     Work() = default;
@@ -26,7 +26,7 @@ class MessageLoop::Core : public std::enable_shared_from_this<Core> {
 
     /// On the loop's thread.
     virtual void Run() = 0;
-    /// Instead of `Run`, when the loop has ended: on its thread or on the one that called `Quit`.
+    /// Called instead of `Run` after `Quit`: on the loop's thread or on the one that called `Quit`.
     virtual void Drop() = 0;
 
    protected:
@@ -45,14 +45,14 @@ class MessageLoop::Core : public std::enable_shared_from_this<Core> {
   /// The loop that runs on the calling thread, or null.
   static Core* Current() noexcept;
 
-  /// Queues `work`. False, and the work stays the caller's, when the loop has ended. Any thread, before `Run` too.
+  /// Queues `work`. Returns false after `Quit`; the caller then still owns the work. Any thread, also before `Run`.
   bool Push(Work* work) noexcept;
 
-  /// Runs work on the calling thread until `Quit`. At most one call in the loop's life.
+  /// Runs work on the calling thread until `Quit`. May be called only once.
   void Run();
 
-  /// Ends the loop: the piece that runs comes to its end, what is queued behind it is dropped. Does not wait for `Run`
-  /// to return. Any thread; a second call does nothing.
+  /// Ends the loop: the running item completes, queued items are dropped. Does not wait for `Run` to return. Any
+  /// thread; a second call does nothing.
   void Quit() noexcept;
 
   bool has_ended() const noexcept;
@@ -62,8 +62,8 @@ class MessageLoop::Core : public std::enable_shared_from_this<Core> {
   Work* WaitForWork(SpinSlot* slot) noexcept;
   void Unpark() noexcept;
 
-  // The newest piece of work, linked to the older ones, or null, or one of the marks in the source file. All sides
-  // contend for it, so it has its cache line to itself.
+  // The newest work item, linked to the older ones, or null, or one of the markers in the source file. All threads
+  // contend for it, so it has its own cache line.
   alignas(64) std::atomic<Work*> newest_{nullptr};
   alignas(64) std::atomic<std::uint32_t> parked_{0};
 };

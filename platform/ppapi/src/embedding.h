@@ -10,31 +10,31 @@
 
 namespace pp {
 
-/// What the two sides of one embedding, the page's and the plug-in's, share: the registered handler and the page's
+/// The state that the page's and the plug-in's side of one embedding share: the registered handler and the page's
 /// listener. Any thread.
 class Embedding {
  public:
-  /// A new embedding, found under an identifier of its own until it is closed.
+  /// Creates an embedding, which `Find` finds by its identifier until it is closed.
   static std::shared_ptr<Embedding> Make(browser::Listener listener);
 
-  /// The embedding called `id`, null when there is none or it was closed.
+  /// The embedding with this `id`; null if there is none or it was closed.
   static std::shared_ptr<Embedding> Find(PP_Instance id);
 
   Embedding(PP_Instance id, browser::Listener listener);
 
   PP_Instance id() const noexcept { return id_; }
 
-  // The page's side, as `browser::PageInstance` tells.
+  // The page's side; see `browser::PageInstance`.
   Var Send(const Var& message);
   void Post(const Var& message);
   void Settle();
   void EndRegistration();
 
-  // The plug-in's side, as `Instance` tells.
+  // The plug-in's side; see `Instance`.
   void PostMessage(const Var& message);
   std::int32_t Register(MessageHandler* handler, std::shared_ptr<MessageLoop::Core> loop);
 
-  /// Ends both sides for good. When it returns neither the handler nor the listener runs, and none will again.
+  /// Closes both sides permanently. When it returns, neither the handler nor the listener is running or will run again.
   void Close();
 
  private:

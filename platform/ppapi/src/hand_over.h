@@ -12,8 +12,8 @@ void Park(std::atomic<std::uint32_t>* word, std::uint32_t value) noexcept;
 /// Wakes one thread that sleeps on `word`. `word` may have been freed meanwhile.
 void WakeOne(std::atomic<std::uint32_t>* word) noexcept;
 
-/// The right of a thread to spin for long. There are as many slots as cores, so that waiting threads do not take the
-/// cores from those that have work. Belongs to one thread.
+/// The permission of a thread to spin for long. There are as many slots as cores, so that waiting threads do not take
+/// cores from working threads. Used by one thread.
 class SpinSlot {
  public:
   SpinSlot() = default;
@@ -21,7 +21,7 @@ class SpinSlot {
   SpinSlot& operator=(const SpinSlot&) = delete;
   ~SpinSlot() { Leave(); }
 
-  /// True when the thread has one, from before or now.
+  /// True if the thread holds a slot, already or from now on.
   bool Take() noexcept;
   void Leave() noexcept;
 
@@ -29,11 +29,11 @@ class SpinSlot {
   bool taken_ = false;
 };
 
-/// Bounds how long a thread waits without sleeping. To wake a parked thread takes tens of microseconds, a spinning one
-/// sees the change in a fraction of one. But a spinning thread keeps a core from others.
+/// Bounds how long a thread waits without sleeping. Waking a parked thread takes tens of microseconds; a spinning one
+/// sees the change in a fraction of one, but occupies a core.
 class Spin {
  public:
-  /// Takes `slot` when the wait becomes long, and leaves it to the caller to give it back.
+  /// Acquires `slot` when the wait becomes long; the caller has to release it.
   Spin(std::chrono::nanoseconds limit, SpinSlot* slot) noexcept : limit_(limit), slot_(slot) {}
 
   /// One round of waiting. False when it is time to park.
@@ -46,7 +46,7 @@ class Spin {
   std::chrono::steady_clock::time_point end_;
 };
 
-/// Tells one waiting thread that something is done, once.
+/// A one-shot completion signal for one waiting thread.
 class Completion {
  public:
   /// The waiting thread may free this object before the call returns.

@@ -19,11 +19,11 @@ enum PP_VarType : std::int32_t {
   PP_VARTYPE_DICTIONARY = 8,
 };
 
-/// A counted string, array or dictionary; opaque.
+/// A reference-counted string, array or dictionary; opaque.
 struct PP_VarNode;
 
-/// A variable. It passes by value; one of type string, array or dictionary stands for one reference to its node, and
-/// who holds the variable and who holds that reference is told by each call.
+/// A variable, passed by value. One of type string, array or dictionary represents one reference to its node; each
+/// function documents who owns that reference.
 struct PP_Var {
   PP_VarType type;
   std::int32_t padding;

@@ -16,7 +16,7 @@ class URLLoader;
 class View;
 
 /// The plug-in's side of one embedding. A copy names the same embedding and may be used on any thread; its calls do
-/// nothing once the embedding is gone.
+/// nothing after the embedding is destroyed.
 class Instance {
  public:
   explicit Instance(PP_Instance instance) noexcept : pp_instance_(instance) {}
@@ -36,12 +36,12 @@ class Instance {
 
   PP_Instance pp_instance() const noexcept { return pp_instance_; }
 
-  /// Hands `message` to the page's message listener. Any thread; messages of one thread keep their order.
+  /// Delivers `message` to the page's message listener. Any thread; messages of one thread keep their order.
   void PostMessage(const Var& message);
 
-  /// Has `handler` called on `loop` for every message of the page from now on. The handler must live until the loop has
-  /// ended or the registration has. Returns 0, or another number when nothing was registered: the loop or the embedding
-  /// is gone, there is a handler already, or the browser refuses.
+  /// Calls `handler` on `loop` for every message of the page from now on. The handler must live until the loop or the
+  /// registration has ended. Returns 0, or another number on failure: the loop or the embedding has ended, there is
+  /// already a handler, or the browser refuses.
   std::int32_t RegisterMessageHandler(MessageHandler* handler, const MessageLoop& loop);
 
  private:

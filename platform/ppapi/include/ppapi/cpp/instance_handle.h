@@ -6,7 +6,7 @@ namespace pp {
 
 class Instance;
 
-/// Names an instance to calls that need no more of it. A plain value.
+/// Identifies an instance. A plain value.
 class InstanceHandle {
  public:
   explicit InstanceHandle(PP_Instance pp_instance) noexcept : pp_instance_(pp_instance) {}

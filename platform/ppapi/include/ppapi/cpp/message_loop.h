@@ -5,10 +5,10 @@
 
 namespace pp {
 
-/// A reference to a thread's loop of work; copies name the same loop. Any thread.
+/// A reference to a thread's work queue; copies name the same loop. Any thread.
 class MessageLoop {
  public:
-  class Core;  ///< the loop itself, known to the platform alone
+  class Core;  ///< the loop itself, internal to the platform
 
   MessageLoop() noexcept = default;  ///< names no loop
   explicit MessageLoop(std::shared_ptr<Core> core) noexcept : core_(std::move(core)) {}

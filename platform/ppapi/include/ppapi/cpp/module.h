@@ -17,13 +17,13 @@ class Module {
   /// The module of this process, null when none is loaded.
   static Module* Get() noexcept;
 
-  /// Called once after the module was made; false ends the loading.
+  /// Called once after the module was created; false aborts loading.
   virtual bool Init();
 
-  /// Makes the plug-in's side of a new embedding; the caller owns it.
+  /// Creates the plug-in's side of a new embedding; the caller owns it.
   virtual Instance* CreateInstance(PP_Instance instance) = 0;
 
-  /// The record that the browser offers under `interface_name`, or null. The record is the browser's. Any thread.
+  /// The record that the browser offers under `interface_name`, or null. The browser owns the record. Any thread.
   const void* GetBrowserInterface(const char* interface_name);
 };
 

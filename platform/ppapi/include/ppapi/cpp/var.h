@@ -11,7 +11,7 @@ namespace pp {
 /// Says that a constructor takes over a reference instead of adding one.
 enum PassRef { PASS_REF };
 
-/// A variable that holds one reference to what it stands for. Copies share strings, arrays and dictionaries.
+/// A variable that holds one reference to its value. Copies share strings, arrays and dictionaries.
 ///
 /// Different threads may hold copies of one variable; a dictionary or an array that several threads hold must not be
 /// changed meanwhile.
@@ -26,7 +26,7 @@ class Var {
   Var(double value) noexcept : Var(PP_VARTYPE_DOUBLE) { var_.value.as_double = value; }
   Var(const char* utf8);  ///< NUL-terminated
   Var(const std::string& utf8);
-  Var(PassRef, PP_Var var) noexcept : var_(var) {}        ///< takes over the reference that `var` stands for
+  Var(PassRef, PP_Var var) noexcept : var_(var) {}        ///< takes over the reference of `var`
   explicit Var(const PP_Var& var) noexcept : var_(var) {  ///< adds a reference to the node of `var`
     if (is_counted()) AddReference();
   }
@@ -53,15 +53,15 @@ class Var {
   bool is_array() const noexcept { return var_.type == PP_VARTYPE_ARRAY; }
   bool is_dictionary() const noexcept { return var_.type == PP_VARTYPE_DICTIONARY; }
 
-  bool AsBool() const noexcept;         ///< false when it is no bool
-  std::int32_t AsInt() const noexcept;  ///< a double is cut towards zero and kept within 32 bits (NaN is 0); else 0
-  double AsDouble() const noexcept;     ///< an int is converted; 0 when it is no number
-  std::string AsString() const;         ///< empty when it is no string
+  bool AsBool() const noexcept;         ///< false if it is not a bool
+  std::int32_t AsInt() const noexcept;  ///< a double is truncated and clamped to 32 bits (NaN is 0); else 0
+  double AsDouble() const noexcept;     ///< an int is converted; 0 if it is not a number
+  std::string AsString() const;         ///< empty if it is not a string
 
-  /// The variable itself; the reference stays this object's.
+  /// The variable itself; this object keeps the reference.
   const PP_Var& pp_var() const noexcept { return var_; }
 
-  /// Gives the variable up with its reference, and is undefined afterwards.
+  /// Releases the variable with its reference to the caller; this object is undefined afterwards.
   PP_Var Detach() noexcept { return std::exchange(var_, PP_Var{}); }
 
  protected:

@@ -17,9 +17,9 @@ class VarDictionary : public Var {
   /// The value under `key`, undefined when there is none.
   Var Get(std::string_view key) const;
   bool HasKey(std::string_view key) const;
-  /// Puts `value` under `key`, in place of what was there. A dictionary must not come to hold itself.
+  /// Sets the value of `key`, replacing an existing one. A dictionary must not contain itself.
   void Set(std::string_view key, const Var& value);
-  /// The keys in the order of their bytes.
+  /// The keys in byte order.
   std::vector<std::string> GetKeys() const;
 };
 

@@ -12,10 +12,11 @@ struct ThreadSafeThreadTraits {
   using AutoLock = pp::AutoLock;
 };
 
-/// Ties callbacks to the life of an object: what was drawn from the factory does nothing once the factory is gone, so
-/// the object needs only to hold the factory. Callbacks reach it through a counted back pointer that outlives it.
+/// Ties callbacks to the lifetime of an object: a callback of the factory does nothing after the factory is destroyed,
+/// so the object only needs to own the factory. Callbacks refer to it by a reference-counted back pointer that outlives
+/// it.
 ///
-/// This layer makes no call that takes a callback, so none can be drawn yet; the factory is its lifetime alone.
+/// No function of this layer takes a callback, so the factory cannot create any yet; only its lifetime is implemented.
 template <typename T, typename Traits = ThreadSafeThreadTraits>
 class CompletionCallbackFactory {
  public:
