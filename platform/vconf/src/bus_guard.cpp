@@ -14,7 +14,7 @@
 namespace vconf::bus_guard {
 namespace {
 
-// Static and never locked by the handler, which runs wherever the touch was.
+// Static, and never locked by the signal handler, which may run at any point.
 struct Range {
   std::atomic<char*> begin{nullptr};
   std::atomic<std::size_t> size{0};
@@ -47,7 +47,7 @@ void OnSignal(int signal, siginfo_t* info, void* context) {
   } else if (g_previous.sa_handler != SIG_DFL && g_previous.sa_handler != SIG_IGN) {
     g_previous.sa_handler(signal);
   } else if (g_previous.sa_handler == SIG_DFL || info->si_code > 0) {
-    sigaction(signal, &g_previous, nullptr);  // what was touched is touched again, and what was sent is sent again
+    sigaction(signal, &g_previous, nullptr);  // the access is repeated; a sent signal is sent again
     if (info->si_code <= 0) {
       raise(signal);
     }

@@ -18,13 +18,13 @@ namespace {
 
 constexpr std::uint32_t kApplication = 0x6d697261;
 
-// How many pages the log holds before they are copied to the database.
+// The size of the log in pages at which a checkpoint is made.
 constexpr int kLogPages = 256;
 
 constexpr const char* kPut = "INSERT OR REPLACE INTO entries VALUES (?1, ?2, ?3, ?4)";
 constexpr const char* kRemove = "DELETE FROM entries WHERE path = ?1";
 
-// The row that has the number of the last commit that only removed rows. It is no key.
+// The row with the number of the last commit that only removed rows. It is not a key.
 constexpr const char* kRemoval = "!removal";
 
 std::uint64_t Mix(std::uint64_t hash, std::string_view bytes) {
@@ -37,7 +37,8 @@ std::uint64_t Mix(std::uint64_t hash, std::string_view bytes) {
   return hash;
 }
 
-// A bool stands as 'true' or 'false', so that its type shows and a person can read it; a text begins with a quote.
+// A bool is stored as 'true' or 'false', so that its type is known and a person can read it; a text begins with a
+// quote.
 std::string TextOf(const Value& value) {
   if (const int* const number = std::get_if<int>(&value)) {
     return std::to_string(*number);
@@ -71,8 +72,8 @@ std::string Column(sqlite3_stmt* statement, int at) {
   return text != nullptr ? std::string(text, static_cast<std::size_t>(sqlite3_column_bytes(statement, at))) : "";
 }
 
-// What the file begins with, among others whose it is. How many pages it has stands there too, but during a checkpoint,
-// or after one that was cut off, the log alone knows that.
+// The header of the file, with the application id. It also has the number of pages, but during a checkpoint, or after
+// an interrupted one, only the log has the right number.
 using Head = std::array<unsigned char, 100>;
 bool IsHead(const Head& head) {
   constexpr std::array<unsigned char, 4> kWhose = {kApplication >> 24U, (kApplication >> 16U) & 0xffU,
@@ -121,7 +122,7 @@ Result<std::unique_ptr<Database>> Database::Connect(const std::string& file, int
         return WaitLimit::Left().count() > 0 ? 1 : 0;
       },
       nullptr);
-  // Statements come from here alone; a schema that somebody changed gets no chance to run its own.
+  // Only statements of this file are run: a schema changed by another program must not run its own.
   sqlite3_db_config(connection, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
   sqlite3_db_config(connection, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
   sqlite3_db_config(connection, SQLITE_DBCONFIG_ENABLE_TRIGGER, 0, nullptr);
@@ -145,8 +146,8 @@ Status Database::Make(const Folder& folder, const std::string& name, const std::
     return made.status();
   }
   Database& database = **made;
-  // Nobody uses it before it has its name, so it becomes durable at the end, as a whole. A database that shrinks when
-  // keys go: on a full disk, what is in the log could not be copied to it otherwise.
+  // Nobody uses the file before it is renamed, so one sync at the end makes it durable. The database shrinks when keys
+  // are removed: otherwise, on a full disk, the log could not be copied to it.
   const std::string head =
       "PRAGMA synchronous = OFF; PRAGMA auto_vacuum = FULL; PRAGMA application_id = " + std::to_string(kApplication) +
       "; PRAGMA journal_mode = WAL; CREATE TABLE entries (path TEXT PRIMARY KEY, number INTEGER, "
@@ -169,13 +170,13 @@ Result<std::unique_ptr<Database>> Database::Open(const Folder& folder, bool writ
   }
   auto opened = Connect(folder.File(Folder::kDatabase), writable ? SQLITE_OPEN_READWRITE : SQLITE_OPEN_READONLY, inode);
   if (opened.ok()) {
-    // The last one to close it need not tidy up: what it would do is done by the checkpoints as well.
+    // No checkpoint at the last close: the regular checkpoints are sufficient.
     sqlite3_db_config((*opened)->connection_, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
   }
   return opened;
 }
 
-// Zeros are no part of the log to SQLite. Nobody writes to it meanwhile, programs of other people included.
+// SQLite does not take zeros as part of the log. No process writes to it meanwhile, not even another program.
 void Database::ReserveLog() {
   constexpr sqlite3_int64 kLogSize = 32 + (kLogPages + 2) * (4096 + 24);
   constexpr int kStep = 65536;
@@ -212,10 +213,10 @@ Status Database::Failure(int result) const {
       return Damaged(file_);
     case SQLITE_BUSY:
     case SQLITE_LOCKED:
-    case SQLITE_PROTOCOL:  // locked while it was opened
+    case SQLITE_PROTOCOL:  // was locked while it was being opened
       return {Code::kBusy, file_ + ": " + HolderOf({file_, file_ + "-shm"}) +
                                " has kept it locked too long; let it go on, or end it"};
-    case SQLITE_ERROR:  // such as a table that is not there
+    case SQLITE_ERROR:  // such as a missing table
       return Damaged(file_);
     case SQLITE_IOERR:
       if (result == SQLITE_IOERR_SHORT_READ) {
@@ -344,11 +345,11 @@ Status Database::WriteRows(const std::vector<Row>& rows, std::uint64_t number) {
 Status Database::Write(const std::vector<Row>& rows, std::uint64_t number) {
   Status status = WriteRows(rows, number);
   if (status.code() == Code::kFull) {
-    // On a full disk the log has room again once what is in it stands in the database.
+    // On a full disk the log has space again after its content was copied to the database.
     static_cast<void>(Run("PRAGMA wal_checkpoint(RESTART)"));
     status = WriteRows(rows, number);
   }
-  sqlite3_db_release_memory(connection_);  // so that the next one reads, and sees what was damaged
+  sqlite3_db_release_memory(connection_);  // so that the next one reads the file, and detects damage
   return status;
 }
 

@@ -1,4 +1,4 @@
-// The faults of a store: keys of their own that nobody is told of. Their text is the answer and how often it is given.
+// The faults of a store: internal keys without notifications. Their text is the answer and the remaining count.
 #include <charconv>
 
 #include "store.h"
@@ -90,8 +90,8 @@ std::optional<int> Store::FindFault(std::string_view call, std::string_view path
     const std::string key = KeyOf(call, at);
     std::optional<Fault> found = Find(Table(region()), key);
     if (found && found->times > 0) {
-      // Looked up again under the lock: another process may have taken the last use. Where this process cannot write
-      // the fault answers all the same.
+      // Looked up again under the lock: another process may have used it up. If this process cannot write, the fault
+      // still applies.
       static_cast<void>(Change(Home::kDisk, [&](Region& region, std::vector<Row>* rows) {
         found = Find(Table(region), key);
         if (found && found->times > 0) {

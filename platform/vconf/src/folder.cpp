@@ -86,7 +86,7 @@ Status Folder::Make(const std::string& directory) {
 }
 
 Result<Descriptor> Folder::OpenFile(const std::string& name, int flags, struct stat* about) const {
-  // Not blocking: a pipe of that name would wait for its other end.
+  // Not blocking: opening a pipe of that name would wait for its other end.
   Descriptor file(openat(directory_.number(), name.c_str(), flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   if (!file.is_open() || fstat(file.number(), about) != 0) {
     return errno == ELOOP || errno == ENXIO || errno == EISDIR ? Foreign(File(name)) : SystemFailure(File(name), errno);

@@ -34,7 +34,7 @@ std::uint32_t Heap::Take(std::uint32_t size) {
     header.end.store(block + full, std::memory_order_relaxed);
     return block;
   }
-  // The beginning of a larger one, whose other parts are given back.
+  // The beginning of a larger block, whose other parts are freed.
   while (++index < layout::kBlockSizes) {
     if (const std::uint32_t block = Pop(index); block != 0) {
       for (std::uint32_t half = layout::kMinBlock << (index - 1); half >= full; half /= 2) {
@@ -63,7 +63,7 @@ void Heap::FreeAllBut(Blocks used) {
   std::uint32_t begin = layout::kFirstBlock;
   for (const auto& [block, size] : used) {
     if (block % layout::kMinBlock != 0 || region_.At<Word>(block, size) == nullptr) {
-      continue;  // a value that is damaged
+      continue;  // a damaged value
     }
     for (std::uint32_t index = layout::kBlockSizes; index-- > 0 && begin < block;) {
       for (const std::uint32_t piece = layout::kMinBlock << index; begin < block && block - begin >= piece;) {

@@ -12,7 +12,7 @@ using layout::Word;
 
 namespace {
 
-// In place of the number of a change: there is none.
+// The value of `pending_number` if no change is pending.
 constexpr std::uint64_t kUntold = 0;
 
 ChangeRecord* RecordIn(const Region& region, std::uint64_t number) {
@@ -22,7 +22,7 @@ ChangeRecord* RecordIn(const Region& region, std::uint64_t number) {
   return block != 0 ? region.At<ChangeRecord>(block + place) : nullptr;
 }
 
-// Not of one that was replaced: that is final.
+// Not for a replaced region: that state is final.
 void SetWhole(layout::Header& header, bool with_faults) {
   std::uint32_t before = with_faults ? layout::kWhole : layout::kWholeWithFaults;
   header.state.compare_exchange_strong(before, with_faults ? layout::kWholeWithFaults : layout::kWhole);
@@ -78,7 +78,7 @@ ChangeRecord* Turn::RecordFor(std::uint64_t number) {
   if (header.chunks[chunk].load(std::memory_order_relaxed) == 0) {
     std::uint32_t block = table_.heap().Take(layout::kMaxBlock);
     if (block == 0) {
-      // No room: what was remembered last is forgotten for it.
+      // No space: drop the changes that are kept.
       header.floor = number;
       for (Word& other : header.chunks) {
         if (block == 0) {
@@ -100,7 +100,7 @@ void Turn::PublishAll(const std::vector<std::uint32_t>& keys, layout::Prepared m
   std::string path;
   region_.header().publishing = keys.size() > 1 ? mark : layout::kNotPrepared;
   for (const std::uint32_t key : keys) {
-    // Of those in memory none is a fault, and theirs are the writes that count in nanoseconds.
+    // Faults are never in memory, and this check would slow down the writes there.
     if (mark == layout::kPreparedForDisk && table_.PathOf(key, &path) && path.starts_with(kFaultPrefix)) {
       PublishFault(key);
     } else {
@@ -110,13 +110,13 @@ void Turn::PublishAll(const std::vector<std::uint32_t>& keys, layout::Prepared m
   region_.header().publishing = layout::kNotPrepared;
 }
 
-// A process that dies in here is followed by one that calls `Finish`.
+// If a process dies in here, the next owner of the lock calls `Finish`.
 void Turn::Flip(std::uint32_t key, std::uint64_t number) {
   layout::Header& header = region_.header();
   header.pending_number.store(number, std::memory_order_relaxed);
   header.pending_version.store(region_.At<layout::Key>(key)->version.load(std::memory_order_relaxed),
                                std::memory_order_relaxed);
-  header.pending_key.store(key, std::memory_order_release);  // the last of the three, for who finishes it
+  header.pending_key.store(key, std::memory_order_release);  // written last of the three, for `Finish`
   table_.Flip(key);
   if (number != kUntold) {
     header.last.store(number, std::memory_order_release);
@@ -160,7 +160,7 @@ void Turn::PublishFault(std::uint32_t key) {
   const auto* const at = region_.At<layout::Key>(key);
   const bool was = there(at->slots[at->version.load(std::memory_order_relaxed) % 2]);
   const bool is = there(*slot);
-  // The hint that there are some comes before the first, and goes after the last.
+  // The state is set before the first fault is published, and cleared after the last is removed.
   const std::uint32_t faults = header.faults + (is ? 1U : 0U) - (was ? 1U : 0U);
   if (faults > 0) {
     SetWhole(header, true);
@@ -195,7 +195,7 @@ bool ReadChanges(Region& region, std::uint64_t next, std::size_t most, std::vect
         text.append(reinterpret_cast<const char*>(&word), std::min(4U, SizeOf(form) - 4 * i));
       }
     }
-    // Was it written over, or its key taken out, while it was read?
+    // Check that it was not overwritten, nor its key unlinked, while it was read.
     if (!named || record->number.load(std::memory_order_acquire) != number ||
         header.floor.load(std::memory_order_acquire) > number ||
         (!is_long && check != Table::CheckOf(Table::HashOf(change.path), form, content, text))) {

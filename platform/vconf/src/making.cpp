@@ -26,7 +26,7 @@ PlaceResult At(Folder folder, Result<std::unique_ptr<Region>> region) {
 
 bool IsUnfinished(const std::string& name) { return name.find(Folder::kUnfinished) != std::string::npos; }
 
-// Fills a region that nobody else knows yet. Its changes are counted on from `last`.
+// Fills a region that no other process uses yet. Its change numbers continue from `last`.
 Status Fill(Region& region, const std::vector<Row>& rows, std::uint64_t number, std::uint64_t last) {
   region.header().last = last;
   region.header().floor = last + 1;
@@ -39,14 +39,14 @@ Status Fill(Region& region, const std::vector<Row>& rows, std::uint64_t number, 
     if (room && row.path.starts_with(kFaultPrefix)) {
       turn.PublishAll({key}, layout::kPreparedForDisk);
     } else if (room) {
-      table.Flip(key);  // nobody is there to be told
+      table.Flip(key);  // there are no listeners yet
     }
   }
   region.header().published = number;
   return room ? Status() : Status(Code::kFull, region.file() + ": there is no room for it");
 }
 
-// Makes a region from `rows` under a name of its own, so that nobody sees it.
+// Creates a region from `rows` under a temporary name.
 Result<std::unique_ptr<Region>> MakeRegion(const Folder& folder, ino_t database, const std::vector<Row>& rows,
                                            std::uint64_t number, std::uint64_t last) {
   auto region = Region::Make(folder, kNewRegion, database);
@@ -54,10 +54,10 @@ Result<std::unique_ptr<Region>> MakeRegion(const Folder& folder, ino_t database,
   return status.ok() ? std::move(region) : Result<std::unique_ptr<Region>>(std::move(status));
 }
 
-// What a region, which may be of another boot or none at all, tells the next one; 0 when that cannot be told.
+// The counters that a new region takes from the old one, which may be of another boot or missing; 0 if not known.
 struct Past {
-  std::uint64_t last = 0;       // where its changes ended: those of the next one go on from there
-  std::uint64_t published = 0;  // how many commits it has seen
+  std::uint64_t last = 0;       // the number of its last change, from which the next region continues
+  std::uint64_t published = 0;  // the number of its last commit
 };
 Past PastOf(const Result<std::unique_ptr<Region>>& region) {
   constexpr std::uint64_t kBelievable = std::uint64_t{1} << 48U;
@@ -70,7 +70,7 @@ Past PastOf(const Result<std::unique_ptr<Region>>& region) {
           known && header.published < kBelievable ? header.published.load() : 0};
 }
 
-// A folder where somebody began to make a store and did not end is as good as empty.
+// A folder in which the creation of a store was interrupted counts as empty.
 Result<bool> IsFree(const Folder& folder) {
   const auto names = folder.Names();
   if (!names.ok()) {
@@ -81,7 +81,7 @@ Result<bool> IsFree(const Folder& folder) {
                      [&](const std::string& name) { return IsUnfinished(name) || (begun && name == Folder::kRegion); });
 }
 
-// A new store, complete but for the names of its files.
+// A new store, complete except for the final names of its files.
 Result<std::unique_ptr<Region>> Build(const Folder& folder, const std::vector<Row>& rows, std::uint64_t last) {
   std::vector<Row> lasting;
   std::copy_if(rows.begin(), rows.end(), std::back_inserter(lasting),
@@ -94,7 +94,7 @@ Result<std::unique_ptr<Region>> Build(const Folder& folder, const std::vector<Ro
   return status.ok() ? MakeRegion(folder, about.st_ino, rows, 1, last) : status;
 }
 
-// There is a store as soon as there is a database, so that comes last.
+// A store exists as soon as there is a database, so the database is renamed last.
 Status Establish(const Folder& folder) {
   Status status = folder.Rename(kNewRegion, Folder::kRegion);
   if (status.ok()) {
@@ -132,14 +132,14 @@ Status Migrate(const Folder& folder) {
   return {};
 }
 
-// The keys on disk. SQLite takes what is damaged in the log for its end; the region before knows better.
+// The keys on disk. SQLite takes damage in the log for its end; the previous region has the real number of commits.
 Status ReadAll(Database& database, const Result<std::unique_ptr<Region>>& before, std::vector<Row>* rows,
                std::uint64_t* number) {
   Status status = database.Read(true, rows, number);
   return status.ok() ? database.CheckNumber(*number, PastOf(before).published) : status;
 }
 
-// The region of a folder where this process may make none: of its own, and only to read.
+// A private, read-only region, for a folder in which this process may not create one.
 PlaceResult AttachAlone(Folder folder) {
   auto database = Database::Open(folder, false);
   auto region = Region::MakePrivate(folder);
@@ -185,7 +185,7 @@ PlaceResult AttachFirst(Folder folder) {
     region = MakeRegion(folder, inode, rows, number, PastOf(before).last);
     status = region.ok() ? folder.Rename(kNewRegion, Folder::kRegion) : region.status();
   }
-  if (status.code() == Code::kFull) {  // so what can be read is read
+  if (status.code() == Code::kFull) {  // so that the store can be read
     return AttachAlone(std::move(folder));
   }
   return status.ok() ? At(std::move(folder), std::move(region)) : PlaceResult(std::move(status));
@@ -251,7 +251,7 @@ PlaceResult Attach(const std::string& directory, const std::vector<Entry>* initi
     return initial != nullptr ? Make(*std::move(folder), RowsOf(*initial))
                               : Status(Code::kMissing, directory + ": there is no store here");
   }
-  if (CheckDatabase(*folder, &inode).ok()) {  // another process was faster
+  if (CheckDatabase(*folder, &inode).ok()) {  // another process has created it meanwhile
     auto region = Region::Open(*folder, inode);
     return At(*std::move(folder), std::move(region));
   }
@@ -292,13 +292,13 @@ Result<std::string> Replace(const std::string& directory, const std::vector<Entr
   if (!region.ok()) {
     return region.status();
   }
-  // Nobody is in the midst of a commit, unless it has taken too long.
+  // Waits for a running commit, up to the time limit.
   std::optional<SharedLock> writing;
   if (before.ok() && (*before)->IsWhole() && (*before)->writable()) {
     writing.emplace((*before)->header().disk_lock, "writing to disk");
   }
-  // First of all, so that nobody goes on with a region that is not in the folder any more. Who looks for the new one
-  // waits for the lock of the folder; when this process dies before, a new one is made of what is there.
+  // Done first, so that no process continues with a region that is no longer in the folder. A process that looks for
+  // the new region waits for the folder's lock; if this process dies before, that one creates a region from the files.
   if (before.ok() && (*before)->writable()) {
     (*before)->MarkReplaced();
   }

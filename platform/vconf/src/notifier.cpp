@@ -11,7 +11,7 @@
 
 namespace vconf {
 
-/// One subscription or one watch. All but the constants is guarded by the notifier's mutex.
+/// One subscription or one watch. The notifier's mutex guards everything except the constants.
 struct Notifier::Listener {
   const std::string at;  // a path, or the prefix of a watch
   std::uint64_t since;
@@ -23,13 +23,13 @@ struct Notifier::Listener {
 
 namespace {
 
-// A process may be killed after its change is visible and before it wakes anybody.
+// A process may be killed after its change is visible and before it wakes the listeners.
 constexpr std::chrono::seconds kLookAnyway{1};
 constexpr std::chrono::milliseconds kSettleLook{100};
 
 constexpr std::size_t kMostAtOnce = 256;
 
-// The notification thread is none that the process's signal handlers know of. A fault still has to reach its handler.
+// The program's signal handlers must not run on the notification thread, except those for faults.
 class SignalsBlocked {
  public:
   SignalsBlocked() {
@@ -87,20 +87,20 @@ Status Notifier::Watch(const std::string& prefix, std::function<void(const Chang
   return status;
 }
 
-// Starts the thread when there is none. It looks at the listeners only after the lock is free again. `since` is read
-// under the lock: what is handed out from now on is checked against it.
+// Starts the thread if there is none. It reads the listeners only after the mutex is released. `since` is read under
+// the mutex: changes delivered from now on are compared with it.
 Status Notifier::Start(std::uint64_t* since) {
   Region& region = store_.region();
   if (!region.IsWhole()) {
     return {Code::kDamaged, region.file() + ": is damaged"};
   }
-  // The thread may not know yet that this region has taken the place of the one that it counts in.
+  // The thread may not have noticed yet that this region has replaced the one that it reads.
   *since = !alive_ || &region == region_ ? region.header().last.load(std::memory_order_acquire) : 0;
   if (alive_) {
     return {};
   }
   if (thread_.joinable()) {
-    thread_.join();  // it has ended but for its last instructions, and takes no lock in them
+    thread_.join();  // it is executing its last instructions, which acquire no lock
   }
   region_ = &region;
   next_ = *since + 1;
@@ -151,8 +151,8 @@ void Notifier::AwaitEnd(std::unique_lock<std::mutex>& lock, const std::vector<Li
     return std::none_of(ended.begin(), ended.end(), [this](const auto& each) { return each.get() == running_; });
   });
   if (IdleLocked() && alive_) {
-    region_->WakeOwn();  // the thread may be asleep, and has nothing left to do
-    // One that ended itself may still be running, and is not waited for; but for that the thread ends at once.
+    region_->WakeOwn();  // the thread may be asleep, and has to end
+    // A listener that removed itself may still be running, and is not waited for; otherwise the thread ends at once.
     progress_.wait(lock, [this] { return !alive_ || !IdleLocked() || running_ != nullptr; });
   }
   --waiting_;
@@ -173,7 +173,7 @@ void Notifier::Settle() {
   const auto settled = [&, before = lost_] {
     return !alive_ || (region_ == &now && next_ > last && running_ == nullptr) || (!now.IsWhole() && lost_ != before);
   };
-  // Who makes a change wakes the thread, unless it died or stopped just before.
+  // A writer wakes the thread, unless it died or was stopped just before.
   while (!progress_.wait_for(lock, kSettleLook, settled)) {
     region_->WakeOwn();
   }
@@ -219,7 +219,7 @@ void Notifier::Run() {
   }
 }
 
-// Hands out all that there is; false when nobody listens any more. `region` becomes the one that is current.
+// Delivers all new changes; false if there are no listeners any more. Sets `region` to the current one.
 bool Notifier::Deliver(Region** region) {
   std::vector<Change> changes;
   std::unique_lock lock(mutex_);
@@ -232,7 +232,7 @@ bool Notifier::Deliver(Region** region) {
     lock.lock();
     const bool lost = *region != region_ || !(*region)->IsWhole();
     if (lost) {
-      // Who listened to the one before has missed what lies between the two.
+      // The listeners have missed the changes between the two regions.
       for (const auto& listener : AllLocked()) {
         listener->since = 0;
       }
@@ -301,7 +301,7 @@ std::vector<Notifier::ListenerPtr> Notifier::ListenersOf(const Change& change) c
   return listeners;
 }
 
-// Changes are no longer remembered: each subscribed key may have changed, and a watch learns what all of its keys hold.
+// Changes were dropped: each subscribed key may have changed, and a watch gets the values of all of its keys.
 void Notifier::CatchUp(Region& region) {
   std::uint64_t last = region.header().last.load(std::memory_order_acquire);
   std::vector<ListenerPtr> listeners;
@@ -318,7 +318,7 @@ void Notifier::CatchUp(Region& region) {
       continue;
     }
     std::vector<Entry> entries;
-    static_cast<void>(store_.List(listener->at, &entries));  // which logs what it cannot read
+    static_cast<void>(store_.List(listener->at, &entries));  // logs what it cannot read
     for (auto& [path, value] : entries) {
       Call(listener, {.sequence = last, .path = std::move(path), .value = std::move(value)});
     }
@@ -342,7 +342,7 @@ void Notifier::Call(const ListenerPtr& listener, const Change& change) {
   }
   lock.lock();
   if (forked_) {
-    _exit(0);  // the call has forked, and there is nothing in the child that it could return to
+    _exit(0);  // the listener has forked; in the child it must not return into this thread
   }
   running_ = nullptr;
   if (waiting_ > 0) {

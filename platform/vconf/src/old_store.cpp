@@ -1,5 +1,5 @@
-// The files of the version before this one: an LMDB environment with one tree. The library is loaded when such files
-// are found, so that nothing depends on it, not even this file on its header.
+// Reads the files of the previous version: an LMDB environment with one tree. The library is loaded only when such
+// files are found, so the build depends neither on it nor on its header.
 #include <dlfcn.h>
 
 #include <cstring>
@@ -29,7 +29,7 @@ std::uint64_t Mix(std::uint64_t hash, std::string_view bytes) {
   return hash;
 }
 
-// A record is a checksum over its key and what follows, a tag, and the value in the machine's own order.
+// A record is a checksum over its key and the rest, a tag, and the value in native byte order.
 std::optional<Value> Decode(std::string_view key, std::string_view record) {
   std::uint64_t checksum = 0;
   if (record.size() < sizeof checksum + 1) {
@@ -71,7 +71,7 @@ class Library {
  public:
   bool loaded() const { return handle_ != nullptr; }
 
-  /// Calls the function `name`, which gives a status or nothing.
+  /// Calls the function `name`, which returns a status or nothing.
   template <typename... Arguments>
   int Call(const char* name, Arguments... arguments) const {
     auto* const function = reinterpret_cast<int (*)(Arguments...)>(dlsym(handle_, name));

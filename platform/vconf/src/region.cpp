@@ -22,10 +22,10 @@ namespace {
 
 constexpr std::uint32_t kGrowth = 64U << 10U;
 
-// Who may only read the region cannot say that it sleeps, so nobody wakes it.
+// A process that maps the region read-only cannot announce that it sleeps, so it polls.
 constexpr std::chrono::milliseconds kReadersWait{20};
 
-// The same for all processes until the machine starts again, containers included. Empty when it cannot be read.
+// The boot id, which is the same for all processes, including containers. Empty if it cannot be read.
 std::string ThisBoot() {
   std::string id;
   std::getline(std::ifstream("/proc/sys/kernel/random/boot_id"), id);
@@ -35,7 +35,7 @@ std::string ThisBoot() {
 struct Identity {
   std::uint64_t device = 0;
   std::uint64_t inode = 0;
-  std::uint64_t born = 0;  // 0 where the file system does not say; an inode's number alone may come again
+  std::uint64_t born = 0;  // 0 if the file system has no birth time; an inode number may be reused
 };
 
 Identity IdentityOf(int file) {
@@ -58,7 +58,8 @@ long Futex(layout::Word& word, int operation, std::uint32_t value, const timespe
   return syscall(kCall, &word, operation, value, limit, nullptr, whom);
 }
 
-// The disk gives the room now: when it cannot, a touch would be too late to say so. A signal may cut it off.
+// Allocates the disk space now, because a later access could not report that the disk is full. A signal may interrupt
+// it.
 int Allocate(int file, std::uint32_t from, std::uint32_t size) {
   int error = EINTR;
   while (error == EINTR) {
@@ -67,7 +68,7 @@ int Allocate(int file, std::uint32_t from, std::uint32_t size) {
   return error;
 }
 
-// What every new region has, beside what tells where it belongs.
+// The header fields that are the same in every new region.
 void Begin(layout::Header& header) {
   InitLock(header.lock);
   InitLock(header.disk_lock);
@@ -78,7 +79,7 @@ void Begin(layout::Header& header) {
   header.state = layout::kWhole;
 }
 
-// One bit for this process; some others may have the same.
+// The futex bit of this process; some other processes may have the same.
 std::uint32_t OwnBit() { return 1U << (static_cast<std::uint32_t>(getpid()) % 32U); }
 
 }  // namespace
@@ -215,7 +216,7 @@ void Region::WakeAll() {
 
 void Region::WakeOwn() {
   if (writable_) {
-    header().wakeups.fetch_add(1);  // who is about to fall asleep does not
+    header().wakeups.fetch_add(1);  // a thread that is about to sleep then does not
     Futex(header().wakeups, FUTEX_WAKE_BITSET, INT_MAX, nullptr, OwnBit());
   }
 }

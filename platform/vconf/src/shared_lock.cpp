@@ -15,12 +15,12 @@ namespace vconf {
 namespace {
 
 std::atomic<std::uint32_t> g_process{
-    static_cast<std::uint32_t>(getpid())};  // asking the kernel takes as long as a lock
+    static_cast<std::uint32_t>(getpid())};  // cached, because the system call takes as long as a lock
 
 // 0 outside of a limit.
 thread_local std::chrono::milliseconds t_limit{0};
 
-// When this thread first waited within its outermost limit; 0 until it does.
+// The time of the first wait within this thread's outermost limit; 0 before.
 thread_local std::chrono::steady_clock::time_point t_begin;
 
 std::chrono::milliseconds Waited() {
@@ -30,8 +30,7 @@ std::chrono::milliseconds Waited() {
 }
 
 #if defined(__SANITIZE_THREAD__)
-// ThreadSanitizer does not see that a wait with a limit takes the lock of an owner that died, so the lock is tried
-// again and again.
+// ThreadSanitizer does not recognise that a timed wait acquires the lock of a dead owner, so this polls with try-lock.
 int Await(pthread_mutex_t* mutex) {
   int result = pthread_mutex_trylock(mutex);
   while (result == EBUSY && WaitLimit::Left().count() > 0) {
@@ -91,11 +90,11 @@ std::string HolderOf(const std::vector<std::string>& files) {
   for (std::string line; std::getline(locks, line);) {
     std::istringstream words(line);
     std::string number, kind, how, what, place;
-    long process = 0;  // -1 for a lock that belongs to no process
+    long process = 0;  // -1 for a lock without an owning process
     words >> number >> kind >> how >> what >> process >> place;
     for (const std::string& file : files) {
       struct stat about = {};
-      // A device has other numbers here than `stat` gives on some file systems.
+      // On some file systems the device numbers here differ from those of `stat`.
       if (what == "WRITE" && process > 0 && process != static_cast<long>(g_process.load()) &&
           stat(file.c_str(), &about) == 0 && place.ends_with(':' + std::to_string(about.st_ino))) {
         return NameOf(static_cast<std::uint32_t>(process));
@@ -107,7 +106,7 @@ std::string HolderOf(const std::vector<std::string>& files) {
 
 void NoteProcess() { g_process = static_cast<std::uint32_t>(getpid()); }
 
-// Where the kernel knows no robust locks, that of a dead process stays held, and who wants it fails with `kBusy`.
+// If the kernel has no robust locks, the lock of a dead process stays held, and acquiring it fails with `kBusy`.
 void InitLock(layout::Lock& lock) {
   pthread_mutexattr_t attributes;
   pthread_mutexattr_init(&attributes);
@@ -130,7 +129,7 @@ SharedLock::SharedLock(layout::Lock& lock, const char* name, bool waits)
 
 SharedLock::~SharedLock() {
   if (held()) {
-    lock_.holder.store(0, std::memory_order_relaxed);  // the next owner is named by nobody else's number
+    lock_.holder.store(0, std::memory_order_relaxed);  // so that it never names a wrong process
     pthread_mutex_unlock(&lock_.mutex);
   }
 }

@@ -12,8 +12,8 @@
 namespace vconf {
 namespace {
 
-// A call that finds its region damaged looks for another one, in between at the most so often and for so long: a read
-// does not wait for a process that stands still while it makes one.
+// If a call finds its region damaged, it looks for a new one, at most this often and for this long: a read must not
+// wait for a process that was stopped while it creates one.
 constexpr std::chrono::milliseconds kRenewalLimit{500};
 constexpr std::chrono::milliseconds kLookAgain{100};
 
@@ -105,7 +105,7 @@ Region& Store::Renew(Region& old) {
   return *region_.load(std::memory_order_relaxed);
 }
 
-// The region that takes the place of one that is damaged, replaced, or of this process alone; null while there is none.
+// The region that replaces a damaged, replaced or private one; null while there is none.
 std::unique_ptr<making::Place> Store::Successor(Region& old) {
   if (old.IsWhole()) {
     auto folder = Folder::Open(directory_);
@@ -119,7 +119,7 @@ std::unique_ptr<making::Place> Store::Successor(Region& old) {
     return *std::move(place);
   }
   const bool replaced = old.header().state == layout::kReplaced;
-  database_.reset();  // its locks on the file end when this process closes any other descriptor of it
+  database_.reset();  // its locks on the file are released when this process closes any other descriptor of it
   auto place = making::Attach(directory_, nullptr);
   if (!place.ok()) {
     static_cast<void>(NoteRead(replaced ? Status(Code::kRemoved, place.status().text()) : place.status()));
@@ -242,7 +242,7 @@ Status Store::Change(Home home, const Plan& plan) {
     if (status.ok()) {
       status = home == Home::kDisk ? ChangeOnDisk(*region, plan) : ChangeInMemory(*region, plan);
     }
-    // One that was replaced meanwhile has a successor, which knows nothing of the change.
+    // If the region was replaced meanwhile, the new one does not have the change.
     if (status.code() != Code::kRemoved || region->IsWhole() || tries == kTries) {
       return NoteWrite(home, std::move(status));
     }
@@ -352,7 +352,7 @@ Status Store::Reset(const std::vector<Entry>& entries) {
       });
     };
     Status status = change(false);
-    if (status.code() == Code::kFull) {  // what goes makes room for what comes
+    if (status.code() == Code::kFull) {  // removing keys first makes room for the new values
       status = change(true);
       status = status.ok() ? change(false) : status;
     }

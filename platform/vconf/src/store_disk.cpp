@@ -1,4 +1,4 @@
-// How a store changes what lies on disk, and how it publishes what a writer left there alone.
+// Changes of keys on disk, and publishing commits that another writer did not publish.
 #include <algorithm>
 #include <thread>
 #include <utility>
@@ -8,7 +8,7 @@
 namespace vconf {
 namespace {
 
-// What `Header::committing` says: that a commit may be in the database alone, or that somebody is publishing it.
+// Values of `Header::committing`: a commit may be only in the database, or a process is publishing it.
 constexpr std::uint32_t kCommitting = 1;
 constexpr std::uint32_t kRecovering = 2;
 
@@ -16,7 +16,7 @@ constexpr std::uint32_t kRecovering = 2;
 
 Status Store::ChangeOnDisk(Region& region, const Plan& plan) {
   layout::Header& header = region.header();
-  // First the one that is waited for with a limit: else the threads of this process would wait one after the other.
+  // First the lock with a time limit: otherwise the threads of this process would wait one after the other.
   const SharedLock lock(header.disk_lock, "writing to disk");
   const std::lock_guard mine(database_mutex_);
   Status status = lock.status(region.file());
@@ -49,7 +49,7 @@ Status Store::ChangeOnDisk(Region& region, const Plan& plan) {
   if (status.ok()) {
     header.committing = kCommitting;
     status = database_->Write(rows, number);
-    // Where the disk failed, only the database knows what became of it: the next change looks.
+    // After a disk failure only the database has the outcome of the commit: the next change reads it.
     if (!status.ok() && status.code() != Code::kFailed) {
       header.committing = 0;
     }
@@ -59,7 +59,7 @@ Status Store::ChangeOnDisk(Region& region, const Plan& plan) {
     if (turn.status().ok()) {
       table.Drop(keys);
     } else {
-      header.committing = kCommitting;  // so the next one drops them
+      header.committing = kCommitting;  // so that the next owner drops them
     }
     return status;
   }
@@ -99,7 +99,7 @@ Status Store::Connect(const Region& region) {
   return status;
 }
 
-// Publishes what a writer that died, or failed, left in the database alone.
+// Publishes commits that a dead or failed writer did not publish.
 Status Store::Recover(Region& region) {
   layout::Header& header = region.header();
   header.committing = kRecovering;
@@ -137,7 +137,7 @@ Status Store::Recover(Region& region) {
   return status;
 }
 
-// What a writer left in the database is published when a store is opened, or when the next one writes.
+// Commits that were not published are published when a store is opened, or before the next write.
 void Store::RecoverIfNeeded() {
   Region& now = region();
   while (now.writable() && now.is_shared()) {
@@ -149,7 +149,7 @@ void Store::RecoverIfNeeded() {
       }
       return;
     }
-    // Somebody is writing. Only one who publishes what was left is worth waiting for.
+    // Another process holds the lock. Waits only if it is publishing such commits.
     if (now.header().committing != kRecovering || WaitLimit::Left().count() == 0) {
       return;
     }

@@ -17,12 +17,12 @@ namespace {
 
 constexpr std::uint32_t kOdd = 0x9E3779B1U;
 
-// More keys than ever fit: a chain that goes on longer is damaged.
+// More keys than can fit: a longer chain is damaged.
 constexpr std::uint32_t kMaxKeys = layout::kMaxSize / layout::kMinBlock;
 
 constexpr std::uint32_t WordsOf(std::uint32_t bytes) { return (bytes + 3) / 4; }
 
-// The word at `at` of the bytes, filled up with zeros. A copy of a fixed size is one instruction.
+// The word at `at`, padded with zeros. A copy of a fixed size is one instruction.
 std::uint32_t WordAt(std::string_view bytes, std::size_t at) {
   std::uint32_t word = 0;
   if (at + sizeof word <= bytes.size()) {
@@ -62,7 +62,7 @@ std::uint32_t SizeOfKey(std::uint32_t path_size) {
 
 }  // namespace
 
-/// A value as it was read; `text` only for one.
+/// A value as it was read; `text` is used only for a text.
 struct Table::Held {
   std::uint32_t form = 0;
   std::uint32_t content = 0;
@@ -132,7 +132,7 @@ Key* Table::Find(std::string_view path, std::uint32_t hash, std::uint32_t* offse
   return nullptr;
 }
 
-// Calls `visit` with each key of a bucket, until it returns false. False when the bucket cannot be read to its end.
+// Calls `visit` with each key of a bucket, until it returns false. False if the bucket cannot be read to its end.
 template <typename Visit>
 bool Table::ReadBucket(std::uint32_t bucket, Visit&& visit) const {
   std::uint32_t at = region_.header().buckets[bucket].load(std::memory_order_acquire);
@@ -148,12 +148,12 @@ bool Table::ReadBucket(std::uint32_t bucket, Visit&& visit) const {
   return true;
 }
 
-// A key is missing only from a bucket that can be read to its end.
+// A key counts as missing only if its bucket can be read to the end.
 bool Table::IsSound(std::uint32_t hash) const {
   return ReadBucket(hash % layout::kBuckets, [](const Key&, const std::string&) { return true; });
 }
 
-// False when it is not what somebody wrote there for this key; then it is damaged, or was just written over.
+// False if the content was not written for this key: it is damaged, or was just overwritten.
 bool Table::ReadSlot(const Key& key, const Slot& slot, Held* held) const {
   held->form = slot.form.load(std::memory_order_acquire);
   held->content = slot.content.load(std::memory_order_acquire);
@@ -179,7 +179,7 @@ Code Table::Look(const Key& key, Held* held) const {
   }
 }
 
-// A key that is taken out of its bucket meanwhile may hide one that stands behind it, and become another key.
+// A key that is unlinked meanwhile may hide the keys after it, and its block may be reused for another key.
 template <typename Found>
 Code Table::Seek(std::string_view path, Held* held, Found&& found) const {
   const std::uint32_t hash = HashOf(path);
@@ -346,7 +346,7 @@ const Slot* Table::Prepared(std::uint32_t key) const {
   return at != nullptr ? &at->slots[(at->version.load(std::memory_order_relaxed) + 1) % 2] : nullptr;
 }
 
-// `visit` may take the key out of `link`, and says so by returning true.
+// `visit` returns true if it has unlinked the key from `link`.
 void Table::ForEachKey(const std::function<bool(Word&, Key&)>& visit) {
   for (Word& bucket : region_.header().buckets) {
     Word* link = &bucket;
@@ -381,8 +381,8 @@ std::vector<std::uint32_t> Table::KeysPrepared(layout::Prepared mark) {
   return keys;
 }
 
-// Takes the keys that are removed out, and frees what neither they nor old values need any more. The changes that are
-// remembered name keys, so they are forgotten first: whoever has not read them is told of each key instead.
+// Unlinks removed keys, and frees all blocks that are no longer in use. The kept changes refer to keys, so they are
+// dropped first: a subscriber that has not read them gets one notification for each key instead.
 void Table::Sweep() {
   layout::Header& header = region_.header();
   header.floor = header.last + 1;

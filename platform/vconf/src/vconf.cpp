@@ -17,7 +17,7 @@
 namespace vconf {
 namespace {
 
-// The store of this process. The notifier goes first, since its thread reads the store.
+// The store of this process. The notifier is destroyed first, since its thread reads the store.
 struct Session {
   explicit Session(std::unique_ptr<Store> opened)
       : store(std::move(opened)), notifier(std::make_shared<Notifier>(*store)) {}
@@ -26,14 +26,15 @@ struct Session {
   std::shared_ptr<Notifier> notifier;
 };
 
-// Left alone when the process ends: its threads may still be calling.
+// Never destroyed: other threads may still call it while the process exits.
 std::atomic<Session*> g_session{nullptr};
 
 Session* TheSession() { return g_session.load(std::memory_order_acquire); }
 
-// A fork copies one thread and all locks. Nothing is half-done in the child, and its store is its own: it has no
-// subscriptions, since it has no notification thread, and what it inherited of the parent's is left as it is.
-// The notifier asks the store with its mutex held, so that comes first. Another thread may open a store meanwhile.
+// A fork copies one thread and all locks. All locks are held during the fork, so the child's state is consistent. The
+// child has no notification thread, so it has no subscriptions; the parent's objects that it inherited stay unused.
+// The notifier calls the store with its mutex held, so its mutex is locked first. Another thread may open a store
+// meanwhile.
 thread_local Session* t_forking = nullptr;
 
 void BeforeFork() {
@@ -54,13 +55,13 @@ void AfterForkInChild() {
   if (Session* const session = t_forking) {
     session->store->AfterFork();
     session->notifier->AfterForkInChild();
-    // Never destroyed, for the call that forked may run within it.
+    // Never destroyed, because the call that forked may be running in it.
     static auto& inherited = *new std::vector<std::shared_ptr<Notifier>>;
     inherited.push_back(std::exchange(session->notifier, std::make_shared<Notifier>(*session->store)));
   }
 }
 
-// ---- for the control side
+// ---- the control interface
 
 const Status& NoStore() {
   static const Status no_store(Code::kFailed, "no store is open");
@@ -74,13 +75,13 @@ Status OnStore(Step&& step) {
   return session != nullptr ? step(*session->store) : NoStore();
 }
 
-// One store for a process at a time.
+// A process has one store at a time.
 Status Open(const std::string& directory, const std::vector<Entry>* initial) {
   static std::mutex opening;
   static std::once_flag forks;
   const std::lock_guard lock(opening);
   std::call_once(forks, [] { pthread_atfork(BeforeFork, AfterForkInParent, AfterForkInChild); });
-  NoteProcess();  // a process that was forked before its parent opened a store
+  NoteProcess();  // for a process that was forked before its parent opened a store
   if (TheSession() != nullptr) {
     return {Code::kFailed, directory + ": this process has a store open already"};
   }
@@ -110,14 +111,14 @@ class NotifierWatch final : public Watch {
   const Notifier::ListenerPtr listener_;
 };
 
-// ---- for the callers of vconf_*
+// ---- the vconf_* functions
 
 constexpr int kFailed = -1;
 
 int AnswerOf(const Status& status) { return status.ok() ? 0 : kFailed; }
 
-// What every call does first: the path is one that it may name, and no fault answers in its place. `step` gets the
-// session and the path, and its answer is the call's.
+// Common to every call: checks the path, and returns the answer of a fault if there is one. Otherwise returns the
+// result of `step`, which gets the session and the path.
 template <typename Step>
 int Answer(const char* call, const char* path, Step&& step) {
   Session* const session = TheSession();
@@ -252,7 +253,7 @@ int vconf_set_bool(const char* path, int value) { return vconf::Write("vconf_set
 
 int vconf_sync_key(const char* path) {
   return vconf::Answer("vconf_sync_key", path, [](vconf::Session& session, const char* at) {
-    // What was written is durable already.
+    // Writes are already durable.
     return std::string_view(at).starts_with(vconf::kMemoryPrefix) ? 0 : vconf::AnswerOf(session.store->Check());
   });
 }
