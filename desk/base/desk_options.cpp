@@ -8,8 +8,8 @@ namespace desk {
 void AddDeskOptions(CLI::App& command, DeskOptions& options) {
   options.host.program = MiradoProgram();
   command.footer(
-      "It serves desk.js, its own page and its HTTP interface until SIGINT or SIGTERM. Exit status: 0 ended,\n"
-      "2 wrong command line, 3 it cannot start.");
+      "It serves desk.js, its own page and its HTTP interface until SIGINT, SIGTERM or SIGHUP ends it; under nohup\n"
+      "SIGHUP is ignored. Exit status: 0 ended, 2 wrong command line, 3 it cannot start.");
   AddStoreOption(command, options.host.store);
   AddPluginOption(command, options.host.plugin);
   command.add_option("--port", options.port, "The port on localhost; 0 takes any that is free")

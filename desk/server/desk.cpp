@@ -16,6 +16,7 @@
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/post.hpp>
 
+#include "base/command_line.h"
 #include "base/exit_status.h"
 #include "base/http_status.h"
 #include "server/stream.h"
@@ -65,8 +66,12 @@ Desk::Desk(DeskOptions given)
       handler_([this](HttpRequest& request, const ConnectionPtr& connection) { Handle(request, connection); }),
       clients_(loop),
       listener_(loop),
-      signals_(loop, SIGINT, SIGTERM, SIGHUP),
+      signals_(loop, SIGINT, SIGTERM),
       input_(loop) {
+  struct sigaction hangup = {};
+  if (sigaction(SIGHUP, nullptr, &hangup) == 0 && hangup.sa_handler != SIG_IGN) {  // nohup ignores it
+    signals_.add(SIGHUP);
+  }
   AddSetRoutes(router_, *this);
   AddStoreRoutes(router_, *this);
   AddPageRoutes(router_, *this);
@@ -131,8 +136,11 @@ vconf::Status Desk::Start() {
   listener_.Start(clients_, [this](Socket socket) {
     std::make_shared<Connection>(std::move(socket), clients_, check_, handler_)->Start();
   });
-  signals_.async_wait([this](Error failed, int) {
+  signals_.async_wait([this](Error failed, int signal) {
     if (!failed) {
+      Complain(std::string("mirado desk: ended by ") + (signal == SIGINT    ? "SIGINT"
+                                                        : signal == SIGTERM ? "SIGTERM"
+                                                                            : "SIGHUP"));
       End();
     }
   });
