@@ -17,7 +17,7 @@
 namespace desk {
 namespace {
 
-/// The command that the parser came to.
+/// The innermost command that was parsed.
 const CLI::App& Called(const CLI::App& app) {
   const auto below = app.get_subcommands();
   return below.empty() ? app : Called(*below.front());
@@ -88,7 +88,7 @@ std::vector<const CLI::Option*> OptionsOf(const CLI::App& command) {
 }
 
 CLI::Validator Between(int least, int most) {
-  // The parser's own range takes what is no number, and prints limits with six decimals.
+  // The parser's own range check accepts texts that are not numbers, and prints limits with six decimals.
   return {[least, most](const std::string& text) {
             double number = 0;
             const auto read = std::from_chars(text.data(), text.data() + text.size(), number);

@@ -15,7 +15,7 @@ namespace {
 
 struct TooDeep {};
 
-/// The library's words without its own name, and without the line in a text of one line.
+/// The library's error text without its prefix, and without the line number if the text has one line.
 std::string Cause(const ParsedJson::exception& error) {
   std::string_view text = error.what();
   text.remove_prefix(std::min(text.find(' '), text.size() - 1) + 1);

@@ -39,7 +39,7 @@ void ShutdownSignal::Raise() {
   static_cast<void>(!write(raised_.get(), &once, sizeof once));
 }
 
-// Neither of the two descriptors is ever read, so that once the end is asked for it stays asked for.
+// Neither of the two descriptors is ever read, so that they stay readable after the request to exit.
 bool ShutdownSignal::Asked() const {
   std::array<pollfd, 2> polled = {{{signals_.get(), POLLIN, 0}, {raised_.get(), POLLIN, 0}}};
   return poll(polled.data(), polled.size(), 0) > 0;
@@ -74,7 +74,7 @@ LineReader::Result LineReader::Next(std::string& line) {
       break;
     }
   }
-  // A line that the end of the program cut off is none.
+  // A line that was cut off by the request to exit is dropped.
   if (!any || end_.Asked()) {
     return Result::kEnd;
   }

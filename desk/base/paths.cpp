@@ -17,8 +17,8 @@ std::filesystem::path Program() {
   return std::filesystem::read_symlink("/proc/self/exe", ignored);
 }
 
-/// `relative` to the folder that the installation or the build has its `bin` in. The programs stand at different depths
-/// below it.
+/// Resolves `relative` against the folder of the installation or build that contains `bin`. The programs are at
+/// different depths below it.
 std::string UnderPrefix(const char* relative) {
   std::filesystem::path prefix = Program().parent_path();
   std::error_code ignored;

@@ -9,9 +9,10 @@
 namespace desk {
 namespace {
 
-/// The Levenshtein distance: how many letters have to be put in, taken out or replaced to make `other` of `text`.
+/// The Levenshtein distance of the two texts.
 std::size_t Distance(std::string_view text, std::string_view other) {
-  std::vector<std::size_t> row(other.size() + 1);  // from what is read of `text` to each beginning of `other`
+  // The distances of the processed part of `text` to each prefix of `other`.
+  std::vector<std::size_t> row(other.size() + 1);
   std::iota(row.begin(), row.end(), 0);
   for (const char letter : text) {
     std::size_t diagonal = row[0]++;
@@ -26,7 +27,7 @@ std::size_t Distance(std::string_view text, std::string_view other) {
 }  // namespace
 
 std::string Suggestion(const std::string& text, const std::vector<std::string>& known) {
-  std::size_t least = text.size() / 6 + 2;  // at this distance or more, another word is meant
+  std::size_t least = text.size() / 6 + 2;  // a word at this distance or more is not suggested
   std::string suggestion;
   for (const std::string& each : known) {
     if (const std::size_t distance = Distance(text, each); distance < least) {

@@ -68,7 +68,7 @@ std::string Escaped(std::string_view text, bool quoted) {
   return out;
 }
 
-/// What stands in double quotes, or nothing when `argument` is not such a text.
+/// The content of a text in double quotes; empty if `argument` is not one.
 std::optional<std::string> Unquoted(std::string_view argument) {
   if (argument.size() < 2 || argument.front() != '"' || argument.back() != '"') {
     return std::nullopt;
@@ -101,7 +101,7 @@ std::optional<std::string> Unquoted(std::string_view argument) {
   return end_part() ? std::optional(text) : std::nullopt;
 }
 
-/// A text with a dash in front would be taken for an option.
+/// A text that begins with a dash would be taken for an option.
 bool NeedsQuotes(const std::string& text) {
   return text.starts_with('"') || text.starts_with('-') || Escaped(text, false) != text;
 }

@@ -20,7 +20,7 @@ std::string_view ShortName(const Setting& setting) {
   return setting.enumerator.substr(setting.enumerator.find(kKey) + kKey.size());
 }
 
-/// What to do about `status`, for the store that `where` names.
+/// The advice for `status`, for the store that `where` names.
 std::string WayOut(const vconf::Status& status, const std::string& where) {
   return status.code() != vconf::Code::kDamaged
              ? ""
@@ -42,8 +42,8 @@ void AddJsonOption(CLI::App& command, bool& json) { command.add_flag("--json", j
 
 int WithStore(const StoreChoice& store, Absent absent, const std::function<vconf::Status()>& work) {
   constexpr int kNothing = 8;
-  dlog::SetThreshold(kNothing);  // the store logs what a status says again
-  // Said without the folder, it would be done to another store.
+  dlog::SetThreshold(kNothing);  // the store also logs what the status says
+  // Without the folder, the command in the advice would affect another store.
   const std::string where = store.option->count() > 0 ? " --store " + ShellWord(store.folder) : "";
   auto opened = absent == Absent::kReport && store.Named() ? vconf::OpenStore(store.folder) : OpenSet(store.folder);
   if (!opened.ok()) {
@@ -52,7 +52,7 @@ int WithStore(const StoreChoice& store, Absent absent, const std::function<vconf
                       (!std::filesystem::exists(store.folder, failed) ||
                        (std::filesystem::is_empty(store.folder, failed) && !failed));
     Complain(opened.text() + (none ? "; `mirado reset" + where + "` makes one" : WayOut(opened, where)));
-    return kCannotWork;  // whatever the cause: a store that is not there is no answer about a key
+    return kCannotWork;  // for every cause: a missing store does not mean that a key is missing
   }
   const auto status = work();
   if (!status.ok()) {

@@ -48,7 +48,7 @@ Words Keys() {
   return keys;
 }
 
-/// What an argument may be that is declared under `name`; `given` are the arguments before it.
+/// The possible values of the argument `name`; `given` are the arguments before it.
 Words Values(const CLI::Option& option, const Words& given) {
   const std::string name = option.get_name();
   Words values;
@@ -83,7 +83,7 @@ Words Values(const CLI::Option& option, const Words& given) {
   return values;
 }
 
-/// The argument that comes behind `given`, or null.
+/// The argument that follows `given`, or null.
 const CLI::Option* NextArgument(const CLI::App& command, const Words& given) {
   std::size_t before = 0;
   for (const CLI::Option* const option : command.get_options()) {

@@ -39,7 +39,7 @@ vconf::Status ListFaults(bool as_json) {
   return {};
 }
 
-/// The path of a fault of `call`, which may be typed as that of a setting where it is a key's.
+/// The path of a fault of `call`; if it is a key's path, it may be given as the name of a setting.
 vconf::Result<std::string> PathOf(const FaultCall& call, const std::string& argument) {
   const bool is_key = !call.path.empty() && call.prefix.empty() && argument != kEveryPath;
   return is_key ? PathFromArgument(argument) : TextFromArgument(argument);
@@ -57,7 +57,7 @@ vconf::Status Clear(const std::vector<std::string>& arguments) {
   return path.ok() ? vconf::ClearFault(arguments[0], *path) : path.status();
 }
 
-/// A slip in the path makes a fault that no call ever meets.
+/// A misspelt path makes a fault that never applies.
 void NotePath(const FaultCall& call, const vconf::Fault& fault) {
   if (fault.path != kEveryPath && !call.path.empty()) {
     const auto known = KnownPaths(call.prefix);
@@ -94,7 +94,7 @@ vconf::Status ChangeFaults(const FaultOptions& options) {
   return status;
 }
 
-/// The middle one of three may be left out, which the parser has no words for.
+/// The second of three arguments is optional, which the parser cannot express.
 void Check(const FaultOptions& options) {
   if (options.clear && options.arguments.size() > 2) {
     throw CLI::ValidationError("--clear takes CALL and PATH at most");

@@ -25,14 +25,14 @@ struct HostOptions {
   bool report = false;
 };
 
-/// A file that holds something already; what is no regular file, such as a pipe, holds nothing that could be lost.
+/// Whether the file is not empty; one that is not regular, such as a pipe, counts as empty.
 bool WouldBeLost(const std::string& file) {
   std::error_code ignored;
   return std::filesystem::is_regular_file(file, ignored) && !std::filesystem::is_empty(file, ignored);
 }
 
-/// What comes out, in an order that a reader can rely on: a log line before what comes of it, a subscription before the
-/// reply that says it stands.
+/// The output, in an order that a reader can rely on: a log line before the output that it explains, a subscription
+/// before the reply that confirms it.
 class Output {
  public:
   Output(ShutdownSignal& end, bool reports) : reports_(reports), writer_(STDOUT_FILENO, [&end] { end.Raise(); }) {
@@ -60,13 +60,13 @@ class Output {
     }
   }
 
-  /// What is wrong with the output itself, as errno; 0 for nothing.
+  /// The errno of a failed write to the output, or 0.
   int error() { return writer_.error(); }
 
-  /// The recorder, null when nothing is recorded. The session's thread.
+  /// The recorder; null if there is no recording. The session's thread.
   Recorder* recorder() { return recorder_.get(); }
 
-  /// Begins a recording, in the place of another; null ends it.
+  /// Starts a recording, replacing a running one; null ends it.
   void Record(Recorder::Keep keep) {
     std::unique_ptr<Recorder> next;
     if (keep) {
@@ -98,7 +98,7 @@ int Host(const HostOptions& options) {
   }
   ShutdownSignal end;
   if (const auto opened = OpenSet(options.store.folder); !opened.ok()) {
-    // The store has logged the cause itself, unless it was never asked.
+    // The store has logged the cause itself, unless it was never opened.
     Complain("mirado: there is no store, so every reply that needs it will say so" +
              (options.store.folder.empty() ? ": " + opened.text() : ""));
   }
@@ -126,7 +126,8 @@ int Host(const HostOptions& options) {
       });
       return vconf::Status();
     }
-    end.WaitFor(-1, Latency(request));  // not in the recorder's time: what others change meanwhile is theirs
+    // Not inside of the recorded request: changes by others meanwhile are recorded separately.
+    end.WaitFor(-1, Latency(request));
     Recorder* const recorder = output.recorder();
     return recorder != nullptr ? recorder->Handle(*session, line, request) : session->Handle(request);
   };

@@ -14,7 +14,7 @@
 namespace desk::cli {
 namespace {
 
-/// The desk is a program of its own, so that the host of a page does not carry its libraries.
+/// The desk is a separate program, so that the host of a page does not load its libraries.
 int BecomeDesk(char** arguments) {
   const std::string program = DeskProgram();
   execv(program.c_str(), arguments);
@@ -22,8 +22,8 @@ int BecomeDesk(char** arguments) {
   return kCannotWork;
 }
 
-/// The parser's subcommands do not know that what follows "--" is no option. Numbers are none to them in any case, and
-/// a text is none when it is in quotes.
+/// The parser's subcommands do not treat arguments after "--" as positional. Numbers are never options to them, nor are
+/// texts in quotes.
 std::vector<std::string> WithoutMark(std::vector<std::string> arguments) {
   const auto mark = std::ranges::find(arguments, "--");
   if (mark == arguments.end()) {
@@ -44,7 +44,7 @@ int Main(const std::vector<std::string>& arguments) {
   app.require_subcommand(1);
   Run run;
   AddHostCommand(app, run);
-  DeskOptions desk;  // declared for the help, the manual and the shell; the other program reads them
+  DeskOptions desk;  // declared for help, manual and completion; the other program parses them
   AddDeskOptions(*app.add_subcommand("desk", "Serve pages in a desktop browser"), desk);
   AddStoreCommands(app, run);
   AddSetUpCommand(app, run);
@@ -52,11 +52,11 @@ int Main(const std::vector<std::string>& arguments) {
   AddReplayCommand(app, run);
   AddVerifyCommand(app, run);
   AddCompletionCommand(app, run);
-  // Now that the commands are there, which would take it over as theirs.
+  // Set after the commands were added, because they would inherit it.
   app.footer(
       "Exit status: 0 done, 1 the answer is no, 2 wrong command line, 3 something needed cannot be used.\n"
       "`mirado COMMAND --help` says more. MIRADO_STORE and MIRADO_PLUGIN stand in for --store and --plugin.");
-  // For the shell's completion and for the build; a word that is completed may be any, so the parser has no part in it.
+  // For the shell's completion and for the build. The words to complete may be anything, so the parser is not used.
   if (!arguments.empty() && (arguments[0] == "complete" || arguments == std::vector<std::string>{"manual"})) {
     arguments[0] == "manual" ? PrintManual(app) : PrintCompletions(app, {arguments.begin() + 1, arguments.end()});
     return kDone;
@@ -76,7 +76,7 @@ int Main(const std::vector<std::string>& arguments) {
 
 int main(int argc, char** argv) {
   desk::PrepareStandardStreams();
-  // What follows `desk` is for the other program to read, `--help` included.
+  // The other program parses everything after `desk`, including `--help`.
   if (argc > 1 && argv[1] == std::string_view("desk")) {
     return desk::cli::BecomeDesk(argv + 1);
   }

@@ -7,7 +7,7 @@
 namespace desk::cli {
 namespace {
 
-/// `text` so that man(7) takes no part of it for a request.
+/// `text` escaped for man(7).
 std::string Roff(const std::string& text) {
   std::string out;
   for (const char letter : text) {
@@ -34,7 +34,7 @@ void PrintOptions(const CLI::App& command) {
   }
 }
 
-/// `text` with its line breaks, which a footer has where they matter.
+/// `text` with its line breaks, which are significant in a footer.
 void PrintText(const std::string& text) {
   if (!text.empty()) {
     std::cout << ".PP\n.nf\n" << Roff(text) << (text.ends_with('\n') ? "" : "\n") << ".fi\n";

@@ -39,9 +39,9 @@ int ReplayOne(const std::string& file, const std::string& plugin) {
   return difference->empty() ? kDone : kRefused;
 }
 
-/// In a process of its own: what one recording leaves in the plug-in must not reach the next, nor its crash.
+/// Runs in a separate process, so that neither the plug-in's state nor a crash affects the next recording.
 int ReplayAlone(const std::string& file, const ReplayOptions& options) {
-  std::cout.flush();  // else the child would print it too
+  std::cout.flush();  // otherwise the child would print it too
   const pid_t child = fork();
   if (child == 0) {
     dlog::SetThreshold(options.log_level);

@@ -25,7 +25,7 @@ struct SetUpOptions {
   bool empty = false;
   bool remove = false;
 
-  /// Whether the set is to be changed, and not shown.
+  /// Whether to change the set instead of showing it.
   bool Changes() const { return value || !items.empty() || empty || remove; }
 };
 
@@ -43,7 +43,7 @@ std::string Items(const Json& items) {
   return words.empty() ? " --empty" : words;
 }
 
-/// The set in the words that change it, one line each.
+/// The set in the words that can be used to change it, one line each.
 std::vector<std::string> Lines(const Json& set) {
   std::vector<std::string> lines = {"b2b " + OnOff(set["b2b"])};
   for (const auto& [uri, held] : set["privileges"].items()) {
@@ -66,7 +66,7 @@ std::vector<std::string> Lines(const Json& set) {
   return lines;
 }
 
-/// `json` in objects of its own, so that it stands at `place`.
+/// `json` wrapped in objects such that it is at `place`.
 Json Nested(Json::json_pointer place, Json json) {
   for (; !place.empty(); place.pop_back()) {
     json = Json{{place.back(), std::move(json)}};
@@ -74,7 +74,7 @@ Json Nested(Json::json_pointer place, Json json) {
   return json;
 }
 
-/// Prints what the set has at `place`, in the lines that begin with `words` or in JSON.
+/// Prints the set's value at `place`, as the lines that begin with `words` or as JSON.
 vconf::Status Show(const SetUpOptions& options, const std::string& words, const Json::json_pointer& place) {
   const auto set = DescribeSet();
   if (!set.ok()) {
@@ -95,7 +95,7 @@ vconf::Status Show(const SetUpOptions& options, const std::string& words, const 
   return {};
 }
 
-/// Each reader makes of the arguments what the set is to have; null takes it away.
+/// Each reader converts the arguments to the new value; null removes it.
 Json ReadOnOff(const SetUpOptions& given) { return given.value == "unknown" ? Json() : Json(given.value == "on"); }
 
 /// An integer, or null for "none".
@@ -134,8 +134,8 @@ Json ReadItems(const SetUpOptions& given) {
   return items;
 }
 
-/// Lets `command` show what the set has at `place`, under the name that is given, or give it what `read` makes of the
-/// arguments. A change without a name is one of `usual_name`.
+/// Makes `command` show the set's value at `place`, under the given name, or set it to the result of `read`. A change
+/// without a name applies to `usual_name`.
 void ShowOrChange(CLI::App& command, Run& run, const Options& options, const char* place,
                   Json (*read)(const SetUpOptions&), std::string_view usual_name = "") {
   command.callback([=, &command, &run] {
@@ -259,7 +259,7 @@ void AddSetUpCommand(CLI::App& app, Run& run) {
 
   AddScenarios(*set_up, run, options);
 
-  // Now that the words are there, which would take it over as theirs.
+  // Set after the subcommands were added, because they would inherit it.
   set_up->footer(
       "Alone it prints the set in the words that change it, and a word without a value prints what it would change.\n"
       "What the set does not have, such as a list that was removed, has no line.");

@@ -29,7 +29,7 @@ struct StoreOptions {
   bool force = false;
 };
 
-/// Which keys a command that takes a prefix is about.
+/// The keys that a command with a prefix applies to.
 struct Selection {
   std::string prefix;
   bool exact;
@@ -37,7 +37,7 @@ struct Selection {
   bool Holds(std::string_view path) const { return exact ? path == prefix : path.starts_with(prefix); }
 };
 
-/// A setting stands for its one key, everything else for what begins with it. A word with which no key begins is a
+/// A setting selects its key; any other text selects the keys that begin with it. A text with which no key begins is a
 /// misspelt setting.
 vconf::Result<Selection> Select(const StoreOptions& options) {
   const auto path = PathFromArgument(options.path);
@@ -69,7 +69,7 @@ vconf::Status Get(const StoreOptions& options) {
   return value.status();
 }
 
-/// Why a key that holds `held` does not take what was typed, and what to type.
+/// Why a key with the value `held` does not accept what was typed, and what to type.
 std::string OtherType(const vconf::Value& held, const std::string& typed) {
   if (std::holds_alternative<int>(held)) {
     return "holds an integer of 32 bits and takes no other type: write it in digits, such as " + ToArgument(held);
@@ -200,7 +200,7 @@ vconf::Status Watch(const StoreOptions& options) {
   return {};
 }
 
-/// Makes a new store where one is that cannot be used any more, or none is.
+/// Creates a new store in place of one that cannot be used any more, or where there is none.
 int Replace(const StoreChoice& store) {
   const auto moved = vconf::ReplaceStore(store.folder, DefaultEntries());
   if (!moved.ok()) {
@@ -216,7 +216,7 @@ using Work = vconf::Status (*)(const StoreOptions&);
 CLI::App* Add(CLI::App& app, Run& run, const std::shared_ptr<StoreOptions>& options, const char* name, const char* text,
               Absent absent, Work work) {
   auto* command = app.add_subcommand(name, text);
-  // Each subcommand has an option of its own, so each needs to know which of them is its store's.
+  // Each subcommand has its own option, so each needs to know which of them is its store's.
   auto store = std::make_shared<StoreChoice>();
   AddStoreOption(*command, *store);
   command->callback([options, store, absent, work, &run] {

@@ -14,7 +14,7 @@ std::string_view Trim(std::string_view text) {
   return text.substr(start, text.find_last_not_of(kBlanks) + 1 - start);
 }
 
-// Behind the text that begins at `at` with a quote.
+// The position after the JSON string that begins at `at`.
 std::size_t EndOfText(std::string_view json, std::size_t at) {
   for (++at; at < json.size() && json[at] != '"'; ++at) {
     at += json[at] == '\\' ? 1 : 0;
@@ -22,7 +22,7 @@ std::size_t EndOfText(std::string_view json, std::size_t at) {
   return std::min(at + 1, json.size());
 }
 
-// Where the value that begins at `at` ends: at the comma or bracket behind it.
+// The end of the value that begins at `at`: the position of the following comma or bracket.
 std::size_t EndOfValue(std::string_view json, std::size_t at) {
   int depth = 0;
   while (at < json.size()) {
@@ -56,7 +56,7 @@ int DepthOf(std::string_view json) {
   return deepest;
 }
 
-// What is between the tokens of JSON may hold newlines, which would cut the line.
+// Whitespace between JSON tokens may contain newlines, which would split the line.
 std::string Line(std::string_view name, std::string_view value) {
   std::string line;
   line.reserve(name.size() + value.size() + 6);

@@ -20,7 +20,7 @@ namespace {
 
 constexpr int kVersion = 1;
 
-/// Three streams of output, each with an order of its own.
+/// Three streams of output, which are compared separately.
 struct Stream {
   const char* name;
   bool (*holds)(const ParsedJson& line);
@@ -47,7 +47,7 @@ std::vector<std::string> Pick(const Stream& stream, const std::vector<ParsedJson
   return lines;
 }
 
-/// A session that was saved while it ran, or broke off, did not hear the plug-in's last word.
+/// A recording that was saved while the session ran, or that broke off, lacks the plug-in's last message.
 void ForgetUnheardEnd(const std::vector<ParsedJson>& recorded, std::vector<ParsedJson>& replayed) {
   const ParsedJson end = {{"message", "Unregister"}};
   if (std::ranges::find(recorded, end) == recorded.end()) {
@@ -66,7 +66,7 @@ vconf::Status ReadStart(const ParsedJson& json, Recording& recording) {
     return state.status();
   }
   recording.state = *std::move(state);
-  // Recordings that have none began with the session.
+  // A recording without this member began with the session.
   for (const ParsedJson& path : json.value("watches", ParsedJson::array())) {
     if (!path.is_string()) {
       return NotRecorded("watches something that is no path");
@@ -90,7 +90,7 @@ vconf::Status ReadStep(const ParsedJson& json, Recording& recording) {
   return ParseRequest(recording.in.back()).status();
 }
 
-/// A store of this process's own that goes with this object.
+/// A temporary store of this process, removed with this object.
 class TemporaryStore {
  public:
   TemporaryStore() {
@@ -123,7 +123,7 @@ class TemporaryStore {
   std::filesystem::path folder_;
 };
 
-/// What comes out when the recording's input is played.
+/// The output of replaying the recording's input.
 vconf::Result<std::vector<ParsedJson>> Play(const Recording& recording, const std::string& plugin) {
   TemporaryStore store;
   if (auto opened = store.Open(recording); !opened.ok()) {
@@ -133,7 +133,7 @@ vconf::Result<std::vector<ParsedJson>> Play(const Recording& recording, const st
   std::vector<ParsedJson> out;
   const auto say = [&](const Json& line) {
     const std::lock_guard lock(mutex);
-    out.push_back(ParsedJson::parse(ToText(line)));  // as a reader of the output would have it
+    out.push_back(ParsedJson::parse(ToText(line)));  // as a reader of the output would parse it
   };
   auto started = Session::Start(plugin, say);
   if (!started.ok()) {
@@ -146,10 +146,10 @@ vconf::Result<std::vector<ParsedJson>> Play(const Recording& recording, const st
           session->Handle({In::kSend, {{"command", setting->table->watch}, {"propertyKey", setting->key}}}));
     }
   }
-  out.clear();  // the replies to these
+  out.clear();  // drops the replies to these
   for (const std::string& line : recording.in) {
     const auto request = ParseRequest(line);
-    // A change that failed when it was recorded fails here too; it is no output of the plug-in.
+    // A change that failed when it was recorded also fails here; its error is not output of the plug-in.
     static_cast<void>(session->Handle(*request));
     session->Settle();
   }
@@ -160,7 +160,7 @@ vconf::Result<std::vector<ParsedJson>> Play(const Recording& recording, const st
 }  // namespace
 
 Recorder::Keep Recorder::In(const std::string& file) {
-  // Each line is flushed: what a session did until it was killed is what one wants to see most.
+  // Each line is flushed, so that the recording of a killed session is complete.
   return [stream = std::make_shared<std::ofstream>(file, std::ios::trunc)](std::string_view line) {
     *stream << line << std::endl;
     return stream->good();
@@ -168,7 +168,7 @@ Recorder::Keep Recorder::In(const std::string& file) {
 }
 
 Recorder::Recorder(Keep keep, Hear hear) : keep_(std::move(keep)), hear_(std::move(hear)) {
-  // A change that comes meanwhile waits for the first line.
+  // A change that arrives meanwhile waits until the first line is written.
   const std::lock_guard lock(mutex_);
   auto watch = vconf::WatchPrefix("", [this](const vconf::Change& change) { OnChange(change); });
   const auto state = DescribeState();
@@ -228,7 +228,7 @@ void Recorder::WriteLocked(const char* name, std::string_view text) {
   failed_ = !keep_(line.append(name).append(R"(": )").append(text).append("}")) || failed_;
 }
 
-// What changes while a request is handled changes again when the request is played.
+// Changes during a request are made again when the request is replayed, so they are not recorded.
 void Recorder::OnChange(const vconf::Change& change) {
   const std::lock_guard lock(mutex_);
   if (handling_ || !change.value) {

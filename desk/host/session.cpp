@@ -121,7 +121,7 @@ vconf::Result<std::unique_ptr<Session>> Session::Start(const std::string& plugin
   session->page_ =
       session->plugin_->CreateInstance([&say = session->say_, ended = false](const pp::Var& message) mutable {
         if (ended) {
-          return;  // an event of a subscription that stands until the instance is destroyed
+          return;  // an event of a subscription that exists until the instance is destroyed
         }
         ended = message.is_string() && message.AsString() == "Unregister";
         say(Line(Out::kMessage, ToJson(message)));

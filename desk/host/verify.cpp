@@ -27,7 +27,7 @@ bool Matches(const ParsedJson& message, const ParsedJson& pattern) {
          (pattern.is_string() && message.is_object() && message.value("command", ParsedJson()) == pattern);
 }
 
-/// What tells which messages are alike: the command, or the whole of a message that is no object.
+/// The key by which messages are grouped: the command, or the whole message if it is not an object.
 ParsedJson KindOf(const ParsedJson& message) {
   return message.is_object() ? message.value("command", ParsedJson()) : message;
 }
@@ -36,7 +36,7 @@ std::string Text(const ParsedJson& json) {
   return Printable(json.dump(-1, ' ', false, ParsedJson::error_handler_t::replace));
 }
 
-/// The first messages that match `pattern`, `most` at the most.
+/// The first messages that match `pattern`, at most `most`.
 std::vector<std::size_t> Candidates(const std::vector<ParsedJson>& asked, const ParsedJson& pattern, std::size_t most) {
   std::vector<std::size_t> candidates;
   for (std::size_t at = 0; at < asked.size() && candidates.size() < most; ++at) {
@@ -47,13 +47,13 @@ std::vector<std::size_t> Candidates(const std::vector<ParsedJson>& asked, const 
   return candidates;
 }
 
-/// Which pattern each message is taken for, so that as many patterns as possible have a message of their own. A message
-/// may match several: a pattern takes a message from another one that can move on.
+/// Assigns messages to patterns, such that as many patterns as possible have a message (bipartite matching). A message
+/// may match several patterns: a pattern takes a message from another one that can use a different message.
 std::vector<std::size_t> Assign(const std::vector<ParsedJson>& asked, const std::vector<ParsedJson>& patterns) {
   std::vector<std::vector<std::size_t>> candidates;
   candidates.reserve(patterns.size());
   for (const ParsedJson& pattern : patterns) {
-    candidates.push_back(Candidates(asked, pattern, patterns.size()));  // of so many one is always free
+    candidates.push_back(Candidates(asked, pattern, patterns.size()));  // with so many, one is always free
   }
   std::vector<std::size_t> taken(asked.size(), kNone);
   std::vector<bool> tried;
@@ -75,7 +75,7 @@ std::vector<std::size_t> Assign(const std::vector<ParsedJson>& asked, const std:
   return taken;
 }
 
-/// The same with the order kept: each pattern takes the first message that it can behind those before it.
+/// The same in order: each pattern takes the first matching message after that of the previous pattern.
 std::vector<std::size_t> AssignInOrder(const std::vector<ParsedJson>& asked, const std::vector<ParsedJson>& patterns) {
   std::vector<std::size_t> taken(asked.size(), kNone);
   std::size_t begin = 0;

@@ -20,7 +20,7 @@ constexpr std::string_view kNegative = "any below 0";
 
 std::span<const FaultCall> FaultCalls() {
   constexpr std::string_view kKey = "a key's path";
-  // As the calls' own declarations have it.
+  // As documented at the declarations of the calls.
   static constexpr auto calls = std::to_array<FaultCall>({
       {"vconf_get_int", kNotZero, kKey, ""},
       {"vconf_get_bool", kNotZero, kKey, ""},

@@ -136,7 +136,7 @@ vconf::Result<std::vector<ScenarioFile>> ListScenarios(const std::string& store)
     }
     std::error_code gone;
     const auto changed = fs::last_write_time(file, gone);
-    if (!gone) {  // else somebody has just removed it
+    if (!gone) {  // otherwise another process has just removed it
       const auto since = std::chrono::file_clock::to_sys(changed).time_since_epoch();
       files.push_back({file.stem().string(), std::chrono::duration_cast<std::chrono::milliseconds>(since).count()});
     }

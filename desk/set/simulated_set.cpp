@@ -61,7 +61,7 @@ Json DescribeItems(const vconf::Value& value) {
     int number = 0;
     const char* end = line.data() + blank;
     const auto parsed = std::from_chars(line.data(), end, number);
-    // A list that another program wrote may have a text in the place of a number.
+    // A list written by another program may have a text instead of a number.
     items.push_back(
         {{"value", parsed.ec == std::errc() && parsed.ptr == end ? Json(number) : Json(line.substr(0, blank))},
          {"label", blank == line.size() ? "" : line.substr(blank + 1)}});
@@ -69,7 +69,7 @@ Json DescribeItems(const vconf::Value& value) {
   return items;
 }
 
-/// A part of the set's description, and the key of the store that holds it.
+/// A part of the set's description, and its key in the store.
 struct Part {
   std::string_view where;  ///< the names that lead to it, with '/' between them
   std::string path;        ///< when it ends in '/', the part is an object, and each of its members has a key
@@ -95,7 +95,7 @@ std::span<const Part> Parts() {
   return parts;
 }
 
-/// Keys and the values that they are to have; without a value the key is taken away.
+/// Keys with their new values; a key without a value is removed.
 using Changes = std::vector<std::pair<std::string, std::optional<vconf::Value>>>;
 
 vconf::Status Apply(const Changes& changes) {
@@ -117,7 +117,7 @@ vconf::Status Apply(const Changes& changes) {
   return {};
 }
 
-/// Adds the change that `json` asks for to `changes`; `name` is the member's in a part that is an object.
+/// Adds the change that `json` describes to `changes`; `name` is the name of the member in a part that is an object.
 vconf::Status ReadOne(const Part& part, const std::string& name, const ParsedJson& json, Changes& changes) {
   const std::string where = std::string(part.where) + (part.path.ends_with('/') ? "/" + name : "");
   const auto commands = Commands();
@@ -249,7 +249,7 @@ vconf::Result<std::vector<std::string>> KnownPaths(std::string_view prefix) {
       paths.push_back(path.substr(prefix.size()));
     }
   }
-  for (const char* const path : {"memory/webapp/caption", "memory/webapp/avplay"}) {  // a new set has neither
+  for (const char* const path : {"memory/webapp/caption", "memory/webapp/avplay"}) {  // not in a new set
     if (std::string_view(path).starts_with(prefix)) {
       paths.emplace_back(path + prefix.size());
     }

@@ -8,7 +8,7 @@ namespace {
 
 pp::VarDictionary MakeReply(int code, const pp::Var& value, const std::string& error_name,
                             const std::string& error_message) {
-  pp::VarDictionary reply;  // in the order of the keys, which is the quickest
+  pp::VarDictionary reply;  // set in the order of the keys, which is fastest
   reply.Set("code", code);
   reply.Set("errorMessage", error_message);
   reply.Set("errorName", error_name);

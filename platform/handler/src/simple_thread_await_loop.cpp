@@ -26,7 +26,7 @@ bool SimpleThreadAwaitLoop::Start() {
   try {
     state_->thread = std::thread([loop = state_->loop.get()] { loop->Run(); });
   } catch (const std::system_error&) {
-    state_->loop->Quit();  // it will never run, so nobody shall wait on it
+    state_->loop->Quit();  // it will never run, so no thread may wait for it
     return false;
   }
   return true;

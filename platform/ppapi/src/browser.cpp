@@ -16,7 +16,7 @@ class Page final : public PageInstance {
   Page& operator=(const Page&) = delete;
   ~Page() override { Page::Destroy(); }
 
-  /// Makes the plug-in's side. False when there is none.
+  /// Creates the plug-in's side. False on failure.
   bool Create(Module* module, const std::vector<std::pair<std::string, std::string>>& arguments) {
     instance_.reset(module->CreateInstance(embedding_->id()));
     if (!instance_) return false;
@@ -36,7 +36,7 @@ class Page final : public PageInstance {
   void EndRegistration() override { embedding_->EndRegistration(); }
 
   void Destroy() override {
-    // Messages reach the handler until the instance itself ends its loop, and what it posts meanwhile reaches the page.
+    // The handler gets messages until the instance itself ends its loop, and its posts meanwhile reach the page.
     instance_.reset();
     embedding_->Close();
   }
@@ -64,7 +64,7 @@ class LoadedPlugin final : public Plugin {
   }
 
  private:
-  const Library library_;  // the module's code: it goes last
+  const Library library_;  // the module's code, destroyed last
   const std::unique_ptr<Module> module_;
 };
 
@@ -72,7 +72,7 @@ class LoadedPlugin final : public Plugin {
 
 vconf::Result<std::unique_ptr<Plugin>> Plugin::Load(const std::string& path) {
   const auto fail = [&](const std::string& cause) {
-    // The loader's texts mostly begin with the path.
+    // The loader's error texts usually begin with the path.
     return vconf::Status(vconf::Code::kFailed, cause.starts_with(path + ": ") ? cause : path + ": " + cause);
   };
   if (Module::Get() != nullptr) return fail("a plug-in is loaded already");

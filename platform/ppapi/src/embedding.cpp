@@ -23,8 +23,8 @@ Embeddings& AllEmbeddings() {
   return *embeddings;
 }
 
-/// Work that its maker waits for, and so can keep on the stack. All that the two threads pass to and fro lies in one
-/// cache line: each further one adds to the time of a hand-over.
+/// Work that its creator waits for, so it can be on the stack. Everything that the two threads exchange is in one cache
+/// line: each further one adds to the time of a hand-over.
 template <typename Function>
 class alignas(64) WaitedWork final : public MessageLoop::Core::Work {
  public:
@@ -47,8 +47,8 @@ class alignas(64) WaitedWork final : public MessageLoop::Core::Work {
   Completion done_;
 };
 
-/// Runs `function` on `loop` and returns what it returned, or an undefined variable when it can't run any more. On the
-/// loop's own thread, which would wait for itself, it does nothing.
+/// Runs `function` on `loop` and returns its result, or an undefined variable if the loop has ended. On the loop's own
+/// thread, which would wait for itself, it does nothing.
 template <typename Function>
 Var RunAndWait(MessageLoop::Core* loop, Function function) {
   if (loop == MessageLoop::Core::Current()) return {};
@@ -58,8 +58,8 @@ Var RunAndWait(MessageLoop::Core* loop, Function function) {
 
 }  // namespace
 
-/// A handler on its loop. It stands on a cache line of its own, apart from its count of references, which changes with
-/// every message.
+/// A handler with its loop. It has its own cache line, apart from its reference count, which changes with every
+/// message.
 struct alignas(64) Embedding::Registration {
   MessageHandler* const handler;
   const std::shared_ptr<MessageLoop::Core> loop;
@@ -165,7 +165,7 @@ void Embedding::Close() {
   }
   if (last) {
     last->open = false;
-    RunAndWait(last->loop.get(), [] { return Var(); });  // a call that still runs
+    RunAndWait(last->loop.get(), [] { return Var(); });  // waits for a call that is still running
   }
   {
     const std::lock_guard lock(listener_mutex_);

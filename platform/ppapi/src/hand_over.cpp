@@ -42,7 +42,7 @@ constexpr std::chrono::milliseconds kTurn{1};
 constexpr std::chrono::seconds kTimeWithoutYields{1};
 thread_local constinit steady_clock::time_point t_no_yields_until{};
 
-/// Yields the core of a thread with a slot. False: it had better park.
+/// Yields the core of a thread with a slot. False if the thread should park.
 bool Yield() noexcept {
   const auto before = steady_clock::now();
   sched_yield();

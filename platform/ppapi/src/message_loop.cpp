@@ -19,7 +19,7 @@ class Mark final : public Core::Work {
   void Drop() override {}
 };
 
-// They stand in place of the newest work: while the loop's thread is parked, and after the loop's end.
+// Markers that replace the newest work: while the loop's thread is parked, and after the loop has ended.
 constinit Mark g_parked;
 constinit Mark g_ended;
 
@@ -49,7 +49,7 @@ bool Core::Push(Work* work) noexcept {
 
 void Core::Run() {
   t_current = this;
-  SpinSlot slot;  // kept until the thread parks: to take one for each message would cost as much as the hand-over
+  SpinSlot slot;  // kept until the thread parks: acquiring one for each message would cost as much as the hand-over
   while (Work* oldest = WaitForWork(&slot)) {
     while (oldest != nullptr) {
       Work* const work = std::exchange(oldest, oldest->next_);
@@ -82,7 +82,7 @@ Core::Work* Core::OldestFirst(Work* newest) noexcept {
   return oldest;
 }
 
-/// All work that is queued, oldest first; null after the end.
+/// All queued work, oldest first; null after the loop has ended.
 Core::Work* Core::WaitForWork(SpinSlot* slot) noexcept {
   while (true) {
     Spin spin(kIdleSpin, slot);
@@ -102,7 +102,7 @@ Core::Work* Core::WaitForWork(SpinSlot* slot) noexcept {
   }
 }
 
-/// Called by whoever replaced `g_parked`, so once each time that the thread parks.
+/// Called by the thread that replaced `g_parked`, so once each time that the loop's thread parks.
 void Core::Unpark() noexcept {
   parked_.store(0, std::memory_order_release);
   WakeOne(&parked_);

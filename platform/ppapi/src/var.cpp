@@ -13,8 +13,8 @@
 
 namespace {
 
-/// The count of live nodes, in parts that stand on cache lines of their own: a page and a worker make and free nodes at
-/// the same time, and one shared counter would cost each of them more than the allocation.
+/// The number of live nodes, in parts on separate cache lines: a page and a worker create and free nodes at the same
+/// time, and one shared counter would cost each of them more than the allocation.
 class LiveNodes {
  public:
   void Add(std::int64_t count) noexcept {
@@ -47,8 +47,8 @@ struct PP_VarNode {
   PP_VarNode& operator=(const PP_VarNode&) = delete;
   virtual ~PP_VarNode() = default;
 
-  /// Ends the node, to which nobody refers any more. It gives up the references that it holds and puts the nodes that
-  /// nobody else holds on the list `dead`.
+  /// Destroys the node, which has no references any more. It releases the references that it holds and adds the nodes
+  /// without further references to the list `dead`.
   virtual void Retire(PP_VarNode** /*dead*/) noexcept { delete this; }
 
   std::atomic<std::uint32_t> references{1};
@@ -58,12 +58,12 @@ struct PP_VarNode {
 namespace pp {
 namespace {
 
-/// Gives up one reference to the node of `var`, which must be a counted one, and puts the node on the list `dead` when
-/// that was the last.
+/// Releases one reference to the node of `var`, which must have one, and adds the node to the list `dead` if it was the
+/// last.
 void BuryIfLast(const PP_Var& var, PP_VarNode** dead) noexcept {
   PP_VarNode* const node = var.value.as_node;
   if (node == nullptr) return;
-  // The only holder of a node needs no atomic operation to give it up.
+  // The only owner of a node can release it without an atomic operation.
   if (node->references.load(std::memory_order_acquire) != 1 &&
       node->references.fetch_sub(1, std::memory_order_acq_rel) != 1) {
     return;
@@ -88,8 +88,8 @@ struct ArrayNode final : PP_VarNode {
   std::vector<Var> values;
 };
 
-/// Entries stand in the order of their keys. The dictionaries of messages hold a handful of entries, which a sorted
-/// vector reads and copies fastest; keys that are set in their order cost a large one no more than an append.
+/// Entries are sorted by key. The dictionaries of messages have few entries, for which a sorted vector is fastest to
+/// read and copy; if keys are set in order, each costs only an append, even in a large dictionary.
 struct DictionaryNode final : PP_VarNode {
   struct Entry {
     std::string key;
@@ -98,7 +98,7 @@ struct DictionaryNode final : PP_VarNode {
 
   void Retire(PP_VarNode** dead) noexcept override;
 
-  /// The entry under `key`, or the one that it has to stand before.
+  /// The entry of `key`, or the one before which it has to be inserted.
   std::vector<Entry>::iterator LowerBound(std::string_view key) {
     if (entries.empty() || entries.back().key < key) return entries.end();
     return std::lower_bound(entries.begin(), entries.end(), key,
@@ -107,7 +107,7 @@ struct DictionaryNode final : PP_VarNode {
 
   /// The value under `key`, or null.
   const Var* Find(std::string_view key) {
-    // A few entries are compared for equality alone, which their lengths mostly decide.
+    // For few entries, comparing for equality is faster, since the lengths usually differ.
     const auto entry = entries.size() <= 8 ? std::find_if(entries.begin(), entries.end(),
                                                           [key](const Entry& one) { return one.key == key; })
                                            : LowerBound(key);
@@ -117,8 +117,8 @@ struct DictionaryNode final : PP_VarNode {
   std::vector<Entry> entries;
 };
 
-/// A few dictionaries that are not in use, with the memory of their entries. A reply is made on the worker and freed on
-/// the page's thread, which is slow in the allocator. The spares save about a seventh of a warm message's time.
+/// A few unused dictionaries, with the memory of their entries. A reply is created on the worker and freed on the
+/// page's thread, which is slow in the allocator. The spares save about a seventh of a warm message's time.
 class SpareDictionaries {
  public:
   /// An empty dictionary, owned by the caller. Any thread.
@@ -130,7 +130,7 @@ class SpareDictionaries {
     return new DictionaryNode;
   }
 
-  /// Takes over `node`, which must be as good as new. Any thread.
+  /// Takes over `node`, which must be in its initial state. Any thread.
   void Put(DictionaryNode* node) noexcept {
     if (node->entries.capacity() <= kMostEntries) {
       for (std::atomic<DictionaryNode*>& slot : slots_) {
@@ -143,7 +143,7 @@ class SpareDictionaries {
 
  private:
 #if defined(MIRADO_SANITIZE_ADDRESS)
-  static constexpr std::size_t kSpares = 0;  // so that the sanitizer sees when a freed one is used
+  static constexpr std::size_t kSpares = 0;  // so that the sanitizer detects the use of a freed one
 #else
   static constexpr std::size_t kSpares = 8;
 #endif
@@ -161,7 +161,7 @@ void DictionaryNode::Retire(PP_VarNode** dead) noexcept {
   g_spare_dictionaries.Put(this);
 }
 
-/// A variable that stands for the one reference to `node`, which may be null.
+/// A variable that owns the only reference to `node`, which may be null.
 PP_Var MakeVar(PP_VarType type, PP_VarNode* node) noexcept {
   if (node != nullptr) g_live_nodes.Add(1);
   PP_Var var{};
@@ -187,7 +187,7 @@ void Var::AddReference() const noexcept {
   if (PP_VarNode* const node = var_.value.as_node) node->references.fetch_add(1, std::memory_order_relaxed);
 }
 
-/// A list instead of recursion: a page may nest deeper than a stack reaches.
+/// A list instead of recursion: a page's message may be nested too deep for the stack.
 void Var::DropReference() noexcept {
   PP_VarNode* dead = nullptr;
   BuryIfLast(var_, &dead);

@@ -12,7 +12,7 @@ using layout::Word;
 
 namespace {
 
-// The value of `pending_number` if no change is pending.
+// The number of a change that is not recorded, such as that of a fault.
 constexpr std::uint64_t kUntold = 0;
 
 ChangeRecord* RecordIn(const Region& region, std::uint64_t number) {
