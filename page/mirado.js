@@ -69,7 +69,7 @@ function requireInteger(value, name) {
   if (value === (value | 0)) return;
   var text = typeof value === "string" ? '"' + value + '"' : String(value);
   var hint = VOICE_GUIDE_SPEED.hasOwnProperty(value) ? ". Write VOICE_GUIDE_SPEED." + value : "";
-  throw new TypeError(name + " must be an integer of 32 bits, not " + text + hint + ".");
+  throw new TypeError(name + " must be a 32-bit integer, not " + text + hint + ".");
 }
 
 // Plain text messages, which mean that the plug-in handles no messages (any more).
@@ -163,7 +163,7 @@ function createClient(element) {
     var reply = element.postMessageAndAwaitResponse(request);
     if (reply === undefined || reply === null) {
       if (element.pluginGone) endWith(element.pluginGone);
-      else end("The plug-in went away before it answered " + command + ".");
+      else end("The plug-in ended before it replied to " + command + ".");
       throw gone;
     }
     answered = true;

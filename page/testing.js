@@ -76,7 +76,7 @@ export function fakePlugin() {
   // The message as it arrives: a copy, of what JSON holds.
   function take(kind, message) {
     const text = JSON.stringify(message);
-    if (text === undefined) throw new TypeError("The message is no JSON value.");
+    if (text === undefined) throw new TypeError("The message is not a JSON value.");
     messages.push({ [kind]: JSON.parse(text) });
     return JSON.parse(text);
   }

@@ -47,8 +47,9 @@ int WithOutput(const std::function<int()>& work) {
 void Complain(const std::string& text) { std::cerr << Printable(text) << '\n'; }
 
 vconf::Status OutputFailed(int error) {
-  return {vconf::Code::kFailed, std::string("the output is not complete, it cannot be written: ") +
-                                    (error != 0 ? std::strerror(error) : "the disk is full, or nobody reads it")};
+  return {vconf::Code::kFailed,
+          std::string("the output is not complete, it cannot be written: ") +
+              (error != 0 ? std::strerror(error) : "the disk is full, or the reader has closed the pipe")};
 }
 
 int Explain(const CLI::App& app, const CLI::ParseError& error) {
@@ -95,7 +96,8 @@ CLI::Validator Between(int least, int most) {
             const bool whole = read.ec == std::errc() && read.ptr == text.data() + text.size();
             return whole && number >= least && number <= most
                        ? std::string()
-                       : Quoted(text) + " is no number from " + std::to_string(least) + " to " + std::to_string(most);
+                       : Quoted(text) + " is not a number from " + std::to_string(least) + " to " +
+                             std::to_string(most);
           },
           ""};
 }

@@ -93,13 +93,13 @@ class Output {
 
 int Host(const HostOptions& options) {
   if (WouldBeLost(options.record)) {
-    Complain(options.record + ": holds something already; remove it, or record to another file");
+    Complain(options.record + ": exists and is not empty; remove it, or record to another file");
     return kCannotWork;
   }
   ShutdownSignal end;
   if (const auto opened = OpenSet(options.store.folder); !opened.ok()) {
     // The store has logged the cause itself, unless it was never opened.
-    Complain("mirado: there is no store, so every reply that needs it will say so" +
+    Complain("mirado: no store is open; requests that need it will fail" +
              (options.store.folder.empty() ? ": " + opened.text() : ""));
   }
   dlog::SetThreshold(options.log_level);
@@ -135,7 +135,7 @@ int Host(const HostOptions& options) {
   session.reset();
   vconf::CloseStore();
   if (output.recorder() != nullptr && output.recorder()->Failed()) {
-    Complain(options.record + ": is incomplete, it could not be written to the end");
+    Complain(options.record + ": is incomplete: writing it failed");
     all_good = false;
   }
   if (output.error() != 0) {

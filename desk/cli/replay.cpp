@@ -31,7 +31,7 @@ int ReplayOne(const std::string& file, const std::string& plugin) {
   }
   const auto difference = Replay(*recording, plugin);
   if (!difference.ok()) {
-    Complain(file + ": cannot be played: " + difference.status().text());
+    Complain(file + ": cannot be replayed: " + difference.status().text());
     return kCannotWork;
   }
   std::cout << Printable(file) << ": " << recording->in.size() << " lines in, "
@@ -49,7 +49,7 @@ int ReplayAlone(const std::string& file, const ReplayOptions& options) {
   }
   int status = 0;
   if (child < 0 || waitpid(child, &status, 0) != child) {
-    Complain(file + ": cannot be played: " + std::strerror(errno));
+    Complain(file + ": cannot be replayed: " + std::strerror(errno));
     return kCannotWork;
   }
   if (WIFSIGNALED(status)) {
@@ -67,7 +67,7 @@ void AddReplayCommand(CLI::App& app, Run& run) {
   command->footer(
       "Each recording runs on a fresh store that starts as the recorded one did. Replies, deliveries and events\n"
       "are compared each in their own order; times and log lines do not count. Exit status: 0 when all came out\n"
-      "the same, 1 when one did not, 3 when one cannot be played.");
+      "the same, 1 when one did not, 3 when one cannot be replayed.");
   AddPluginOption(*command, options->plugin);
   AddLogLevelOption(*command, options->log_level);
   command->add_option("FILE", options->files, "Recordings, as `mirado host --record` writes them")->required();

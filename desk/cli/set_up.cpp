@@ -127,7 +127,7 @@ Json ReadItems(const SetUpOptions& given) {
   for (const std::string& item : given.items) {
     const auto sign = item.find('=');
     if (sign == std::string::npos) {
-      throw CLI::ValidationError(Quoted(item) + " is no item: an item is VALUE=LABEL, such as 1=English");
+      throw CLI::ValidationError(Quoted(item) + " is not an item; an item is VALUE=LABEL, such as 1=English");
     }
     items.push_back({{"value", FromNumber(item.substr(0, sign))}, {"label", TextFromArgument(item.substr(sign + 1))}});
   }

@@ -69,7 +69,7 @@ vconf::Status ReadStart(const ParsedJson& json, Recording& recording) {
   // A recording without this member began with the session.
   for (const ParsedJson& path : json.value("watches", ParsedJson::array())) {
     if (!path.is_string()) {
-      return NotRecorded("watches something that is no path");
+      return NotRecorded("watches an invalid path");
     }
     recording.watches.push_back(path);
   }

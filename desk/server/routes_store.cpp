@@ -94,7 +94,7 @@ void AddStoreRoutes(Router& router, Desk& desk) {
         body->is_object() && body->contains("value") ? ToValue(body->at("value")) : std::nullopt;
     if (!value) {
       return connection->Reply(
-          Fail({vconf::Code::kBadValue, "\"value\" must be an integer of 32 bits, true, false or a text"}));
+          Fail({vconf::Code::kBadValue, "\"value\" must be a 32-bit integer, true, false or a text"}));
     }
     desk.OnStore(connection, true, [path, value] { return Write(path, *value); });
   });

@@ -59,7 +59,7 @@ vconf::Status CheckFault(const vconf::Fault& fault) {
   }
   const FaultCall& call = **found;
   if ((call.failures == kNotZero && fault.answer == 0) || (call.failures == kNegative && fault.answer >= 0)) {
-    return BadValue(std::to_string(fault.answer) + " is no failure of " + fault.call + ": " +
+    return BadValue(std::to_string(fault.answer) + " is not a failure of " + fault.call + ": " +
                     std::string(call.failures) + " is one");
   }
   return {};

@@ -124,7 +124,7 @@ vconf::Status ReadOne(const Part& part, const std::string& name, const ParsedJso
   std::optional<vconf::Value> value;
   if (!json.is_null()) {
     if (part.path == kLatencyPrefix && std::ranges::find(commands, name, &Command::name) == commands.end()) {
-      std::string error = where + " is no command of the plug-in, which has these:";
+      std::string error = where + " is not a command of the plug-in; its commands are:";
       for (const Command& command : commands) {
         error.append(" ").append(command.name);
       }

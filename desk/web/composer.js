@@ -93,7 +93,7 @@ async function submit(other = false) {
   try {
     body = JSON.parse(message.value);
   } catch {
-    showInvalid(message, byId("message-error"), "The message is no JSON. Texts and names stand in double quotes.");
+    showInvalid(message, byId("message-error"), "The message is not JSON. Put texts and names in double quotes.");
     message.focus();
     return;
   }

@@ -123,7 +123,7 @@
     // A message as it goes over the wire. The desk skips a number that it has seen, so that one may be sent again.
     entry(kind, message) {
       const json = JSON.stringify(message);
-      if (json === undefined) throw new TypeError("The message is no JSON value.");
+      if (json === undefined) throw new TypeError("The message is not a JSON value.");
       const number = this.number + 1;
       const text = `{"n":${number},"${kind}":${json}}`;
       if (bytes(text) + 2 > MAX_BODY) throw new TypeError(`The message is over the desk's ${MAX_BODY} bytes.`);

@@ -66,7 +66,7 @@ export function failuresOf(message) {
   if (is("write")) {
     const list = setting?.values?.list;
     return [
-      gate("The set is no B2B product", "9", { b2b: false }, { b2b: true }, ({ b2b }) => b2b === false),
+      gate("The set is not a B2B product", "9", { b2b: false }, { b2b: true }, ({ b2b }) => b2b === false),
       gate("The set does not say whether it is a B2B product", "9", { b2b: null }, { b2b: true }, ({ b2b }) => b2b === null),
       gate("The application lacks the privilege (pages opened from now on)", "18", { privileges: { [privilege]: false } },
         { privileges: { [privilege]: true } }, ({ privileges }) => privileges[privilege] !== true),

@@ -186,7 +186,7 @@ describe("the desk's page", () => {
 
     await message.fill("{command}");
     await message.press("Enter");
-    await page.getByText("The message is no JSON").waitFor();
+    await page.getByText("The message is not JSON").waitFor();
     await page.getByText("Make it fail", { exact: true }).click();
     await page.getByRole("combobox", { name: "Command", exact: true }).first().selectOption("getMenuValue");
     const failure = page.getByRole("button", { name: /Reading CAPTION fails, once/ });

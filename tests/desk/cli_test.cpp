@@ -278,7 +278,7 @@ TEST_F(CliTest, AnswersASlipWithWhatMayBeMeant) {
       {{"fault", "GetItemDataList", "primary_audio_language", "-1"}, 0, "did you mean primary-audio-language?\n"},
       {{"fault", "GenericSyncCall", "get_window_id", "-1"}, 0, ""},
       {{"fault", "GetPictureSize", caption, "-1"}, 0, "GetPictureSize has no path"},
-      {{"fault", "vconf_get_int", "0"}, 1, "0 is no failure of vconf_get_int: any but 0 is one"},
+      {{"fault", "vconf_get_int", "0"}, 1, "0 is not a failure of vconf_get_int: any but 0 is one"},
       {{"fault", "vconf_set_bool", "1"}, 0, ""},
       {{"fault", "vconf_notify_key_changed", "1"}, 1, "any below 0"},
       {{"fault", "system_info_get_custom_bool", "0"}, 1, "any below 0"},

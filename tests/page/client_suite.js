@@ -85,7 +85,7 @@ function clientSuite(mirado, other, test) {
   connectedTest("mistakes of the page are told to the page and never reach the plug-in", function () {
     function take() {}
     return Promise.all([
-      [function () { client.getMenuValue("0"); }, /^propertyKey must be an integer of 32 bits, not "0"\.$/],
+      [function () { client.getMenuValue("0"); }, /^propertyKey must be a 32-bit integer, not "0"\.$/],
       [function () { client.getMiradoValue(0.5); }, /propertyKey.*not 0\.5/],
       [function () { client.onChanged(undefined, take); }, /propertyKey.*not undefined/],
       [function () { client.showCaption(true); }, /show.*not true/],

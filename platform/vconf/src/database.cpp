@@ -215,7 +215,7 @@ Status Database::Failure(int result) const {
     case SQLITE_LOCKED:
     case SQLITE_PROTOCOL:  // was locked while it was being opened
       return {Code::kBusy, file_ + ": " + HolderOf({file_, file_ + "-shm"}) +
-                               " has kept it locked too long; let it go on, or end it"};
+                               " has kept it locked too long; resume or stop that process"};
     case SQLITE_ERROR:  // such as a missing table
       return Damaged(file_);
     case SQLITE_IOERR:

@@ -48,7 +48,7 @@ Status SystemFailure(const std::string& file, int error) {
     case EPERM:
       return status(Code::kNotPermitted, std::generic_category().message(error));
     case ENOTDIR:
-      return status(Code::kFailed, "is no folder, or lies in none; name another one");
+      return status(Code::kFailed, "is not a folder, or its parent is not; use another path");
     case EROFS:
       return status(Code::kReadOnly, "may only be read by this process");
     case ENOSPC:

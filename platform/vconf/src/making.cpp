@@ -43,7 +43,7 @@ Status Fill(Region& region, const std::vector<Row>& rows, std::uint64_t number, 
     }
   }
   region.header().published = number;
-  return room ? Status() : Status(Code::kFull, region.file() + ": there is no room for it");
+  return room ? Status() : Status(Code::kFull, region.file() + ": there is no space left for it");
 }
 
 // Creates a region from `rows` under a temporary name.
@@ -235,12 +235,14 @@ PlaceResult Attach(const std::string& directory, const std::vector<Entry>* initi
   }
   struct stat about = {};
   if (folder->Check(Folder::kOldStore, &about).ok()) {
-    return folder->may_write() ? AttachFirst(*std::move(folder))
-                               : Status(Code::kReadOnly, folder->File(Folder::kOldStore) +
-                                                             ": is of an earlier version; let its owner open it once");
+    return folder->may_write()
+               ? AttachFirst(*std::move(folder))
+               : Status(Code::kReadOnly,
+                        folder->File(Folder::kOldStore) +
+                            ": has the format of an earlier version; its owner must open it once to convert it");
   }
   if (!folder->may_write()) {
-    return Status(Code::kMissing, directory + ": there is no store here, and this process may make none");
+    return Status(Code::kMissing, directory + ": there is no store here, and this process may not create one");
   }
   const auto lock = folder->LockMaking();
   const auto free = lock.ok() ? IsFree(*folder) : lock.status();

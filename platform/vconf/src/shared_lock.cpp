@@ -140,7 +140,7 @@ Status SharedLock::status(const std::string& file) const {
   }
   if (result_ == ETIMEDOUT || result_ == EBUSY) {
     return {Code::kBusy, file + ": " + NameOf(lock_.holder.load(std::memory_order_relaxed)) +
-                             " has held the lock for " + name_ + " too long; let it go on, or end it"};
+                             " has held the lock for " + name_ + " too long; resume or stop that process"};
   }
   return {Code::kDamaged,
           file + ": the lock for " + name_ + " is damaged: " + std::generic_category().message(result_)};
