@@ -15,6 +15,8 @@ const run = promisify(execFile);
 const program = process.env.MIRADO ?? fileURLToPath(new URL("../../build/release/bin/mirado", import.meta.url));
 
 export class Desk {
+  static hearsCtrlC = true; // at the terminal, as this process does
+
   static async start(...options) {
     const folder = await mkdtemp(join(tmpdir(), "mirado-desk-test-"));
     try {
@@ -38,7 +40,7 @@ export class Desk {
       if (process.getuid() === 0) run.unshift("setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
         "--inh-caps=+dac_override", "--ambient-caps=+dac_override", "--");
     }
-    desk.child = spawn(run[0], run.slice(1), { stdio: ["ignore", "pipe", "inherit"] });
+    desk.child = spawn(run[0], run.slice(1), { stdio: ["ignore", "pipe", "inherit"], detached: !Desk.hearsCtrlC });
     desk.exit = once(desk.child, "exit");
     desk.lines = [];
     for await (const line of createInterface(desk.child.stdout)) {

@@ -48,24 +48,6 @@ test("messages keep their order, and one that is sent again counts once", async 
   stream.close();
 });
 
-test("a stream that comes back goes on where it ended", async () => {
-  const page = await desk.openPage();
-  await desk.say(page, { send: { command: "registerVconfKeysForCaption", propertyKey: 0 } });
-  const first = await desk.deliveriesOf(page);
-  await desk.mirado("set", CAPTION, "1");
-  const { id } = await first.next("message");
-  assert.equal(first.retry, 500);
-  first.close();
-  for (const value of ["2", "3", "4"]) await desk.mirado("set", CAPTION, value);
-  const second = await desk.deliveriesOf(page, id);
-  for (let n = 1; n <= 3; ++n) {
-    const event = await second.next("message");
-    assert.equal(event.id, id + n);
-    assert.equal(event.data.event, "MIRADO_EVENT_CAPTION_CHANGED");
-  }
-  second.close();
-});
-
 test("a socket acknowledges posts, refuses what is none, and comes back behind the last event", async () => {
   const page = await desk.openPage();
   const first = await desk.socketOf(page);
@@ -99,6 +81,7 @@ test("events that are not kept any more are told as lost", async () => {
   await all.next("message", () => all.last === 11_000);
   const late = await desk.deliveriesOf(page, 7);
   const lost = await late.next("lost");
+  assert.equal(late.retry, 500);
   assert.equal(lost.data.count, lost.id - 7);
   assert(lost.id >= 1000, "10,000 are kept");
   assert.equal((await late.next("message")).id, lost.id + 1);

@@ -108,7 +108,6 @@ Usage OwnUsage();
 /// random choices, not the order in which processes come to run.
 void RunKill(double kills, unsigned seed);
 void RunSoak(double seconds, unsigned seed);
-void RunHttp(double requests, unsigned seed);
 
 // ---------------------------------------------------------------------------------------------------------------------
 

@@ -1,4 +1,4 @@
-// stress kill|soak|http [LENGTH [SEED]]
+// stress kill|soak [LENGTH [SEED]]
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -12,8 +12,7 @@ struct Run {
   void (*run)(double length, unsigned seed);
   double length;  // when none is given
 };
-constexpr std::array kRuns = {Run{"kill", stress::RunKill, 1000}, Run{"soak", stress::RunSoak, 1800},
-                              Run{"http", stress::RunHttp, 20'000}};
+constexpr std::array kRuns = {Run{"kill", stress::RunKill, 1000}, Run{"soak", stress::RunSoak, 1800}};
 
 }  // namespace
 
@@ -23,7 +22,7 @@ int main(int argc, char** argv) {
   const auto* const run = std::ranges::find(kRuns, name, &Run::name);
   const double length = argc > 2 ? std::atof(argv[2]) : 0;
   if (run == kRuns.end() || argc > 4 || (argc > 2 && length <= 0)) {
-    std::fputs("usage: stress kill [KILLS [SEED]] | soak [SECONDS [SEED]] | http [REQUESTS [SEED]]\n", stderr);
+    std::fputs("usage: stress kill [KILLS [SEED]] | soak [SECONDS [SEED]]\n", stderr);
     return 2;
   }
   if (run->run == stress::RunKill && !HasRobustLocks()) {
