@@ -10,7 +10,9 @@ void AddDeskOptions(CLI::App& command, DeskOptions& options) {
   command.footer(
       "It serves desk.js, its own page and its HTTP interface until SIGINT, SIGTERM or SIGHUP ends it; under nohup\n"
       "SIGHUP is ignored. Exit status: 0 ended, 2 wrong command line, 3 it cannot start.");
-  AddStoreOption(command, options.host.store);
+  CLI::Option* store = AddStoreOption(command, options.host.store);
+  command.add_flag("--temporary", options.temporary, "Make a new store and remove it when the desk ends")
+      ->excludes(store);
   AddPluginOption(command, options.host.plugin);
   command.add_option("--port", options.port, "The port on localhost; 0 takes any that is free")
       ->type_name("PORT")

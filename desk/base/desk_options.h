@@ -27,6 +27,7 @@ struct DeskOptions {
   std::string listen;         ///< an address of this machine in addition to loopback; empty for none
   bool token = false;         ///< every client needs the token; implied by `listen`
   bool until_closed = false;  ///< the desk also exits when its standard input is closed
+  bool temporary = false;     ///< use a new store, removed when the desk exits, instead of `host.store`
   HostCommand host;
 };
 

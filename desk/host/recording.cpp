@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "base/files.h"
+#include "base/temporary_folder.h"
 #include "base/terminal.h"
 #include "set/catalog.h"
 #include "set/simulated_set.h"
@@ -93,26 +94,18 @@ vconf::Status ReadStep(const ParsedJson& json, Recording& recording) {
 /// A temporary store of this process, removed with this object.
 class TemporaryStore {
  public:
-  TemporaryStore() {
-    std::string pattern = std::filesystem::temp_directory_path() / "mirado-replay-XXXXXX";
-    if (mkdtemp(pattern.data()) != nullptr) {
-      folder_ = pattern;
-    }
-  }
+  TemporaryStore() = default;
   TemporaryStore(const TemporaryStore&) = delete;
   TemporaryStore& operator=(const TemporaryStore&) = delete;
-  ~TemporaryStore() {
-    vconf::CloseStore();
-    std::error_code ignored;
-    std::filesystem::remove_all(folder_, ignored);
-  }
+  ~TemporaryStore() { vconf::CloseStore(); }
 
   vconf::Status Open(const Recording& recording) {
     std::vector<vconf::Entry> entries;
     for (const auto& [path, value] : recording.state.values) {
       entries.push_back({path, value});
     }
-    auto status = vconf::OpenOrCreateStore(folder_ / "store", entries);
+    auto status = folder_.status();
+    status = status.ok() ? vconf::OpenOrCreateStore(folder_.path() / "store", entries) : status;
     for (const vconf::Fault& fault : recording.state.faults) {
       status = status.ok() ? vconf::SetFault(fault) : status;
     }
@@ -120,7 +113,7 @@ class TemporaryStore {
   }
 
  private:
-  std::filesystem::path folder_;
+  TemporaryFolder folder_{"mirado-replay"};
 };
 
 /// The output of replaying the recording's input.

@@ -2,11 +2,13 @@
 
 #include <exception>
 #include <iostream>
+#include <optional>
 #include <string>
 
 #include "base/command_line.h"
 #include "base/desk_options.h"
 #include "base/exit_status.h"
+#include "base/temporary_folder.h"
 #include "dlog_control.h"
 #include "server/desk.h"
 #include "server/serve.h"
@@ -57,6 +59,13 @@ int Main(int argc, char** argv) {
     return Explain(app, error);
   }
   try {
+    std::optional<TemporaryFolder> folder;
+    if (options.temporary) {
+      if (!folder.emplace("mirado-set").status().ok()) {
+        return Fail(folder->status().text());
+      }
+      options.host.store = folder->path() / "store";
+    }
     const int status = Serve(options);
     vconf::CloseStore();
     return status;

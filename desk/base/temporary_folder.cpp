@@ -1,0 +1,37 @@
+#include "base/temporary_folder.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <string>
+#include <system_error>
+
+#include "base/files.h"
+
+namespace desk {
+namespace {
+
+// A store makes its settings durable, which takes longer where they could survive the power.
+std::filesystem::path Parent() {
+  const char* named = getenv("TMPDIR");
+  const char* usual = std::filesystem::exists("/dev/shm") ? "/dev/shm" : "/tmp";
+  return named != nullptr ? named : usual;
+}
+
+}  // namespace
+
+TemporaryFolder::TemporaryFolder(std::string_view name) {
+  std::string pattern = Parent() / (std::string(name) + "-XXXXXX");
+  if (mkdtemp(pattern.data()) == nullptr) {
+    status_ = FileStatus(errno, pattern);
+  }
+  path_ = pattern;
+}
+
+TemporaryFolder::~TemporaryFolder() {
+  if (status_.ok()) {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+  }
+}
+
+}  // namespace desk
