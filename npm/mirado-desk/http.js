@@ -1,45 +1,50 @@
 // HTTP with the desk. Not fetch: loading that takes longer than a desk takes to start.
-import { EventEmitter, once } from "node:events";
+import { EventEmitter, once, setMaxListeners } from "node:events";
 import { Agent, request as httpRequest } from "node:http";
 
-const address = (url) => ({ hostname: "127.0.0.1", port: new URL(url).port });
-
-/** Gives a function that sends requests to the desk at `url`, and one that ends their connections. `authorization` is
- *  the header with the desk's token, or no header where the desk has none. */
+/** Gives functions that talk to the desk at `url`. `authorization` is the header with the desk's token, or no header
+ *  where the desk has none. After `disconnect` nothing is pending, and all calls fail. */
 export function connectTo(url, authorization) {
-  const agent = new Agent({ keepAlive: true });
+  const address = { hostname: "127.0.0.1", port: new URL(url).port };
+  const agent = new Agent({ keepAlive: true }); // a connection that waits for use lets this process end
+  const connected = new AbortController();
+  setMaxListeners(0, connected.signal);
+
+  async function send(method, path, options, text, read) {
+    try {
+      const headers = { ...authorization, ...options.headers };
+      const { signal } = connected;
+      const request = httpRequest({ ...address, method, path, signal, ...options, headers }).end(text);
+      const [answer] = await once(request, "response");
+      return await read(answer.setEncoding("utf8"), request);
+    } catch (cause) {
+      const why = connected.signal.aborted ? "the set has been stopped" : "the desk does not answer";
+      throw new Error(`mirado-desk: ${method} ${path}: ${why}`, { cause });
+    }
+  }
 
   // The answer's JSON, or its text where it is none. Throws with the desk's own words.
   async function call(method, path, body) {
     const text = body === undefined ? "" : JSON.stringify(body);
-    const type = text && { "Content-Type": "application/json" };
-    const headers = { ...authorization, "Content-Length": Buffer.byteLength(text), ...type };
-    const request = httpRequest({ ...address(url), agent, method, path, headers }).end(text);
-    let answer;
-    try {
-      [answer] = await once(request, "response");
-    } catch (error) {
-      throw new Error(`mirado-desk: ${method} ${path}: the desk does not answer`, { cause: error });
-    }
-    const said = (await answer.setEncoding("utf8").toArray()).join("");
+    const headers = { "Content-Length": Buffer.byteLength(text), ...text && { "Content-Type": "application/json" } };
+    const [answer, said] = await send(method, path, { agent, headers }, text,
+      async (answer) => [answer, (await answer.toArray()).join("")]);
     const json = /^application\/json(;|$)/.test(answer.headers["content-type"]) ? JSON.parse(said) : null;
     if (answer.statusCode < 300) return json ?? said;
     const error = new Error(`mirado-desk: ${method} ${path}: ${json?.error ?? said}`);
     throw Object.assign(error, { status: answer.statusCode, code: json?.code });
   }
 
-  return { call, disconnect: () => agent.destroy() };
-}
+  // Follows the stream of server-sent events at `path`, and lets this process end. Gives an emitter of "event" with
+  // {event, data}. The stream's end is told as an event "lost".
+  const follow = (path) => send("GET", path, { agent: false }, "", (answer, request) => {
+    const emitter = new EventEmitter().setMaxListeners(0);
+    request.on("error", () => {}).socket.unref();
+    read(answer, emitter).catch(() => {}).then(() => emitter.emit("event", { event: "lost" }));
+    return emitter;
+  });
 
-/** Follows the stream of server-sent events at `path`. Emits "event" with {event, data}; `close` ends it. */
-export async function followEvents(url, path, authorization) {
-  const request = httpRequest({ ...address(url), path, headers: authorization, agent: false }).end();
-  const emitter = Object.assign(new EventEmitter(), { close: () => request.destroy() });
-  emitter.setMaxListeners(0);
-  const [answer] = await once(request, "response");
-  request.on("error", () => {}); // it ends with the desk or with close()
-  read(answer.setEncoding("utf8"), emitter).catch(() => {});
-  return emitter;
+  return { call, follow, disconnect: () => { connected.abort(); agent.destroy(); } };
 }
 
 async function read(stream, emitter) {

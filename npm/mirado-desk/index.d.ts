@@ -60,8 +60,9 @@ export interface SimulatedSet {
   /** Settings and set as new, no faults. Pages stay. */
   reset(): Promise<void>;
 
-  /** Lets a call of the platform fail, such as "vconf_get_int": for one path or all, with that answer, so many times or
-   *  (0) until it is cleared. The desk's error names the calls and answers that there are. */
+  /** Lets a call of the platform fail, such as "vconf_get_int": with that answer, so many times or (0) until it is
+   *  cleared. `path` is a setting's name or path, or what `mirado fault --help` says for the calls that are not about
+   *  settings; without it every path is meant. The desk's error names the calls and answers that there are. */
   fault(call: string, options?: { path?: string; answer?: number; times?: number }): Promise<void>;
   clearFaults(): Promise<void>;
 
@@ -80,7 +81,7 @@ export interface SimulatedSet {
   /** Any request to the desk's interface. Gives the answer's JSON. */
   call(method: string, path: string, body?: unknown): Promise<any>;
 
-  /** Ends the desk and its plug-ins and removes the store. */
+  /** Ends the desk and its plug-ins and removes the store. Whatever waits is rejected, and so is every later call. */
   stop(): Promise<void>;
   [Symbol.asyncDispose](): Promise<void>;
 }

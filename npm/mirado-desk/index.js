@@ -1,37 +1,23 @@
 // Simulated sets for tests of pages. A thin layer over the program `mirado desk` and its HTTP interface.
 import { spawn } from "node:child_process";
 import { once } from "node:events";
-import { existsSync, rmSync } from "node:fs";
-import { mkdtemp, rm } from "node:fs/promises";
-import { tmpdir } from "node:os";
-import { join } from "node:path";
+import { existsSync } from "node:fs";
 import { createInterface } from "node:readline";
 import { fileURLToPath } from "node:url";
-import { connectTo, followEvents } from "./http.js";
+import { findSetting, refuseUnknown } from "./arguments.js";
+import { connectTo } from "./http.js";
 import { Page } from "./page.js";
 
 const packed = fileURLToPath(new URL("program/bin/mirado", import.meta.url));
 const usualProgram = () => process.env.MIRADO ?? (existsSync(packed) ? packed : "mirado");
 
-// A store makes its settings durable. A test's set need not survive the power, and in memory it starts faster.
-const folders = () => !process.env.TMPDIR && existsSync("/dev/shm") ? "/dev/shm" : tmpdir();
-
-const running = new Map(); // the processes of sets that nobody has stopped, with their folders
-process.on("exit", () => {
-  for (const [child, folder] of running) {
-    child.kill("SIGKILL");
-    rmSync(folder, { recursive: true, force: true });
-  }
-});
-
 // What is public is described in index.d.ts.
-export async function startSet({ program = usualProgram(), anyOrigin = false, timeout = 5000 } = {}) {
-  const folder = await mkdtemp(join(folders(), "mirado-set-"));
+export async function startSet(options = {}) {
+  refuseUnknown("startSet", options, ["program", "anyOrigin", "timeout"]);
+  const { program = usualProgram(), anyOrigin = false, timeout = 5000 } = options;
   const origins = anyOrigin ? ["--token"] : [];
-  // The desk ends with its standard input, so also when this process is killed.
-  const child = spawn(program, ["desk", "--port", "0", "--store", join(folder, "store"), "--until-closed", ...origins],
-    { stdio: "pipe" });
-  running.set(child, folder);
+  // The desk ends with its standard input, however this process ends, and removes its store.
+  const child = spawn(program, ["desk", "--port", "0", "--temporary", "--until-closed", ...origins], { stdio: "pipe" });
   const ended = new Promise((resolve) => {
     child.on("exit", (status, signal) => resolve(signal ?? `status ${status}`));
     child.on("error", (error) => resolve(error.message));
@@ -40,16 +26,18 @@ export async function startSet({ program = usualProgram(), anyOrigin = false, ti
   child.stderr.setEncoding("utf8").on("data", (text) => { log = (log + text).slice(-4000); });
 
   const end = async () => {
+    child.ref();
     child.kill("SIGTERM");
     await ended;
-    running.delete(child);
-    await rm(folder, { recursive: true, force: true });
   };
   const lines = createInterface(child.stdout);
   const [line] = await Promise.race([once(lines, "line"), ended.then((how) => [how])]);
   lines.on("line", () => {}); // reads on, so that the desk never waits for a reader
   const [, url, query = ""] = /(http:\/\/localhost:\d+)\/(\?token=\w+)?/.exec(line) ?? [];
-  if (url) return new SimulatedSet(url, query, timeout, end);
+  if (url) {
+    for (const one of [child, ...child.stdio]) one.unref(); // this process may end without stop()
+    return new SimulatedSet(url, query, timeout, end);
+  }
   await end();
   throw new Error(`mirado-desk: "${program}" did not start: ${line}. Another program can be named in the environment ` +
     `variable MIRADO or as startSet({ program }).\n${log}`.trim());
@@ -57,17 +45,15 @@ export async function startSet({ program = usualProgram(), anyOrigin = false, ti
 
 class SimulatedSet {
   #end;
-  #authorization;
-  #disconnect;
+  #connection;
   #pages = new Map(); // by id
   #events; // a promise of the desk's events, once somebody waits for one
+  #injected = false; // whether somebody took the text of desk.js
 
   constructor(url, query, timeout, end) {
     Object.assign(this, { url, timeout, script: `${url}/desk.js${query}` });
-    this.#authorization = query ? { Authorization: `Bearer ${query.split("=")[1]}` } : {};
-    const { call, disconnect } = connectTo(url, this.#authorization);
-    this.call = call;
-    this.#disconnect = disconnect;
+    this.#connection = connectTo(url, query ? { Authorization: `Bearer ${query.split("=")[1]}` } : {});
+    this.call = this.#connection.call;
     this.#end = end;
     this.settings = {
       get: async (name) => (await this.#setting(name)).value,
@@ -75,10 +61,11 @@ class SimulatedSet {
         const { path } = await this.#setting(name);
         await this.call("PUT", `/api/store/${path}`, { value });
       },
-      becomes: async (name, value, { timeout = this.timeout } = {}) => {
+      becomes: async (name, value, options = {}) => {
+        refuseUnknown("becomes", options, ["timeout"]);
         const { path } = await this.#setting(name);
         const check = async () => (await this.settings.get(name)) === value || undefined;
-        await this.until(check, ({ event, data }) => event === "setting" && data.path === path, timeout,
+        await this.until(check, ({ event, data }) => event === "setting" && data.path === path, options.timeout,
           async () => `${name} has not become ${value}; it is ${await this.settings.get(name)}`);
       },
     };
@@ -88,8 +75,11 @@ class SimulatedSet {
   change(part) { return this.call("PATCH", "/api/set", part); }
   reset() { return this.call("POST", "/api/reset").then(() => {}); }
 
-  fault(call, { path = "*", answer = -1, times = 0 } = {}) {
-    return this.call("POST", "/api/faults", { call, path, answer, times }).then(() => {});
+  async fault(call, options = {}) {
+    refuseUnknown("fault", options, ["path", "answer", "times"]);
+    const { path = "*", answer = -1, times = 0 } = options;
+    const isKey = call.startsWith("vconf_") && path !== "*";
+    await this.call("POST", "/api/faults", { call, path: isKey ? await this.#key(path) : path, answer, times });
   }
   clearFaults() { return this.call("DELETE", "/api/faults").then(() => {}); }
 
@@ -103,14 +93,18 @@ class SimulatedSet {
     return pages.map((page) => this.#page(page));
   }
 
-  page({ url = "", timeout = this.timeout } = {}) {
+  async page(options = {}) {
+    refuseUnknown("page", options, ["url", "timeout"]);
+    const { url = "", timeout } = options;
     const isMeant = (page) => page.url.includes(url) && page.state === "running";
     const check = async () => (await this.pages()).filter(isMeant).at(-1);
-    return this.until(check, ({ event }) => event === "page", timeout,
-      () => `no page${url && ` of ${url}`} has opened; does it load ${this.script}?`);
+    return this.until(check, ({ event }) => event === "page", timeout, () =>
+      `no page${url && ` of ${url}`} has opened. Has the test opened it, and has it an ` +
+      `<embed type="application/x-mirado">?${this.#injected ? "" : ` Does it load ${this.script}?`}`);
   }
 
   async initScript() {
+    this.#injected = true;
     return `self.miradoDesk = ${JSON.stringify(this.script)};\n${await this.call("GET", "/desk.js")}`;
   }
 
@@ -119,8 +113,8 @@ class SimulatedSet {
   }
 
   // Resolves with what `check` gives once it gives something. It is asked now, and after each event that `concerns` it.
-  async until(check, concerns, timeout, failure) {
-    const events = await (this.#events ??= followEvents(this.url, "/api/events", this.#authorization));
+  async until(check, concerns, timeout = this.timeout, failure) {
+    const events = await (this.#events ??= this.#connection.follow("/api/events"));
     let wake;
     const listener = (event) => { if (event.event === "lost" || concerns(event)) wake(); };
     let late = false;
@@ -141,8 +135,7 @@ class SimulatedSet {
   }
 
   async stop() {
-    (await this.#events)?.close();
-    this.#disconnect();
+    this.#connection.disconnect(); // whoever waits asks the desk again when the events end, and is refused
     await this.#end();
   }
 
@@ -153,10 +146,13 @@ class SimulatedSet {
   }
 
   async #setting(name) {
-    const { settings } = await this.call("GET", "/api/settings");
-    const found = settings.find((one) => [one.name, one.name.replace(/^[A-Z]+_KEY_/, ""), one.path].includes(name));
-    if (!found) throw new TypeError(`mirado-desk: there is no setting ${name}`);
-    return found;
+    return findSetting((await this.call("GET", "/api/settings")).settings, name);
+  }
+
+  // The path of a setting, or of another key that the store has.
+  async #key(name) {
+    const { keys } = await this.call("GET", "/api/store");
+    return keys.some(({ path }) => path === name) ? name : (await this.#setting(name)).path;
   }
 }
 if (Symbol.asyncDispose) SimulatedSet.prototype[Symbol.asyncDispose] = SimulatedSet.prototype.stop;

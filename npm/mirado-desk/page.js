@@ -1,4 +1,5 @@
 import { isDeepStrictEqual } from "node:util";
+import { checkFields, findSetting, refuseUnknown } from "./arguments.js";
 
 const has = (message, part) => Object.entries(part).every(([name, value]) => isDeepStrictEqual(message?.[name], value));
 
@@ -20,23 +21,26 @@ export class Page {
     return (await this.#call("GET", "")).watches;
   }
 
-  asked(command, fields = {}, options = {}) {
-    return this.#next(["send", "post"], { command, ...fields }, options, `asked ${command}`);
+  async asked(command, fields = {}, options) {
+    checkFields(fields, options, `asked("${command}", {}, { timeout: 300 })`);
+    const what = `asked ${command}${Object.keys(fields).length ? ` with ${JSON.stringify(fields)}` : ""}`;
+    return this.#next("asked", ["send", "post"], { command, ...fields }, options, what);
   }
-  told(fields, options = {}) {
-    return this.#next(["reply", "message"], fields, options, `been told ${JSON.stringify(fields)}`);
+  async told(fields, options) {
+    checkFields(fields, options, 'told({ command: "setMenuValue" }, { timeout: 300 })');
+    return this.#next("told", ["reply", "message"], fields, options, `been told ${JSON.stringify(fields)}`);
   }
 
-  async event(name, options = {}) {
+  async event(name, options) {
     const { tables, settings } = await this.#set.call("GET", "/api/catalog");
-    const found = settings.find((one) => one.name === name || one.name.replace(/^[A-Z]+_KEY_/, "") === name);
-    if (!found) throw new TypeError(`mirado-desk: there is no setting ${name}`);
-    return this.#next(["message"], { event: tables[found.table].event, value: found.key }, options,
+    const found = findSetting(settings, name);
+    return this.#next("event", ["message"], { event: tables[found.table].event, value: found.key }, options,
       `been told of a change of ${name}`);
   }
 
-  verify(messages, { order = true, exact = false } = {}) {
-    return this.#call("POST", "verify", { messages, order, exact });
+  async verify(messages, options = {}) {
+    refuseUnknown("verify", options, ["order", "exact"]);
+    return this.#call("POST", "verify", { messages, order: true, exact: false, ...options });
   }
 
   async send(message) {
@@ -49,7 +53,7 @@ export class Page {
   async kill() {
     await this.#call("POST", "kill");
     const check = async () => (await this.#call("GET", "")).state !== "running" || undefined;
-    await this.#set.until(check, ({ event }) => event === "page", this.#set.timeout, () => "the plug-in still runs");
+    await this.#set.until(check, ({ event }) => event === "page", undefined, () => "the plug-in still runs");
   }
   leave() { return this.#call("POST", "leave").then(() => {}); }
 
@@ -58,7 +62,8 @@ export class Page {
   }
 
   // The oldest entry of one of the kinds that has these fields and was not given before.
-  #next(kinds, fields, { timeout = this.#set.timeout } = {}, what) {
+  #next(call, kinds, fields, options = {}, what) {
+    refuseUnknown(call, options, ["timeout"]);
     const check = async () => {
       const found = (await this.dialogue()).find(({ n, kind, body }) =>
         kinds.includes(kind) && !this.#taken.has(n) && has(body, fields));
@@ -66,9 +71,10 @@ export class Page {
       return found?.body;
     };
     const concerns = ({ event, data }) => event === "dialogue" && data.page === this.id;
-    return this.#set.until(check, concerns, timeout, async () => {
+    return this.#set.until(check, concerns, options.timeout, async () => {
       const entries = (await this.dialogue()).filter(({ kind }) => kinds.includes(kind)).slice(-10);
-      const said = entries.map(({ kind, body }) => `\n  ${kind} ${JSON.stringify(body)}`).join("") || "\n  nothing";
+      const said = entries.map(({ n, kind, body }) =>
+        `\n  ${kind} ${JSON.stringify(body)}${this.#taken.has(n) ? " (given before)" : ""}`).join("") || "\n  nothing";
       return `the page has not ${what}. The last of it:${said}`;
     });
   }

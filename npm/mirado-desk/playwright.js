@@ -19,6 +19,9 @@ export const test = base.extend({
     await context.grantPermissions(["local-network-access"]).catch(() => {});
     await context.addInitScript({ content: await set.initScript() });
     await context.route(/\/desk\.js(\?|$)/, (route) => route.fulfill({ contentType: "text/javascript", body: "" }));
+    context.on("console", (message) => {
+      if (message.text().startsWith("Mirado:")) console.log(message.text());
+    });
     await use(context);
   },
 });

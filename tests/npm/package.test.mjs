@@ -43,8 +43,17 @@ it("the README's tests pass with what is packed alone", () => {
   writeFileSync(join(folder, "b2b.test.mjs"), test);
   writeFileSync(join(folder, "playwright.config.mjs"), config);
   assert.match(run("node", "--test", "b2b.test.mjs"), /# pass 1\n/);
-  const playwright = "node_modules/@playwright/test/cli.js";
-  assert.match(run("node", playwright, "test", "caption", "--reporter", "line"), /2 passed/);
+  writeFileSync(join(folder, "fixture.spec.mjs"), `import { expect, test } from "mirado-desk/playwright";
+    let last;
+    test("needs no answer to a script tag for a desk", async ({ page, set }) => {
+      last = set;
+      await page.setContent('<script src="http://localhost:1/desk.js" onerror="document.title = 1"></script>');
+      expect(await page.title()).toBe("");
+      await Promise.all([page.waitForEvent("console"), page.evaluate(() => console.error("Mirado: is copied"))]);
+    });
+    test("stops the last test's set", () => expect(last.describe()).rejects.toThrow("stopped"));`);
+  const said = run("node", "node_modules/@playwright/test/cli.js", "test", "--workers", "1", "--reporter", "line");
+  assert.match(said, /Mirado: is copied[^]*5 passed/);
 
   writeFileSync(join(folder, "types.mts"), `import { startSet } from "mirado-desk";
     import { test } from "mirado-desk/playwright";

@@ -1,11 +1,11 @@
 // mirado-desk from a test's side, on real desks.
 import assert from "node:assert/strict";
 import { execFileSync, spawnSync } from "node:child_process";
-import { mkdtempSync, readdirSync, rmSync } from "node:fs";
+import { once } from "node:events";
+import { mkdtempSync, readdirSync, rmSync, watch } from "node:fs";
 import { tmpdir } from "node:os";
 import { join } from "node:path";
 import { after, before, beforeEach, it } from "node:test";
-import { ended } from "../desk/desk.mjs";
 import { startSet } from "../../npm/mirado-desk/index.js";
 
 process.env.MIRADO ??= new URL("../../build/release/bin/mirado", import.meta.url).pathname;
@@ -43,7 +43,9 @@ it("sees what a page asks and is told, each message once, and waits for what com
   assert.equal((await page.told({ command: "setMenuValue", code: 0 })).value, 1);
   await set.settings.becomes("CAPTION", 2, forever);
   await assert.rejects(page.asked("setMenuValue", {}, { timeout: 50 }),
-    /50 ms the page has not asked setMenuValue. The last of it:\n(.*register.*\n)+(.*setMenu.*\n){2}.*"value":2}/);
+    /50 ms the page has not asked setMenuValue. The last of it:\n(.*register.*}\n)+(.*setMenu.*before\)\n){2}.*2} \(/);
+  await assert.rejects(page.asked("setMenuValue", { timeout: 50 }), /asked\("setMenuValue", {}, { timeout/);
+  await assert.rejects(page.told("setMenuValue"), /told\({ command/);
   await assert.rejects(set.settings.becomes("CAPTION", 3, { timeout: 50 }), /it is 2/);
   await page.leave();
 });
@@ -53,7 +55,7 @@ it("steers the set", async () => {
   const read = () => page.send({ command: "getMenuValue", propertyKey: 15 });
   await set.settings.set("TTS", true);
   assert.deepEqual([await set.settings.get("MENU_KEY_TTS"), (await read()).value], [true, 1]);
-  await set.fault("vconf_get_bool", { path: "db/setting/accessibility/tts", times: 1 });
+  await set.fault("vconf_get_bool", { path: "TTS", times: 1 });
   assert.deepEqual([(await read()).code, (await read()).code], [9999, 0]);
   await set.fault("vconf_get_bool");
   await set.clearFaults();
@@ -61,7 +63,9 @@ it("steers the set", async () => {
   assert.equal((await set.change({ pictureSize: 2 })).pictureSize, 2);
   assert.equal((await set.describe()).pictureSize, 2);
 
-  await assert.rejects(set.settings.set("CAPTOIN", 1), /no setting CAPTOIN/);
+  await assert.rejects(set.settings.set("CAPTOIN", 1), /no setting CAPTOIN, but there are CAPTION,/);
+  await assert.rejects(set.fault("vconf_get_bool", { path: "db/no/key" }), /no setting db/);
+  await assert.rejects(set.fault("vconf_get_bool", { tims: 1 }), /no option tims, but path/);
   await assert.rejects(set.settings.set("CAPTION", "on"), { status: 409 });
   await assert.rejects(set.fault("no_such_call"), /vconf_get_int/);
   await set.fault("RegisterMessageHandler");
@@ -78,8 +82,8 @@ it("says why no set starts", async () => {
   await assert.rejects(startSet({ program: "false" }), /did not start: status 1/);
 });
 
-it("leaves nothing behind, also when many sets run at a time", async () => {
-  const left = () => [readdirSync(folder),
+it("leaves nothing behind, also when many sets run at a time", async (t) => {
+  const left = () => [readdirSync(folder), // a desk removes its folder as the last thing that it does
     execFileSync("ps", ["-eo", "pid,args"], { encoding: "utf8" }).split("\n").filter((args) => args.includes(folder))];
   const before = left();
   let started = 0;
@@ -93,12 +97,23 @@ it("leaves nothing behind, also when many sets run at a time", async () => {
     }
   }));
   assert.deepEqual(left(), before);
-  const leave = (how) => spawnSync(process.execPath, ["--input-type=module", "--eval", `
-    import { startSet } from ${JSON.stringify(new URL("../../npm/mirado-desk/index.js", import.meta.url))};
-    await startSet();
-    ${how}`]);
-  leave("process.exit();");
-  assert.deepEqual(left(), before);
-  leave('process.kill(process.pid, "SIGKILL");');
-  await Promise.all(left()[1].filter((line) => !before[1].includes(line)).map((line) => ended(parseInt(line))));
+  const removals = watch(folder);
+  t.after(() => removals.close());
+  for (const how of ["", "process.exit();", ...["INT", "KILL"].map((name) => `process.kill(process.pid, "SIG${name}");`)]) {
+    const { error } = spawnSync(process.execPath, ["--input-type=module", "--eval", `
+      import { startSet } from ${JSON.stringify(new URL("../../npm/mirado-desk/index.js", import.meta.url))};
+      await (await (await startSet()).openPage()).event("CAPTION", { timeout: 1 }).catch(() => {});
+      ${how}`], { timeout: 30_000 });
+    assert.ifError(error);
+    while (readdirSync(folder).length > 1) await once(removals, "change");
+    assert.deepEqual(left(), before);
+  }
+});
+
+it("ends what is pending when it is stopped", async () => {
+  const one = await startSet();
+  const page = await one.openPage();
+  const waiting = [page.event("CAPTION"), one.settings.becomes("CAPTION", 1), one.page({ url: "none" })];
+  await Promise.all([one.stop(), ...waiting.map((wait) => assert.rejects(wait, /has been stopped/))]);
+  await assert.rejects(one.describe(), /has been stopped/);
 });
