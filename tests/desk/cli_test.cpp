@@ -207,7 +207,9 @@ TEST_F(CliTest, OutputThatCannotBeWrittenIsAFailure) {
     EXPECT_TRUE(Holds(Contents(log()), "the output is not complete")) << command;
   }
   EXPECT_EQ(Shell("echo '{\"settle\":true}' | mirado host >/dev/full"), 3);
-  EXPECT_EQ(Shell("mirado host <&- >/dev/null"), 0) << "it reads no other file in the place of its input";
+  if (std::getenv("MIRADO_EMULATED") == nullptr) {  // the emulator itself would open a file in place of the input
+    EXPECT_EQ(Shell("mirado host <&- >/dev/null"), 0) << "it reads no other file in the place of its input";
+  }
   Program closed({"list", "--store", store()}, log());
   closed.CloseOutput();
   EXPECT_EQ(closed.Wait(), 3);
