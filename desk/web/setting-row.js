@@ -34,6 +34,8 @@ export class SettingRow {
     this.watch = make("button", { type: "button", className: "watch", onclick: () => this.toggleWatch() });
     this.element = make("li", { className: "setting" }, this.name, this.meaning, this.place, ...setting.name ? [this.watch] : [], this.error);
     if (!setting.name) this.element.classList.add("other");
+    // Left in place it would run again whenever the row comes into sight.
+    this.element.addEventListener("animationend", () => this.element.classList.remove("changed"));
   }
 
   get label() {
