@@ -20,9 +20,9 @@ export function fillSelect(select, options) {
   if (options.some(({ value }) => String(value) === chosen)) select.value = chosen;
 }
 
-/** Writes a field unless somebody is typing in it at this moment. */
+/** Writes a field unless somebody is typing in it at this moment, or what they typed is still to be corrected. */
 export function showText(field, text) {
-  if (document.activeElement !== field) field.value = text;
+  if (document.activeElement !== field && !field.hasAttribute("aria-invalid")) field.value = text;
 }
 
 /** Sets a text only where it changes, which costs the browser nothing and keeps a reader's selection. */

@@ -47,7 +47,10 @@ export async function change(part) {
 
 byId("b2b").onchange = () => change({ b2b: JSON.parse(byId("b2b").value) });
 byId("privilege").onchange = () => change({ privileges: { [state.catalog.privilege]: byId("privilege").checked } });
-byId("video-control").onchange = () => change({ pictureSize: byId("video-control").checked ? USUAL_PICTURE_SIZE : null });
+byId("video-control").onchange = () => {
+  showInvalid(byId("picture-size"), byId("picture-error"), "");
+  change({ pictureSize: byId("video-control").checked ? USUAL_PICTURE_SIZE : null });
+};
 byId("picture-size").onchange = () => {
   const field = byId("picture-size");
   const good = /^[+-]?\d+$/.test(field.value);
