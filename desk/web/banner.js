@@ -6,7 +6,7 @@ import { changed, observe, state } from "./state.js";
 // The gravest is shown. What comes later in this list often follows from what comes before.
 const ORDER = ["desk", "stream", "store", "plugin", "crash", "limit", "action", "done"];
 
-const problems = new Map(); // by kind: {source, title, text, lines, button: {text, run, focus}, mild}
+const problems = new Map(); // by kind: {source, title, text, lines, button: {text, run}, mild}
 let shown = null;
 
 /** Shows `problem` until another one of its kind or null is reported. */
@@ -49,10 +49,10 @@ function contentOf(kind, { title, text, lines = [], button, dismiss }) {
   const buttons = [];
   if (button) {
     let running = false; // a button that is disabled would lose the focus
-    buttons.push(make("button", { type: "button", className: "usual", onclick: async () => {
+    buttons.push(make("button", { type: "button", className: "usual", onclick: async ({ currentTarget }) => {
       if (running) return;
       running = true;
-      await button.run();
+      await button.run(currentTarget);
       running = false;
     } }, button.text));
   }

@@ -193,5 +193,5 @@ observe(["pages", "selected", "linked"], () => {
     awaitsFocus = false;
     queueMicrotask(() => message.focus()); // what is hidden takes no focus: all parts of the page are shown first
   }
-  byId("composer-page").textContent = selectedPage() ? "" : "Choose a page to send it messages.";
+  byId("composer-page").textContent = selectedPage() || !state.linked ? "" : "Choose a page to send it messages.";
 });

@@ -4,20 +4,30 @@ import { ask } from "./ask.js";
 import { attempt, report } from "./banner.js";
 import { focusMessage } from "./composer.js";
 import { closeConsole, isConsole, openConsole } from "./console.js";
-import { byId } from "./dom.js";
+import { byId, copyFrom } from "./dom.js";
 import { changed, observe, state, titleOf } from "./state.js";
 
 const TRIES = "This page tries again every second.";
 
-const GONE = { title: "The desk does not answer.",
-  text: `Start it again with “mirado desk --port ${location.port || 80}”. ${TRIES} Pages reload to get a plug-in.` };
+// What a shell takes as one word.
+const quoted = (word) => /^[\w./-]+$/.test(word) ? word : `'${word.replaceAll("'", "'\\''")}'`;
+
+// Its store is known when the desk has answered before.
+function gone() {
+  const store = state.desk ? ` --store ${quoted(state.desk.store.folder)}` : "";
+  const command = `mirado desk --port ${location.port || 80}${store}`;
+  return { title: "The desk does not answer.",
+    text: `Start it again with the command below. ${TRIES} Pages that use keepConnected come back by themselves; reload the others.`,
+    lines: [command], button: { text: "Copy the command", run: (button) => copyFrom(button, command) } };
+}
+
 const FULL = { title: "The desk takes no further reader of its events.", text: `Close another desk page. ${TRIES}` };
 const LOCKED = { title: "This desk asks for its token.",
   text: "Open the link that “mirado desk” printed when it began; it ends with the token." };
 
 /** The stream of events has ended or did not begin. `error` is why the desk answers nothing else, or null. */
 export function reportBroken(error) {
-  report("desk", error ? error.status === 403 ? LOCKED : GONE : null);
+  report("desk", error ? error.status === 403 ? LOCKED : gone() : null);
   report("stream", error ? null : FULL);
 }
 
@@ -78,7 +88,7 @@ observe(["pages", "selected"], () => {
   const crashed = [...state.pages.values()].filter((page) => page.state === "crashed");
   const page = state.selected ? crashed.find(({ id }) => id === state.selected) : crashed.at(-1);
   report("crash", !page || told.has(page.id) ? null : { title: `The plug-in of ${titleOf(page)} has ended.`,
-    text: isConsole(page.id) ? "" : "Load the page anew in its browser to start another.",
+    text: isConsole(page.id) ? "" : "Reload the page in its browser to start another.",
     lines: page.lastLog ?? [],
     dismiss: () => told.add(page.id),
     button: isConsole(page.id) ? { text: "Start again", run: async () => {
