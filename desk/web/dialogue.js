@@ -10,7 +10,7 @@ const exchanges = new Map(); // by page and number of the entry that opened the 
 const seen = () => ({ kind: byId("filter-kind").value, setting: byId("filter-setting").value, failures: byId("filter-failures").checked });
 let filter = seen();
 const rows = new Rows(byId("dialogue"),
-  { label: "Messages", passes: (exchange) => exchange.passes(filter), empty: "Nothing was said yet." });
+  { label: "Messages", passes: (exchange) => exchange.passes(filter), empty: "No messages yet." });
 
 const keyOf = (page, n) => `${page} ${n}`;
 

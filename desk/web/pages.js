@@ -62,7 +62,7 @@ function showChosen() {
   byId("record").hidden = Boolean(recording?.running);
   byId("stop").hidden = !recording?.running;
   byId("save").hidden = !recording;
-  setText(byId("recorded"), recording ? `${recording.running ? "●" : "■"} ${recording.lines} lines${recording.full ? ", full" : ""}` : "");
+  setText(byId("recorded"), recording ? `${recording.running ? "●" : "■"} ${recording.lines} ${recording.lines === 1 ? "line" : "lines"}${recording.full ? ", full" : ""}` : "");
   byId("close-console").hidden = !page || !isConsole(page.id);
 }
 
@@ -114,7 +114,7 @@ export async function load() {
 byId("kill").onclick = async () => {
   const page = selectedPage();
   const sure = await ask(`Kill the plug-in of ${titleOf(page)}?`,
-    "Its process dies at once, as in a crash. The page stays without a plug-in until it is loaded anew.", "Kill it");
+    "Its process dies at once, as in a crash. A page that uses keepConnected connects again by itself; others must be reloaded.", "Kill it");
   if (sure) attempt("page", () => api.post(`/api/pages/${page.id}/kill`));
 };
 

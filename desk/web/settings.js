@@ -112,10 +112,12 @@ byId("key-form").onsubmit = async (event) => {
   event.preventDefault();
   const [path, type, value] = ["key-path", "key-type", "key-value"].map(byId);
   const given = READ_AS[type.value](value.value);
-  const wrongPath = PREFIX.test(path.value) ? "" : "A path begins with db/ (kept) or memory/ (until the set is switched off).";
+  const wrongPath = !PREFIX.test(path.value) ? "A path begins with db/ (kept) or memory/ (until the set is switched off)." :
+    state.values?.has(path.value) ? "There is such a key already." : "";
+  showInvalid(value, byId("key-error"), "");
   showInvalid(path, byId("key-error"), wrongPath);
   if (wrongPath) return;
-  const wrong = state.values?.has(path.value) ? "There is such a key already." : given === undefined ? WRONG[type.value] : "";
+  const wrong = given === undefined ? WRONG[type.value] : "";
   showInvalid(value, byId("key-error"), wrong);
   if (wrong) return;
   if (await attempt("key", () => api.put(api.keyAddress(path.value), { value: given }))) {

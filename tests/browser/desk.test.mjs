@@ -103,13 +103,14 @@ describe("the desk's page", () => {
     await tab(page, / Two/).click();
     await said(page, "getVersion").waitFor({ state: "detached" });
     await button(page, "Record").click();
+    await button(page, "Record").waitFor({ state: "hidden" });
     await say(page, "registerVconfKeysForCaption", { key: 0 }); // the page's watch button knows, whoever asked
     const watch = page.getByRole("button", { name: /^Watch Caption, Caption; watched by 1 page/ });
     await watch.and(page.locator("[aria-pressed=true]")).waitFor();
     assert.deepEqual((await desk.call("GET", `/api/pages/${two.id}`)).watches, [CAPTION]);
     assert.deepEqual((await desk.call("GET", `/api/pages/${one.id}`)).watches, []);
     await button(page, "Stop").click();
-    const [download] = await Promise.all([page.waitForEvent("download"), button(page, "Save").click()]);
+    const [download] = await Promise.all([page.waitForEvent("download"), button(page, "Download").click()]);
     assert.match(await readFile(await download.path(), "utf8"), /registerVconfKeysForCaption/);
     await button(page, "Record").waitFor();
     await watch.click();
@@ -259,6 +260,7 @@ describe("the desk's page", () => {
     await scenario.getByLabel("Name").fill("no-b2b");
     await scenario.getByRole("button").click();
     await button(page, "Load no-b2b").waitFor();
+    assert.equal(await page.getByLabel("Picture size", { exact: true }).inputValue(), "", "what is wrong stays to be corrected");
 
     await button(page, "Reset …").click();
     await answer(page, "Reset the set");
