@@ -21,6 +21,7 @@ function loadScript() {
 export async function openConsole() {
   if (element) {
     select(element.dataset.page);
+    report("done", { title: "The console is open already.", text: "This window has one, whose tab is chosen now.", mild: true, dismiss: true });
     return;
   }
   try {
