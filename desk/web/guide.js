@@ -57,7 +57,9 @@ for (const button of document.querySelectorAll("[data-copy]")) {
 byId("save-page").onclick = () => download("hello.html", byId("code-page").textContent);
 byId("open-guide").onclick = () => {
   want(byId("guide").hidden);
-  if (!byId("guide").hidden) byId("guide").focus();
+  if (byId("guide").hidden) return;
+  byId("guide").querySelector(".steps").scrollTop = 0;
+  byId("guide").focus();
 };
 byId("guide-close").onclick = () => {
   want(false);
