@@ -301,6 +301,7 @@ describe("the desk's page", () => {
       await openDesk(page, desk.url);
       await openConsole(page);
       await say(page, "getVersion");
+      await said(page, /getVersion.*"4.0"/).waitFor(); // so the log has the lines of the start
       const { id } = (await desk.call("GET", "/api/pages")).pages.at(-1);
       await desk.call("POST", `/api/pages/${id}/kill`);
       const crash = banner(page, /Console has ended/);
