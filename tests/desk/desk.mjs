@@ -14,6 +14,9 @@ import { promisify } from "node:util";
 const run = promisify(execFile);
 const program = process.env.MIRADO ?? fileURLToPath(new URL("../../build/release/bin/mirado", import.meta.url));
 
+const running = new Set(); // the desks' processes
+process.once("exit", () => running.forEach((child) => child.kill()));
+
 export class Desk {
   static hearsCtrlC = true; // at the terminal, as this process does
 
@@ -41,11 +44,16 @@ export class Desk {
         "--inh-caps=+dac_override", "--ambient-caps=+dac_override", "--");
     }
     desk.child = spawn(run[0], run.slice(1), { stdio: ["ignore", "pipe", "inherit"], detached: !Desk.hearsCtrlC });
-    desk.exit = once(desk.child, "exit");
+    desk.ended = once(desk.child, "exit");
+    running.add(desk.child);
+    desk.child.once("exit", () => running.delete(desk.child));
     desk.lines = [];
     for await (const line of createInterface(desk.child.stdout)) {
       if (desk.lines.push(line) === 3) break;
     }
+    // A test that fails does not stop its desk; this process ends all the same.
+    desk.child.unref();
+    desk.child.stdout.unref();
     const link = /:(\d+)\/(?:\?token=(\w+))?$/.exec(desk.lines[0]);
     desk.port = Number(link?.[1]);
     desk.token = link?.[2];
@@ -56,6 +64,12 @@ export class Desk {
     desk.url = `http://localhost:${desk.port}`;
     desk.script = `${desk.url}/desk.js${desk.token ? `?token=${desk.token}` : ""}`;
     return desk;
+  }
+
+  // Settles with [status, signal] when the desk has ended.
+  get exit() {
+    this.child.ref();
+    return this.ended;
   }
 
   async stop(signal = "SIGTERM", keep = false) {
