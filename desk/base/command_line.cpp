@@ -34,55 +34,55 @@ void PrepareStandardStreams() {
   static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
 }
 
-int WithOutput(const std::function<int()>& work) {
+int WithCheckedOutput(const std::function<int()>& work) {
   const int status = work();
   errno = 0;
   if (std::cout.flush()) {
     return status;
   }
-  Complain(OutputFailed(errno).text());
+  PrintError(OutputError(errno).text());
   return kCannotWork;
 }
 
-void Complain(const std::string& text) { std::cerr << Printable(text) << '\n'; }
+void PrintError(const std::string& text) { std::cerr << Printable(text) << '\n'; }
 
-vconf::Status OutputFailed(int error) {
+vconf::Status OutputError(int error) {
   return {vconf::Code::kFailed,
           std::string("the output is not complete, it cannot be written: ") +
               (error != 0 ? std::strerror(error) : "the disk is full, or the reader has closed the pipe")};
 }
 
-int Explain(const CLI::App& app, const CLI::ParseError& error) {
+int PrintParseError(const CLI::App& app, const CLI::ParseError& error) {
   if (error.get_exit_code() == 0) {
     app.exit(error);
     return kDone;
   }
   const CLI::App& called = Called(app);
   if (const auto unexpected = app.remaining(true); unexpected.empty()) {
-    Complain(error.what());
+    PrintError(error.what());
   } else {
     std::vector<std::string> known;
-    for (const CLI::Option* const option : OptionsOf(called)) {
+    for (const CLI::Option* const option : AcceptedOptions(called)) {
       known.push_back(option->get_name());
     }
     for (const CLI::App* const below : called.get_subcommands([](const CLI::App*) { return true; })) {
       known.push_back(below->get_name());
     }
-    Complain(WordsOf(called) + ": " + Quoted(unexpected.front()) + " is not expected here" +
-             Suggestion(unexpected.front(), known));
+    PrintError(FullName(called) + ": " + Quoted(unexpected.front()) + " is not expected here" +
+               Suggestion(unexpected.front(), known));
   }
-  Complain("`" + WordsOf(called) + " --help` says what it takes.");
+  PrintError("`" + FullName(called) + " --help` says what it takes.");
   return kUsage;
 }
 
-std::string WordsOf(const CLI::App& command) {
-  return (command.get_parent() == nullptr ? "" : WordsOf(*command.get_parent()) + " ") + command.get_name();
+std::string FullName(const CLI::App& command) {
+  return (command.get_parent() == nullptr ? "" : FullName(*command.get_parent()) + " ") + command.get_name();
 }
 
-std::vector<const CLI::Option*> OptionsOf(const CLI::App& command) {
+std::vector<const CLI::Option*> AcceptedOptions(const CLI::App& command) {
   auto options = command.get_options();
   if (command.get_parent() != nullptr && command.get_parent()->get_fallthrough()) {
-    const auto above = OptionsOf(*command.get_parent());
+    const auto above = AcceptedOptions(*command.get_parent());
     options.insert(options.end(), above.begin(), above.end());
   }
   return options;

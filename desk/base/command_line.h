@@ -18,22 +18,22 @@ void PrepareStandardStreams();
 
 /// Runs `work`, which returns an exit status, and checks that its output was written; if not, returns `kCannotWork` and
 /// prints a line on stderr.
-int WithOutput(const std::function<int()>& work);
+int WithCheckedOutput(const std::function<int()>& work);
 
 /// Prints `text` as one line on stderr; control characters are escaped.
-void Complain(const std::string& text);
+void PrintError(const std::string& text);
 
 /// The failure of a write to standard output; `error` is the errno, or 0 if it is not known.
-vconf::Status OutputFailed(int error);
+vconf::Status OutputError(int error);
 
 /// Handles a parse error of `app`: prints the requested help or version, or the error. Returns the exit status.
-int Explain(const CLI::App& app, const CLI::ParseError& error);
+int PrintParseError(const CLI::App& app, const CLI::ParseError& error);
 
 /// The full name of `command`, such as "mirado set-up b2b".
-std::string WordsOf(const CLI::App& command);
+std::string FullName(const CLI::App& command);
 
 /// The options that `command` accepts, including those of its parent commands if it falls through to them.
-std::vector<const CLI::Option*> OptionsOf(const CLI::App& command);
+std::vector<const CLI::Option*> AcceptedOptions(const CLI::App& command);
 
 /// Accepts a number from `least` to `most` as an option's argument.
 CLI::Validator Between(int least, int most);

@@ -11,7 +11,7 @@
 #include <filesystem>
 #include <system_error>
 
-#include "base/lines.h"
+#include "base/unique_fd.h"
 
 namespace desk {
 namespace {

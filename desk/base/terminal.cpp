@@ -38,7 +38,7 @@ Character First(std::string_view text) {
   return {code, code < kLeast[size] || code > 0x10ffff || surrogate ? 0 : size};
 }
 
-bool IsSteering(char32_t code) {
+bool IsControl(char32_t code) {
   return code < 0x20 || (code >= 0x7f && code < 0xa0) || code == 0x61c || code == 0x200e || code == 0x200f ||
          (code >= 0x2028 && code <= 0x202e) || (code >= 0x2066 && code <= 0x2069);
 }
@@ -58,7 +58,7 @@ std::string Escaped(std::string_view text, bool quoted) {
       out += Escape("\\x%02x", static_cast<unsigned char>(text[0]));
     } else if (next.code == '\n' || next.code == '\t') {
       out += next.code == '\n' ? "\\n" : "\\t";
-    } else if (IsSteering(next.code)) {
+    } else if (IsControl(next.code)) {
       out += Escape("\\u%04x", static_cast<unsigned>(next.code));
     } else {
       out.append(quoted && (next.code == '"' || next.code == '\\') ? "\\" : "").append(text.substr(0, size));

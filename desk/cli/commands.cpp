@@ -21,7 +21,7 @@ std::string_view ShortName(const Setting& setting) {
 }
 
 /// The advice for `status`, for the store that `where` names.
-std::string WayOut(const vconf::Status& status, const std::string& where) {
+std::string RepairAdvice(const vconf::Status& status, const std::string& where) {
   return status.code() != vconf::Code::kDamaged
              ? ""
              : "; `mirado reset --force" + where + "` moves it aside and makes a new one";
@@ -29,34 +29,35 @@ std::string WayOut(const vconf::Status& status, const std::string& where) {
 
 }  // namespace
 
-bool StoreChoice::Named() const {
+bool StoreOption::IsNamed() const {
   const char* const variable = std::getenv("MIRADO_STORE");
   return option->count() > 0 || (variable != nullptr && *variable != '\0');
 }
 
-void AddStoreOption(CLI::App& command, StoreChoice& store) {
+void AddStoreOption(CLI::App& command, StoreOption& store) {
   store.option = desk::AddStoreOption(command, store.folder);
 }
 
 void AddJsonOption(CLI::App& command, bool& json) { command.add_flag("--json", json, "Print JSON"); }
 
-int WithStore(const StoreChoice& store, Absent absent, const std::function<vconf::Status()>& work) {
+int WithStore(const StoreOption& store, IfMissing if_missing, const std::function<vconf::Status()>& work) {
   constexpr int kNothing = 8;
   dlog::SetThreshold(kNothing);  // the store also logs what the status says
   // Without the folder, the command in the advice would affect another store.
   const std::string where = store.option->count() > 0 ? " --store " + ShellWord(store.folder) : "";
-  auto opened = absent == Absent::kReport && store.Named() ? vconf::OpenStore(store.folder) : OpenSet(store.folder);
+  auto opened =
+      if_missing == IfMissing::kFail && store.IsNamed() ? vconf::OpenStore(store.folder) : OpenSet(store.folder);
   if (!opened.ok()) {
     std::error_code failed;
     const bool none = opened.code() == vconf::Code::kMissing && !store.folder.empty() &&
                       (!std::filesystem::exists(store.folder, failed) ||
                        (std::filesystem::is_empty(store.folder, failed) && !failed));
-    Complain(opened.text() + (none ? "; `mirado reset" + where + "` makes one" : WayOut(opened, where)));
+    PrintError(opened.text() + (none ? "; `mirado reset" + where + "` makes one" : RepairAdvice(opened, where)));
     return kCannotWork;  // for every cause: a missing store does not mean that a key is missing
   }
   const auto status = work();
   if (!status.ok()) {
-    Complain(status.text() + WayOut(status, where));
+    PrintError(status.text() + RepairAdvice(status, where));
   }
   vconf::CloseStore();
   return ExitStatusOf(status.code());
@@ -82,9 +83,9 @@ vconf::Result<std::string> PathFromArgument(const std::string& argument) {
                                                   Suggestion(text, known));
 }
 
-void NoteUnknown(const std::string& path, const std::string& what, const std::vector<std::string>& known) {
+void WarnIfUnknown(const std::string& path, const std::string& what, const std::vector<std::string>& known) {
   if (std::ranges::find(known, path) == known.end()) {
-    Complain(path + ": " + what + Suggestion(path, known));
+    PrintError(path + ": " + what + Suggestion(path, known));
   }
 }
 

@@ -33,29 +33,29 @@ void PrintCompletions(const CLI::App& app, const std::vector<std::string>& words
 /// The manual page of `app` in the form of man(7).
 void PrintManual(const CLI::App& app);
 
-/// The store of a command.
-struct StoreChoice {
+/// A command's option `--store`.
+struct StoreOption {
   std::string folder;
   const CLI::Option* option = nullptr;
 
   /// Whether the user named it with --store or MIRADO_STORE.
-  bool Named() const;
+  bool IsNamed() const;
 };
 
 /// Adds `--store` to `command`; the result receives its value.
-void AddStoreOption(CLI::App& command, StoreChoice& store);
+void AddStoreOption(CLI::App& command, StoreOption& store);
 
 /// Adds `--json` to `command`.
 void AddJsonOption(CLI::App& command, bool& json);
 
 /// What a command does if the store does not exist.
-enum class Absent {
-  kMake,    ///< creates it with a new set
-  kReport,  ///< fails if the user named it
+enum class IfMissing {
+  kCreate,  ///< creates it with a new set
+  kFail,    ///< fails if the user named it, otherwise creates it
 };
 
 /// Opens the store and runs `work` on it. Failures are printed to stderr.
-int WithStore(const StoreChoice& store, Absent absent, const std::function<vconf::Status()>& work);
+int WithStore(const StoreOption& store, IfMissing if_missing, const std::function<vconf::Status()>& work);
 
 /// Prints one line of JSON that is safe on a terminal.
 void PrintJson(const Json& json);
@@ -64,7 +64,7 @@ void PrintJson(const Json& json);
 /// MIRADO_KEY_ may be left out.
 vconf::Result<std::string> PathFromArgument(const std::string& argument);
 
-/// If `path` is not in `known`, prints a note on stderr with `what` and the most similar known path.
-void NoteUnknown(const std::string& path, const std::string& what, const std::vector<std::string>& known);
+/// If `path` is not in `known`, prints a warning on stderr: the path, `what`, and the most similar known path.
+void WarnIfUnknown(const std::string& path, const std::string& what, const std::vector<std::string>& known);
 
 }  // namespace desk::cli

@@ -104,7 +104,7 @@ void PrintCompletions(const CLI::App& app, const Words& words) {
   const std::string last = words.empty() ? "" : words.back();
   Words given;
   for (std::size_t at = 0; at + 1 < words.size(); ++at) {
-    const auto options = OptionsOf(*command);
+    const auto options = AcceptedOptions(*command);
     const auto option =
         std::ranges::find_if(options, [&](const CLI::Option* each) { return each->check_name(words[at]); });
     if (words[at].starts_with('-') && option != options.end()) {
@@ -123,7 +123,7 @@ void PrintCompletions(const CLI::App& app, const Words& words) {
   }
   Words candidates;
   if (last.starts_with('-')) {
-    for (const CLI::Option* const option : OptionsOf(*command)) {
+    for (const CLI::Option* const option : AcceptedOptions(*command)) {
       for (const std::string& name : option->get_lnames()) {
         candidates.push_back("--" + name);
       }

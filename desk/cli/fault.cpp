@@ -12,7 +12,7 @@ namespace desk::cli {
 namespace {
 
 struct FaultOptions {
-  StoreChoice store;
+  StoreOption store;
   std::vector<std::string> arguments;
   unsigned times = 0;
   bool list = false;
@@ -58,13 +58,13 @@ vconf::Status Clear(const std::vector<std::string>& arguments) {
 }
 
 /// A misspelt path makes a fault that never applies.
-void NotePath(const FaultCall& call, const vconf::Fault& fault) {
+void WarnAboutPath(const FaultCall& call, const vconf::Fault& fault) {
   if (fault.path != kEveryPath && !call.path.empty()) {
     const auto known = KnownPaths(call.prefix);
-    NoteUnknown(fault.path, "is not known as " + std::string(call.path) + ", but the fault is set",
-                known.ok() ? *known : std::vector<std::string>());
+    WarnIfUnknown(fault.path, "is not known as " + std::string(call.path) + ", but the fault is set",
+                  known.ok() ? *known : std::vector<std::string>());
   } else if (fault.path != kEveryPath && !fault.path.empty()) {
-    NoteUnknown(fault.path, fault.call + " has no path, but the fault is set", {});
+    WarnIfUnknown(fault.path, fault.call + " has no path, but the fault is set", {});
   }
 }
 
@@ -89,7 +89,7 @@ vconf::Status ChangeFaults(const FaultOptions& options) {
                            .times = options.times};
   auto status = AddFault(fault);
   if (status.ok()) {
-    NotePath(**call, fault);
+    WarnAboutPath(**call, fault);
   }
   return status;
 }
@@ -147,7 +147,7 @@ void AddFaultCommand(CLI::App& app, Run& run) {
   AddJsonOption(*command, options->json);
   command->callback([options, &run] {
     Check(*options);
-    run = [options] { return WithStore(options->store, Absent::kMake, [&] { return ChangeFaults(*options); }); };
+    run = [options] { return WithStore(options->store, IfMissing::kCreate, [&] { return ChangeFaults(*options); }); };
   });
 }
 

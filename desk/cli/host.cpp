@@ -7,7 +7,8 @@
 #include <system_error>
 #include <utility>
 
-#include "base/lines.h"
+#include "base/line_writer.h"
+#include "base/shutdown_signal.h"
 #include "cli/commands.h"
 #include "dlog_control.h"
 #include "host/recording.h"
@@ -19,23 +20,24 @@ namespace {
 
 struct HostOptions {
   std::string plugin;
-  StoreChoice store;
+  StoreOption store;
   std::string record;
   int log_level = 4;
   bool report = false;
 };
 
-/// Whether the file is not empty; one that is not regular, such as a pipe, counts as empty.
-bool WouldBeLost(const std::string& file) {
+/// Whether `file` is a regular file that is not empty.
+bool HasContent(const std::string& file) {
   std::error_code ignored;
   return std::filesystem::is_regular_file(file, ignored) && !std::filesystem::is_empty(file, ignored);
 }
 
-/// The output, in an order that a reader can rely on: a log line before the output that it explains, a subscription
-/// before the reply that confirms it.
+/// The program's output, in an order that the reader can rely on: log lines of a request come before its reply, and
+/// so do changed subscriptions.
 class Output {
  public:
-  Output(ShutdownSignal& end, bool reports) : reports_(reports), writer_(STDOUT_FILENO, [&end] { end.Raise(); }) {
+  Output(ShutdownSignal& shutdown, bool reports)
+      : reports_(reports), writer_(STDOUT_FILENO, [&shutdown] { shutdown.Raise(); }) {
     if (reports_) {
       dlog::SetSink([this](const dlog::Line& line) { Log(line); });
     }
@@ -46,12 +48,12 @@ class Output {
 
   void Write(std::string line) { writer_.Write(std::move(line)); }
 
-  /// Any thread.
-  void Say(const Json& line) {
+  /// Writes a line of the session's output, and records it. Any thread.
+  void WriteSessionLine(const Json& line) {
     const std::lock_guard lock(mutex_);
     if (auto watches = reports_ ? vconf::SubscribedPaths() : watches_; watches != watches_) {
       watches_ = std::move(watches);
-      Write(WriteLine(Out::kWatches, ToText(watches_)));
+      Write(FormatLine(Out::kWatches, ToText(watches_)));
     }
     if (recorder_ != nullptr) {
       recorder_->Out(line);
@@ -67,10 +69,10 @@ class Output {
   Recorder* recorder() { return recorder_.get(); }
 
   /// Starts a recording, replacing a running one; null ends it.
-  void Record(Recorder::Keep keep) {
+  void Record(Recorder::Sink sink) {
     std::unique_ptr<Recorder> next;
-    if (keep) {
-      next = std::make_unique<Recorder>(std::move(keep), [this](std::string text) { Write(std::move(text)); });
+    if (sink) {
+      next = std::make_unique<Recorder>(std::move(sink), [this](std::string text) { Write(std::move(text)); });
     }
     const std::lock_guard lock(mutex_);
     recorder_.swap(next);
@@ -78,10 +80,10 @@ class Output {
 
  private:
   void Log(const dlog::Line& line) {
-    Write(WriteLine(Out::kLog, ToText({{"priority", dlog::Format(line).substr(0, 1)},
-                                       {"tag", line.tag},
-                                       {"logId", line.log_id},
-                                       {"text", line.text}})));
+    Write(FormatLine(Out::kLog, ToText({{"priority", dlog::Format(line).substr(0, 1)},
+                                        {"tag", line.tag},
+                                        {"logId", line.log_id},
+                                        {"text", line.text}})));
   }
 
   const bool reports_;
@@ -92,57 +94,57 @@ class Output {
 };
 
 int Host(const HostOptions& options) {
-  if (WouldBeLost(options.record)) {
-    Complain(options.record + ": exists and is not empty; remove it, or record to another file");
+  if (HasContent(options.record)) {
+    PrintError(options.record + ": exists and is not empty; remove it, or record to another file");
     return kCannotWork;
   }
-  ShutdownSignal end;
+  ShutdownSignal shutdown;
   if (const auto opened = OpenSet(options.store.folder); !opened.ok()) {
     // The store has logged the cause itself, unless it was never opened.
-    Complain("mirado: no store is open; requests that need it will fail" +
-             (options.store.folder.empty() ? ": " + opened.text() : ""));
+    PrintError("mirado: no store is open; requests that need it will fail" +
+               (options.store.folder.empty() ? ": " + opened.text() : ""));
   }
   dlog::SetThreshold(options.log_level);
-  Output output(end, options.report);
+  Output output(shutdown, options.report);
   if (!options.record.empty()) {
-    output.Record(Recorder::In(options.record));
-    if (output.recorder()->Failed()) {
-      Complain(options.record + ": cannot be written");
+    output.Record(Recorder::ToFile(options.record));
+    if (output.recorder()->has_failed()) {
+      PrintError(options.record + ": cannot be written");
       return kCannotWork;
     }
   }
-  auto started = Session::Start(options.plugin, [&output](const Json& line) { output.Say(line); });
+  auto started = Session::Start(options.plugin, [&output](const Json& line) { output.WriteSessionLine(line); });
   if (!started.ok()) {
-    Complain(started.status().text());
+    PrintError(started.status().text());
     return kCannotWork;
   }
   std::unique_ptr<Session> session = *std::move(started);
   const auto handle = [&](std::string_view line, const Request& request) {
     if (options.report && request.kind == In::kRecord) {
       session->Settle();
-      output.Record(request.argument == false ? Recorder::Keep() : [&output](std::string_view line) {
-        output.Write(WriteLine(Out::kRecord, line));
+      output.Record(request.argument == false ? Recorder::Sink() : [&output](std::string_view line) {
+        output.Write(FormatLine(Out::kRecord, line));
         return true;
       });
       return vconf::Status();
     }
-    // Not inside of the recorded request: changes by others meanwhile are recorded separately.
-    end.WaitFor(-1, Latency(request));
+    // Waits before the request begins, so that changes by others during the wait are recorded separately.
+    shutdown.WaitFor(-1, Latency(request));
     Recorder* const recorder = output.recorder();
     return recorder != nullptr ? recorder->Handle(*session, line, request) : session->Handle(request);
   };
-  bool all_good = ReadRequests(STDIN_FILENO, end, handle, [&](const Json& error) { output.Write(ToText(error)); });
+  bool all_done = ReadRequests(STDIN_FILENO, shutdown, handle, [&](const Json& error) { output.Write(ToText(error)); });
   session.reset();
   vconf::CloseStore();
-  if (output.recorder() != nullptr && output.recorder()->Failed()) {
-    Complain(options.record + ": is incomplete: writing it failed");
-    all_good = false;
+  if (output.recorder() != nullptr && output.recorder()->has_failed()) {
+    PrintError(options.record + ": is incomplete: writing it failed");
+    all_done = false;
   }
   if (output.error() != 0) {
-    Complain(OutputFailed(output.error()).text());
+    PrintError(OutputError(output.error()).text());
     return kCannotWork;
   }
-  return all_good ? kDone : kRefused;
+  return all_done ? kDone : kRefused;
 }
 
 }  // namespace

@@ -18,7 +18,7 @@ namespace {
 int BecomeDesk(char** arguments) {
   const std::string program = DeskProgram();
   execv(program.c_str(), arguments);
-  Complain(program + ": cannot be started: " + std::strerror(errno));
+  PrintError(program + ": cannot be started: " + std::strerror(errno));
   return kCannotWork;
 }
 
@@ -66,7 +66,7 @@ int Main(const std::vector<std::string>& arguments) {
     std::ranges::reverse(words);
     app.parse(std::move(words));
   } catch (const CLI::ParseError& error) {
-    return Explain(app, error);
+    return PrintParseError(app, error);
   }
   return run();
 }
@@ -80,5 +80,5 @@ int main(int argc, char** argv) {
   if (argc > 1 && argv[1] == std::string_view("desk")) {
     return desk::cli::BecomeDesk(argv + 1);
   }
-  return desk::WithOutput([&] { return desk::cli::Main({argv + 1, argv + argc}); });
+  return desk::WithCheckedOutput([&] { return desk::cli::Main({argv + 1, argv + argc}); });
 }

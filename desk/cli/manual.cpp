@@ -42,7 +42,7 @@ void PrintText(const std::string& text) {
 }
 
 std::string Usage(const CLI::App& command) {
-  std::string words = WordsOf(command);
+  std::string words = FullName(command);
   for (const CLI::Option* const option : command.get_options()) {
     if (option->get_positional()) {
       const std::string name = option->get_name() + (option->get_items_expected_max() > 1 ? "..." : "");

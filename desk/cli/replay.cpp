@@ -26,12 +26,12 @@ struct ReplayOptions {
 int ReplayOne(const std::string& file, const std::string& plugin) {
   const auto recording = ReadRecording(file);
   if (!recording.ok()) {
-    Complain(recording.status().text());
+    PrintError(recording.status().text());
     return kCannotWork;
   }
   const auto difference = Replay(*recording, plugin);
   if (!difference.ok()) {
-    Complain(file + ": cannot be replayed: " + difference.status().text());
+    PrintError(file + ": cannot be replayed: " + difference.status().text());
     return kCannotWork;
   }
   std::cout << Printable(file) << ": " << recording->in.size() << " lines in, "
@@ -40,16 +40,16 @@ int ReplayOne(const std::string& file, const std::string& plugin) {
 }
 
 /// Runs in a separate process, so that neither the plug-in's state nor a crash affects the next recording.
-int ReplayAlone(const std::string& file, const ReplayOptions& options) {
+int ReplayInChild(const std::string& file, const ReplayOptions& options) {
   std::cout.flush();  // otherwise the child would print it too
   const pid_t child = fork();
   if (child == 0) {
     dlog::SetThreshold(options.log_level);
-    std::exit(WithOutput([&] { return ReplayOne(file, options.plugin); }));
+    std::exit(WithCheckedOutput([&] { return ReplayOne(file, options.plugin); }));
   }
   int status = 0;
   if (child < 0 || waitpid(child, &status, 0) != child) {
-    Complain(file + ": cannot be replayed: " + std::strerror(errno));
+    PrintError(file + ": cannot be replayed: " + std::strerror(errno));
     return kCannotWork;
   }
   if (WIFSIGNALED(status)) {
@@ -75,7 +75,7 @@ void AddReplayCommand(CLI::App& app, Run& run) {
     run = [options] {
       int worst = kDone;
       for (const std::string& file : options->files) {
-        worst = std::max(worst, ReplayAlone(file, *options));
+        worst = std::max(worst, ReplayInChild(file, *options));
       }
       return worst;
     };

@@ -17,7 +17,7 @@ namespace desk::cli {
 namespace {
 
 struct SetUpOptions {
-  StoreChoice store;
+  StoreOption store;
   bool json = false;
   std::string name;  ///< of a list, a command, a privilege …; empty for all of them
   std::optional<std::string> value;
@@ -142,7 +142,7 @@ void ShowOrChange(CLI::App& command, Run& run, const Options& options, const cha
     if (!command.get_subcommands().empty()) {
       return;
     }
-    std::string words = WordsOf(command).substr(std::string_view("mirado set-up").size());
+    std::string words = FullName(command).substr(std::string_view("mirado set-up").size());
     words.erase(0, 1);
     Json::json_pointer at(place);
     if (!options->name.empty() || (options->Changes() && !usual_name.empty())) {
@@ -151,7 +151,7 @@ void ShowOrChange(CLI::App& command, Run& run, const Options& options, const cha
     }
     const Json change = options->Changes() ? Nested(at, read(*options)) : Json();
     run = [=] {
-      return WithStore(options->store, Absent::kMake,
+      return WithStore(options->store, IfMissing::kCreate,
                        [&] { return options->Changes() ? ChangeSet(change) : Show(*options, words, at); });
     };
   });
@@ -178,8 +178,9 @@ vconf::Status ListSaved(const SetUpOptions& options) {
 void AddScenarios(CLI::App& set_up, Run& run, const Options& options) {
   const auto add = [&](const char* name, const char* text, vconf::Status (*work)(const SetUpOptions&)) {
     auto* command = set_up.add_subcommand(name, text);
-    command->callback(
-        [=, &run] { run = [=] { return WithStore(options->store, Absent::kMake, [&] { return work(*options); }); }; });
+    command->callback([=, &run] {
+      run = [=] { return WithStore(options->store, IfMissing::kCreate, [&] { return work(*options); }); };
+    });
     return command;
   };
   constexpr char kName[] = "1 to 64 letters, digits and . _ -";

@@ -8,7 +8,8 @@
 #include <optional>
 #include <string>
 
-#include "base/lines.h"
+#include "base/line_writer.h"
+#include "base/shutdown_signal.h"
 #include "base/terminal.h"
 #include "cli/commands.h"
 #include "set/catalog.h"
@@ -18,7 +19,7 @@ namespace desk::cli {
 namespace {
 
 struct StoreOptions {
-  StoreChoice store;
+  StoreOption store;
   std::string path;
   std::string value;
   bool json = false;
@@ -37,8 +38,8 @@ struct Selection {
   bool Holds(std::string_view path) const { return exact ? path == prefix : path.starts_with(prefix); }
 };
 
-/// A setting selects its key; any other text selects the keys that begin with it. A text with which no key begins is a
-/// misspelt setting.
+/// A setting selects its key; any other text selects the keys that begin with it. A text with which no key begins is
+/// a misspelt setting.
 vconf::Result<Selection> Select(const StoreOptions& options) {
   const auto path = PathFromArgument(options.path);
   const std::string typed = TextFromArgument(options.path);
@@ -92,8 +93,8 @@ vconf::Status Set(const StoreOptions& options) {
   }
   const auto known = KnownPaths();
   auto status = vconf::Set(*path, value);
-  if (status.ok() && known.ok() && !IsOpenPath(*path)) {
-    NoteUnknown(*path, "no setting has this path, but the key is set", *known);
+  if (status.ok() && known.ok() && !IsFreelyNamed(*path)) {
+    WarnIfUnknown(*path, "no setting has this path, but the key is set", *known);
   }
   return status;
 }
@@ -158,8 +159,8 @@ vconf::Status Watch(const StoreOptions& options) {
   if (!selection.ok()) {
     return selection.status();
   }
-  ShutdownSignal end;
-  LineWriter writer(STDOUT_FILENO, [&end] { end.Raise(); });
+  ShutdownSignal shutdown;
+  LineWriter writer(STDOUT_FILENO, [&shutdown] { shutdown.Raise(); });
   const auto print = [&](const std::string& path, const std::optional<vconf::Value>& value) {
     writer.Write(options.json ? Printable(ToText(KeyJson(path, value)))
                               : Word(path) + " " + (value ? ToArgument(*value) : "(removed)"));
@@ -169,7 +170,7 @@ vconf::Status Watch(const StoreOptions& options) {
     if (selection->Holds(change.path) && (options.count == 0 || seen < options.count)) {
       print(change.path, change.value);
       if (++seen == options.count) {
-        end.Raise();
+        shutdown.Raise();
       }
     }
   });
@@ -187,11 +188,11 @@ vconf::Status Watch(const StoreOptions& options) {
       }
     }
   }
-  end.WaitFor(-1, options.timeout ? std::chrono::milliseconds(static_cast<std::int64_t>(*options.timeout * 1000))
-                                  : std::chrono::milliseconds(-1));
+  shutdown.WaitFor(-1, options.timeout ? std::chrono::milliseconds(static_cast<std::int64_t>(*options.timeout * 1000))
+                                       : std::chrono::milliseconds(-1));
   watch = std::unique_ptr<vconf::Watch>();
   if (writer.error() != 0) {
-    return OutputFailed(writer.error());
+    return OutputError(writer.error());
   }
   if (seen < options.count) {
     return {vconf::Code::kMissing,
@@ -201,10 +202,10 @@ vconf::Status Watch(const StoreOptions& options) {
 }
 
 /// Creates a new store in place of one that cannot be used any more, or where there is none.
-int Replace(const StoreChoice& store) {
+int Replace(const StoreOption& store) {
   const auto moved = vconf::ReplaceStore(store.folder, DefaultEntries());
   if (!moved.ok()) {
-    Complain(moved.status().text());
+    PrintError(moved.status().text());
     return kCannotWork;
   }
   std::cout << "The old store is in " << Printable(*moved) << "; " << Printable(store.folder) << " is a new one.\n";
@@ -214,14 +215,14 @@ int Replace(const StoreChoice& store) {
 using Work = vconf::Status (*)(const StoreOptions&);
 
 CLI::App* Add(CLI::App& app, Run& run, const std::shared_ptr<StoreOptions>& options, const char* name, const char* text,
-              Absent absent, Work work) {
+              IfMissing if_missing, Work work) {
   auto* command = app.add_subcommand(name, text);
   // Each subcommand has its own option, so each needs to know which of them is its store's.
-  auto store = std::make_shared<StoreChoice>();
+  auto store = std::make_shared<StoreOption>();
   AddStoreOption(*command, *store);
-  command->callback([options, store, absent, work, &run] {
-    run = [options, store, absent, work] {
-      return options->force ? Replace(*store) : WithStore(*store, absent, [&] { return work(*options); });
+  command->callback([options, store, if_missing, work, &run] {
+    run = [options, store, if_missing, work] {
+      return options->force ? Replace(*store) : WithStore(*store, if_missing, [&] { return work(*options); });
     };
   });
   return command;
@@ -233,11 +234,11 @@ void AddStoreCommands(CLI::App& app, Run& run) {
   constexpr char kKey[] = "A path such as db/menu/caption/caption, or a setting by constant or number: CAPTION, 0";
   constexpr char kPrefix[] = "Only keys that begin with this, or a setting by constant or number";
   auto options = std::make_shared<StoreOptions>();
-  auto* get = Add(app, run, options, "get", "Print the value of a key", Absent::kReport, Get);
+  auto* get = Add(app, run, options, "get", "Print the value of a key", IfMissing::kFail, Get);
   get->add_option("PATH", options->path, kKey)->required();
   AddJsonOption(*get, options->json);
 
-  auto* set = Add(app, run, options, "set", "Give a key a value", Absent::kMake, Set);
+  auto* set = Add(app, run, options, "set", "Give a key a value", IfMissing::kCreate, Set);
   set->footer(
       "A value is an integer of 32 bits, true, false or else a text. A text that looks like one of the others\n"
       "goes in double quotes of its own, like any JSON string: mirado set PATH '\"42\"'. `mirado get` prints each\n"
@@ -247,12 +248,12 @@ void AddStoreCommands(CLI::App& app, Run& run) {
   set->add_option("VALUE", options->value, "The value")->required();
 
   auto* list = Add(app, run, options, "list", "Print the settings with their key numbers, and all other keys",
-                   Absent::kReport, List);
+                   IfMissing::kFail, List);
   list->add_option("PREFIX", options->path, kPrefix);
   AddJsonOption(*list, options->json);
 
   auto* watch = Add(app, run, options, "watch", "Print each change as it happens, until SIGINT or SIGTERM",
-                    Absent::kReport, Watch);
+                    IfMissing::kFail, Watch);
   watch->add_option("PREFIX", options->path, kPrefix);
   watch->add_flag("--now", options->now, "Print what the keys hold first");
   watch->add_flag("--exact", options->exact, "Only the key of this path");
@@ -263,7 +264,7 @@ void AddStoreCommands(CLI::App& app, Run& run) {
   AddJsonOption(*watch, options->json);
 
   auto* reset = Add(app, run, options, "reset", "Put the whole set back to what a new one holds; faults go too",
-                    Absent::kMake, [](const StoreOptions&) { return ResetSet(); });
+                    IfMissing::kCreate, [](const StoreOptions&) { return ResetSet(); });
   reset->add_flag("--force", options->force,
                   "Make a new store also where one is damaged: moves its files to a folder that is printed");
 }

@@ -35,7 +35,7 @@ ParsedJson FromMessage(const std::string& argument) {
 int Verify(const VerifyOptions& options) {
   const auto recording = ReadRecording(options.file);
   if (!recording.ok()) {
-    Complain(recording.status().text());
+    PrintError(recording.status().text());
     return kCannotWork;
   }
   const std::vector<ParsedJson> asked = MessagesIn(*recording);

@@ -68,9 +68,11 @@ std::string Line(std::string_view name, std::string_view value) {
 
 }  // namespace
 
-std::string WriteLine(In kind, std::string_view value) { return Line(kInNames[static_cast<std::size_t>(kind)], value); }
+std::string FormatLine(In kind, std::string_view value) {
+  return Line(kInNames[static_cast<std::size_t>(kind)], value);
+}
 
-std::string WriteLine(Out kind, std::string_view value) {
+std::string FormatLine(Out kind, std::string_view value) {
   return Line(kOutNames[static_cast<std::size_t>(kind)], value);
 }
 

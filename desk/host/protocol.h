@@ -38,8 +38,8 @@ inline constexpr std::array<std::string_view, 7> kOutNames = {"reply", "message"
                                                               "log",   "watches", "record"};
 
 /// {"NAME": VALUE}; `value` is JSON text.
-std::string WriteLine(In kind, std::string_view value);
-std::string WriteLine(Out kind, std::string_view value);
+std::string FormatLine(In kind, std::string_view value);
+std::string FormatLine(Out kind, std::string_view value);
 
 struct OutLine {
   Out kind;

@@ -1,7 +1,6 @@
 #include "host/recording.h"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
@@ -21,56 +20,48 @@ namespace {
 
 constexpr int kVersion = 1;
 
-/// Three streams of output, which are compared separately.
-struct Stream {
-  const char* name;
-  bool (*holds)(const ParsedJson& line);
-};
-
-bool IsEvent(const ParsedJson& line) {
+/// What a line of output holds: a "reply", a "delivery" or an "event"; empty for anything else, which is not compared.
+std::string_view KindOf(const ParsedJson& line) {
   const auto message = line.find("message");
-  return message != line.end() && message->is_object() && message->contains("event");
+  if (message == line.end()) {
+    return line.contains("reply") ? "reply" : "";
+  }
+  return message->is_object() && message->contains("event") ? "event" : "delivery";
 }
 
-constexpr std::array<Stream, 3> kStreams = {{
-    {"reply", [](const ParsedJson& line) { return line.contains("reply"); }},
-    {"delivery", [](const ParsedJson& line) { return line.contains("message") && !IsEvent(line); }},
-    {"event", IsEvent},
-}};
-
-std::vector<std::string> Pick(const Stream& stream, const std::vector<ParsedJson>& out) {
+std::vector<std::string> Select(std::string_view kind, const std::vector<ParsedJson>& out) {
   std::vector<std::string> lines;
   for (const ParsedJson& line : out) {
-    if (stream.holds(line)) {
-      lines.push_back(line.begin().value().dump());
+    if (KindOf(line) == kind) {
+      lines.push_back(Printable(line.begin().value().dump()));
     }
   }
   return lines;
 }
 
-/// A recording that was saved while the session ran, or that broke off, lacks the plug-in's last message.
-void ForgetUnheardEnd(const std::vector<ParsedJson>& recorded, std::vector<ParsedJson>& replayed) {
+/// The plug-in's last message is missing from a recording that was saved during the session or is cut off.
+void IgnoreUnrecordedEnd(const std::vector<ParsedJson>& recorded, std::vector<ParsedJson>& replayed) {
   const ParsedJson end = {{"message", "Unregister"}};
   if (std::ranges::find(recorded, end) == recorded.end()) {
     std::erase(replayed, end);
   }
 }
 
-vconf::Status NotRecorded(std::string text) { return {vconf::Code::kFailed, std::move(text)}; }
+vconf::Status BadRecording(std::string text) { return {vconf::Code::kFailed, std::move(text)}; }
 
 vconf::Status ReadStart(const ParsedJson& json, Recording& recording) {
   if (json.value("recording", ParsedJson()) != kVersion || !json.contains("state") || !json.contains("faults")) {
-    return NotRecorded("is not the start of a recording");
+    return BadRecording("is not the start of a recording");
   }
   auto state = StateFromJson(json);
   if (!state.ok()) {
     return state.status();
   }
   recording.state = *std::move(state);
-  // A recording without this member began with the session.
+  // Recordings that begin with the session may lack this member.
   for (const ParsedJson& path : json.value("watches", ParsedJson::array())) {
     if (!path.is_string()) {
-      return NotRecorded("watches an invalid path");
+      return BadRecording("watches an invalid path");
     }
     recording.watches.push_back(path);
   }
@@ -81,11 +72,11 @@ vconf::Status ReadStep(const ParsedJson& json, Recording& recording) {
   const auto in = json.find("in");
   const auto out = json.find("out");
   if (json.size() != 1 || (in == json.end() && out == json.end())) {
-    return NotRecorded(R"(is neither an "in" nor an "out")");
+    return BadRecording(R"(is neither an "in" nor an "out")");
   }
   if (out != json.end()) {
     recording.out.push_back(*out);
-    return out->is_object() && out->size() == 1 ? vconf::Status() : NotRecorded(R"("out" holds no output line)");
+    return out->is_object() && out->size() == 1 ? vconf::Status() : BadRecording(R"("out" holds no output line)");
   }
   recording.in.push_back(in->dump());
   return ParseRequest(recording.in.back()).status();
@@ -124,11 +115,11 @@ vconf::Result<std::vector<ParsedJson>> Play(const Recording& recording, const st
   }
   std::mutex mutex;
   std::vector<ParsedJson> out;
-  const auto say = [&](const Json& line) {
+  const auto output = [&](const Json& line) {
     const std::lock_guard lock(mutex);
     out.push_back(ParsedJson::parse(ToText(line)));  // as a reader of the output would parse it
   };
-  auto started = Session::Start(plugin, say);
+  auto started = Session::Start(plugin, output);
   if (!started.ok()) {
     return started.status();
   }
@@ -139,10 +130,10 @@ vconf::Result<std::vector<ParsedJson>> Play(const Recording& recording, const st
           session->Handle({In::kSend, {{"command", setting->table->watch}, {"propertyKey", setting->key}}}));
     }
   }
-  out.clear();  // drops the replies to these
+  out.clear();  // the replies to these requests
   for (const std::string& line : recording.in) {
     const auto request = ParseRequest(line);
-    // A change that failed when it was recorded also fails here; its error is not output of the plug-in.
+    // A request that failed when it was recorded also fails here; its error is not part of the plug-in's output.
     static_cast<void>(session->Handle(*request));
     session->Settle();
   }
@@ -152,7 +143,7 @@ vconf::Result<std::vector<ParsedJson>> Play(const Recording& recording, const st
 
 }  // namespace
 
-Recorder::Keep Recorder::In(const std::string& file) {
+Recorder::Sink Recorder::ToFile(const std::string& file) {
   // Each line is flushed, so that the recording of a killed session is complete.
   return [stream = std::make_shared<std::ofstream>(file, std::ios::trunc)](std::string_view line) {
     *stream << line << std::endl;
@@ -160,7 +151,7 @@ Recorder::Keep Recorder::In(const std::string& file) {
   };
 }
 
-Recorder::Recorder(Keep keep, Hear hear) : keep_(std::move(keep)), hear_(std::move(hear)) {
+Recorder::Recorder(Sink sink, Output output) : sink_(std::move(sink)), output_(std::move(output)) {
   // A change that arrives meanwhile waits until the first line is written.
   const std::lock_guard lock(mutex_);
   auto watch = vconf::WatchPrefix("", [this](const vconf::Change& change) { OnChange(change); });
@@ -179,7 +170,7 @@ Recorder::Recorder(Keep keep, Hear hear) : keep_(std::move(keep)), hear_(std::mo
     start.update(*state);
   }
   start["watches"] = vconf::SubscribedPaths();
-  failed_ = !keep_(ToText(start));
+  failed_ = !sink_(ToText(start));
 }
 
 vconf::Status Recorder::Handle(Session& session, std::string_view line, const Request& request) {
@@ -193,10 +184,10 @@ vconf::Status Recorder::Handle(Session& session, std::string_view line, const Re
   session.Settle();
   const std::lock_guard lock(mutex_);
   handling_ = false;
-  for (std::string& text : unheard_) {
-    hear_(std::move(text));
+  for (std::string& text : held_back_) {
+    output_(std::move(text));
   }
-  unheard_.clear();
+  held_back_.clear();
   return status;
 }
 
@@ -205,20 +196,20 @@ void Recorder::Out(const Json& line) {
   const std::lock_guard lock(mutex_);
   WriteLocked("out", text);
   if (handling_) {
-    unheard_.push_back(std::move(text));
+    held_back_.push_back(std::move(text));
   } else {
-    hear_(std::move(text));
+    output_(std::move(text));
   }
 }
 
-bool Recorder::Failed() {
+bool Recorder::has_failed() {
   const std::lock_guard lock(mutex_);
   return failed_;
 }
 
 void Recorder::WriteLocked(const char* name, std::string_view text) {
   std::string line = R"({")";
-  failed_ = !keep_(line.append(name).append(R"(": )").append(text).append("}")) || failed_;
+  failed_ = !sink_(line.append(name).append(R"(": )").append(text).append("}")) || failed_;
 }
 
 // Changes during a request are made again when the request is replayed, so they are not recorded.
@@ -235,7 +226,7 @@ void Recorder::OnChange(const vconf::Change& change) {
 vconf::Result<Recording> ReadRecording(const std::string& file) {
   std::error_code ignored;
   if (std::filesystem::is_directory(file, ignored)) {
-    return NotRecorded(file + ": is a folder; name the recordings in it");
+    return BadRecording(file + ": is a folder; name the recordings in it");
   }
   std::ifstream stream(file);
   if (!stream) {
@@ -248,16 +239,16 @@ vconf::Result<Recording> ReadRecording(const std::string& file) {
     auto parsed = ParseJson(line, nullptr, kMaxJsonDepth + 1);
     vconf::Status status = parsed.status();
     if (status.ok() && !parsed->is_object()) {
-      status = NotRecorded("is no object");
+      status = BadRecording("is no object");
     } else if (status.ok()) {
       status = number == 1 ? ReadStart(*parsed, recording) : ReadStep(*parsed, recording);
     }
     if (!status.ok()) {
-      return NotRecorded(file + ": line " + std::to_string(number) + ": " + status.text());
+      return BadRecording(file + ": line " + std::to_string(number) + ": " + status.text());
     }
   }
   if (number == 0) {
-    return NotRecorded(file + ": is empty");
+    return BadRecording(file + ": is empty");
   }
   return recording;
 }
@@ -276,20 +267,21 @@ std::vector<ParsedJson> MessagesIn(const Recording& recording) {
 std::string Difference(const Recording& recording, const std::vector<ParsedJson>& out) {
   constexpr std::size_t kShown = 5;
   std::string text;
-  for (const Stream& stream : kStreams) {
-    const auto recorded = Pick(stream, recording.out);
-    const auto replayed = Pick(stream, out);
+  for (const std::string kind : {"reply", "delivery", "event"}) {
+    auto recorded = Select(kind, recording.out);
+    auto replayed = Select(kind, out);
+    const std::size_t count = std::max(recorded.size(), replayed.size());
+    recorded.resize(count, "nothing");
+    replayed.resize(count, "nothing");
     std::size_t different = 0;
-    for (std::size_t index = 0; index < std::max(recorded.size(), replayed.size()); ++index) {
-      const std::string before = index < recorded.size() ? Printable(recorded[index]) : "nothing";
-      const std::string now = index < replayed.size() ? Printable(replayed[index]) : "nothing";
-      if (before != now && ++different <= kShown) {
-        text.append("  ").append(stream.name).append(" ").append(std::to_string(index + 1));
-        text.append("\n    recorded ").append(before).append("\n    replayed ").append(now).append("\n");
+    for (std::size_t at = 0; at < count; ++at) {
+      if (recorded[at] != replayed[at] && ++different <= kShown) {
+        text += "  " + kind + " " + std::to_string(at + 1) + "\n    recorded: " + recorded[at] +
+                "\n    replayed: " + replayed[at] + "\n";
       }
     }
     if (different > kShown) {
-      text += "  and " + std::to_string(different - kShown) + " more of this kind\n";
+      text += "  " + std::to_string(different - kShown) + " further differences of kind " + kind + "\n";
     }
   }
   return text;
@@ -300,7 +292,7 @@ vconf::Result<std::string> Replay(const Recording& recording, const std::string&
   if (!out.ok()) {
     return out.status();
   }
-  ForgetUnheardEnd(recording.out, *out);
+  IgnoreUnrecordedEnd(recording.out, *out);
   return Difference(recording, *out);
 }
 

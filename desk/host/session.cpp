@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "base/line_reader.h"
 #include "set/embedder.h"
 #include "set/simulated_set.h"
 #include "vconf_control.h"
@@ -70,16 +71,16 @@ vconf::Result<Request> ParseRequest(std::string_view line) {
   return request;
 }
 
-bool ReadRequests(int input, const ShutdownSignal& end,
+bool ReadRequests(int input, const ShutdownSignal& shutdown,
                   const std::function<vconf::Status(std::string_view line, const Request& request)>& handle,
-                  const std::function<void(const Json&)>& complain) {
-  LineReader reader(input, end);
-  bool all_good = true;
+                  const std::function<void(const Json&)>& on_error) {
+  LineReader reader(input, shutdown);
+  bool all_done = true;
   std::string line;
   for (int number = 1;; ++number) {
     const auto result = reader.Next(line);
     if (result == LineReader::Result::kEnd) {
-      return all_good;
+      return all_done;
     }
     if (result == LineReader::Result::kLine && line.find_first_not_of(" \t\r") == std::string::npos) {
       continue;
@@ -90,8 +91,8 @@ bool ReadRequests(int input, const ShutdownSignal& end,
             : BadValue("longer than " + std::to_string(LineReader::kMaxLine) + " bytes");
     const vconf::Status status = request.ok() ? handle(line, *request) : request.status();
     if (!status.ok()) {
-      all_good = false;
-      complain(Line(Out::kError, {{"line", number}, {"text", status.text()}}));
+      all_done = false;
+      on_error(Line(Out::kError, {{"line", number}, {"text", status.text()}}));
     }
   }
 }
@@ -107,10 +108,10 @@ std::chrono::milliseconds Latency(const Request& request) {
   return std::chrono::milliseconds(milliseconds != nullptr ? std::clamp(*milliseconds, 0, kMaxLatency) : 0);
 }
 
-Session::Session(Say say) : say_(std::move(say)) {}
+Session::Session(Output output) : output_(std::move(output)) {}
 
-vconf::Result<std::unique_ptr<Session>> Session::Start(const std::string& plugin, Say say) {
-  std::unique_ptr<Session> session(new Session(std::move(say)));
+vconf::Result<std::unique_ptr<Session>> Session::Start(const std::string& plugin, Output output) {
+  std::unique_ptr<Session> session(new Session(std::move(output)));
   OfferEmbedder();
   pp::browser::SetRegisterMessageHandlerResult(vconf::TakeFault("RegisterMessageHandler", "").value_or(0));
   auto loaded = pp::browser::Plugin::Load(plugin);
@@ -119,12 +120,12 @@ vconf::Result<std::unique_ptr<Session>> Session::Start(const std::string& plugin
   }
   session->plugin_ = *std::move(loaded);
   session->page_ =
-      session->plugin_->CreateInstance([&say = session->say_, ended = false](const pp::Var& message) mutable {
+      session->plugin_->CreateInstance([&output = session->output_, ended = false](const pp::Var& message) mutable {
         if (ended) {
           return;  // an event of a subscription that exists until the instance is destroyed
         }
         ended = message.is_string() && message.AsString() == "Unregister";
-        say(Line(Out::kMessage, ToJson(message)));
+        output(Line(Out::kMessage, ToJson(message)));
       });
   if (session->page_ == nullptr) {
     return vconf::Status(vconf::Code::kFailed, plugin + ": makes no instance");
@@ -143,7 +144,7 @@ Session::~Session() {
 vconf::Status Session::Handle(const Request& request) {
   switch (request.kind) {
     case Request::Kind::kSend:
-      say_(Line(Out::kReply, ToJson(page_->Send(ToVar(request.argument)))));
+      output_(Line(Out::kReply, ToJson(page_->Send(ToVar(request.argument)))));
       break;
     case Request::Kind::kPost:
       page_->Post(ToVar(request.argument));
@@ -158,7 +159,7 @@ vconf::Status Session::Handle(const Request& request) {
       break;
     case Request::Kind::kSettle:
       Settle();
-      say_(Line(Out::kSettled, true));
+      output_(Line(Out::kSettled, true));
       break;
     case Request::Kind::kRecord:
       return BadValue(R"("record" is for a host that was started with --report)");

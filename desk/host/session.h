@@ -7,7 +7,7 @@
 #include <string_view>
 
 #include "base/json.h"
-#include "base/lines.h"
+#include "base/shutdown_signal.h"
 #include "browser_control.h"
 #include "host/protocol.h"
 
@@ -23,11 +23,12 @@ struct Request {
 /// Parses `line`; a failure is `kBadValue` with the cause.
 vconf::Result<Request> ParseRequest(std::string_view line);
 
-/// Reads lines from `input` until it ends, or `end` is set, and passes each request to `handle`, which returns its
-/// failure. For an invalid line it writes one `error` line with its number. Returns whether all lines were valid.
-bool ReadRequests(int input, const ShutdownSignal& end,
+/// Reads lines from `input` until it ends or `shutdown` is raised, and passes each request to `handle`, which returns
+/// its failure. For each line that fails it passes one `error` line with the line's number to `on_error`. Returns
+/// whether none failed.
+bool ReadRequests(int input, const ShutdownSignal& shutdown,
                   const std::function<vconf::Status(std::string_view line, const Request& request)>& handle,
-                  const std::function<void(const Json&)>& complain);
+                  const std::function<void(const Json&)>& on_error);
 
 /// The latency that the set has for `request`.
 std::chrono::milliseconds Latency(const Request& request);
@@ -38,10 +39,10 @@ std::chrono::milliseconds Latency(const Request& request);
 class Session {
  public:
   /// Receives each line of output, on any thread, possibly on several at once.
-  using Say = std::function<void(const Json&)>;
+  using Output = std::function<void(const Json&)>;
 
   /// Loads the plug-in and creates an instance; a failure names the file that could not be loaded, and the cause.
-  static vconf::Result<std::unique_ptr<Session>> Start(const std::string& plugin, Say say);
+  static vconf::Result<std::unique_ptr<Session>> Start(const std::string& plugin, Output output);
 
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
@@ -56,9 +57,9 @@ class Session {
   void Settle();
 
  private:
-  explicit Session(Say say);
+  explicit Session(Output output);
 
-  Say say_;
+  Output output_;
   std::unique_ptr<pp::browser::Plugin> plugin_;
   std::shared_ptr<pp::browser::PageInstance> page_;
 };

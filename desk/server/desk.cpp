@@ -138,9 +138,9 @@ vconf::Status Desk::Start() {
   });
   signals_.async_wait([this](Error failed, int signal) {
     if (!failed) {
-      Complain(std::string("mirado desk: ended by ") + (signal == SIGINT    ? "SIGINT"
-                                                        : signal == SIGTERM ? "SIGTERM"
-                                                                            : "SIGHUP"));
+      PrintError(std::string("mirado desk: ended by ") + (signal == SIGINT    ? "SIGINT"
+                                                          : signal == SIGTERM ? "SIGTERM"
+                                                                              : "SIGHUP"));
       End();
     }
   });

@@ -13,7 +13,7 @@
 #include <system_error>
 #include <utility>
 
-#include "base/lines.h"
+#include "base/unique_fd.h"
 
 extern "C" {  // which this header forgets
 #include <sys/pidfd.h>

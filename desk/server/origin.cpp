@@ -14,7 +14,7 @@
 #include <random>
 #include <system_error>
 
-#include "base/lines.h"
+#include "base/unique_fd.h"
 
 namespace desk {
 namespace {

@@ -109,7 +109,7 @@ void Page::SubmitOne(const Message& message) {
     posts_.push_back(pending);
   }
   // Last: what comes of it, on this page or elsewhere, is told after it.
-  host_->Write(WriteLine(message.waits ? In::kSend : In::kPost, message.body));
+  host_->Write(FormatLine(message.waits ? In::kSend : In::kPost, message.body));
 }
 
 void Page::Forget(std::uint64_t ticket) {
@@ -298,14 +298,14 @@ bool Page::StartRecording() {
   recording_full_ = false;
   recording_runs_ = true;
   ++recordings_asked_;
-  host_->Write(WriteLine(In::kRecord, "true"));
+  host_->Write(FormatLine(In::kRecord, "true"));
   Tell();
   return true;
 }
 
 void Page::StopRecording() {
   if (std::exchange(recording_runs_, false)) {
-    host_->Write(WriteLine(In::kRecord, "false"));
+    host_->Write(FormatLine(In::kRecord, "false"));
     Tell();
   }
 }

@@ -10,7 +10,7 @@ PluginCheck::PluginCheck(boost::asio::io_context& loop, HostCommand command, std
     : on_change_(std::move(on_change)) {
   command.store = "/dev/null";
   process_ = HostProcess::Start(loop, command.Arguments(), *this);
-  process_->Write(WriteLine(In::kSend, R"({"command": "getVersion"})"));
+  process_->Write(FormatLine(In::kSend, R"({"command": "getVersion"})"));
 }
 
 void PluginCheck::OnLine(std::string_view line) {

@@ -17,7 +17,7 @@ namespace desk {
 namespace {
 
 int Fail(const std::string& error) {
-  Complain("mirado desk: " + error);
+  PrintError("mirado desk: " + error);
   return kCannotWork;
 }
 
@@ -41,10 +41,10 @@ int Serve(const DeskOptions& options) {
   }
   std::cout << "\nThe set is kept in " << options.host.store << "; Ctrl-C ends the desk.\n";
   if (!std::cout.flush()) {
-    return Fail(OutputFailed(0).text());  // nobody would know where the desk is
+    return Fail(OutputError(0).text());  // nobody would know where the desk is
   }
   if (!store.ok()) {
-    Complain("mirado desk: " + store.text());
+    PrintError("mirado desk: " + store.text());
   }
   return desk.Run();
 }
@@ -56,7 +56,7 @@ int Main(int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    return Explain(app, error);
+    return PrintParseError(app, error);
   }
   try {
     std::optional<TemporaryFolder> folder;
@@ -78,7 +78,7 @@ int Main(int argc, char** argv) {
 
 int ServeDesk(int argc, char** argv) {
   PrepareStandardStreams();
-  return WithOutput([&] { return Main(argc, argv); });
+  return WithCheckedOutput([&] { return Main(argc, argv); });
 }
 
 }  // namespace desk

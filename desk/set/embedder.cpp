@@ -28,7 +28,7 @@ pp::Var FromValue(const vconf::Value& value) {
 
 PP_Var EmbedderName(PP_Instance) {
   const auto name = vconf::Get(kEmbedderName);
-  return FromValue(name.ok() ? *name : vconf::Value(kUsualEmbedder)).Detach();
+  return FromValue(name.ok() ? *name : vconf::Value(kDefaultEmbedderName)).Detach();
 }
 
 PP_Var CurrentExtensionInfo(PP_Instance instance) {

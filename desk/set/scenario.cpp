@@ -88,7 +88,7 @@ vconf::Result<SetState> StateFromJson(const ParsedJson& json, SetState base) {
   return base;
 }
 
-static vconf::Result<SetState> Understand(const ParsedJson& scenario) {
+static vconf::Result<SetState> ParseScenario(const ParsedJson& scenario) {
   auto state = StateFromJson(scenario, NewSet());
   for (const vconf::Fault& fault : state.ok() ? state->faults : std::vector<vconf::Fault>()) {
     if (auto status = CheckFault(fault); !status.ok()) {
@@ -109,7 +109,7 @@ vconf::Result<Json> DescribeScenario() {
 }
 
 vconf::Status LoadScenario(const ParsedJson& scenario) {
-  const auto state = Understand(scenario);
+  const auto state = ParseScenario(scenario);
   if (!state.ok()) {
     return state.status();
   }
@@ -165,7 +165,7 @@ vconf::Result<ParsedJson> ReadScenario(const std::string& store, std::string_vie
 
 vconf::Status SaveScenario(const std::string& store, std::string_view name, const ParsedJson& scenario) {
   const auto file = FileOf(store, name);
-  const auto state = Understand(scenario);
+  const auto state = ParseScenario(scenario);
   if (!file.ok() || !state.ok()) {
     return file.ok() ? state.status() : file.status();
   }

@@ -87,7 +87,7 @@ std::span<const Part> Parts() {
       {"pictureSize", panelbase::kPictureSizePath, kInt, ReadAs<int>},
       {"lists", prefdeck::kListPrefix, R"(an array of {"value": an integer, "label": a text of one line})", ReadItems},
       {"embedder/offered", kEmbedderOffered, kBool, ReadAs<bool>, true},
-      {"embedder/name", kEmbedderName, "a text", ReadAs<std::string>, kUsualEmbedder},
+      {"embedder/name", kEmbedderName, "a text", ReadAs<std::string>, kDefaultEmbedderName},
       {"embedder/replies", kReplyPrefix, "an integer of 32 bits, true, false, a text", ToValue},
       {"latency", kLatencyPrefix, "an integer from 0 to 60000 (milliseconds)", ReadLatency},
   }};
@@ -176,7 +176,7 @@ std::vector<vconf::Entry> DefaultEntries() {
   entries.push_back({lists + "primary-audio-language", kLanguages});
   entries.push_back({lists + "secondary-audio-language", kLanguages});
   entries.push_back({kEmbedderOffered, true});
-  entries.push_back({kEmbedderName, kUsualEmbedder});
+  entries.push_back({kEmbedderName, kDefaultEmbedderName});
   return entries;
 }
 
@@ -261,7 +261,7 @@ vconf::Result<std::vector<std::string>> KnownPaths(std::string_view prefix) {
   return paths;
 }
 
-bool IsOpenPath(std::string_view path) {
+bool IsFreelyNamed(std::string_view path) {
   return std::ranges::any_of(Parts(), [&](const Part& part) {
     return part.path.ends_with('/') && part.path != kLatencyPrefix && path.starts_with(part.path);
   });

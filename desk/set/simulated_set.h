@@ -21,7 +21,7 @@ inline constexpr char kEmbedderOffered[] = "set/embedder/offered";     ///< bool
 inline constexpr char kEmbedderName[] = "set/embedder/name";           ///< text
 
 /// The embedder's name if the set has none configured.
-inline constexpr char kUsualEmbedder[] = "OstraWRT";
+inline constexpr char kDefaultEmbedderName[] = "OstraWRT";
 
 /// The maximum latency, in milliseconds.
 inline constexpr int kMaxLatency = 60'000;
@@ -56,6 +56,6 @@ vconf::Status ChangeSet(const ParsedJson& change);
 vconf::Result<std::vector<std::string>> KnownPaths(std::string_view prefix = "");
 
 /// Whether `path` is under a prefix that accepts any name, such as that of privileges.
-bool IsOpenPath(std::string_view path);
+bool IsFreelyNamed(std::string_view path);
 
 }  // namespace desk

@@ -503,10 +503,10 @@ TEST_F(ReplayTest, AChangeUponAnAnswerIsNoneOfTheRequest) {
   ASSERT_EQ(desk::OpenSet(store()).text(), "");
   int value = 0;
   {
-    desk::Recorder recorder(desk::Recorder::In(file()), [&](const std::string&) {
+    desk::Recorder recorder(desk::Recorder::ToFile(file()), [&](const std::string&) {
       static_cast<void>(vconf::Set("db/menu/caption/captionmode", ++value));
     });
-    ASSERT_FALSE(recorder.Failed());
+    ASSERT_FALSE(recorder.has_failed());
     const auto session = desk::Session::Start(MIRADO_PLUGIN_PATH, [&](const desk::Json& line) { recorder.Out(line); });
     ASSERT_TRUE(session.ok()) << session.status().text();
     const std::string ask = R"({"send":{"command":"getMenuValue","propertyKey":1}})";

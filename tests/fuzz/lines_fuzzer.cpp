@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 
+#include "base/unique_fd.h"
 #include "host/session.h"
 #include "property.h"
 

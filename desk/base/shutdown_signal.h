@@ -1,0 +1,31 @@
+#pragma once
+
+#include <chrono>
+
+#include "base/unique_fd.h"
+
+namespace desk {
+
+/// Tells that the program has to exit: because of SIGINT or SIGTERM, or because of `Raise`.
+///
+/// Must be created before any other thread: it blocks both signals in the calling thread, and threads inherit that.
+/// Every function may be called on any thread.
+class ShutdownSignal {
+ public:
+  ShutdownSignal();
+
+  void Raise();
+
+  bool IsRaised() const;
+
+  /// Waits until `fd` is readable (true), or until the program has to exit or `limit` has passed (false). A negative
+  /// `fd` is never readable, and a negative `limit` never passes.
+  bool WaitFor(int fd, std::chrono::milliseconds limit = std::chrono::milliseconds(-1)) const;
+
+ private:
+  // Neither of the two is ever read, so both stay readable.
+  UniqueFd signals_;
+  UniqueFd raised_;
+};
+
+}  // namespace desk
