@@ -19,6 +19,7 @@
 #include "base/command_line.h"
 #include "base/exit_status.h"
 #include "base/http_status.h"
+#include "base/paths.h"
 #include "server/stream.h"
 #include "set/simulated_set.h"
 
@@ -180,6 +181,26 @@ std::string Desk::Script() const {
          (check_.token().empty() ? "" : "?token=" + check_.token());
 }
 
+std::vector<std::string> Desk::Command() const {
+  std::vector<std::string> words = {"mirado", "desk", "--port", std::to_string(listener_.port())};
+  const auto add = [&](std::initializer_list<std::string> more) { words.insert(words.end(), more); };
+  if (options.temporary) {
+    add({"--temporary"});
+  } else {
+    add({"--store", options.host.store});
+  }
+  if (options.host.plugin != DefaultPlugin()) {
+    add({"--plugin", options.host.plugin});
+  }
+  if (!options.listen.empty()) {
+    add({"--listen", options.listen});
+  }
+  if (options.token) {
+    add({"--token"});
+  }
+  return words;
+}
+
 Json Desk::Describe() const {
   Json addresses = Json::array();
   for (const std::string& link : Links()) {
@@ -190,6 +211,7 @@ Json Desk::Describe() const {
   return {{"version", MIRADO_VERSION},
           {"addresses", std::move(addresses)},
           {"script", Script()},
+          {"command", Command()},
           {"plugin",
            {{"path", options.host.plugin},
             {"version", or_null(plugin_ ? plugin_->version() : "")},

@@ -59,6 +59,8 @@ class Desk {
   std::vector<std::string> Links() const;
   /// What a page on this machine loads.
   std::string Script() const;
+  /// The words of a command line that starts this desk again.
+  std::vector<std::string> Command() const;
 
   /// Runs `work` on the store's thread, then answers with what it returns. With `tells` all changes that it has made
   /// are told before.
