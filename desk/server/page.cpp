@@ -10,7 +10,9 @@
 #include <random>
 #include <utility>
 
+#include "set/catalog.h"
 #include "set/simulated_set.h"
+#include "vconf_control.h"
 
 namespace desk {
 namespace {
@@ -39,6 +41,25 @@ std::string_view MemberOf(std::string_view json, std::string_view name) {
   const auto members = RawMembers(json);
   const auto found = std::ranges::find(members, name, &RawMember::name);
   return found == members.end() ? std::string_view() : found->value;
+}
+
+// An event names a setting and not its value. What the value is when the event comes, as JSON text; empty for another
+// message, and when it cannot be read.
+std::string ValueNow(std::string_view message) {
+  const std::string_view event = MemberOf(message, "event");
+  if (event.empty()) {
+    return {};
+  }
+  const auto is_meant = [&](const Setting& setting) {
+    return event.substr(1, event.size() - 2) == setting.table->event &&
+           MemberOf(message, "value") == std::to_string(setting.key);
+  };
+  const auto setting = std::ranges::find_if(Settings(), is_meant);
+  if (setting == Settings().end()) {
+    return {};
+  }
+  const auto value = vconf::Get(std::string(setting->path));
+  return value.ok() ? ToText(ToJson(*value)) : std::string();
 }
 
 Json DescribeEnd(int wait_status, const Json& last_log) {
@@ -71,7 +92,8 @@ Page::Page(boost::asio::io_context& loop, int number, PageDescription descriptio
       dialogue_(kHistory),
       log_(kHistory),
       look_(loop),
-      host_(HostProcess::Start(loop, command.Arguments(), *this)) {
+      host_(HostProcess::Start(loop, command.Arguments(), *this)),
+      pid_(host_->pid()) {
   Tell();
   Look();
 }
@@ -173,7 +195,7 @@ void Page::OnDelivery(std::string_view message) {
     posts_.pop_front();
     Note("message", message, &pending);
   } else {
-    Note("message", message);
+    Note("message", message, nullptr, ValueNow(message));
   }
   deliveries_.Add("message", MakeText(std::string(message)));  // last: whoever hears of it finds it in the dialogue
 }
@@ -210,6 +232,7 @@ void Page::OnEnd(int wait_status) {
   watches_.clear();
   ReleaseWaiting();
   if (!leaving_) {
+    crashed_ = true;
     const std::string end = ToText(DescribeEnd(wait_status, LastLog(1)));
     Note("crash", end);
     Tell();
@@ -218,7 +241,7 @@ void Page::OnEnd(int wait_status) {
   watcher_.OnEnded(*this);  // last: this page may be no more
 }
 
-std::uint64_t Page::Note(std::string_view kind, std::string_view body, const Pending* answers) {
+std::uint64_t Page::Note(std::string_view kind, std::string_view body, const Pending* answers, std::string_view now) {
   std::string entry;
   entry.reserve(body.size() + 160);
   entry.append(R"({"page":")").append(id_).append(R"(","n":)").append(std::to_string(++entries_));
@@ -231,6 +254,9 @@ std::uint64_t Page::Note(std::string_view kind, std::string_view body, const Pen
                                    static_cast<long long>(duration / 1000), static_cast<long long>(duration % 1000));
     entry.append(R"(,"to":)").append(std::to_string(answers->entry));
     entry.append(R"(,"duration":)").append(milliseconds.data(), static_cast<std::size_t>(size));
+  }
+  if (!now.empty()) {
+    entry.append(R"(,"now":)").append(now);
   }
   std::ranges::replace_if(
       entry, [](char c) { return c == '\n' || c == '\r'; }, ' ');
@@ -266,8 +292,11 @@ Json Page::Describe() const {
             {"number", number_},
             {"title", description_.title},
             {"url", description_.url},
-            {"state", ended_ ? "crashed" : "running"},
-            {"pid", host_ ? host_->pid() : -1},
+            {"state", crashed_   ? "crashed"
+                      : leaving_ ? "ended"
+                                 : "running"},
+            {"open", !leaving_},
+            {"pid", pid_},
             {"since", since_},
             {"watches", watches_},
             {"sent", sent_},
@@ -280,7 +309,7 @@ Json Page::Describe() const {
                          {"running", recording_runs_},
                          {"full", recording_full_}};
   }
-  if (ended_) {
+  if (crashed_) {
     json["lastLog"] = LastLog(kLastLines);
   }
   return json;

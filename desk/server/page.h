@@ -28,6 +28,8 @@ struct PageDescription {
   std::string title;
   std::string url;
   std::chrono::seconds grace{5};  ///< how long it lives without a stream and without a message
+
+  bool operator==(const PageDescription&) const = default;
 };
 
 /// One page. The loop's thread alone.
@@ -75,6 +77,7 @@ class Page final : private HostProcess::Listener {
 
   const std::string& id() const { return id_; }
   int number() const { return number_; }
+  const PageDescription& description() const { return description_; }
 
   /// Hands `messages` to the plug-in in their order. Only the last may be a send. `on_result` is called once: at
   /// once, or with the reply to the send. Messages whose number is not above all that came before are skipped; a send
@@ -119,6 +122,9 @@ class Page final : private HostProcess::Listener {
   /// Its process has ended.
   bool crashed() const { return ended_; }
 
+  /// Releases the descriptors of a process that has ended. Not from a call to the watcher.
+  void ReleaseProcess() { host_.reset(); }
+
  private:
   // A message that has not been answered yet.
   struct Pending {
@@ -142,7 +148,8 @@ class Page final : private HostProcess::Listener {
   void OnRecorded(std::string_view line);
   void Log(std::string_view parts);
   Json LastLog(std::ptrdiff_t count) const;
-  std::uint64_t Note(std::string_view kind, std::string_view body, const Pending* answers = nullptr);
+  std::uint64_t Note(std::string_view kind, std::string_view body, const Pending* answers = nullptr,
+                     std::string_view now = {});
   void Tell() { everything_.Add("page", MakeText(ToText(Describe()))); }
   void ReleaseWaiting();
   void Look();
@@ -174,8 +181,10 @@ class Page final : private HostProcess::Listener {
   Clock::time_point last_sign_ = Clock::now();
   bool leaving_ = false;
   bool ended_ = false;
+  bool crashed_ = false;  // its process ended before the page left
   boost::asio::steady_timer look_;
   std::shared_ptr<HostProcess> host_;
+  const int pid_;
 };
 
 }  // namespace desk

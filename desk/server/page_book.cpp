@@ -24,12 +24,12 @@ std::shared_ptr<Page> PageBook::Open(PageDescription description, bool reserve) 
   return page;
 }
 
-std::shared_ptr<Page> PageBook::Find(std::string_view id) const {
-  const auto found = std::ranges::find_if(pages_, [&](const auto& entry) { return entry.second->id() == id; });
-  return found == pages_.end() ? nullptr : found->second;
+std::shared_ptr<Page> PageBook::FindIn(const Map& pages, std::string_view id) {
+  const auto found = std::ranges::find_if(pages, [&](const auto& entry) { return entry.second->id() == id; });
+  return found == pages.end() ? nullptr : found->second;
 }
 
-void PageBook::Leave(Page& page, std::string_view reason) {
+void PageBook::Leave(Page& page, Keep keep, std::string_view reason) {
   auto node = pages_.extract(page.number());
   if (node.empty()) {
     return;
@@ -37,6 +37,9 @@ void PageBook::Leave(Page& page, std::string_view reason) {
   const std::shared_ptr<Page> held = node.mapped();
   const bool crashed = held->crashed();
   leaving_.insert(std::move(node));
+  if (keep == Keep::kNothing || held->dialogue().newest() == 0) {
+    forgotten_.insert(page.number());
+  }
   held->End(reason);
   if (crashed) {
     OnEnded(page);
@@ -49,12 +52,42 @@ void PageBook::OnEnded(Page& page) {
   if (node.empty()) {
     return;  // It stays on the list as one that has crashed.
   }
-  everything_.Add("gone", MakeText(ToText({{"id", page.id()}, {"number", page.number()}})));
+  const std::shared_ptr<Page> held = node.mapped();
+  const bool kept = forgotten_.erase(page.number()) == 0;
+  if (kept) {
+    MakeRoomFor(page);
+    ended_.insert(std::move(node));
+  }
+  TellGone(page, kept);
   // Not in the middle of what the page is doing.
-  boost::asio::post(loop_, [page = std::move(node.mapped())] {});
+  boost::asio::post(loop_, [held] { held->ReleaseProcess(); });
   if (on_closed_ && pages_.empty() && leaving_.empty()) {
     boost::asio::post(loop_, on_closed_);
   }
+}
+
+void PageBook::MakeRoomFor(const Page& page) {
+  const auto is_same = [&](const auto& entry) {
+    return !entry.second->recording() && entry.second->description() == page.description();
+  };
+  if (const auto earlier = std::ranges::find_if(ended_, is_same); earlier != ended_.end()) {
+    Drop(*earlier->second);
+  }
+  if (ended_.size() >= kMaxEnded) {
+    Drop(*ended_.begin()->second);
+  }
+}
+
+void PageBook::Drop(Page& page) {
+  if (const auto node = ended_.extract(page.number()); !node.empty()) {
+    TellGone(page, false);
+  }
+}
+
+void PageBook::TellGone(const Page& page, bool kept) {
+  everything_.Add(
+      "gone",
+      MakeText(ToText({{"id", page.id()}, {"number", page.number()}, {"ended", kept ? page.Describe() : Json()}})));
 }
 
 void PageBook::Close(std::function<void()> on_closed) {
@@ -64,7 +97,7 @@ void PageBook::Close(std::function<void()> on_closed) {
   on_closed_ = std::move(on_closed);
   // All are asked first, so that the slowest alone counts.
   while (!pages_.empty()) {
-    Leave(*pages_.begin()->second, "the desk has ended");
+    Leave(*pages_.begin()->second, Keep::kNothing, "the desk has ended");
   }
   if (leaving_.empty()) {
     boost::asio::post(loop_, on_closed_);

@@ -246,44 +246,60 @@ void OpenPage(Desk& desk, const HttpRequest& request, const ConnectionPtr& conne
 
 void AddPageRoutes(Router& router, Desk& desk) {
   using PageHandler = std::function<void(const std::shared_ptr<Page>&, const HttpRequest&, const ConnectionPtr&)>;
-  const auto with_page = [&desk](PageHandler handler) {
-    return [&desk, handler = std::move(handler)](HttpRequest& request, const ConnectionPtr& connection) {
-      if (const auto page = desk.pages.Find(request.parts[0])) {
+  enum class Which { kOpen, kEndedToo };
+  const auto with_page = [&desk](PageHandler handler, Which which = Which::kOpen) {
+    return [&desk, handler = std::move(handler), which](HttpRequest& request, const ConnectionPtr& connection) {
+      const auto& id = request.parts[0];
+      const auto open = desk.pages.Find(id);
+      if (const auto page = open || which == Which::kOpen ? open : desk.pages.FindEnded(id)) {
         return handler(page, request, connection);
       }
       connection->Reply(Fail({vconf::Code::kMissing, "there is no page " + request.parts[0]}));
     };
   };
-  const auto add = [&](http::verb method, const std::string& name, std::function<Answer(Page&)> answer) {
+  const auto add = [&](http::verb method, const std::string& name, std::function<Answer(Page&)> answer,
+                       Which which = Which::kOpen) {
     router.Add(method, "/api/pages/*" + name,
-               with_page([answer = std::move(answer)](const auto& page, const auto&, const auto& connection) {
-                 connection->Reply(answer(*page));
-               }));
+               with_page([answer = std::move(answer)](const auto& page, const auto&,
+                                                      const auto& connection) { connection->Reply(answer(*page)); },
+                         which));
   };
-  const auto leave = [&desk](Page& page) {
-    desk.pages.Leave(page);
-    return Answer{};
+  const auto describe_all = [](const auto& pages) {
+    Json all = Json::array();
+    for (const auto& [number, page] : pages) {
+      all.push_back(page->Describe());
+    }
+    return all;
   };
 
-  router.Get("/api/pages", [&desk](const HttpRequest&) {
-    Json pages = Json::array();
-    for (const auto& [number, page] : desk.pages.all()) {
-      pages.push_back(page->Describe());
-    }
-    return Say({{"pages", std::move(pages)}});
+  router.Get("/api/pages", [&desk, describe_all](const HttpRequest&) {
+    return Say({{"pages", describe_all(desk.pages.all())}, {"ended", describe_all(desk.pages.ended())}});
   });
   router.AddWithBody(http::verb::post, "/api/pages", [&desk](HttpRequest& request, const ConnectionPtr& connection) {
     OpenPage(desk, request, connection);
   });
   add(http::verb::get, "", [](Page& page) { return Say(page.Describe()); });
-  add(http::verb::delete_, "", leave);
-  add(http::verb::post, "/leave", leave);
+  add(
+      http::verb::delete_, "",
+      [&desk](Page& page) {
+        desk.pages.Leave(page, PageBook::Keep::kNothing);
+        desk.pages.Drop(page);
+        return Answer{};
+      },
+      Which::kEndedToo);
+  add(http::verb::post, "/leave", [&desk](Page& page) {
+    desk.pages.Leave(page, PageBook::Keep::kHistory);
+    return Answer{};
+  });
   add(http::verb::post, "/kill", [](Page& page) {
     page.Kill();
     return Answer{};
   });
-  add(http::verb::get, "/dialogue", [](Page& page) { return Answer{.body = page.dialogue().Join("dialogue")}; });
-  add(http::verb::get, "/log", [](Page& page) { return Answer{.body = page.log().Join("log")}; });
+  add(
+      http::verb::get, "/dialogue", [](Page& page) { return Answer{.body = page.dialogue().Join("dialogue")}; },
+      Which::kEndedToo);
+  add(
+      http::verb::get, "/log", [](Page& page) { return Answer{.body = page.log().Join("log")}; }, Which::kEndedToo);
 
   add(http::verb::post, "/recording", [](Page& page) {
     return page.StartRecording() ? Say(page.Describe(), 201)
@@ -293,10 +309,13 @@ void AddPageRoutes(Router& router, Desk& desk) {
     page.StopRecording();
     return Say(page.Describe());
   });
-  add(http::verb::get, "/recording", [](Page& page) {
-    return page.recording() ? Answer{.body = *page.recording(), .type = "application/jsonl"}
-                            : Fail({vconf::Code::kMissing, "no recording of this page was started"});
-  });
+  add(
+      http::verb::get, "/recording",
+      [](Page& page) {
+        return page.recording() ? Answer{.body = *page.recording(), .type = "application/jsonl"}
+                                : Fail({vconf::Code::kMissing, "no recording of this page was started"});
+      },
+      Which::kEndedToo);
 
   router.AddWithBody(http::verb::post, "/api/pages/*/messages",
                      with_page([&desk](const auto& page, const auto& request, const auto& connection) {

@@ -20,8 +20,11 @@ std::span<const KeyTable> KeyTables() {
   static const std::vector<KeyTable> tables = [] {
     std::vector<KeyTable> all;
     for (const auto& [name, row] : Catalog().at("tables").items()) {
-      all.push_back(
-          {.name = name, .read = Text(row, "read"), .watch = Text(row, "watch"), .unwatch = Text(row, "unwatch")});
+      all.push_back({.name = name,
+                     .read = Text(row, "read"),
+                     .watch = Text(row, "watch"),
+                     .unwatch = Text(row, "unwatch"),
+                     .event = Text(row, "event")});
     }
     return all;
   }();

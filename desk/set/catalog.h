@@ -20,6 +20,7 @@ struct KeyTable {
   std::string_view read;
   std::string_view watch;
   std::string_view unwatch;
+  std::string_view event;  ///< which names the key that has changed
 };
 
 std::span<const KeyTable> KeyTables();

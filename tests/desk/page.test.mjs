@@ -1,5 +1,6 @@
 // Pages, their messages and the life of their processes.
 import assert from "node:assert/strict";
+import { readdirSync } from "node:fs";
 import { writeFile } from "node:fs/promises";
 import { join } from "node:path";
 import { after, before, test } from "node:test";
@@ -166,6 +167,40 @@ test("a page that leaves, or is not heard of any more, takes its process with it
   }
   events.close();
   departures.close();
+});
+
+test("a page that has ended can be read until newer ones take its place, or somebody deletes it", async () => {
+  const own = await Desk.start();
+  const events = await own.follow("/api/events");
+  const load = async (title, { recorded = false } = {}) => {
+    const page = await own.openPage({ title });
+    if (recorded) await own.call("POST", `/api/pages/${page.id}/recording`);
+    await own.say(page, { send: VERSION });
+    await own.call("POST", `/api/pages/${page.id}/leave`);
+    return (await events.next("gone", ({ id, ended }) => id === page.id && ended)).data.ended;
+  };
+  const descriptors = () => readdirSync(`/proc/${own.child.pid}/fd`).length;
+  const few = descriptors();
+  const kept = async () => (await own.call("GET", "/api/pages")).ended.map(({ title }) => title);
+  const recorded = await load("one", { recorded: true });
+  assert.deepEqual([recorded.state, recorded.open], ["ended", false]);
+  for (let times = 0; times < 3; ++times) await load("one");
+  assert.deepEqual(await kept(), ["one", "one"], "the recorded one and the last");
+  const read = async (part) => (await own.request("GET", `/api/pages/${recorded.id}/${part}`)).status;
+  for (const part of ["dialogue", "log", "recording"]) assert.equal(await read(part), 200, part);
+  assert.equal(await read("deliveries"), 404);
+
+  const others = ["2", "3", "4", "5", "6", "7", "8"];
+  for (const title of others) await load(title);
+  assert.deepEqual(await kept(), ["one", ...others]);
+  assert.equal(await read("dialogue"), 404);
+  assert(descriptors() < few + 5, "an ended page holds no descriptor");
+  const last = (await own.call("GET", "/api/pages")).ended.at(-1);
+  await own.call("DELETE", `/api/pages/${last.id}`);
+  await events.next("gone", ({ id, ended }) => id === last.id && !ended);
+  assert.equal((await kept()).length, 7);
+  events.close();
+  await own.stop();
 });
 
 test("a page that waits for a slow reply is not given up", async () => {
