@@ -48,7 +48,7 @@ void PrintError(const std::string& text) { std::cerr << Printable(text) << '\n';
 
 vconf::Status OutputError(int error) {
   return {vconf::Code::kFailed,
-          std::string("the output is not complete, it cannot be written: ") +
+          std::string("the output is incomplete, because writing it failed: ") +
               (error != 0 ? std::strerror(error) : "the disk is full, or the reader has closed the pipe")};
 }
 
@@ -68,10 +68,10 @@ int PrintParseError(const CLI::App& app, const CLI::ParseError& error) {
     for (const CLI::App* const below : called.get_subcommands([](const CLI::App*) { return true; })) {
       known.push_back(below->get_name());
     }
-    PrintError(FullName(called) + ": " + Quoted(unexpected.front()) + " is not expected here" +
+    PrintError(FullName(called) + ": " + Quoted(unexpected.front()) + " is not a known argument" +
                Suggestion(unexpected.front(), known));
   }
-  PrintError("`" + FullName(called) + " --help` says what it takes.");
+  PrintError("`" + FullName(called) + " --help` lists the arguments.");
   return kUsage;
 }
 
@@ -104,16 +104,18 @@ CLI::Validator Between(int least, int most) {
 
 CLI::Option* AddStoreOption(CLI::App& command, std::string& folder) {
   folder = DefaultStore();
-  return command.add_option("--store", folder, "The folder of the store")->type_name("FOLDER")->capture_default_str();
+  return command.add_option("--store", folder, "The store's folder")->type_name("FOLDER")->capture_default_str();
 }
 
 void AddPluginOption(CLI::App& command, std::string& plugin) {
   plugin = DefaultPlugin();
-  command.add_option("--plugin", plugin, "The plug-in's library")->type_name("FILE")->capture_default_str();
+  command.add_option("--plugin", plugin, "The plug-in's shared library")->type_name("FILE")->capture_default_str();
 }
 
 void AddLogLevelOption(CLI::App& command, int& level) {
-  command.add_option("--log-level", level, "Drop log lines below 2 verbose … 4 info, 6 error, 7 fatal; 8 drops all")
+  command
+      .add_option("--log-level", level,
+                  "The lowest priority of printed log lines: 2 verbose … 4 info, 6 error, 7 fatal, 8 none")
       ->type_name("LEVEL")
       ->check(Between(2, 8))
       ->capture_default_str();

@@ -56,7 +56,8 @@ vconf::Result<std::string> ReadFile(const std::string& file) {
     return FileStatus(errno, file);
   }
   if (!S_ISREG(status.st_mode)) {
-    return vconf::Status(vconf::Code::kFailed, file + (S_ISDIR(status.st_mode) ? ": is a folder" : ": is no file"));
+    return vconf::Status(vconf::Code::kFailed,
+                         file + (S_ISDIR(status.st_mode) ? ": is a folder, not a file" : ": is not a regular file"));
   }
   std::string content;
   std::array<char, 16'384> chunk{};

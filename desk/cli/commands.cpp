@@ -24,7 +24,7 @@ std::string_view ShortName(const Setting& setting) {
 std::string RepairAdvice(const vconf::Status& status, const std::string& where) {
   return status.code() != vconf::Code::kDamaged
              ? ""
-             : "; `mirado reset --force" + where + "` moves it aside and makes a new one";
+             : "; `mirado reset --force" + where + "` moves the damaged files away and creates a new store";
 }
 
 }  // namespace
@@ -52,7 +52,7 @@ int WithStore(const StoreOption& store, IfMissing if_missing, const std::functio
     const bool none = opened.code() == vconf::Code::kMissing && !store.folder.empty() &&
                       (!std::filesystem::exists(store.folder, failed) ||
                        (std::filesystem::is_empty(store.folder, failed) && !failed));
-    PrintError(opened.text() + (none ? "; `mirado reset" + where + "` makes one" : RepairAdvice(opened, where)));
+    PrintError(opened.text() + (none ? "; `mirado reset" + where + "` creates one" : RepairAdvice(opened, where)));
     return kCannotWork;  // for every cause: a missing store does not mean that a key is missing
   }
   const auto status = work();
@@ -79,7 +79,7 @@ vconf::Result<std::string> PathFromArgument(const std::string& argument) {
     }
     known.emplace_back(text.find("_KEY_") == std::string::npos ? name : setting.enumerator);
   }
-  return vconf::Status(vconf::Code::kBadName, Quoted(text) + " is neither a path nor a setting's constant or number" +
+  return vconf::Status(vconf::Code::kBadName, Quoted(text) + " is not a path, and not a setting's constant or number" +
                                                   Suggestion(text, known));
 }
 

@@ -146,7 +146,8 @@ void PrintCompletions(const CLI::App& app, const Words& words) {
 
 void AddCompletionCommand(CLI::App& app, Run& run) {
   auto shell = std::make_shared<std::string>();
-  auto* command = app.add_subcommand("completion", "Print what lets a shell complete the words of this program");
+  auto* command =
+      app.add_subcommand("completion", "Print a script with which a shell completes this program's arguments");
   command->footer("In ~/.bashrc: eval \"$(mirado completion bash)\"");
   command->add_option("SHELL", *shell, "bash or zsh")->required()->check(CLI::IsMember({"bash", "zsh"}))->type_name("");
   command->callback([shell, &run] {

@@ -61,10 +61,10 @@ vconf::Status Clear(const std::vector<std::string>& arguments) {
 void WarnAboutPath(const FaultCall& call, const vconf::Fault& fault) {
   if (fault.path != kEveryPath && !call.path.empty()) {
     const auto known = KnownPaths(call.prefix);
-    WarnIfUnknown(fault.path, "is not known as " + std::string(call.path) + ", but the fault is set",
+    WarnIfUnknown(fault.path, "the fault is set, but this is not known as " + std::string(call.path),
                   known.ok() ? *known : std::vector<std::string>());
   } else if (fault.path != kEveryPath && !fault.path.empty()) {
-    WarnIfUnknown(fault.path, fault.call + " has no path, but the fault is set", {});
+    WarnIfUnknown(fault.path, "the fault is set, but has no effect, because " + fault.call + " has no path", {});
   }
 }
 
@@ -97,18 +97,18 @@ vconf::Status ChangeFaults(const FaultOptions& options) {
 /// The second of three arguments is optional, which the parser cannot express.
 void Check(const FaultOptions& options) {
   if (options.clear && options.arguments.size() > 2) {
-    throw CLI::ValidationError("--clear takes CALL and PATH at most");
+    throw CLI::ValidationError("--clear takes at most CALL and PATH");
   }
   if (options.clear || options.arguments.empty()) {
     return;
   }
   if (options.arguments.size() < 2 || !std::holds_alternative<int>(ValueFromArgument(options.arguments.back()))) {
-    throw CLI::ValidationError("a fault takes CALL [PATH] ANSWER, and the answer is an integer");
+    throw CLI::ValidationError("the arguments must be CALL [PATH] ANSWER, and ANSWER an integer");
   }
 }
 
 std::string Calls() {
-  std::string text = "Calls, which answers are failures of them, and what their paths are:\n";
+  std::string text = "The calls, which answers are failures of them, and what PATH is:\n";
   const auto add = [&](std::string_view column, std::size_t width) {
     text.append(column).append(width - std::min(column.size(), width), ' ');
   };
@@ -125,24 +125,25 @@ std::string Calls() {
 
 void AddFaultCommand(CLI::App& app, Run& run) {
   auto options = std::make_shared<FaultOptions>();
-  auto* command = app.add_subcommand("fault", "Let a call of the set fail, or show which do");
+  auto* command = app.add_subcommand("fault", "Make a call of the set fail, or list or clear such faults");
   command->footer(
       "  mirado fault CALL [PATH] ANSWER [--times N]\n"
       "  mirado fault --list\n"
       "  mirado fault --clear [CALL [PATH]]\n"
-      "The call answers ANSWER instead of doing its work, in every process, at once. Without PATH it does so on every\n"
-      "path. PATH may also be a setting by constant or number.\n" +
+      "In every process, the call returns ANSWER instead of doing its work. Without PATH the fault applies to every\n"
+      "path of the call. A key's path may be given as a setting's constant or number.\n" +
       Calls());
   AddStoreOption(*command, options->store);
-  auto* fault = command->add_option("FAULT", options->arguments, "CALL [PATH] ANSWER; behind --clear, CALL [PATH]")
+  auto* fault = command->add_option("FAULT", options->arguments, "CALL [PATH] ANSWER; with --clear CALL [PATH]")
                     ->expected(0, 3)
                     ->type_name("");
-  command->add_option("--times", options->times, "How often; 0 is until the fault is cleared")
+  command->add_option("--times", options->times, "Fail N times; 0 means until the fault is cleared")
       ->type_name("N")
       ->check(Between(0, 1'000'000'000))
       ->capture_default_str();
-  auto* list = command->add_flag("--list", options->list, "Print the faults that are set")->excludes(fault);
-  command->add_flag("--clear", options->clear, "Clear all faults, or the one that is named; without PATH, that for *")
+  auto* list = command->add_flag("--list", options->list, "Print the faults")->excludes(fault);
+  command
+      ->add_flag("--clear", options->clear, "Clear all faults, or that of CALL for PATH (without PATH: for every path)")
       ->excludes(list);
   AddJsonOption(*command, options->json);
   command->callback([options, &run] {

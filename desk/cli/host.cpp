@@ -95,13 +95,13 @@ class Output {
 
 int Host(const HostOptions& options) {
   if (HasContent(options.record)) {
-    PrintError(options.record + ": exists and is not empty; remove it, or record to another file");
+    PrintError(options.record + ": the file is not empty; remove it, or record to another file");
     return kCannotWork;
   }
   ShutdownSignal shutdown;
   if (const auto opened = OpenSet(options.store.folder); !opened.ok()) {
     // The store has logged the cause itself, unless it was never opened.
-    PrintError("mirado: no store is open; requests that need it will fail" +
+    PrintError("mirado: the store cannot be opened, so requests that need it will fail" +
                (options.store.folder.empty() ? ": " + opened.text() : ""));
   }
   dlog::SetThreshold(options.log_level);
@@ -137,7 +137,7 @@ int Host(const HostOptions& options) {
   session.reset();
   vconf::CloseStore();
   if (output.recorder() != nullptr && output.recorder()->has_failed()) {
-    PrintError(options.record + ": is incomplete: writing it failed");
+    PrintError(options.record + ": the recording is incomplete, because writing it failed");
     all_done = false;
   }
   if (output.error() != 0) {
@@ -151,23 +151,24 @@ int Host(const HostOptions& options) {
 
 void AddHostCommand(CLI::App& app, Run& run) {
   auto options = std::make_shared<HostOptions>();
-  auto* command = app.add_subcommand("host", "Run a page's session with the plug-in, in JSON lines");
-  command->footer(R"(In, one line each:
-  {"send": MESSAGE}       the page waits:          {"reply": REPLY}
-  {"post": MESSAGE}       the page does not wait:  {"message": DELIVERY}, sooner or later
-  {"set": {PATH: VALUE}}  somebody changes the store
-  {"settle": true}        all that was asked has been handled, all changes told:  {"settled": true}
-A line that is none of these is answered {"error": {"line": 7, "text": …}} and changes nothing. Log lines
-go to stderr, or with --report out as {"log": …}; then {"watches": [PATH…]} tells of subscriptions.
-The session ends with its input, or on SIGINT or SIGTERM. Exit status: 0, 1 when there were bad lines,
-2 for a wrong command line, 3 when the plug-in cannot be loaded, FILE holds something already,
-or nobody takes what comes out.)");
+  auto* command = app.add_subcommand("host", "Run the plug-in for one page, which sends and receives JSON lines");
+  command->footer(R"(Standard input has one request in each line:
+  {"send": MESSAGE}       a message whose reply the page waits for; the reply is {"reply": REPLY}
+  {"post": MESSAGE}       a message that the page does not wait for
+  {"set": {PATH: VALUE}}  a change of the store, as if another program made it
+  {"settle": true}        waits until all requests and changes are handled; then {"settled": true}
+Standard output has the replies, and {"message": MESSAGE} for each message that the plug-in posts to the page.
+For a line that is invalid or refused it has {"error": {"line": 7, "text": …}}. Log lines go to stderr; with
+--report they are {"log": …} on standard output, and {"watches": [PATH, …]} lists the subscriptions when they change.
+The session ends at the end of the input, or on SIGINT or SIGTERM. Exit status: 0 success, 1 a line was invalid or
+refused, or the recording is incomplete, 2 wrong command line, 3 the plug-in cannot be loaded, FILE is not empty,
+or FILE or the output cannot be written.)");
   AddPluginOption(*command, options->plugin);
   AddStoreOption(*command, options->store);
   AddLogLevelOption(*command, options->log_level);
   command->add_flag("--report", options->report,
-                    "Tell of log lines and subscriptions in JSON lines too, and take record");
-  command->add_option("--record", options->record, "Write what goes in and comes out, for `mirado replay`")
+                    "Print log lines and subscriptions as JSON lines, and accept {\"record\": …}");
+  command->add_option("--record", options->record, "Record the session in FILE, for `mirado replay`")
       ->type_name("FILE");
   command->callback([options, &run] { run = [options] { return Host(*options); }; });
 }

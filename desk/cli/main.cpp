@@ -18,7 +18,7 @@ namespace {
 int BecomeDesk(char** arguments) {
   const std::string program = DeskProgram();
   execv(program.c_str(), arguments);
-  PrintError(program + ": cannot be started: " + std::strerror(errno));
+  PrintError(program + ": cannot be started; reinstall or rebuild Mirado: " + std::strerror(errno));
   return kCannotWork;
 }
 
@@ -38,8 +38,7 @@ std::vector<std::string> WithoutMark(std::vector<std::string> arguments) {
 }
 
 int Main(const std::vector<std::string>& arguments) {
-  CLI::App app("The television plug-in on a desk: run it, steer the simulated set, record and replay sessions",
-               "mirado");
+  CLI::App app("Run the television plug-in on a simulated set, change the set, record and replay sessions", "mirado");
   app.set_version_flag("--version", MIRADO_VERSION);
   app.require_subcommand(1);
   Run run;
@@ -54,8 +53,10 @@ int Main(const std::vector<std::string>& arguments) {
   AddCompletionCommand(app, run);
   // Set after the commands were added, because they would inherit it.
   app.footer(
-      "Exit status: 0 done, 1 the answer is no, 2 wrong command line, 3 something needed cannot be used.\n"
-      "`mirado COMMAND --help` says more. MIRADO_STORE and MIRADO_PLUGIN stand in for --store and --plugin.");
+      "Exit status: 0 success, 1 refused or not as expected, 2 wrong command line, 3 the store, the plug-in, a file "
+      "or\n"
+      "the output cannot be used. `mirado COMMAND --help` describes a command. The environment variables MIRADO_STORE\n"
+      "and MIRADO_PLUGIN replace the defaults of --store and --plugin.");
   // For the shell's completion and for the build. The words to complete may be anything, so the parser is not used.
   if (!arguments.empty() && (arguments[0] == "complete" || arguments == std::vector<std::string>{"manual"})) {
     arguments[0] == "manual" ? PrintManual(app) : PrintCompletions(app, {arguments.begin() + 1, arguments.end()});

@@ -34,8 +34,8 @@ int ReplayOne(const std::string& file, const std::string& plugin) {
     PrintError(file + ": cannot be replayed: " + difference.status().text());
     return kCannotWork;
   }
-  std::cout << Printable(file) << ": " << recording->in.size() << " lines in, "
-            << (difference->empty() ? "the same came out\n" : "something else came out\n" + *difference);
+  std::cout << Printable(file) << ": " << recording->in.size() << " requests, "
+            << (difference->empty() ? "the same output\n" : "different output\n" + *difference);
   return difference->empty() ? kDone : kRefused;
 }
 
@@ -53,7 +53,7 @@ int ReplayInChild(const std::string& file, const ReplayOptions& options) {
     return kCannotWork;
   }
   if (WIFSIGNALED(status)) {
-    std::cout << Printable(file) << ": crashed while it was played: " << strsignal(WTERMSIG(status)) << '\n';
+    std::cout << Printable(file) << ": the replay crashed: " << strsignal(WTERMSIG(status)) << '\n';
     return kRefused;
   }
   return WEXITSTATUS(status);
@@ -63,14 +63,16 @@ int ReplayInChild(const std::string& file, const ReplayOptions& options) {
 
 void AddReplayCommand(CLI::App& app, Run& run) {
   auto options = std::make_shared<ReplayOptions>();
-  auto* command = app.add_subcommand("replay", "Play recorded sessions again and compare what comes out");
+  auto* command = app.add_subcommand("replay", "Replay recorded sessions and compare the output");
   command->footer(
-      "Each recording runs on a fresh store that starts as the recorded one did. Replies, deliveries and events\n"
-      "are compared each in their own order; times and log lines do not count. Exit status: 0 when all came out\n"
-      "the same, 1 when one did not, 3 when one cannot be replayed.");
+      "Each recording is replayed on a new store with the recorded content. Replies, deliveries and events are each\n"
+      "compared in order; log lines and times are not compared.\n"
+      "Exit status: 0 all outputs are the same, 1 one differs, 3 a recording cannot be replayed.");
   AddPluginOption(*command, options->plugin);
   AddLogLevelOption(*command, options->log_level);
-  command->add_option("FILE", options->files, "Recordings, as `mirado host --record` writes them")->required();
+  command
+      ->add_option("FILE", options->files, "Recordings, written by `mirado host --record` or saved on the desk's page")
+      ->required();
   command->callback([options, &run] {
     run = [options] {
       int worst = kDone;

@@ -81,7 +81,7 @@ vconf::Status Show(const SetUpOptions& options, const std::string& words, const 
     return set.status();
   }
   if (!set->contains(place)) {
-    return {vconf::Code::kMissing, "the set has no " + words + "; `mirado set-up` prints what it has"};
+    return {vconf::Code::kMissing, "the simulated set has no " + words + "; `mirado set-up` prints what it has"};
   }
   if (options.json) {
     PrintJson(Nested(place, set->at(place)));
@@ -106,7 +106,7 @@ Json FromNumber(const std::string& word) {
   int number = 0;
   const auto parsed = std::from_chars(word.data(), word.data() + word.size(), number);
   if (parsed.ec != std::errc() || parsed.ptr != word.data() + word.size()) {
-    throw CLI::ValidationError(Quoted(word) + " is neither an integer of 32 bits nor none");
+    throw CLI::ValidationError(Quoted(word) + " is not a 32-bit integer and not none");
   }
   return number;
 }
@@ -127,7 +127,7 @@ Json ReadItems(const SetUpOptions& given) {
   for (const std::string& item : given.items) {
     const auto sign = item.find('=');
     if (sign == std::string::npos) {
-      throw CLI::ValidationError(Quoted(item) + " is not an item; an item is VALUE=LABEL, such as 1=English");
+      throw CLI::ValidationError(Quoted(item) + " is not an item; write VALUE=LABEL, such as 1=English");
     }
     items.push_back({{"value", FromNumber(item.substr(0, sign))}, {"label", TextFromArgument(item.substr(sign + 1))}});
   }
@@ -184,21 +184,21 @@ void AddScenarios(CLI::App& set_up, Run& run, const Options& options) {
     return command;
   };
   constexpr char kName[] = "1 to 64 letters, digits and . _ -";
-  add("save", "Save the whole set under a name: settings, the set-up, faults",
+  add("save", "Save settings, set-up and faults under a name",
       [](const SetUpOptions& given) {
         const auto scenario = DescribeScenario();
         return scenario.ok() ? SaveScenario(given.store.folder, given.name, ParsedJson(*scenario)) : scenario.status();
       })
       ->add_option("NAME", options->name, kName)
       ->required();
-  add("load", "Give the set what was saved under a name",
+  add("load", "Restore what was saved under a name",
       [](const SetUpOptions& given) {
         const auto scenario = ReadScenario(given.store.folder, given.name);
         return scenario.ok() ? LoadScenario(*scenario) : scenario.status();
       })
       ->add_option("NAME", options->name, kName)
       ->required();
-  add("list", "Print the names under which the set was saved", ListSaved);
+  add("list", "Print the saved names", ListSaved);
 }
 
 }  // namespace
@@ -222,23 +222,24 @@ void AddSetUpCommand(CLI::App& app, Run& run) {
   add_state(*b2b, {"on", "off", "unknown"});
 
   auto* privilege =
-      set_up->add_subcommand("privilege", "Whether a page's application holds a privilege, from the next page on");
+      set_up->add_subcommand("privilege", "Whether applications hold a privilege; applies to pages that start later");
   ShowOrChange(*privilege, run, options, "/privileges", ReadOnOff, Privilege());
   add_state(*privilege, {"on", "off", "unknown"});
-  privilege->add_option("URI", options->name, "The privilege, if not " + std::string(Privilege()));
+  privilege->add_option("URI", options->name, "The privilege; default: " + std::string(Privilege()));
 
-  auto* picture = set_up->add_subcommand("picture-size", "The picture-size code, or that there is no picture");
+  auto* picture =
+      set_up->add_subcommand("picture-size", "The picture-size code; none means that there is no video control");
   ShowOrChange(*picture, run, options, "/pictureSize", ReadNumber);
   picture->add_option("SIZE", options->value, "An integer, or none");
 
-  auto* items = set_up->add_subcommand("items", "Which values a setting may take");
+  auto* items = set_up->add_subcommand("items", "The items of a list: the values that a setting accepts");
   ShowOrChange(*items, run, options, "/lists", ReadItems);
   auto* list = items->add_option("LIST", options->name, "Such as primary-audio-language");
   auto* item = items->add_option("ITEM", options->items, "VALUE=LABEL, such as 1=English");
-  auto* empty = items->add_flag("--empty", options->empty, "The list has no items")->needs(list)->excludes(item);
-  items->add_flag("--remove", options->remove, "There is no such list")->needs(list)->excludes(item)->excludes(empty);
+  auto* empty = items->add_flag("--empty", options->empty, "Make the list empty")->needs(list)->excludes(item);
+  items->add_flag("--remove", options->remove, "Remove the list")->needs(list)->excludes(item)->excludes(empty);
 
-  auto* latency = set_up->add_subcommand("latency", "How long a command is held back");
+  auto* latency = set_up->add_subcommand("latency", "The delay of a command");
   ShowOrChange(*latency, run, options, "/latency", ReadNumber);
   latency->add_option("COMMAND", options->name, "Such as getMenuValue");
   latency->add_option("MILLISECONDS", options->value, "0 to 60000, or none");
@@ -247,23 +248,24 @@ void AddSetUpCommand(CLI::App& app, Run& run) {
   embedder->require_subcommand(0, 1);
   embedder->fallthrough();
   ShowOrChange(*embedder, run, options, "/embedder", nullptr);
-  auto* offered = embedder->add_subcommand("offered", "Whether there is such an interface, from the next page on");
+  auto* offered =
+      embedder->add_subcommand("offered", "Whether the interface exists; applies to pages that start later");
   ShowOrChange(*offered, run, options, "/embedder/offered", ReadOnOff);
   add_state(*offered, {"on", "off"});
-  auto* name = embedder->add_subcommand("name", "What it calls itself");
+  auto* name = embedder->add_subcommand("name", "The web runtime's name");
   ShowOrChange(*name, run, options, "/embedder/name", ReadText);
   name->add_option("NAME", options->value, "Any text");
-  auto* reply = embedder->add_subcommand("reply", "What it replies to an operation");
+  auto* reply = embedder->add_subcommand("reply", "The reply to an operation");
   ShowOrChange(*reply, run, options, "/embedder/replies", ReadReply);
   reply->add_option("OPERATION", options->name, "Such as check_ace_privilege");
-  reply->add_option("REPLY", options->value, "A value as `mirado set` takes it, or none for the usual one");
+  reply->add_option("REPLY", options->value, "A value as in `mirado set`, or none for the default reply");
 
   AddScenarios(*set_up, run, options);
 
   // Set after the subcommands were added, because they would inherit it.
   set_up->footer(
-      "Alone it prints the set in the words that change it, and a word without a value prints what it would change.\n"
-      "What the set does not have, such as a list that was removed, has no line.");
+      "Without arguments, prints the set as the commands that restore it. A command without a value prints that part.\n"
+      "Parts that the set does not have, such as a list that was removed, are not printed.");
 }
 
 }  // namespace desk::cli

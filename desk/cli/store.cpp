@@ -73,12 +73,12 @@ vconf::Status Get(const StoreOptions& options) {
 /// Why a key with the value `held` does not accept what was typed, and what to type.
 std::string OtherType(const vconf::Value& held, const std::string& typed) {
   if (std::holds_alternative<int>(held)) {
-    return "holds an integer of 32 bits and takes no other type: write it in digits, such as " + ToArgument(held);
+    return "the value must be a 32-bit integer, such as " + ToArgument(held);
   }
   if (std::holds_alternative<bool>(held)) {
-    return "holds a boolean and takes no other type: write true or false";
+    return "the value must be true or false";
   }
-  return "holds a text and takes no other type: write it as " + ShellWord(ToArgument(vconf::Value(typed)));
+  return "the value must be a text; write it as " + ShellWord(ToArgument(vconf::Value(typed)));
 }
 
 vconf::Status Set(const StoreOptions& options) {
@@ -94,7 +94,7 @@ vconf::Status Set(const StoreOptions& options) {
   const auto known = KnownPaths();
   auto status = vconf::Set(*path, value);
   if (status.ok() && known.ok() && !IsFreelyNamed(*path)) {
-    WarnIfUnknown(*path, "no setting has this path, but the key is set", *known);
+    WarnIfUnknown(*path, "the key is set, but no setting has this path", *known);
   }
   return status;
 }
@@ -196,7 +196,7 @@ vconf::Status Watch(const StoreOptions& options) {
   }
   if (seen < options.count) {
     return {vconf::Code::kMissing,
-            std::to_string(seen) + " of " + std::to_string(options.count) + " changes came in time"};
+            "timed out after " + std::to_string(seen) + " of " + std::to_string(options.count) + " changes"};
   }
   return {};
 }
@@ -208,7 +208,8 @@ int Replace(const StoreOption& store) {
     PrintError(moved.status().text());
     return kCannotWork;
   }
-  std::cout << "The old store is in " << Printable(*moved) << "; " << Printable(store.folder) << " is a new one.\n";
+  std::cout << "Moved the old store to " << Printable(*moved) << "; " << Printable(store.folder)
+            << " is a new store.\n";
   return kDone;
 }
 
@@ -231,42 +232,48 @@ CLI::App* Add(CLI::App& app, Run& run, const std::shared_ptr<StoreOptions>& opti
 }  // namespace
 
 void AddStoreCommands(CLI::App& app, Run& run) {
-  constexpr char kKey[] = "A path such as db/menu/caption/caption, or a setting by constant or number: CAPTION, 0";
-  constexpr char kPrefix[] = "Only keys that begin with this, or a setting by constant or number";
+  constexpr char kKey[] =
+      "A path such as db/menu/caption/caption, or a setting's constant or number such as CAPTION or 0";
+  constexpr char kPrefix[] = "Only keys whose path begins with this text, or one setting by constant or number";
   auto options = std::make_shared<StoreOptions>();
   auto* get = Add(app, run, options, "get", "Print the value of a key", IfMissing::kFail, Get);
   get->add_option("PATH", options->path, kKey)->required();
   AddJsonOption(*get, options->json);
 
-  auto* set = Add(app, run, options, "set", "Give a key a value", IfMissing::kCreate, Set);
+  auto* set = Add(app, run, options, "set", "Set the value of a key", IfMissing::kCreate, Set);
   set->footer(
-      "A value is an integer of 32 bits, true, false or else a text. A text that looks like one of the others\n"
-      "goes in double quotes of its own, like any JSON string: mirado set PATH '\"42\"'. `mirado get` prints each\n"
-      "value so that this command takes it back. A key keeps the type that it has. A key that is not there yet\n"
-      "is made; a note on stderr tells when nothing on the set is known to have it.");
+      "A value is a 32-bit integer, true or false; anything else is a text. A text that looks like a number or a\n"
+      "boolean needs double quotes of its own, as in JSON: mirado set PATH '\"42\"'. `mirado get` prints values in\n"
+      "this form. A key that does not exist is created, with a warning if no setting has its path. The type of an\n"
+      "existing key cannot be changed.");
   set->add_option("PATH", options->path, kKey)->required();
   set->add_option("VALUE", options->value, "The value")->required();
 
-  auto* list = Add(app, run, options, "list", "Print the settings with their key numbers, and all other keys",
+  auto* list = Add(app, run, options, "list", "Print all settings with their numbers, and all other keys",
                    IfMissing::kFail, List);
   list->add_option("PREFIX", options->path, kPrefix);
   AddJsonOption(*list, options->json);
 
-  auto* watch = Add(app, run, options, "watch", "Print each change as it happens, until SIGINT or SIGTERM",
-                    IfMissing::kFail, Watch);
+  auto* watch =
+      Add(app, run, options, "watch", "Print each change of the keys until SIGINT or SIGTERM", IfMissing::kFail, Watch);
   watch->add_option("PREFIX", options->path, kPrefix);
-  watch->add_flag("--now", options->now, "Print what the keys hold first");
-  watch->add_flag("--exact", options->exact, "Only the key of this path");
-  watch->add_option("--count", options->count, "End after N changes")->type_name("N")->check(Between(1, 1'000'000'000));
-  watch->add_option("--timeout", options->timeout, "End after so many seconds; with --count, status 1 if fewer came")
+  watch->add_flag("--now", options->now, "Print the current values first");
+  watch->add_flag("--exact", options->exact, "Only the key with exactly this path");
+  watch->add_option("--count", options->count, "Exit after N changes")
+      ->type_name("N")
+      ->check(Between(1, 1'000'000'000));
+  watch
+      ->add_option("--timeout", options->timeout,
+                   "Exit after this time; with --count, status 1 if there were fewer changes")
       ->type_name("SECONDS")
       ->check(Between(0, 1'000'000));
   AddJsonOption(*watch, options->json);
 
-  auto* reset = Add(app, run, options, "reset", "Put the whole set back to what a new one holds; faults go too",
-                    IfMissing::kCreate, [](const StoreOptions&) { return ResetSet(); });
+  auto* reset =
+      Add(app, run, options, "reset", "Reset settings and set-up to the defaults of a new set, and clear all faults",
+          IfMissing::kCreate, [](const StoreOptions&) { return ResetSet(); });
   reset->add_flag("--force", options->force,
-                  "Make a new store also where one is damaged: moves its files to a folder that is printed");
+                  "Replace a damaged store too: moves its files to a new folder, whose name is printed");
 }
 
 }  // namespace desk::cli

@@ -49,7 +49,8 @@ int Verify(const VerifyOptions& options) {
     std::cout << AskedList(asked);
   } else {
     std::cout << Printable(options.file)
-              << (difference.empty() ? ": the page asked what is expected\n" : ": not what is expected\n" + difference);
+              << (difference.empty() ? ": the page sent what is expected\n"
+                                     : ": the page did not send what is expected\n" + difference);
   }
   return difference.empty() ? kDone : kRefused;
 }
@@ -58,18 +59,23 @@ int Verify(const VerifyOptions& options) {
 
 void AddVerifyCommand(CLI::App& app, Run& run) {
   auto options = std::make_shared<VerifyOptions>();
-  auto* command = app.add_subcommand("verify", "Check what a recorded page asked, how often and in which order");
+  auto* command =
+      app.add_subcommand("verify", "Check which messages a recorded page sent, how often and in which order");
   command->footer(
-      "MESSAGE is a command's name, or an object in JSON whose members the page's message must have:\n"
+      "MESSAGE is the name of a command, or a JSON object whose members the page's message must have:\n"
       "  mirado verify session.jsonl '{\"command\":\"setMenuValue\",\"propertyKey\":0}' getVersion --order\n"
       "  mirado verify session.jsonl showCaption --times 0\n"
-      "Without one it prints what the page asked. Exit status: 0 as expected, 1 not, 3 when FILE cannot be read.");
-  command->add_option("FILE", options->file, "A recording, as `mirado host --record` writes it")->required();
+      "Without MESSAGE and --exact, prints all messages. Exit status: 0 as expected, 1 not as expected, 2 wrong "
+      "command\n"
+      "line, 3 FILE cannot be read.");
+  command
+      ->add_option("FILE", options->file, "A recording, written by `mirado host --record` or saved on the desk's page")
+      ->required();
   command->add_option("MESSAGE", options->messages,
-                      "Was asked, as often as it is given here or more often; at most 100 of them");
-  auto* order = command->add_flag("--order", options->expected.order, "They were asked in this order");
-  auto* exact = command->add_flag("--exact", options->expected.exact, "Nothing else was asked");
-  command->add_option("--times", options->times, "Each of them was asked exactly so often, whatever else was")
+                      "Was sent at least as often as it is named here; at most 100 of them");
+  auto* order = command->add_flag("--order", options->expected.order, "The messages were sent in this order");
+  auto* exact = command->add_flag("--exact", options->expected.exact, "No other messages were sent");
+  command->add_option("--times", options->times, "Each MESSAGE was sent exactly N times; other messages are ignored")
       ->type_name("N")
       ->check(Between(0, 1'000'000'000))
       ->excludes(order)

@@ -51,7 +51,7 @@ vconf::Status BadRecording(std::string text) { return {vconf::Code::kFailed, std
 
 vconf::Status ReadStart(const ParsedJson& json, Recording& recording) {
   if (json.value("recording", ParsedJson()) != kVersion || !json.contains("state") || !json.contains("faults")) {
-    return BadRecording("is not the start of a recording");
+    return BadRecording("not the first line of a recording");
   }
   auto state = StateFromJson(json);
   if (!state.ok()) {
@@ -61,7 +61,7 @@ vconf::Status ReadStart(const ParsedJson& json, Recording& recording) {
   // Recordings that begin with the session may lack this member.
   for (const ParsedJson& path : json.value("watches", ParsedJson::array())) {
     if (!path.is_string()) {
-      return BadRecording("watches an invalid path");
+      return BadRecording(R"("watches" must be an array of paths)");
     }
     recording.watches.push_back(path);
   }
@@ -72,11 +72,12 @@ vconf::Status ReadStep(const ParsedJson& json, Recording& recording) {
   const auto in = json.find("in");
   const auto out = json.find("out");
   if (json.size() != 1 || (in == json.end() && out == json.end())) {
-    return BadRecording(R"(is neither an "in" nor an "out")");
+    return BadRecording(R"(must be {"in": REQUEST} or {"out": LINE})");
   }
   if (out != json.end()) {
     recording.out.push_back(*out);
-    return out->is_object() && out->size() == 1 ? vconf::Status() : BadRecording(R"("out" holds no output line)");
+    return out->is_object() && out->size() == 1 ? vconf::Status()
+                                                : BadRecording(R"("out" must be an object with one member)");
   }
   recording.in.push_back(in->dump());
   return ParseRequest(recording.in.back()).status();
@@ -158,7 +159,7 @@ Recorder::Recorder(Sink sink, Output output) : sink_(std::move(sink)), output_(s
   const auto state = DescribeState();
   for (const vconf::Status& status : {watch.status(), state.status()}) {
     if (!status.ok()) {
-      std::cerr << "the recording lacks what stands in the store: " << status.text() << '\n';
+      std::cerr << "the recording does not contain the state of the store: " << status.text() << '\n';
       break;
     }
   }
@@ -239,7 +240,7 @@ vconf::Result<Recording> ReadRecording(const std::string& file) {
     auto parsed = ParseJson(line, nullptr, kMaxJsonDepth + 1);
     vconf::Status status = parsed.status();
     if (status.ok() && !parsed->is_object()) {
-      status = BadRecording("is no object");
+      status = BadRecording("must be an object");
     } else if (status.ok()) {
       status = number == 1 ? ReadStart(*parsed, recording) : ReadStep(*parsed, recording);
     }
@@ -248,7 +249,7 @@ vconf::Result<Recording> ReadRecording(const std::string& file) {
     }
   }
   if (number == 0) {
-    return BadRecording(file + ": is empty");
+    return BadRecording(file + ": is empty, and so not a recording");
   }
   return recording;
 }

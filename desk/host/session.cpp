@@ -14,24 +14,24 @@
 namespace desk {
 namespace {
 
-constexpr char kForm[] = R"(a line is an object with one of "send", "post", "set" and "settle")";
+constexpr char kForm[] = R"(a line must be an object with one of "send", "post", "set" and "settle")";
 
 vconf::Status BadSetting(const std::string& path) {
-  return BadValue(path + ": a value is an integer of 32 bits, true, false or a text");
+  return BadValue(path + ": the value must be a 32-bit integer, true, false or a text");
 }
 
 vconf::Status CheckArgument(const Request& request) {
   if (request.kind == Request::Kind::kRecord && !request.argument.is_boolean()) {
-    return BadValue(R"("record" takes true or false)");
+    return BadValue(R"("record" must be true or false)");
   }
   if (request.kind == Request::Kind::kSettle && request.argument != true) {
-    return BadValue(R"("settle" takes true)");
+    return BadValue(R"("settle" must be true)");
   }
   if (request.kind != Request::Kind::kSet) {
     return {};
   }
   if (!request.argument.is_object() || request.argument.empty()) {
-    return BadValue(R"("set" takes an object of paths and values)");
+    return BadValue(R"("set" must be an object of paths and values)");
   }
   for (const auto& [path, value] : request.argument.items()) {
     if (!ToValue(value)) {
@@ -88,7 +88,7 @@ bool ReadRequests(int input, const ShutdownSignal& shutdown,
     const vconf::Result<Request> request =
         result == LineReader::Result::kLine
             ? ParseRequest(line)
-            : BadValue("longer than " + std::to_string(LineReader::kMaxLine) + " bytes");
+            : BadValue("the line is longer than " + std::to_string(LineReader::kMaxLine) + " bytes");
     const vconf::Status status = request.ok() ? handle(line, *request) : request.status();
     if (!status.ok()) {
       all_done = false;
@@ -128,7 +128,7 @@ vconf::Result<std::unique_ptr<Session>> Session::Start(const std::string& plugin
         output(Line(Out::kMessage, ToJson(message)));
       });
   if (session->page_ == nullptr) {
-    return vconf::Status(vconf::Code::kFailed, plugin + ": makes no instance");
+    return vconf::Status(vconf::Code::kFailed, plugin + ": the plug-in created no instance");
   }
   return session;
 }
@@ -162,7 +162,7 @@ vconf::Status Session::Handle(const Request& request) {
       output_(Line(Out::kSettled, true));
       break;
     case Request::Kind::kRecord:
-      return BadValue(R"("record" is for a host that was started with --report)");
+      return BadValue(R"("record" needs the option --report)");
   }
   return {};
 }

@@ -97,7 +97,7 @@ std::string WrongCounts(const std::vector<ParsedJson>& asked, const Expectation&
   for (const ParsedJson& pattern : expected.messages) {
     const auto count = std::ranges::count_if(asked, [&](const auto& message) { return Matches(message, pattern); });
     if (count != *expected.times) {
-      text += "  asked " + std::to_string(count) + " times instead of " + std::to_string(*expected.times) + ": " +
+      text += "  sent " + std::to_string(count) + " times instead of " + std::to_string(*expected.times) + ": " +
               Text(pattern) + "\n";
     }
   }
@@ -106,13 +106,13 @@ std::string WrongCounts(const std::vector<ParsedJson>& asked, const Expectation&
 
 std::string Missing(const std::vector<ParsedJson>& asked, const ParsedJson& pattern, bool in_order) {
   if (in_order && std::ranges::any_of(asked, [&](const auto& message) { return Matches(message, pattern); })) {
-    return "  not asked at this place in the order: " + Text(pattern) + "\n";
+    return "  sent, but not in this order: " + Text(pattern) + "\n";
   }
-  std::string text = "  not asked: " + Text(pattern) + "\n";
+  std::string text = "  not sent: " + Text(pattern) + "\n";
   const auto alike = std::ranges::find_if(
       asked, [&](const auto& message) { return !KindOf(message).is_null() && KindOf(message) == KindOf(pattern); });
   if (alike != asked.end() && !Matches(*alike, pattern)) {
-    text += "  but asked: " + Text(*alike) + "\n";
+    text += "  but sent: " + Text(*alike) + "\n";
   }
   return text;
 }
@@ -122,8 +122,8 @@ vconf::Status WrongMember(const std::string& name) {
       {"messages", "an array"}, {"order", "true or false"}, {"exact", "true or false"}, {"times", "an integer"}};
   const auto known = kTakes.find(name);
   return BadValue("\"" + name +
-                  (known != kTakes.end() ? "\" takes " + known->second
-                                         : R"(" is none of "messages", "order", "exact" and "times")"));
+                  (known != kTakes.end() ? "\" must be " + known->second
+                                         : R"(" is not one of "messages", "order", "exact" and "times")"));
 }
 
 }  // namespace
@@ -131,7 +131,7 @@ vconf::Status WrongMember(const std::string& name) {
 vconf::Result<Expectation> ExpectationFromJson(const ParsedJson& json) {
   Expectation expected;
   if (!json.is_object() || !json.contains("messages")) {
-    return BadValue(R"(an expectation is an object with "messages")");
+    return BadValue(R"(the expectation must be an object with "messages")");
   }
   for (const auto& [name, member] : json.items()) {
     if (name == "messages" && member.is_array()) {
@@ -152,13 +152,13 @@ vconf::Result<Expectation> ExpectationFromJson(const ParsedJson& json) {
 
 vconf::Status CheckExpectation(const Expectation& expected) {
   if (expected.messages.empty() && !expected.exact) {
-    return BadValue("nothing is expected: name a message, or say that there must be none with \"exact\"");
+    return BadValue("nothing to check: name a message, or use \"exact\" to expect none");
   }
   if (expected.messages.size() > Expectation::kMaxMessages) {
-    return BadValue("more than " + std::to_string(Expectation::kMaxMessages) + " messages are expected");
+    return BadValue("too many messages: at most " + std::to_string(Expectation::kMaxMessages) + " can be checked");
   }
   if (expected.times && (expected.order || expected.exact || *expected.times < 0)) {
-    return BadValue(R"("times" is 0 or more, and does not go together with "order" and "exact")");
+    return BadValue(R"("times" must be 0 or more, and cannot be combined with "order" or "exact")");
   }
   return {};
 }
@@ -176,15 +176,15 @@ std::string AskedDifference(const std::vector<ParsedJson>& asked, const Expectat
     }
     for (std::size_t at = 0; expected.exact && at < asked.size(); ++at) {
       if (taken[at] == kNone) {
-        text += "  not expected: " + Text(asked[at]) + "\n";
+        text += "  sent, but not expected: " + Text(asked[at]) + "\n";
       }
     }
   }
-  return text.empty() ? text : text + "the page asked:\n" + AskedList(asked);
+  return text.empty() ? text : text + "the page sent:\n" + AskedList(asked);
 }
 
 std::string AskedList(const std::vector<ParsedJson>& asked) {
-  std::string text = asked.empty() ? "  nothing\n" : "";
+  std::string text = asked.empty() ? "  no messages\n" : "";
   for (std::size_t at = 0; at < std::min(asked.size(), kShown); ++at) {
     text += "  " + std::to_string(at + 1) + "  " + Text(asked[at]) + "\n";
   }

@@ -12,6 +12,8 @@
 namespace desk {
 namespace {
 
+constexpr char kForm[] =
+    R"(a fault is {"call": text, "path": text, "answer": integer, "times": 0 or more}; "path" and "times" are optional)";
 constexpr std::string_view kAny = "any";
 constexpr std::string_view kNotZero = "any but 0";
 constexpr std::string_view kNegative = "any below 0";
@@ -45,7 +47,7 @@ vconf::Result<const FaultCall*> FindFaultCall(std::string_view name) {
   if (found != calls.end()) {
     return &*found;
   }
-  std::string error = "no call \"" + std::string(name) + "\" can be made to fail, but these can:";
+  std::string error = "there is no call \"" + std::string(name) + "\"; the calls that can fail are:";
   for (const FaultCall& call : calls) {
     error.append(" ").append(call.name);
   }
@@ -59,8 +61,8 @@ vconf::Status CheckFault(const vconf::Fault& fault) {
   }
   const FaultCall& call = **found;
   if ((call.failures == kNotZero && fault.answer == 0) || (call.failures == kNegative && fault.answer >= 0)) {
-    return BadValue(std::to_string(fault.answer) + " is not a failure of " + fault.call + ": " +
-                    std::string(call.failures) + " is one");
+    return BadValue(std::to_string(fault.answer) + " is not a failure of " + fault.call +
+                    "; its failures are: " + std::string(call.failures));
   }
   return {};
 }
@@ -76,7 +78,7 @@ Json ToJson(const vconf::Fault& fault) {
 
 vconf::Result<vconf::Fault> FaultFromJson(const ParsedJson& json) {
   if (!json.is_object()) {
-    return BadValue("a fault must be an object");
+    return BadValue(kForm);
   }
   vconf::Fault fault{.call = {}, .path = "*", .answer = 0, .times = 0};
   bool has_call = false;
@@ -96,11 +98,11 @@ vconf::Result<vconf::Fault> FaultFromJson(const ParsedJson& json) {
     } else if (name == "times" && number != nullptr && *number >= 0) {
       fault.times = static_cast<unsigned>(*number);
     } else {
-      return BadValue("a fault has no \"" + name + "\" like this");
+      return BadValue("\"" + name + "\" is unknown or has a wrong value; " + kForm);
     }
   }
   if (!has_call || !has_answer) {
-    return BadValue(R"(a fault needs "call" and "answer")");
+    return BadValue(R"("call" or "answer" is missing; )" + std::string(kForm));
   }
   return fault;
 }

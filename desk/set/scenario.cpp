@@ -33,15 +33,14 @@ fs::path Folder(const std::string& store) { return fs::path(store) / "scenarios"
 
 vconf::Result<std::string> FileOf(const std::string& store, std::string_view name) {
   if (!IsName(name)) {
-    return vconf::Status(
-        vconf::Code::kBadName,
-        "\"" + std::string(name) + "\" cannot name a scenario: take 1 to 64 letters, digits and . _ -");
+    return vconf::Status(vconf::Code::kBadName,
+                         "\"" + std::string(name) + "\" is not a valid name; use 1 to 64 letters, digits and . _ -");
   }
   return (Folder(store) / (std::string(name) += kExtension)).string();
 }
 
 vconf::Status NoScenario(std::string_view name) {
-  return {vconf::Code::kMissing, "there is no scenario \"" + std::string(name) + "\""};
+  return {vconf::Code::kMissing, "no set is saved under the name \"" + std::string(name) + "\""};
 }
 
 }  // namespace
@@ -66,12 +65,12 @@ vconf::Result<SetState> StateFromJson(const ParsedJson& json, SetState base) {
   const ParsedJson state = json.is_object() ? json.value("state", ParsedJson::object()) : ParsedJson();
   const ParsedJson faults = json.is_object() ? json.value("faults", ParsedJson::array()) : ParsedJson();
   if (!state.is_object() || !faults.is_array()) {
-    return BadValue(R"(a state of the set is {"state": {PATH: VALUE, …}, "faults": [FAULT, …]})");
+    return BadValue(R"(the state of a set must be {"state": {PATH: VALUE, …}, "faults": [FAULT, …]})");
   }
   for (const auto& [path, member] : state.items()) {
     const auto value = ToValue(member);
     if (!value && !member.is_null()) {
-      return BadValue(path + " has no value that a key can hold");
+      return BadValue(path + " must be a 32-bit integer, true, false, a text or null");
     }
     base.values.erase(path);
     if (value) {

@@ -80,7 +80,7 @@ struct Part {
 
 std::span<const Part> Parts() {
   constexpr std::string_view kBool = "true, false";
-  constexpr std::string_view kInt = "an integer of 32 bits";
+  constexpr std::string_view kInt = "a 32-bit integer";
   static const std::array<Part, 8> parts{{
       {"b2b", FeaturePath(), kBool, ReadAs<bool>},
       {"privileges", kPrivilegePrefix, kBool, ReadAs<bool>},
@@ -88,7 +88,7 @@ std::span<const Part> Parts() {
       {"lists", prefdeck::kListPrefix, R"(an array of {"value": an integer, "label": a text of one line})", ReadItems},
       {"embedder/offered", kEmbedderOffered, kBool, ReadAs<bool>, true},
       {"embedder/name", kEmbedderName, "a text", ReadAs<std::string>, kDefaultEmbedderName},
-      {"embedder/replies", kReplyPrefix, "an integer of 32 bits, true, false, a text", ToValue},
+      {"embedder/replies", kReplyPrefix, "a 32-bit integer, true, false, a text", ToValue},
       {"latency", kLatencyPrefix, "an integer from 0 to 60000 (milliseconds)", ReadLatency},
   }};
   static_assert(kMaxLatency == 60'000, "as the form of a latency says");
@@ -124,7 +124,7 @@ vconf::Status ReadOne(const Part& part, const std::string& name, const ParsedJso
   std::optional<vconf::Value> value;
   if (!json.is_null()) {
     if (part.path == kLatencyPrefix && std::ranges::find(commands, name, &Command::name) == commands.end()) {
-      std::string error = where + " is not a command of the plug-in; its commands are:";
+      std::string error = where + " is not a command of the plug-in; the commands are:";
       for (const Command& command : commands) {
         error.append(" ").append(command.name);
       }
@@ -144,7 +144,7 @@ vconf::Status ReadPart(const std::string& where, const ParsedJson& json, Changes
   const auto part = std::ranges::find(parts, where, &Part::where);
   const bool is_embedder = where == "embedder";
   if (part == parts.end() && !is_embedder) {
-    return BadValue("the set has no \"" + where + "\"");
+    return BadValue("\"" + where + "\" is not a part of the simulated set; `mirado set-up --json` prints all parts");
   }
   if (!is_embedder && !part->path.ends_with('/')) {
     return ReadOne(*part, "", json, changes);
@@ -182,8 +182,7 @@ std::vector<vconf::Entry> DefaultEntries() {
 
 vconf::Status OpenSet(const std::string& store) {
   if (store.empty()) {
-    return {vconf::Code::kMissing,
-            "there is no home folder to keep the store in: name another one with --store or MIRADO_STORE"};
+    return {vconf::Code::kMissing, "HOME is not set; name the store's folder with --store or MIRADO_STORE"};
   }
   return vconf::OpenOrCreateStore(store, DefaultEntries());
 }
@@ -220,7 +219,7 @@ vconf::Result<Json> DescribeSet() {
 
 vconf::Status ChangeSet(const ParsedJson& change) {
   if (!change.is_object()) {
-    return BadValue("a change of the set must be an object");
+    return BadValue("a change of the simulated set must be an object");
   }
   Changes changes;
   for (const auto& [name, json] : change.items()) {

@@ -204,7 +204,7 @@ TEST_F(CliTest, OutputThatCannotBeWrittenIsAFailure) {
                                 "set-up b2b", "fault --list", "manual", "complete ''", "completion zsh", "get --help",
                                 "replay " + file, "verify " + file}) {
     EXPECT_EQ(Shell("mirado " + command + " >/dev/full"), 3) << command;
-    EXPECT_TRUE(Holds(Contents(log()), "the output is not complete")) << command;
+    EXPECT_TRUE(Holds(Contents(log()), "the output is incomplete")) << command;
   }
   EXPECT_EQ(Shell("echo '{\"settle\":true}' | mirado host >/dev/full"), 3);
   if (std::getenv("MIRADO_EMULATED") == nullptr) {  // the emulator itself would open a file in place of the input
@@ -266,10 +266,10 @@ TEST_F(CliTest, AnswersASlipWithWhatMayBeMeant) {
       {{"set", "set/latency/getVersoin", "0"}, 0, "did you mean set/latency/getVersion?\n"},
       {{"set", "db/menu/caption/captoin", "1"},
        0,
-       "captoin: no setting has this path, but the key is set; did you mean " + caption + "?\n"},
-      {{"set", "memory/mine", "1"}, 0, "memory/mine: no setting has this path, but the key is set\n"},
+       "captoin: the key is set, but no setting has this path; did you mean " + caption + "?\n"},
+      {{"set", "memory/mine", "1"}, 0, "memory/mine: the key is set, but no setting has this path\n"},
       {{"set", caption, "one"}, 1, "integer"},
-      {{"set", "db/setting/accessibility/tts", "1"}, 1, "write true or false"},
+      {{"set", "db/setting/accessibility/tts", "1"}, 1, "must be true or false"},
       {{"set", "db/test/text", "42"}, 1, R"('"42"')"},
       {{"fault", "vconf_get_int", caption, "-1"}, 0, ""},
       {{"fault", "vconf_get_int", "CAPTION", "-1"}, 0, ""},
@@ -280,7 +280,7 @@ TEST_F(CliTest, AnswersASlipWithWhatMayBeMeant) {
       {{"fault", "GetItemDataList", "primary_audio_language", "-1"}, 0, "did you mean primary-audio-language?\n"},
       {{"fault", "GenericSyncCall", "get_window_id", "-1"}, 0, ""},
       {{"fault", "GetPictureSize", caption, "-1"}, 0, "GetPictureSize has no path"},
-      {{"fault", "vconf_get_int", "0"}, 1, "0 is not a failure of vconf_get_int: any but 0 is one"},
+      {{"fault", "vconf_get_int", "0"}, 1, "0 is not a failure of vconf_get_int; its failures are: any but 0"},
       {{"fault", "vconf_set_bool", "1"}, 0, ""},
       {{"fault", "vconf_notify_key_changed", "1"}, 1, "any below 0"},
       {{"fault", "system_info_get_custom_bool", "0"}, 1, "any below 0"},
@@ -369,7 +369,7 @@ TEST_F(CliTest, WatchEndsAfterSomeChangesOrSomeTime) {
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(300));
   const Outcome late = Run({"watch", "CAPTION", "--count", "1", "--timeout", "0.01"});
   EXPECT_EQ(late.status, 1);
-  EXPECT_EQ(late.log, "0 of 1 changes came in time\n");
+  EXPECT_EQ(late.log, "timed out after 0 of 1 changes\n");
 }
 
 TEST_F(CliTest, SetUpPrintsTheWordsThatBringItBack) {
@@ -544,21 +544,21 @@ TEST_F(ReplayTest, VerifyTellsWhatWasAsked) {
       {{}, 0, R"(  1  {"command":"registerVconfKeysForCaption","propertyKey":1})"},
       {{"setMenuValue", read, write}, 0, "what is expected\n"},
       {{read, read}, 0, "what is expected\n"},
-      {{read, read, read}, 1, "  not asked: " + read},
+      {{read, read, read}, 1, "  not sent: " + read},
       {{R"({"command":"setMenuValue","propertyKey":2})"},
        1,
-       R"(  but asked: {"command":"setMenuValue","propertyKey":1)"},
+       R"(  but sent: {"command":"setMenuValue","propertyKey":1)"},
       {{"getMenuValue", "--times", "2"}, 0, ""},
-      {{"getMenuValue", "--times", "3"}, 1, "  asked 2 times instead of 3: \"getMenuValue\"\n"},
-      {{"getMenuValue", "--times", "1"}, 1, "  asked 2 times instead of 1: \"getMenuValue\"\n"},
+      {{"getMenuValue", "--times", "3"}, 1, "  sent 2 times instead of 3: \"getMenuValue\"\n"},
+      {{"getMenuValue", "--times", "1"}, 1, "  sent 2 times instead of 1: \"getMenuValue\"\n"},
       {{"showCaption", "--times", "0"}, 0, ""},
       {{"setMenuValue", write, read, "--order"}, 0, ""},
-      {{read, write, "--order"}, 1, "  not asked at this place in the order: " + write},
-      {{"setMenuValue", write, "--exact"}, 1, "  not expected: " + read},
+      {{read, write, "--order"}, 1, "  sent, but not in this order: " + write},
+      {{"setMenuValue", write, "--exact"}, 1, "  sent, but not expected: " + read},
       // Who takes the message that fits both patterns must make way.
       {{"setMenuValue", R"({"value":5,"propertyKey":1})", "registerVconfKeysForCaption", read, read, "--exact"}, 0, ""},
       {{"registerVconfKeysForCaption", "setMenuValue", write, read, read, "--order", "--exact"}, 0, ""},
-      {{"getVersion", "--json"}, 1, R"({"ok":false,"difference":"  not asked: \"getVersion\")"},
+      {{"getVersion", "--json"}, 1, R"({"ok":false,"difference":"  not sent: \"getVersion\")"},
   };
   for (const Case& each : cases) {
     std::vector<std::string> words = {"verify", file()};
@@ -571,7 +571,7 @@ TEST_F(ReplayTest, VerifyTellsWhatWasAsked) {
   EXPECT_EQ(RunAsIs({"verify", file(), "--times", "1"}).status, 2);
   EXPECT_EQ(RunAsIs({"verify", folder() / "none"}).status, 3);
   const auto ordered = desk::ExpectationFromJson(*desk::ParseJson(R"({"messages":[],"order":1})"));
-  EXPECT_EQ(ordered.status().text(), R"("order" takes true or false)");
+  EXPECT_EQ(ordered.status().text(), R"("order" must be true or false)");
 }
 
 TEST_F(ReplayTest, ADifferenceIsShownAndADamagedRecordingIsNamed) {
