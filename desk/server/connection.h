@@ -43,6 +43,7 @@ struct HttpRequest {
   std::string content_type;
   std::string last_event_id;
   std::string body;
+  ParsedJson json;       // the parsed body, for routes that take JSON
   bool own = false;      ///< a page of the desk itself asks
   bool upgrade = false;  ///< it asks for a WebSocket
 

@@ -7,8 +7,11 @@
 #include <array>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <filesystem>
+#include <functional>
+#include <future>
 #include <iostream>
 #include <system_error>
 #include <utility>
@@ -139,9 +142,7 @@ vconf::Status Desk::Start() {
   });
   signals_.async_wait([this](Error failed, int signal) {
     if (!failed) {
-      PrintError(std::string("mirado desk: ended by ") + (signal == SIGINT    ? "SIGINT"
-                                                          : signal == SIGTERM ? "SIGTERM"
-                                                                              : "SIGHUP"));
+      PrintError(std::string("mirado desk: ended by SIG") + sigabbrev_np(signal));
       End();
     }
   });
@@ -231,54 +232,49 @@ void Desk::TellDesk() {
   }
 }
 
-void Desk::OnStore(const ConnectionPtr& connection, bool tells, std::function<Answer()> work) {
-  ++store_work_;
-  const auto until_answered = boost::asio::make_work_guard(loop);
-  boost::asio::post(store_thread_,
-                    [this, connection = connection, tells, work = std::move(work), until_answered]() mutable {
-                      store_busy_ = true;
-                      Answer answer;
-                      try {
-                        answer = work();
-                      } catch (const std::exception& error) {
-                        answer = Fail({vconf::Code::kFailed, error.what()});
-                      }
-                      // Whoever has the answer and then opens a stream must not take these changes for something new.
-                      if (tells) {
-                        vconf::Settle();
-                      }
-                      // The connection belongs to the loop's thread, so it is handed back and not kept here.
-                      boost::asio::post(loop, [this, connection = std::move(connection), answer = std::move(answer)] {
-                        connection->Reply(answer);
-                        --store_work_;
-                        RunReplacements();
-                      });
-                      store_busy_ = false;
-                    });
+Router::Handler Desk::OnStore(StoreUse use, std::function<Answer(const HttpRequest&)> work) {
+  return [this, use, work = std::move(work)](HttpRequest& request, const ConnectionPtr& connection) {
+    const auto until_answered = boost::asio::make_work_guard(loop);
+    auto run = [this, use, work, request = std::move(request), connection = connection, until_answered]() mutable {
+      store_busy_ = true;
+      Answer answer;
+      try {
+        answer = work(request);
+      } catch (const std::exception& error) {
+        answer = Fail({vconf::Code::kFailed, error.what()});
+      }
+      // A client that has the answer and then opens a stream must not get these changes as new ones.
+      if (use != StoreUse::kReads) {
+        vconf::Settle();
+      }
+      // The connection belongs to the loop's thread, so it must not be destroyed here.
+      boost::asio::post(loop, [this, use, connection = std::move(connection), answer = std::move(answer)] {
+        if (use == StoreUse::kChangesSet) {
+          TellSet();
+        }
+        connection->Reply(answer);
+      });
+      store_busy_ = false;
+    };
+    boost::asio::post(store_thread_, std::move(run));
+  };
 }
 
-void Desk::ReplaceStore(const ConnectionPtr& connection) {
-  replacements_.push_back(connection);
-  RunReplacements();
-}
-
-// While nobody else uses the store, which is closed and opened anew.
-void Desk::RunReplacements() {
-  while (store_work_ == 0 && !replacements_.empty()) {
-    const ConnectionPtr connection = std::move(replacements_.back());
-    replacements_.pop_back();
+// The loop reads the store, too, so the store is replaced there, while the store's thread waits and uses nothing.
+Answer Desk::ReplaceStore() {
+  std::packaged_task<Answer()> replace([this] {
     watch_.reset();
     vconf::CloseStore();
     const auto moved = vconf::ReplaceStore(options.host.store, DefaultEntries());
     const vconf::Status opened = OpenStore();
     TellDesk();
-    TellSet();
     if (!moved.ok() || !opened.ok()) {
-      connection->Reply(Fail(moved.ok() ? opened : moved.status()));
-    } else {
-      connection->Reply(Say({{"moved", *moved}}));
+      return Fail(moved.ok() ? opened : moved.status());
     }
-  }
+    return Say({{"moved", *moved}});
+  });
+  boost::asio::post(loop, std::ref(replace));
+  return replace.get_future().get();
 }
 
 void Desk::OnPlugin() {

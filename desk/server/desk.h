@@ -39,6 +39,13 @@ struct Limits {
   static Limits For(std::size_t free);
 };
 
+/// What a request does with the store.
+enum class StoreUse {
+  kReads,        ///< changes nothing that streams report
+  kChangesKeys,  ///< the store reports each changed key by itself
+  kChangesSet,   ///< may change what is no key, such as faults: followed by an event `set`
+};
+
 /// One event loop on the calling thread owns pages, processes, connections and streams. Changes of the store, which may
 /// wait for a disk or a lock, are made one by one on a thread beside it.
 class Desk {
@@ -62,9 +69,9 @@ class Desk {
   /// The words of a command line that starts this desk again.
   std::vector<std::string> Command() const;
 
-  /// Runs `work` on the store's thread, then answers with what it returns. With `tells` all changes that it has made
-  /// are told before.
-  void OnStore(const ConnectionPtr& connection, bool tells, std::function<Answer()> work);
+  /// A handler that runs `work` on the store's thread and answers with its result. The events of its changes are sent
+  /// before the answer.
+  Router::Handler OnStore(StoreUse use, std::function<Answer(const HttpRequest&)> work);
 
   /// What `GET /api/desk` says.
   Json Describe() const;
@@ -72,10 +79,10 @@ class Desk {
   void TellDesk();
   void TellSet() { everything.Add("set", MakeText("{}")); }
 
-  /// Opens the store, or opens it anew, and hears of its changes. Not while `OnStore` runs anything.
+  /// Opens the store, again if it is open, and subscribes to its changes. Not while the store's thread uses it.
   vconf::Status OpenStore();
-  /// Puts the store's files aside and begins a new one, once nothing else is done with it.
-  void ReplaceStore(const ConnectionPtr& connection);
+  /// Moves the store's files aside and creates a new store. To be called on the store's thread.
+  Answer ReplaceStore();
 
   boost::asio::io_context loop{1};
   const DeskOptions options;
@@ -92,7 +99,6 @@ class Desk {
   void AwaitClosedInput();
   void OnPlugin();
   void Handle(HttpRequest& request, const ConnectionPtr& connection);
-  void RunReplacements();
   void End();
   void StopWhenAllHaveEnded();
 
@@ -106,8 +112,6 @@ class Desk {
   std::unique_ptr<PluginCheck> plugin_;
   std::unique_ptr<vconf::Watch> watch_;
   boost::asio::thread_pool store_thread_{1};
-  std::vector<ConnectionPtr> replacements_;
-  std::size_t store_work_ = 0;  // begun or not, and not answered yet
   std::atomic<bool> store_busy_ = false;
   std::string told_;
   int status_ = 0;

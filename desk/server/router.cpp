@@ -15,7 +15,7 @@ std::string_view TakePart(std::string_view& path) {
   return part;
 }
 
-// What the stars of `pattern` stand for in `path`, not decoded; nothing when it does not match.
+// The parts of `path` that match the stars of `pattern`, not decoded; empty if the path does not match.
 std::optional<std::vector<std::string_view>> Match(std::string_view pattern, std::string_view path) {
   std::vector<std::string_view> parts;
   while (pattern.starts_with('/') && path.starts_with('/')) {
@@ -36,19 +36,13 @@ std::optional<std::vector<std::string_view>> Match(std::string_view pattern, std
 
 }  // namespace
 
-void Router::Add(http::verb method, std::string pattern, Handler handler) {
-  entries_.push_back(
-      {.method = method, .pattern = std::move(pattern), .with_body = false, .handler = std::move(handler)});
+void Router::Add(http::verb method, std::string pattern, Body body, Handler handler) {
+  entries_.push_back({.method = method, .pattern = std::move(pattern), .body = body, .handler = std::move(handler)});
 }
 
-void Router::Get(std::string pattern, Plain handler) {
-  Add(http::verb::get, std::move(pattern),
-      [handler = std::move(handler)](HttpRequest& request, const ConnectionPtr& to) { to->Reply(handler(request)); });
-}
-
-void Router::AddWithBody(http::verb method, std::string pattern, Handler handler) {
-  Add(method, std::move(pattern), std::move(handler));
-  entries_.back().with_body = true;
+void Router::Get(std::string pattern, std::function<Answer(const HttpRequest&)> answer) {
+  Add(http::verb::get, std::move(pattern), Body::kNone,
+      [answer = std::move(answer)](HttpRequest& request, const ConnectionPtr& to) { to->Reply(answer(request)); });
 }
 
 void Router::Route(HttpRequest& request, const ConnectionPtr& connection) const {
@@ -66,12 +60,19 @@ void Router::Route(HttpRequest& request, const ConnectionPtr& connection) const 
     for (const std::string_view part : *parts) {
       auto decoded = Decode(part);
       if (!decoded) {
-        return connection->Reply(Fail(400, request.path + ": a % is followed by two figures of 16"));
+        return connection->Reply(Fail(400, request.path + ": a % must be followed by two hexadecimal digits"));
       }
       request.parts.push_back(std::move(*decoded));
     }
-    if (entry.with_body && !IsJsonType(request.content_type)) {
+    if (entry.body != Body::kNone && !IsJsonType(request.content_type)) {
       return connection->Reply(Fail(415, "the body must be application/json"));
+    }
+    if (entry.body == Body::kJson) {
+      auto json = ParseJson(request.body);
+      if (!json.ok()) {
+        return connection->Reply(Fail(json.status()));
+      }
+      request.json = *std::move(json);
     }
     return entry.handler(request, connection);
   }
@@ -81,15 +82,6 @@ void Router::Route(HttpRequest& request, const ConnectionPtr& connection) const 
   Answer answer = Fail(405, request.path + " takes " + allowed);
   answer.allow = allowed;
   connection->Reply(std::move(answer));
-}
-
-std::optional<ParsedJson> ReadBody(const HttpRequest& request, const ConnectionPtr& connection) {
-  auto body = ParseJson(request.body);
-  if (!body.ok()) {
-    connection->Reply(Fail(body.status()));
-    return std::nullopt;
-  }
-  return *std::move(body);
 }
 
 }  // namespace desk

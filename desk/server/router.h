@@ -1,51 +1,49 @@
 #pragma once
 
-// Which handler answers which request.
+// Maps requests to handlers by method and path.
 
 #include <functional>
-#include <initializer_list>
 #include <memory>
 #include <string>
-#include <string_view>
 #include <vector>
 
-#include "base/json.h"
 #include "server/connection.h"
 
 namespace desk {
 
 using ConnectionPtr = std::shared_ptr<Connection>;
 
-/// Routes by method and path. A pattern is a path in which `*` stands for one part and `**`, at the end, for all that
-/// follows. What they stand for is decoded and given to the handler as `HttpRequest::parts`.
+/// What a handler needs of the request's body.
+enum class Body {
+  kNone,      ///< the body is ignored
+  kJson,      ///< it must be JSON and is parsed into `HttpRequest::json`
+  kJsonText,  ///< its type must be JSON; the handler parses `HttpRequest::body` itself
+};
+
+/// The table of routes. A pattern is a path in which `*` stands for one segment and `**`, at the end, for all remaining
+/// ones. The text that they match is decoded and passed to the handler in `HttpRequest::parts`.
 class Router {
  public:
+  /// Answers with one call of `Connection::Reply`, now or later, or takes the connection's socket.
   using Handler = std::function<void(HttpRequest&, const ConnectionPtr&)>;
-  using Plain = std::function<Answer(const HttpRequest&)>;
-  using WithJson = std::function<Answer(const HttpRequest&, const ParsedJson&)>;
 
-  /// Takes a request whatever body it has.
-  void Add(http::verb method, std::string pattern, Handler handler);
-  /// The same for a handler that answers at once.
-  void Get(std::string pattern, Plain handler);
-  /// For a request whose body must be JSON; it is parsed for those who want that.
-  void AddWithBody(http::verb method, std::string pattern, Handler handler);
+  void Add(http::verb method, std::string pattern, Body body, Handler handler);
 
-  /// Answers also what no handler is for.
+  /// A GET that is answered at once.
+  void Get(std::string pattern, std::function<Answer(const HttpRequest&)> answer);
+
+  /// Calls the handler of `request`. Without one it answers 404 or 405, and for an unsuitable body 400 or 415.
   void Route(HttpRequest& request, const ConnectionPtr& connection) const;
 
  private:
   struct Entry {
     http::verb method;
     std::string pattern;
-    bool with_body;
+    Body body;
     Handler handler;
   };
 
   std::vector<Entry> entries_;
 };
-
-/// The body as JSON; nothing when it is none, which is then answered.
-std::optional<ParsedJson> ReadBody(const HttpRequest& request, const ConnectionPtr& connection);
 
 }  // namespace desk

@@ -200,17 +200,13 @@ void FollowEverything(Desk& desk, const HttpRequest& request, const ConnectionPt
 }
 
 // Compares what the page has asked so far with what the body expects.
-void Verify(const Page& page, const HttpRequest& request, const ConnectionPtr& connection) {
-  const auto body = ReadBody(request, connection);
-  if (!body) {
-    return;
-  }
-  const auto expected = ExpectationFromJson(*body);
+Answer Verify(const Page& page, const ParsedJson& body) {
+  const auto expected = ExpectationFromJson(body);
   if (!expected.ok()) {
-    return connection->Reply(Fail(expected.status()));
+    return Fail(expected.status());
   }
   if (page.dialogue().newest() > page.dialogue().kept().size()) {
-    return connection->Reply(Fail(409, "the page has said more than the desk keeps; verify it sooner"));
+    return Fail(409, "the page has sent more than the desk keeps; verify it sooner");
   }
   std::vector<ParsedJson> asked;
   for (const EventLog::Event& event : page.dialogue().kept()) {
@@ -220,49 +216,46 @@ void Verify(const Page& page, const HttpRequest& request, const ConnectionPtr& c
     }
   }
   const std::string difference = AskedDifference(asked, *expected);
-  connection->Reply(Say({{"ok", difference.empty()}, {"difference", difference}}));
+  return Say({{"ok", difference.empty()}, {"difference", difference}});
 }
 
-void OpenPage(Desk& desk, const HttpRequest& request, const ConnectionPtr& connection) {
-  const auto body = ReadBody(request, connection);
-  if (!body) {
-    return;
-  }
-  const auto description = ReadDescription(*body);
+Answer OpenPage(Desk& desk, const HttpRequest& request) {
+  const auto description = ReadDescription(request.json);
   if (!description.ok()) {
-    return connection->Reply(Fail(description.status()));
+    return Fail(description.status());
   }
   try {
     const auto page = desk.pages.Open(*description, request.own);
-    connection->Reply(page ? Say(page->Describe(), 201)
-                           : Busy(std::to_string(desk.pages.limit()) + " pages are open already"));
+    return page ? Say(page->Describe(), 201) : Busy(std::to_string(desk.pages.limit()) + " pages are open already");
   } catch (const std::system_error& error) {
-    connection->Reply(Busy(std::string("no plug-in can be started: ") + error.what() +
-                           "; close pages, or raise the desk's limits (ulimit -n, ulimit -u)"));
+    return Busy(std::string("no plug-in can be started: ") + error.what() +
+                "; close pages, or raise the desk's limits (ulimit -n, ulimit -u)");
   }
 }
 
 }  // namespace
 
 void AddPageRoutes(Router& router, Desk& desk) {
-  using PageHandler = std::function<void(const std::shared_ptr<Page>&, const HttpRequest&, const ConnectionPtr&)>;
-  enum class Which { kOpen, kEndedToo };
-  const auto with_page = [&desk](PageHandler handler, Which which = Which::kOpen) {
-    return [&desk, handler = std::move(handler), which](HttpRequest& request, const ConnectionPtr& connection) {
-      const auto& id = request.parts[0];
-      const auto open = desk.pages.Find(id);
-      if (const auto page = open || which == Which::kOpen ? open : desk.pages.FindEnded(id)) {
-        return handler(page, request, connection);
-      }
-      connection->Reply(Fail({vconf::Code::kMissing, "there is no page " + request.parts[0]}));
-    };
+  using http::verb;
+  using PagePtr = std::shared_ptr<Page>;
+  enum class Of { kOpen, kEndedToo };
+  // Routes of one page; `suffix` follows its id.
+  const auto add = [&](verb method, const char* suffix, Body body, Of which,
+                       std::function<void(const PagePtr&, const HttpRequest&, const ConnectionPtr&)> handler) {
+    router.Add(method, std::string("/api/pages/*") + suffix, body,
+               [&desk, which, handler = std::move(handler)](HttpRequest& request, const ConnectionPtr& connection) {
+                 const std::string& id = request.parts[0];
+                 const PagePtr open = desk.pages.Find(id);
+                 if (const PagePtr page = open || which == Of::kOpen ? open : desk.pages.FindEnded(id)) {
+                   return handler(page, request, connection);
+                 }
+                 connection->Reply(Fail({vconf::Code::kMissing, "there is no page " + id}));
+               });
   };
-  const auto add = [&](http::verb method, const std::string& name, std::function<Answer(Page&)> answer,
-                       Which which = Which::kOpen) {
-    router.Add(method, "/api/pages/*" + name,
-               with_page([answer = std::move(answer)](const auto& page, const auto&,
-                                                      const auto& connection) { connection->Reply(answer(*page)); },
-                         which));
+  // The same for those that are answered at once.
+  const auto add_now = [&](verb method, const char* suffix, Of which, std::function<Answer(Page&)> answer) {
+    add(method, suffix, Body::kNone, which,
+        [answer = std::move(answer)](const PagePtr& page, const auto&, const auto& to) { to->Reply(answer(*page)); });
   };
   const auto describe_all = [](const auto& pages) {
     Json all = Json::array();
@@ -275,70 +268,55 @@ void AddPageRoutes(Router& router, Desk& desk) {
   router.Get("/api/pages", [&desk, describe_all](const HttpRequest&) {
     return Say({{"pages", describe_all(desk.pages.all())}, {"ended", describe_all(desk.pages.ended())}});
   });
-  router.AddWithBody(http::verb::post, "/api/pages", [&desk](HttpRequest& request, const ConnectionPtr& connection) {
-    OpenPage(desk, request, connection);
+  router.Add(verb::post, "/api/pages", Body::kJson,
+             [&desk](const HttpRequest& request, const ConnectionPtr& to) { to->Reply(OpenPage(desk, request)); });
+  add_now(verb::get, "", Of::kOpen, [](Page& page) { return Say(page.Describe()); });
+  add_now(verb::delete_, "", Of::kEndedToo, [&desk](Page& page) {
+    desk.pages.Leave(page, PageBook::Keep::kNothing);
+    desk.pages.Drop(page);
+    return Answer{};
   });
-  add(http::verb::get, "", [](Page& page) { return Say(page.Describe()); });
-  add(
-      http::verb::delete_, "",
-      [&desk](Page& page) {
-        desk.pages.Leave(page, PageBook::Keep::kNothing);
-        desk.pages.Drop(page);
-        return Answer{};
-      },
-      Which::kEndedToo);
-  add(http::verb::post, "/leave", [&desk](Page& page) {
+  add_now(verb::post, "/leave", Of::kOpen, [&desk](Page& page) {
     desk.pages.Leave(page, PageBook::Keep::kHistory);
     return Answer{};
   });
-  add(http::verb::post, "/kill", [](Page& page) {
+  add_now(verb::post, "/kill", Of::kOpen, [](Page& page) {
     page.Kill();
     return Answer{};
   });
-  add(
-      http::verb::get, "/dialogue", [](Page& page) { return Answer{.body = page.dialogue().Join("dialogue")}; },
-      Which::kEndedToo);
-  add(
-      http::verb::get, "/log", [](Page& page) { return Answer{.body = page.log().Join("log")}; }, Which::kEndedToo);
+  add_now(verb::get, "/dialogue", Of::kEndedToo,
+          [](Page& page) { return Answer{.body = page.dialogue().Join("dialogue")}; });
+  add_now(verb::get, "/log", Of::kEndedToo, [](Page& page) { return Answer{.body = page.log().Join("log")}; });
 
-  add(http::verb::post, "/recording", [](Page& page) {
+  add_now(verb::post, "/recording", Of::kOpen, [](Page& page) {
     return page.StartRecording() ? Say(page.Describe(), 201)
-                                 : Fail(409, "it is recorded already, or its plug-in is gone");
+                                 : Fail(409, "the page is being recorded already, or its plug-in is gone");
   });
-  add(http::verb::delete_, "/recording", [](Page& page) {
+  add_now(verb::delete_, "/recording", Of::kOpen, [](Page& page) {
     page.StopRecording();
     return Say(page.Describe());
   });
-  add(
-      http::verb::get, "/recording",
-      [](Page& page) {
-        return page.recording() ? Answer{.body = *page.recording(), .type = "application/jsonl"}
-                                : Fail({vconf::Code::kMissing, "no recording of this page was started"});
-      },
-      Which::kEndedToo);
-
-  router.AddWithBody(http::verb::post, "/api/pages/*/messages",
-                     with_page([&desk](const auto& page, const auto& request, const auto& connection) {
-                       Submit(desk, page, request, connection);
-                     }));
-  router.AddWithBody(http::verb::post, "/api/pages/*/verify",
-                     with_page([](const auto& page, const auto& request, const auto& connection) {
-                       Verify(*page, request, connection);
-                     }));
-  router.Add(http::verb::get, "/api/pages/*/deliveries",
-             with_page([&desk](const auto& page, const auto& request, const auto& connection) {
-               FollowPage(desk, page, request, connection, false);
-             }));
-  router.Add(http::verb::get, "/api/pages/*/socket",
-             with_page([&desk](const auto& page, const auto& request, const auto& connection) {
-               if (!request.upgrade) {
-                 return connection->Reply(Fail(426, "this is a WebSocket; /deliveries has the same as events"));
-               }
-               FollowPage(desk, page, request, connection, true);
-             }));
-  router.Add(http::verb::get, "/api/events", [&desk](HttpRequest& request, const ConnectionPtr& connection) {
-    FollowEverything(desk, request, connection);
+  add_now(verb::get, "/recording", Of::kEndedToo, [](Page& page) {
+    return page.recording() ? Answer{.body = *page.recording(), .type = "application/jsonl"}
+                            : Fail({vconf::Code::kMissing, "no recording of this page was started"});
   });
+
+  add(verb::post, "/messages", Body::kJsonText, Of::kOpen,
+      [&desk](const PagePtr& page, const auto& request, const auto& to) { Submit(desk, page, request, to); });
+  add(verb::post, "/verify", Body::kJson, Of::kOpen,
+      [](const PagePtr& page, const auto& request, const auto& to) { to->Reply(Verify(*page, request.json)); });
+  add(verb::get, "/deliveries", Body::kNone, Of::kOpen,
+      [&desk](const PagePtr& page, const auto& request, const auto& to) {
+        FollowPage(desk, page, request, to, false);
+      });
+  add(verb::get, "/socket", Body::kNone, Of::kOpen, [&desk](const PagePtr& page, const auto& request, const auto& to) {
+    if (!request.upgrade) {
+      return to->Reply(Fail(426, "this is a WebSocket; /deliveries sends the same as server-sent events"));
+    }
+    FollowPage(desk, page, request, to, true);
+  });
+  router.Add(verb::get, "/api/events", Body::kNone,
+             [&desk](const HttpRequest& request, const ConnectionPtr& to) { FollowEverything(desk, request, to); });
 }
 
 }  // namespace desk

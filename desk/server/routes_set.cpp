@@ -57,101 +57,68 @@ Answer AnswerWithScenarios(const std::string& store) {
 
 Answer AnswerWith(const vconf::Status& status) { return status.ok() ? Answer{} : Fail(status); }
 
-// Saves what the body holds, or the present state.
-Answer SaveAs(const std::string& store, const std::string& name, const ParsedJson& body) {
+Answer AnswerWithFaults(const vconf::Status& status) { return status.ok() ? AnswerWithFaults() : Fail(status); }
+
+vconf::Status SaveAs(const std::string& store, const HttpRequest& request) {
+  const ParsedJson& body = request.json;
   if (!body.is_object() || body.size() != body.count("scenario")) {
-    return Fail(BadValue(R"(the body is {} or {"scenario": S})"));
+    return BadValue(R"(the body is {} or {"scenario": S})");
   }
   if (body.contains("scenario")) {
-    return AnswerWith(SaveScenario(store, name, body["scenario"]));
+    return SaveScenario(store, request.parts[0], body["scenario"]);
   }
-  const auto present = DescribeScenario();
-  return AnswerWith(present.ok() ? SaveScenario(store, name, ParsedJson(*present)) : present.status());
+  const auto current = DescribeScenario();
+  return current.ok() ? SaveScenario(store, request.parts[0], ParsedJson(*current)) : current.status();
 }
 
-void AddScenarioRoutes(Router& router, Desk& desk) {
-  const std::string& store = desk.options.host.store;
-  router.Add(http::verb::get, "/api/scenarios", [&](HttpRequest&, const ConnectionPtr& connection) {
-    desk.OnStore(connection, false, [&store] { return AnswerWithScenarios(store); });
-  });
-  constexpr char kOne[] = "/api/scenarios/*";
-  router.Add(http::verb::get, kOne, [&](HttpRequest& request, const ConnectionPtr& connection) {
-    desk.OnStore(connection, false, [&store, name = request.parts[0]] {
-      const auto scenario = ReadScenario(store, name);
-      return scenario.ok() ? Answer{.body = scenario->dump()} : Fail(scenario.status());
-    });
-  });
-  router.AddWithBody(http::verb::put, kOne, [&](HttpRequest& request, const ConnectionPtr& connection) {
-    if (auto body = ReadBody(request, connection)) {
-      desk.OnStore(connection, false,
-                   [&store, name = request.parts[0], body = *std::move(body)] { return SaveAs(store, name, body); });
-    }
-  });
-  router.Add(http::verb::delete_, kOne, [&](HttpRequest& request, const ConnectionPtr& connection) {
-    desk.OnStore(connection, false,
-                 [&store, name = request.parts[0]] { return AnswerWith(RemoveScenario(store, name)); });
-  });
-  router.Add(http::verb::post, "/api/scenarios/*/load", [&](HttpRequest& request, const ConnectionPtr& connection) {
-    desk.OnStore(connection, true, [&desk, &store, name = request.parts[0]] {
-      const auto scenario = ReadScenario(store, name);
-      const vconf::Status status = scenario.ok() ? LoadScenario(*scenario) : scenario.status();
-      boost::asio::post(desk.loop, [&desk] { desk.TellSet(); });  // faults are no keys
-      return AnswerWith(status);
-    });
-  });
+vconf::Status Load(const std::string& store, const std::string& name) {
+  const auto scenario = ReadScenario(store, name);
+  return scenario.ok() ? LoadScenario(*scenario) : scenario.status();
+}
+
+vconf::Status AddFaultFrom(const ParsedJson& body) {
+  const auto fault = FaultFromJson(body);
+  return fault.ok() ? AddFault(*fault) : fault.status();
 }
 
 }  // namespace
 
 void AddSetRoutes(Router& router, Desk& desk) {
-  router.Get("/api/desk", [&desk](const HttpRequest&) { return Say(desk.Describe()); });
-  router.Add(http::verb::get, "/api/set", [&desk](HttpRequest&, const ConnectionPtr& connection) {
-    desk.OnStore(connection, false, AnswerWithSet);
-  });
-  router.AddWithBody(http::verb::patch, "/api/set", [&desk](HttpRequest& request, const ConnectionPtr& connection) {
-    if (auto body = ReadBody(request, connection)) {
-      desk.OnStore(connection, true, [body = *std::move(body)] {
-        const vconf::Status status = ChangeSet(body);
-        return status.ok() ? AnswerWithSet() : Fail(status);
-      });
-    }
-  });
+  using http::verb;
+  using Request = const HttpRequest&;
+  constexpr auto kReads = StoreUse::kReads;
+  constexpr auto kChanges = StoreUse::kChangesSet;
+  router.Get("/api/desk", [&desk](Request) { return Say(desk.Describe()); });
 
-  // A fault is no key of the store, so its changes have to be told from here.
-  const auto change_faults = [&desk](const ConnectionPtr& connection, std::function<vconf::Status()> change) {
-    desk.OnStore(connection, true, [&desk, change = std::move(change)] {
-      const vconf::Status status = change();
-      boost::asio::post(desk.loop, [&desk] { desk.TellSet(); });
-      return status.ok() ? AnswerWithFaults() : Fail(status);
-    });
-  };
-  router.Add(http::verb::get, "/api/faults", [&desk](HttpRequest&, const ConnectionPtr& connection) {
-    desk.OnStore(connection, false, AnswerWithFaults);
-  });
-  router.AddWithBody(http::verb::post, "/api/faults",
-                     [change_faults](HttpRequest& request, const ConnectionPtr& connection) {
-                       if (auto body = ReadBody(request, connection)) {
-                         change_faults(connection, [body = *std::move(body)] {
-                           const auto fault = FaultFromJson(body);
-                           return fault.ok() ? AddFault(*fault) : fault.status();
-                         });
-                       }
-                     });
-  router.Add(http::verb::delete_, "/api/faults",
-             [change_faults](HttpRequest& request, const ConnectionPtr& connection) {
-               change_faults(connection, [request] { return Clear(request); });
-             });
-  router.Add(http::verb::post, "/api/reset", [&desk](HttpRequest& request, const ConnectionPtr& connection) {
-    if (request.Query("force") == "1") {
-      return desk.ReplaceStore(connection);
-    }
-    desk.OnStore(connection, true, [&desk] {
-      const vconf::Status status = ResetSet();
-      boost::asio::post(desk.loop, [&desk] { desk.TellSet(); });
-      return AnswerWith(status);
-    });
-  });
-  AddScenarioRoutes(router, desk);
+  router.Add(verb::get, "/api/set", Body::kNone, desk.OnStore(kReads, [](Request) { return AnswerWithSet(); }));
+  router.Add(verb::patch, "/api/set", Body::kJson, desk.OnStore(kChanges, [](Request request) {
+    const vconf::Status status = ChangeSet(request.json);
+    return status.ok() ? AnswerWithSet() : Fail(status);
+  }));
+  router.Add(verb::post, "/api/reset", Body::kNone, desk.OnStore(kChanges, [&desk](Request request) {
+    return request.Query("force") == "1" ? desk.ReplaceStore() : AnswerWith(ResetSet());
+  }));
+
+  router.Add(verb::get, "/api/faults", Body::kNone, desk.OnStore(kReads, [](Request) { return AnswerWithFaults(); }));
+  router.Add(verb::post, "/api/faults", Body::kJson,
+             desk.OnStore(kChanges, [](Request request) { return AnswerWithFaults(AddFaultFrom(request.json)); }));
+  router.Add(verb::delete_, "/api/faults", Body::kNone,
+             desk.OnStore(kChanges, [](Request request) { return AnswerWithFaults(Clear(request)); }));
+
+  const std::string& store = desk.options.host.store;
+  router.Add(verb::get, "/api/scenarios", Body::kNone,
+             desk.OnStore(kReads, [&store](Request) { return AnswerWithScenarios(store); }));
+  router.Add(verb::get, "/api/scenarios/*", Body::kNone, desk.OnStore(kReads, [&store](Request request) {
+    const auto scenario = ReadScenario(store, request.parts[0]);
+    return scenario.ok() ? Answer{.body = scenario->dump()} : Fail(scenario.status());
+  }));
+  router.Add(verb::put, "/api/scenarios/*", Body::kJson,
+             desk.OnStore(kReads, [&store](Request request) { return AnswerWith(SaveAs(store, request)); }));
+  router.Add(verb::delete_, "/api/scenarios/*", Body::kNone, desk.OnStore(kReads, [&store](Request request) {
+    return AnswerWith(RemoveScenario(store, request.parts[0]));
+  }));
+  router.Add(verb::post, "/api/scenarios/*/load", Body::kNone,
+             desk.OnStore(kChanges, [&store](Request request) { return AnswerWith(Load(store, request.parts[0])); }));
 }
 
 }  // namespace desk

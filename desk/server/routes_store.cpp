@@ -11,11 +11,8 @@
 namespace desk {
 namespace {
 
+// Other prefixes hold the state of the simulated set.
 bool IsShared(std::string_view path) { return path.starts_with("db/") || path.starts_with("memory/"); }
-
-Answer BadPath(const std::string& path) {
-  return Fail({vconf::Code::kBadName, path + ": a path begins with db/ or memory/"});
-}
 
 Answer DescribeSettings(const Desk& desk) {
   Json settings = Json::array();
@@ -61,53 +58,50 @@ Answer List(const HttpRequest& request) {
   return Say({{"keys", std::move(keys)}});
 }
 
-Answer Write(const std::string& path, const vconf::Value& value) {
-  const vconf::Status status = vconf::Set(path, value);
-  return status.ok() ? Say({{"path", path}, {"value", ToJson(value)}}) : Fail(status);
+Answer Read(const HttpRequest& request) {
+  const std::string& path = request.parts[0];
+  if (!IsShared(path)) {
+    return Fail({vconf::Code::kMissing, "there is no key " + path});
+  }
+  const auto value = vconf::Get(path);
+  return value.ok() ? Say({{"path", path}, {"value", ToJson(*value)}}) : Fail(value.status());
+}
+
+vconf::Status CheckPath(const std::string& path) {
+  return IsShared(path) ? vconf::Status()
+                        : vconf::Status(vconf::Code::kBadName, path + ": a path begins with db/ or memory/");
+}
+
+Answer Write(const HttpRequest& request) {
+  const std::string& path = request.parts[0];
+  const ParsedJson& body = request.json;
+  const auto value = body.is_object() && body.contains("value") ? ToValue(body["value"]) : std::nullopt;
+  vconf::Status status = CheckPath(path);
+  if (status.ok()) {
+    status = value ? vconf::Set(path, *value) : BadValue("\"value\" must be a 32-bit integer, true, false or a text");
+  }
+  return status.ok() ? Say({{"path", path}, {"value", ToJson(*value)}}) : Fail(status);
+}
+
+Answer Remove(const HttpRequest& request) {
+  const std::string& path = request.parts[0];
+  vconf::Status status = CheckPath(path);
+  if (status.ok()) {
+    status = vconf::Remove(path);
+  }
+  return status.ok() ? Answer{} : Fail(status);
 }
 
 }  // namespace
 
 void AddStoreRoutes(Router& router, Desk& desk) {
-  constexpr char kKey[] = "/api/store/**";
+  using http::verb;
   router.Get("/api/catalog", [](const HttpRequest&) { return Answer{.body = std::string(CatalogText())}; });
   router.Get("/api/settings", [&desk](const HttpRequest&) { return DescribeSettings(desk); });
   router.Get("/api/store", List);
-  router.Get(kKey, [](const HttpRequest& request) {
-    const std::string& path = request.parts[0];
-    if (!IsShared(path)) {
-      return Fail({vconf::Code::kMissing, "there is no key " + path});
-    }
-    const auto value = vconf::Get(path);
-    return value.ok() ? Say({{"path", path}, {"value", ToJson(*value)}}) : Fail(value.status());
-  });
-  router.AddWithBody(http::verb::put, kKey, [&desk](HttpRequest& request, const ConnectionPtr& connection) {
-    const auto body = ReadBody(request, connection);
-    if (!body) {
-      return;
-    }
-    const std::string path = request.parts[0];
-    if (!IsShared(path)) {
-      return connection->Reply(BadPath(path));
-    }
-    const std::optional<vconf::Value> value =
-        body->is_object() && body->contains("value") ? ToValue(body->at("value")) : std::nullopt;
-    if (!value) {
-      return connection->Reply(
-          Fail({vconf::Code::kBadValue, "\"value\" must be a 32-bit integer, true, false or a text"}));
-    }
-    desk.OnStore(connection, true, [path, value] { return Write(path, *value); });
-  });
-  router.Add(http::verb::delete_, kKey, [&desk](HttpRequest& request, const ConnectionPtr& connection) {
-    const std::string path = request.parts[0];
-    if (!IsShared(path)) {
-      return connection->Reply(BadPath(path));
-    }
-    desk.OnStore(connection, true, [path] {
-      const vconf::Status status = vconf::Remove(path);
-      return status.ok() ? Answer{} : Fail(status);
-    });
-  });
+  router.Get("/api/store/**", Read);
+  router.Add(verb::put, "/api/store/**", Body::kJson, desk.OnStore(StoreUse::kChangesKeys, Write));
+  router.Add(verb::delete_, "/api/store/**", Body::kNone, desk.OnStore(StoreUse::kChangesKeys, Remove));
 }
 
 }  // namespace desk

@@ -52,10 +52,11 @@ TEST_F(ServerDeathTest, EndsInGoodOrderAfterAnException) {
 
 TEST_F(ServerDeathTest, EndsThoughTheStoreHangs) {
   EXPECT_EXIT(Run([](desk::Desk& desk) {
-                desk.OnStore(nullptr, false, []() -> desk::Answer {
+                desk::HttpRequest request;
+                desk.OnStore(desk::StoreUse::kReads, [](const desk::HttpRequest&) -> desk::Answer {
                   raise(SIGTERM);
                   while (true) pause();
-                });
+                })(request, nullptr);
               }),
               testing::ExitedWithCode(0), "a disk may hang");
 }
