@@ -3,7 +3,6 @@
 #include <poll.h>
 
 #include <algorithm>
-#include <array>
 #include <charconv>
 #include <utility>
 
@@ -50,15 +49,11 @@ bool Clients::MakeRoom() {
   if (open_.size() < limit_) {
     return true;
   }
-  const bool one = !expecting_.empty();
-  GiveUpOne();  // it counts until its last handler has run
-  return one;
-}
-
-void Clients::GiveUpOne() {
-  if (!expecting_.empty()) {
-    expecting_.front()->Close();
+  if (expecting_.empty()) {
+    return false;
   }
+  expecting_.front()->Close();  // it counts until its last handler has run
+  return true;
 }
 
 void Clients::Tick() {
@@ -82,7 +77,7 @@ void Clients::Tick() {
 
 void Clients::CloseIdle() {
   while (!expecting_.empty()) {
-    GiveUpOne();
+    expecting_.front()->Close();
   }
   clock_.cancel();
 }
@@ -292,20 +287,9 @@ void Connection::OnWritten(Error error, std::size_t size) {
     socket_.shutdown(Socket::shutdown_send, error);
     deadline_ = Clock::now() + kRequestTime;
     expecting_ = all_.expecting_.insert(all_.expecting_.end(), this);  // it gives way as one that waits does
-    Linger();
+    // The rest of the request is read, too: a client that is still sending would lose the answer.
+    DiscardInput(socket_, [self = shared_from_this()] { self->Close(); });
   }
-}
-
-// What is left of the request is taken too: a client that still writes would lose the answer.
-void Connection::Linger() {
-  static std::array<char, 4096> ignored;
-  socket_.async_read_some(boost::asio::buffer(ignored), [self = shared_from_this()](Error error, std::size_t) {
-    if (error) {
-      self->Close();
-    } else {
-      self->Linger();
-    }
-  });
 }
 
 Socket Connection::Take() {

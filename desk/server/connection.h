@@ -2,6 +2,7 @@
 
 // A connection of the desk: reads one request after the other, each with its time, and writes the answers.
 
+#include <array>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -31,6 +32,17 @@ namespace http = boost::beast::http;
 
 /// One kind of executor alone, which saves a virtual call for each step.
 using Socket = boost::asio::basic_stream_socket<boost::asio::ip::tcp, boost::asio::io_context::executor_type>;
+
+/// Reads from `stream` and drops what it reads; calls `on_end` at its end or after an error. `on_end` keeps the owner
+/// of `stream` alive.
+template <typename Stream, typename OnEnd>
+void DiscardInput(Stream& stream, OnEnd on_end) {
+  static std::array<char, 4096> ignored;
+  stream.async_read_some(boost::asio::buffer(ignored),
+                         [&stream, on_end = std::move(on_end)](boost::system::error_code error, std::size_t) mutable {
+                           error ? on_end() : DiscardInput(stream, std::move(on_end));
+                         });
+}
 
 class Connection;
 
@@ -64,9 +76,6 @@ class Clients {
   /// Whether one more may be open. When there are as many as may be, the connection that has waited longest for its
   /// request gives way.
   bool MakeRoom();
-  /// Closes the connection that has waited longest for its request.
-  void GiveUpOne();
-
   void set_limit(std::size_t limit) { limit_ = limit; }
 
   /// Closes the connections that wait for a request, and looks after nobody any more.
@@ -158,7 +167,6 @@ class Connection final : public Client, public std::enable_shared_from_this<Conn
   void Handle();
   bool ReadTarget(HttpRequest& request, Claim& claim);
   void OnWritten(boost::beast::error_code error, std::size_t size);
-  void Linger();
 
   Socket socket_;
   const OriginCheck& check_;

@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -148,21 +147,10 @@ vconf::Status Desk::Start() {
   });
   if (options.until_closed) {
     input_.assign(dup(STDIN_FILENO));
-    AwaitClosedInput();
+    DiscardInput(input_, [this] { End(); });
   }
   plugin_ = std::make_unique<PluginCheck>(loop, options.host, [this] { OnPlugin(); });
   return {};
-}
-
-void Desk::AwaitClosedInput() {
-  static std::array<char, 64> ignored;
-  input_.async_read_some(boost::asio::buffer(ignored), [this](Error error, std::size_t) {
-    if (!error) {
-      AwaitClosedInput();
-    } else if (error != boost::asio::error::operation_aborted) {
-      End();
-    }
-  });
 }
 
 std::vector<std::string> Desk::Links() const {

@@ -96,7 +96,6 @@ class Desk {
 
  private:
   void OnChange(const vconf::Change& change);
-  void AwaitClosedInput();
   void OnPlugin();
   void Handle(HttpRequest& request, const ConnectionPtr& connection);
   void End();

@@ -13,6 +13,8 @@
 #include <system_error>
 #include <utility>
 
+#include <boost/asio/write.hpp>
+
 #include "base/unique_fd.h"
 
 extern "C" {  // which this header forgets
@@ -27,8 +29,8 @@ using Error = boost::system::error_code;
 constexpr std::chrono::seconds kTimeToEnd(2);
 // A line that never ends is cut here, so that memory stays bounded.
 constexpr std::size_t kMaxLine = 8UL * 1024 * 1024;
-// What one turn of the loop reads of one child, so that one that never stops talking leaves room for the others.
-constexpr std::size_t kTurn = 64UL * 1024;
+// What one read of a pipe gets: all that a pipe of the usual size holds.
+constexpr std::size_t kPipeSize = 64UL * 1024;
 
 struct Pipe {
   UniqueFd read;
@@ -43,11 +45,6 @@ Pipe MakePipe() {
     ThrowErrno("no more pipes");
   }
   return {.read = UniqueFd(ends[0]), .write = UniqueFd(ends[1])};
-}
-
-int NonBlocking(UniqueFd descriptor) {
-  fcntl(descriptor.get(), F_SETFL, fcntl(descriptor.get(), F_GETFL) | O_NONBLOCK);
-  return descriptor.Release();
 }
 
 // Runs in the child between fork and exec, where only calls that are safe in a signal handler are allowed.
@@ -82,8 +79,8 @@ int NonBlocking(UniqueFd descriptor) {
 HostProcess::HostProcess(boost::asio::io_context& loop, Listener& listener)
     : listener_(&listener),
       input_(loop),
-      output_{.pipe = Descriptor(loop), .rest = {}},
-      log_{.pipe = Descriptor(loop), .rest = {}},
+      output_{.pipe = Descriptor(loop), .on_line = &Listener::OnLine, .rest = {}},
+      log_{.pipe = Descriptor(loop), .on_line = &Listener::OnLogLine, .rest = {}},
       child_(loop),
       kill_timer_(loop) {}
 
@@ -125,58 +122,54 @@ void HostProcess::Run(const std::vector<std::string>& command) {
     ThrowErrno("no more descriptors");
   }
   child_.assign(child);
-  input_.assign(NonBlocking(std::move(input.write)));
-  output_.pipe.assign(NonBlocking(std::move(output.read)));
-  log_.pipe.assign(NonBlocking(std::move(log.read)));
-  AwaitOutput(output_, &Listener::OnLine);
-  AwaitOutput(log_, &Listener::OnLogLine);
+  input_.assign(input.write.Release());
+  output_.pipe.assign(output.read.Release());
+  log_.pipe.assign(log.read.Release());
+  output_.pipe.native_non_blocking(true);
+  log_.pipe.native_non_blocking(true);
+  AwaitOutput(output_);
+  AwaitOutput(log_);
   AwaitEnd();
 }
 
-void HostProcess::AwaitOutput(Lines& lines, void (Listener::*hand_on)(std::string_view)) {
-  lines.pipe.async_wait(Descriptor::wait_read, [self = shared_from_this(), &lines, hand_on](Error error) {
-    if (!error && self->listener_ != nullptr && self->ReadOnce(lines, hand_on)) {
-      self->AwaitOutput(lines, hand_on);
+void HostProcess::AwaitOutput(Output& output) {
+  output.pipe.async_wait(Descriptor::wait_read, [self = shared_from_this(), &output](Error error) {
+    if (!error && self->listener_ != nullptr && self->ReadOnce(output)) {
+      self->AwaitOutput(output);
     }
   });
 }
 
 // False at the end of the pipe.
-bool HostProcess::ReadOnce(Lines& lines, void (Listener::*hand_on)(std::string_view)) {
-  static std::array<char, kTurn> chunk;
-  const ssize_t size = read(lines.pipe.native_handle(), chunk.data(), chunk.size());
+bool HostProcess::ReadOnce(Output& output) {
+  static std::array<char, kPipeSize> chunk;
+  const ssize_t size = read(output.pipe.native_handle(), chunk.data(), chunk.size());
   if (size < 0) {
     return errno == EAGAIN || errno == EINTR;
   }
   std::string_view text(chunk.data(), static_cast<std::size_t>(size));
   for (std::size_t end = text.find('\n'); end != std::string_view::npos; end = text.find('\n')) {
-    if (lines.rest.empty()) {
-      (listener_->*hand_on)(text.substr(0, end));
+    if (output.rest.empty()) {
+      (listener_->*output.on_line)(text.substr(0, end));
     } else {
-      (listener_->*hand_on)(std::exchange(lines.rest, {}).append(text.substr(0, end)));
+      (listener_->*output.on_line)(std::exchange(output.rest, {}).append(text.substr(0, end)));
     }
     text.remove_prefix(end + 1);
   }
-  lines.rest.append(text);
-  if (lines.rest.size() > kMaxLine || (size == 0 && !lines.rest.empty())) {
-    (listener_->*hand_on)(std::exchange(lines.rest, {}));
+  output.rest.append(text);
+  if (output.rest.size() > kMaxLine) {
+    (listener_->*output.on_line)(std::exchange(output.rest, {}));
   }
   return size > 0;
 }
 
-// What a full pipe holds, and no more: a grandchild may write on for ever.
-void HostProcess::Drain(Lines& lines, void (Listener::*hand_on)(std::string_view)) {
-  constexpr int kReads = 16;  // of at least a page each
-  for (int left = kReads; left > 0; --left) {
-    errno = 0;
-    if (!ReadOnce(lines, hand_on) || errno == EAGAIN) {
-      break;
-    }
+// One read gets all that a pipe holds. A grandchild may hold the pipe open and write on.
+void HostProcess::Drain(Output& output) {
+  ReadOnce(output);
+  if (!output.rest.empty()) {
+    (listener_->*output.on_line)(std::exchange(output.rest, {}));
   }
-  if (!lines.rest.empty()) {
-    (listener_->*hand_on)(std::exchange(lines.rest, {}));
-  }
-  lines.pipe.close();
+  output.pipe.close();
 }
 
 void HostProcess::Write(std::string_view line) {
@@ -185,42 +178,26 @@ void HostProcess::Write(std::string_view line) {
   }
   queue_.append(line).push_back('\n');
   was_full_ = !HasRoom();
-  if (!writing_) {
+  if (writing_.empty()) {
     WriteQueued();
   }
 }
 
 void HostProcess::WriteQueued() {
-  while (written_ < queue_.size()) {
-    const ssize_t size = write(input_.native_handle(), queue_.data() + written_, queue_.size() - written_);
-    if (size > 0) {
-      written_ += static_cast<std::size_t>(size);
-    } else if (errno == EAGAIN) {
-      break;
-    } else if (errno != EINTR) {
-      written_ = queue_.size();  // The child reads no more; its end is on the way.
+  writing_ = std::exchange(queue_, {});
+  if (writing_.empty()) {
+    return ending_ ? input_.close() : void();
+  }
+  boost::asio::async_write(input_, boost::asio::buffer(writing_), [self = shared_from_this()](Error, std::size_t) {
+    if (self->listener_ == nullptr) {
+      return;
     }
-  }
-  writing_ = written_ < queue_.size();
-  if (writing_ && written_ > queue_.size() / 2) {
-    queue_.erase(0, std::exchange(written_, 0));
-  } else if (!writing_) {
-    written_ = 0;
-    queue_.capacity() > kTurn ? queue_ = std::string() : queue_.erase();
-  }
-  if (writing_) {
-    input_.async_wait(Descriptor::wait_write, [self = shared_from_this()](Error error) {
-      if (!error && self->listener_ != nullptr) {
-        self->WriteQueued();
-      }
-    });
-  } else if (ending_) {
-    input_.close();
-  }
-  if (was_full_ && HasRoom()) {
-    was_full_ = false;
-    listener_->OnRoom();
-  }
+    self->WriteQueued();  // also after an error: the child reads no more, and its end will be reported
+    if (self->was_full_ && self->HasRoom()) {
+      self->was_full_ = false;
+      self->listener_->OnRoom();
+    }
+  });
 }
 
 void HostProcess::End() {
@@ -228,7 +205,7 @@ void HostProcess::End() {
     return;
   }
   ending_ = true;
-  if (!writing_) {
+  if (writing_.empty()) {
     input_.close();
   }
   kill_timer_.expires_after(kTimeToEnd);
@@ -262,8 +239,8 @@ void HostProcess::AwaitEnd() {
     // counts and not the end of the pipe.
     self->log_.pipe.cancel();
     self->output_.pipe.cancel();
-    self->Drain(self->log_, &Listener::OnLogLine);
-    self->Drain(self->output_, &Listener::OnLine);
+    self->Drain(self->log_);
+    self->Drain(self->output_);
     self->ending_ = true;
     self->kill_timer_.cancel();
     self->input_.close();

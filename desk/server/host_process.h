@@ -48,7 +48,7 @@ class HostProcess : public std::enable_shared_from_this<HostProcess> {
   HostProcess& operator=(const HostProcess&) = delete;
 
   /// False when the child has left so much unread that no more is taken. One that is ending has room for everything.
-  bool HasRoom() const { return ending_ || queue_.size() - written_ <= kMaxQueue; }
+  bool HasRoom() const { return ending_ || queue_.size() + writing_.size() <= kMaxQueue; }
 
   /// Queues one line, given without its newline. A line for a child that is ending is dropped: `OnEnd` answers it.
   void Write(std::string_view line);
@@ -63,33 +63,31 @@ class HostProcess : public std::enable_shared_from_this<HostProcess> {
  private:
   using Descriptor = boost::asio::posix::basic_stream_descriptor<boost::asio::io_context::executor_type>;
 
-  // Cuts what a pipe brings at the newlines.
-  struct Lines {
+  // A pipe from the child.
+  struct Output {
     Descriptor pipe;
+    void (Listener::*on_line)(std::string_view);
     std::string rest;  // a line that has not ended yet
   };
 
   HostProcess(boost::asio::io_context& loop, Listener& listener);
 
   void Run(const std::vector<std::string>& command);
-  void AwaitOutput(Lines& lines, void (Listener::*hand_on)(std::string_view));
-  bool ReadOnce(Lines& lines, void (Listener::*hand_on)(std::string_view));
-  void Drain(Lines& lines, void (Listener::*hand_on)(std::string_view));
+  void AwaitOutput(Output& output);
+  bool ReadOnce(Output& output);
+  void Drain(Output& output);
   void WriteQueued();
   void AwaitEnd();
 
   Listener* listener_;  // null once the child has ended
   Descriptor input_;
-  Lines output_;
-  Lines log_;
-  Descriptor child_;  // the process itself, readable once it has ended
-  boost::asio::basic_waitable_timer<std::chrono::steady_clock, boost::asio::wait_traits<std::chrono::steady_clock>,
-                                    boost::asio::io_context::executor_type>
-      kill_timer_;
+  Output output_;
+  Output log_;
+  Descriptor child_;  // the pidfd, readable once the child has ended
+  boost::asio::steady_timer kill_timer_;
   pid_t pid_ = -1;
-  std::string queue_;
-  std::size_t written_ = 0;  // how much of the queue the child's pipe has taken
-  bool writing_ = false;     // waits for the pipe to take more
+  std::string queue_;    // lines to be written next
+  std::string writing_;  // lines being written
   bool was_full_ = false;
   bool ending_ = false;
 };

@@ -116,32 +116,22 @@ void Listener::Start(Clients& clients, std::function<void(Socket)> on_socket) {
 }
 
 void Listener::Accept(Acceptor& acceptor) {
-  acceptor.async_wait(Acceptor::wait_read, [this, &acceptor](Error error) {
-    if (error || acceptors_.empty()) {
+  acceptor.async_accept([this, &acceptor](Error error, Socket socket) {
+    if (acceptors_.empty()) {
       return;
     }
-    // Several, so that a crowd of connections that say nothing is through soon; not all, so that others have their
-    // turn.
-    for (int left = 64; left > 0; --left) {
-      Socket socket(loop_);
-      acceptor.accept(socket, error);
-      if (error == boost::asio::error::would_block || error == boost::asio::error::try_again) {
-        break;
-      }
-      if (error) {
-        clients_->GiveUpOne();  // or others end; then there is room
-        // Each address has a timer of its own: one that both set would forget the first.
-        const auto retry = std::make_shared<boost::asio::steady_timer>(loop_, std::chrono::milliseconds(20));
-        return retry->async_wait([this, retry, &acceptor](Error) {
-          if (!acceptors_.empty()) {
-            Accept(acceptor);
-          }
-        });
-      }
-      if (clients_->MakeRoom()) {
-        on_socket_(std::move(socket));
-        continue;
-      }
+    if (error) {
+      // Such as no more descriptors. Each address has a timer of its own.
+      const auto retry = std::make_shared<boost::asio::steady_timer>(loop_, std::chrono::milliseconds(20));
+      return retry->async_wait([this, retry, &acceptor](Error) {
+        if (!acceptors_.empty()) {
+          Accept(acceptor);
+        }
+      });
+    }
+    if (clients_->MakeRoom()) {
+      on_socket_(std::move(socket));
+    } else {
       static constexpr std::string_view kBusy =
           "HTTP/1.1 503 Service Unavailable\r\nContent-Type: application/json\r\nConnection: close\r\n\r\n"
           "{\"error\":\"too many connections are open already\",\"code\":\"busy\"}";

@@ -1,8 +1,6 @@
 #include "server/stream.h"
 
-#include <array>
 #include <chrono>
-#include <deque>
 #include <string>
 #include <utility>
 
@@ -63,7 +61,7 @@ class EventStream final : public Stream, public std::enable_shared_from_this<Eve
     text_ = std::move(head) + kRetry;
     ready_ = true;
     Write();
-    Listen();
+    DiscardInput(socket_, [self = shared_from_this()] { self->Close(); });
   }
 
  private:
@@ -89,14 +87,6 @@ class EventStream final : public Stream, public std::enable_shared_from_this<Eve
                                self->text_ = std::string();
                                error ? self->Close() : self->Write();
                              });
-  }
-
-  // A client of a stream has nothing to say; what can be read is its end.
-  void Listen() {
-    static std::array<char, 1024> ignored;
-    socket_.async_read_some(boost::asio::buffer(ignored), [self = shared_from_this()](Error error, std::size_t) {
-      error ? self->Close() : self->Listen();
-    });
   }
 
   void Close() override {
@@ -141,18 +131,13 @@ class EventSocket final : public Stream, public std::enable_shared_from_this<Eve
   }
 
  private:
-  static constexpr std::size_t kMaxAnswers = 64;  // that wait to be written
-
   void Write() override {
     if (over_) {
       return;
     }
-    if (!answers_.empty()) {
-      text_ = std::move(answers_.front());
-      answers_.pop_front();
-      if (std::exchange(holds_back_, false)) {
-        Read();
-      }
+    if (!answer_.empty()) {
+      text_ = std::exchange(answer_, {});
+      Read();
     } else if (const auto event = Next()) {
       text_.append(R"({"id":)").append(std::to_string(following_.position)).append(R"(,"event":")").append(event->name);
       text_.append(R"(","data":)").append(*event->data).append("}");
@@ -195,15 +180,12 @@ class EventSocket final : public Stream, public std::enable_shared_from_this<Eve
     }
     held_ = nullptr;
     unread_ = -1;
-    if (!answer->empty()) {
-      answers_.push_back(*std::move(answer));
-      Stream::OnEvents();
+    if (answer->empty()) {
+      return Read();
     }
-    // A client that takes no answers is asked nothing more.
-    holds_back_ = answers_.size() >= kMaxAnswers;
-    if (!holds_back_) {
-      Read();
-    }
+    // Nothing more is read until it is being written, so a client that reads no answers is not read from either.
+    answer_ = *std::move(answer);
+    Stream::OnEvents();
   }
 
   void Close() override {
@@ -218,9 +200,8 @@ class EventSocket final : public Stream, public std::enable_shared_from_this<Eve
   boost::beast::flat_buffer buffer_;
   std::string said_;                   // by the client, not taken yet
   std::shared_ptr<EventSocket> held_;  // this one, while what was said waits: no operation holds it then
-  std::deque<std::string> answers_;
-  bool holds_back_ = false;  // reads on when it has written one
-  std::string text_;         // is being written
+  std::string answer_;                 // to what was said, written next
+  std::string text_;                   // is being written
   bool over_ = false;
 };
 
