@@ -2,58 +2,64 @@
 import assert from "node:assert/strict";
 import { execFile, spawn } from "node:child_process";
 import { once } from "node:events";
-import { chmod, mkdtemp, rm } from "node:fs/promises";
+import { readFileSync } from "node:fs";
+import { rm } from "node:fs/promises";
 import { request as httpRequest } from "node:http";
 import { connect } from "node:net";
-import { tmpdir } from "node:os";
-import { dirname, join } from "node:path";
+import { dirname } from "node:path";
 import { createInterface } from "node:readline";
+import { setTimeout } from "node:timers/promises";
 import { fileURLToPath } from "node:url";
 import { promisify } from "node:util";
 
 const run = promisify(execFile);
 const program = process.env.MIRADO ?? fileURLToPath(new URL("../../build/release/bin/mirado", import.meta.url));
 
-const running = new Set(); // the desks' processes
-process.once("exit", () => running.forEach((child) => child.kill()));
+const running = new Set(); // desks
 
 export class Desk {
   static hearsCtrlC = true; // at the terminal, as this process does
 
+  // On a store that goes with it, in `folder`.
   static async start(...options) {
-    const folder = await mkdtemp(join(tmpdir(), "mirado-desk-test-"));
-    try {
-      return Object.assign(await Desk.startOn(join(folder, "store"), ...options), { folder });
-    } catch (error) {
-      await rm(folder, { recursive: true });
-      throw error;
-    }
+    const desk = await Desk.run([...options, "--temporary"]);
+    desk.store = /^The set is kept in (.*);/.exec(desk.lines[1])[1];
+    desk.folder = dirname(desk.store);
+    return desk;
+  }
+
+  static async startOn(store, ...options) {
+    return Object.assign(await Desk.run([...options, "--store", store]), { store });
+  }
+
+  // Ends what the tests before have left running, as one that failed does. A connection to a desk keeps this process.
+  static stopAll() {
+    return Promise.all(Array.from(running, (desk) => desk.stop()));
   }
 
   // An option that begins with "ulimit" is what the shell does before.
-  static async startOn(store, ...options) {
-    const desk = Object.assign(new Desk(), { store });
-    const limits = options[0]?.startsWith("ulimit") ? [options.shift()] : [];
+  static async run(options) {
+    const desk = new Desk();
+    const limits = options[0].startsWith("ulimit") ? [options.shift()] : [];
     const port = options.includes("--port") ? [] : ["--port", "0"];
-    const run = [program, "desk", ...port, "--store", store, ...options];
+    const run = [program, "desk", "--until-closed", ...port, ...options];
     if (limits.length) {
-      await chmod(dirname(store), 0o777);
       run.unshift("bash", "-c", `${limits} && exec "$0" "$@"`);
       // Root is not bound by a number of processes, and nobody else may enter a folder such as /root.
       if (process.getuid() === 0) run.unshift("setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
         "--inh-caps=+dac_override", "--ambient-caps=+dac_override", "--");
     }
-    desk.child = spawn(run[0], run.slice(1), { stdio: ["ignore", "pipe", "inherit"], detached: !Desk.hearsCtrlC });
+    // Its input is closed with this process, however that ends.
+    desk.child = spawn(run[0], run.slice(1), { stdio: ["pipe", "pipe", "inherit"], detached: !Desk.hearsCtrlC });
+    desk.child.stdin.on("error", () => {});
     desk.ended = once(desk.child, "exit");
-    running.add(desk.child);
-    desk.child.once("exit", () => running.delete(desk.child));
+    running.add(desk);
+    desk.child.once("exit", () => running.delete(desk));
     desk.lines = [];
     for await (const line of createInterface(desk.child.stdout)) {
       if (desk.lines.push(line) === 3) break;
     }
-    // A test that fails does not stop its desk; this process ends all the same.
-    desk.child.unref();
-    desk.child.stdout.unref();
+    for (const one of [desk.child, desk.child.stdin, desk.child.stdout]) one.unref();
     const link = /:(\d+)\/(?:\?token=(\w+))?$/.exec(desk.lines[0]);
     desk.port = Number(link?.[1]);
     desk.token = link?.[2];
@@ -72,10 +78,11 @@ export class Desk {
     return this.ended;
   }
 
-  async stop(signal = "SIGTERM", keep = false) {
-    this.child.kill(signal);
+  // By a signal, or as the end of this process does it.
+  async stop(signal) {
+    signal ? this.child.kill(signal) : this.child.stdin.end();
     const [status] = await this.exit;
-    if (this.folder && !keep) await rm(this.folder, { recursive: true });
+    if (this.folder) await rm(this.folder, { recursive: true, force: true }); // one that was killed leaves it
     return status;
   }
 
@@ -218,10 +225,10 @@ class Stream {
   }
 }
 
+// A process whose parent has not heard of its end runs no more.
 export function isRunning(pid) {
   try {
-    process.kill(pid, 0);
-    return true;
+    return !/\) [ZX] /.test(readFileSync(`/proc/${pid}/stat`, "utf8"));
   } catch {
     return false;
   }
@@ -237,4 +244,6 @@ export async function oneOfFiveIsBelow(usual, attempt) {
 }
 
 // Returns when a process that is nobody's child here has ended.
-export const ended = (pid) => run("tail", ["--sleep-interval=0.05", `--pid=${pid}`, "-f", "/dev/null"]);
+export async function ended(pid) {
+  while (isRunning(pid)) await setTimeout(20);
+}

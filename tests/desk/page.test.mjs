@@ -13,7 +13,7 @@ const write = (value) => ({ command: "setMenuValue", propertyKey: 0, value });
 
 let desk;
 before(async () => { desk = await Desk.start(); });
-after(() => desk.stop());
+after(Desk.stopAll);
 
 test("a page sends, posts and hears", async () => {
   const page = await desk.openPage({ title: "App", url: "http://localhost/app" });

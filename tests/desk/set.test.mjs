@@ -12,7 +12,7 @@ const READ = { send: { command: "getMenuValue", propertyKey: 0 } };
 
 let desk;
 before(async () => { desk = await Desk.start(); });
-after(() => desk.stop());
+after(Desk.stopAll);
 beforeEach(() => desk.call("POST", "/api/reset"));
 
 test("settings are listed, read, written and removed", async () => {
@@ -94,5 +94,4 @@ test("a store that is damaged while it is open is reported", async () => {
   // The database first: a damaged "live" alone is made again from it at once.
   for (const file of ["keys.db", "live"]) await writeFile(join(other.store, file), "no database".repeat(1000));
   assert.equal((await other.call("GET", "/api/desk")).store.code, "damaged");
-  await other.stop();
 });
