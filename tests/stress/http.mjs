@@ -1,7 +1,7 @@
 // A client that says everything a little wrong: http.mjs [REQUESTS [SEED]]
 import assert from "node:assert/strict";
+import { execFileSync } from "node:child_process";
 import { randomInt } from "node:crypto";
-import { readdirSync, readFileSync } from "node:fs";
 import { Desk, isRunning } from "../desk/desk.mjs";
 
 const METHODS = ["GET", "PUT", "POST", "DELETE", "PATCH", "OPTIONS", "HEAD"];
@@ -95,7 +95,6 @@ async function exchange(desk, request, isBroken) {
 
 Desk.hearsCtrlC = false;
 const desk = await Desk.start();
-process.on("exit", () => desk.child.kill("SIGKILL"));
 let stopped = false;
 for (const signal of ["SIGINT", "SIGTERM"]) process.on(signal, () => { stopped = true; });
 const { id } = await desk.openPage();
@@ -140,9 +139,7 @@ for (; request < requests && !stopped; ++request) {
 const { status } = await desk.say({ id }, { send: { command: "getVersion" } });
 assert([200, 404, 410].includes(status), "unless it was told to leave");
 const last = await desk.openPage();
-const tasks = `/proc/${desk.child.pid}/task`;
-const children = readdirSync(tasks).flatMap((task) =>
-  (readFileSync(`${tasks}/${task}/children`, "utf8").match(/\d+/g) ?? []).map(Number));
+const children = execFileSync("ps", ["--ppid", desk.child.pid, "-o", "pid="], { encoding: "utf8" }).match(/\d+/g).map(Number);
 assert(children.includes(last.pid));
 assert.equal(await desk.stop("SIGINT"), 0);
 assert.deepEqual(children.filter(isRunning), [], "a process of the desk is left");
