@@ -6,7 +6,7 @@ import { createServer } from "node:http";
 import { join } from "node:path";
 import { describe, it } from "node:test";
 import { answer, CAPTION, openConsole, openDesk, said, say, valueOf } from "./desk-page.mjs";
-import { MortalDesk, useDesk } from "./harness.mjs";
+import { MortalDesk, startAt, useDesk } from "./harness.mjs";
 
 const { desk, newPage, openPage, startDesk } = await useDesk();
 
@@ -25,6 +25,7 @@ async function withConsole(of = desk) {
 const getVersion = { send: { command: "getVersion" } };
 const tab = (page, name) => page.getByRole("tab", { name });
 const button = (page, name) => page.getByRole("button", { name, exact: true });
+const disabled = (part) => part.and(part.page().locator(":disabled")).waitFor(); // which follows what the page knows in the next frame
 const banner = (page, text) => page.getByRole("alert").filter({ hasText: text });
 const rowTexts = (page) => said(page, "").allInnerTexts();
 const settles = async (read, wanted) => {
@@ -36,16 +37,6 @@ const settles = async (read, wanted) => {
 };
 const storeOf = async (path) => (await desk.request("GET", `/api/store/${encodeURIComponent(path)}`)).json.value;
 
-// Starts a desk on the port that `choose` names, again while somebody else has that port.
-async function startAt(choose) {
-  for (let tries = 1; ; ++tries) {
-    try {
-      return await startDesk("--port", choose());
-    } catch (error) {
-      if (error.status !== 3 || tries === 100) throw error;
-    }
-  }
-}
 // In the page: the desk's events reach it one by one, with so much time between them.
 function spaceEvents(milliseconds) {
   let last = Promise.resolve();
@@ -59,7 +50,7 @@ function spaceEvents(milliseconds) {
 }
 
 // Not one that is free at the moment: an outgoing connection, such as the browser's, could get it in between.
-const startSomewhere = () => startAt(() => 20_000 + Math.floor(Math.random() * 10_000));
+const startSomewhere = () => startAt(() => 20_000 + Math.floor(Math.random() * 10_000), startDesk);
 
 describe("the desk's page", () => {
   it("leads from an empty desk to a page that receives an event", async () => {
@@ -74,7 +65,7 @@ describe("the desk's page", () => {
 
     const [download] = await Promise.all([page.waitForEvent("download"), button(page, "Save hello.html").click()]);
     const body = await readFile(await download.path(), "utf8");
-    const server = createServer((_, response) => response.setHeader("Content-Type", "text/html").end(body)).listen(0, "127.0.0.1");
+    const server = createServer((_, response) => response.setHeader("Content-Type", "text/html").end(body)).listen(0, "127.0.0.1").unref();
     await once(server, "listening");
     const own = await openPage(`http://localhost:${server.address().port}/hello.html`);
     await tab(page, /^#\d+ My page/).and(page.locator("[aria-selected=true]")).waitFor();
@@ -98,7 +89,7 @@ describe("the desk's page", () => {
     await tab(page, /^All/).click();
     await said(page, "getVersion").waitFor();
     await said(page, "isTVSPicSizeResized").waitFor();
-    assert(await button(page, "Send").isDisabled(), "there is nobody to send to");
+    await disabled(button(page, "Send")); // there is nobody to send to
 
     await tab(page, / Two/).click();
     await said(page, "getVersion").waitFor({ state: "detached" });
@@ -122,7 +113,7 @@ describe("the desk's page", () => {
     await answer(page, "Kill it");
     await banner(page, /Two has ended/).waitFor();
     await said(page, "signal 9").waitFor();
-    assert(await button(page, "Send").isDisabled());
+    await disabled(button(page, "Send"));
     await tab(page, / One/).click();
     await banner(page, /Two has ended/).waitFor({ state: "detached" });
     assert.equal((await desk.call("GET", `/api/pages/${one.id}`)).state, "running");
@@ -152,12 +143,14 @@ describe("the desk's page", () => {
   it("follows the dialogue's end until somebody reads further up, also when the panel changes its size", async () => {
     const page = await withConsole();
     const { id } = (await desk.call("GET", "/api/pages")).pages.at(-1);
+    const post = (command) => desk.say({ id }, { post: { command } });
     const fill = (count) => desk.say({ id }, Array.from({ length: count }, () => ({ post: { command: "getVersion" } })));
     const list = page.getByRole("region", { name: "Messages" });
     const newestRow = list.getByRole("listitem").last();
     const isWhole = () => newestRow.evaluate((it) => it.getBoundingClientRect().bottom <= it.closest(".scroll").getBoundingClientRect().bottom);
-    await fill(150);
-    await list.getByRole("listitem").nth(20).waitFor();
+    await fill(149);
+    await post("isTVSPicSizeResized");
+    await said(page, "isTVSPicSizeResized").waitFor(); // the last, so all have come
     assert(await list.getByRole("listitem").count() < 60, "no more rows than a panel shows, and some");
     await page.setViewportSize({ width: 1280, height: 560 });
     await settles(isWhole, true);
@@ -281,12 +274,11 @@ describe("the desk's page", () => {
     const page = await withConsole(first);
     await first.mirado("set", CAPTION, "3");
     await settles(() => valueOf(page, "Caption, Caption").inputValue(), "3");
-    await first.stop("SIGKILL", true);
+    await first.stop("SIGKILL");
     await banner(page, "The desk does not answer").waitFor();
     assert.equal(await page.getByText("does not answer").count(), 1);
-    assert(await button(page, "Reset …").isDisabled() && await button(page, "Send").isDisabled());
-    assert(await valueOf(page, "Caption, Caption").isDisabled());
-    await startAt(() => first.port);
+    for (const part of [button(page, "Reset …"), button(page, "Send"), valueOf(page, "Caption, Caption")]) await disabled(part);
+    await startAt(() => first.port, startDesk);
     await banner(page, "The desk does not answer").waitFor({ state: "detached" });
     await settles(() => valueOf(page, "Caption, Caption").inputValue(), "0");
     await tab(page, /^#\d+ Console$/).waitFor();
@@ -349,7 +341,7 @@ describe("the desk's page", () => {
     const stranger = await newPage();
     await stranger.goto(locked.url);
     await banner(stranger, "This desk asks for its token").waitFor();
-    assert(await button(stranger, "Reset …").isDisabled());
+    await disabled(button(stranger, "Reset …"));
   });
 
   it("says that no further page fits, and closes one", async () => {

@@ -45,6 +45,17 @@ export const launchBrowser = () => chromium.launch({
     "--disable-component-update", "--disable-sync", "--host-resolver-rules=MAP *.test 127.0.0.1"],
 });
 
+/** Starts a desk on the port that `choose` names, again while somebody else has that port. */
+export async function startAt(choose, start) {
+  for (let tries = 1; ; ++tries) {
+    try {
+      return await start("--port", String(choose()));
+    } catch (error) {
+      if (error.status !== 3 || tries === 100) throw error;
+    }
+  }
+}
+
 /** A desk that may be killed, and come to a damaged store, in the middle of a test. It keeps its address. */
 export class MortalDesk {
   static async start() {
@@ -68,7 +79,8 @@ export class MortalDesk {
     await this.kill();
     const { store, folder, port } = this.desk;
     await writeFile(join(store, "keys.db"), "no database".repeat(1000));
-    this.begin(Object.assign(await Desk.startOn(store, "--port", String(port)), { folder }));
+    const again = await startAt(() => port, (...options) => Desk.startOn(store, ...options));
+    this.begin(Object.assign(again, { folder }));
   }
 
   async stop() {
