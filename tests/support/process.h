@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -119,8 +120,10 @@ class Steps {
  private:
   static void Put(int end) { EXPECT_EQ(write(end, "s", 1), 1); }
   static void Take(int end) {
+    constexpr int kLongTime = 120'000;  // this process has both ends, so it would not see that the other one has died
+    pollfd polled{end, POLLIN, 0};
     char byte = 0;
-    EXPECT_EQ(read(end, &byte, 1), 1);
+    EXPECT_TRUE(TEMP_FAILURE_RETRY(poll(&polled, 1, kLongTime)) == 1 && read(end, &byte, 1) == 1) << "nothing is heard";
   }
   std::array<int, 2> here_{};
   std::array<int, 2> there_{};
