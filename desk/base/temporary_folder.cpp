@@ -14,7 +14,7 @@ namespace {
 std::filesystem::path Parent() {
   const char* named = getenv("TMPDIR");
   const char* usual = std::filesystem::exists("/dev/shm") ? "/dev/shm" : "/tmp";
-  return named != nullptr ? named : usual;
+  return named != nullptr && *named != '\0' ? named : usual;
 }
 
 }  // namespace

@@ -1,18 +1,26 @@
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <iostream>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "base/shutdown_signal.h"
+#include "base/temporary_folder.h"
 #include "base/terminal.h"
 #include "cli/commands.h"
 #include "dlog_control.h"
 #include "host/recording.h"
+
+extern "C" {  // which this header forgets
+#include <sys/pidfd.h>
+}
 
 namespace desk::cli {
 namespace {
@@ -23,13 +31,13 @@ struct ReplayOptions {
   std::vector<std::string> files;
 };
 
-int ReplayOne(const std::string& file, const std::string& plugin) {
+int ReplayOne(const std::string& file, const std::string& plugin, const std::string& store) {
   const auto recording = ReadRecording(file);
   if (!recording.ok()) {
     PrintError(recording.status().text());
     return kCannotWork;
   }
-  const auto difference = Replay(*recording, plugin);
+  const auto difference = Replay(*recording, plugin, store);
   if (!difference.ok()) {
     PrintError(file + ": cannot be replayed: " + difference.status().text());
     return kCannotWork;
@@ -39,17 +47,33 @@ int ReplayOne(const std::string& file, const std::string& plugin) {
   return difference->empty() ? kDone : kRefused;
 }
 
-/// Runs in a separate process, so that neither the plug-in's state nor a crash affects the next recording.
-int ReplayInChild(const std::string& file, const ReplayOptions& options) {
+/// Runs in a separate process, so that neither the plug-in's state nor a crash affects the next recording. The store is
+/// removed by this process, so also after a crash.
+int ReplayInChild(const std::string& file, const ReplayOptions& options, const ShutdownSignal& shutdown) {
+  const TemporaryFolder folder("mirado-replay");
+  if (!folder.status().ok()) {
+    PrintError(file + ": cannot be replayed: " + folder.status().text());
+    return kCannotWork;
+  }
   std::cout.flush();  // otherwise the child would print it too
   const pid_t child = fork();
   if (child == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
     dlog::SetThreshold(options.log_level);
-    std::exit(WithCheckedOutput([&] { return ReplayOne(file, options.plugin); }));
+    std::exit(WithCheckedOutput([&] { return ReplayOne(file, options.plugin, folder.path() / "store"); }));
   }
+  const UniqueFd end(child > 0 ? pidfd_open(child, 0) : -1);
+  const std::string error = end ? "" : std::strerror(errno);
+  const bool ended = end && shutdown.WaitFor(end.get());
   int status = 0;
-  if (child < 0 || waitpid(child, &status, 0) != child) {
-    PrintError(file + ": cannot be replayed: " + std::strerror(errno));
+  if (child > 0) {
+    if (!ended) {
+      kill(child, SIGKILL);
+    }
+    waitpid(child, &status, 0);
+  }
+  if (!ended) {
+    PrintError(file + ": cannot be replayed: " + (error.empty() ? "the program was told to end" : error));
     return kCannotWork;
   }
   if (WIFSIGNALED(status)) {
@@ -75,9 +99,13 @@ void AddReplayCommand(CLI::App& app, Run& run) {
       ->required();
   command->callback([options, &run] {
     run = [options] {
+      const ShutdownSignal shutdown;
       int worst = kDone;
       for (const std::string& file : options->files) {
-        worst = std::max(worst, ReplayInChild(file, *options));
+        worst = std::max(worst, ReplayInChild(file, *options, shutdown));
+        if (shutdown.IsRaised()) {
+          break;
+        }
       }
       return worst;
     };

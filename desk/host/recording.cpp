@@ -10,7 +10,6 @@
 #include <utility>
 
 #include "base/files.h"
-#include "base/temporary_folder.h"
 #include "base/terminal.h"
 #include "set/catalog.h"
 #include "set/simulated_set.h"
@@ -83,37 +82,21 @@ vconf::Status ReadStep(const ParsedJson& json, Recording& recording) {
   return ParseRequest(recording.in.back()).status();
 }
 
-/// A temporary store of this process, removed with this object.
-class TemporaryStore {
- public:
-  TemporaryStore() = default;
-  TemporaryStore(const TemporaryStore&) = delete;
-  TemporaryStore& operator=(const TemporaryStore&) = delete;
-  ~TemporaryStore() { vconf::CloseStore(); }
-
-  vconf::Status Open(const Recording& recording) {
-    std::vector<vconf::Entry> entries;
-    for (const auto& [path, value] : recording.state.values) {
-      entries.push_back({path, value});
-    }
-    auto status = folder_.status();
-    status = status.ok() ? vconf::OpenOrCreateStore(folder_.path() / "store", entries) : status;
-    for (const vconf::Fault& fault : recording.state.faults) {
-      status = status.ok() ? vconf::SetFault(fault) : status;
-    }
-    return status;
+/// Opens a new store that holds what the recorded one held at the start.
+vconf::Status OpenRecorded(const SetState& state, const std::string& store) {
+  std::vector<vconf::Entry> entries;
+  for (const auto& [path, value] : state.values) {
+    entries.push_back({path, value});
   }
+  auto status = vconf::OpenOrCreateStore(store, entries);
+  for (const vconf::Fault& fault : state.faults) {
+    status = status.ok() ? vconf::SetFault(fault) : status;
+  }
+  return status;
+}
 
- private:
-  TemporaryFolder folder_{"mirado-replay"};
-};
-
-/// The output of replaying the recording's input.
+/// The output of replaying the recording's input on the open store.
 vconf::Result<std::vector<ParsedJson>> Play(const Recording& recording, const std::string& plugin) {
-  TemporaryStore store;
-  if (auto opened = store.Open(recording); !opened.ok()) {
-    return opened;
-  }
   std::mutex mutex;
   std::vector<ParsedJson> out;
   const auto output = [&](const Json& line) {
@@ -288,8 +271,12 @@ std::string Difference(const Recording& recording, const std::vector<ParsedJson>
   return text;
 }
 
-vconf::Result<std::string> Replay(const Recording& recording, const std::string& plugin) {
+vconf::Result<std::string> Replay(const Recording& recording, const std::string& plugin, const std::string& store) {
+  if (auto opened = OpenRecorded(recording.state, store); !opened.ok()) {
+    return opened;
+  }
   auto out = Play(recording, plugin);
+  vconf::CloseStore();
   if (!out.ok()) {
     return out.status();
   }

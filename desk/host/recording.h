@@ -85,8 +85,8 @@ std::vector<ParsedJson> MessagesIn(const Recording& recording);
 /// from the plug-in's worker and events from the store's thread, so their order relative to each other is not fixed.
 std::string Difference(const Recording& recording, const std::vector<ParsedJson>& out);
 
-/// Replays a recording with `plugin` on a new store and returns the differences of the output, as above. Uses the
-/// process's only store and plug-in.
-vconf::Result<std::string> Replay(const Recording& recording, const std::string& plugin);
+/// Replays a recording with `plugin` on a new store in the folder `store` and returns the differences of the output, as
+/// above. Uses the process's only store and plug-in. The caller removes the folder.
+vconf::Result<std::string> Replay(const Recording& recording, const std::string& plugin, const std::string& store);
 
 }  // namespace desk

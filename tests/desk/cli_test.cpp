@@ -1,5 +1,7 @@
 // The subcommands of `mirado` beside `host`, as a shell and a script use them.
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
@@ -488,14 +490,26 @@ TEST_F(ReplayTest, TheSameComesOutOfTheRecordedState) {
   EXPECT_TRUE(Holds(again.log, file())) << again.log;
   const Outcome replay = RunAsIs({"replay", file(), file()});
   EXPECT_EQ(replay.status, 0) << replay.out << replay.log;
-  EXPECT_EQ(Shell("test \"$(ulimit -f 0; mirado replay '" + file() + "' none 2>/dev/null | grep -c crashed)\" = 1"), 0)
-      << "the next one does not print again that the first has crashed";
   const Outcome half = RunAsIs({"replay", "--log-level", "4", folder() / "none", file()});
   EXPECT_EQ(half.status, 3) << "the worst counts";
   EXPECT_TRUE(Holds(half.log, "hasPrivilege : 1")) << half.log;
-  std::filesystem::create_directory(folder() / "tmp");
-  EXPECT_EQ(Shell("export TMPDIR='" + folder() / "tmp" + "'; mirado replay '" + file() + "' >/dev/null"), 0);
-  EXPECT_TRUE(std::filesystem::is_empty(folder() / "tmp"));
+  // However it ends, nothing is left of its store.
+  const std::string temporary = folder() / "tmp";
+  std::filesystem::create_directory(temporary);
+  setenv("TMPDIR", temporary.c_str(), 1);
+  EXPECT_EQ(RunAsIs({"replay", file()}).status, 0);
+  EXPECT_TRUE(std::filesystem::is_empty(temporary));
+  EXPECT_EQ(Shell("test \"$(ulimit -f 0; mirado replay '" + file() + "' none 2>/dev/null | grep -c crashed)\" = 1"), 0)
+      << "the next one does not print again that the first has crashed";
+  EXPECT_TRUE(std::filesystem::is_empty(temporary));
+  const std::string pipe = folder() / "pipe";
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+  Program interrupted({"replay", pipe}, log());
+  const std::ofstream reads(pipe);  // open as soon as it does
+  interrupted.Signal(SIGTERM);
+  EXPECT_EQ(interrupted.Wait(), 3);
+  EXPECT_TRUE(std::filesystem::is_empty(temporary));
+  unsetenv("TMPDIR");
   EXPECT_TRUE(Holds(Run({"host", "--record", "/dev/stdout"}).out, R"("recording")"));
 }
 
