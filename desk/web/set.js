@@ -20,9 +20,11 @@ function fromLines(text) {
   });
 }
 
+let underWay = 0; // changes; until the last is answered, the page shows what was entered and not what was before it
+
 observe(["set", "catalog"], () => {
   const { set, catalog } = state;
-  if (!set) return;
+  if (!set || underWay) return;
   byId("b2b").value = String(set.b2b);
   byId("privilege").checked = set.privileges[catalog.privilege] === true;
   byId("video-control").checked = set.pictureSize !== null;
@@ -38,9 +40,11 @@ observe(["set", "catalog"], () => {
 
 /** Changes a part of the set. What went wrong has been told when this is false, and the page shows the set as it is. */
 export async function change(part) {
+  ++underWay;
   const good = await attempt("set", async () => {
     state.set = await api.patch("/api/set", part);
   });
+  --underWay;
   changed("set");
   return good;
 }
