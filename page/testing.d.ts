@@ -3,34 +3,34 @@ import type { PluginElement, PluginEnd } from "./mirado.js";
 /** A plug-in, and the set around it, for unit tests: `connect(fakePlugin())`. A new set is a B2B product whose
  *  application holds the privilege. */
 export interface FakePlugin extends PluginElement {
-  /** The set's settings, by the name of their constant, such as "CAPTION" or "MENU_KEY_CAPTION". To `set` one is what
-   *  another program on the set does: whoever registered for it is told. Null takes the setting away, and reading it
-   *  fails. Both throw a TypeError for a name or a value that the set does not know. */
+  /** The set's settings, by the name of their constant, such as "CAPTION" or "MENU_KEY_CAPTION". `set` changes one as
+   *  another program on the set would: a page that watches it gets an event. After `set` with null, reading the setting
+   *  fails. Both throw a TypeError for a name that the set does not have, and for a value of the wrong type. */
   readonly settings: {
     get(name: string): number | boolean | null;
     set(name: string, value: number | boolean | null): void;
   };
 
-  /** The rest of the set, to be changed at will. */
+  /** The rest of the set. A test assigns to its members. */
   readonly set: {
-    /** Null: the set has no answer to the question. */
+    /** Whether the set is a B2B product. Null: the query for it fails. */
     b2b: boolean | null;
     privilege: boolean;
     /** Null: the set has no video control. */
     pictureSize: number | null;
     /** The numbers that the audio languages may take. Null: the set has no such list. */
     lists: { "primary-audio-language": number[] | null; "secondary-audio-language": number[] | null };
-    /** What the set's store refuses. */
+    /** Which calls of the set's store fail. */
     fails: { read: boolean; write: boolean; watch: boolean };
   };
 
-  /** What the page has said so far, in order. */
-  readonly messages: ({ send: any } | { post: any })[];
+  /** The messages that the page has sent and posted so far, in order. */
+  readonly messages: ({ send: unknown } | { post: unknown })[];
 
-  /** Resolves when every delivery so far has been heard. */
+  /** Resolves when the events of all messages and changes so far have been dispatched. */
   settle(): Promise<void>;
 
-  /** The plug-in's process dies; `end` says how. */
+  /** Lets the plug-in's process die, as `end` says; without it, by SIGKILL. */
   crash(end?: PluginEnd): void;
 }
 

@@ -24,6 +24,13 @@ Answer AnswerWithFaults() {
   Json calls = Json::array();
   for (const FaultCall& call : FaultCalls()) {
     calls.push_back({{"name", call.name}, {"failures", call.failures}, {"path", call.path}});
+    if (!call.prefix.empty()) {
+      const auto known = KnownPaths(call.prefix);
+      if (!known.ok()) {
+        return Fail(known.status());
+      }
+      calls.back()["paths"] = *known;
+    }
   }
   Json faults = Json::array();
   for (const vconf::Fault& fault : *set_faults) {

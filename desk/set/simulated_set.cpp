@@ -257,6 +257,8 @@ vconf::Result<std::vector<std::string>> KnownPaths(std::string_view prefix) {
     paths.insert(paths.end(), {"check_ace_privilege", "get_window_id", "set_ime_recommended_words_type",
                                "set_ime_recommended_words"});
   }
+  std::ranges::sort(paths);
+  paths.erase(std::ranges::unique(paths).begin(), paths.end());
   return paths;
 }
 

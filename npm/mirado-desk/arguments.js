@@ -1,6 +1,6 @@
 const short = (name) => name.replace(/^[A-Z]+_KEY_/, "");
 
-/** The setting among `settings` with this name or path. Throws a TypeError that lists all where there is none. */
+/** The setting among `settings` with this name or path. Throws a TypeError that lists all settings if there is none. */
 export function findSetting(settings, name) {
   const found = settings.find((one) => [one.name, short(one.name), one.path].includes(name));
   if (found) return found;
@@ -8,13 +8,28 @@ export function findSetting(settings, name) {
   throw new TypeError(`mirado-desk: there is no setting ${name}, but there are ${names}`);
 }
 
-/** Throws a TypeError where `options` has one that `call` does not know. */
+/** Throws a TypeError if `setting` has another type than `value`. */
+export function checkValue(setting, value) {
+  const type = setting.type === "bool" ? "boolean" : "number";
+  if (typeof value === type) return;
+  const right = type === "boolean" ? "true or false" : "an integer";
+  throw new TypeError(`mirado-desk: ${short(setting.name)} takes ${right}, not ${JSON.stringify(value)}`);
+}
+
+/** Throws a TypeError if no fault of `call`, as the desk describes it, can have this path. */
+export function checkPath(call, path) {
+  if (call.paths?.includes(path)) return;
+  const right = call.path ? `its path is ${call.path}: ${call.paths.join(", ")}` : "it has no path";
+  throw new TypeError(`mirado-desk: ${call.name} cannot fail for ${path}; ${right}`);
+}
+
+/** Throws a TypeError if `options` has a member that is not in `names`. */
 export function refuseUnknown(call, options, names) {
   const unknown = Object.keys(options).find((name) => !names.includes(name));
   if (unknown) throw new TypeError(`mirado-desk: ${call} has no option ${unknown}, but ${names.join(", ")}`);
 }
 
-/** Throws a TypeError where `fields` are not those of a message. No message has a timeout, so that is an option. */
+/** Throws a TypeError if `fields` is not an object with fields of a message. `timeout` is an option, not a field. */
 export function checkFields(fields, options, example) {
   if (Object(fields) === fields && (options || !("timeout" in fields))) return;
   throw new TypeError(`mirado-desk: write the fields of the message and then the options: ${example}`);

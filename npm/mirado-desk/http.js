@@ -1,12 +1,12 @@
-// HTTP with the desk. Not fetch: loading that takes longer than a desk takes to start.
+// HTTP with the desk. `fetch` is not used, because loading it takes longer than a desk takes to start.
 import { EventEmitter, once, setMaxListeners } from "node:events";
 import { Agent, request as httpRequest } from "node:http";
 
-/** Gives functions that talk to the desk at `url`. `authorization` is the header with the desk's token, or no header
- *  where the desk has none. After `disconnect` nothing is pending, and all calls fail. */
+/** Returns functions that send requests to the desk at `url`. `authorization` is an object with the header for the
+ *  desk's token, or an empty one. `disconnect` makes all pending and later calls fail. */
 export function connectTo(url, authorization) {
   const address = { hostname: "127.0.0.1", port: new URL(url).port };
-  const agent = new Agent({ keepAlive: true }); // a connection that waits for use lets this process end
+  const agent = new Agent({ keepAlive: true }); // an idle connection does not keep this process running
   const connected = new AbortController();
   setMaxListeners(0, connected.signal);
 
@@ -23,7 +23,7 @@ export function connectTo(url, authorization) {
     }
   }
 
-  // The answer's JSON, or its text where it is none. Throws with the desk's own words.
+  // Resolves with the answer's JSON, or with its text if it is not JSON. Throws an Error with the desk's text.
   async function call(method, path, body) {
     const text = body === undefined ? "" : JSON.stringify(body);
     const headers = { "Content-Length": Buffer.byteLength(text), ...text && { "Content-Type": "application/json" } };
@@ -35,8 +35,8 @@ export function connectTo(url, authorization) {
     throw Object.assign(error, { status: answer.statusCode, code: json?.code });
   }
 
-  // Follows the stream of server-sent events at `path`, and lets this process end. Gives an emitter of "event" with
-  // {event, data}. The stream's end is told as an event "lost".
+  // Reads the stream of server-sent events at `path`. It does not keep this process running. Resolves with an emitter
+  // of "event" with {event, data}. When the stream ends, it emits an event "lost".
   const follow = (path) => send("GET", path, { agent: false }, "", (answer, request) => {
     const emitter = new EventEmitter().setMaxListeners(0);
     request.on("error", () => {}).socket.unref();

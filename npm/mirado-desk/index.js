@@ -1,22 +1,21 @@
-// Simulated sets for tests of pages. A thin layer over the program `mirado desk` and its HTTP interface.
+// Simulated sets for tests of pages: `mirado desk` and its HTTP interface. index.d.ts describes the public functions.
 import { spawn } from "node:child_process";
 import { once } from "node:events";
 import { existsSync } from "node:fs";
 import { createInterface } from "node:readline";
 import { fileURLToPath } from "node:url";
-import { findSetting, refuseUnknown } from "./arguments.js";
+import { checkPath, checkValue, findSetting, refuseUnknown } from "./arguments.js";
 import { connectTo } from "./http.js";
 import { Page } from "./page.js";
 
 const packed = fileURLToPath(new URL("program/bin/mirado", import.meta.url));
 const usualProgram = () => process.env.MIRADO ?? (existsSync(packed) ? packed : "mirado");
 
-// What is public is described in index.d.ts.
 export async function startSet(options = {}) {
   refuseUnknown("startSet", options, ["program", "anyOrigin", "timeout"]);
   const { program = usualProgram(), anyOrigin = false, timeout = 5000 } = options;
   const origins = anyOrigin ? ["--token"] : [];
-  // The desk ends with its standard input, however this process ends, and removes its store.
+  // However this process ends, the desk's standard input is then closed; so it exits, and removes its store.
   const child = spawn(program, ["desk", "--port", "0", "--temporary", "--until-closed", ...origins], { stdio: "pipe" });
   const ended = new Promise((resolve) => {
     child.on("exit", (status, signal) => resolve(signal ?? `status ${status}`));
@@ -32,7 +31,7 @@ export async function startSet(options = {}) {
   };
   const lines = createInterface(child.stdout);
   const [line] = await Promise.race([once(lines, "line"), ended.then((how) => [how])]);
-  lines.on("line", () => {}); // reads on, so that the desk never waits for a reader
+  lines.on("line", () => {}); // the desk must not block on a full pipe
   const [, url, query = ""] = /(http:\/\/localhost:\d+)\/(\?token=\w+)?/.exec(line) ?? [];
   if (url) {
     for (const one of [child, ...child.stdio]) one.unref(); // this process may end without stop()
@@ -47,8 +46,8 @@ class SimulatedSet {
   #end;
   #connection;
   #pages = new Map(); // by id
-  #events; // a promise of the desk's events, once somebody waits for one
-  #injected = false; // whether somebody took the text of desk.js
+  #events; // a promise of the desk's events, after the first call that waits
+  #injected = false; // whether initScript was called
 
   constructor(url, query, timeout, end) {
     Object.assign(this, { url, timeout, script: `${url}/desk.js${query}` });
@@ -58,8 +57,9 @@ class SimulatedSet {
     this.settings = {
       get: async (name) => (await this.#setting(name)).value,
       set: async (name, value) => {
-        const { path } = await this.#setting(name);
-        await this.call("PUT", `/api/store/${path}`, { value });
+        const setting = await this.#setting(name);
+        checkValue(setting, value);
+        await this.call("PUT", `/api/store/${setting.path}`, { value });
       },
       becomes: async (name, value, options = {}) => {
         refuseUnknown("becomes", options, ["timeout"]);
@@ -78,8 +78,7 @@ class SimulatedSet {
   async fault(call, options = {}) {
     refuseUnknown("fault", options, ["path", "answer", "times"]);
     const { path = "*", answer = -1, times = 0 } = options;
-    const isKey = call.startsWith("vconf_") && path !== "*";
-    await this.call("POST", "/api/faults", { call, path: isKey ? await this.#key(path) : path, answer, times });
+    await this.call("POST", "/api/faults", { call, path: await this.#faultPath(call, path), answer, times });
   }
   clearFaults() { return this.call("DELETE", "/api/faults").then(() => {}); }
 
@@ -112,7 +111,8 @@ class SimulatedSet {
     return this.#page(await this.call("POST", "/api/pages", { grace: 3600, ...description }));
   }
 
-  // Resolves with what `check` gives once it gives something. It is asked now, and after each event that `concerns` it.
+  // Resolves with the result of `check` when that is not undefined. It is called now, and after each event for which
+  // `concerns` is true.
   async until(check, concerns, timeout = this.timeout, failure) {
     const events = await (this.#events ??= this.#connection.follow("/api/events"));
     let wake;
@@ -135,7 +135,7 @@ class SimulatedSet {
   }
 
   async stop() {
-    this.#connection.disconnect(); // whoever waits asks the desk again when the events end, and is refused
+    this.#connection.disconnect(); // ends the events, after which each waiting call checks once more, and fails
     await this.#end();
   }
 
@@ -149,10 +149,17 @@ class SimulatedSet {
     return findSetting((await this.call("GET", "/api/settings")).settings, name);
   }
 
-  // The path of a setting, or of another key that the store has.
-  async #key(name) {
+  // `path` as the desk takes it; for a key of the store it may be the name of a setting.
+  async #faultPath(call, path) {
+    const { calls } = await this.call("GET", "/api/faults");
+    const known = calls.find(({ name }) => name === call);
+    if (!known || path === "*") return path; // the desk refuses an unknown call
+    if (!known.path || known.paths) {
+      checkPath(known, path);
+      return path;
+    }
     const { keys } = await this.call("GET", "/api/store");
-    return keys.some(({ path }) => path === name) ? name : (await this.#setting(name)).path;
+    return keys.some((key) => key.path === path) ? path : (await this.#setting(path)).path;
   }
 }
 if (Symbol.asyncDispose) SimulatedSet.prototype[Symbol.asyncDispose] = SimulatedSet.prototype.stop;

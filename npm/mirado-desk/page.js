@@ -1,11 +1,12 @@
 import { isDeepStrictEqual } from "node:util";
 import { checkFields, findSetting, refuseUnknown } from "./arguments.js";
 
-const has = (message, part) => Object.entries(part).every(([name, value]) => isDeepStrictEqual(message?.[name], value));
+const has = (message, part) => Object(message) === message &&
+  Object.entries(part).every(([name, value]) => isDeepStrictEqual(message[name], value));
 
 export class Page {
   #set;
-  #taken = new Set(); // numbers of the entries of the dialogue that `asked`, `told` and `event` have given
+  #taken = new Set(); // `n` of the dialogue entries that `asked`, `told` and `event` have returned
 
   constructor(set) {
     this.#set = set;
@@ -39,8 +40,8 @@ export class Page {
   }
 
   async verify(messages, options = {}) {
-    refuseUnknown("verify", options, ["order", "exact"]);
-    return this.#call("POST", "verify", { messages, order: true, exact: false, ...options });
+    refuseUnknown("verify", options, ["order", "exact", "times"]);
+    return this.#call("POST", "verify", { messages, order: options.times === undefined, ...options });
   }
 
   async send(message) {
@@ -61,7 +62,7 @@ export class Page {
     return this.#set.call(method, `/api/pages/${this.id}${what && `/${what}`}`, body);
   }
 
-  // The oldest entry of one of the kinds that has these fields and was not given before.
+  // The body of the oldest entry of one of these kinds with these fields that was not returned before.
   #next(call, kinds, fields, options = {}, what) {
     refuseUnknown(call, options, ["timeout"]);
     const check = async () => {
@@ -74,8 +75,8 @@ export class Page {
     return this.#set.until(check, concerns, options.timeout, async () => {
       const entries = (await this.dialogue()).filter(({ kind }) => kinds.includes(kind)).slice(-10);
       const said = entries.map(({ n, kind, body }) =>
-        `\n  ${kind} ${JSON.stringify(body)}${this.#taken.has(n) ? " (given before)" : ""}`).join("") || "\n  nothing";
-      return `the page has not ${what}. The last of it:${said}`;
+        `\n  ${kind} ${JSON.stringify(body)}${this.#taken.has(n) ? " (returned before)" : ""}`).join("") || "\n  none";
+      return `the page has not ${what}. Its last messages of this kind:${said}`;
     });
   }
 }

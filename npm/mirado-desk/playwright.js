@@ -1,4 +1,4 @@
-// Playwright's test with a set of its own for each test, whose pages have their plug-in there.
+// Playwright's `test` with a simulated set for each test. The plug-in of each page runs in that set.
 import { expect, test as base } from "@playwright/test";
 import { startSet } from "./index.js";
 
@@ -12,10 +12,10 @@ export const test = base.extend({
     await set.stop();
   },
 
-  // The page needs no script tag for the desk. Where it has one, the tag does nothing.
+  // desk.js is injected, so a page needs no script tag for it. If it has one, the tag gets an empty script.
   context: async ({ context, set }, use) => {
-    // Chromium asks before it lets a page that comes from elsewhere talk to this machine; other browsers know no such
-    // permission.
+    // Chromium asks for permission before a page from another machine may connect to this one. Other browsers have no
+    // such permission.
     await context.grantPermissions(["local-network-access"]).catch(() => {});
     await context.addInitScript({ content: await set.initScript() });
     await context.route(/\/desk\.js(\?|$)/, (route) => route.fulfill({ contentType: "text/javascript", body: "" }));

@@ -1,7 +1,7 @@
 // Compiled, never run: what a page may write, and what the types refuse.
 import { connect, keepConnected, MENU_KEY_CAPTION, MENU_KEY_VOICE_GUIDE_SPEED, MIRADO_KEY_BG_EXECUTABLE, MiradoError,
          VOICE_GUIDE_SPEED } from "mirado";
-import type { MiradoRequest } from "mirado";
+import type { MiradoPost, MiradoRequest } from "mirado";
 import { fakePlugin } from "mirado/testing";
 
 const mirado = connect(document.querySelector("embed")!);
@@ -19,10 +19,11 @@ const end: () => void = keepConnected(document.querySelector("embed")!, (client,
 const plugin = fakePlugin();
 const title: string = connect(plugin).getVersion();
 plugin.set.fails.read = plugin.messages.length > 1;
+const reply: string | undefined = plugin.postMessageAndAwaitResponse({ command: "getVersion" })?.errorName;
 
 // A page that does without the client.
 const embed = document.querySelector("embed")!;
-const request: MiradoRequest = { command: "setMenuValue", propertyKey: MENU_KEY_CAPTION, value: 1 };
+const request: MiradoPost = { command: "setMenuValue", propertyKey: MENU_KEY_CAPTION, value: 1 };
 embed.postMessage(request);
 embed.addEventListener("message", ({ data }) => {
   if (typeof data === "string") data satisfies "Unregister" | "Error while registering MessageHandler";
@@ -44,5 +45,9 @@ mirado.setMenuValue(MENU_KEY_CAPTION, "1");
 mirado.onChanged(MENU_KEY_VOICE_GUIDE_SPEED, () => {});
 // @ts-expect-error: the waiting commands return no promise
 mirado.getVersion().then(() => {});
+// @ts-expect-error: a reply may be missing
+embed.postMessageAndAwaitResponse({ command: "getVersion" }).value;
+// @ts-expect-error: a command that is posted, not sent
+embed.postMessageAndAwaitResponse(request);
 // @ts-expect-error: not an element of the plug-in
 connect({ postMessage() {} });
