@@ -32,14 +32,22 @@ it("sees what a page asks and is told, each message once, and waits for what com
   const forever = { timeout: 60_000 }; // what comes ends the wait, not the time
   const asked = page.asked("setMenuValue", { value: 2 }, forever);
   const told = page.event("CAPTION", forever);
+  await page.send({ command: "registerVconfKeysForMirado", propertyKey: 0 });
+  await set.settings.set("BG_EXECUTABLE", 0); // key 0 of another table
   for (const propertyKey of [0, 1]) await page.send({ command: "registerVconfKeysForCaption", propertyKey });
-  assert.deepEqual((await page.watching()).sort(), ["db/menu/caption/caption", "db/menu/caption/captionmode"]);
+  assert.deepEqual(await page.watching(),
+    ["db/menu/caption/caption", "db/menu/caption/captionmode", "memory/tv-viewer/bg_executable"]);
   await set.settings.set("CAPTION_MODE", 1);
   for (const value of [[], 1, 2]) await page.post(write(value));
   assert.deepEqual(await asked, write(2));
   assert.deepEqual(await page.asked("setMenuValue", { value: [] }), write([]));
   assert.deepEqual(await page.asked("setMenuValue"), write(1));
-  assert.equal((await told).value, 0);
+  assert.equal((await told).event, "MIRADO_EVENT_CAPTION_CHANGED");
+  assert.equal((await page.told({ code: 0, value: null })).errorName, ""); // a reply
+  const commands = ["setMenuValue", "registerVconfKeysForCaption"];
+  assert.deepEqual([(await page.verify(commands)).ok, (await page.verify(commands, { order: false })).ok],
+    [false, true]);
+  assert.deepEqual(await page.verify([commands[1]], { times: 2 }), { ok: true, difference: "" });
   assert.equal((await page.told({ command: "setMenuValue", code: 0 })).value, 1);
   await set.settings.becomes("CAPTION", 2, forever);
   await assert.rejects(page.asked("setMenuValue", {}, { timeout: 50 }),
@@ -65,6 +73,8 @@ it("steers the set", async () => {
 
   await assert.rejects(set.settings.set("CAPTOIN", 1), /no setting CAPTOIN, but there are CAPTION,/);
   await assert.rejects(set.fault("vconf_get_bool", { path: "db/no/key" }), /no setting db/);
+  await set.fault("vconf_notify_key_changed", { path: "CAPTION" }); // only a negative answer is a failure of it
+  await set.clearFaults();
   const list = { path: "primary-audio-language" };
   await set.fault("GetItemDataList", list);
   assert.equal((await set.call("GET", "/api/faults")).faults[0].path, list.path);

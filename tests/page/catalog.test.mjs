@@ -1,7 +1,7 @@
 // What the catalog says, against the plug-in itself; what is generated from it, against the files that are checked in.
 import assert from "node:assert/strict";
 import { execFileSync, spawnSync } from "node:child_process";
-import { mkdtempSync, readFileSync, rmSync } from "node:fs";
+import { cpSync, mkdtempSync, readFileSync, rmSync, writeFileSync } from "node:fs";
 import { tmpdir } from "node:os";
 import { join } from "node:path";
 import { after, it } from "node:test";
@@ -71,6 +71,26 @@ it("names the speeds, the errors and the privilege of the plug-in", () => {
     Object.fromEntries(Object.entries(catalog.errors).map(([code, { name }]) => [code, name])));
 });
 
-it("agrees with what is generated from it", () => {
+it("agrees with what is generated from it, and the generator names a mistake", () => {
   execFileSync(`${root}script/generate`, ["--check"], { stdio: "pipe" });
+  const copy = join(folder, "copy");
+  for (const part of ["script/generate", "desk/set", "page", "docs/page-api.md", "npm/mirado-desk/index.d.ts"]) {
+    cpSync(root + part, join(copy, part), { recursive: true });
+  }
+  const generate = (change, ...options) => {
+    const changed = structuredClone(catalog);
+    change(changed);
+    writeFileSync(join(copy, "desk/set/catalog.json"), JSON.stringify(changed));
+    const { status, stderr } = spawnSync(join(copy, "script/generate"), options, { encoding: "utf8" });
+    return `${status} ${stderr}`;
+  };
+  const command = (row) => ({ commands }) => commands.push(
+    { name: "mute", posted: false, fields: [], gives: null, about: "Mutes.", ...row });
+  assert.match(generate(({ settings }) => { settings[1].lable = "Mode"; }), /^1 .*row 2 \(MENU_KEY_CAPTION_MODE\): "lable" is no/);
+  assert.match(generate(({ settings }) => { delete settings[0].path; }), /^1 .*"path" is missing/);
+  assert.match(generate(command({ fields: ["propertyKey"] })), /^1 .*"propertyKey" needs "table"/);
+  assert.match(generate(command({ fields: ["left", "right"] })), /^1 .*mute takes several fields/);
+  assert.match(generate(command({}), "--check"), /^1 page.mirado.js is out of date/);
+  assert.equal(generate(command({})), "0 ");
+  assert.match(readFileSync(join(copy, "page/mirado.classic.js"), "utf8"), /^ {4}mute: function \(\) { ask\("mute"\); },/m);
 });

@@ -94,6 +94,7 @@ function clientSuite(mirado, other, test) {
       [client.setMenuValue(16, "1"), /value.*not "1"/],
       [client.setMenuValue("16", 1), /propertyKey.*not "16"/],
       [client.setMenuValue(20, "FAST"), /Write VOICE_GUIDE_SPEED\.FAST\.$/],
+      [client.setMenuValue(20, "toString"), /not "toString"\.$/],
       [function () { mirado.connect(null); }, /no plug-in/],
       [function () { mirado.connect({ postMessage: take }); }, /no plug-in/],
     ].map(function (row) {
@@ -351,9 +352,16 @@ function clientSuite(mirado, other, test) {
         timers[timers.length - 1][0]();
         assert.equal(used.length, 8);
         return assert.fails(function () {
-          mirado.keepConnected(new FakeElement(), function () { throw new Error("the page's own fault"); });
+          mirado.keepConnected(used[7].element, function (client, element) {
+            used.push({ client: client, element: element });
+            throw new Error("the page's own fault");
+          });
         });
-      }).then(function (error) { assert.equal(error.message, "the page's own fault"); });
+      }).then(function (error) {
+        assert.equal(error.message, "the page's own fault");
+        used[8].element.crash();
+        return fire();
+      }).then(function () { assert.equal(used.length, 9); }); // an error of the first call ends it
     });
   });
 }

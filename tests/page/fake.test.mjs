@@ -111,11 +111,15 @@ it("can be steered and seen by a page's tests", async () => {
   const ask = (command) => plugin.postMessageAndAwaitResponse({ command, propertyKey: 0 });
   ask("registerVconfKeysForCaption");
   plugin.settings.set("CAPTION", null);
-  assert.equal(ask("getMenuValue").code, 9999);
+  assert.deepEqual([plugin.settings.get("CAPTION"), ask("getMenuValue").code, heard], [null, 9999, []]);
   assert.throws(() => plugin.settings.set("CAPTION", "on"), /MENU_KEY_CAPTION takes an integer/);
   plugin.crash();
   plugin.settings.set("CAPTION", 1);
   assert.equal(ask("getVersion"), undefined);
   await plugin.settle();
   assert.deepEqual([heard, plugin.pluginGone.signal, plugin.messages.length], [["message", "crash"], 9, 3]);
+  const message = { command: "getVersion" };
+  plugin.postMessage(message);
+  message.command = "changed later";
+  assert.deepEqual(plugin.messages.pop(), { post: { command: "getVersion" } });
 });
