@@ -4,7 +4,7 @@
 #include <array>
 #include <cmath>
 #include <cstdint>
-#include <limits>
+#include <utility>
 #include <vector>
 
 #include "ppapi/cpp/var_array.h"
@@ -26,19 +26,12 @@ std::string Cause(const ParsedJson::exception& error) {
 }
 
 std::optional<std::int32_t> ToInt32(const ParsedJson& json) {
-  using Limits = std::numeric_limits<std::int32_t>;
-  if (json.is_number_unsigned()) {
-    const auto number = json.get<std::uint64_t>();
-    if (number <= static_cast<std::uint64_t>(Limits::max())) {
-      return static_cast<std::int32_t>(number);
-    }
-  } else if (json.is_number_integer()) {
-    const auto number = json.get<std::int64_t>();
-    if (number >= Limits::min() && number <= Limits::max()) {
-      return static_cast<std::int32_t>(number);
-    }
+  if (!json.is_number_integer()) {
+    return std::nullopt;
   }
-  return std::nullopt;
+  const bool fits = json.is_number_unsigned() ? std::in_range<std::int32_t>(json.get<std::uint64_t>())
+                                              : std::in_range<std::int32_t>(json.get<std::int64_t>());
+  return fits ? std::optional(json.get<std::int32_t>()) : std::nullopt;
 }
 
 auto ReplyRank(std::string_view name) {

@@ -6,38 +6,15 @@
 #include <optional>
 #include <utility>
 
+#include <boost/locale/utf.hpp>
+
 #include "base/json.h"
 
 namespace desk {
 namespace {
 
-struct Character {
-  char32_t code;     ///< of no meaning where `size` is 0
-  std::size_t size;  ///< in bytes; 0 when no UTF-8 begins here
-};
-
-/// The first character of `text`, which is not empty.
-Character First(std::string_view text) {
-  const auto byte = [&](std::size_t at) { return static_cast<unsigned char>(text[at]); };
-  if (byte(0) < 0x80) {
-    return {byte(0), 1};
-  }
-  const std::size_t size = byte(0) >= 0xf0 ? 4 : byte(0) >= 0xe0 ? 3 : 2;
-  constexpr std::array<char32_t, 5> kLeast = {0, 0, 0x80, 0x800, 0x10000};
-  if (byte(0) < 0xc2 || byte(0) > 0xf4 || text.size() < size) {
-    return {0, 0};
-  }
-  char32_t code = byte(0) & (0xffU >> (size + 1));
-  for (std::size_t at = 1; at < size; ++at) {
-    if ((byte(at) & 0xc0U) != 0x80) {
-      return {0, 0};
-    }
-    code = (code << 6U) | (byte(at) & 0x3fU);
-  }
-  const bool surrogate = code >= 0xd800 && code <= 0xdfff;
-  return {code, code < kLeast[size] || code > 0x10ffff || surrogate ? 0 : size};
-}
-
+/// Whether a terminal acts on the character instead of showing it: controls, line and paragraph separators, and marks
+/// of the writing direction.
 bool IsControl(char32_t code) {
   return code < 0x20 || (code >= 0x7f && code < 0xa0) || code == 0x61c || code == 0x200e || code == 0x200f ||
          (code >= 0x2028 && code <= 0x202e) || (code >= 0x2066 && code <= 0x2069);
@@ -50,20 +27,21 @@ std::string Escape(const char* format, unsigned number) {
 }
 
 std::string Escaped(std::string_view text, bool quoted) {
+  using Utf8 = boost::locale::utf::utf_traits<char>;
   std::string out;
-  while (!text.empty()) {
-    const Character next = First(text);
-    const std::size_t size = next.size == 0 ? 1 : next.size;
-    if (next.size == 0) {
-      out += Escape("\\x%02x", static_cast<unsigned char>(text[0]));
-    } else if (next.code == '\n' || next.code == '\t') {
-      out += next.code == '\n' ? "\\n" : "\\t";
-    } else if (IsControl(next.code)) {
-      out += Escape("\\u%04x", static_cast<unsigned>(next.code));
+  for (const char *at = text.data(), *const end = at + text.size(); at != end;) {
+    const char* const begin = at;
+    const auto code = Utf8::decode(at, end);
+    if (code == boost::locale::utf::illegal || code == boost::locale::utf::incomplete) {
+      out += Escape("\\x%02x", static_cast<unsigned char>(*begin));
+      at = begin + 1;
+    } else if (code == '\n' || code == '\t') {
+      out += code == '\n' ? "\\n" : "\\t";
+    } else if (IsControl(code)) {
+      out += Escape("\\u%04x", code);
     } else {
-      out.append(quoted && (next.code == '"' || next.code == '\\') ? "\\" : "").append(text.substr(0, size));
+      out.append(quoted && (code == '"' || code == '\\') ? "\\" : "").append(begin, at);
     }
-    text.remove_prefix(size);
   }
   return out;
 }

@@ -1,4 +1,3 @@
-#include <charconv>
 #include <iostream>
 #include <memory>
 #include <optional>
@@ -103,12 +102,11 @@ Json FromNumber(const std::string& word) {
   if (word == "none") {
     return nullptr;
   }
-  int number = 0;
-  const auto parsed = std::from_chars(word.data(), word.data() + word.size(), number);
-  if (parsed.ec != std::errc() || parsed.ptr != word.data() + word.size()) {
+  const auto value = ValueFromArgument(word);
+  if (!std::holds_alternative<int>(value)) {
     throw CLI::ValidationError(Quoted(word) + " is not a 32-bit integer and not none");
   }
-  return number;
+  return std::get<int>(value);
 }
 
 Json ReadNumber(const SetUpOptions& given) { return FromNumber(*given.value); }

@@ -1,12 +1,14 @@
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <iomanip>
 #include <iostream>
-#include <map>
+#include <iterator>
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "base/line_writer.h"
 #include "base/shutdown_signal.h"
@@ -99,43 +101,32 @@ vconf::Status Set(const StoreOptions& options) {
   return status;
 }
 
-void PrintRows(const Selection& selection, const std::map<std::string, vconf::Value>& present) {
-  constexpr int kPathWidth = 66;
+struct Row {
+  const Setting* setting;  ///< null for a key that is not a setting
+  std::string path;
+  std::optional<vconf::Value> value;  ///< empty for a setting without a key
+};
+
+void PrintRow(const Row& row) {
   constexpr int kNameWidth = 44;
+  constexpr int kPathWidth = 66;
   std::cout << std::left;
-  for (const Setting& setting : Settings()) {
-    if (selection.Holds(setting.path)) {
-      const auto found = present.find(std::string(setting.path));
-      std::cout << std::setw(7) << setting.table->name << std::right << std::setw(2) << setting.key << "  " << std::left
-                << std::setw(kNameWidth) << setting.enumerator << std::setw(kPathWidth) << setting.path << ' '
-                << (found == present.end() ? "(missing)" : ToArgument(found->second)) << '\n';
-    }
+  if (row.setting != nullptr) {
+    std::cout << std::setw(7) << row.setting->table->name << std::right << std::setw(2) << row.setting->key << "  "
+              << std::left << std::setw(kNameWidth) << row.setting->enumerator;
+  } else {
+    std::cout << std::setw(11 + kNameWidth) << "";
   }
-  for (const auto& [path, value] : present) {
-    if (FindSetting(path) != nullptr) {
-      continue;
-    }
-    std::cout << std::setw(11 + kNameWidth) << "" << std::setw(kPathWidth) << Word(path) << ' ' << ToArgument(value)
-              << '\n';
-  }
+  std::cout << std::setw(kPathWidth) << Word(row.path) << ' ' << (row.value ? ToArgument(*row.value) : "(missing)")
+            << '\n';
 }
 
-void PrintKeys(const Selection& selection, const std::map<std::string, vconf::Value>& present) {
-  Json keys = Json::array();
-  for (const Setting& setting : Settings()) {
-    if (selection.Holds(setting.path) && !present.contains(std::string(setting.path))) {
-      keys.push_back(KeyJson(std::string(setting.path), std::nullopt));
-    }
+Json RowJson(const Row& row) {
+  Json json = KeyJson(row.path, row.value);
+  if (row.setting != nullptr) {
+    json.update({{"table", row.setting->table->name}, {"key", row.setting->key}, {"name", row.setting->enumerator}});
   }
-  for (const auto& [path, value] : present) {
-    keys.push_back(KeyJson(path, value));
-  }
-  for (Json& key : keys) {
-    if (const Setting* const setting = FindSetting(key["path"].get<std::string>())) {
-      key.update({{"table", setting->table->name}, {"key", setting->key}, {"name", setting->enumerator}});
-    }
-  }
-  PrintJson({{"keys", std::move(keys)}});
+  return json;
 }
 
 vconf::Status List(const StoreOptions& options) {
@@ -144,13 +135,26 @@ vconf::Status List(const StoreOptions& options) {
   if (!entries.ok()) {
     return entries.status();
   }
-  std::map<std::string, vconf::Value> present;
-  for (const vconf::Entry& entry : *entries) {
-    if (selection->Holds(entry.path)) {
-      present.emplace(entry.path, entry.value);
+  std::vector<Row> rows;
+  for (const Setting& setting : Settings()) {
+    if (selection->Holds(setting.path)) {
+      const auto entry = std::ranges::find(*entries, setting.path, &vconf::Entry::path);
+      rows.push_back(
+          {&setting, std::string(setting.path), entry == entries->end() ? std::nullopt : std::optional(entry->value)});
     }
   }
-  (options.json ? PrintKeys : PrintRows)(*selection, present);
+  for (const vconf::Entry& entry : *entries) {
+    if (selection->Holds(entry.path) && FindSetting(entry.path) == nullptr) {
+      rows.push_back({nullptr, entry.path, entry.value});
+    }
+  }
+  if (options.json) {
+    Json keys = Json::array();
+    std::ranges::transform(rows, std::back_inserter(keys), RowJson);
+    PrintJson({{"keys", std::move(keys)}});
+  } else {
+    std::ranges::for_each(rows, PrintRow);
+  }
   return {};
 }
 

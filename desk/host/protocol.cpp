@@ -1,6 +1,7 @@
 #include "host/protocol.h"
 
 #include <algorithm>
+#include <cstddef>
 
 #include "base/json.h"
 
@@ -10,50 +11,8 @@ namespace {
 constexpr std::string_view kBlanks = " \t\r\n";
 
 std::string_view Trim(std::string_view text) {
-  const std::size_t start = std::min(text.find_first_not_of(kBlanks), text.size());
-  return text.substr(start, text.find_last_not_of(kBlanks) + 1 - start);
-}
-
-// The position after the JSON string that begins at `at`.
-std::size_t EndOfText(std::string_view json, std::size_t at) {
-  for (++at; at < json.size() && json[at] != '"'; ++at) {
-    at += json[at] == '\\' ? 1 : 0;
-  }
-  return std::min(at + 1, json.size());
-}
-
-// The end of the value that begins at `at`: the position of the following comma or bracket.
-std::size_t EndOfValue(std::string_view json, std::size_t at) {
-  int depth = 0;
-  while (at < json.size()) {
-    const char c = json[at];
-    if (c == '"') {
-      at = EndOfText(json, at);
-      continue;
-    }
-    if (depth == 0 && (c == ',' || c == '}' || c == ']')) {
-      break;
-    }
-    depth += c == '{' || c == '[' ? 1 : 0;
-    depth -= c == '}' || c == ']' ? 1 : 0;
-    ++at;
-  }
-  return at;
-}
-
-int DepthOf(std::string_view json) {
-  int depth = 0;
-  int deepest = 0;
-  for (std::size_t at = 0; at < json.size(); ++at) {
-    const char c = json[at];
-    if (c == '"') {
-      at = EndOfText(json, at) - 1;
-    }
-    depth += c == '{' || c == '[' ? 1 : 0;
-    depth -= c == '}' || c == ']' ? 1 : 0;
-    deepest = std::max(deepest, depth);
-  }
-  return deepest;
+  text.remove_prefix(std::min(text.find_first_not_of(kBlanks), text.size()));
+  return text.substr(0, text.find_last_not_of(kBlanks) + 1);
 }
 
 // Whitespace between JSON tokens may contain newlines, which would split the line.
@@ -92,27 +51,36 @@ std::optional<OutLine> ReadOutLine(std::string_view line) {
 }
 
 std::vector<RawMember> RawMembers(std::string_view json) {
-  json = Trim(json);
-  if (!json.starts_with('{') && !json.starts_with('[')) {
-    return {};
-  }
-  const bool named = json.front() == '{';
   std::vector<RawMember> members;
-  for (std::size_t at = json.find_first_not_of(kBlanks, 1); at < json.size() - 1;) {
-    RawMember member;
-    if (named) {
-      const std::size_t end = EndOfText(json, at);
-      member.name = json.substr(at + 1, end - at - 2);
-      at = json.find_first_not_of(kBlanks, json.find(':', end) + 1);
+  RawMember member;
+  std::size_t begin = 0;  // of the current name or value
+  int depth = 0;
+  bool in_string = false;
+  for (std::size_t at = 0; at < json.size(); ++at) {
+    const char c = json[at];
+    if (in_string) {
+      at += c == '\\' ? 1 : 0;  // skips the escaped character
+      in_string = c != '"';
+      continue;
     }
-    const std::size_t end = EndOfValue(json, at);
-    member.value = Trim(json.substr(at, end - at));
-    members.push_back(member);
-    at = std::min(json.find_first_not_of(kBlanks, end + 1), json.size());
+    in_string = c == '"';
+    const bool ends_container = c == '}' || c == ']';
+    if (depth == 1 && (c == ',' || ends_container)) {
+      member.value = Trim(json.substr(begin, at - begin));
+      if (!member.value.empty()) {  // the container is not empty
+        members.push_back(std::exchange(member, {}));
+      }
+      begin = at + 1;
+    } else if (depth == 1 && c == ':') {
+      member.name = Trim(json.substr(begin, at - begin));
+      member.name = member.name.substr(1, member.name.size() - 2);  // without the quotes
+      begin = at + 1;
+    } else if (depth == 0 && (c == '{' || c == '[')) {
+      begin = at + 1;
+    }
+    depth += c == '{' || c == '[' ? 1 : ends_container ? -1 : 0;
   }
   return members;
 }
-
-bool IsJson(std::string_view text) { return ParsedJson::accept(text) && DepthOf(text) <= kMaxJsonDepth; }
 
 }  // namespace desk

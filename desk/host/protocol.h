@@ -1,8 +1,7 @@
 #pragma once
 
-// The lines that a page's host and the desk exchange, one JSON object with one member each. Both sides read and write
-// them with what stands here. Values are passed as raw JSON text, so that what the one side has written the other need
-// not take apart.
+// The lines that `mirado host` and the desk exchange: JSON objects with one member. Values are passed on as JSON text,
+// so that members keep their order and numbers their form, and the desk does not convert each message twice.
 
 #include <array>
 #include <optional>
@@ -13,23 +12,23 @@
 
 namespace desk {
 
-/// What goes into a host.
+/// The input of a host.
 enum class In {
   kSend,    ///< {"send": M}: a message on whose reply the page waits
   kPost,    ///< {"post": M}: a message that the page does not wait on
-  kSet,     ///< {"set": {"path": value}}: somebody else changes the set's store
-  kSettle,  ///< {"settle": true}: wait until everything so far has been handled
-  kRecord,  ///< {"record": true or false}: begin or end a recording; to a host with --report
+  kSet,     ///< {"set": {"path": value}}: a change of the store, as if another program made it
+  kSettle,  ///< {"settle": true}: wait until all requests and changes so far have been handled
+  kRecord,  ///< {"record": true or false}: start or end a recording; requires --report
 };
 
-/// What comes out of a host. The last three come with --report alone.
+/// The output of a host. The last three are written only with --report.
 enum class Out {
-  kReply,    ///< {"reply": R}, one for each send, in their order
-  kMessage,  ///< {"message": X}: what the plug-in posts to the page
+  kReply,    ///< {"reply": R}: the reply to a send; replies are in the order of the sends
+  kMessage,  ///< {"message": X}: a message that the plug-in posts to the page
   kSettled,  ///< {"settled": true}
-  kError,    ///< {"error": {"line": 7, "text": "…"}}: the seventh line was not understood and changed nothing
+  kError,    ///< {"error": {"line": 7, "text": "…"}}: line 7 of the input is invalid or was refused
   kLog,      ///< {"log": {"priority": "I", "tag": "…", "logId": 0, "text": "…"}}
-  kWatches,  ///< {"watches": ["path", …]}: what the plug-in is subscribed to, whenever that has changed
+  kWatches,  ///< {"watches": ["path", …]}: the subscribed paths, whenever they have changed
   kRecord,   ///< {"record": LINE}: a line of the recording
 };
 
@@ -37,30 +36,27 @@ inline constexpr std::array<std::string_view, 5> kInNames = {"send", "post", "se
 inline constexpr std::array<std::string_view, 7> kOutNames = {"reply", "message", "settled", "error",
                                                               "log",   "watches", "record"};
 
-/// {"NAME": VALUE}; `value` is JSON text.
+/// The line {"NAME": VALUE}, without a newline; `value` is JSON text.
 std::string FormatLine(In kind, std::string_view value);
 std::string FormatLine(Out kind, std::string_view value);
 
+/// A line of a host's output.
 struct OutLine {
   Out kind;
   std::string_view value;  ///< JSON text, a part of the line
 };
 
-/// Nothing for what is no such line, such as something that the plug-in has printed.
+/// Parses a line of a host's output; empty if it has another form, such as a line that the plug-in itself printed.
 std::optional<OutLine> ReadOutLine(std::string_view line);
 
-/// A member of an object, or an element of an array (then without a name), as it stands in the text. A name with an
-/// escape in it keeps it.
+/// A member of an object, or an element of an array (then without a name), as JSON text. Escapes in the name are kept.
 struct RawMember {
   std::string_view name;
   std::string_view value;
 };
 
-/// The members or elements of the outermost object or array of `json`, equal names counted; none when it is neither.
-/// `json` must be one JSON value, as `IsJson` tells.
+/// The members or elements of the outermost object or array of `json`, including duplicate names; none if it is
+/// neither. `json` must be one valid JSON value.
 std::vector<RawMember> RawMembers(std::string_view json);
-
-/// Whether `text` is one JSON value in valid UTF-8 that nests no deeper than the desk allows.
-bool IsJson(std::string_view text);
 
 }  // namespace desk

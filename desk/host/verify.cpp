@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <functional>
-#include <map>
 
 #include "base/terminal.h"
 
@@ -11,6 +10,8 @@ namespace {
 
 constexpr std::size_t kNone = static_cast<std::size_t>(-1);
 constexpr std::size_t kShown = 50;
+constexpr char kExpectationForm[] =
+    R"(an expectation is {"messages": [M, …], "order": true, "exact": true, "times": integer}; all but "messages" are optional)";
 
 bool Holds(const ParsedJson& message, const ParsedJson& pattern) {
   if (!pattern.is_object() || !message.is_object()) {
@@ -117,21 +118,12 @@ std::string Missing(const std::vector<ParsedJson>& asked, const ParsedJson& patt
   return text;
 }
 
-vconf::Status WrongMember(const std::string& name) {
-  static const std::map<std::string, std::string> kTakes = {
-      {"messages", "an array"}, {"order", "true or false"}, {"exact", "true or false"}, {"times", "an integer"}};
-  const auto known = kTakes.find(name);
-  return BadValue("\"" + name +
-                  (known != kTakes.end() ? "\" must be " + known->second
-                                         : R"(" is not one of "messages", "order", "exact" and "times")"));
-}
-
 }  // namespace
 
 vconf::Result<Expectation> ExpectationFromJson(const ParsedJson& json) {
   Expectation expected;
   if (!json.is_object() || !json.contains("messages")) {
-    return BadValue(R"(the expectation must be an object with "messages")");
+    return BadValue(kExpectationForm);
   }
   for (const auto& [name, member] : json.items()) {
     if (name == "messages" && member.is_array()) {
@@ -143,7 +135,7 @@ vconf::Result<Expectation> ExpectationFromJson(const ParsedJson& json) {
     } else if (name == "times" && ToValue(member) && std::holds_alternative<int>(*ToValue(member))) {
       expected.times = std::get<int>(*ToValue(member));
     } else {
-      return WrongMember(name);
+      return BadValue("\"" + name + "\" is unknown or has a wrong value; " + kExpectationForm);
     }
   }
   const auto status = CheckExpectation(expected);

@@ -65,9 +65,8 @@ std::optional<Page::Message> ReadMessage(std::string_view json) {
 
 // The messages that `text` holds, which must outlive them, or what is wrong with it.
 vconf::Result<std::vector<Page::Message>> ReadMessages(std::string_view text) {
-  if (!IsJson(text)) {
-    const auto parsed = ParseJson(text);
-    return parsed.ok() ? BadValue("not JSON") : parsed.status();
+  if (const auto parsed = ParseJson(text); !parsed.ok()) {
+    return parsed.status();
   }
   std::vector<std::string_view> entries;
   text.remove_prefix(text.find_first_not_of(" \t\r\n"));

@@ -12,7 +12,7 @@
 namespace desk {
 namespace {
 
-constexpr char kForm[] =
+constexpr char kFaultForm[] =
     R"(a fault is {"call": text, "path": text, "answer": integer, "times": 0 or more}; "path" and "times" are optional)";
 constexpr std::string_view kAny = "any";
 constexpr std::string_view kNotZero = "any but 0";
@@ -78,7 +78,7 @@ Json ToJson(const vconf::Fault& fault) {
 
 vconf::Result<vconf::Fault> FaultFromJson(const ParsedJson& json) {
   if (!json.is_object()) {
-    return BadValue(kForm);
+    return BadValue(kFaultForm);
   }
   vconf::Fault fault{.call = {}, .path = "*", .answer = 0, .times = 0};
   bool has_call = false;
@@ -98,11 +98,11 @@ vconf::Result<vconf::Fault> FaultFromJson(const ParsedJson& json) {
     } else if (name == "times" && number != nullptr && *number >= 0) {
       fault.times = static_cast<unsigned>(*number);
     } else {
-      return BadValue("\"" + name + "\" is unknown or has a wrong value; " + kForm);
+      return BadValue("\"" + name + "\" is unknown or has a wrong value; " + kFaultForm);
     }
   }
   if (!has_call || !has_answer) {
-    return BadValue(R"("call" or "answer" is missing; )" + std::string(kForm));
+    return BadValue(R"("call" or "answer" is missing; )" + std::string(kFaultForm));
   }
   return fault;
 }

@@ -2,11 +2,11 @@
 
 #include <algorithm>
 #include <array>
-#include <charconv>
 #include <optional>
 #include <sstream>
 #include <utility>
 
+#include "base/terminal.h"
 #include "panelbase_control.h"
 #include "prefdeck_control.h"
 #include "set/catalog.h"
@@ -58,13 +58,11 @@ Json DescribeItems(const vconf::Value& value) {
   std::istringstream stream(lines == nullptr ? "" : *lines);
   for (std::string line; std::getline(stream, line);) {
     const auto blank = std::min(line.find(' '), line.size());
-    int number = 0;
-    const char* end = line.data() + blank;
-    const auto parsed = std::from_chars(line.data(), end, number);
-    // A list written by another program may have a text instead of a number.
-    items.push_back(
-        {{"value", parsed.ec == std::errc() && parsed.ptr == end ? Json(number) : Json(line.substr(0, blank))},
-         {"label", blank == line.size() ? "" : line.substr(blank + 1)}});
+    const std::string first = line.substr(0, blank);
+    const auto value = ValueFromArgument(first);
+    // A list that another program wrote may have a text instead of a number.
+    items.push_back({{"value", std::holds_alternative<int>(value) ? ToJson(value) : Json(first)},
+                     {"label", blank == line.size() ? "" : line.substr(blank + 1)}});
   }
   return items;
 }

@@ -511,6 +511,28 @@ TEST_F(ReplayTest, TheSameComesOutOfTheRecordedState) {
   EXPECT_TRUE(std::filesystem::is_empty(temporary));
   unsetenv("TMPDIR");
   EXPECT_TRUE(Holds(Run({"host", "--record", "/dev/stdout"}).out, R"("recording")"));
+  // The reader of this recording leaves after the first line.
+  EXPECT_EQ(Shell("mkfifo '" + folder() / "pipe" + "'; { head -n 1 '" + folder() / "pipe" +
+                  "'; echo '{\"settle\":true}'; } | mirado host --record '" + folder() / "pipe" + "' >/dev/null"),
+            1);
+  EXPECT_TRUE(Holds(Contents(log()), folder() / "pipe" + ": the recording is incomplete")) << Contents(log());
+}
+
+TEST_F(ReplayTest, ARecordingFromTheMiddleOnKeepsTheSubscriptions) {
+  const Outcome host =
+      Run({"host", "--report"}, R"({"send":{"command":"registerVconfKeysForCaption","propertyKey":0}})"
+                                "\n{\"record\":true}\n{\"set\":{\"db/menu/caption/caption\":1}}\n{\"record\":false}\n");
+  const std::string begin = R"({"record": )";
+  std::istringstream lines(host.out);
+  std::ofstream recording(file());
+  for (std::string line; std::getline(lines, line);) {
+    if (line.starts_with(begin)) {
+      recording << line.substr(begin.size(), line.size() - begin.size() - 1) << std::endl;
+    }
+  }
+  EXPECT_TRUE(Holds(Contents(file()), "MIRADO_EVENT_CAPTION_CHANGED")) << host.out;
+  const Outcome replay = RunAsIs({"replay", file()});
+  EXPECT_EQ(replay.status, 0) << replay.out << replay.log;
 }
 
 TEST_F(ReplayTest, AChangeUponAnAnswerIsNoneOfTheRequest) {
@@ -585,7 +607,7 @@ TEST_F(ReplayTest, VerifyTellsWhatWasAsked) {
   EXPECT_EQ(RunAsIs({"verify", file(), "--times", "1"}).status, 2);
   EXPECT_EQ(RunAsIs({"verify", folder() / "none"}).status, 3);
   const auto ordered = desk::ExpectationFromJson(*desk::ParseJson(R"({"messages":[],"order":1})"));
-  EXPECT_EQ(ordered.status().text(), R"("order" must be true or false)");
+  EXPECT_TRUE(ordered.status().text().starts_with("\"order\" ")) << ordered.status().text();
 }
 
 TEST_F(ReplayTest, ADifferenceIsShownAndADamagedRecordingIsNamed) {
@@ -599,6 +621,17 @@ TEST_F(ReplayTest, ADifferenceIsShownAndADamagedRecordingIsNamed) {
   EXPECT_EQ(different.status, 1);
   EXPECT_TRUE(Holds(different.out, "recorded") && Holds(different.out, "262") && Holds(different.out, "261"))
       << different.out;
+  desk::Recording none;
+  std::vector<desk::ParsedJson> replies(7, {{"reply", 1}});
+  replies.push_back({{"message", {{"event", "e"}}}});
+  const std::string all = desk::Difference(none, replies);
+  EXPECT_TRUE(all.starts_with("  reply 1\n    recorded: nothing\n    replayed: 1\n  reply 2\n")) << all;
+  EXPECT_TRUE(Holds(all, "  reply 5\n    recorded: nothing\n    replayed: 1\n  2 further differences of kind reply\n"))
+      << all;
+  EXPECT_TRUE(all.ends_with("  event 1\n    recorded: nothing\n    replayed: {\"event\":\"e\"}\n")) << all;
+  none.out = replies;
+  EXPECT_EQ(desk::Difference(none, replies), "");
+  EXPECT_TRUE(Holds(desk::Difference(none, {}), "recorded: 1\n    replayed: nothing\n"));
   std::ofstream(file()) << text << "{\"in\":{\"sent\":1}}\n";
   const Outcome damaged = RunAsIs({"replay", file()});
   EXPECT_EQ(damaged.status, 3);
