@@ -70,8 +70,9 @@ Result<Value> Get(const std::string& path);
 Status Set(const std::string& path, const Value& value);
 Status Remove(const std::string& path);
 
-/// Removes every key of the store and writes `entries`: first those in memory, atomically, then those on disk,
-/// atomically; the second step may fail after the first. Makes one change for each key that differs. Faults are kept.
+/// Removes every key of the store and writes `entries`: first those in memory, then those on disk; the second step may
+/// fail after the first. Each step is atomic, the first for up to 1,024 keys. Makes one change for each key that
+/// differs. Faults are kept.
 Status Reset(const std::vector<Entry>& entries);
 
 /// All keys that begin with `prefix`, in byte order; a failure if not all of them could be read. Each value is one that

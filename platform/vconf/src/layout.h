@@ -19,12 +19,11 @@ static_assert(Word::is_always_lock_free && LongWord::is_always_lock_free);
 /// Values of `Header::state`. A truncated region reads as zeros, which is none of these.
 enum State : std::uint32_t {
   kWhole = 0x6c697665,
-  kWholeWithFaults,
   kReplaced,  ///< replaced by another region
 };
 
 /// To be incremented with every change of the layout.
-constexpr std::uint32_t kFormat = 2;
+constexpr std::uint32_t kFormat = 3;
 
 /// The mapped address space, and the maximum size of the file.
 constexpr std::uint32_t kMaxSize = 64U << 20U;
@@ -32,16 +31,16 @@ constexpr std::uint32_t kMaxSize = 64U << 20U;
 constexpr std::uint32_t kBuckets = 16384;
 constexpr std::uint32_t kMaxText = 65536;
 constexpr std::uint32_t kMaxChangeText = 128;
-constexpr std::uint64_t kRememberedChanges = 65536;
+
+/// The number of changes that are kept. The ring begins with the smaller number, and doubles when it is full.
+constexpr std::uint32_t kFirstRecords = 1024;
+constexpr std::uint32_t kMaxRecords = 65536;
 
 constexpr std::uint32_t kMaxPath = 511;
 constexpr std::uint32_t kMaxName = kMaxPath + 64;  // of a fault: a call and a path
 
 /// Marks the end of each list of keys. A 0 there is damage: a failing disk leaves zeros.
 constexpr std::uint32_t kEndOfList = 1;
-
-/// Values of `Key::prepared` and `Header::publishing`.
-enum Prepared : std::uint32_t { kNotPrepared, kPreparedForDisk, kPreparedInMemory };
 
 enum Kind : std::uint32_t { kNone, kInt, kBool, kText };
 
@@ -50,11 +49,13 @@ constexpr std::uint32_t FormOf(Kind kind, std::uint32_t size = 0) { return (std:
 constexpr Kind KindOf(std::uint32_t form) { return static_cast<Kind>(form >> 24U); }
 constexpr std::uint32_t SizeOf(std::uint32_t form) { return form & 0xffffffU; }
 
-/// One value. A text is in a separate block at offset `content`. The checksum covers the path and the value.
+/// One value: an int or bool is in `content`, a text in `block`. The checksum covers the path and the value. The slot
+/// keeps its block, for its next text.
 struct Slot {
   Word form;
   Word content;
   Word check;
+  Word block;
 };
 
 /// One key. `slots[version % 2]` is its value; the next value is prepared in the other slot. The path follows.
@@ -62,26 +63,26 @@ struct Key {
   Word next;  // in the same bucket
   Word hash;
   Word path_size;
-  Word prepared;  // whether the other slot holds an unpublished value, or is being filled
   Word version;
   std::array<Slot, 2> slots;
 };
 
-/// One change, valid if `number` is the expected one.
+/// Begins each block of a text, and each free block. Sizes are in bytes, and include this.
+struct Block {
+  Word size;
+  Word next;  // the free block after this one; a text begins here
+};
+
+/// One change, valid if `number` is the expected one: `key` gets `version`.
 struct ChangeRecord {
   LongWord number;
   Word key;
-  Slot value;  // a short text follows; a long one is read from the key
-  std::array<Word, kMaxChangeText / sizeof(Word)> text;
+  Word version;
+  Word form;
+  Word content;
+  Word check;
+  std::array<Word, kMaxChangeText / sizeof(Word)> text;  // a longer one is read from the key
 };
-
-// The records of the kept changes are in chunks, which are blocks of the largest size.
-constexpr std::uint32_t kMinBlock = 64;
-constexpr std::uint32_t kBlockSizes = 11;
-constexpr std::uint32_t kMaxBlock = kMinBlock << (kBlockSizes - 1);
-constexpr std::uint64_t kChunkRecords = kMaxBlock / sizeof(ChangeRecord);
-constexpr std::uint64_t kChunks = kRememberedChanges / kChunkRecords + 2;
-static_assert(kMaxBlock == kMaxText);
 
 /// A robust lock. `holder` is the owner's process id, for messages; 0 if there is no owner or it has not written its id
 /// yet.
@@ -100,29 +101,28 @@ struct Header {  // NOLINT(clang-analyzer-optin.performance.Padding): what chang
   LongWord born;
   LongWord database;  // the inode of the database that it was read from
 
+  Word faults;  // 0 if there are none
+
   alignas(64) LongWord last;  // the number of the last change
   LongWord floor;             // changes below it are no longer kept
+  Word records;               // the number of records in use in the ring, a power of two
   Word unlinks;               // how often keys were unlinked from their buckets
 
   alignas(64) Word wakeups;  // the futex word, incremented for each wake-up
   Word asleep;               // set before sleeping, cleared by the process that wakes
 
-  alignas(64) Lock lock;  // guards everything below, and everything after the header
-  Word pending_key;       // the change in progress, which the next owner of the lock has to finish
-  Word pending_version;
-  LongWord pending_number;
-  Word publishing;  // everything prepared so is being published; the next owner of the lock completes it
-  Word faults;
-  Word end;      // of the allocated blocks
-  Word growing;  // of the file, as far as disk space is allocated
-  std::array<Word, kBlockSizes> free;
-  std::array<Word, kChunks> chunks;
+  alignas(64) Lock lock;  // guards everything except what `disk_lock` guards
+  LongWord publishing;    // the changes up to this one have records, and the next owner of the lock publishes them
+  Word end;               // of the allocated blocks
+  Word growing;           // of the file, as far as disk space is allocated
+  Word free;              // the first free block
 
   alignas(64) Lock disk_lock;  // guards the database, and changes of keys on disk
   LongWord published;          // the number of the last commit that is in the region
   Word committing;             // a commit may be in the database and not in the region
 
   alignas(64) std::array<Word, kBuckets> buckets;
+  std::array<ChangeRecord, kMaxRecords> ring;  // disk space is allocated only for the records in use
 };
 
 constexpr std::uint32_t kFirstBlock = (sizeof(Header) + 4095U) / 4096U * 4096U;

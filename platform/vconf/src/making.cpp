@@ -30,17 +30,14 @@ bool IsUnfinished(const std::string& name) { return name.find(Folder::kUnfinishe
 Status Fill(Region& region, const std::vector<Row>& rows, std::uint64_t number, std::uint64_t last) {
   region.header().last = last;
   region.header().floor = last + 1;
-  Turn turn(region);
+  Publisher publisher(region);
   Table table(region);
-  bool room = turn.status().ok() && turn.Reserve();
-  for (const Row& row : rows) {
-    std::uint32_t key = 0;
-    room = room && table.Prepare(row.path, &*row.value, &key) == Code::kOk;
-    if (room && row.path.starts_with(kFaultPrefix)) {
-      turn.PublishAll({key}, layout::kPreparedForDisk);
-    } else if (room) {
-      table.Flip(key);  // there are no listeners yet
-    }
+  std::vector<std::uint32_t> keys;
+  const bool room = publisher.status().ok() && std::all_of(rows.begin(), rows.end(), [&](const Row& row) {
+                      return table.Prepare(row.path, &*row.value, &keys.emplace_back());
+                    });
+  if (room) {
+    publisher.Publish(keys);
   }
   region.header().published = number;
   return room ? Status() : Status(Code::kFull, region.file() + ": there is no space left for it");

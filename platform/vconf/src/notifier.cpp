@@ -294,7 +294,7 @@ std::vector<Notifier::ListenerPtr> Notifier::ListenersOf(const Change& change) c
     std::for_each(found->second.begin(), found->second.end(), add);
   }
   for (const auto& watch : watches_) {
-    if (change.path.starts_with(watch->at)) {
+    if (change.path.starts_with(watch->at) && !change.path.starts_with(kFaultPrefix)) {
       add(watch);
     }
   }

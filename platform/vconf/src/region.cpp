@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <chrono>
 #include <climits>
+#include <cstddef>
 #include <cstring>
 #include <ctime>
 #include <fstream>
@@ -60,19 +61,22 @@ long Futex(layout::Word& word, int operation, std::uint32_t value, const timespe
 
 // Allocates the disk space now, because a later access could not report that the disk is full. A signal may interrupt
 // it.
-int Allocate(int file, std::uint32_t from, std::uint32_t size) {
+int Allocate(int file, std::size_t from, std::size_t size) {
   int error = EINTR;
   while (error == EINTR) {
-    error = posix_fallocate(file, from, size);
+    error = posix_fallocate(file, static_cast<off_t>(from), static_cast<off_t>(size));
   }
   return error;
 }
+
+constexpr std::size_t kRing = offsetof(layout::Header, ring);
 
 // The header fields that are the same in every new region.
 void Begin(layout::Header& header) {
   InitLock(header.lock);
   InitLock(header.disk_lock);
   header.end = layout::kFirstBlock;
+  header.records = layout::kFirstRecords;
   for (layout::Word& bucket : header.buckets) {
     bucket.store(layout::kEndOfList, std::memory_order_relaxed);
   }
@@ -149,7 +153,9 @@ Result<std::unique_ptr<Region>> Region::Make(const Folder& folder, const std::st
     return made.status();
   }
   const int file = made->number();
-  if (const int error = Allocate(file, 0, layout::kFirstBlock + kGrowth); error != 0) {
+  int error = Allocate(file, 0, kRing + layout::kFirstRecords * sizeof(layout::ChangeRecord));
+  error = error == 0 ? Allocate(file, layout::kFirstBlock, kGrowth) : error;
+  if (error != 0) {
     folder.Remove(name);
     return SystemFailure(folder.File(Folder::kRegion), error);
   }
@@ -200,6 +206,12 @@ bool Region::Grow(std::uint32_t end) {
   }
   header().growing.store(to, std::memory_order_release);
   return true;
+}
+
+bool Region::GrowRing(std::uint32_t records) {
+  const std::size_t begin = kRing + records / 2 * sizeof(layout::ChangeRecord);
+  return records <= layout::kMaxRecords && is_shared() &&
+         Allocate(descriptor_.number(), begin, records / 2 * sizeof(layout::ChangeRecord)) == 0;
 }
 
 void Region::MarkReplaced() {

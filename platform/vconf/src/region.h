@@ -38,10 +38,7 @@ class Region {
   bool is_shared() const { return descriptor_.is_open(); }
 
   /// Whether it is neither damaged nor replaced.
-  bool IsWhole() const {
-    const auto state = header().state.load(std::memory_order_acquire);
-    return state == layout::kWhole || state == layout::kWholeWithFaults;
-  }
+  bool IsWhole() const { return header().state.load(std::memory_order_acquire) == layout::kWhole; }
 
   /// Whether the file was removed or replaced by one of the same name.
   bool IsRemoved() const;
@@ -58,6 +55,10 @@ class Region {
 
   /// Extends the file to `end`; false if the disk or the region is full. Requires the lock.
   bool Grow(std::uint32_t end);
+
+  /// Allocates disk space for this number of records; false if the disk is full, or there may not be so many. Requires
+  /// the lock.
+  bool GrowRing(std::uint32_t records);
 
   /// Tells every process that maps the region to look for a new one at its next call.
   void MarkReplaced();

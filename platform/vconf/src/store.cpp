@@ -264,33 +264,33 @@ void Store::Difference(const std::vector<Entry>& held, const Wanted& wanted, std
   }
 }
 
-Status Store::Prepare(Turn& turn, Region& region, const std::vector<Row>& rows,
-                      std::vector<std::uint32_t>* keys) const {
+Status Store::Prepare(Home home, Region& region, const std::vector<Row>& rows, std::vector<std::uint32_t>* keys) const {
   Table table(region);
-  Code code = turn.Reserve() ? Code::kOk : Code::kFull;
-  for (const Row& row : rows) {
-    std::uint32_t key = 0;
-    code = code == Code::kOk ? table.Prepare(row.path, row.value ? &*row.value : nullptr, &key) : code;
-    if (code == Code::kOk) {
-      keys->push_back(key);
+  for (const bool swept : {false, true}) {
+    keys->clear();
+    const bool room = std::all_of(rows.begin(), rows.end(), [&](const Row& row) {
+      return table.Prepare(row.path, row.value ? &*row.value : nullptr, &keys->emplace_back());
+    });
+    if (room) {
+      return {};
+    }
+    if (!swept) {
+      table.Sweep(home == Home::kMemory && region.header().committing != 0);
     }
   }
-  if (code != Code::kOk) {
-    table.Drop(*keys);
-  }
-  return ToStatus(code, "", region);
+  return ToStatus(Code::kFull, "", region);
 }
 
 Status Store::ChangeInMemory(Region& region, const Plan& plan) {
-  Turn turn(region);
+  Publisher publisher(region);
   std::vector<Row> rows;
   std::vector<std::uint32_t> keys;
-  Status status = turn.status().ok() ? plan(region, &rows) : turn.status();
+  Status status = publisher.status().ok() ? plan(region, &rows) : publisher.status();
   if (status.ok()) {
-    status = Prepare(turn, region, rows, &keys);
+    status = Prepare(Home::kMemory, region, rows, &keys);
   }
   if (status.ok()) {
-    turn.PublishAll(keys, layout::kPreparedInMemory);
+    publisher.Publish(keys);
   }
   return status;
 }

@@ -45,7 +45,7 @@ class Store {
 
   /// While there are no faults, this only reads one word.
   std::optional<int> TakeFault(std::string_view call, std::string_view path) {
-    return region_.load(std::memory_order_acquire)->header().state.load(std::memory_order_acquire) == layout::kWhole
+    return region_.load(std::memory_order_acquire)->header().faults.load(std::memory_order_acquire) == 0
                ? std::nullopt
                : FindFault(call, path);
   }
@@ -68,8 +68,8 @@ class Store {
   /// Appends to `rows` the changes that turn `held` into `wanted`.
   static void Difference(const std::vector<Entry>& held, const Wanted& wanted, std::vector<Row>* rows);
 
-  /// Prepares all of `rows`, or none, in `turn`.
-  Status Prepare(Turn& turn, Region& region, const std::vector<Row>& rows, std::vector<std::uint32_t>* keys) const;
+  /// Prepares all of `rows`, so that publishing them cannot fail. Requires the region's lock.
+  Status Prepare(Home home, Region& region, const std::vector<Row>& rows, std::vector<std::uint32_t>* keys) const;
 
   explicit Store(std::string directory) : directory_(std::move(directory)) {}
 

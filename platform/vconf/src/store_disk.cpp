@@ -29,7 +29,6 @@ Status Store::ChangeOnDisk(Region& region, const Plan& plan) {
   if (status.ok() && (lock.inherited() || header.committing != 0)) {
     status = Recover(region);
   }
-  Table table(region);
   std::vector<Row> rows;
   std::vector<std::uint32_t> keys;
   if (status.ok()) {
@@ -38,37 +37,28 @@ Status Store::ChangeOnDisk(Region& region, const Plan& plan) {
   if (!status.ok() || rows.empty()) {
     return status;
   }
+  header.committing = kCommitting;  // before preparing: protects what is prepared from a `Sweep`
   {
-    Turn turn(region);
-    status = turn.status();
-    if (status.ok()) {
-      status = Prepare(turn, region, rows, &keys);
-    }
+    const Publisher publisher(region);
+    status = publisher.status().ok() ? Prepare(Home::kDisk, region, rows, &keys) : publisher.status();
   }
   const std::uint64_t number = header.published + 1;
   if (status.ok()) {
-    header.committing = kCommitting;
     status = database_->Write(rows, number);
-    // After a disk failure only the database has the outcome of the commit: the next change reads it.
-    if (!status.ok() && status.code() != Code::kFailed) {
-      header.committing = 0;
-    }
   }
-  Turn turn(region);
-  if (!status.ok()) {
-    if (turn.status().ok()) {
-      table.Drop(keys);
-    } else {
-      header.committing = kCommitting;  // so that the next owner drops them
+  if (status.ok()) {
+    Publisher publisher(region);
+    if (!publisher.status().ok()) {
+      return publisher.status();
     }
-    return status;
-  }
-  if (turn.status().ok()) {
-    turn.PublishAll(keys, layout::kPreparedForDisk);
+    publisher.Publish(keys);
     header.published = number;
+  }
+  // After a disk failure only the database has the outcome of the commit: the next change reads it.
+  if (status.code() != Code::kFailed) {
     header.committing = 0;
   }
-  return turn.status();
+  return status;
 }
 
 Status Store::Connect(const Region& region) {
@@ -114,8 +104,8 @@ Status Store::Recover(Region& region) {
   for (Row& row : rows) {
     wanted.insert_or_assign(std::move(row.path), *std::move(row.value));
   }
-  Turn turn(region);
-  Table table(region);
+  Publisher publisher(region);
+  const Table table(region);
   std::vector<Entry> held;
   std::vector<Row> changes;
   std::vector<std::uint32_t> keys;
@@ -123,14 +113,13 @@ Status Store::Recover(Region& region) {
   for (const std::string_view prefix : {std::string_view("db/"), std::string_view("set/"), kFaultPrefix}) {
     code = code == Code::kOk ? table.List(prefix, &held) : code;
   }
-  status = turn.status().ok() ? ToStatus(code, "", region) : turn.status();
+  status = publisher.status().ok() ? ToStatus(code, "", region) : publisher.status();
   if (status.ok()) {
-    table.Drop(table.KeysPrepared(layout::kPreparedForDisk));
     Difference(held, wanted, &changes);
-    status = Prepare(turn, region, changes, &keys);
+    status = Prepare(Home::kDisk, region, changes, &keys);
   }
   if (status.ok()) {
-    turn.PublishAll(keys, layout::kPreparedForDisk);
+    publisher.Publish(keys);
     header.published = std::max<std::uint64_t>(number, header.published);
   }
   header.committing = status.ok() ? 0 : kCommitting;

@@ -6,6 +6,7 @@
 
 namespace vconf {
 
+using layout::Block;
 using layout::Key;
 using layout::Kind;
 using layout::KindOf;
@@ -18,7 +19,7 @@ namespace {
 constexpr std::uint32_t kOdd = 0x9E3779B1U;
 
 // More keys than can fit: a longer chain is damaged.
-constexpr std::uint32_t kMaxKeys = layout::kMaxSize / layout::kMinBlock;
+constexpr std::uint32_t kMaxKeys = layout::kMaxSize / sizeof(Key);
 
 constexpr std::uint32_t WordsOf(std::uint32_t bytes) { return (bytes + 3) / 4; }
 
@@ -35,6 +36,25 @@ std::uint32_t WordAt(std::string_view bytes, std::size_t at) {
   return word;
 }
 
+std::uint32_t Mix(std::uint32_t hash, std::uint32_t word) {
+  hash = (hash ^ word) * kOdd;
+  return hash ^ (hash >> 15U);
+}
+
+Word* PathWords(Key& key) { return reinterpret_cast<Word*>(&key + 1); }
+
+// All sizes of blocks are multiples of this, so that what remains of a free block is one.
+constexpr std::uint32_t kUnit = sizeof(Block);
+
+std::uint32_t SizeOfKey(std::uint32_t path_size) {
+  return (static_cast<std::uint32_t>(sizeof(Key)) + path_size + kUnit - 1) / kUnit * kUnit;
+}
+std::uint32_t SizeOfText(std::uint32_t size) {
+  return (static_cast<std::uint32_t>(sizeof(Word)) + size + kUnit - 1) / kUnit * kUnit;
+}
+
+}  // namespace
+
 void StoreBytes(Word* words, std::string_view bytes) {
   for (std::uint32_t i = 0; i < WordsOf(static_cast<std::uint32_t>(bytes.size())); ++i) {
     words[i].store(WordAt(bytes, std::size_t{4} * i), std::memory_order_release);
@@ -49,38 +69,22 @@ void LoadBytes(const Word* words, std::uint32_t size, std::string* bytes) {
   }
 }
 
-std::uint32_t Mix(std::uint32_t hash, std::uint32_t word) {
-  hash = (hash ^ word) * kOdd;
-  return hash ^ (hash >> 15U);
-}
-
-Word* PathWords(Key& key) { return reinterpret_cast<Word*>(&key + 1); }
-
-std::uint32_t SizeOfKey(std::uint32_t path_size) {
-  return static_cast<std::uint32_t>(sizeof(Key)) + 4 * WordsOf(path_size);
-}
-
-}  // namespace
-
-/// A value as it was read; `text` is used only for a text.
-struct Table::Held {
-  std::uint32_t form = 0;
-  std::uint32_t content = 0;
-  std::string text;
-
-  std::optional<Value> value() {
-    switch (KindOf(form)) {
-      case layout::kInt:
-        return static_cast<int>(content);
-      case layout::kBool:
-        return content != 0;
-      case layout::kText:
-        return std::move(text);
-      default:
-        return std::nullopt;
-    }
+std::optional<Value> RawValue::ToValue() && {
+  switch (KindOf(form)) {
+    case layout::kInt:
+      return static_cast<int>(content);
+    case layout::kBool:
+      return content != 0;
+    case layout::kText:
+      return std::move(text);
+    default:
+      return std::nullopt;
   }
-};
+}
+
+std::uint32_t RawValue::CheckOf(std::uint32_t hash) const {
+  return Mix(Mix(~hash, form), is_text() ? Table::HashOf(text) : content);
+}
 
 std::uint32_t Table::HashOf(std::string_view path) {
   std::uint64_t hash = path.size();
@@ -90,10 +94,6 @@ std::uint32_t Table::HashOf(std::string_view path) {
     hash ^= hash >> 32U;
   }
   return static_cast<std::uint32_t>(hash);
-}
-
-std::uint32_t Table::CheckOf(std::uint32_t hash, std::uint32_t form, std::uint32_t content, std::string_view text) {
-  return Mix(Mix(~hash, form), KindOf(form) == layout::kText ? HashOf(text) : content);
 }
 
 // ---- readers
@@ -148,31 +148,27 @@ bool Table::ReadBucket(std::uint32_t bucket, Visit&& visit) const {
   return true;
 }
 
-// A key counts as missing only if its bucket can be read to the end.
-bool Table::IsSound(std::uint32_t hash) const {
-  return ReadBucket(hash % layout::kBuckets, [](const Key&, const std::string&) { return true; });
-}
-
-// False if the content was not written for this key: it is damaged, or was just overwritten.
-bool Table::ReadSlot(const Key& key, const Slot& slot, Held* held) const {
-  held->form = slot.form.load(std::memory_order_acquire);
-  held->content = slot.content.load(std::memory_order_acquire);
+std::uint32_t Table::LoadSlot(const Slot& slot, RawValue* value) const {
+  value->form = slot.form.load(std::memory_order_acquire);
+  value->content = slot.content.load(std::memory_order_acquire);
   const std::uint32_t check = slot.check.load(std::memory_order_acquire);
-  if (KindOf(held->form) == layout::kText) {
-    const std::uint32_t size = SizeOf(held->form);
-    const Word* const words = size > 0 ? region_.At<Word>(held->content, 4 * WordsOf(size)) : nullptr;
-    if (size > layout::kMaxText || (size > 0 && words == nullptr)) {
-      return false;
+  if (value->is_text()) {
+    const std::uint32_t size = SizeOf(value->form);
+    const auto* const block = region_.At<Block>(slot.block.load(std::memory_order_acquire), SizeOfText(size));
+    value->text.clear();
+    if (size <= layout::kMaxText && block != nullptr) {
+      LoadBytes(&block->next, size, &value->text);
     }
-    LoadBytes(words, size, &held->text);
   }
-  return check == CheckOf(key.hash.load(std::memory_order_relaxed), held->form, held->content, held->text);
+  return check;
 }
 
-Code Table::Look(const Key& key, Held* held) const {
+Code Table::Look(const Key& key, RawValue* held) const {
   while (true) {
     const std::uint32_t version = key.version.load(std::memory_order_acquire);
-    const bool sound = ReadSlot(key, key.slots[version % 2], held);
+    const std::uint32_t check = LoadSlot(key.slots[version % 2], held);
+    // A wrong checksum is damage, unless the value was just overwritten.
+    const bool sound = check == held->CheckOf(key.hash.load(std::memory_order_relaxed));
     if (key.version.load(std::memory_order_acquire) == version) {
       return !sound ? Code::kDamaged : KindOf(held->form) == layout::kNone ? Code::kMissing : Code::kOk;
     }
@@ -180,46 +176,52 @@ Code Table::Look(const Key& key, Held* held) const {
 }
 
 // A key that is unlinked meanwhile may hide the keys after it, and its block may be reused for another key.
-template <typename Found>
-Code Table::Seek(std::string_view path, Held* held, Found&& found) const {
+Code Table::Seek(std::string_view path, RawValue* held) const {
   const std::uint32_t hash = HashOf(path);
   const Word& unlinks = region_.header().unlinks;
   while (true) {
     const std::uint32_t before = unlinks.load(std::memory_order_acquire);
     std::uint32_t offset = 0;
     const Key* const key = Find(path, hash, &offset);
-    const Code code = key != nullptr ? Look(*key, held) : IsSound(hash) ? Code::kMissing : Code::kDamaged;
+    // A key counts as missing only if its bucket can be read to the end.
+    const bool sound =
+        key != nullptr || ReadBucket(hash % layout::kBuckets, [](const Key&, const std::string&) { return true; });
+    const Code code = key != nullptr ? Look(*key, held) : sound ? Code::kMissing : Code::kDamaged;
     if (unlinks.load(std::memory_order_acquire) == before) {
-      return code == Code::kOk ? found() : code;
+      return code;
     }
   }
 }
 
 Code Table::Read(std::string_view path, std::optional<Value>* value) const {
-  Held held;
-  return Seek(path, &held, [&] {
-    *value = held.value();
-    return *value ? Code::kOk : Code::kDamaged;
-  });
+  RawValue held;
+  const Code code = Seek(path, &held);
+  if (code == Code::kOk) {
+    *value = std::move(held).ToValue();
+  }
+  return code;
 }
 
 Code Table::ReadNumber(std::string_view path, Kind kind, int* number) const {
-  Held held;
-  return Seek(path, &held, [&] {
-    if (KindOf(held.form) != kind) {
-      return Code::kWrongType;
-    }
+  RawValue held;
+  const Code code = Seek(path, &held);
+  if (code == Code::kOk && KindOf(held.form) == kind) {
     *number = static_cast<int>(held.content);
-    return Code::kOk;
-  });
+  }
+  return code == Code::kOk && KindOf(held.form) != kind ? Code::kWrongType : code;
 }
 
-bool Table::PathOf(std::uint32_t key, std::string* path) const {
-  Key* const at = KeyAt(key);
+bool Table::PathOf(std::uint32_t offset, std::string* path) const {
+  Key* const at = KeyAt(offset);
   if (at != nullptr) {
     LoadBytes(PathWords(*at), at->path_size.load(std::memory_order_relaxed), path);
   }
   return at != nullptr && at->hash.load(std::memory_order_acquire) == HashOf(*path);
+}
+
+bool Table::IsFault(std::uint32_t offset) const {
+  Key* const at = KeyAt(offset);
+  return at != nullptr && PathWords(*at)->load(std::memory_order_relaxed) == WordAt(kFaultPrefix, 0);
 }
 
 Code Table::List(std::string_view prefix, std::vector<Entry>* entries) const {
@@ -233,11 +235,11 @@ Code Table::List(std::string_view prefix, std::vector<Entry>* entries) const {
     bool sound = true;
     for (std::uint32_t bucket = 0; bucket < layout::kBuckets; ++bucket) {
       const bool read = ReadBucket(bucket, [&](const Key& key, const std::string& path) {
-        if (Held held; path.starts_with(prefix)) {
+        if (RawValue held; path.starts_with(prefix)) {
           const Code code = Look(key, &held);
           sound = sound && code != Code::kDamaged;
-          if (auto value = code == Code::kOk ? held.value() : std::nullopt) {
-            entries->push_back({path, *std::move(value)});
+          if (code == Code::kOk) {
+            entries->push_back({path, *std::move(held).ToValue()});
           }
         }
         return true;
@@ -256,163 +258,152 @@ Code Table::List(std::string_view prefix, std::vector<Entry>* entries) const {
 
 // ---- writers
 
-std::uint32_t Table::Take(std::uint32_t size) {
-  std::uint32_t block = heap_.Take(size);
-  if (block == 0) {
-    Sweep();
-    block = heap_.Take(size);
+std::uint32_t Table::Allocate(std::uint32_t size) {
+  layout::Header& header = region_.header();
+  Word* link = &header.free;
+  std::uint32_t last = 0;
+  // Free blocks are in the order of their offsets; any other order is damage.
+  for (std::uint32_t at = link->load(std::memory_order_relaxed); at > last;
+       at = link->load(std::memory_order_relaxed)) {
+    auto* const block = region_.At<Block>(at);
+    if (block == nullptr) {
+      break;
+    }
+    const std::uint32_t free = block->size.load(std::memory_order_relaxed);
+    if (free > size) {
+      block->size.store(free - size, std::memory_order_relaxed);
+      return at + free - size;
+    }
+    if (free == size) {
+      link->store(block->next.load(std::memory_order_relaxed), std::memory_order_relaxed);
+      return at;
+    }
+    last = at;
+    link = &block->next;
   }
-  return block;
-}
-
-void Table::EmptySlot(Slot& slot) {
-  const std::uint32_t form = slot.form.exchange(0);
-  if (KindOf(form) == layout::kText && SizeOf(form) > 0) {
-    heap_.Give(slot.content.load(std::memory_order_relaxed), SizeOf(form));
+  const std::uint32_t end = header.end.load(std::memory_order_relaxed);
+  if (end < layout::kFirstBlock || end > layout::kMaxSize - size || !region_.Grow(end + size)) {
+    return 0;
   }
+  header.end.store(end + size, std::memory_order_relaxed);
+  return end;
 }
 
 bool Table::FillSlot(Slot& slot, std::uint32_t hash, const Value* value) {
-  EmptySlot(slot);
-  std::uint32_t form = 0;
-  std::uint32_t content = 0;
-  std::string_view text;
+  RawValue raw;
   if (value == nullptr) {
-    form = layout::kNone;
+    raw.form = layout::FormOf(layout::kNone);
   } else if (const int* const number = std::get_if<int>(value)) {
-    form = layout::FormOf(layout::kInt);
-    content = static_cast<std::uint32_t>(*number);
+    raw.form = layout::FormOf(layout::kInt);
+    raw.content = static_cast<std::uint32_t>(*number);
   } else if (const bool* const flag = std::get_if<bool>(value)) {
-    form = layout::FormOf(layout::kBool);
-    content = *flag ? 1 : 0;
+    raw.form = layout::FormOf(layout::kBool);
+    raw.content = *flag ? 1 : 0;
   } else {
-    text = std::get<std::string>(*value);
-    form = layout::FormOf(layout::kText, static_cast<std::uint32_t>(text.size()));
-    content = text.empty() ? 0 : Take(static_cast<std::uint32_t>(text.size()));
-    if (!text.empty() && content == 0) {
-      return false;
+    raw.text = std::get<std::string>(*value);
+    const auto length = static_cast<std::uint32_t>(raw.text.size());
+    const std::uint32_t size = SizeOfText(length);
+    raw.form = layout::FormOf(layout::kText, length);
+    std::uint32_t at = slot.block.load(std::memory_order_relaxed);
+    auto* block = region_.At<Block>(at, size);
+    if (block == nullptr || block->size.load(std::memory_order_relaxed) < size) {
+      at = Allocate(size);
+      block = region_.At<Block>(at, size);
+      if (block == nullptr) {
+        return false;
+      }
+      block->size.store(size, std::memory_order_release);
+      slot.block.store(at, std::memory_order_release);
     }
-    StoreBytes(region_.At<Word>(content), text);
+    StoreBytes(&block->next, raw.text);
   }
-  slot.content.store(content, std::memory_order_release);
-  slot.check.store(CheckOf(hash, form, content, text), std::memory_order_release);
-  slot.form.store(form, std::memory_order_release);
+  slot.content.store(raw.content, std::memory_order_release);
+  slot.check.store(raw.CheckOf(hash), std::memory_order_release);
+  slot.form.store(raw.form, std::memory_order_release);
   return true;
 }
 
-Code Table::Prepare(std::string_view path, const Value* value, std::uint32_t* key) {
-  const auto mark = path.starts_with(kMemoryPrefix) ? layout::kPreparedInMemory : layout::kPreparedForDisk;
+bool Table::Prepare(std::string_view path, const Value* value, std::uint32_t* key) {
   const std::uint32_t hash = HashOf(path);
   Key* found = Find(path, hash, key);
   if (found == nullptr) {
     const auto size = static_cast<std::uint32_t>(path.size());
-    *key = Take(SizeOfKey(size));
+    *key = Allocate(SizeOfKey(size));
     found = region_.At<Key>(*key, SizeOfKey(size));
     if (found == nullptr) {
-      return Code::kFull;
+      return false;
     }
-    Word& bucket = region_.header().buckets[hash % layout::kBuckets];
-    found->next.store(bucket.load(std::memory_order_relaxed), std::memory_order_release);
     found->hash.store(hash, std::memory_order_release);
     found->path_size.store(size, std::memory_order_release);
-    found->prepared.store(mark, std::memory_order_release);
     found->version.store(0, std::memory_order_release);
     for (Slot& slot : found->slots) {
-      slot.form.store(0, std::memory_order_release);
-      slot.content.store(0, std::memory_order_release);
-      slot.check.store(CheckOf(hash, 0, 0, {}), std::memory_order_release);
+      slot.block.store(0, std::memory_order_release);
+      FillSlot(slot, hash, nullptr);
     }
     StoreBytes(PathWords(*found), path);
+    Word& bucket = region_.header().buckets[hash % layout::kBuckets];
+    found->next.store(bucket.load(std::memory_order_relaxed), std::memory_order_release);
     bucket.store(*key, std::memory_order_release);
   }
-  found->prepared.store(mark, std::memory_order_relaxed);
-  const std::uint32_t version = found->version.load(std::memory_order_relaxed);
-  const bool filled = FillSlot(found->slots[(version + 1) % 2], hash, value);
-  if (!filled) {
-    found->prepared.store(layout::kNotPrepared, std::memory_order_relaxed);
-  }
-  return filled ? Code::kOk : Code::kFull;
+  return FillSlot(found->slots[(found->version.load(std::memory_order_relaxed) + 1) % 2], hash, value);
 }
 
-void Table::Flip(std::uint32_t key) {
-  if (Key* const at = KeyAt(key)) {
-    at->version.fetch_add(1, std::memory_order_release);
-    at->prepared.store(layout::kNotPrepared, std::memory_order_release);
-  }
-}
-
-const Slot* Table::Prepared(std::uint32_t key) const {
-  const Key* const at = KeyAt(key);
-  return at != nullptr ? &at->slots[(at->version.load(std::memory_order_relaxed) + 1) % 2] : nullptr;
-}
-
-// `visit` returns true if it has unlinked the key from `link`.
-void Table::ForEachKey(const std::function<bool(Word&, Key&)>& visit) {
-  for (Word& bucket : region_.header().buckets) {
+void Table::Sweep(bool spares_disk) {
+  layout::Header& header = region_.header();
+  header.floor = header.last + 1;  // the records refer to keys
+  header.unlinks.fetch_add(1);
+  std::vector<std::pair<std::uint32_t, std::uint32_t>> used;
+  std::string path;
+  for (Word& bucket : header.buckets) {
     Word* link = &bucket;
     for (std::uint32_t steps = 0; steps < kMaxKeys; ++steps) {
-      Key* const key = KeyAt(link->load(std::memory_order_relaxed));
+      const std::uint32_t at = link->load(std::memory_order_relaxed);
+      Key* const key = KeyAt(at);
       if (key == nullptr) {
         break;
       }
-      if (!visit(*link, *key)) {
-        link = &key->next;
+      if (!spares_disk || (PathOf(at, &path) && path.starts_with(kMemoryPrefix))) {
+        const std::uint32_t version = key->version.load(std::memory_order_relaxed);
+        if (KindOf(key->slots[version % 2].form.load(std::memory_order_relaxed)) == layout::kNone) {
+          link->store(key->next.load(std::memory_order_relaxed), std::memory_order_release);
+          continue;
+        }
+        key->slots[(version + 1) % 2].block.store(0, std::memory_order_release);
       }
+      used.emplace_back(at, SizeOfKey(key->path_size.load(std::memory_order_relaxed)));
+      for (const Slot& slot : key->slots) {
+        const std::uint32_t text = slot.block.load(std::memory_order_relaxed);
+        if (const auto* const block = region_.At<Block>(text)) {
+          used.emplace_back(text, block->size.load(std::memory_order_relaxed));
+        }
+      }
+      link = &key->next;
     }
   }
+  header.unlinks.fetch_add(1);
+  FreeAllBut(std::move(used));
 }
 
-void Table::Drop(const std::vector<std::uint32_t>& keys) {
-  for (const std::uint32_t key : keys) {
-    if (Key* const at = KeyAt(key)) {
-      at->prepared.store(layout::kNotPrepared, std::memory_order_relaxed);
-    }
-  }
-}
-
-std::vector<std::uint32_t> Table::KeysPrepared(layout::Prepared mark) {
-  std::vector<std::uint32_t> keys;
-  ForEachKey([&](const Word& link, const Key& key) {
-    if (key.prepared.load(std::memory_order_relaxed) == mark) {
-      keys.push_back(link.load(std::memory_order_relaxed));
-    }
-    return false;
-  });
-  return keys;
-}
-
-// Unlinks removed keys, and frees all blocks that are no longer in use. The kept changes refer to keys, so they are
-// dropped first: a subscriber that has not read them gets one notification for each key instead.
-void Table::Sweep() {
+// Each element is the offset and the size of a block.
+void Table::FreeAllBut(std::vector<std::pair<std::uint32_t, std::uint32_t>> used) {
   layout::Header& header = region_.header();
-  header.floor = header.last + 1;
-  header.unlinks.fetch_add(1);
-  Heap::Blocks used;
-  for (const Word& chunk : header.chunks) {
-    if (chunk != 0) {
-      used.emplace_back(chunk.load(std::memory_order_relaxed), layout::kMaxBlock);
+  header.free.store(0, std::memory_order_relaxed);
+  std::sort(used.begin(), used.end());
+  std::uint32_t begin = layout::kFirstBlock;
+  Word* link = &header.free;
+  for (const auto& [at, size] : used) {
+    if (at % kUnit != 0 || size % kUnit != 0 || region_.At<Block>(at, size) == nullptr) {
+      continue;  // a damaged value
     }
+    if (auto* const block = region_.At<Block>(begin); at > begin) {
+      block->size.store(at - begin, std::memory_order_release);
+      block->next.store(0, std::memory_order_release);
+      link->store(begin, std::memory_order_release);
+      link = &block->next;
+    }
+    begin = std::max(begin, at + size);
   }
-  ForEachKey([&](Word& link, Key& key) {
-    if (key.prepared.load(std::memory_order_relaxed) == layout::kNotPrepared) {
-      const std::uint32_t version = key.version.load(std::memory_order_relaxed);
-      key.slots[(version + 1) % 2].form = 0;
-      if (KindOf(key.slots[version % 2].form.load(std::memory_order_relaxed)) == layout::kNone) {
-        link.store(key.next.load(std::memory_order_relaxed), std::memory_order_release);
-        return true;
-      }
-    }
-    used.emplace_back(link.load(std::memory_order_relaxed), SizeOfKey(key.path_size.load(std::memory_order_relaxed)));
-    for (const Slot& slot : key.slots) {
-      const std::uint32_t form = slot.form.load(std::memory_order_relaxed);
-      if (KindOf(form) == layout::kText && SizeOf(form) > 0) {
-        used.emplace_back(slot.content.load(std::memory_order_relaxed), SizeOf(form));
-      }
-    }
-    return false;
-  });
-  header.unlinks.fetch_add(1);
-  heap_.FreeAllBut(std::move(used));
+  header.end.store(begin, std::memory_order_relaxed);
 }
 
 }  // namespace vconf

@@ -6,7 +6,6 @@
 #include <string_view>
 #include <vector>
 
-#include "heap.h"
 #include "region.h"
 #include "vconf_control.h"
 
@@ -14,6 +13,26 @@ namespace vconf {
 
 /// The prefix of the keys that are not kept on disk.
 constexpr std::string_view kMemoryPrefix = "memory/";
+
+/// The prefix of the internal keys that hold faults; their changes are not delivered.
+constexpr std::string_view kFaultPrefix = "!fault/";
+
+/// A value as it is in a slot or a record; `text` is used only for a text.
+struct RawValue {
+  std::uint32_t form = 0;
+  std::uint32_t content = 0;
+  std::string text;
+
+  bool is_text() const { return layout::KindOf(form) == layout::kText; }
+  std::optional<Value> ToValue() &&;
+
+  /// The checksum of this value for a path with this hash.
+  std::uint32_t CheckOf(std::uint32_t hash) const;
+};
+
+/// Bytes in words that other processes may write meanwhile. `bytes` are padded with zeros.
+void StoreBytes(layout::Word* words, std::string_view bytes);
+void LoadBytes(const layout::Word* words, std::uint32_t size, std::string* bytes);
 
 /// The keys of a region and their values.
 ///
@@ -23,7 +42,7 @@ constexpr std::string_view kMemoryPrefix = "memory/";
 /// failure and never a value.
 class Table {
  public:
-  explicit Table(Region& region) : region_(region), heap_(region) {}
+  explicit Table(Region& region) : region_(region) {}
 
   // ---- for readers. Any thread, no lock. Failures are `kMissing` and `kDamaged`.
 
@@ -36,54 +55,41 @@ class Table {
   /// is not a snapshot if there are concurrent writes.
   Code List(std::string_view prefix, std::vector<Entry>* entries) const;
 
-  /// The path of the key at offset `key`; false if there is none.
-  bool PathOf(std::uint32_t key, std::string* path) const;
+  /// The key at `offset`; null if there cannot be one.
+  layout::Key* KeyAt(std::uint32_t offset) const;
+
+  /// The path of the key at `offset`; false if there is none.
+  bool PathOf(std::uint32_t offset, std::string* path) const;
+
+  bool IsFault(std::uint32_t offset) const;
 
   static std::uint32_t HashOf(std::string_view path);
 
-  /// The value of `slot.check` for this content.
-  static std::uint32_t CheckOf(std::uint32_t hash, std::uint32_t form, std::uint32_t content, std::string_view text);
+  /// Reads what is in `slot`, and returns the checksum that belongs to it. A text of an impossible size stays empty.
+  std::uint32_t LoadSlot(const layout::Slot& slot, RawValue* value) const;
 
   // ---- for writers, with the region's lock held
 
-  /// Prepares `value`, or the removal of the key if it is null, so that `Flip` cannot fail; readers do not see it yet.
-  /// Only one value of a key can be prepared; a second `Prepare` drops the first. A path in memory is marked
-  /// `kPreparedInMemory`, any other one `kPreparedForDisk`.
-  Code Prepare(std::string_view path, const Value* value, std::uint32_t* key);
+  /// Prepares `value`, or the removal of the key if it is null, in the unused slot of the key, where readers do not see
+  /// it. A second call for the same key replaces the first. False if there is no space.
+  bool Prepare(std::string_view path, const Value* value, std::uint32_t* key);
 
-  /// Makes the prepared value the current one.
-  void Flip(std::uint32_t key);
-
-  /// The slot that `Prepare` filled.
-  const layout::Slot* Prepared(std::uint32_t key) const;
-
-  /// Drops the prepared values of these keys.
-  void Drop(const std::vector<std::uint32_t>& keys);
-
-  /// The keys with this mark.
-  std::vector<std::uint32_t> KeysPrepared(layout::Prepared mark);
-
-  Heap& heap() { return heap_; }
+  /// Frees all blocks that are not in use, also those of removed keys and of unused slots. The kept changes are
+  /// dropped: a subscriber that has not read them gets one notification for each key instead. Spares what is prepared
+  /// for keys on disk if `spares_disk`, and nothing else.
+  void Sweep(bool spares_disk);
 
  private:
-  struct Held;
-  layout::Key* KeyAt(std::uint32_t offset) const;
   layout::Key* Find(std::string_view path, std::uint32_t hash, std::uint32_t* offset) const;
   template <typename Visit>
   bool ReadBucket(std::uint32_t bucket, Visit&& visit) const;
-  bool IsSound(std::uint32_t hash) const;
-  bool ReadSlot(const layout::Key& key, const layout::Slot& slot, Held* held) const;
-  Code Look(const layout::Key& key, Held* held) const;
-  template <typename Found>
-  Code Seek(std::string_view path, Held* held, Found&& found) const;
+  Code Look(const layout::Key& key, RawValue* held) const;
+  Code Seek(std::string_view path, RawValue* held) const;
   bool FillSlot(layout::Slot& slot, std::uint32_t hash, const Value* value);
-  void EmptySlot(layout::Slot& slot);
-  std::uint32_t Take(std::uint32_t size);
-  void Sweep();
-  void ForEachKey(const std::function<bool(layout::Word& link, layout::Key& key)>& visit);
+  std::uint32_t Allocate(std::uint32_t size);
+  void FreeAllBut(std::vector<std::pair<std::uint32_t, std::uint32_t>> used);
 
   Region& region_;
-  Heap heap_;
 };
 
 }  // namespace vconf
