@@ -73,16 +73,18 @@ Status Store::ClearFaults() {
   });
 }
 
-Status Store::ListFaults(std::vector<Fault>* faults) {
+Result<std::vector<Fault>> Store::ListFaults() {
   Region& now = region();
   std::vector<Entry> held;
   const Code code = Table(now).List(kFaultPrefix, &held);
+  std::vector<Fault> faults;
   for (const Entry& entry : held) {
     if (auto fault = FaultOf(entry.path, entry.value)) {
-      faults->push_back(*std::move(fault));
+      faults.push_back(*std::move(fault));
     }
   }
-  return NoteRead(ToStatus(now.IsWhole() ? code : Code::kDamaged, kFaultPrefix, now));
+  Status status = NoteRead(ToStatus(now.IsWhole() ? code : Code::kDamaged, kFaultPrefix, now));
+  return status.ok() ? Result(std::move(faults)) : std::move(status);
 }
 
 std::optional<int> Store::FindFault(std::string_view call, std::string_view path) {

@@ -132,7 +132,11 @@ Result<std::vector<std::string>> Folder::Names() const {
   return failed ? Result<std::vector<std::string>>(SystemFailure(path_, failed.value())) : Result(std::move(names));
 }
 
-Result<std::string> Folder::MoveAway(const std::vector<std::string>& names) const {
+Result<std::string> Folder::MoveAway(const std::function<bool(const std::string& name)>& moves) const {
+  const auto names = Names();
+  if (!names.ok()) {
+    return names.status();
+  }
   for (const std::string& place : {path_ + ".replaced-", File("replaced-")}) {
     std::string target;
     int number = 0;
@@ -141,8 +145,9 @@ Result<std::string> Folder::MoveAway(const std::vector<std::string>& names) cons
       target += std::to_string(++number);
     } while (mkdir(target.c_str(), 0700) != 0 && errno == EEXIST);
     bool moved = access(target.c_str(), W_OK) == 0;
-    for (const std::string& name : names) {
-      moved = moved && rename(File(name).c_str(), std::string(target).append("/").append(name).c_str()) == 0;
+    for (const std::string& name : *names) {
+      moved = moved &&
+              (!moves(name) || rename(File(name).c_str(), std::string(target).append("/").append(name).c_str()) == 0);
     }
     if (moved) {
       return target;

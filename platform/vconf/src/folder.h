@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -82,9 +83,9 @@ class Folder {
 
   Result<std::vector<std::string>> Names() const;
 
-  /// Moves these files to a new folder beside this one and returns its name. If the file system does not allow that,
-  /// the new folder is inside this one.
-  Result<std::string> MoveAway(const std::vector<std::string>& names) const;
+  /// Moves the files that `moves` selects to a new folder beside this one and returns its name. If the file system does
+  /// not allow that, the new folder is inside this one.
+  Result<std::string> MoveAway(const std::function<bool(const std::string& name)>& moves) const;
 
   /// Prevents other processes from creating or replacing the store until the result is destroyed.
   Result<MakingLock> LockMaking() const;

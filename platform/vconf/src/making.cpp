@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <utility>
 
 #include "dlog.h"
@@ -17,14 +16,12 @@ namespace {
 const std::string kNewDatabase = std::string(Folder::kDatabase) + Folder::kUnfinished;
 const std::string kNewRegion = std::string(Folder::kRegion) + Folder::kUnfinished;
 
-using PlaceResult = Result<std::unique_ptr<Place>>;
+using RegionResult = Result<std::unique_ptr<Region>>;
 
-PlaceResult At(Folder folder, Result<std::unique_ptr<Region>> region) {
-  return region.ok() ? PlaceResult(std::make_unique<Place>(Place{std::move(folder), *std::move(region)}))
-                     : region.status();
-}
+RegionResult IfOk(Status status, RegionResult region) { return status.ok() ? std::move(region) : std::move(status); }
 
 bool IsUnfinished(const std::string& name) { return name.find(Folder::kUnfinished) != std::string::npos; }
+bool IsOld(const std::string& name) { return name == Folder::kOldStore || name == "lock.mdb" || name == "bell"; }
 
 // Fills a region that no other process uses yet. Its change numbers continue from `last`.
 Status Fill(Region& region, const std::vector<Row>& rows, std::uint64_t number, std::uint64_t last) {
@@ -44,11 +41,11 @@ Status Fill(Region& region, const std::vector<Row>& rows, std::uint64_t number, 
 }
 
 // Creates a region from `rows` under a temporary name.
-Result<std::unique_ptr<Region>> MakeRegion(const Folder& folder, ino_t database, const std::vector<Row>& rows,
-                                           std::uint64_t number, std::uint64_t last) {
+RegionResult MakeRegion(const Folder& folder, ino_t database, const std::vector<Row>& rows, std::uint64_t number,
+                        std::uint64_t last) {
   auto region = Region::Make(folder, kNewRegion, database);
   Status status = region.ok() ? Fill(**region, rows, number, last) : region.status();
-  return status.ok() ? std::move(region) : Result<std::unique_ptr<Region>>(std::move(status));
+  return IfOk(std::move(status), std::move(region));
 }
 
 // The counters that a new region takes from the old one, which may be of another boot or missing; 0 if not known.
@@ -56,7 +53,7 @@ struct Past {
   std::uint64_t last = 0;       // the number of its last change, from which the next region continues
   std::uint64_t published = 0;  // the number of its last commit
 };
-Past PastOf(const Result<std::unique_ptr<Region>>& region) {
+Past PastOf(const RegionResult& region) {
   constexpr std::uint64_t kBelievable = std::uint64_t{1} << 48U;
   if (!region.ok()) {
     return {};
@@ -79,7 +76,7 @@ Result<bool> IsFree(const Folder& folder) {
 }
 
 // A new store, complete except for the final names of its files.
-Result<std::unique_ptr<Region>> Build(const Folder& folder, const std::vector<Row>& rows, std::uint64_t last) {
+RegionResult Build(const Folder& folder, const std::vector<Row>& rows, std::uint64_t last) {
   std::vector<Row> lasting;
   std::copy_if(rows.begin(), rows.end(), std::back_inserter(lasting),
                [](const Row& row) { return !row.path.starts_with(kMemoryPrefix); });
@@ -100,73 +97,83 @@ Status Establish(const Folder& folder) {
   return status.ok() ? folder.Sync() : status;
 }
 
-PlaceResult Make(Folder folder, const std::vector<Row>& rows) {
+RegionResult Create(const Folder& folder, const std::vector<Row>& rows) {
   auto region = Build(folder, rows, 0);
-  Status status = region.ok() ? Establish(folder) : region.status();
-  return status.ok() ? At(std::move(folder), std::move(region)) : PlaceResult(std::move(status));
+  return IfOk(region.ok() ? Establish(folder) : Status(), std::move(region));
 }
 
-Status Migrate(const Folder& folder) {
+RegionResult Convert(const Folder& folder) {
   std::vector<Row> rows;
   Status status = ReadOldStore(folder, [&](Row row) { rows.push_back(std::move(row)); });
-  if (!status.ok()) {
-    return status;
+  auto region = status.ok() ? Create(folder, rows) : std::move(status);
+  if (region.ok()) {
+    const auto moved = folder.MoveAway(IsOld);
+    __dlog_print(2, 4, "VCONF", "%s: was of an earlier version and has been converted; its old files are in %s",
+                 folder.path().c_str(), moved.ok() ? moved->c_str() : "it still");
   }
-  const auto region = Build(folder, rows, 0);
-  status = region.ok() ? Establish(folder) : region.status();
-  if (!status.ok()) {
-    return status;
-  }
-  std::vector<std::string> old;
-  for (const char* const name : {Folder::kOldStore, "lock.mdb", "bell"}) {
-    if (std::filesystem::exists(folder.File(name))) {
-      old.emplace_back(name);
-    }
-  }
-  const auto moved = folder.MoveAway(old);
-  __dlog_print(2, 4, "VCONF", "%s: was of an earlier version and has been converted; its old files are in %s",
-               folder.path().c_str(), moved.ok() ? moved->c_str() : "it still");
-  return {};
+  return region;
 }
 
 // The keys on disk. SQLite takes damage in the log for its end; the previous region has the real number of commits.
-Status ReadAll(Database& database, const Result<std::unique_ptr<Region>>& before, std::vector<Row>* rows,
-               std::uint64_t* number) {
+Status ReadAll(Database& database, const RegionResult& before, std::vector<Row>* rows, std::uint64_t* number) {
   Status status = database.Read(true, rows, number);
   return status.ok() ? database.CheckNumber(*number, PastOf(before).published) : status;
 }
 
+bool HasOldStore(const Folder& folder) {
+  struct stat about = {};
+  return folder.Check(Folder::kOldStore, &about).ok();
+}
+
 // A private, read-only region, for a folder in which this process may not create one.
-PlaceResult AttachAlone(Folder folder) {
+RegionResult MakePrivate(const Folder& folder) {
   auto database = Database::Open(folder, false);
+  if (database.status().code() == Code::kMissing) {
+    return HasOldStore(folder)
+               ? Status(Code::kReadOnly,
+                        folder.File(Folder::kOldStore) +
+                            ": has the format of an earlier version; its owner must open it once to convert it")
+               : Status(Code::kMissing,
+                        folder.path() + ": there is no store here, and this process may not create one");
+  }
   auto region = Region::MakePrivate(folder);
   std::vector<Row> rows;
   std::uint64_t number = 0;
-  Status status = !database.ok() ? database.status() : region.ok() ? Status() : region.status();
+  Status status = !database.ok() ? database.status() : region.status();
   if (status.ok()) {
     status = ReadAll(**database, Region::OpenAny(folder), &rows, &number);
   }
   if (status.ok()) {
     status = Fill(**region, rows, number, 0);
   }
-  return status.ok() ? At(std::move(folder), std::move(region)) : PlaceResult(std::move(status));
+  return IfOk(std::move(status), std::move(region));
 }
 
-PlaceResult AttachFirst(Folder folder) {
+std::vector<Row> RowsOf(const std::vector<Entry>& entries) {
+  std::vector<Row> rows;
+  rows.reserve(entries.size());
+  for (const Entry& entry : entries) {
+    rows.push_back({entry.path, entry.value});
+  }
+  return rows;
+}
+
+// For the first process: a new store, an old one, or a store without a region of this boot.
+RegionResult MakeFirst(const Folder& folder, const std::vector<Entry>* initial) {
   const auto lock = folder.LockMaking();
+  const auto free = lock.ok() ? IsFree(folder) : lock.status();
   ino_t inode = 0;
-  Status status = lock.ok() ? CheckDatabase(folder, &inode) : lock.status();
-  struct stat about = {};
-  if (status.code() == Code::kMissing && folder.Check(Folder::kOldStore, &about).ok()) {
-    status = Migrate(folder);
-    status = status.ok() ? CheckDatabase(folder, &inode) : status;
+  Status status = free.ok() ? CheckDatabase(folder, &inode) : free.status();
+  if (status.code() == Code::kMissing && free.ok()) {
+    return HasOldStore(folder)  ? Convert(folder)
+           : !*free             ? Status(Code::kMissing, folder.File(Folder::kDatabase) +
+                                                             ": is not there, so the folder holds no store; name another one")
+           : initial != nullptr ? Create(folder, RowsOf(*initial))
+                                : Status(Code::kMissing, folder.path() + ": there is no store here");
   }
-  if (!status.ok()) {
-    return status;
-  }
-  auto region = Region::Open(folder, inode);
-  if (region.ok() || region.status().code() != Code::kMissing) {
-    return At(std::move(folder), std::move(region));
+  auto region = status.ok() ? Region::Open(folder, inode) : std::move(status);
+  if (region.status().code() != Code::kMissing) {
+    return region;  // of another process that was faster
   }
   const auto before = Region::OpenAny(folder);
   if (before.ok() && (*before)->writable()) {
@@ -182,10 +189,8 @@ PlaceResult AttachFirst(Folder folder) {
     region = MakeRegion(folder, inode, rows, number, PastOf(before).last);
     status = region.ok() ? folder.Rename(kNewRegion, Folder::kRegion) : region.status();
   }
-  if (status.code() == Code::kFull) {  // so that the store can be read
-    return AttachAlone(std::move(folder));
-  }
-  return status.ok() ? At(std::move(folder), std::move(region)) : PlaceResult(std::move(status));
+  // If the disk is full, the store can be read at least.
+  return status.code() == Code::kFull ? MakePrivate(folder) : IfOk(std::move(status), std::move(region));
 }
 
 Result<Folder> OpenOrMakeFolder(const std::string& directory, bool make) {
@@ -202,67 +207,20 @@ Result<Folder> OpenOrMakeFolder(const std::string& directory, bool make) {
   return folder;
 }
 
-std::vector<Row> RowsOf(const std::vector<Entry>& entries) {
-  std::vector<Row> rows;
-  rows.reserve(entries.size());
-  for (const Entry& entry : entries) {
-    rows.push_back({entry.path, entry.value});
-  }
-  return rows;
-}
-
 }  // namespace
 
-PlaceResult Attach(const std::string& directory, const std::vector<Entry>* initial) {
+Result<Place> Attach(const std::string& directory, const std::vector<Entry>* initial, bool may_be_private) {
   auto folder = OpenOrMakeFolder(directory, initial != nullptr);
   if (!folder.ok()) {
     return folder.status();
   }
   ino_t inode = 0;
-  const Status status = CheckDatabase(*folder, &inode);
-  if (status.ok()) {
-    auto region = Region::Open(*folder, inode);
-    if (region.ok() || region.status().code() != Code::kMissing) {
-      return At(*std::move(folder), std::move(region));
-    }
-    return folder->may_write() ? AttachFirst(*std::move(folder)) : AttachAlone(*std::move(folder));
+  Status status = CheckDatabase(*folder, &inode);
+  auto region = status.ok() ? Region::Open(*folder, inode) : std::move(status);
+  if (region.status().code() == Code::kMissing && (folder->may_write() || may_be_private)) {
+    region = folder->may_write() ? MakeFirst(*folder, initial) : MakePrivate(*folder);
   }
-  if (status.code() != Code::kMissing) {
-    return status;
-  }
-  struct stat about = {};
-  if (folder->Check(Folder::kOldStore, &about).ok()) {
-    return folder->may_write()
-               ? AttachFirst(*std::move(folder))
-               : Status(Code::kReadOnly,
-                        folder->File(Folder::kOldStore) +
-                            ": has the format of an earlier version; its owner must open it once to convert it");
-  }
-  if (!folder->may_write()) {
-    return Status(Code::kMissing, directory + ": there is no store here, and this process may not create one");
-  }
-  const auto lock = folder->LockMaking();
-  const auto free = lock.ok() ? IsFree(*folder) : lock.status();
-  if (!free.ok()) {
-    return free.status();
-  }
-  if (*free) {
-    return initial != nullptr ? Make(*std::move(folder), RowsOf(*initial))
-                              : Status(Code::kMissing, directory + ": there is no store here");
-  }
-  if (CheckDatabase(*folder, &inode).ok()) {  // another process has created it meanwhile
-    auto region = Region::Open(*folder, inode);
-    return At(*std::move(folder), std::move(region));
-  }
-  return Status(Code::kMissing,
-                folder->File(Folder::kDatabase) + ": is not there, so the folder holds no store; name another one");
-}
-
-PlaceResult AttachShared(Folder folder) {
-  ino_t inode = 0;
-  Status status = CheckDatabase(folder, &inode);
-  auto region = status.ok() ? Region::Open(folder, inode) : std::move(status);
-  return At(std::move(folder), std::move(region));
+  return region.ok() ? Result(Place{*std::move(folder), *std::move(region)}) : region.status();
 }
 
 Result<std::string> Replace(const std::string& directory, const std::vector<Entry>& initial) {
@@ -274,16 +232,14 @@ Result<std::string> Replace(const std::string& directory, const std::vector<Entr
     return Status(Code::kReadOnly, directory + ": may only be read by this process");
   }
   const auto lock = folder->LockMaking();
+  const auto is_ours = [](const std::string& name) {
+    return !IsUnfinished(name) && (name.starts_with(Folder::kDatabase) || name == Folder::kRegion || IsOld(name));
+  };
   const auto names = folder->Names();
   if (!lock.ok() || !names.ok()) {
     return lock.ok() ? names.status() : lock.status();
   }
-  std::vector<std::string> old;
-  std::copy_if(names->begin(), names->end(), std::back_inserter(old), [](const std::string& name) {
-    return !IsUnfinished(name) && (name.starts_with(Folder::kDatabase) || name == Folder::kRegion ||
-                                   name == Folder::kOldStore || name == "lock.mdb" || name == "bell");
-  });
-  if (old.empty()) {
+  if (std::none_of(names->begin(), names->end(), is_ours)) {
     return Status(Code::kMissing, directory + ": there is no store here");
   }
   const auto before = Region::OpenAny(*folder);
@@ -301,7 +257,7 @@ Result<std::string> Replace(const std::string& directory, const std::vector<Entr
   if (before.ok() && (*before)->writable()) {
     (*before)->MarkReplaced();
   }
-  auto moved = folder->MoveAway(old);
+  auto moved = folder->MoveAway(is_ours);
   if (!moved.ok()) {
     return moved;
   }

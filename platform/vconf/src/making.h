@@ -21,11 +21,9 @@ struct Place {
 };
 
 /// Opens the store in `directory`, and creates its region if there is none of this boot. If the folder does not exist
-/// or is empty, creates a store with `initial`, unless `initial` is null.
-Result<std::unique_ptr<Place>> Attach(const std::string& directory, const std::vector<Entry>* initial);
-
-/// Opens the store of `folder` if it has a region of this boot; `kMissing` otherwise.
-Result<std::unique_ptr<Place>> AttachShared(Folder folder);
+/// or is empty, creates a store with `initial`, unless `initial` is null. A process that may not create a region gets a
+/// private one, or `kMissing` if it may not be private.
+Result<Place> Attach(const std::string& directory, const std::vector<Entry>* initial, bool may_be_private = true);
 
 /// See `ReplaceStore` in vconf_control.h.
 Result<std::string> Replace(const std::string& directory, const std::vector<Entry>& initial);

@@ -30,34 +30,22 @@ constexpr std::chrono::milliseconds kSettleLook{100};
 constexpr std::size_t kMostAtOnce = 256;
 
 // The program's signal handlers must not run on the notification thread, except those for faults.
-class SignalsBlocked {
- public:
-  SignalsBlocked() {
-    sigset_t all;
-    sigfillset(&all);
-    for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP}) {
-      sigdelset(&all, fault);
-    }
-    pthread_sigmask(SIG_SETMASK, &all, &previous_);
+void BlockSignals(sigset_t* previous) {
+  sigset_t all;
+  sigfillset(&all);
+  for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP}) {
+    sigdelset(&all, fault);
   }
-  SignalsBlocked(const SignalsBlocked&) = delete;
-  SignalsBlocked& operator=(const SignalsBlocked&) = delete;
-  ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &previous_, nullptr); }
-
- private:
-  sigset_t previous_{};
-};
+  pthread_sigmask(SIG_SETMASK, &all, previous);
+}
 
 }  // namespace
 
 Notifier::~Notifier() {
   std::unique_lock lock(mutex_);
-  std::vector<ListenerPtr> ended = std::exchange(watches_, {});
-  for (auto& [path, listeners] : by_path_) {
-    ended.insert(ended.end(), listeners.begin(), listeners.end());
-  }
+  const std::vector<ListenerPtr> ended = AllLocked();
+  watches_.clear();
   by_path_.clear();
-  subscriptions_ = 0;
   AwaitEnd(lock, ended);
   progress_.wait(lock, [this] { return !alive_; });
   if (thread_.joinable()) {
@@ -71,7 +59,6 @@ Status Notifier::Subscribe(const std::string& path, vconf_callback_fn callback, 
   Status status = Start(&since);
   if (status.ok()) {
     by_path_[path].push_back(std::make_shared<Listener>(Listener{path, since, callback, user_data, {}}));
-    ++subscriptions_;
   }
   return status;
 }
@@ -104,15 +91,17 @@ Status Notifier::Start(std::uint64_t* since) {
   }
   region_ = &region;
   next_ = *since + 1;
+  sigset_t previous;
+  BlockSignals(&previous);
   try {
-    const SignalsBlocked blocked;
     thread_ = std::thread([this] { Run(); });
-  } catch (const std::system_error& error) {
-    return {Code::kFailed, std::string("the notification thread: ") + error.what()};
+    thread_id_ = thread_.get_id();
+    alive_ = true;
+  } catch (const std::system_error&) {
   }
-  thread_id_ = thread_.get_id();
-  alive_ = true;
-  return {};
+  pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+  return alive_ ? Status()
+                : Status(Code::kFailed, "the notification thread cannot be started; end other threads or processes");
 }
 
 void Notifier::Ignore(const std::string& path, vconf_callback_fn callback) {
@@ -126,7 +115,6 @@ void Notifier::Ignore(const std::string& path, vconf_callback_fn callback) {
                                           [callback](const auto& each) { return each->callback != callback; });
   const std::vector<ListenerPtr> ended(keep, listeners.end());
   listeners.erase(keep, listeners.end());
-  subscriptions_ -= ended.size();
   if (listeners.empty()) {
     by_path_.erase(found);
   }
@@ -146,7 +134,6 @@ void Notifier::AwaitEnd(std::unique_lock<std::mutex>& lock, const std::vector<Li
   if (OnThread() || forked_) {
     return;
   }
-  ++waiting_;
   progress_.wait(lock, [&] {
     return std::none_of(ended.begin(), ended.end(), [this](const auto& each) { return each.get() == running_; });
   });
@@ -155,7 +142,6 @@ void Notifier::AwaitEnd(std::unique_lock<std::mutex>& lock, const std::vector<Li
     // A listener that removed itself may still be running, and is not waited for; otherwise the thread ends at once.
     progress_.wait(lock, [this] { return !alive_ || !IdleLocked() || running_ != nullptr; });
   }
-  --waiting_;
   if (!alive_ && thread_.joinable()) {
     thread_.join();
     thread_id_ = {};
@@ -169,7 +155,6 @@ void Notifier::Settle() {
   }
   const Region& now = store_.region();
   const std::uint64_t last = now.header().last.load(std::memory_order_acquire);
-  ++waiting_;
   const auto settled = [&, before = lost_] {
     return !alive_ || (region_ == &now && next_ > last && running_ == nullptr) || (!now.IsWhole() && lost_ != before);
   };
@@ -177,12 +162,11 @@ void Notifier::Settle() {
   while (!progress_.wait_for(lock, kSettleLook, settled)) {
     region_->WakeOwn();
   }
-  --waiting_;
 }
 
 std::size_t Notifier::subscriptions() const {
   const std::lock_guard lock(mutex_);
-  return subscriptions_;
+  return AllLocked().size() - watches_.size();
 }
 
 void Notifier::AfterForkInChild() {
@@ -263,9 +247,7 @@ bool Notifier::Deliver(Region** region) {
       next_ = changes.back().sequence + 1;
     }
     lost_ += lost ? 1 : 0;
-    if (waiting_ > 0) {
-      progress_.notify_all();
-    }
+    progress_.notify_all();
     if (changes.empty() && remembered) {
       return true;
     }
@@ -345,9 +327,7 @@ void Notifier::Call(const ListenerPtr& listener, const Change& change) {
     _exit(0);  // the listener has forked; in the child it must not return into this thread
   }
   running_ = nullptr;
-  if (waiting_ > 0) {
-    progress_.notify_all();
-  }
+  progress_.notify_all();
 }
 
 }  // namespace vconf

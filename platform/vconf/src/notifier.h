@@ -69,14 +69,12 @@ class Notifier {
   std::condition_variable progress_;  // a call returned, a change was delivered, or the thread ended
   std::unordered_map<std::string, std::vector<ListenerPtr>> by_path_;
   std::vector<ListenerPtr> watches_;
-  std::size_t subscriptions_ = 0;
   const Listener* running_ = nullptr;
   Region* region_ = nullptr;  // the region to which `next_` refers
   std::uint64_t next_ = 0;    // the first change that was not delivered yet
   bool alive_ = false;        // the thread runs, and will check for listeners before it ends
   bool forked_ = false;       // the thread belongs to the parent
   unsigned lost_ = 0;         // how often the region was replaced, or was damaged without a replacement
-  unsigned waiting_ = 0;      // threads that wait for progress
   std::thread thread_;
   std::thread::id thread_id_;
 };

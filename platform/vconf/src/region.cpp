@@ -71,16 +71,16 @@ int Allocate(int file, std::size_t from, std::size_t size) {
 
 constexpr std::size_t kRing = offsetof(layout::Header, ring);
 
-// The header fields that are the same in every new region.
-void Begin(layout::Header& header) {
-  InitLock(header.lock);
-  InitLock(header.disk_lock);
+// The header fields that are the same in every new region. Returns 0, or the error of initialising the locks.
+int Begin(layout::Header& header) {
   header.end = layout::kFirstBlock;
   header.records = layout::kFirstRecords;
   for (layout::Word& bucket : header.buckets) {
     bucket.store(layout::kEndOfList, std::memory_order_relaxed);
   }
   header.state = layout::kWhole;
+  const int error = InitLock(header.lock);
+  return error == 0 ? InitLock(header.disk_lock) : error;
 }
 
 // The futex bit of this process; some other processes may have the same.
@@ -174,17 +174,18 @@ Result<std::unique_ptr<Region>> Region::Make(const Folder& folder, const std::st
   header.format = layout::kFormat;
   header.lock_size = sizeof(pthread_mutex_t);
   header.growing = layout::kFirstBlock + kGrowth;
-  Begin(header);
-  return region;
+  error = Begin(header);
+  return error == 0 ? std::move(region) : SystemFailure((*region)->file(), error);
 }
 
 Result<std::unique_ptr<Region>> Region::MakePrivate(const Folder& folder) {
   auto region = Map(folder.File(Folder::kRegion), Descriptor(), true);
-  if (region.ok()) {
-    (*region)->header().growing = layout::kMaxSize;
-    Begin((*region)->header());
+  if (!region.ok()) {
+    return region;
   }
-  return region;
+  (*region)->header().growing = layout::kMaxSize;
+  const int error = Begin((*region)->header());
+  return error == 0 ? std::move(region) : SystemFailure((*region)->file(), error);
 }
 
 bool Region::IsRemoved() const {

@@ -106,14 +106,21 @@ std::string HolderOf(const std::vector<std::string>& files) {
 
 void NoteProcess() { g_process = static_cast<std::uint32_t>(getpid()); }
 
-// If the kernel has no robust locks, the lock of a dead process stays held, and acquiring it fails with `kBusy`.
-void InitLock(layout::Lock& lock) {
+int InitLock(layout::Lock& lock) {
   pthread_mutexattr_t attributes;
-  pthread_mutexattr_init(&attributes);
+  int error = pthread_mutexattr_init(&attributes);
+  if (error != 0) {
+    return error;
+  }
   pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
   pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST);
-  pthread_mutex_init(&lock.mutex, &attributes);
+  error = pthread_mutex_init(&lock.mutex, &attributes);
+  if (error == ENOTSUP) {  // an emulated kernel: the lock of a dead process stays held, and acquiring it fails
+    pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_STALLED);
+    error = pthread_mutex_init(&lock.mutex, &attributes);
+  }
   pthread_mutexattr_destroy(&attributes);
+  return error;
 }
 
 SharedLock::SharedLock(layout::Lock& lock, const char* name, bool waits)

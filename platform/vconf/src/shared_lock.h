@@ -32,7 +32,8 @@ class WaitLimit {
 /// The process that has locked one of these files, or the folder, for messages.
 std::string HolderOf(const std::vector<std::string>& files);
 
-void InitLock(layout::Lock& lock);
+/// Returns 0, or the error.
+int InitLock(layout::Lock& lock);
 
 /// Must be called in a child after a fork.
 void NoteProcess();

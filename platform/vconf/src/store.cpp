@@ -73,8 +73,8 @@ Result<std::unique_ptr<Store>> Store::Open(const std::string& directory, const s
   if (!place.ok()) {
     return place.status();
   }
-  std::unique_ptr<Store> store(new Store((*place)->folder.path()));
-  store->region_ = (*place)->region.get();
+  std::unique_ptr<Store> store(new Store(place->folder.path()));
+  store->region_ = place->region.get();
   store->places_.push_back(*std::move(place));
   store->RecoverIfNeeded();
   return store;
@@ -91,41 +91,35 @@ Region& Store::Renew(Region& old) {
     return old;
   }
   const WaitLimit limit(kRenewalLimit);
-  const std::scoped_lock lock(database_mutex_, places_mutex_);
+  const std::lock_guard lock(database_mutex_);
   Region* const now = region_.load(std::memory_order_acquire);
   if (now != &old) {
     return *now;
   }
   if (auto place = Successor(old)) {
-    places_.push_back(std::move(place));
-    region_.store(places_.back()->region.get(), std::memory_order_release);
+    places_.push_back(*std::move(place));
+    region_.store(places_.back().region.get(), std::memory_order_release);
   } else {
     look_again_ = Clock::now() + kLookAgain;
   }
   return *region_.load(std::memory_order_relaxed);
 }
 
-// The region that replaces a damaged, replaced or private one; null while there is none.
-std::unique_ptr<making::Place> Store::Successor(Region& old) {
-  if (old.IsWhole()) {
-    auto folder = Folder::Open(directory_);
-    auto place = !folder.ok()          ? folder.status()
-                 : folder->may_write() ? making::Attach(directory_, nullptr)
-                                       : making::AttachShared(*std::move(folder));
-    if (!place.ok() || !(*place)->region->is_shared()) {
-      return nullptr;
-    }
-    old.MarkReplaced();
-    return *std::move(place);
-  }
+// The region that replaces a damaged, replaced or private one; empty while there is none.
+std::optional<making::Place> Store::Successor(Region& old) {
+  const bool is_private = old.IsWhole();
   const bool replaced = old.header().state == layout::kReplaced;
   database_.reset();  // its locks on the file are released when this process closes any other descriptor of it
-  auto place = making::Attach(directory_, nullptr);
-  if (!place.ok()) {
+  auto place = making::Attach(directory_, nullptr, !is_private);
+  if (is_private) {
+    if (!place.ok() || !place->region->is_shared()) {
+      return std::nullopt;
+    }
+    old.MarkReplaced();
+  } else if (!place.ok()) {
     static_cast<void>(NoteRead(replaced ? Status(Code::kRemoved, place.status().text()) : place.status()));
-    return nullptr;
-  }
-  if (!replaced) {
+    return std::nullopt;
+  } else if (!replaced) {
     __dlog_print(2, 6, "VCONF", "%s: is damaged; db/ and set/ were read from disk again, memory/ is lost",
                  old.file().c_str());
   }
@@ -134,14 +128,10 @@ std::unique_ptr<making::Place> Store::Successor(Region& old) {
 
 void Store::BeforeFork() {
   database_mutex_.lock();
-  places_mutex_.lock();
   database_.reset();
 }
 
-void Store::AfterFork() {
-  places_mutex_.unlock();
-  database_mutex_.unlock();
-}
+void Store::AfterFork() { database_mutex_.unlock(); }
 
 // ---- reading
 
@@ -172,33 +162,34 @@ Status Store::ToStatus(Code code, std::string_view path, const Region& region) c
   }
 }
 
-Code Store::GetNumber(std::string_view path, layout::Kind kind, int* number) {
+// Calls `read` on the current region; again if that was replaced meanwhile.
+template <typename Read>
+Code Store::ReadKey(std::string_view path, Region** region, const Read& read) {
   while (true) {
-    Region& now = region();
-    const Code code = Table(now).ReadNumber(path, kind, number);
-    if (code == Code::kOk || now.IsWhole()) {
-      return code == Code::kDamaged ? NoteRead(ToStatus(code, path, now)).code() : code;
+    *region = &this->region();
+    const Code code = read(Table(**region));
+    if (code == Code::kOk || (*region)->IsWhole()) {
+      return code == Code::kDamaged ? NoteRead(ToStatus(code, path, **region)).code() : code;
     }
-    if (&region() == &now) {
+    if (&this->region() == *region) {
       return Code::kDamaged;
     }
   }
 }
 
-Status Store::Get(std::string_view path, std::optional<Value>* value) {
+Code Store::GetNumber(std::string_view path, layout::Kind kind, int* number) {
+  Region* region = nullptr;
+  return ReadKey(path, &region, [&](const Table& table) { return table.ReadNumber(path, kind, number); });
+}
+
+Result<Value> Store::Get(std::string_view path) {
   if (!IsPath(path, true)) {
     return BadPath(path);
   }
-  while (true) {
-    Region& now = region();
-    const Code code = Table(now).Read(path, value);
-    if (code == Code::kOk || now.IsWhole()) {
-      return NoteRead(ToStatus(code, path, now));
-    }
-    if (&region() == &now) {
-      return ToStatus(Code::kDamaged, path, now);
-    }
-  }
+  Region* region = nullptr;
+  std::optional<Value> value;
+  const Code code = ReadKey(path, &region, [&](const Table& table) { return table.Read(path, &value); });
+  return code == Code::kOk ? Result(*std::move(value)) : ToStatus(code, path, *region);
 }
 
 Status Store::List(std::string_view prefix, std::vector<Entry>* entries) {
@@ -329,6 +320,9 @@ Status Store::Remove(std::string_view path) {
 }
 
 Status Store::Reset(const std::vector<Entry>& entries) {
+  if (Status wrong = CheckEntries(entries); !wrong.ok()) {
+    return wrong;
+  }
   for (const Home home : {Home::kMemory, Home::kDisk}) {
     const auto change = [&](bool removals_only) {
       return Change(home, [&](Region& region, std::vector<Row>* rows) {

@@ -28,11 +28,13 @@ class Store {
  public:
   static Result<std::unique_ptr<Store>> Open(const std::string& directory, const std::vector<Entry>* initial);
 
-  Status Get(std::string_view path, std::optional<Value>* value);
+  Result<Value> Get(std::string_view path);
   Code GetNumber(std::string_view path, layout::Kind kind, int* number);
   Status Set(std::string_view path, const Value& value);
   Status Remove(std::string_view path);
-  Status Reset(const std::vector<Entry>& entries);  // which pass `CheckEntries`
+  Status Reset(const std::vector<Entry>& entries);
+
+  /// Appends all that can be read, also when it fails.
   Status List(std::string_view prefix, std::vector<Entry>* entries);
 
   /// Fails if the store no longer exists or can no longer be read.
@@ -41,7 +43,7 @@ class Store {
   Status SetFault(const Fault& fault);
   Status ClearFault(std::string_view call, std::string_view path);
   Status ClearFaults();
-  Status ListFaults(std::vector<Fault>* faults);
+  Result<std::vector<Fault>> ListFaults();
 
   /// While there are no faults, this only reads one word.
   std::optional<int> TakeFault(std::string_view call, std::string_view path) {
@@ -54,7 +56,7 @@ class Store {
   /// replacement.
   Region& region();
 
-  /// Around a fork: closes SQLite for both processes, and locks the mutexes, so that the state is consistent.
+  /// Around a fork: closes SQLite for both processes, and locks the mutex, so that the state is consistent.
   void BeforeFork();
   void AfterFork();
 
@@ -73,8 +75,10 @@ class Store {
 
   explicit Store(std::string directory) : directory_(std::move(directory)) {}
 
+  template <typename Read>
+  Code ReadKey(std::string_view path, Region** region, const Read& read);
   Region& Renew(Region& old);
-  std::unique_ptr<making::Place> Successor(Region& old);
+  std::optional<making::Place> Successor(Region& old);
   Status ForWriting(Region** region);
   Status Change(Home home, const Plan& plan);
   Status ChangeInMemory(Region& region, const Plan& plan);
@@ -94,10 +98,9 @@ class Store {
 
   std::atomic<Region*> region_{nullptr};
   std::atomic<std::chrono::steady_clock::time_point> look_again_{};  // no search for a new region before this time
-  std::mutex places_mutex_;
-  std::vector<std::unique_ptr<making::Place>> places_;  // the last one is in use
 
-  std::mutex database_mutex_;           // acquired before `places_mutex_`
+  std::mutex database_mutex_;           // guards these two
+  std::vector<making::Place> places_;   // the last one is in use
   std::unique_ptr<Database> database_;  // opened for the first change on disk
 
   std::atomic<Code> last_read_{Code::kOk};

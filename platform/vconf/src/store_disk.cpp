@@ -62,21 +62,17 @@ Status Store::ChangeOnDisk(Region& region, const Plan& plan) {
 }
 
 Status Store::Connect(const Region& region) {
-  const Folder* folder = nullptr;
-  {
-    const std::lock_guard lock(places_mutex_);
-    folder = &places_.back()->folder;
-  }
+  const Folder& folder = places_.back().folder;
   struct stat about = {};
-  if (!folder->Check(Folder::kDatabase, &about).ok() || about.st_ino != region.header().database) {
+  if (!folder.Check(Folder::kDatabase, &about).ok() || about.st_ino != region.header().database) {
     database_.reset();
-    return {Code::kRemoved, folder->File(Folder::kDatabase) + ": was removed or replaced while it was in use"};
+    return {Code::kRemoved, folder.File(Folder::kDatabase) + ": was removed or replaced while it was in use"};
   }
-  if (database_ != nullptr && database_->IsCurrent(*folder)) {
+  if (database_ != nullptr && database_->IsCurrent(folder)) {
     return database_->CheckHead();
   }
   database_.reset();
-  auto opened = Database::Open(*folder, true);
+  auto opened = Database::Open(folder, true);
   if (!opened.ok()) {
     return opened.status();
   }

@@ -70,9 +70,12 @@ const Status& NoStore() {
 
 // Runs `step` on the store.
 template <typename Step>
-Status OnStore(Step&& step) {
+auto OnStore(Step&& step) -> decltype(step(std::declval<Store&>())) {
   const Session* const session = TheSession();
-  return session != nullptr ? step(*session->store) : NoStore();
+  if (session == nullptr) {
+    return NoStore();
+  }
+  return step(*session->store);
 }
 
 // A process has one store at a time.
@@ -162,9 +165,7 @@ Status CheckStore() {
 }
 
 Result<Value> Get(const std::string& path) {
-  std::optional<Value> value;
-  Status status = OnStore([&](Store& store) { return store.Get(path, &value); });
-  return status.ok() ? Result(*std::move(value)) : std::move(status);
+  return OnStore([&](Store& store) { return store.Get(path); });
 }
 
 Status Set(const std::string& path, const Value& value) {
@@ -176,9 +177,6 @@ Status Remove(const std::string& path) {
 }
 
 Status Reset(const std::vector<Entry>& entries) {
-  if (Status wrong = CheckEntries(entries); !wrong.ok()) {
-    return wrong;
-  }
   return OnStore([&](Store& store) { return store.Reset(entries); });
 }
 
@@ -229,9 +227,7 @@ Status ClearFaults() {
 }
 
 Result<std::vector<Fault>> ListFaults() {
-  std::vector<Fault> faults;
-  Status status = OnStore([&](Store& store) { return store.ListFaults(&faults); });
-  return status.ok() ? Result(std::move(faults)) : std::move(status);
+  return OnStore([](Store& store) { return store.ListFaults(); });
 }
 
 std::optional<int> TakeFault(std::string_view call, std::string_view path) {
