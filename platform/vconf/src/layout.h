@@ -101,7 +101,8 @@ struct Header {  // NOLINT(clang-analyzer-optin.performance.Padding): what chang
   LongWord born;
   LongWord database;  // the inode of the database that it was read from
 
-  Word faults;  // 0 if there are none
+  Word faults;    // 0 if there are none
+  Word openings;  // how often the region was opened for writing
 
   alignas(64) LongWord last;  // the number of the last change
   LongWord floor;             // changes below it are no longer kept

@@ -83,9 +83,6 @@ int Begin(layout::Header& header) {
   return error == 0 ? InitLock(header.disk_lock) : error;
 }
 
-// The futex bit of this process; some other processes may have the same.
-std::uint32_t OwnBit() { return 1U << (static_cast<std::uint32_t>(getpid()) % 32U); }
-
 }  // namespace
 
 Result<std::unique_ptr<Region>> Region::Map(std::string file, Descriptor descriptor, bool writable) {
@@ -144,6 +141,9 @@ Result<std::unique_ptr<Region>> Region::Open(const Folder& folder, ino_t databas
   if (header.lock_size != sizeof(pthread_mutex_t)) {
     return Status(Code::kFailed, (*region)->file() + ": is in use by programs of another word size");
   }
+  if ((*region)->writable()) {
+    (*region)->ChooseFutexBit();
+  }
   return region;
 }
 
@@ -175,6 +175,7 @@ Result<std::unique_ptr<Region>> Region::Make(const Folder& folder, const std::st
   header.lock_size = sizeof(pthread_mutex_t);
   header.growing = layout::kFirstBlock + kGrowth;
   error = Begin(header);
+  (*region)->ChooseFutexBit();
   return error == 0 ? std::move(region) : SystemFailure((*region)->file(), error);
 }
 
@@ -230,7 +231,7 @@ void Region::WakeAll() {
 void Region::WakeOwn() {
   if (writable_) {
     header().wakeups.fetch_add(1);  // a thread that is about to sleep then does not
-    Futex(header().wakeups, FUTEX_WAKE_BITSET, INT_MAX, nullptr, OwnBit());
+    Futex(header().wakeups, FUTEX_WAKE_BITSET, INT_MAX, nullptr, futex_bit_);
   }
 }
 
@@ -246,7 +247,7 @@ void Region::AwaitWakeup(std::uint32_t seen, std::chrono::nanoseconds limit) {
   const auto span = limit.count() + until.tv_nsec;
   until.tv_sec += static_cast<std::time_t>(span / kSecond);
   until.tv_nsec = static_cast<long>(span % kSecond);
-  Futex(header().wakeups, FUTEX_WAIT_BITSET, seen, &until, OwnBit());
+  Futex(header().wakeups, FUTEX_WAIT_BITSET, seen, &until, futex_bit_);
 }
 
 }  // namespace vconf

@@ -76,12 +76,15 @@ class Region {
   Region(std::string file, Descriptor descriptor, void* base, bool writable)
       : file_(std::move(file)), descriptor_(std::move(descriptor)), base_(base), writable_(writable) {}
 
+  void ChooseFutexBit() { futex_bit_ = 1U << (header().openings.fetch_add(1) % 32U); }
+
   static Result<std::unique_ptr<Region>> Map(std::string file, Descriptor descriptor, bool writable);
 
   const std::string file_;
   const Descriptor descriptor_;
   void* const base_;
   const bool writable_;
+  std::uint32_t futex_bit_ = 1;  // 32 openings in a row have different ones
 };
 
 }  // namespace vconf
