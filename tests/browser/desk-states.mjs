@@ -45,8 +45,8 @@ export const STATES = [
     await openPages(desk, 6);
     await desk.call("PUT", "/api/store/memory%2Fmy%2Ftext", { value: "  two\nlines" });
     await page.getByRole("button", { name: "Caption", exact: true }).click();
-    await page.getByRole("spinbutton", { name: "Mode, Caption" }).fill("many");
-    await page.getByRole("spinbutton", { name: "Mode, Caption" }).press("Enter");
+    await page.getByRole("spinbutton", { name: "Caption mode, Caption" }).fill("many");
+    await page.getByRole("spinbutton", { name: "Caption mode, Caption" }).press("Enter");
   } },
   { name: "set-with-faults", panel: "The set", show: async (page, desk) => {
     await desk.call("PUT", "/api/scenarios/evening", {});
