@@ -1,13 +1,18 @@
-// A page of the desk's own, for trying the plug-in out without writing one. It is a page like any other.
-import { addressOf } from "./api.js";
-import { report } from "./banner.js";
+// Consoles: pages of the desk itself, to try the plug-in without writing one. To the desk they are like other pages.
+import { addressOf, remove } from "./api.js";
+import { attempt, report } from "./banner.js";
 import { make } from "./dom.js";
-import { select, state } from "./state.js";
+import { select, selectedPage, state } from "./state.js";
 
-let element = null;
+const elements = new Set();
 
-/** Whether the page with this id is the console of this window. */
-export const isConsole = (id) => Boolean(element) && element.dataset.page === id;
+const elementOf = (id) => [...elements].find((element) => element.dataset.page === id);
+
+/** Whether the page with this id is a console of this window. */
+export const isConsole = (id) => Boolean(elementOf(id));
+
+// How many to open after a reload.
+const remember = () => sessionStorage.setItem("consoles", String(elements.size));
 
 function loadScript() {
   if (HTMLEmbedElement.prototype.postMessageAndAwaitResponse) return Promise.resolve();
@@ -17,13 +22,8 @@ function loadScript() {
   });
 }
 
-/** Opens the console, or shows the one that there is. */
-export async function openConsole() {
-  if (element) {
-    select(element.dataset.page);
-    report("done", { title: "The console is open already.", text: "This window has one, whose tab is chosen now.", mild: true, dismiss: true });
-    return;
-  }
+/** Opens a console and, with `choose`, chooses its tab. */
+export async function openConsole({ choose = true } = {}) {
   try {
     await loadScript();
   } catch {
@@ -32,30 +32,42 @@ export async function openConsole() {
   }
   const opened = make("embed", { type: "application/x-mirado", hidden: true });
   opened.dataset.title = "Console";
-  element = opened;
+  elements.add(opened);
   opened.addEventListener("crash", ({ detail }) => {
-    if (element === opened && !opened.dataset.page) {
-      closeConsole();
+    if (!opened.dataset.page) {
+      removeElement(opened);
+      remember();
       report("action", { source: "console", title: "The console cannot be opened:", text: `${detail.reason}.`, dismiss: true });
     }
   });
   document.body.append(opened);
   await new Promise((resolve) => setTimeout(resolve)); // the script sees the element and opens its page
-  if (opened.dataset.page) {
-    sessionStorage.setItem("console", "open");
-    select(opened.dataset.page);
-  }
+  if (!opened.dataset.page) return;
+  remember();
+  if (choose) select(opened.dataset.page);
 }
 
-export function closeConsole() {
+function removeElement(element) {
   element?.remove();
-  element = null;
-  sessionStorage.removeItem("console");
+  elements.delete(element);
 }
 
-/** Opens the console anew when it was open before this page was loaded, or before the desk was away. */
-export function reopenConsole() {
-  if (sessionStorage.getItem("console") !== "open" || state.pages.has(element?.dataset.page)) return undefined;
-  closeConsole();
+/** Opens a console in place of one whose plug-in has ended. */
+export function restartConsole(id) {
+  removeElement(elementOf(id));
   return openConsole();
+}
+
+/** Ends a page, or forgets one that has ended. */
+export async function closePage({ id }) {
+  await attempt("page", () => remove(`/api/pages/${id}`));
+  removeElement(elementOf(id));
+  remember();
+}
+
+/** Opens the consoles again that were open before this page was loaded, or before the desk was away. */
+export async function reopenConsoles() {
+  for (const element of elements) if (!state.pages.get(element.dataset.page)?.open) removeElement(element);
+  const missing = Number(sessionStorage.getItem("consoles")) - elements.size;
+  for (let count = 0; count < missing; ++count) await openConsole({ choose: !selectedPage()?.open });
 }

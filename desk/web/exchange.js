@@ -1,6 +1,6 @@
 // One row of the dialogue: a request with its reply, an event, or the end of a plug-in.
 import { make, timeOf } from "./dom.js";
-import { describeDelivery, describeDuration, describeEnd, describeReply, describeRequest } from "./words.js";
+import { describeDelivery, describeDuration, describeEnd, describeReply, describeRequest, describeValue } from "./words.js";
 
 // What the desk calls an entry, and what people do. The style sheet has a sign for each.
 const WORDS = { send: "Sent", post: "Posted", reply: "Reply", message: "Received", crash: "Ended" };
@@ -14,6 +14,7 @@ export class Exchange {
     this.kind = kind === "reply" ? "send" : kind;
     this.said = this.isRequest ? describeRequest(body) : kind === "message" ? describeDelivery(body) :
       { setting: null, text: kind === "crash" ? "the plug-in" : "", rest: "" };
+    if (entry.now !== undefined) this.result = describeValue(entry.now); // an event names the setting alone
     if (kind === "crash") Object.assign(this, { failed: true, result: describeEnd(body) });
     if (kind === "reply") this.complete(entry); // to a request that is not kept any more
   }
@@ -59,7 +60,7 @@ export class Exchange {
 
   showAnswer() {
     this.row.classList.toggle("failed", this.failed);
-    this.shownResult.replaceChildren(make("span", { className: "spoken" }, this.failed ? "failed: " : "gives "), this.result);
+    this.shownResult.replaceChildren(make("span", { className: "spoken" }, this.failed ? "failed: " : this.kind === "message" ? "now " : "gives "), this.result);
     const duration = this.answer?.duration;
     if (duration !== undefined) this.duration.textContent = describeDuration(duration);
     if (this.details) this.fillDetails();

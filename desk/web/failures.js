@@ -26,6 +26,13 @@ export function describeCall(call, path = "*") {
   return known.text.replace("@", path === "*" ? known.any ?? "" : setting ? shortName(setting) : path);
 }
 
+/** Whether what a fault is about is there now; true where the page cannot know. */
+export function isThere({ call, path }) {
+  if (path === "*" || !state.values || !state.set) return true;
+  if (call.startsWith("vconf_")) return state.values.has(path) || Boolean(settingAt(path));
+  return call !== "GetItemDataList" || path in state.set.lists;
+}
+
 export const sentence = (text) => text[0].toUpperCase() + text.slice(1);
 
 export const describeTimes = (times) => times === 0 ? "until cleared" : times === 1 ? "once" : `${times} times`;

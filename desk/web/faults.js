@@ -2,12 +2,13 @@
 import * as api from "./api.js";
 import { attempt } from "./banner.js";
 import { byId, fillSelect, make, showInvalid } from "./dom.js";
-import { describeCall, describeFault, sentence } from "./failures.js";
+import { describeCall, describeFault, isThere, sentence } from "./failures.js";
 import { change } from "./set.js";
 import { readSet } from "./set-state.js";
-import { observe, shortName, state } from "./state.js";
+import { observe, settingAt, shortName, state } from "./state.js";
 
 const ANY = "any";
+let shown = "[]";
 
 // An entry of a list with the button that takes it away. The focus then goes to the next one, or to the form below.
 function entry(text, title, remove) {
@@ -34,18 +35,24 @@ function showPlace() {
   byId("fault-place").hidden = !call?.path;
   if (!call?.path) return;
   const offered = /^vconf/.test(call.name) ?
-    state.catalog.settings.map((setting) => ({ value: setting.path, text: shortName(setting) })) :
+    [...new Set([...state.catalog.settings.map(({ path }) => path), ...state.values?.keys() ?? []])]
+      .map((value) => ({ value, text: shortName(settingAt(value) ?? { name: "" }) })) :
     call.name === "GetItemDataList" ? Object.keys(state.set?.lists ?? {}).map((value) => ({ value, text: "" })) : [];
   byId("fault-paths").replaceChildren(...[{ value: ANY, text: "" }, ...offered].map(({ value, text }) => make("option", { value, textContent: text })));
   byId("fault-answer").title = `What ${call.name} answers: ${call.failures}`;
 }
 
 observe(["faults", "catalog"], () => {
-  const { calls, faults } = state.faults;
-  fillSelect(byId("fault-call"), calls.map(({ name }) => ({ value: name, text: sentence(describeCall(name)) })));
+  fillSelect(byId("fault-call"), state.faults.calls.map(({ name }) => ({ value: name, text: sentence(describeCall(name)) })));
   showPlace();
+});
+observe(["faults", "catalog", "set", "values"], () => {
+  const { faults } = state.faults;
+  const texts = JSON.stringify(faults.map((fault) => [fault, isThere(fault)]));
+  if (texts === shown) return; // values change often
+  shown = texts;
   fill(byId("faults"), faults.map((fault) =>
-    entry(describeFault(fault), `${fault.call}(${fault.path}) answers ${fault.answer}`, () => clear(fault))), byId("fault-form"));
+    entry(describeFault(fault) + (isThere(fault) ? "" : ". The set has none of that name"), `${fault.call}(${fault.path}) answers ${fault.answer}`, () => clear(fault))), byId("fault-form"));
 });
 
 observe(["set"], () => {
@@ -56,7 +63,7 @@ observe(["set"], () => {
 
 observe(["catalog"], () => fillSelect(byId("latency-command"), state.catalog.commands.map(({ name }) => ({ value: name, text: name }))));
 
-byId("fault-call").onchange = showPlace;
+byId("fault-call").onchange = byId("fault-path").onfocus = showPlace;
 byId("fault-form").onsubmit = async (event) => {
   event.preventDefault();
   const place = byId("fault-path").value.trim();

@@ -1,6 +1,6 @@
 // The first visit: how a page gets its plug-in from this desk.
 import { byId, copyFrom, download } from "./dom.js";
-import { observe, state } from "./state.js";
+import { observe, openPages, state } from "./state.js";
 
 const PORT = 8000;
 let wanted = false; // somebody asked for the guide although there are pages
@@ -38,7 +38,7 @@ observe(["desk"], () => {
 });
 
 function show() {
-  const first = state.linked && !state.pages.size && !state.selected; // a chosen page is on its way, or has just gone
+  const first = state.linked && !state.pages.size && !state.selected; // one that is chosen and not there is on its way
   byId("guide").hidden = !first && !wanted;
   byId("talk").hidden = !byId("guide").hidden;
   byId("waiting").hidden = !first;
@@ -66,8 +66,9 @@ byId("guide-close").onclick = () => {
   byId("open-guide").focus();
 };
 let before = 0;
-observe(["pages", "linked"], () => {
-  if (state.pages.size > before) wanted = false; // here it is
-  before = state.pages.size;
+observe(["pages", "selected", "linked"], () => {
+  const { length } = openPages();
+  if (length > before) wanted = false; // here it is
+  before = length;
   show();
 });

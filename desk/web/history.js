@@ -1,6 +1,7 @@
 // What was said or logged so far by the chosen page, or by all, and what comes after it, in one order.
 import * as api from "./api.js";
 import { attempt } from "./banner.js";
+import { byId } from "./dom.js";
 import { observe, state } from "./state.js";
 
 const MAX = 1000; // rows that are shown; a row has one entry or two
@@ -9,14 +10,16 @@ const isShown = ({ page }) => !state.selected || page === state.selected;
 
 export class History {
   /**
-   * `kind` is the part of a page that the desk is asked for. `append(entries)` is called with entries in their order,
-   * each once, `restart()` before other pages' entries come.
+   * `kind` is the part of a page that the desk is asked for, and the id of the element that shows it.
+   * `append(entries)` is called with entries in their order, each once, `restart()` before other pages' entries come.
    */
   constructor(kind, { append, restart }) {
     Object.assign(this, { kind, append, restart, waiting: [], newest: new Map(), drawn: 0, reading: null });
     observe(["selected"], () => {
       document.body.classList.toggle("of-all", !state.selected);
-      if (this.shown !== state.selected && state.linked) this.load();
+      if (this.shown === state.selected || !state.linked) return;
+      this.restart(); // another page's rows never stand below this one's name
+      this.load();
     });
   }
 
@@ -48,6 +51,7 @@ export class History {
   /** Reads of each page what it has, and shows the newest of all. */
   async load() {
     this.shown = state.selected;
+    byId(this.kind).ariaBusy = "true";
     const reading = this.reading = {}; // an answer to an earlier question is of no use any more
     let all = [];
     await attempt(this.kind, async () => {
@@ -60,6 +64,7 @@ export class History {
     });
     if (reading !== this.reading) return;
     this.reading = null;
+    byId(this.kind).ariaBusy = "false";
     this.newest.clear();
     this.restart();
     this.appendNew(all);

@@ -2,7 +2,7 @@
 import * as api from "./api.js";
 import { attempt } from "./banner.js";
 import "./composer.js";
-import { reopenConsole } from "./console.js";
+import { reopenConsoles } from "./console.js";
 import * as dialogue from "./dialogue.js";
 import { byId } from "./dom.js";
 import { follow } from "./events.js";
@@ -27,7 +27,7 @@ async function readAll() {
   });
   await pages.load();
   await Promise.all([readSet(), settings.load(), dialogue.load(), log.load()]);
-  await reopenConsole();
+  await reopenConsoles();
   byId("main").ariaBusy = "false";
 }
 
@@ -57,7 +57,7 @@ follow({
   setting: settings.changeSetting,
   set: readSet,
   page: pages.putPage,
-  gone: pages.dropPage,
+  gone: pages.endPage,
   dialogue(entry) {
     dialogue.addEntry(entry);
     if (countsDown()) readSet();

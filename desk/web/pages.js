@@ -2,13 +2,14 @@
 import * as api from "./api.js";
 import { ask } from "./ask.js";
 import { attempt } from "./banner.js";
-import { closeConsole, isConsole, openConsole } from "./console.js";
-import { byId, download, make, moveWithArrows, setText, timeOf } from "./dom.js";
-import { changed, observe, select, selectedPage, state, titleOf } from "./state.js";
+import { closePage, isConsole, openConsole } from "./console.js";
+import { byId, download, fillSelect, make, moveWithArrows, setText, timeOf } from "./dom.js";
+import { changed, isAgain, observe, openPages, select, selectedPage, state, titleOf } from "./state.js";
 
 const strip = byId("pages");
+const menu = byId("page-menu");
 const tabs = new Map(); // by the page's id, "" being all of them
-let missed = new Map(); // by id: the pages that changed, null those that went, while the list was on its way
+let missed = new Map(); // by id: the pages that changed while the list was on its way; null for those that are not kept
 
 function tabOf(id) {
   if (!tabs.has(id)) {
@@ -20,8 +21,8 @@ function tabOf(id) {
 }
 
 function show() {
-  const pages = [...state.pages.values()];
-  if (state.departed) pages.push({ ...state.departed, state: "gone" });
+  const pages = [...state.pages.values()].sort((one, other) => other.open - one.open || one.number - other.number);
+  const open = openPages().length;
   const ids = new Set(["", ...pages.map(({ id }) => id)]);
   for (const [id, tab] of tabs) {
     if (ids.has(id)) continue;
@@ -29,12 +30,12 @@ function show() {
     tabs.delete(id);
   }
   const all = tabOf("");
-  setText(all, pages.length > 1 ? `All ${pages.length}` : "All");
+  setText(all, open > 1 ? `All ${open}` : "All");
   const shown = [all, ...pages.map((page) => {
     const tab = tabOf(page.id);
-    const word = { crashed: " ✕ crashed", gone: " (gone)" }[page.state] ?? (page.recording?.running ? " ● rec" : "");
+    const word = { crashed: " ✕ crashed", ended: " (ended)" }[page.state] ?? (page.recording?.running ? " ● rec" : "");
     setText(tab, titleOf(page) + word);
-    tab.className = page.state;
+    tab.className = page.open ? page.state : `${page.state} ended`;
     tab.title = `${page.title}\n${page.url}`;
     return tab;
   })];
@@ -46,67 +47,78 @@ function show() {
     tab.tabIndex = chosen ? 0 : -1;
   }
   byId("conversation").setAttribute("aria-labelledby", tabOf(state.selected ?? "").id);
+  fillSelect(menu, [...tabs].map(([id, { textContent }]) => ({ value: id, text: textContent })));
+  menu.value = state.selected ?? "";
+  showRoom();
   showChosen();
 }
 
+// Tabs that are out of sight: the strip fades out there, and a menu has them all.
+function showRoom() {
+  const { scrollLeft, scrollWidth, clientWidth } = strip;
+  menu.classList.toggle("needed", scrollWidth > clientWidth + 1);
+  strip.classList.toggle("more-left", scrollLeft > 1);
+  strip.classList.toggle("more-right", scrollLeft + clientWidth < scrollWidth - 1);
+}
+
 function showChosen() {
-  const page = selectedPage() ?? state.departed;
-  const many = state.pages.size;
+  const page = selectedPage();
+  const many = openPages().length;
   setText(byId("page-facts"), page ?
-    `${page.url ? `${page.url} · ` : ""}${state.departed ? "has gone" : `process ${page.pid}`} · since ${timeOf(page.since).slice(0, 8)}` :
-    many ? `${many} page${many > 1 ? "s" : ""} open. Choose one to speak to its plug-in.` : "No page is open.");
+    `${page.url ? `${page.url} · ` : ""}${page.open ? `process ${page.pid}` : "ended"} · since ${timeOf(page.since).slice(0, 8)}` :
+    many ? `${many} page${many > 1 ? "s" : ""} open. Choose one to send messages to its plug-in.` : "No page is open.");
   byId("page-facts").title = page?.url ?? "";
-  byId("kill").disabled = page?.state !== "running" || Boolean(state.departed);
   const recording = page?.recording;
-  byId("record").disabled = byId("kill").disabled;
-  byId("record").hidden = Boolean(recording?.running);
+  byId("kill").disabled = byId("record").disabled = page?.state !== "running";
+  byId("kill").hidden = page?.open === false;
+  byId("record").hidden = page?.open === false || Boolean(recording?.running);
   byId("stop").hidden = !recording?.running;
   byId("save").hidden = !recording;
   setText(byId("recorded"), recording ? `${recording.running ? "●" : "■"} ${recording.lines} ${recording.lines === 1 ? "line" : "lines"}${recording.full ? ", full" : ""}` : "");
-  byId("close-console").hidden = !page || !isConsole(page.id);
+  byId("close").hidden = !page || page.open && !isConsole(page.id);
 }
 
 /** A page is new or has changed. */
 export function putPage(page) {
   missed?.set(page.id, page);
   const isNew = !state.pages.has(page.id);
-  const first = state.pages.size === 0 && !missed;
+  const first = openPages().length === 0 && !missed;
   state.pages.set(page.id, page);
   changed("pages");
   if (!isNew) return;
-  if (state.departed ? isAgain(page, state.departed) : first) select(page.id); // the first is what one wants to see
+  // The first page is shown, and so is one that was chosen and is loaded anew.
+  if (state.left ? isAgain(page, state.left) : first) select(page.id);
 }
 
-// Whoever looks at a page and loads it anew goes on looking at it.
-const isAgain = (page, old) => page.number > old.number && page.url === old.url && page.title === old.title;
-
-export function dropPage({ id }) {
-  missed?.set(id, null);
+/** A page has ended. `ended` is the page if it is kept, null if it is not, or not any more. */
+export function endPage({ id, ended }) {
+  missed?.set(id, ended);
   const page = state.pages.get(id);
   if (!page) return;
-  state.pages.delete(id);
+  if (ended) state.pages.set(id, ended);
+  else state.pages.delete(id);
   changed("pages", "selected");
   if (id !== state.selected) return;
-  state.departed = page;
-  const next = [...state.pages.values()].find((each) => isAgain(each, page)); // may have come before the old one went
-  if (next) select(next.id);
+  const next = openPages().find((each) => isAgain(each, page)); // it may come before the old one has ended
+  if (next) return select(next.id);
+  if (!ended) select(null);
+  if (page.open) state.left = page;
 }
 
 /** Reads all pages anew. The chosen one stays chosen if it is still there. */
 export async function load() {
   missed = new Map();
   await attempt("pages", async () => {
-    const { pages } = await api.get("/api/pages");
+    const { pages, ended } = await api.get("/api/pages");
     const all = state.pages.size > 0 && !state.selected; // somebody chose to see all
-    state.pages = new Map(pages.map((page) => [page.id, page]));
+    state.pages = new Map([...pages, ...ended].map((page) => [page.id, page]));
     for (const [id, page] of missed) {
       if (page) state.pages.set(id, page);
       else state.pages.delete(id);
     }
-    state.departed = null;
     const before = state.selected ?? sessionStorage.getItem("page");
-    const [first, second] = state.pages.keys();
-    select(all ? null : state.pages.has(before) ? before : second ? null : first ?? null);
+    const open = openPages();
+    select(all ? null : state.pages.has(before) ? before : open.length === 1 ? open[0].id : null);
   });
   missed = null;
 }
@@ -145,11 +157,14 @@ async function readPage() {
   showChosen();
 }
 
-byId("open-console").onclick = openConsole;
-byId("close-console").onclick = () => {
-  closeConsole();
+byId("open-console").onclick = () => openConsole();
+byId("close").onclick = async () => {
+  await closePage(selectedPage());
   select(null);
   byId("open-console").focus();
 };
 moveWithArrows(strip, () => [...strip.children], (tab) => tab.click());
+menu.onchange = () => select(menu.value || null);
+strip.addEventListener("scroll", showRoom, { passive: true });
+new ResizeObserver(showRoom).observe(strip);
 observe(["pages", "selected"], show);

@@ -3,19 +3,18 @@ import * as api from "./api.js";
 import { ask } from "./ask.js";
 import { attempt, report } from "./banner.js";
 import { focusMessage } from "./composer.js";
-import { closeConsole, isConsole, openConsole } from "./console.js";
+import { closePage, isConsole, restartConsole } from "./console.js";
 import { byId, copyFrom } from "./dom.js";
-import { changed, observe, state, titleOf } from "./state.js";
+import { changed, isAgain, observe, openPages, select, selectedPage, state, titleOf } from "./state.js";
 
 const TRIES = "This page tries again every second.";
 
 // What a shell takes as one word.
 const quoted = (word) => /^[\w./-]+$/.test(word) ? word : `'${word.replaceAll("'", "'\\''")}'`;
 
-// Its store is known when the desk has answered before.
+// The desk has told its command line if it has answered before.
 function gone() {
-  const store = state.desk ? ` --store ${quoted(state.desk.store.folder)}` : "";
-  const command = `mirado desk --port ${location.port || 80}${store}`;
+  const command = (state.desk?.command ?? ["mirado", "desk", "--port", location.port || "80"]).map(quoted).join(" ");
   return { title: "The desk does not answer.",
     text: `Start it again with the command below. ${TRIES} Pages that use keepConnected come back by themselves; reload the others.`,
     lines: [command], button: { text: "Copy the command", run: (button) => copyFrom(button, command) } };
@@ -67,14 +66,9 @@ observe(["desk"], () => {
   byId("plugin").title = plugin?.path ?? "";
 });
 
-async function closePage({ id }) {
-  if (isConsole(id)) closeConsole();
-  else await attempt("page", () => api.remove(`/api/pages/${id}`));
-}
-
 observe(["desk", "pages"], () => {
   const limit = state.desk?.pages.limit ?? Infinity;
-  const all = [...state.pages.values()];
+  const all = openPages();
   const spare = all.find((page) => page.state === "crashed") ?? all.find(({ id }) => !isConsole(id));
   report("limit", all.length < limit || !spare ? null : { title: `${limit} pages are open, which is all that the desk takes.`,
     text: "The next page gets no plug-in. Close pages in the browser, or here.",
@@ -83,17 +77,36 @@ observe(["desk", "pages"], () => {
     } } });
 });
 
-let told = new Set(); // crashed pages whose problem was dismissed or shown for another
+const told = new Set(JSON.parse(sessionStorage.getItem("told") ?? "[]")); // crashed pages of which nothing more is to be said
+
+function dismissCrash({ id }) {
+  told.add(id);
+  sessionStorage.setItem("told", JSON.stringify([...told].slice(-100)));
+  changed("pages");
+}
+
+// A page that crashed, or the chosen one's earlier self: one that connects again by itself does so in no time.
 observe(["pages", "selected"], () => {
-  const crashed = [...state.pages.values()].filter((page) => page.state === "crashed");
-  const page = state.selected ? crashed.find(({ id }) => id === state.selected) : crashed.at(-1);
-  report("crash", !page || told.has(page.id) ? null : { title: `The plug-in of ${titleOf(page)} has ended.`,
-    text: isConsole(page.id) ? "" : "Reload the page in its browser to start another.",
-    lines: page.lastLog ?? [],
-    dismiss: () => told.add(page.id),
-    button: isConsole(page.id) ? { text: "Start again", run: async () => {
-      closeConsole();
-      await openConsole();
-      focusMessage();
-    } } : { text: "Close the page", run: () => closePage(page) } });
+  const chosen = selectedPage();
+  const page = [...state.pages.values()].filter((each) => each.state === "crashed" && !told.has(each.id) &&
+    (!chosen || each === chosen || isAgain(chosen, each))).sort((one, other) => one.number - other.number).at(-1);
+  report("crash", page ? { title: `The plug-in of ${titleOf(page)} has ended.`, lines: page.lastLog, dismiss: () => dismissCrash(page),
+    ...remedyOf(page) } : null);
 });
+
+function remedyOf(page) {
+  if (isConsole(page.id)) {
+    return { text: "", button: { text: "Start again", run: async () => {
+      dismissCrash(page);
+      await restartConsole(page.id);
+      focusMessage();
+    } } };
+  }
+  if (page.open) {
+    return { text: "Reload the page in its browser to start another.", button: { text: "Close the page", run: () => closePage(page) } };
+  }
+  const next = openPages().find((each) => isAgain(each, page));
+  const other = next && page.id === state.selected ? next : page;
+  return { text: next ? `The page has connected again, as #${next.number}.` : "The page is closed.",
+    button: other.id === state.selected ? null : { text: `Show #${other.number}`, run: () => select(other.id) } };
+}

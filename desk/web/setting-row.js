@@ -136,7 +136,7 @@ export class SettingRow {
   }
 
   fillWatchers() {
-    this.list.textContent = this.watchers.map(titleOf).join(", ") || "nobody";
+    this.list.textContent = this.watchers.map(titleOf).join(", ") || "no page";
   }
 
   async remove() {

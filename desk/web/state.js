@@ -6,9 +6,9 @@ export const state = {
   desk: null, // GET /api/desk
   catalog: { tables: {}, settings: [], commands: [], speeds: {} },
   values: null, // of all keys that there are, by path; null while they are not known
-  pages: new Map(), // by id
+  pages: new Map(), // by id: the open ones, and those that have ended and are kept
   selected: null, // the id of the page whose tab is chosen; null is all of them
-  departed: null, // the selected page, once it has gone
+  left: null, // the page that ended while it was chosen, until another one is chosen
   set: null, // GET /api/set
   faults: { calls: [], faults: [] },
   scenarios: [],
@@ -35,7 +35,9 @@ function flush() {
   for (const { topics, show } of observers) if (topics.some((topic) => now.has(topic))) show();
 }
 
-/** The page whose tab is chosen, as long as it is open. */
+export const openPages = () => [...state.pages.values()].filter(({ open }) => open);
+
+/** The page whose tab is chosen. */
 export const selectedPage = () => state.pages.get(state.selected) ?? null;
 
 /** The chosen page when its plug-in can be spoken to. */
@@ -45,7 +47,7 @@ export function listeningPage() {
 }
 
 export function select(id) {
-  if (state.departed?.id !== id) state.departed = null;
+  state.left = null;
   state.selected = id;
   if (id) sessionStorage.setItem("page", id);
   else sessionStorage.removeItem("page");
@@ -62,6 +64,10 @@ export const shortName = ({ name }) => name.replace(/^[A-Z]+_KEY_/, "");
 
 /** A page's number, which its id begins with: p3-8f0c… */
 export const numberOf = (page) => Number(/^p(\d+)/.exec(page)[1]);
+
+/** Whether `page` is what `earlier` became when it was loaded or connected again. */
+export const isAgain = (page, earlier) =>
+  page.open && page.number > earlier.number && page.url === earlier.url && page.title === earlier.title;
 
 /** How people speak of a page: "#3 My application". */
 export const titleOf = ({ number, title }) => `#${number} ${title || "page"}`;

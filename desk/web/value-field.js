@@ -2,6 +2,7 @@
 import { make } from "./dom.js";
 
 const INT = /^[+-]?\d+$/;
+const isInt32 = (number) => number === (number | 0);
 
 /**
  * A field for values of `type` "int", "bool" or "text", with what it is called for those who hear it. `write(value)` is
@@ -30,7 +31,7 @@ class TypedField {
 
   restore() {
     this.editing = false;
-    this.input.value = String(this.value);
+    this.show(this.value);
     this.refuse("");
   }
 
@@ -57,14 +58,27 @@ class IntField extends TypedField {
     super(make("input", { "aria-label": label, role: "spinbutton", inputMode: "numeric", spellcheck: false, autocomplete: "off" }),
       write, refuse);
     const step = (by, className) => make("button", { type: "button", className, tabIndex: -1, "aria-hidden": "true", onclick: () => this.step(by) });
-    this.element = make("span", { className: "stepper" }, step(-1, "less"), this.input, step(1, "more"));
+    this.less = step(-1, "less");
+    this.more = step(1, "more");
+    this.element = make("span", { className: "stepper" }, this.less, this.input, this.more);
     this.known = [];
-    this.input.addEventListener("blur", () => this.refuse(""));
+    this.input.addEventListener("input", () => this.fit());
   }
 
   /** The values that the arrows go through, each a number, in their order; any number when there are none. */
   offer(known) {
     this.known = known;
+    this.less.disabled = this.next(this.value, -1) === undefined;
+    this.more.disabled = this.next(this.value, 1) === undefined;
+  }
+
+  show(value) {
+    super.show(value);
+    this.fit();
+  }
+
+  fit() {
+    this.input.style.width = `${Math.max(this.input.value.length, 3) + 1}ch`;
   }
 
   /** What the value means, for those who hear the page. */
@@ -75,17 +89,22 @@ class IntField extends TypedField {
 
   read() {
     const text = this.input.value.trim();
-    if (INT.test(text) && Math.abs(Number(text)) <= 2 ** 31) return Number(text);
+    if (INT.test(text) && isInt32(Number(text))) return Number(text);
     this.refuse("A whole number of 32 bits is needed.");
     return undefined;
   }
 
+  // The value a step up or down from `from`; undefined where there is none.
+  next(from, by) {
+    if (!this.known.length) return isInt32(from + by) ? from + by : undefined;
+    const beyond = this.known.filter((value) => by > 0 ? value > from : value < from);
+    return beyond.length ? by > 0 ? Math.min(...beyond) : Math.max(...beyond) : undefined;
+  }
+
   step(by) {
     const from = this.editing ? this.read() : this.value;
-    if (from === undefined) return;
-    const beyond = this.known.filter((value) => by > 0 ? value > from : value < from);
-    const to = !this.known.length ? from + by : by > 0 ? Math.min(...beyond) : Math.max(...beyond);
-    if (!Number.isFinite(to)) return;
+    const to = from === undefined ? undefined : this.next(from, by);
+    if (to === undefined) return;
     this.editing = false;
     this.show(to); // the next step begins here, whenever this one is confirmed
     this.write(to);

@@ -2,6 +2,7 @@
 import { settingOf, shortName, state } from "./state.js";
 
 const json = (value) => JSON.stringify(value) ?? "";
+export const describeValue = json;
 
 /** `{setting, text, rest}` of what a page asks: the setting that it is about or null, the command, its other fields. */
 export function describeRequest(body) {

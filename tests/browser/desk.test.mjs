@@ -76,7 +76,24 @@ describe("the desk's page", () => {
     await own.reload(); // whoever looks at a page goes on looking at it
     await said(page, "CAPTION changed").waitFor({ state: "detached" });
     await tab(page, /^#\d+ My page$/).and(page.locator("[aria-selected=true]")).waitFor();
+    await tab(page, /^#\d+ My page \(ended\)/).click();
+    await said(page, /CAPTION changed.*now 1/).waitFor();
+    await tab(page, /^#\d+ My page$/).click();
+    await said(page, "CAPTION changed").waitFor({ state: "detached" });
     await said(page, /getMenuValue CAPTION.*1/).waitFor();
+
+    await button(page, "Kill …").click();
+    await answer(page, "Kill it");
+    const crash = banner(page, /My page has ended.*connected again, as #\d+/);
+    await crash.getByText(/Sending|RegisterMessageHandler|registerVconf/).first().waitFor();
+    await said(page, "signal 9").waitFor({ state: "detached" });
+    await crash.getByRole("button", { name: /^Show #/ }).click();
+    await said(page, "signal 9").waitFor();
+    await disabled(button(page, "Send"));
+    await crash.getByRole("button", { name: /^Show #/ }).waitFor();
+    await button(page, "Dismiss").click();
+    await button(page, "Close").click();
+    await tab(page, /My page ✕ crashed/).waitFor({ state: "detached" });
     server.close();
     server.closeAllConnections();
   });
@@ -91,8 +108,16 @@ describe("the desk's page", () => {
     await said(page, "isTVSPicSizeResized").waitFor();
     await disabled(button(page, "Send")); // there is nobody to send to
 
+    // An answer that is late, to a question about another page, is not shown.
+    const [held] = await Promise.all([new Promise((resolve) => page.route(`**/${one.id}/dialogue`, resolve, { times: 1 })),
+      tab(page, / One/).click()]);
     await tab(page, / Two/).click();
     await said(page, "getVersion").waitFor({ state: "detached" });
+    await said(page, "isTVSPicSizeResized").waitFor();
+    await Promise.all([page.waitForResponse(`**/${one.id}/dialogue`).then((response) => response.finished()), held.continue()]);
+    await desk.say(two, { send: { command: "getMenuValue", propertyKey: 0 } }); // what comes after it is shown
+    await said(page, "getMenuValue CAPTION").waitFor();
+    assert.equal(await said(page, "getVersion").count(), 0);
     await button(page, "Record").click();
     await button(page, "Record").waitFor({ state: "hidden" });
     await say(page, "registerVconfKeysForCaption", { key: 0 }); // the page's watch button knows, whoever asked
@@ -204,6 +229,17 @@ describe("the desk's page", () => {
     await page.getByText("A whole number of 32 bits is needed").waitFor();
     await page.keyboard.press("Escape");
     assert.equal(await field.inputValue(), "2");
+    await desk.mirado("set", CAPTION, "1");
+    const more = page.getByRole("listitem").filter({ has: field }).locator(".more");
+    await settles(() => more.isDisabled(), true); // On is the last value that means anything
+    await field.press("ArrowDown");
+    await settles(() => storeOf(CAPTION), 0);
+    await settles(() => more.isEnabled(), true);
+    const long = valueOf(page, "Caption mode, Caption");
+    await long.fill("-2147483648");
+    await long.press("Enter");
+    await settles(() => storeOf("db/menu/caption/captionmode"), -2147483648);
+    await settles(() => long.evaluate((it) => it.scrollWidth <= it.clientWidth), true);
 
     const odd = "memory/a?b#c/../%2e&d";
     const form = page.getByRole("form", { name: "Add a key" });
@@ -245,6 +281,9 @@ describe("the desk's page", () => {
     await form.getByLabel("Of", { exact: true }).fill("caption");
     await form.getByRole("button").click();
     await page.getByRole("list", { name: "Faults" }).getByText("Reading CAPTION fails, once").waitFor();
+    await form.getByLabel("Of", { exact: true }).fill("db/none");
+    await form.getByRole("button").click();
+    await page.getByText("Reading db/none fails, once. The set has none of that name").waitFor();
     await page.getByLabel("Picture size", { exact: true }).fill("");
     await page.getByLabel("Picture size", { exact: true }).blur();
     await page.getByText("The picture size is a whole number").waitFor();
@@ -272,6 +311,7 @@ describe("the desk's page", () => {
   it("says once that its desk is gone, lets nobody do what cannot work, and shows the next desk", async () => {
     const first = await startSomewhere();
     const page = await withConsole(first);
+    await openConsole(page);
     await first.mirado("set", CAPTION, "3");
     await settles(() => valueOf(page, "Caption, Caption").inputValue(), "3");
     await first.stop("SIGKILL");
@@ -281,7 +321,7 @@ describe("the desk's page", () => {
     await startAt(() => first.port, startDesk);
     await banner(page, "The desk does not answer").waitFor({ state: "detached" });
     await settles(() => valueOf(page, "Caption, Caption").inputValue(), "0");
-    await tab(page, /^#\d+ Console$/).waitFor();
+    await tab(page, /^#\d+ Console$/).nth(1).waitFor(); // both
     await say(page, "getVersion");
     await said(page, /getVersion.*"4.0"/).waitFor();
   });
@@ -342,6 +382,8 @@ describe("the desk's page", () => {
     await stranger.goto(locked.url);
     await banner(stranger, "This desk asks for its token").waitFor();
     await disabled(button(stranger, "Reset …"));
+    await locked.stop("SIGKILL");
+    await banner(page, /does not answer.*mirado desk --port \d+ --temporary --token/s).waitFor();
   });
 
   it("says that no further page fits, and closes one", async () => {
@@ -350,6 +392,9 @@ describe("the desk's page", () => {
     await Promise.all(Array.from({ length: limit }, (_, at) => full.openPage({ title: `Page ${at}` })));
     const page = await openedDesk(full);
     await banner(page, `${limit} pages are open`).waitFor();
+    await page.getByRole("combobox", { name: "Choose a page" }).selectOption({ index: limit });
+    const last = tab(page, new RegExp(`^#${limit} `)).and(page.locator("[aria-selected=true]"));
+    await settles(() => last.evaluate((it) => it.getBoundingClientRect().right <= innerWidth), true);
     await page.getByRole("button", { name: /^Close #/ }).click();
     await answer(page, "Close it");
     await banner(page, `${limit} pages are open`).waitFor({ state: "detached" });
