@@ -5,7 +5,7 @@ import { createRequire } from "node:module";
 import { after, afterEach, before, describe, it } from "node:test";
 import { openConsole, openDesk } from "./desk-page.mjs";
 import { showPanel, showState, STATES } from "./desk-states.mjs";
-import { launchBrowser, MortalDesk } from "./harness.mjs";
+import { launchBrowser, MortalDesk, TIMEOUT } from "./harness.mjs";
 
 const axe = readFileSync(createRequire(import.meta.url).resolve("axe-core"), "utf8");
 const LOOKS = [{ colorScheme: "light", forcedColors: "none" }, { colorScheme: "dark", forcedColors: "none" },
@@ -21,6 +21,7 @@ after(() => browser.close());
 async function begin() {
   desk = await MortalDesk.start();
   page = await (await browser.newContext({ viewport: { width: 1280, height: 800 } })).newPage();
+  page.setDefaultTimeout(TIMEOUT);
 }
 afterEach(async () => {
   await page.context().close();

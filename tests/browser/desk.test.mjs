@@ -5,8 +5,9 @@ import { readFile } from "node:fs/promises";
 import { createServer } from "node:http";
 import { join } from "node:path";
 import { describe, it } from "node:test";
+import { setTimeout as sleep } from "node:timers/promises";
 import { answer, CAPTION, openConsole, openDesk, said, say, valueOf } from "./desk-page.mjs";
-import { MortalDesk, startAt, useDesk } from "./harness.mjs";
+import { MortalDesk, startAt, TIMEOUT, useDesk } from "./harness.mjs";
 
 const { desk, newPage, openPage, startDesk } = await useDesk();
 
@@ -29,10 +30,7 @@ const disabled = (part) => part.and(part.page().locator(":disabled")).waitFor();
 const banner = (page, text) => page.getByRole("alert").filter({ hasText: text });
 const rowTexts = (page) => said(page, "").allInnerTexts();
 const settles = async (read, wanted) => {
-  for (let tries = 0; tries < 200; ++tries) {
-    if (await read() === wanted) return;
-    await new Promise((resolve) => setTimeout(resolve, 50));
-  }
+  for (const started = Date.now(); Date.now() < started + TIMEOUT; await sleep(50)) if (await read() === wanted) return;
   assert.equal(await read(), wanted);
 };
 const storeOf = async (path) => (await desk.request("GET", `/api/store/${encodeURIComponent(path)}`)).json.value;
@@ -58,7 +56,7 @@ describe("the desk's page", () => {
     await page.context().grantPermissions(["clipboard-read", "clipboard-write"]);
     await page.getByText("Waiting for your page").waitFor();
     await button(page, "Copy the script tag").click();
-    assert.equal(await page.evaluate(() => navigator.clipboard.readText()), `<script src="${desk.url}/desk.js"></script>`);
+    await settles(() => page.evaluate(() => navigator.clipboard.readText()), `<script src="${desk.url}/desk.js"></script>`);
     for (const address of ["/mirado.js", "/mirado.classic.js", "/example/"]) {
       assert.equal((await desk.request("GET", address)).status, 200, address);
     }

@@ -11,7 +11,8 @@ import { chromium } from "playwright-core";
 import { Desk } from "../desk/desk.mjs";
 
 const appFolder = fileURLToPath(new URL("../../examples/app", import.meta.url));
-const TIMEOUT = 20_000; // milliseconds, for what happens in a blink on a machine with nothing else to do
+/** Milliseconds for what happens in a blink on a machine with nothing else to do. */
+export const TIMEOUT = 60_000;
 
 const TYPES = { ".html": "text/html", ".js": "text/javascript", ".css": "text/css" };
 
@@ -41,6 +42,7 @@ async function serveApp(script) {
 // Names that end in .test lead to this machine, so that a page can have a foreign origin.
 export const launchBrowser = () => chromium.launch({
   executablePath: "/usr/bin/chromium",
+  timeout: TIMEOUT,
   args: ["--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run", "--disable-background-networking",
     "--disable-component-update", "--disable-sync", "--host-resolver-rules=MAP *.test 127.0.0.1"],
 });
