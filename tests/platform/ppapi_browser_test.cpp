@@ -172,6 +172,7 @@ TEST_F(BrowserTest, TheEndOfARegistrationComesAfterWhatWasPosted) {
   std::jthread other_end([&] { page->EndRegistration(); });
   may_go_on.count_down();
   page->EndRegistration();
+  other_end.join();  // or it could end the next registration
   page->Post(4);
   EXPECT_TRUE(page->Send(5).is_undefined());
   EXPECT_EQ(heard_, (std::vector<std::string>{"handled", "handled", "unregistered"}));
