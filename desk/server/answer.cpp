@@ -6,9 +6,9 @@ namespace desk {
 
 Answer Fail(const vconf::Status& status) {
   const HttpCode code = HttpCodeOf(status.code());
-  return Say({{"error", status.text()}, {"code", code.name}}, static_cast<unsigned>(code.status));
+  return JsonAnswer({{"error", status.text()}, {"code", code.name}}, static_cast<unsigned>(code.status));
 }
 
-Answer Fail(unsigned http_status, const std::string& text) { return Say({{"error", text}}, http_status); }
+Answer Fail(unsigned http_status, const std::string& text) { return JsonAnswer({{"error", text}}, http_status); }
 
 }  // namespace desk

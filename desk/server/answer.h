@@ -1,6 +1,6 @@
 #pragma once
 
-// What a request is answered with, and which HTTP status stands for which failure.
+// The answer to a request.
 
 #include <string>
 #include <string_view>
@@ -13,21 +13,21 @@ namespace desk {
 struct Answer {
   unsigned status = 200;
   std::string body = "{}";
-  std::string_view type = "application/json";  ///< lives for ever
-  std::string allow = {};                      ///< the methods that a 405 names
-  std::string policy = {};                     ///< what a page may load
-  bool anywhere = false;                       ///< pages of any origin may load it, such as a script
+  std::string_view type = "application/json";  ///< a literal
+  std::string allow = {};                      ///< the methods that are supported, for a 405
+  std::string policy = {};                     ///< the Content-Security-Policy, for a page
+  bool anywhere = false;                       ///< pages of other origins may load it, such as a script
 };
 
-inline Answer Say(const Json& json, unsigned status = 200) { return {.status = status, .body = ToText(json)}; }
+inline Answer JsonAnswer(const Json& json, unsigned status = 200) { return {.status = status, .body = ToText(json)}; }
 
-/// {"error": text, "code": name}, with the HTTP status and the name that `status` stands for. It is not ok.
+/// {"error": text, "code": name}, with the HTTP status for `status`, which must be a failure.
 Answer Fail(const vconf::Status& status);
 
-/// {"error": text}: a failure of the request itself, which has no code.
+/// {"error": text}: a failure that has no code.
 Answer Fail(unsigned http_status, const std::string& text);
 
-/// A limit of the desk is reached.
+/// The answer if a limit of the desk is reached.
 inline Answer Busy(std::string text) { return Fail({vconf::Code::kBusy, std::move(text)}); }
 
 }  // namespace desk

@@ -19,7 +19,7 @@ using Error = boost::beast::error_code;
 constexpr std::size_t kMaxHead = 16UL * 1024;
 constexpr std::size_t kUsualRequest = 4UL * 1024;
 constexpr std::size_t kLongAnswer = 256UL * 1024;
-constexpr std::size_t kMaxUnsent = 64UL * 1024 * 1024;  // of long answers to all clients together
+constexpr std::size_t kMaxUnsent = 64UL * 1024 * 1024;  // of long answers to all clients
 
 std::string_view View(boost::beast::string_view text) { return {text.data(), text.size()}; }
 
@@ -49,14 +49,14 @@ bool Clients::MakeRoom() {
   if (open_.size() < limit_) {
     return true;
   }
-  if (expecting_.empty()) {
+  if (closable_.empty()) {
     return false;
   }
-  expecting_.front()->Close();  // it counts until its last handler has run
+  closable_.front()->Close();  // it is counted until its last handler has run
   return true;
 }
 
-void Clients::Tick() {
+void Clients::CheckAll() {
   clock_.expires_after(std::chrono::seconds(1));
   clock_.async_wait([this](Error error) {
     if (error || open_.empty()) {
@@ -65,19 +65,19 @@ void Clients::Tick() {
     }
     const auto now = Client::Clock::now();
     for (auto place = open_.begin(); place != open_.end();) {
-      Client* const client = *place++;  // closing it may be its end
-      pollfd look{client->unread_, POLLRDHUP, 0};
-      if (now > client->deadline_ || (client->unread_ >= 0 && poll(&look, 1, 0) > 0)) {
+      Client* const client = *place++;  // `Close` may destroy it
+      pollfd look{client->polled_fd_, POLLRDHUP, 0};
+      if (now > client->deadline_ || (client->polled_fd_ >= 0 && poll(&look, 1, 0) > 0)) {
         client->Close();
       }
     }
-    Tick();
+    CheckAll();
   });
 }
 
 void Clients::CloseIdle() {
-  while (!expecting_.empty()) {
-    expecting_.front()->Close();
+  while (!closable_.empty()) {
+    closable_.front()->Close();
   }
   clock_.cancel();
 }
@@ -90,26 +90,26 @@ void Clients::CloseAll() {
 
 Client::Client(Clients& all) : all_(all), place_(all.open_.insert(all.open_.end(), this)) {
   if (!std::exchange(all.ticking_, true)) {
-    all.Tick();
+    all.CheckAll();
   }
 }
 
 Client::~Client() { all_.open_.erase(place_); }
 
 Connection::Connection(Socket socket, Clients& all, const OriginCheck& check, const Handler& handler)
-    : Client(all), socket_(std::move(socket)), check_(check), handler_(handler), expecting_(all.expecting_.end()) {}
+    : Client(all), socket_(std::move(socket)), check_(check), handler_(handler), closable_(all.closable_.end()) {}
 
 Connection::~Connection() {
-  if (expecting_ != all_.expecting_.end()) {
-    all_.expecting_.erase(expecting_);
+  if (closable_ != all_.closable_.end()) {
+    all_.closable_.erase(closable_);
   }
 }
 
-// Without a buffer or a parser, so that a connection that says nothing costs little.
+// Without a buffer or a parser, so that an idle connection needs little memory.
 void Connection::AwaitRequest() {
   deadline_ = Clock::now() + kIdleTime;
-  if (expecting_ == all_.expecting_.end()) {
-    expecting_ = all_.expecting_.insert(all_.expecting_.end(), this);
+  if (closable_ == all_.closable_.end()) {
+    closable_ = all_.closable_.insert(all_.closable_.end(), this);
   }
   if (buffer_.size() > 0) {
     return Read();
@@ -126,7 +126,7 @@ void Connection::Read() {
   parser_.emplace();
   parser_->header_limit(kMaxHead);
   parser_->body_limit(kMaxBody);
-  buffer_.reserve(kUsualRequest);  // else the library reads 512 bytes first, and then again
+  buffer_.reserve(kUsualRequest);  // otherwise Beast reads only 512 bytes at first
   http::async_read(socket_, buffer_, *parser_,
                    [self = shared_from_this()](Error error, std::size_t) { self->OnRead(error); });
 }
@@ -135,7 +135,7 @@ void Connection::OnRead(Error error) {
   if (!socket_.is_open() || error == http::error::end_of_stream || error == boost::asio::error::connection_reset) {
     return Close();
   }
-  all_.expecting_.erase(std::exchange(expecting_, all_.expecting_.end()));
+  all_.closable_.erase(std::exchange(closable_, all_.closable_.end()));
   deadline_ = Clock::time_point::max();
   keep_alive_ = !error && parser_->get().keep_alive();
   answered_ = false;
@@ -148,7 +148,7 @@ void Connection::OnRead(Error error) {
     return Reply(Fail(431, "the head of a request may have " + std::to_string(kMaxHead) + " bytes at most"));
   }
   if (error) {
-    return Reply(Fail(400, "the request was not understood: " + error.message()));
+    return Reply(Fail(400, "the request is not valid HTTP: " + error.message()));
   }
   Handle();
 }
@@ -179,7 +179,7 @@ void Connection::Handle() {
   HttpRequest request;
   Claim claim;
   if (!ReadTarget(request, claim)) {
-    return Reply(Fail(400, "the address was not understood"));
+    return Reply(Fail(400, "the request's path or query is not valid"));
   }
   constexpr std::string_view kBearer = "Bearer ";
   claim.host = View(read[http::field::host]);
@@ -190,7 +190,7 @@ void Connection::Handle() {
     claim.token = authorization.substr(kBearer.size());
   }
   if (read.count(http::field::host) != 1 || read.count(http::field::origin) > 1) {
-    return Reply(Fail(400, "a request names one host and at most one origin"));
+    return Reply(Fail(400, "a request must have one Host and at most one Origin"));
   }
   if (const auto refusal = check_.Refuse(claim)) {
     return Reply(Fail({vconf::Code::kNotPermitted, *refusal}));
@@ -213,7 +213,7 @@ void Connection::Handle() {
   }
   head_ = read.method() == http::verb::head;
   request.method = head_ ? http::verb::get : read.method();
-  request.own = OriginCheck::IsOwn(claim);
+  request.from_desk_page = OriginCheck::IsDeskPage(claim);
   request.upgrade = boost::beast::websocket::is_upgrade(read);
   request.content_type = View(read[http::field::content_type]);
   request.last_event_id = View(read["Last-Event-ID"]);
@@ -221,10 +221,10 @@ void Connection::Handle() {
   handler_(request, shared_from_this());
 }
 
-// What can be read meanwhile is the next request, which waits its turn.
+// The socket is not read meanwhile, since the next request may already be there.
 void Connection::OnGone(std::function<void()> on_gone) {
   on_gone_ = std::move(on_gone);
-  unread_ = socket_.native_handle();
+  polled_fd_ = socket_.native_handle();
 }
 
 void Connection::Reply(Answer answer) {
@@ -233,9 +233,9 @@ void Connection::Reply(Answer answer) {
   }
   answered_ = true;
   on_gone_ = nullptr;
-  unread_ = -1;
+  polled_fd_ = -1;
   if (answer.body.size() > kLongAnswer && all_.unsent_ + answer.body.size() > kMaxUnsent) {
-    answer = Busy("clients are slow to take other long answers; try again");
+    answer = Busy("too many long answers are still being read by other clients; try again");
   }
   const std::size_t size = answer.body.size();
   if (size > kLongAnswer) {
@@ -286,7 +286,7 @@ void Connection::OnWritten(Error error, std::size_t size) {
   } else {
     socket_.shutdown(Socket::shutdown_send, error);
     deadline_ = Clock::now() + kRequestTime;
-    expecting_ = all_.expecting_.insert(all_.expecting_.end(), this);  // it gives way as one that waits does
+    closable_ = all_.closable_.insert(all_.closable_.end(), this);  // now it waits for its client to close
     // The rest of the request is read, too: a client that is still sending would lose the answer.
     DiscardInput(socket_, [self = shared_from_this()] { self->Close(); });
   }
@@ -298,12 +298,12 @@ Socket Connection::Take() {
 }
 
 void Connection::Close() {
-  const auto self = shared_from_this();  // which `on_gone_` may be the last to hold
+  const auto self = shared_from_this();  // `on_gone_` may hold the last reference
   Error ignored;
   socket_.close(ignored);
-  unread_ = -1;
-  if (expecting_ != all_.expecting_.end()) {
-    all_.expecting_.erase(std::exchange(expecting_, all_.expecting_.end()));
+  polled_fd_ = -1;
+  if (closable_ != all_.closable_.end()) {
+    all_.closable_.erase(std::exchange(closable_, all_.closable_.end()));
   }
   if (!std::exchange(answered_, true) && on_gone_) {
     std::exchange(on_gone_, nullptr)();

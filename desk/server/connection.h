@@ -1,6 +1,6 @@
 #pragma once
 
-// A connection of the desk: reads one request after the other, each with its time, and writes the answers.
+// Connections: reading requests, writing answers, and the limits on their number and time.
 
 #include <array>
 #include <chrono>
@@ -30,7 +30,7 @@ namespace desk {
 
 namespace http = boost::beast::http;
 
-/// One kind of executor alone, which saves a virtual call for each step.
+/// With a concrete executor, which saves virtual calls.
 using Socket = boost::asio::basic_stream_socket<boost::asio::ip::tcp, boost::asio::io_context::executor_type>;
 
 /// Reads from `stream` and drops what it reads; calls `on_end` at its end or after an error. `on_end` keeps the owner
@@ -46,20 +46,20 @@ void DiscardInput(Stream& stream, OnEnd on_end) {
 
 class Connection;
 
-/// One request, read to its end.
+/// A request that was read completely.
 struct HttpRequest {
   http::verb method = http::verb::get;
-  std::string path;                // as it came, without the query
-  std::vector<std::string> parts;  // what the stars of the route stand for, decoded
+  std::string path;                // as received, without the query
+  std::vector<std::string> parts;  // the parts that match the stars of the route, decoded
   std::map<std::string, std::string, std::less<>> query;
   std::string content_type;
   std::string last_event_id;
   std::string body;
-  ParsedJson json;       // the parsed body, for routes that take JSON
-  bool own = false;      ///< a page of the desk itself asks
-  bool upgrade = false;  ///< it asks for a WebSocket
+  ParsedJson json;              // the parsed body, for routes that take JSON
+  bool from_desk_page = false;  ///< sent by the desk's own page
+  bool upgrade = false;         ///< asks for a WebSocket
 
-  /// What the query says of `name`; empty when nothing.
+  /// The value of `name` in the query; empty if missing.
   std::string_view Query(std::string_view name) const {
     const auto found = query.find(name);
     return found == query.end() ? std::string_view() : found->second;
@@ -68,36 +68,37 @@ struct HttpRequest {
 
 class Client;
 
-/// Counts what is open towards clients, and closes what takes too long. The loop's thread alone.
+/// All connections and streams: their number, and once a second which of them to close. To be used on the loop's thread
+/// only.
 class Clients {
  public:
   explicit Clients(boost::asio::io_context& loop) : clock_(loop) {}
 
-  /// Whether one more may be open. When there are as many as may be, the connection that has waited longest for its
-  /// request gives way.
+  /// Whether one more connection may be opened. At the limit, the connection that has waited longest for its client is
+  /// closed; false if none waits.
   bool MakeRoom();
   void set_limit(std::size_t limit) { limit_ = limit; }
 
-  /// Closes the connections that wait for a request, and looks after nobody any more.
+  /// Closes the connections that wait for their clients, and stops the timer.
   void CloseIdle();
-  /// Closes all, in the middle of whatever they do.
+  /// Closes all connections and streams.
   void CloseAll();
 
  private:
   friend Client;
   friend Connection;
 
-  void Tick();
+  void CheckAll();
 
   std::size_t limit_ = 1;
-  std::size_t unsent_ = 0;            // bytes of long answers
-  std::list<Client*> open_;           // connections and streams
-  std::list<Connection*> expecting_;  // a request, or its rest, or the end; the oldest first
+  std::size_t unsent_ = 0;           // bytes of long answers being written
+  std::list<Client*> open_;          // connections and streams
+  std::list<Connection*> closable_;  // wait for a request, its rest, or the client's closing; oldest first
   boost::asio::steady_timer clock_;
   bool ticking_ = false;
 };
 
-/// A connection, or the stream that came of one.
+/// A connection, or a stream that has taken over the socket of one.
 class Client {
  public:
   Client(const Client&) = delete;
@@ -112,10 +113,10 @@ class Client {
   virtual ~Client();
 
   Clients& all_;
-  Clock::time_point deadline_ = Clock::time_point::max();  ///< when it is closed
-  /// The descriptor while nothing is read from it: whether the client has left is then looked at each second. -1 for
-  /// none.
-  int unread_ = -1;
+  Clock::time_point deadline_ = Clock::time_point::max();  ///< when it is closed at the latest
+  /// The socket while nothing is read from it, otherwise -1. It is checked each second for whether the client has
+  /// disconnected.
+  int polled_fd_ = -1;
 
  private:
   friend Clients;
@@ -125,36 +126,36 @@ class Client {
 
 class Connection final : public Client, public std::enable_shared_from_this<Connection> {
  public:
-  /// Whom a request is handed to. It is answered with one call of `Reply`, at once or later, or by taking the socket.
+  /// Handles a request: with one call of `Reply`, now or later, or by taking the socket.
   using Handler = std::function<void(HttpRequest&, const std::shared_ptr<Connection>&)>;
 
   static constexpr std::size_t kMaxBody = 64UL * 1024;
-  static constexpr std::chrono::seconds kRequestTime{3};  ///< from a request's first byte to its last
-  static constexpr std::chrono::seconds kIdleTime{60};    ///< between two requests
-  static constexpr std::chrono::seconds kAnswerTime{10};  ///< to take an answer
+  static constexpr std::chrono::seconds kRequestTime{3};  ///< from the first to the last byte of a request
+  static constexpr std::chrono::seconds kIdleTime{60};    ///< between requests
+  static constexpr std::chrono::seconds kAnswerTime{10};  ///< for the client to read an answer
 
-  /// `check` and `handler` outlive it.
+  /// `check` and `handler` must outlive the connection.
   Connection(Socket socket, Clients& all, const OriginCheck& check, const Handler& handler);
   ~Connection() override;
 
   void Start() { AwaitRequest(); }
 
-  /// Answers the request; nothing happens when the client has gone.
+  /// Answers the request. Does nothing if the client has disconnected.
   void Reply(Answer answer);
 
-  /// Calls `on_gone` when the client leaves before it is answered, and then only; within a second or two.
+  /// Calls `on_gone` if the client disconnects before it is answered, within two seconds.
   void OnGone(std::function<void()> on_gone);
 
-  /// The request as the library has it, for the answer to an upgrade.
+  /// The request as parsed by Beast, for the answer to an upgrade.
   const http::request<http::string_body>& message() const { return parser_->get(); }
 
-  /// The header lines that every answer to this request carries.
+  /// The header fields that every answer to this request has.
   const std::vector<std::pair<std::string_view, std::string>>& fields() const { return fields_; }
 
-  /// Whether the head of the answer alone is wanted.
+  /// Whether the request is a HEAD.
   bool head() const { return head_; }
 
-  /// The socket belongs to a stream from now on; only the destructor may follow.
+  /// Transfers the socket to a stream. Afterwards the connection may only be destroyed.
   Socket Take();
   Clients& all() { return all_; }
 
@@ -171,7 +172,7 @@ class Connection final : public Client, public std::enable_shared_from_this<Conn
   Socket socket_;
   const OriginCheck& check_;
   const Handler& handler_;
-  std::list<Connection*>::iterator expecting_;
+  std::list<Connection*>::iterator closable_;
   boost::beast::flat_buffer buffer_;
   std::optional<http::request_parser<http::string_body>> parser_;
   std::optional<http::response<http::string_body>> response_;
@@ -182,7 +183,7 @@ class Connection final : public Client, public std::enable_shared_from_this<Conn
   bool head_ = false;
 };
 
-/// "%41" becomes "A"; nothing where an escape is none.
+/// Decodes %41 to A; empty if a % is not followed by two hexadecimal digits.
 std::optional<std::string> Decode(std::string_view text);
 
 }  // namespace desk

@@ -31,13 +31,13 @@ namespace {
 using boost::asio::ip::tcp;
 using Error = boost::system::error_code;
 
-// What everybody may see who looks at all.
-constexpr EventLog::Limits kEverything{.events = 20'000, .bytes = 16UL * 1024 * 1024};
+// The events that are kept for `/api/events`.
+constexpr EventLog::Limits kEventLimits{.events = 20'000, .bytes = 16UL * 1024 * 1024};
 
-// How long clients may take to hear that the desk has ended, and the store to finish what it does.
-constexpr std::chrono::seconds kFarewell(2);
+// How long clients may take to read the last events, and the store to finish a change.
+constexpr std::chrono::seconds kShutdownTime(2);
 
-// How many descriptors this process may have beyond those that it has.
+// How many more descriptors this process may open, after raising its limit.
 std::size_t FreeDescriptors() {
   rlimit limit{};
   getrlimit(RLIMIT_NOFILE, &limit);
@@ -55,7 +55,7 @@ Limits Limits::For(std::size_t free) {
   const std::size_t connections = std::clamp<std::size_t>(free / 2, 8, 1024);
   const std::size_t left = free > connections ? free - connections : 0;
   return {.connections = connections,
-          .pages = std::clamp<std::size_t>(left / HostProcess::kDescriptors, 1, PageBook::kMaxPages),
+          .pages = std::clamp<std::size_t>(left / HostProcess::kDescriptors, 1, Pages::kMaxPages),
           .events = std::min<std::size_t>(connections / 8, 32),
           .deliveries = connections / 4,
           .sends = connections / 2};
@@ -63,8 +63,8 @@ Limits Limits::For(std::size_t free) {
 
 Desk::Desk(DeskOptions given)
     : options(std::move(given)),
-      everything(kEverything),
-      pages(loop, options.host, everything, [this] { TellDesk(); }),
+      events(kEventLimits),
+      pages(loop, options.host, events, [this] { SendDeskEvent(); }),
       check_("", false),
       handler_([this](HttpRequest& request, const ConnectionPtr& connection) { Handle(request, connection); }),
       clients_(loop),
@@ -81,7 +81,7 @@ Desk::Desk(DeskOptions given)
   AddFiles(router_);
 }
 
-// What still has a handler in the loop refers to this desk, so it goes first.
+// Pending handlers refer to this desk, so they run before it is destroyed.
 Desk::~Desk() {
   watch_.reset();
   clients_.CloseAll();
@@ -115,7 +115,7 @@ void Desk::OnChange(const vconf::Change& change) {
   const Text text =
       shared ? MakeText(ToText({{"path", change.path}, {"value", change.value ? ToJson(*change.value) : Json()}}))
              : MakeText("{}");
-  boost::asio::post(loop, [this, shared, text] { everything.Add(shared ? "setting" : "set", text); });
+  boost::asio::post(loop, [this, shared, text] { events.Add(shared ? "setting" : "set", text); });
 }
 
 vconf::Status Desk::Start() {
@@ -125,7 +125,7 @@ vconf::Status Desk::Start() {
   if (vconf::Status status = listener_.Listen(options.port, options.listen); !status.ok()) {
     return status;
   }
-  // For the store's own files as it grows, a file that is served, and the pipes of a page that is being started.
+  // For the store's files, a file that is served, and the pipes of a page that is being started.
   constexpr std::size_t kOwn = 12;
   constexpr std::size_t kFewest = 24;
   const std::size_t free = FreeDescriptors();
@@ -149,7 +149,7 @@ vconf::Status Desk::Start() {
     input_.assign(dup(STDIN_FILENO));
     DiscardInput(input_, [this] { End(); });
   }
-  plugin_ = std::make_unique<PluginCheck>(loop, options.host, [this] { OnPlugin(); });
+  plugin_ = std::make_unique<PluginCheck>(loop, options.host, [this] { OnPluginCheck(); });
   return {};
 }
 
@@ -212,11 +212,11 @@ Json Desk::Describe() const {
           {"pages", {{"open", pages.all().size()}, {"limit", pages.limit()}}}};
 }
 
-void Desk::TellDesk() {
+void Desk::SendDeskEvent() {
   std::string now = ToText(Describe());
-  if (now != told_) {
-    everything.Add("desk", MakeText(now));
-    told_ = std::move(now);
+  if (now != last_desk_event_) {
+    events.Add("desk", MakeText(now));
+    last_desk_event_ = std::move(now);
   }
 }
 
@@ -238,7 +238,7 @@ Router::Handler Desk::OnStore(StoreUse use, std::function<Answer(const HttpReque
       // The connection belongs to the loop's thread, so it must not be destroyed here.
       boost::asio::post(loop, [this, use, connection = std::move(connection), answer = std::move(answer)] {
         if (use == StoreUse::kChangesSet) {
-          TellSet();
+          SendSetEvent();
         }
         connection->Reply(answer);
       });
@@ -255,27 +255,27 @@ Answer Desk::ReplaceStore() {
     vconf::CloseStore();
     const auto moved = vconf::ReplaceStore(options.host.store, DefaultEntries());
     const vconf::Status opened = OpenStore();
-    TellDesk();
+    SendDeskEvent();
     if (!moved.ok() || !opened.ok()) {
       return Fail(moved.ok() ? opened : moved.status());
     }
-    return Say({{"moved", *moved}});
+    return JsonAnswer({{"moved", *moved}});
   });
   boost::asio::post(loop, std::ref(replace));
   return replace.get_future().get();
 }
 
-void Desk::OnPlugin() {
-  if (ending_ || std::exchange(told_plugin_, true)) {
+void Desk::OnPluginCheck() {
+  if (ending_ || std::exchange(plugin_reported_, true)) {
     return StopWhenAllHaveEnded();
   }
   if (!plugin_->version().empty()) {
     std::cout << "The plug-in answers: version " << plugin_->version() << ", " << options.host.plugin << std::endl;
   } else {
-    std::cerr << "mirado desk: the plug-in " << options.host.plugin << " does not answer\n  " << plugin_->error()
+    std::cerr << "mirado desk: the plug-in " << options.host.plugin << " cannot be used\n  " << plugin_->error()
               << std::endl;
   }
-  TellDesk();
+  SendDeskEvent();
   if (plugin_->gone()) {
     status_ = kCannotWork;
     End();
@@ -306,20 +306,20 @@ int Desk::Run() {
   try {
     loop.run();
   } catch (const std::exception& error) {
-    std::cerr << "mirado desk: ends after a failure of its own: " << error.what() << std::endl;
+    std::cerr << "mirado desk: exits after an internal failure: " << error.what() << std::endl;
     status_ = kCannotWork;
     End();
     loop.run();
   }
-  // All processes are gone. Readers of streams hear of the end, if they still listen; what the store does is finished,
-  // and what it has not begun does not begin any more.
+  // All processes have ended. Streams get their last events, and the store finishes a running change; queued changes
+  // are dropped.
   store_thread_.stop();
-  everything.Close();
+  events.Close();
   clients_.CloseIdle();
   loop.restart();
-  loop.run_for(kFarewell);
+  loop.run_for(kShutdownTime);
   if (store_busy_) {
-    std::cerr << "mirado desk: the store does not finish what it does; a disk may hang" << std::endl;
+    std::cerr << "mirado desk: a change of the store does not finish; a disk may hang" << std::endl;
     std::_Exit(status_);
   }
   store_thread_.join();

@@ -1,6 +1,6 @@
 #pragma once
 
-// The desk: what all its parts share, and how it begins and ends.
+// The desk: the state that its parts share, startup and shutdown.
 
 #include <atomic>
 #include <functional>
@@ -18,24 +18,24 @@
 #include "server/event_log.h"
 #include "server/listener.h"
 #include "server/origin.h"
-#include "server/page_book.h"
+#include "server/pages.h"
 #include "server/plugin_check.h"
 #include "server/router.h"
 #include "vconf_control.h"
 
 namespace desk {
 
-/// How much of each there may be, by the number of descriptors that this process may have.
+/// The limits that follow from the number of descriptors that this process may open.
 struct Limits {
   std::size_t connections;
   std::size_t pages;
-  std::size_t events;      ///< streams of everything
+  std::size_t events;      ///< streams of `/api/events`
   std::size_t deliveries;  ///< streams of deliveries, of all pages
   std::size_t sends;       ///< clients that wait for a reply, of all pages
 
-  static constexpr std::size_t kReserve = 4;  ///< what pages of the desk itself may have beyond each
+  static constexpr std::size_t kReserve = 4;  ///< additional streams of each kind for the desk's own page
 
-  /// `free` is what the desk has left for all of them.
+  /// `free`: the descriptors that are left for all of them.
   static Limits For(std::size_t free);
 };
 
@@ -46,8 +46,8 @@ enum class StoreUse {
   kChangesSet,   ///< may change what is no key, such as faults: followed by an event `set`
 };
 
-/// One event loop on the calling thread owns pages, processes, connections and streams. Changes of the store, which may
-/// wait for a disk or a lock, are made one by one on a thread beside it.
+/// One event loop, on the main thread, owns pages, processes, connections and streams. Changes of the store, which may
+/// wait for a disk or a lock, run one by one on the store's thread.
 class Desk {
  public:
   explicit Desk(DeskOptions options);
@@ -55,16 +55,16 @@ class Desk {
   Desk(const Desk&) = delete;
   Desk& operator=(const Desk&) = delete;
 
-  /// Takes the port and begins to ask the plug-in for its version. Throws `std::system_error` as a page does.
+  /// Starts listening and the query for the plug-in's version. Throws `std::system_error` if no process can be created.
   vconf::Status Start();
 
-  /// Serves until a signal asks for the end, and returns the exit status. What the store does then is waited for two
-  /// seconds; beyond that, such as when a disk hangs, it ends the process.
+  /// Serves until a signal asks the desk to exit, and returns the exit status. If a change of the store takes longer
+  /// than two seconds then, such as when a disk hangs, it exits the process instead.
   int Run();
 
-  /// The links to the desk's page, the first for this machine.
+  /// The links to the desk's page with the token, if there is one; the first is for this machine.
   std::vector<std::string> Links() const;
-  /// What a page on this machine loads.
+  /// The address of desk.js for a page on this machine.
   std::string Script() const;
   /// The words of a command line that starts this desk again.
   std::vector<std::string> Command() const;
@@ -73,11 +73,11 @@ class Desk {
   /// before the answer.
   Router::Handler OnStore(StoreUse use, std::function<Answer(const HttpRequest&)> work);
 
-  /// What `GET /api/desk` says.
+  /// The answer of `GET /api/desk`.
   Json Describe() const;
-  /// Something in it may have changed.
-  void TellDesk();
-  void TellSet() { everything.Add("set", MakeText("{}")); }
+  /// Sends an event `desk` if that answer has changed.
+  void SendDeskEvent();
+  void SendSetEvent() { events.Add("set", MakeText("{}")); }
 
   /// Opens the store, again if it is open, and subscribes to its changes. Not while the store's thread uses it.
   vconf::Status OpenStore();
@@ -87,16 +87,16 @@ class Desk {
   boost::asio::io_context loop{1};
   const DeskOptions options;
   Limits limits{};
-  EventLog everything;
-  PageBook pages;
+  EventLog events;
+  Pages pages;
   std::size_t event_streams = 0;
   std::size_t delivery_streams = 0;
-  std::size_t sends = 0;
-  vconf::Status store;  ///< how opening it went
+  std::size_t waiting_sends = 0;
+  vconf::Status store;  ///< of opening the store
 
  private:
   void OnChange(const vconf::Change& change);
-  void OnPlugin();
+  void OnPluginCheck();
   void Handle(HttpRequest& request, const ConnectionPtr& connection);
   void End();
   void StopWhenAllHaveEnded();
@@ -112,9 +112,9 @@ class Desk {
   std::unique_ptr<vconf::Watch> watch_;
   boost::asio::thread_pool store_thread_{1};
   std::atomic<bool> store_busy_ = false;
-  std::string told_;
+  std::string last_desk_event_;
   int status_ = 0;
-  bool told_plugin_ = false;
+  bool plugin_reported_ = false;
   bool ending_ = false;
   bool pages_closed_ = false;
 };

@@ -5,7 +5,7 @@
 namespace desk {
 namespace {
 
-// The event itself, the shared text and its place in memory.
+// With the overhead of the event, the shared text and its allocation.
 std::size_t SizeOf(const EventLog::Event& event) { return event.data->size() + 96; }
 
 }  // namespace
@@ -21,13 +21,12 @@ void EventLog::Add(const char* name, Text data) {
     bytes_ -= SizeOf(events_.front());
     events_.pop_front();
   }
-  Tell();
+  NotifyReaders();
 }
 
 std::optional<EventLog::Event> EventLog::Next(std::uint64_t& position) const {
   const std::uint64_t gone = newest_ - events_.size();
   if (position < gone || position > newest_) {
-    // A position that was never reached is one of an earlier run; the reader cannot know what it missed either.
     const std::uint64_t count = position < gone ? gone - position : 0;
     position = position < gone ? gone : newest_;
     return Event{.name = "lost", .data = MakeText("{\"count\":" + std::to_string(count) + "}")};
@@ -51,11 +50,11 @@ std::string EventLog::Join(std::string_view name) const {
 
 void EventLog::Close() {
   closed_ = true;
-  Tell();
+  NotifyReaders();
 }
 
-// A reader that is told may leave, and others with it.
-void EventLog::Tell() const {
+// A notified reader may detach itself and others.
+void EventLog::NotifyReaders() const {
   for (std::size_t index = readers_.size(); index-- > 0;) {
     if (index < readers_.size()) {
       readers_[index]->OnEvents();

@@ -1,6 +1,6 @@
 #pragma once
 
-// The last of a row of numbered events: what streams read and what a page's history is made of.
+// A bounded log of numbered events, for streams and for a page's history.
 
 #include <cstdint>
 #include <deque>
@@ -12,25 +12,26 @@
 
 namespace desk {
 
-/// Text that several logs and streams hold at once.
+/// Text that several logs and streams share.
 using Text = std::shared_ptr<const std::string>;
 
 inline Text MakeText(std::string text) { return std::make_shared<const std::string>(std::move(text)); }
 
-/// Numbered events for readers that come, go and come back. The first event has number 1. The loop's thread alone.
+/// Keeps the newest events, numbered from 1. A reader keeps its own position, so it can continue after a break. To be
+/// used on the loop's thread only.
 class EventLog {
  public:
   struct Limits {
     std::size_t events;
-    std::size_t bytes;  ///< with what keeping an event takes beside its data
+    std::size_t bytes;  ///< including the overhead of each event
   };
 
   struct Event {
-    const char* name;  ///< lives for ever
+    const char* name;  ///< a literal
     Text data;         ///< one line of JSON
   };
 
-  /// Who is told that there is something to read, or that no more will come.
+  /// Is notified of new events and of the end of the log.
   class Reader {
    public:
     virtual void OnEvents() = 0;
@@ -39,35 +40,35 @@ class EventLog {
     ~Reader() = default;
   };
 
-  /// Keeps no more than `limits` allows, the newest event in any case.
+  /// The newest event is kept even if it exceeds `limits`.
   explicit EventLog(Limits limits) : limits_(limits) {}
   EventLog(const EventLog&) = delete;
   EventLog& operator=(const EventLog&) = delete;
 
-  /// After `Close` it does nothing.
+  /// Does nothing after `Close`.
   void Add(const char* name, Text data);
 
-  /// The event behind `position`, which is moved on to it; nothing when there is none. Where some are gone, or the
-  /// position was never reached, it is an event `lost` with their number, and the position is moved before the oldest.
+  /// Returns the event after `position` and advances `position`; empty if there is none. If events after `position`
+  /// were dropped, returns an event `lost` with their count and moves `position` before the oldest event. A `position`
+  /// that does not exist yet is one of an earlier run: `lost` with count 0, and `position` moves to the newest event.
   std::optional<Event> Next(std::uint64_t& position) const;
 
-  /// The number of the newest event, 0 without one.
+  /// The number of the newest event, 0 if there was none.
   std::uint64_t newest() const { return newest_; }
 
   bool closed() const { return closed_; }
 
-  /// The data of all that is kept, oldest first, as {"NAME":[…]}.
+  /// The data of the kept events, oldest first, as {"NAME":[…]}.
   std::string Join(std::string_view name) const;
 
   const std::deque<Event>& kept() const { return events_; }
 
-  /// No more events; the readers learn of it.
+  /// Ends the log; its events can still be read.
   void Close();
 
-  /// Calls all readers.
-  void Tell() const;
+  void NotifyReaders() const;
 
-  /// `reader` stays until it is detached, also while it is called.
+  /// `reader` must live until it is detached.
   void Attach(Reader* reader) { readers_.push_back(reader); }
   void Detach(Reader* reader) { std::erase(readers_, reader); }
 

@@ -1,4 +1,4 @@
-// The files that the desk serves: its own page, the scripts for pages, the example.
+// The files that the desk serves: its own page, the scripts for pages, and the example.
 
 #include <array>
 #include <filesystem>
@@ -14,7 +14,7 @@
 namespace desk {
 namespace {
 
-// Nothing but the desk's own files and its streams, and no frame around it in which a click could be led astray.
+// The desk's page loads only its own files and streams, and no page may frame it.
 constexpr char kPolicy[] =
     "default-src 'self'; connect-src 'self' ws:; img-src 'self' data:; object-src 'self'; "
     "base-uri 'none'; "
@@ -49,7 +49,7 @@ std::optional<Answer> ReadFile(const std::filesystem::path& file) {
   return stream.good() || stream.eof() ? std::optional(std::move(answer)) : std::nullopt;
 }
 
-// A name that leads nowhere but below its folder.
+// Whether the name stays below its folder.
 bool IsInside(const std::string& name) {
   const std::filesystem::path path(name);
   return name.find('\0') == std::string::npos && path.is_relative() &&
@@ -64,7 +64,7 @@ Answer Serve(const std::filesystem::path& folder, const std::string& name) {
   return answer ? std::move(*answer) : Fail(404, "there is nothing at /" + name);
 }
 
-// The example's script tag names a desk's usual address; here it is this desk's.
+// The example's script tag has the default address; without it, it loads from this desk.
 Answer ServeExample(const std::filesystem::path& folder) {
   constexpr std::string_view kUsual = "http://localhost:8480";
   Answer answer = Serve(folder, "index.html");

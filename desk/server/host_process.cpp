@@ -27,9 +27,9 @@ namespace {
 using Error = boost::system::error_code;
 
 constexpr std::chrono::seconds kTimeToEnd(2);
-// A line that never ends is cut here, so that memory stays bounded.
+// Longer lines are cut, so that memory stays bounded.
 constexpr std::size_t kMaxLine = 8UL * 1024 * 1024;
-// What one read of a pipe gets: all that a pipe of the usual size holds.
+// The capacity of a pipe: one read gets all that it holds.
 constexpr std::size_t kPipeSize = 64UL * 1024;
 
 struct Pipe {
@@ -49,7 +49,7 @@ Pipe MakePipe() {
 
 // Runs in the child between fork and exec, where only calls that are safe in a signal handler are allowed.
 [[noreturn]] void BecomeProgram(char* const* arguments, int input, int output, int log, pid_t parent) {
-  // Ctrl-C in a terminal is for the desk; it ends its children in good order.
+  // Ctrl-C in a terminal is for the desk, which asks its children to exit.
   setpgid(0, 0);
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   if (getppid() != parent) {
@@ -62,7 +62,7 @@ Pipe MakePipe() {
   dup2(input, STDIN_FILENO);
   dup2(output, STDOUT_FILENO);
   dup2(log, STDERR_FILENO);
-  // The sockets of other pages would stay open in the child after the server has closed them.
+  // Otherwise connections would stay open in the child after the desk has closed them.
   close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
   execv(arguments[0], arguments);
   const char* const cause = strerrordesc_np(errno);
@@ -84,7 +84,7 @@ HostProcess::HostProcess(boost::asio::io_context& loop, Listener& listener)
       child_(loop),
       kill_timer_(loop) {}
 
-// Before its end only when starting it has failed half-way, or the loop is no more.
+// The child is still running only if `Run` failed after the fork, or if the loop is gone.
 HostProcess::~HostProcess() {
   if (pid_ > 0 && listener_ != nullptr) {
     kill(pid_, SIGKILL);
@@ -163,7 +163,7 @@ bool HostProcess::ReadOnce(Output& output) {
   return size > 0;
 }
 
-// One read gets all that a pipe holds. A grandchild may hold the pipe open and write on.
+// Passes on what is left in the pipe, with an unfinished line.
 void HostProcess::Drain(Output& output) {
   ReadOnce(output);
   if (!output.rest.empty()) {
@@ -228,15 +228,13 @@ void HostProcess::AwaitEnd() {
       return;
     }
     int status = 0;
-    // The loop must never wait here, and a wait in it may end early: Asio keeps the state of a closed descriptor for
-    // the next one. When one turn of epoll reports several descriptors, and the handler of the first closes the second
-    // and opens a third, then the third is taken for ready, since it has the state with which the second was reported.
-    // Reads and writes find out that it is not, a wait does not.
+    // WNOHANG, because the wait may have ended too early: Asio reuses the state of a closed descriptor for a new one.
+    // If epoll reports two descriptors at once, and the handler of the first closes the second and opens a new one, the
+    // new one is taken for ready.
     if (waitpid(self->pid_, &status, WNOHANG) == 0) {
       return self->AwaitEnd();
     }
-    // What it still had to say comes before its end. A process of its own may hold the pipe open, so what is there
-    // counts and not the end of the pipe.
+    // The rest of its output comes before its end. The end of the pipe is not awaited: a grandchild may hold it open.
     self->log_.pipe.cancel();
     self->output_.pipe.cancel();
     self->Drain(self->log_);

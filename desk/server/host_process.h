@@ -1,6 +1,6 @@
 #pragma once
 
-// A child process that speaks in lines, on the loop.
+// A child process that exchanges lines with the desk through pipes.
 
 #include <sys/types.h>
 
@@ -17,29 +17,29 @@
 
 namespace desk {
 
-/// A child process with pipes to its input, output and log (stderr). It dies with this process, in whatever way that
-/// ends. The loop's thread alone, which must be one that lives as long as the process.
+/// A child process with pipes to its input, output and log (stderr). The kernel kills it when the thread that started
+/// it ends, so this must be the main thread, which runs the loop. To be used on that thread only.
 class HostProcess : public std::enable_shared_from_this<HostProcess> {
  public:
   class Listener {
    public:
     virtual void OnLine(std::string_view line) = 0;
     virtual void OnLogLine(std::string_view line) = 0;
-    /// There is room for lines again, after `HasRoom` has said no.
+    /// `HasRoom` is true again.
     virtual void OnRoom() = 0;
-    /// The last call. The child is gone; `wait_status` is as `waitpid` gives it.
+    /// The last call: the child has ended, with the status of `waitpid`.
     virtual void OnEnd(int wait_status) = 0;
 
    protected:
     ~Listener() = default;
   };
 
-  static constexpr int kDescriptors = 4;                       ///< what one takes of this process
-  static constexpr std::size_t kMaxQueue = 8UL * 1024 * 1024;  ///< bytes that a child may leave unread
+  static constexpr int kDescriptors = 4;                       ///< open in this process for each child
+  static constexpr std::size_t kMaxQueue = 8UL * 1024 * 1024;  ///< bytes that are queued for a child that does not read
 
-  /// Runs `command`, whose first part is the program's path. A program that cannot be run counts as one that ended with
-  /// status 127, and its log says why. `listener` must live until `OnEnd`, which comes in any case. Throws
-  /// `std::system_error` when there is no room for a process or its pipes.
+  /// Runs `command`, whose first part is the program's path. A program that cannot be run ends with status 127 and a
+  /// line in its log. `listener` must live until `OnEnd`, which is always called. Throws `std::system_error` if no
+  /// process or pipe can be created.
   static std::shared_ptr<HostProcess> Start(boost::asio::io_context& loop, const std::vector<std::string>& command,
                                             Listener& listener);
 
@@ -47,13 +47,14 @@ class HostProcess : public std::enable_shared_from_this<HostProcess> {
   HostProcess(const HostProcess&) = delete;
   HostProcess& operator=(const HostProcess&) = delete;
 
-  /// False when the child has left so much unread that no more is taken. One that is ending has room for everything.
+  /// False if more than `kMaxQueue` bytes are queued. Always true for a child that is ending.
   bool HasRoom() const { return ending_ || queue_.size() + writing_.size() <= kMaxQueue; }
 
-  /// Queues one line, given without its newline. A line for a child that is ending is dropped: `OnEnd` answers it.
+  /// Queues one line, without its newline. Dropped if the child is ending.
   void Write(std::string_view line);
 
-  /// Closes the child's input after what is queued, which asks it to end; one that has not after two seconds is killed.
+  /// Closes the child's input after the queued lines, which makes it exit, and kills it after two seconds if it has
+  /// not.
   void End();
 
   void Kill();
@@ -67,7 +68,7 @@ class HostProcess : public std::enable_shared_from_this<HostProcess> {
   struct Output {
     Descriptor pipe;
     void (Listener::*on_line)(std::string_view);
-    std::string rest;  // a line that has not ended yet
+    std::string rest;  // the start of a line whose end was not read yet
   };
 
   HostProcess(boost::asio::io_context& loop, Listener& listener);

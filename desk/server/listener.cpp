@@ -19,8 +19,8 @@ using Error = boost::system::error_code;
 template <int kName>
 using TcpOption = boost::asio::detail::socket_option::integer<IPPROTO_TCP, kName>;
 
-// A client whose machine has gone without a word is given up after a minute.
-constexpr int kProbeAfter = 30;  // seconds without a word
+// The connection to a client whose machine no longer responds ends after a minute.
+constexpr int kProbeAfter = 30;  // seconds without data
 constexpr int kProbeEach = 10;
 constexpr int kProbes = 3;
 
@@ -70,7 +70,7 @@ vconf::Status Listener::ListenOn(const Address& address, int port) {
 
 vconf::Status Listener::ListenOnBoth(const Address& v4, const Address& v6, int port) {
   vconf::Status status;
-  // A port that is free in one family may be taken in the other.
+  // A port that is free in one family may be in use in the other.
   for (int tries = port == 0 ? 20 : 1; tries > 0; --tries) {
     acceptors_.clear();
     status = ListenOn(v4, port);
@@ -84,7 +84,7 @@ vconf::Status Listener::ListenOnBoth(const Address& v4, const Address& v6, int p
   return status;
 }
 
-// Both families, or another program could answer for this one under the name `localhost`.
+// Both families, or another program could serve `http://localhost` in the other one.
 vconf::Status Listener::Listen(int port, const std::string& address) {
   Address v4 = boost::asio::ip::address_v4::loopback();
   Address v6 = boost::asio::ip::address_v6::loopback();
@@ -94,10 +94,10 @@ vconf::Status Listener::Listen(int port, const std::string& address) {
     other = boost::asio::ip::make_address(address, error);
     if (error) {
       return {vconf::Code::kBadValue,
-              address + " is no address; --listen takes one of this machine's, such as 192.168.1.20"};
+              address + " is not an address; --listen takes one of this machine's, such as 192.168.1.20"};
     }
   }
-  if (other.is_unspecified()) {  // it covers loopback of its family
+  if (other.is_unspecified()) {  // includes loopback of its family
     (other.is_v6() ? v6 : v4) = other;
   }
   vconf::Status status = ListenOnBoth(v4, v6, port);
@@ -121,7 +121,7 @@ void Listener::Accept(Acceptor& acceptor) {
       return;
     }
     if (error) {
-      // Such as no more descriptors. Each address has a timer of its own.
+      // No more descriptors or memory. Until there are, the socket stays readable, so this waits.
       const auto retry = std::make_shared<boost::asio::steady_timer>(loop_, std::chrono::milliseconds(20));
       return retry->async_wait([this, retry, &acceptor](Error) {
         if (!acceptors_.empty()) {

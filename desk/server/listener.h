@@ -1,6 +1,6 @@
 #pragma once
 
-// The addresses that the desk listens on, and the connections that come in there.
+// The addresses that the desk listens on, and accepting connections there.
 
 #include <functional>
 #include <memory>
@@ -16,16 +16,16 @@
 
 namespace desk {
 
-/// The loop's thread alone.
+/// To be used on the loop's thread only.
 class Listener {
  public:
   explicit Listener(boost::asio::io_context& loop) : loop_(loop) {}
 
-  /// Takes `port` (0: any that is free) on both loopback addresses and on `address`, which is in figures or empty.
-  /// Fails when one of them is taken, and says which.
+  /// Binds `port` (0: any free one) on both loopback addresses and on `address`, which is numeric or empty. Fails if
+  /// one of them is in use, and says which.
   vconf::Status Listen(int port, const std::string& address);
 
-  /// Hands each connection to `on_socket`. Where there is no room for one among `clients`, it is refused.
+  /// Passes each connection to `on_socket`. One for which `clients` has no room gets a 503.
   void Start(Clients& clients, std::function<void(Socket)> on_socket);
 
   void Close() { acceptors_.clear(); }
@@ -46,7 +46,7 @@ class Listener {
   unsigned short port_ = 0;
 };
 
-/// An address as it stands in a link: one of IPv6 in brackets.
+/// An address as in a URL: IPv6 in brackets.
 std::string InBrackets(const boost::asio::ip::address& address);
 
 }  // namespace desk

@@ -19,7 +19,7 @@
 namespace desk {
 namespace {
 
-constexpr std::size_t kTokenLength = 32;  // figures of 4 bits
+constexpr std::size_t kTokenLength = 32;  // hexadecimal digits
 
 std::string Lower(std::string_view text) {
   std::string lower(text);
@@ -33,7 +33,7 @@ bool IsPort(std::string_view text) {
   return error == std::errc() && end == text.data() + text.size();
 }
 
-// The host without its port, in small letters; empty when what is behind it is no port.
+// The host without its port, in lower case; empty if the port is not a number.
 std::string NameOf(std::string_view host) {
   const std::size_t colon = host.find(':', host.starts_with('[') ? std::min(host.find(']'), host.size()) : 0);
   if (colon != std::string_view::npos && !IsPort(host.substr(colon + 1))) {
@@ -55,11 +55,11 @@ std::string_view HostOf(std::string_view origin) {
 [[noreturn]] void ThrowErrno(const std::string& file) { throw std::system_error(errno, std::generic_category(), file); }
 
 std::string MakeToken() {
-  constexpr std::string_view kFigures = "0123456789abcdef";
+  constexpr std::string_view kDigits = "0123456789abcdef";
   std::random_device random;
   std::string token;
   for (std::size_t index = 0; index < kTokenLength; ++index) {
-    token += kFigures[random() % kFigures.size()];
+    token += kDigits[random() % kDigits.size()];
   }
   return token;
 }
@@ -89,34 +89,34 @@ bool IsJsonType(std::string_view content_type) {
 std::optional<std::string> OriginCheck::Refuse(const Claim& claim) const {
   const bool knows = Knows(claim.token);
   if (!IsLoopbackHost(claim.host) && !(elsewhere_ && (knows || IsAddress(claim.host)))) {
-    return elsewhere_ ? "the desk answers to addresses, or to any name with its token"
-                      : "the desk answers to loopback names only";
+    return elsewhere_ ? "the Host must be a numeric address, or the request must have the desk's token"
+                      : "the Host must be a loopback name or address";
   }
   if (!claim.is_api) {
-    return std::nullopt;  // A script that did not load could not say why its page gets no plug-in.
+    return std::nullopt;  // A script that does not load could not report why.
   }
   if (!token_.empty() && !knows) {
-    return "this desk wants its token; open the link that it printed, or load the script from there";
+    return "this desk needs its token: use the link that it printed";
   }
   if (knows) {
     return std::nullopt;
   }
   if (!claim.origin.empty()) {
-    return IsLoopbackHost(HostOf(claim.origin)) || IsOwn(claim)
+    return IsLoopbackHost(HostOf(claim.origin)) || IsDeskPage(claim)
                ? std::nullopt
-               : std::optional(
-                     "the origin " + std::string(claim.origin) +
-                     " needs the desk's token; start the desk with --token and load the script that it names");
+               : std::optional("the origin " + std::string(claim.origin) +
+                               " needs the desk's token: start the desk with --token and load desk.js from the link "
+                               "that it prints");
   }
-  // An image or a script of a foreign page does not say whose it is.
-  return claim.site == "cross-site" ? std::optional("another site's page must name its origin") : std::nullopt;
+  // Requests for images and scripts of other sites' pages have no Origin.
+  return claim.site == "cross-site" ? std::optional("a cross-site request must have an Origin") : std::nullopt;
 }
 
-bool OriginCheck::IsOwn(const Claim& claim) {
+bool OriginCheck::IsDeskPage(const Claim& claim) {
   return claim.origin.empty() ? claim.site == "same-origin" : HostOf(claim.origin) == claim.host;
 }
 
-// Takes the same time wherever the difference is.
+// Its time does not depend on where the difference is.
 bool OriginCheck::Knows(std::string_view token) const {
   if (token_.empty() || token.size() != token_.size()) {
     return false;
@@ -150,7 +150,7 @@ std::string KeptToken(const std::string& store) {
         read(kept.get(), token.data(), token.size()) == static_cast<ssize_t>(token.size())) {
       return {token.data(), token.size()};
     }
-    // Others could read it, or it is none; what is made in its place nobody knows yet.
+    // Others could read it, or it is not a token: it is replaced.
     unlink(file.c_str());
   }
   ThrowErrno(file);

@@ -27,7 +27,7 @@ std::int64_t NowInMilliseconds() {
   return duration_cast<std::chrono::milliseconds>(std::chrono::system_clock::now().time_since_epoch()).count();
 }
 
-// Begins with the page's number for people and ends with what a stranger cannot guess.
+// The page's number, for people, and a part that other clients cannot guess.
 std::string MakeId(int number) {
   std::random_device random;
   std::array<char, 16> hex{};
@@ -36,15 +36,15 @@ std::string MakeId(int number) {
   return "p" + std::to_string(number) + "-" + std::string(hex.data(), end);
 }
 
-// The value of the member `name` of `json`, as JSON text; empty when there is none.
+// The value of the member `name` of `json`, as JSON text; empty if there is none.
 std::string_view MemberOf(std::string_view json, std::string_view name) {
   const auto members = RawMembers(json);
   const auto found = std::ranges::find(members, name, &RawMember::name);
   return found == members.end() ? std::string_view() : found->value;
 }
 
-// An event names a setting and not its value. What the value is when the event comes, as JSON text; empty for another
-// message, and when it cannot be read.
+// The current value of the setting that an event names, as JSON text. Empty for another message, or if the value cannot
+// be read.
 std::string ValueNow(std::string_view message) {
   const std::string_view event = MemberOf(message, "event");
   if (event.empty()) {
@@ -81,25 +81,25 @@ Json DescribeEnd(int wait_status, const Json& last_log) {
 }  // namespace
 
 Page::Page(boost::asio::io_context& loop, int number, PageDescription description, const HostCommand& command,
-           EventLog& everything, Watcher& watcher)
+           EventLog& events, Owner& owner)
     : number_(number),
       id_(MakeId(number)),
       description_(std::move(description)),
       since_(NowInMilliseconds()),
-      everything_(everything),
-      watcher_(watcher),
+      events_(events),
+      owner_(owner),
       deliveries_(kDeliveries),
       dialogue_(kHistory),
       log_(kHistory),
-      look_(loop),
+      abandon_timer_(loop),
       host_(HostProcess::Start(loop, command.Arguments(), *this)),
       pid_(host_->pid()) {
-  Tell();
-  Look();
+  SendPageEvent();
+  CheckAbandoned();
 }
 
 std::uint64_t Page::Submit(const std::vector<Message>& messages, OnResult on_result) {
-  last_sign_ = Clock::now();
+  last_activity_ = Clock::now();
   for (const Message& message : messages) {
     if (message.number && last_number_ && *message.number <= *last_number_) {
       continue;
@@ -124,13 +124,13 @@ std::uint64_t Page::Submit(const std::vector<Message>& messages, OnResult on_res
 
 void Page::SubmitOne(const Message& message) {
   ++sent_;
-  const Pending pending{.entry = Note(message.waits ? "send" : "post", message.body), .start = Clock::now()};
+  const Pending pending{.entry = AddToDialogue(message.waits ? "send" : "post", message.body), .start = Clock::now()};
   if (message.waits) {
     static_cast<Pending&>(sends_.back()) = pending;
   } else {
     posts_.push_back(pending);
   }
-  // Last: what comes of it, on this page or elsewhere, is told after it.
+  // After the entry in the dialogue, so that the events of what it causes follow.
   host_->Write(FormatLine(message.waits ? In::kSend : In::kPost, message.body));
 }
 
@@ -138,7 +138,7 @@ void Page::Forget(std::uint64_t ticket) {
   const auto found = std::ranges::find(sends_, ticket, &PendingSend::entry);
   if (found != sends_.end()) {
     found->on_result = nullptr;
-    last_sign_ = Clock::now();
+    last_activity_ = Clock::now();
   }
 }
 
@@ -150,7 +150,7 @@ void Page::OnLine(std::string_view line) {
   try {
     Take(*out, line);
   } catch (const ParsedJson::exception&) {
-    OnLogLine(line);  // The plug-in itself has printed what looks like a line of its host.
+    OnLogLine(line);  // printed by the plug-in itself, though it looks like the host's
   }
 }
 
@@ -160,7 +160,7 @@ void Page::Take(const OutLine& out, std::string_view line) {
       return OnReply(out.value);
     case Out::kMessage:
       return OnDelivery(out.value);
-    case Out::kError:  // the desk sends nothing that a host refuses
+    case Out::kError:  // the desk sends only valid lines
       return OnLogLine(line);
     case Out::kLog:
       return MemberOf(out.value, "text").starts_with('"') ? Log(out.value.substr(1, out.value.size() - 2))
@@ -180,9 +180,9 @@ void Page::OnReply(std::string_view reply) {
   }
   const PendingSend pending = std::move(sends_.front());
   sends_.pop_front();
-  Note("reply", reply, &pending);
+  AddToDialogue("reply", reply, &pending);
   if (pending.on_result) {
-    last_sign_ = Clock::now();
+    last_activity_ = Clock::now();
     pending.on_result({.outcome = Outcome::kDone, .text = std::string(reply)});
   }
 }
@@ -193,16 +193,16 @@ void Page::OnDelivery(std::string_view message) {
   if (!posts_.empty() && !MemberOf(message, "command").empty()) {
     const Pending pending = posts_.front();
     posts_.pop_front();
-    Note("message", message, &pending);
+    AddToDialogue("message", message, &pending);
   } else {
-    Note("message", message, nullptr, ValueNow(message));
+    AddToDialogue("message", message, nullptr, ValueNow(message));
   }
-  deliveries_.Add("message", MakeText(std::string(message)));  // last: whoever hears of it finds it in the dialogue
+  deliveries_.Add("message", MakeText(std::string(message)));  // after the dialogue, which its readers may request
 }
 
 void Page::OnWatches(std::string_view paths) {
   watches_ = ParsedJson::parse(paths).get<std::vector<std::string>>();
-  Tell();
+  SendPageEvent();
 }
 
 void Page::OnLogLine(std::string_view line) {
@@ -214,7 +214,7 @@ void Page::Log(std::string_view parts) {
                       std::to_string(NowInMilliseconds()) + ",";
   const Text text = MakeText(entry.append(parts).append("}"));
   log_.Add("log", text);
-  everything_.Add("log", text);
+  events_.Add("log", text);
 }
 
 Json Page::LastLog(std::ptrdiff_t count) const {
@@ -234,14 +234,15 @@ void Page::OnEnd(int wait_status) {
   if (!leaving_) {
     crashed_ = true;
     const std::string end = ToText(DescribeEnd(wait_status, LastLog(1)));
-    Note("crash", end);
-    Tell();
+    AddToDialogue("crash", end);
+    SendPageEvent();
     deliveries_.Add("crash", MakeText(end));
   }
-  watcher_.OnEnded(*this);  // last: this page may be no more
+  owner_.OnEnded(*this);  // last, because it may destroy this page
 }
 
-std::uint64_t Page::Note(std::string_view kind, std::string_view body, const Pending* answers, std::string_view now) {
+std::uint64_t Page::AddToDialogue(std::string_view kind, std::string_view body, const Pending* answers,
+                                  std::string_view now) {
   std::string entry;
   entry.reserve(body.size() + 160);
   entry.append(R"({"page":")").append(id_).append(R"(","n":)").append(std::to_string(++entries_));
@@ -262,7 +263,7 @@ std::uint64_t Page::Note(std::string_view kind, std::string_view body, const Pen
       entry, [](char c) { return c == '\n' || c == '\r'; }, ' ');
   const Text text = MakeText(std::move(entry.append("}")));
   dialogue_.Add("dialogue", text);
-  everything_.Add("dialogue", text);
+  events_.Add("dialogue", text);
   return entries_;
 }
 
@@ -273,7 +274,7 @@ void Page::ReleaseWaiting() {
       pending.on_result({.outcome = Outcome::kGone});
     }
   }
-  OnRoom();  // who waits for room learns that there is nobody
+  OnRoom();  // posts that waited for room are dropped now
 }
 
 void Page::End(std::string_view reason) {
@@ -281,8 +282,8 @@ void Page::End(std::string_view reason) {
     deliveries_.Add("crash", MakeText(ToText({{"status", nullptr}, {"signal", nullptr}, {"reason", reason}})));
   }
   leaving_ = true;
-  look_.cancel();
-  deliveries_.Close();  // here, so that nothing is delivered behind the end
+  abandon_timer_.cancel();
+  deliveries_.Close();  // now, so that nothing follows the last event
   ReleaseWaiting();
   host_->End();
 }
@@ -328,18 +329,18 @@ bool Page::StartRecording() {
   recording_runs_ = true;
   ++recordings_asked_;
   host_->Write(FormatLine(In::kRecord, "true"));
-  Tell();
+  SendPageEvent();
   return true;
 }
 
 void Page::StopRecording() {
   if (std::exchange(recording_runs_, false)) {
     host_->Write(FormatLine(In::kRecord, "false"));
-    Tell();
+    SendPageEvent();
   }
 }
 
-// What was under way when a recording was stopped comes after the next one was started, and before its first line.
+// Lines of the previous recording may still arrive after a new one was started, but before its first line.
 void Page::OnRecorded(std::string_view line) {
   recordings_begun_ += line.starts_with(R"({"recording":)") ? 1 : 0;
   if (!recording_ || recordings_begun_ != recordings_asked_ || recording_full_) {
@@ -355,26 +356,26 @@ void Page::OnRecorded(std::string_view line) {
 
 void Page::StreamClosed() {
   --streams_;
-  last_sign_ = Clock::now();
+  last_activity_ = Clock::now();
   if (streams_ == 0) {
-    Look();
+    CheckAbandoned();
   }
 }
 
-// Looks again when the page could have been silent for its grace. A page that waits for a reply can give no sign of
-// life; it has as much time more as the set may hold a reply back.
-void Page::Look() {
+// Runs again when the grace could have passed. A client that waits for a reply sends nothing meanwhile, so the maximum
+// latency is added.
+void Page::CheckAbandoned() {
   if (leaving_ || streams_ > 0) {
     return;
   }
-  const auto end = last_sign_ + description_.grace + std::chrono::milliseconds(waiting() > 0 ? kMaxLatency : 0);
+  const auto end = last_activity_ + description_.grace + std::chrono::milliseconds(waiting() > 0 ? kMaxLatency : 0);
   if (Clock::now() >= end) {
-    return watcher_.OnAbandoned(*this);
+    return owner_.OnAbandoned(*this);
   }
-  look_.expires_at(end);
-  look_.async_wait([this](boost::system::error_code error) {
+  abandon_timer_.expires_at(end);
+  abandon_timer_.async_wait([this](boost::system::error_code error) {
     if (!error) {
-      Look();
+      CheckAbandoned();
     }
   });
 }

@@ -1,6 +1,6 @@
 #pragma once
 
-// One page with its plug-in process: its messages, what came of them, and how long it lives.
+// One page: its plug-in process, its messages with their results, and its lifetime.
 
 #include <algorithm>
 #include <chrono>
@@ -23,16 +23,16 @@
 
 namespace desk {
 
-/// What a page says of itself.
+/// What a client states when it opens a page.
 struct PageDescription {
   std::string title;
   std::string url;
-  std::chrono::seconds grace{5};  ///< how long it lives without a stream and without a message
+  std::chrono::seconds grace{5};  ///< how long the page lives without a stream or a message
 
   bool operator==(const PageDescription&) const = default;
 };
 
-/// One page. The loop's thread alone.
+/// A page as clients see it under `/api/pages/ID`. To be used on the loop's thread only.
 class Page final : private HostProcess::Listener {
  public:
   using Clock = std::chrono::steady_clock;
@@ -40,36 +40,36 @@ class Page final : private HostProcess::Listener {
   struct Message {
     bool waits;                          ///< a send, not a post
     std::string_view body;               ///< JSON text
-    std::optional<std::int64_t> number;  ///< the page's own, to recognise a message that it sends again
+    std::optional<std::int64_t> number;  ///< increasing; a message with a number that was already received is skipped
   };
 
   enum class Outcome {
     kDone,
     kGone,  ///< there is no plug-in process, or it ended before it replied
-    kFull,  ///< the plug-in has fallen so far behind that no more is taken
+    kFull,  ///< the plug-in has left too much unread
   };
   struct Result {
     Outcome outcome = Outcome::kDone;
-    std::string text = {};  ///< the reply as JSON when there was a send that was not skipped
+    std::string text = {};  ///< the reply as JSON, if a send was not skipped
   };
   using OnResult = std::function<void(const Result&)>;
 
-  /// What a page reports of.
-  class Watcher {
+  /// Ends and destroys the page.
+  class Owner {
    public:
-    /// The page is not heard of any more and should leave.
+    /// The page has had no stream and no message for its grace and should be ended.
     virtual void OnAbandoned(Page& page) = 0;
-    /// The last of its process is gone. The page may be destroyed in this call.
+    /// The process has ended and its output was read. The last call; the page may be destroyed in it.
     virtual void OnEnded(Page& page) = 0;
 
    protected:
-    ~Watcher() = default;
+    ~Owner() = default;
   };
 
-  /// Starts the plug-in. What happens to the page is told to `everything`; both must outlive it. Throws
-  /// `std::system_error` when there is no room for its process.
+  /// Starts the plug-in. Events of the page are added to `events`, which must outlive the page, as must `owner`. Throws
+  /// `std::system_error` if no process or pipe can be created.
   Page(boost::asio::io_context& loop, int number, PageDescription description, const HostCommand& command,
-       EventLog& everything, Watcher& watcher);
+       EventLog& events, Owner& owner);
   ~Page() = default;
 
   Page(const Page&) = delete;
@@ -79,66 +79,65 @@ class Page final : private HostProcess::Listener {
   int number() const { return number_; }
   const PageDescription& description() const { return description_; }
 
-  /// Hands `messages` to the plug-in in their order. Only the last may be a send. `on_result` is called once: at
-  /// once, or with the reply to the send. Messages whose number is not above all that came before are skipped; a send
-  /// that is skipped has no reply. Returns a ticket for `Forget`, 0 when nothing waits.
+  /// Passes `messages` to the plug-in in order. Only the last may be a send. `on_result` is called once: with the reply
+  /// to the send, or before this call returns. Messages whose number is not above all earlier ones are skipped; a
+  /// skipped send has no reply. Returns a ticket for `Forget`, or 0 if nothing waits for a reply.
   std::uint64_t Submit(const std::vector<Message>& messages, OnResult on_result);
 
-  /// How many wait for a reply.
-  static constexpr std::ptrdiff_t kMaxWaiting = 16;  ///< what a caller should allow; a page in a browser has one
+  /// The number of sends whose clients wait for a reply.
+  static constexpr std::ptrdiff_t kMaxWaiting = 16;  ///< to be checked before `Submit`; a page in a browser has one
   std::ptrdiff_t waiting() const {
     return std::ranges::count_if(sends_, [](const PendingSend& send) { return bool(send.on_result); });
   }
 
-  /// Nobody waits for the reply any more.
+  /// The client no longer waits for the reply.
   void Forget(std::uint64_t ticket);
 
   Json Describe() const;
   bool Watches(std::string_view path) const;
 
-  /// What the plug-in sent to the page: `message` and `crash`. Its readers are also told when the plug-in takes
-  /// messages again.
+  /// The events `message` and `crash`. The readers are also notified when the plug-in has room for messages again.
   EventLog& deliveries() { return deliveries_; }
   const EventLog& dialogue() const { return dialogue_; }
   const EventLog& log() const { return log_; }
 
-  /// Begins a recording with the state at this moment; false when one runs already. It ends by itself when it is full.
+  /// Starts a recording with the current state; false if one is running or the plug-in is gone. A full one ends.
   bool StartRecording();
   void StopRecording();
-  /// Nothing when none was started.
+  /// The last recording, if one was started.
   const std::optional<std::string>& recording() const { return recording_; }
 
   void Kill() { host_->Kill(); }
 
-  /// Asks the plug-in to end and lets everybody go who waits for it or reads its deliveries; these hear of `reason`
-  /// unless they have heard of a crash. Returns at once.
-  void End(std::string_view reason = "the desk has ended this page");
+  /// Asks the process to exit, ends waiting sends, and ends the streams of deliveries, after an event `crash` with
+  /// `reason` unless there was a crash. Does not wait.
+  void End(std::string_view reason);
 
-  /// A stream of deliveries begins or ends.
+  /// A stream of deliveries was opened or closed.
   void StreamOpened() { ++streams_; }
   void StreamClosed();
   int streams() const { return streams_; }
 
-  /// Its process has ended.
+  /// The process has ended.
   bool crashed() const { return ended_; }
 
-  /// Releases the descriptors of a process that has ended. Not from a call to the watcher.
+  /// Releases the descriptors of a process that has ended. Not in a call of the owner.
   void ReleaseProcess() { host_.reset(); }
 
  private:
-  // A message that has not been answered yet.
+  // A message that the plug-in has not answered yet.
   struct Pending {
     std::uint64_t entry;  // its number in the dialogue
     Clock::time_point start;
   };
   struct PendingSend : Pending {
-    OnResult on_result;  // empty when nobody waits any more
+    OnResult on_result;  // empty if its client has gone
   };
 
   void OnLine(std::string_view line) override;
   void Take(const OutLine& out, std::string_view line);
   void OnLogLine(std::string_view line) override;
-  void OnRoom() override { deliveries_.Tell(); }
+  void OnRoom() override { deliveries_.NotifyReaders(); }
   void OnEnd(int wait_status) override;
 
   void SubmitOne(const Message& message);
@@ -148,18 +147,18 @@ class Page final : private HostProcess::Listener {
   void OnRecorded(std::string_view line);
   void Log(std::string_view parts);
   Json LastLog(std::ptrdiff_t count) const;
-  std::uint64_t Note(std::string_view kind, std::string_view body, const Pending* answers = nullptr,
-                     std::string_view now = {});
-  void Tell() { everything_.Add("page", MakeText(ToText(Describe()))); }
+  std::uint64_t AddToDialogue(std::string_view kind, std::string_view body, const Pending* answers = nullptr,
+                              std::string_view now = {});
+  void SendPageEvent() { events_.Add("page", MakeText(ToText(Describe()))); }
   void ReleaseWaiting();
-  void Look();
+  void CheckAbandoned();
 
   const int number_;
   const std::string id_;
   const PageDescription description_;
   const std::int64_t since_;
-  EventLog& everything_;
-  Watcher& watcher_;
+  EventLog& events_;
+  Owner& owner_;
   EventLog deliveries_;
   EventLog dialogue_;
   EventLog log_;
@@ -171,18 +170,18 @@ class Page final : private HostProcess::Listener {
   std::int64_t recording_since_ = 0;
   int recorded_lines_ = 0;
   int recordings_asked_ = 0;
-  int recordings_begun_ = 0;  // whose first line has come
+  int recordings_begun_ = 0;  // those whose first line has arrived
   bool recording_runs_ = false;
   bool recording_full_ = false;
   std::uint64_t entries_ = 0;
   std::uint64_t sent_ = 0;
   std::uint64_t delivered_ = 0;
   int streams_ = 0;
-  Clock::time_point last_sign_ = Clock::now();
+  Clock::time_point last_activity_ = Clock::now();
   bool leaving_ = false;
   bool ended_ = false;
   bool crashed_ = false;  // its process ended before the page left
-  boost::asio::steady_timer look_;
+  boost::asio::steady_timer abandon_timer_;
   std::shared_ptr<HostProcess> host_;
   const int pid_;
 };

@@ -28,7 +28,7 @@ void PluginCheck::OnLine(std::string_view line) {
   if (reply.is_object() && reply.contains("value") && reply["value"].is_string()) {
     version_ = reply["value"].get<std::string>();
   } else {
-    error_ = "the plug-in does not say its version";
+    error_ = "the plug-in's reply to getVersion holds no version";
   }
   process_->End();
   on_change_();

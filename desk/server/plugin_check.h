@@ -1,6 +1,6 @@
 #pragma once
 
-// The question for the plug-in's version that the desk asks when it begins.
+// The query for the plug-in's version when the desk starts.
 
 #include <functional>
 #include <memory>
@@ -13,18 +13,18 @@
 
 namespace desk {
 
-/// Starts the plug-in once, on no store, so that the set's faults and latencies stay with those whom they are meant
-/// for, and asks it for its version. The loop's thread alone; it outlives the process by running the loop.
+/// Starts the plug-in in a process of its own and asks it for its version. It has no store, so the set's faults and
+/// latencies do not affect it. To be used on the loop's thread only, and destroyed after the process has ended.
 class PluginCheck final : private HostProcess::Listener {
  public:
-  /// `on_change` is called when there is a version or an error, and when the process has ended. Throws
-  /// `std::system_error` as a page does.
+  /// `on_change` is called when the version or an error is known, and when the process has ended. Throws
+  /// `std::system_error` if no process or pipe can be created.
   PluginCheck(boost::asio::io_context& loop, HostCommand command, std::function<void()> on_change);
 
-  const std::string& version() const { return version_; }  ///< empty while there is none
-  const std::string& error() const { return error_; }      ///< empty while there is none
-  bool gone() const { return gone_; }                      ///< its process has ended before it answered
-  bool ended() const { return ended_; }                    ///< its process has ended
+  const std::string& version() const { return version_; }  ///< empty if not known
+  const std::string& error() const { return error_; }      ///< empty if there is none
+  bool gone() const { return gone_; }                      ///< the process has ended without an answer
+  bool ended() const { return ended_; }                    ///< the process has ended
 
   void End() { process_->End(); }
 

@@ -1,4 +1,4 @@
-// Pages, their messages and the streams of what happens.
+// Routes of pages, their messages and the streams of events.
 
 #include <charconv>
 #include <memory>
@@ -31,13 +31,13 @@ vconf::Result<PageDescription> ReadDescription(const ParsedJson& body) {
     } else if (name == "grace" && value.is_number_integer() && value >= 1 && value <= kMaxGrace.count()) {
       description.grace = std::chrono::seconds(value.get<int>());
     } else {
-      return BadValue("\"" + name + "\" is none of title (text), url (text) and grace (1 to 3600 seconds)");
+      return BadValue("\"" + name + "\" is not one of title (text), url (text) and grace (1 to 3600 seconds)");
     }
   }
   return description;
 }
 
-// A message is {"send": M} or {"post": M}, perhaps with a number "n".
+// A message is {"send": M} or {"post": M}, optionally with a number "n".
 std::optional<Page::Message> ReadMessage(std::string_view json) {
   const auto members = RawMembers(json);
   std::optional<Page::Message> message;
@@ -63,7 +63,7 @@ std::optional<Page::Message> ReadMessage(std::string_view json) {
   return std::nullopt;
 }
 
-// The messages that `text` holds, which must outlive them, or what is wrong with it.
+// The messages in `text`, which must outlive them.
 vconf::Result<std::vector<Page::Message>> ReadMessages(std::string_view text) {
   if (const auto parsed = ParseJson(text); !parsed.ok()) {
     return parsed.status();
@@ -96,7 +96,7 @@ Answer AnswerTo(const Page::Result& result) {
     case Page::Outcome::kGone:
       return Fail(410, "the page's plug-in is gone");
     case Page::Outcome::kFull:
-      return Busy("the plug-in has fallen too far behind");
+      return Busy("the plug-in has left too many messages unread");
     case Page::Outcome::kDone:
       break;
   }
@@ -109,12 +109,12 @@ void Submit(Desk& desk, const std::shared_ptr<Page>& page, const HttpRequest& re
   if (!messages.ok()) {
     return connection->Reply(Fail(messages.status()));
   }
-  if (desk.sends >= desk.limits.sends || page->waiting() >= Page::kMaxWaiting) {
-    return connection->Reply(Busy("too many requests wait for a reply already"));
+  if (desk.waiting_sends >= desk.limits.sends || page->waiting() >= Page::kMaxWaiting) {
+    return connection->Reply(Busy("too many requests are already waiting for a reply"));
   }
-  // Counted as long as somebody waits for the answer.
-  ++desk.sends;
-  const std::shared_ptr<void> counted(nullptr, [&desk](void*) { --desk.sends; });
+  // Counted as long as the client waits for the answer.
+  ++desk.waiting_sends;
+  const std::shared_ptr<void> counted(nullptr, [&desk](void*) { --desk.waiting_sends; });
   const std::uint64_t ticket = page->Submit(
       *messages, [connection, counted](const Page::Result& result) { connection->Reply(AnswerTo(result)); });
   if (ticket != 0) {
@@ -126,7 +126,7 @@ void Submit(Desk& desk, const std::shared_ptr<Page>& page, const HttpRequest& re
   }
 }
 
-// The number of the message in a text that is no JSON, as far as it can be seen; 0 where it cannot.
+// The number of the message in a text that is not valid; 0 if none is found.
 std::int64_t NumberIn(std::string_view text) {
   constexpr std::string_view kName = "\"n\":";
   std::int64_t number = 0;
@@ -136,8 +136,8 @@ std::int64_t NumberIn(std::string_view text) {
   return number;
 }
 
-// What a page says on its socket: posts alone, each with a number, which is acknowledged when the plug-in has it.
-// Nothing while the plug-in takes no more.
+// Handles a text from a page's WebSocket: posts with numbers, which are acknowledged. Empty while the plug-in has no
+// room.
 std::optional<std::string> TakePosts(Page& page, std::string_view text) {
   const auto messages = ReadMessages(text);
   const auto refuse = [&](std::int64_t number, const std::string& cause) {
@@ -154,51 +154,52 @@ std::optional<std::string> TakePosts(Page& page, std::string_view text) {
   Page::Outcome outcome{};
   page.Submit(*messages, [&](const Page::Result& result) { outcome = result.outcome; });
   if (outcome == Page::Outcome::kFull) {
-    return std::nullopt;  // Those before the first that found no room are known by their numbers next time.
+    return std::nullopt;  // The next time, the posts that were passed on are skipped by their numbers.
   }
   if (outcome == Page::Outcome::kGone || messages->empty()) {
-    return "";  // The crash is on its way to the page.
+    return "";  // the crash is an event of its own
   }
   return "{\"ack\":" + std::to_string(*messages->back().number) + "}";
 }
 
-// Where a stream begins: behind the last event that the reader names.
+// The position of a stream: the last event that the client has.
 std::uint64_t StartOf(const HttpRequest& request, std::uint64_t otherwise) {
   const std::string_view last = request.query.contains("after") ? request.Query("after") : request.last_event_id;
   std::from_chars(last.data(), last.data() + last.size(), otherwise);
   return otherwise;
 }
 
-void FollowPage(Desk& desk, const std::shared_ptr<Page>& page, const HttpRequest& request,
-                const ConnectionPtr& connection, bool takes_posts) {
-  if (page->streams() >= 4 || desk.delivery_streams >= desk.limits.deliveries + (request.own ? Limits::kReserve : 0)) {
-    return connection->Reply(Busy("too many streams of deliveries are open already"));
+void StreamDeliveries(Desk& desk, const std::shared_ptr<Page>& page, const HttpRequest& request,
+                      const ConnectionPtr& connection, bool takes_posts) {
+  if (page->streams() >= 4 ||
+      desk.delivery_streams >= desk.limits.deliveries + (request.from_desk_page ? Limits::kReserve : 0)) {
+    return connection->Reply(Busy("too many streams of deliveries are already open"));
   }
   page->StreamOpened();
   ++desk.delivery_streams;
-  Following following{.log = &page->deliveries(),
+  StreamSource source{.log = &page->deliveries(),
                       .position = StartOf(request, 0),
                       .held = std::shared_ptr<void>(nullptr, [&desk, page](void*) {
                         page->StreamClosed();
                         --desk.delivery_streams;
                       })};
   if (takes_posts) {
-    following.on_text = [&page = *page](std::string_view text) { return TakePosts(page, text); };
+    source.on_text = [&page = *page](std::string_view text) { return TakePosts(page, text); };
   }
-  StartStream(connection, std::move(following));
+  StartStream(connection, std::move(source));
 }
 
-void FollowEverything(Desk& desk, const HttpRequest& request, const ConnectionPtr& connection) {
-  if (desk.event_streams >= desk.limits.events + (request.own ? Limits::kReserve : 0)) {
-    return connection->Reply(Busy(std::to_string(desk.limits.events) + " streams of events are open already"));
+void StreamEvents(Desk& desk, const HttpRequest& request, const ConnectionPtr& connection) {
+  if (desk.event_streams >= desk.limits.events + (request.from_desk_page ? Limits::kReserve : 0)) {
+    return connection->Reply(Busy(std::to_string(desk.limits.events) + " streams of events are already open"));
   }
   ++desk.event_streams;
-  StartStream(connection, {.log = &desk.everything,
-                           .position = StartOf(request, desk.everything.newest()),
+  StartStream(connection, {.log = &desk.events,
+                           .position = StartOf(request, desk.events.newest()),
                            .held = std::shared_ptr<void>(nullptr, [&desk](void*) { --desk.event_streams; })});
 }
 
-// Compares what the page has asked so far with what the body expects.
+// Compares the messages that the page has sent with those that the body expects.
 Answer Verify(const Page& page, const ParsedJson& body) {
   const auto expected = ExpectationFromJson(body);
   if (!expected.ok()) {
@@ -215,7 +216,7 @@ Answer Verify(const Page& page, const ParsedJson& body) {
     }
   }
   const std::string difference = AskedDifference(asked, *expected);
-  return Say({{"ok", difference.empty()}, {"difference", difference}});
+  return JsonAnswer({{"ok", difference.empty()}, {"difference", difference}});
 }
 
 Answer OpenPage(Desk& desk, const HttpRequest& request) {
@@ -224,8 +225,9 @@ Answer OpenPage(Desk& desk, const HttpRequest& request) {
     return Fail(description.status());
   }
   try {
-    const auto page = desk.pages.Open(*description, request.own);
-    return page ? Say(page->Describe(), 201) : Busy(std::to_string(desk.pages.limit()) + " pages are open already");
+    const auto page = desk.pages.Open(*description, request.from_desk_page);
+    return page ? JsonAnswer(page->Describe(), 201)
+                : Busy(std::to_string(desk.pages.limit()) + " pages are already open");
   } catch (const std::system_error& error) {
     return Busy(std::string("no plug-in can be started: ") + error.what() +
                 "; close pages, or raise the desk's limits (ulimit -n, ulimit -u)");
@@ -265,18 +267,18 @@ void AddPageRoutes(Router& router, Desk& desk) {
   };
 
   router.Get("/api/pages", [&desk, describe_all](const HttpRequest&) {
-    return Say({{"pages", describe_all(desk.pages.all())}, {"ended", describe_all(desk.pages.ended())}});
+    return JsonAnswer({{"pages", describe_all(desk.pages.all())}, {"ended", describe_all(desk.pages.ended())}});
   });
   router.Add(verb::post, "/api/pages", Body::kJson,
              [&desk](const HttpRequest& request, const ConnectionPtr& to) { to->Reply(OpenPage(desk, request)); });
-  add_now(verb::get, "", Of::kOpen, [](Page& page) { return Say(page.Describe()); });
+  add_now(verb::get, "", Of::kOpen, [](Page& page) { return JsonAnswer(page.Describe()); });
   add_now(verb::delete_, "", Of::kEndedToo, [&desk](Page& page) {
-    desk.pages.Leave(page, PageBook::Keep::kNothing);
+    desk.pages.Leave(page, Pages::Keep::kNothing);
     desk.pages.Drop(page);
     return Answer{};
   });
   add_now(verb::post, "/leave", Of::kOpen, [&desk](Page& page) {
-    desk.pages.Leave(page, PageBook::Keep::kHistory);
+    desk.pages.Leave(page, Pages::Keep::kHistory);
     return Answer{};
   });
   add_now(verb::post, "/kill", Of::kOpen, [](Page& page) {
@@ -288,12 +290,12 @@ void AddPageRoutes(Router& router, Desk& desk) {
   add_now(verb::get, "/log", Of::kEndedToo, [](Page& page) { return Answer{.body = page.log().Join("log")}; });
 
   add_now(verb::post, "/recording", Of::kOpen, [](Page& page) {
-    return page.StartRecording() ? Say(page.Describe(), 201)
+    return page.StartRecording() ? JsonAnswer(page.Describe(), 201)
                                  : Fail(409, "the page is being recorded already, or its plug-in is gone");
   });
   add_now(verb::delete_, "/recording", Of::kOpen, [](Page& page) {
     page.StopRecording();
-    return Say(page.Describe());
+    return JsonAnswer(page.Describe());
   });
   add_now(verb::get, "/recording", Of::kEndedToo, [](Page& page) {
     return page.recording() ? Answer{.body = *page.recording(), .type = "application/jsonl"}
@@ -306,16 +308,16 @@ void AddPageRoutes(Router& router, Desk& desk) {
       [](const PagePtr& page, const auto& request, const auto& to) { to->Reply(Verify(*page, request.json)); });
   add(verb::get, "/deliveries", Body::kNone, Of::kOpen,
       [&desk](const PagePtr& page, const auto& request, const auto& to) {
-        FollowPage(desk, page, request, to, false);
+        StreamDeliveries(desk, page, request, to, false);
       });
   add(verb::get, "/socket", Body::kNone, Of::kOpen, [&desk](const PagePtr& page, const auto& request, const auto& to) {
     if (!request.upgrade) {
       return to->Reply(Fail(426, "this is a WebSocket; /deliveries sends the same as server-sent events"));
     }
-    FollowPage(desk, page, request, to, true);
+    StreamDeliveries(desk, page, request, to, true);
   });
   router.Add(verb::get, "/api/events", Body::kNone,
-             [&desk](const HttpRequest& request, const ConnectionPtr& to) { FollowEverything(desk, request, to); });
+             [&desk](const HttpRequest& request, const ConnectionPtr& to) { StreamEvents(desk, request, to); });
 }
 
 }  // namespace desk

@@ -1,4 +1,4 @@
-// The simulated set over HTTP: its state, its faults, scenarios, and the desk itself.
+// Routes of the simulated set: its state, its faults and scenarios, and of the desk itself.
 
 #include <string>
 #include <utility>
@@ -13,7 +13,7 @@ namespace {
 
 Answer AnswerWithSet() {
   const auto set = DescribeSet();
-  return set.ok() ? Say(*set) : Fail(set.status());
+  return set.ok() ? JsonAnswer(*set) : Fail(set.status());
 }
 
 Answer AnswerWithFaults() {
@@ -36,7 +36,7 @@ Answer AnswerWithFaults() {
   for (const vconf::Fault& fault : *set_faults) {
     faults.push_back(ToJson(fault));
   }
-  return Say({{"calls", std::move(calls)}, {"faults", std::move(faults)}});
+  return JsonAnswer({{"calls", std::move(calls)}, {"faults", std::move(faults)}});
 }
 
 vconf::Status Clear(const HttpRequest& request) {
@@ -59,7 +59,7 @@ Answer AnswerWithScenarios(const std::string& store) {
   for (const ScenarioFile& file : *files) {
     scenarios.push_back({{"name", file.name}, {"saved", file.saved}});
   }
-  return Say({{"scenarios", std::move(scenarios)}});
+  return JsonAnswer({{"scenarios", std::move(scenarios)}});
 }
 
 Answer AnswerWith(const vconf::Status& status) { return status.ok() ? Answer{} : Fail(status); }
@@ -95,7 +95,7 @@ void AddSetRoutes(Router& router, Desk& desk) {
   using Request = const HttpRequest&;
   constexpr auto kReads = StoreUse::kReads;
   constexpr auto kChanges = StoreUse::kChangesSet;
-  router.Get("/api/desk", [&desk](Request) { return Say(desk.Describe()); });
+  router.Get("/api/desk", [&desk](Request) { return JsonAnswer(desk.Describe()); });
 
   router.Add(verb::get, "/api/set", Body::kNone, desk.OnStore(kReads, [](Request) { return AnswerWithSet(); }));
   router.Add(verb::patch, "/api/set", Body::kJson, desk.OnStore(kChanges, [](Request request) {

@@ -1,4 +1,4 @@
-// Settings and keys over HTTP.
+// Routes of the settings and of the store's keys.
 
 #include <algorithm>
 #include <optional>
@@ -41,7 +41,7 @@ Answer DescribeSettings(const Desk& desk) {
                         {"values", *setting.values},
                         {"watchers", std::move(watchers)}});
   }
-  return Say({{"settings", std::move(settings)}});
+  return JsonAnswer({{"settings", std::move(settings)}});
 }
 
 Answer List(const HttpRequest& request) {
@@ -55,7 +55,7 @@ Answer List(const HttpRequest& request) {
       keys.push_back({{"path", entry.path}, {"value", ToJson(entry.value)}});
     }
   }
-  return Say({{"keys", std::move(keys)}});
+  return JsonAnswer({{"keys", std::move(keys)}});
 }
 
 Answer Read(const HttpRequest& request) {
@@ -64,7 +64,7 @@ Answer Read(const HttpRequest& request) {
     return Fail({vconf::Code::kMissing, "there is no key " + path});
   }
   const auto value = vconf::Get(path);
-  return value.ok() ? Say({{"path", path}, {"value", ToJson(*value)}}) : Fail(value.status());
+  return value.ok() ? JsonAnswer({{"path", path}, {"value", ToJson(*value)}}) : Fail(value.status());
 }
 
 vconf::Status CheckPath(const std::string& path) {
@@ -80,7 +80,7 @@ Answer Write(const HttpRequest& request) {
   if (status.ok()) {
     status = value ? vconf::Set(path, *value) : BadValue("\"value\" must be a 32-bit integer, true, false or a text");
   }
-  return status.ok() ? Say({{"path", path}, {"value", ToJson(*value)}}) : Fail(status);
+  return status.ok() ? JsonAnswer({{"path", path}, {"value", ToJson(*value)}}) : Fail(status);
 }
 
 Answer Remove(const HttpRequest& request) {

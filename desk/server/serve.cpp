@@ -1,4 +1,4 @@
-// mirado desk: the command line, and what is printed.
+// mirado desk: the command line and the printed output.
 
 #include <exception>
 #include <iostream>
@@ -26,7 +26,7 @@ int Serve(const DeskOptions& options) {
   // A store that is damaged can be put right from the desk's page.
   constexpr int kNothing = 8;
   constexpr int kUsual = 4;
-  dlog::SetThreshold(kNothing);  // the store logs what its status says again
+  dlog::SetThreshold(kNothing);  // the store would log what its status says
   const vconf::Status store = desk.OpenStore();
   dlog::SetThreshold(kUsual);
   if (!store.ok() && store.code() != vconf::Code::kDamaged && store.code() != vconf::Code::kRemoved) {

@@ -2,7 +2,7 @@
 
 namespace desk {
 
-/// The program `mirado-desk`: takes its command line, serves until it is asked to end, and returns the exit status.
+/// The program `mirado-desk`: parses its command line, serves until it is asked to exit, and returns the exit status.
 int ServeDesk(int argc, char** argv);
 
 }  // namespace desk

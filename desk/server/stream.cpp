@@ -14,26 +14,23 @@ namespace {
 namespace websocket = boost::beast::websocket;
 using Error = boost::beast::error_code;
 
-// One batch is written in one go; a reader that is far behind gets several.
+// How much is written at once to a reader that is far behind.
 constexpr std::size_t kBatchBytes = 64UL * 1024;
 
-// How soon a browser that lost a stream comes back, in milliseconds: well within the shortest grace of a page. Left to
-// itself it may take five seconds.
+// Makes a browser reconnect after 500 ms, within the shortest grace of a page; by default it may wait 5 s.
 constexpr char kRetry[] = "retry: 500\n\n";
 
-// How long a client may take to read the rest when its log is closed, and to close its side of a WebSocket.
+// How long a client may take to read the rest of a closed log, and to close its side of a WebSocket.
 constexpr std::chrono::seconds kCloseTime{10};
 
-// What both kinds of stream share: their place in the log, and their end.
+// What both kinds of stream share: their position in the log, and the limit on their closing.
 class Stream : public Client, public EventLog::Reader {
  public:
-  Stream(Following following, Clients& all) : Client(all), following_(std::move(following)) {
-    following_.log->Attach(this);
-  }
-  ~Stream() override { following_.log->Detach(this); }
+  Stream(StreamSource source, Clients& all) : Client(all), source_(std::move(source)) { source_.log->Attach(this); }
+  ~Stream() override { source_.log->Detach(this); }
 
   void OnEvents() override {
-    if (following_.log->closed()) {
+    if (source_.log->closed()) {
       deadline_ = Clock::now() + kCloseTime;
     }
     if (ready_ && !writing_) {
@@ -42,20 +39,20 @@ class Stream : public Client, public EventLog::Reader {
   }
 
  protected:
-  /// Writes what there is, or ends the stream when no more will come.
+  /// Writes the next events, or ends the stream if the log is closed.
   virtual void Write() = 0;
 
-  std::optional<EventLog::Event> Next() { return following_.log->Next(following_.position); }
+  std::optional<EventLog::Event> Next() { return source_.log->Next(source_.position); }
 
-  Following following_;
-  bool ready_ = false;  // its head is written
+  StreamSource source_;
+  bool ready_ = false;  // events may be written
   bool writing_ = false;
 };
 
 class EventStream final : public Stream, public std::enable_shared_from_this<EventStream> {
  public:
-  EventStream(Socket socket, Following following, Clients& all)
-      : Stream(std::move(following), all), socket_(std::move(socket)) {}
+  EventStream(Socket socket, StreamSource source, Clients& all)
+      : Stream(std::move(source), all), socket_(std::move(socket)) {}
 
   void Start(std::string head) {
     text_ = std::move(head) + kRetry;
@@ -71,12 +68,12 @@ class EventStream final : public Stream, public std::enable_shared_from_this<Eve
       if (!event) {
         break;
       }
-      text_.append("id: ").append(std::to_string(following_.position)).append("\nevent: ").append(event->name);
+      text_.append("id: ").append(std::to_string(source_.position)).append("\nevent: ").append(event->name);
       text_.append("\ndata: ").append(*event->data).append("\n\n");
     }
     if (text_.empty()) {
-      if (following_.log->closed()) {
-        Close();  // the system sends what is written
+      if (source_.log->closed()) {
+        Close();  // the kernel still sends what was written
       }
       return;
     }
@@ -100,8 +97,8 @@ class EventStream final : public Stream, public std::enable_shared_from_this<Eve
 
 class EventSocket final : public Stream, public std::enable_shared_from_this<EventSocket> {
  public:
-  EventSocket(Socket socket, Following following, Clients& all)
-      : Stream(std::move(following), all), socket_(std::move(socket)) {
+  EventSocket(Socket socket, StreamSource source, Clients& all)
+      : Stream(std::move(source), all), socket_(std::move(socket)) {
     socket_.read_message_max(Connection::kMaxBody);
     socket_.auto_fragment(false);
     socket_.text(true);
@@ -124,8 +121,8 @@ class EventSocket final : public Stream, public std::enable_shared_from_this<Eve
   }
 
   void OnEvents() override {
-    if (held_) {
-      Offer();
+    if (self_while_waiting_) {
+      HandleReceived();
     }
     Stream::OnEvents();
   }
@@ -139,10 +136,10 @@ class EventSocket final : public Stream, public std::enable_shared_from_this<Eve
       text_ = std::exchange(answer_, {});
       Read();
     } else if (const auto event = Next()) {
-      text_.append(R"({"id":)").append(std::to_string(following_.position)).append(R"(,"event":")").append(event->name);
+      text_.append(R"({"id":)").append(std::to_string(source_.position)).append(R"(,"event":")").append(event->name);
       text_.append(R"(","data":)").append(*event->data).append("}");
     } else {
-      if (following_.log->closed()) {
+      if (source_.log->closed()) {
         over_ = true;
         socket_.async_close(websocket::close_code::going_away, [self = shared_from_this()](Error) {});
       }
@@ -163,27 +160,27 @@ class EventSocket final : public Stream, public std::enable_shared_from_this<Eve
       if (error) {
         return self->Close();
       }
-      self->said_ = boost::beast::buffers_to_string(self->buffer_.data());
+      self->received_ = boost::beast::buffers_to_string(self->buffer_.data());
       self->buffer_ = {};
-      self->following_.on_text ? self->Offer() : self->Read();
+      self->source_.on_text ? self->HandleReceived() : self->Read();
     });
   }
 
-  // Hands on what was said; nothing more is read until it was taken.
-  void Offer() {
+  // Nothing more is read until the received text was handled.
+  void HandleReceived() {
     const auto self = shared_from_this();
-    auto answer = following_.on_text(said_);
+    auto answer = source_.on_text(received_);
     if (!answer) {
-      held_ = self;
-      unread_ = socket_.next_layer().native_handle();
+      self_while_waiting_ = self;
+      polled_fd_ = socket_.next_layer().native_handle();
       return;
     }
-    held_ = nullptr;
-    unread_ = -1;
+    self_while_waiting_ = nullptr;
+    polled_fd_ = -1;
     if (answer->empty()) {
       return Read();
     }
-    // Nothing more is read until it is being written, so a client that reads no answers is not read from either.
+    // Read after it was written: a client that does not read its answers is not read from either.
     answer_ = *std::move(answer);
     Stream::OnEvents();
   }
@@ -192,28 +189,28 @@ class EventSocket final : public Stream, public std::enable_shared_from_this<Eve
     over_ = true;
     Error ignored;
     socket_.next_layer().close(ignored);
-    unread_ = -1;
-    const auto last = std::exchange(held_, nullptr);
+    polled_fd_ = -1;
+    const auto last = std::exchange(self_while_waiting_, nullptr);
   }
 
-  websocket::stream<Socket, false> socket_;  // without compression
+  websocket::stream<Socket, false> socket_;  // false: no compression
   boost::beast::flat_buffer buffer_;
-  std::string said_;                   // by the client, not taken yet
-  std::shared_ptr<EventSocket> held_;  // this one, while what was said waits: no operation holds it then
-  std::string answer_;                 // to what was said, written next
-  std::string text_;                   // is being written
+  std::string received_;                             // by the client, not taken yet
+  std::shared_ptr<EventSocket> self_while_waiting_;  // this one, while what was said waits: no operation holds it then
+  std::string answer_;                               // to what was said, written next
+  std::string text_;                                 // is being written
   bool over_ = false;
 };
 
 }  // namespace
 
-void StartStream(const std::shared_ptr<Connection>& connection, Following following) {
+void StartStream(const std::shared_ptr<Connection>& connection, StreamSource source) {
   constexpr std::string_view kType = "text/event-stream";
   if (connection->head()) {
     return connection->Reply({.body = {}, .type = kType});
   }
   if (boost::beast::websocket::is_upgrade(connection->message())) {
-    std::make_shared<EventSocket>(connection->Take(), std::move(following), connection->all())
+    std::make_shared<EventSocket>(connection->Take(), std::move(source), connection->all())
         ->Start(connection->message(), connection->fields());
     return;
   }
@@ -222,7 +219,7 @@ void StartStream(const std::shared_ptr<Connection>& connection, Following follow
   for (const auto& [name, value] : connection->fields()) {
     head.append(name).append(": ").append(value).append("\r\n");
   }
-  std::make_shared<EventStream>(connection->Take(), std::move(following), connection->all())->Start(head + "\r\n");
+  std::make_shared<EventStream>(connection->Take(), std::move(source), connection->all())->Start(head + "\r\n");
 }
 
 }  // namespace desk

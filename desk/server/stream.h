@@ -1,6 +1,6 @@
 #pragma once
 
-// Streams: server-sent events, and WebSockets that carry the same events and take messages.
+// Streams of events: server-sent events, and WebSockets, which also accept messages.
 
 #include <functional>
 #include <memory>
@@ -13,20 +13,21 @@
 
 namespace desk {
 
-/// What a stream tells and whom it serves.
-struct Following {
+/// What a stream sends, and who handles what its client sends.
+struct StreamSource {
   EventLog* log = nullptr;
-  std::uint64_t position = 0;       ///< behind which it begins
-  std::shared_ptr<void> held = {};  ///< what must live as long as the stream, such as what `log` belongs to
+  std::uint64_t position = 0;       ///< the number of the last event that the client has
+  std::shared_ptr<void> held = {};  ///< is released when the stream ends, such as the owner of `log`
 
-  /// Takes what a page says on its socket, one text at a time, and returns the answer, empty for none. Nothing when it
-  /// cannot take the text yet; then it is given the same text again when the log's readers are told. Null for a socket
-  /// that takes nothing.
+  /// Handles one text from a WebSocket's client and returns the answer to send, empty for none. `std::nullopt`: it
+  /// cannot handle the text now, and is called with the same text again when the log's readers are notified. Null: what
+  /// the client sends is ignored.
   std::function<std::optional<std::string>(std::string_view text)> on_text = {};
 };
 
-/// Turns the connection of a GET into a stream: into a WebSocket where the request asks for one. It lives until its
-/// client goes or the log is closed. A HEAD is answered. The loop's thread alone.
-void StartStream(const std::shared_ptr<Connection>& connection, Following following);
+/// Answers a GET with a stream: a WebSocket if the request asks for an upgrade, otherwise server-sent events. The
+/// stream lives until its client disconnects or the log is closed and was sent. A HEAD gets the head only. To be called
+/// on the loop's thread.
+void StartStream(const std::shared_ptr<Connection>& connection, StreamSource source);
 
 }  // namespace desk

@@ -179,7 +179,7 @@ for (const limits of ["ulimit -n 64", "ulimit -n 24", "ulimit -u 100", "ulimit -
       if (answer.json.pid) pids.push(answer.json.pid);
     } while (answer.status === 201 && pids.length < 70);
     assert.equal(answer.status, 503);
-    assert.match(answer.json.error, /pages are open already|ulimit/);
+    assert.match(answer.json.error, /pages are already open|ulimit/);
     const crowd = await Promise.all(Array.from({ length: 100 }, () => tight.dial("")));
     const long = `/api/store/db/${"x".repeat(15_000)}`;
     assert.equal((await tight.request("GET", long)).status, 400);

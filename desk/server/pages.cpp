@@ -1,4 +1,4 @@
-#include "server/page_book.h"
+#include "server/pages.h"
 
 #include <algorithm>
 #include <utility>
@@ -7,29 +7,28 @@
 
 namespace desk {
 
-PageBook::PageBook(boost::asio::io_context& loop, HostCommand command, EventLog& everything,
-                   std::function<void()> on_change)
-    : loop_(loop), command_(std::move(command)), everything_(everything), on_change_(std::move(on_change)) {}
+Pages::Pages(boost::asio::io_context& loop, HostCommand command, EventLog& events, std::function<void()> on_change)
+    : loop_(loop), command_(std::move(command)), events_(events), on_change_(std::move(on_change)) {}
 
-std::shared_ptr<Page> PageBook::Open(PageDescription description, bool reserve) {
+std::shared_ptr<Page> Pages::Open(PageDescription description, bool reserve) {
   if (on_closed_ || pages_.size() >= limit_ + (reserve ? 1 : 0)) {
     return nullptr;
   }
   const int number = last_number_ + 1;
-  Page::Watcher& watcher = *this;
-  auto page = std::make_shared<Page>(loop_, number, std::move(description), command_, everything_, watcher);
+  Page::Owner& owner = *this;
+  auto page = std::make_shared<Page>(loop_, number, std::move(description), command_, events_, owner);
   pages_.emplace(number, page);
   last_number_ = number;
   on_change_();
   return page;
 }
 
-std::shared_ptr<Page> PageBook::FindIn(const Map& pages, std::string_view id) {
+std::shared_ptr<Page> Pages::FindIn(const Map& pages, std::string_view id) {
   const auto found = std::ranges::find_if(pages, [&](const auto& entry) { return entry.second->id() == id; });
   return found == pages.end() ? nullptr : found->second;
 }
 
-void PageBook::Leave(Page& page, Keep keep, std::string_view reason) {
+void Pages::Leave(Page& page, Keep keep, std::string_view reason) {
   auto node = pages_.extract(page.number());
   if (node.empty()) {
     return;
@@ -47,10 +46,10 @@ void PageBook::Leave(Page& page, Keep keep, std::string_view reason) {
   on_change_();
 }
 
-void PageBook::OnEnded(Page& page) {
+void Pages::OnEnded(Page& page) {
   auto node = leaving_.extract(page.number());
   if (node.empty()) {
-    return;  // It stays on the list as one that has crashed.
+    return;  // it has crashed and stays open
   }
   const std::shared_ptr<Page> held = node.mapped();
   const bool kept = forgotten_.erase(page.number()) == 0;
@@ -58,15 +57,15 @@ void PageBook::OnEnded(Page& page) {
     MakeRoomFor(page);
     ended_.insert(std::move(node));
   }
-  TellGone(page, kept);
-  // Not in the middle of what the page is doing.
+  SendGone(page, kept);
+  // Later, because the process is the caller.
   boost::asio::post(loop_, [held] { held->ReleaseProcess(); });
   if (on_closed_ && pages_.empty() && leaving_.empty()) {
     boost::asio::post(loop_, on_closed_);
   }
 }
 
-void PageBook::MakeRoomFor(const Page& page) {
+void Pages::MakeRoomFor(const Page& page) {
   const auto is_same = [&](const auto& entry) {
     return !entry.second->recording() && entry.second->description() == page.description();
   };
@@ -78,24 +77,24 @@ void PageBook::MakeRoomFor(const Page& page) {
   }
 }
 
-void PageBook::Drop(Page& page) {
+void Pages::Drop(Page& page) {
   if (const auto node = ended_.extract(page.number()); !node.empty()) {
-    TellGone(page, false);
+    SendGone(page, false);
   }
 }
 
-void PageBook::TellGone(const Page& page, bool kept) {
-  everything_.Add(
+void Pages::SendGone(const Page& page, bool kept) {
+  events_.Add(
       "gone",
       MakeText(ToText({{"id", page.id()}, {"number", page.number()}, {"ended", kept ? page.Describe() : Json()}})));
 }
 
-void PageBook::Close(std::function<void()> on_closed) {
+void Pages::Close(std::function<void()> on_closed) {
   if (on_closed_) {
     return;
   }
   on_closed_ = std::move(on_closed);
-  // All are asked first, so that the slowest alone counts.
+  // All are asked to exit before any is waited for.
   while (!pages_.empty()) {
     Leave(*pages_.begin()->second, Keep::kNothing, "the desk has ended");
   }

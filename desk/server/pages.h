@@ -1,6 +1,6 @@
 #pragma once
 
-// All pages of the desk.
+// The pages of the desk: open, leaving and ended.
 
 #include <functional>
 #include <map>
@@ -15,21 +15,21 @@
 
 namespace desk {
 
-/// All open pages, the processes of those that have left until they have ended, and the last ended pages with what was
-/// said on them. The loop's thread alone.
-class PageBook final : private Page::Watcher {
+/// Owns the open pages, the pages whose processes are still ending, and the last ended pages with their history. To be
+/// used on the loop's thread only.
+class Pages final : private Page::Owner {
  public:
   static constexpr std::size_t kMaxPages = 64;
   static constexpr std::size_t kMaxEnded = 8;
 
-  /// `on_change` is called when a page has come or gone.
-  PageBook(boost::asio::io_context& loop, HostCommand command, EventLog& everything, std::function<void()> on_change);
+  /// `on_change` is called after a page was opened or has left.
+  Pages(boost::asio::io_context& loop, HostCommand command, EventLog& events, std::function<void()> on_change);
 
-  PageBook(const PageBook&) = delete;
-  PageBook& operator=(const PageBook&) = delete;
+  Pages(const Pages&) = delete;
+  Pages& operator=(const Pages&) = delete;
 
-  /// Null when as many are open as may be; with `reserve` there may be one more. Throws `std::system_error` when the
-  /// system has no room for a process.
+  /// Starts a page. Null if the limit is reached, which is one higher with `reserve`. Throws `std::system_error` if no
+  /// process or pipe can be created.
   std::shared_ptr<Page> Open(PageDescription description, bool reserve);
 
   /// An open page; null for an unknown one.
@@ -37,23 +37,23 @@ class PageBook final : private Page::Watcher {
   /// An ended page; null for an unknown one.
   std::shared_ptr<Page> FindEnded(std::string_view id) const { return FindIn(ended_, id); }
 
-  /// Those that are open, by number, in the order in which they came.
+  /// The open pages by number, in the order in which they were opened.
   const std::map<int, std::shared_ptr<Page>>& all() const { return pages_; }
-  /// Those that have ended and are kept: at most `kMaxEnded`, and of a page that was loaded several times the last,
-  /// with those that were recorded.
+  /// The ended pages that are kept: at most `kMaxEnded`. Of pages with the same title, URL and grace only the last is
+  /// kept, and those with a recording.
   const std::map<int, std::shared_ptr<Page>>& ended() const { return ended_; }
 
   std::size_t limit() const { return limit_; }
   void set_limit(std::size_t limit) { limit_ = limit; }
 
   enum class Keep { kNothing, kHistory };
-  /// Ends an open page. With `kHistory` it is one of `ended` afterwards if anything was said on it.
+  /// Ends an open page. With `kHistory` it becomes one of `ended` if its dialogue is not empty.
   void Leave(Page& page, Keep keep, std::string_view reason = "the desk has ended this page");
 
-  /// An ended page is kept no more.
+  /// Removes an ended page.
   void Drop(Page& page);
 
-  /// Ends all pages; none is opened any more. `on_closed` is called when all their processes are gone.
+  /// Ends all pages and opens no more. `on_closed` is called when all processes have ended.
   void Close(std::function<void()> on_closed);
 
  private:
@@ -63,11 +63,11 @@ class PageBook final : private Page::Watcher {
   void OnAbandoned(Page& page) override { Leave(page, Keep::kHistory); }
   void OnEnded(Page& page) override;
   void MakeRoomFor(const Page& page);
-  void TellGone(const Page& page, bool kept);
+  void SendGone(const Page& page, bool kept);
 
   boost::asio::io_context& loop_;
   const HostCommand command_;
-  EventLog& everything_;
+  EventLog& events_;
   std::size_t limit_ = kMaxPages;
   const std::function<void()> on_change_;
   Map pages_;
