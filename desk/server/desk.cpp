@@ -276,7 +276,7 @@ void Desk::OnPluginCheck() {
               << std::endl;
   }
   SendDeskEvent();
-  if (plugin_->gone()) {
+  if (plugin_->ended()) {  // without an answer
     status_ = kCannotWork;
     End();
   }

@@ -1,13 +1,12 @@
 // The files that the desk serves: its own page, the scripts for pages, and the example.
 
+#include <algorithm>
 #include <array>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <optional>
 #include <string>
 #include <string_view>
 
+#include "base/files.h"
 #include "base/paths.h"
 #include "server/desk.h"
 
@@ -33,22 +32,6 @@ constexpr std::array<TypeRow, 8> kTypes{{{".html", "text/html; charset=utf-8"},
                                          {".ts", "text/plain; charset=utf-8"},
                                          {".md", "text/plain; charset=utf-8"}}};
 
-std::optional<Answer> ReadFile(const std::filesystem::path& file) {
-  std::error_code ignored;
-  const std::string extension = file.extension();
-  const auto* const row = std::ranges::find(kTypes, extension, &TypeRow::extension);
-  if (row == kTypes.end() || !std::filesystem::is_regular_file(file, ignored)) {
-    return std::nullopt;
-  }
-  std::ifstream stream(file, std::ios::binary);
-  Answer answer{.body = std::string(std::istreambuf_iterator(stream), {}), .type = row->type};
-  answer.anywhere = extension == ".js";
-  if (extension == ".html") {
-    answer.policy = kPolicy;
-  }
-  return stream.good() || stream.eof() ? std::optional(std::move(answer)) : std::nullopt;
-}
-
 // Whether the name stays below its folder.
 bool IsInside(const std::string& name) {
   const std::filesystem::path path(name);
@@ -57,11 +40,17 @@ bool IsInside(const std::string& name) {
 }
 
 Answer Serve(const std::filesystem::path& folder, const std::string& name) {
-  std::optional<Answer> answer;
-  if (IsInside(name)) {
-    answer = ReadFile(folder / (name.empty() ? "index.html" : name));
+  const std::filesystem::path file = folder / (name.empty() ? "index.html" : name);
+  const std::string extension = file.extension();
+  const auto* const row = std::ranges::find(kTypes, extension, &TypeRow::extension);
+  auto content = row != kTypes.end() && IsInside(name) ? ReadFile(file) : vconf::Status(vconf::Code::kMissing, name);
+  if (!content.ok()) {
+    return Fail(404, "there is nothing at /" + name);
   }
-  return answer ? std::move(*answer) : Fail(404, "there is nothing at /" + name);
+  return {.body = *std::move(content),
+          .type = row->type,
+          .policy = extension == ".html" ? kPolicy : "",
+          .anywhere = extension == ".js"};
 }
 
 // The example's script tag has the default address; without it, it loads from this desk.

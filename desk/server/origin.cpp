@@ -1,6 +1,5 @@
 #include "server/origin.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -13,6 +12,8 @@
 #include <cstdint>
 #include <random>
 #include <system_error>
+
+#include <boost/asio/ip/address.hpp>
 
 #include "base/unique_fd.h"
 
@@ -42,9 +43,12 @@ std::string NameOf(std::string_view host) {
   return Lower(host.substr(0, colon));
 }
 
-bool IsLoopbackAddress(const std::string& name) {
-  in_addr address{};
-  return inet_pton(AF_INET, name.c_str(), &address) == 1 && (ntohl(address.s_addr) >> 24U) == 127;
+// A numeric address, in brackets if it is of IPv6.
+std::optional<boost::asio::ip::address> AddressOf(const std::string& name) {
+  const bool in_brackets = name.starts_with('[') && name.ends_with(']');
+  boost::system::error_code error;
+  const auto address = boost::asio::ip::make_address(in_brackets ? name.substr(1, name.size() - 2) : name, error);
+  return !error && address.is_v6() == in_brackets ? std::optional(address) : std::nullopt;
 }
 
 std::string_view HostOf(std::string_view origin) {
@@ -68,17 +72,11 @@ std::string MakeToken() {
 
 bool IsLoopbackHost(std::string_view host) {
   const std::string name = NameOf(host);
-  return name == "localhost" || name == "[::1]" || name.ends_with(".localhost") || IsLoopbackAddress(name);
+  const auto address = AddressOf(name);
+  return name == "localhost" || name.ends_with(".localhost") || (address && address->is_loopback());
 }
 
-bool IsAddress(std::string_view host) {
-  const std::string name = NameOf(host);
-  in_addr v4{};
-  in6_addr v6{};
-  return inet_pton(AF_INET, name.c_str(), &v4) == 1 ||
-         (name.starts_with('[') && name.ends_with(']') &&
-          inet_pton(AF_INET6, name.substr(1, name.size() - 2).c_str(), &v6) == 1);
-}
+bool IsAddress(std::string_view host) { return AddressOf(NameOf(host)).has_value(); }
 
 bool IsJsonType(std::string_view content_type) {
   std::string type = Lower(content_type.substr(0, content_type.find(';')));

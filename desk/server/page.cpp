@@ -111,31 +111,23 @@ std::uint64_t Page::Submit(const std::vector<Message>& messages, OnResult on_res
     if (message.number) {
       last_number_ = message.number;
     }
+    ++sent_;
+    Pending pending{.entry = AddToDialogue(message.waits ? "send" : "post", message.body),
+                    .start = Clock::now(),
+                    .on_result = message.waits ? std::move(on_result) : OnResult()};
+    (message.waits ? sends_ : posts_).push_back(std::move(pending));
+    // After the entry in the dialogue, so that the events of what it causes follow.
+    host_->Write(FormatLine(message.waits ? In::kSend : In::kPost, message.body));
     if (message.waits) {
-      sends_.push_back({{}, std::move(on_result)});
-      SubmitOne(message);
       return sends_.back().entry;
     }
-    SubmitOne(message);
   }
   on_result({});
   return 0;
 }
 
-void Page::SubmitOne(const Message& message) {
-  ++sent_;
-  const Pending pending{.entry = AddToDialogue(message.waits ? "send" : "post", message.body), .start = Clock::now()};
-  if (message.waits) {
-    static_cast<Pending&>(sends_.back()) = pending;
-  } else {
-    posts_.push_back(pending);
-  }
-  // After the entry in the dialogue, so that the events of what it causes follow.
-  host_->Write(FormatLine(message.waits ? In::kSend : In::kPost, message.body));
-}
-
 void Page::Forget(std::uint64_t ticket) {
-  const auto found = std::ranges::find(sends_, ticket, &PendingSend::entry);
+  const auto found = std::ranges::find(sends_, ticket, &Pending::entry);
   if (found != sends_.end()) {
     found->on_result = nullptr;
     last_activity_ = Clock::now();
@@ -178,7 +170,7 @@ void Page::OnReply(std::string_view reply) {
   if (sends_.empty()) {
     return;
   }
-  const PendingSend pending = std::move(sends_.front());
+  const Pending pending = std::move(sends_.front());
   sends_.pop_front();
   AddToDialogue("reply", reply, &pending);
   if (pending.on_result) {
@@ -228,7 +220,9 @@ Json Page::LastLog(std::ptrdiff_t count) const {
 
 void Page::OnEnd(int wait_status) {
   ended_ = true;
-  recording_runs_ = false;
+  if (recording_) {
+    recording_->running = false;
+  }
   watches_.clear();
   ReleaseWaiting();
   if (!leaving_) {
@@ -269,7 +263,7 @@ std::uint64_t Page::AddToDialogue(std::string_view kind, std::string_view body, 
 
 void Page::ReleaseWaiting() {
   posts_.clear();
-  for (const PendingSend& pending : std::exchange(sends_, {})) {
+  for (const Pending& pending : std::exchange(sends_, {})) {
     if (pending.on_result) {
       pending.on_result({.outcome = Outcome::kGone});
     }
@@ -304,11 +298,11 @@ Json Page::Describe() const {
             {"delivered", delivered_},
             {"recording", nullptr}};
   if (recording_) {
-    json["recording"] = {{"since", recording_since_},
-                         {"lines", recorded_lines_},
-                         {"bytes", recording_->size()},
-                         {"running", recording_runs_},
-                         {"full", recording_full_}};
+    json["recording"] = {{"since", recording_->since},
+                         {"lines", recording_->lines},
+                         {"bytes", recording_->text.size()},
+                         {"running", recording_->running},
+                         {"full", recording_->full}};
   }
   if (crashed_) {
     json["lastLog"] = LastLog(kLastLines);
@@ -319,22 +313,18 @@ Json Page::Describe() const {
 bool Page::Watches(std::string_view path) const { return std::ranges::find(watches_, path) != watches_.end(); }
 
 bool Page::StartRecording() {
-  if (recording_runs_ || ended_ || leaving_) {
+  if ((recording_ && recording_->running) || ended_ || leaving_) {
     return false;
   }
-  recording_.emplace();
-  recording_since_ = NowInMilliseconds();
-  recorded_lines_ = 0;
-  recording_full_ = false;
-  recording_runs_ = true;
-  ++recordings_asked_;
+  recording_ = {.since = NowInMilliseconds(), .text = {}};
+  ++recordings_awaited_;
   host_->Write(FormatLine(In::kRecord, "true"));
   SendPageEvent();
   return true;
 }
 
 void Page::StopRecording() {
-  if (std::exchange(recording_runs_, false)) {
+  if (recording_ && std::exchange(recording_->running, false)) {
     host_->Write(FormatLine(In::kRecord, "false"));
     SendPageEvent();
   }
@@ -342,16 +332,16 @@ void Page::StopRecording() {
 
 // Lines of the previous recording may still arrive after a new one was started, but before its first line.
 void Page::OnRecorded(std::string_view line) {
-  recordings_begun_ += line.starts_with(R"({"recording":)") ? 1 : 0;
-  if (!recording_ || recordings_begun_ != recordings_asked_ || recording_full_) {
+  recordings_awaited_ -= line.starts_with(R"({"recording":)") ? 1 : 0;
+  if (!recording_ || recordings_awaited_ != 0 || recording_->full) {
     return;
   }
-  if (recording_->size() + line.size() >= kMaxRecording) {
-    recording_full_ = true;
+  if (recording_->text.size() + line.size() >= kMaxRecording) {
+    recording_->full = true;
     return StopRecording();
   }
-  recording_->append(line).push_back('\n');
-  ++recorded_lines_;
+  recording_->text.append(line).push_back('\n');
+  ++recording_->lines;
 }
 
 void Page::StreamClosed() {

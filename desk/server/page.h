@@ -54,6 +54,14 @@ class Page final : private HostProcess::Listener {
   };
   using OnResult = std::function<void(const Result&)>;
 
+  struct Recording {
+    std::int64_t since;  ///< milliseconds since 1970
+    std::string text;    ///< whole lines
+    int lines = 0;
+    bool running = true;
+    bool full = false;
+  };
+
   /// Ends and destroys the page.
   class Owner {
    public:
@@ -87,7 +95,7 @@ class Page final : private HostProcess::Listener {
   /// The number of sends whose clients wait for a reply.
   static constexpr std::ptrdiff_t kMaxWaiting = 16;  ///< to be checked before `Submit`; a page in a browser has one
   std::ptrdiff_t waiting() const {
-    return std::ranges::count_if(sends_, [](const PendingSend& send) { return bool(send.on_result); });
+    return std::ranges::count_if(sends_, [](const Pending& send) { return bool(send.on_result); });
   }
 
   /// The client no longer waits for the reply.
@@ -105,7 +113,7 @@ class Page final : private HostProcess::Listener {
   bool StartRecording();
   void StopRecording();
   /// The last recording, if one was started.
-  const std::optional<std::string>& recording() const { return recording_; }
+  const std::optional<Recording>& recording() const { return recording_; }
 
   void Kill() { host_->Kill(); }
 
@@ -129,9 +137,7 @@ class Page final : private HostProcess::Listener {
   struct Pending {
     std::uint64_t entry;  // its number in the dialogue
     Clock::time_point start;
-  };
-  struct PendingSend : Pending {
-    OnResult on_result;  // empty if its client has gone
+    OnResult on_result;  // of a send; empty if its client has gone
   };
 
   void OnLine(std::string_view line) override;
@@ -140,7 +146,6 @@ class Page final : private HostProcess::Listener {
   void OnRoom() override { deliveries_.NotifyReaders(); }
   void OnEnd(int wait_status) override;
 
-  void SubmitOne(const Message& message);
   void OnReply(std::string_view reply);
   void OnDelivery(std::string_view message);
   void OnWatches(std::string_view paths);
@@ -162,17 +167,12 @@ class Page final : private HostProcess::Listener {
   EventLog deliveries_;
   EventLog dialogue_;
   EventLog log_;
-  std::deque<PendingSend> sends_;  // the host answers in order
+  std::deque<Pending> sends_;  // the host answers in order
   std::deque<Pending> posts_;
   std::vector<std::string> watches_;
   std::optional<std::int64_t> last_number_;
-  std::optional<std::string> recording_;
-  std::int64_t recording_since_ = 0;
-  int recorded_lines_ = 0;
-  int recordings_asked_ = 0;
-  int recordings_begun_ = 0;  // those whose first line has arrived
-  bool recording_runs_ = false;
-  bool recording_full_ = false;
+  std::optional<Recording> recording_;
+  int recordings_awaited_ = 0;  // started, but their first lines have not arrived
   std::uint64_t entries_ = 0;
   std::uint64_t sent_ = 0;
   std::uint64_t delivered_ = 0;

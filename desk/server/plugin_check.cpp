@@ -37,7 +37,6 @@ void PluginCheck::OnLine(std::string_view line) {
 void PluginCheck::OnEnd(int /*wait_status*/) {
   ended_ = true;
   if (version_.empty() && error_.empty()) {
-    gone_ = true;
     error_ = last_line_.empty() ? "the plug-in's process has ended" : last_line_;
   }
   on_change_();

@@ -23,7 +23,6 @@ class PluginCheck final : private HostProcess::Listener {
 
   const std::string& version() const { return version_; }  ///< empty if not known
   const std::string& error() const { return error_; }      ///< empty if there is none
-  bool gone() const { return gone_; }                      ///< the process has ended without an answer
   bool ended() const { return ended_; }                    ///< the process has ended
 
   void End() { process_->End(); }
@@ -39,7 +38,6 @@ class PluginCheck final : private HostProcess::Listener {
   std::string error_;
   std::string last_line_;
   bool ended_ = false;
-  bool gone_ = false;
   std::shared_ptr<HostProcess> process_;
 };
 

@@ -298,7 +298,7 @@ void AddPageRoutes(Router& router, Desk& desk) {
     return JsonAnswer(page.Describe());
   });
   add_now(verb::get, "/recording", Of::kEndedToo, [](Page& page) {
-    return page.recording() ? Answer{.body = *page.recording(), .type = "application/jsonl"}
+    return page.recording() ? Answer{.body = page.recording()->text, .type = "application/jsonl"}
                             : Fail({vconf::Code::kMissing, "no recording of this page was started"});
   });
 
