@@ -1,6 +1,7 @@
 // The example application on a desk, each page with a real plug-in.
 import assert from "node:assert/strict";
 import { describe, it } from "node:test";
+import { startSet } from "../../npm/mirado-desk/index.js";
 import { isRunning } from "../desk/desk.mjs";
 import { useDesk } from "./harness.mjs";
 
@@ -157,15 +158,18 @@ describe("a page from elsewhere", () => {
     await openPage(stranger, (page) => notice(page, "The plug-in"));
     assert.deepEqual((await pages()).filter(({ url }) => url.startsWith(stranger)), []);
 
-    const open = await startDesk("--token");
+    process.env.MIRADO ??= new URL("../../build/release/bin/mirado", import.meta.url).pathname;
+    const open = await startSet({ anyOrigin: true });
     app.script = open.script;
     try {
       const page = await openPage(stranger);
       await rowShows(page, "Captions", "Off");
-      await open.mirado("set", CAPTION, "1");
+      await open.settings.set("CAPTION", 1);
       await caption(page, "visible");
+      assert((await open.page()).url.startsWith(stranger));
     } finally {
       app.script = desk.script;
+      await open.stop();
     }
   });
 
