@@ -87,6 +87,8 @@ test("events that are not kept any more are told as lost", async () => {
   assert(lost.id >= 1000, "10,000 are kept");
   assert.equal((await late.next("message")).id, lost.id + 1);
   for (const one of [all, late]) one.close();
+  const { status, json } = await desk.request("POST", `/api/pages/${page.id}/verify`, { body: { messages: [READ], times: 11_000 } });
+  assert.deepEqual([status, /more than the desk keeps/.test(json.error)], [409, true]);
 });
 
 test("says who watches a setting, until they stop, crash or go", async () => {
@@ -266,6 +268,19 @@ test("the desk starts whatever the set does, but not without a plug-in", async (
   assert.equal(await second.stop("SIGINT"), 0);
   await desk.call("POST", "/api/reset");
   await assert.rejects(desk.mirado("desk", "--port", "0", "--plugin", "/none.so"), { code: 3, stderr: /none\.so: .*open/ });
+});
+
+test("the desk exits at once when no plug-in holds it up, and under nohup not with its terminal", async () => {
+  const kept = await Desk.start("ulimit -c 0 && trap '' HUP");
+  kept.child.kill("SIGHUP");
+  assert.equal((await kept.say(await kept.openPage(), { send: VERSION })).json.reply.value, "4.0");
+  assert.equal(await kept.stop(), 0);
+  await oneOfFiveIsBelow(1500, async () => {
+    const brief = await Desk.start();
+    const start = performance.now();
+    assert.equal(await brief.stop("SIGHUP"), 0);
+    return performance.now() - start;
+  });
 });
 
 test("however the desk ends, no child is left", async () => {

@@ -1,5 +1,6 @@
-// How the desk's server ends when something goes wrong inside.
+// The exits of the desk after an internal failure, and what it reads of a child process.
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
@@ -7,11 +8,14 @@
 #include <functional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/write.hpp>
 
 #include "server/desk.h"
+#include "server/host_process.h"
 #include "support/files.h"
 
 namespace {
@@ -59,6 +63,34 @@ TEST_F(ServerDeathTest, EndsThoughTheStoreHangs) {
                 })(request, nullptr);
               }),
               testing::ExitedWithCode(0), "a disk may hang");
+}
+
+class LineRecorder final : public desk::HostProcess::Listener {
+ public:
+  void OnLine(std::string_view line) override { lines.emplace_back(line); }
+  void OnLogLine(std::string_view line) override { log.emplace_back(line); }
+  void OnRoom() override {}
+  void OnEnd(int wait_status) override { status = WEXITSTATUS(wait_status); }
+
+  std::vector<std::string> lines;
+  std::vector<std::string> log;
+  int status = -1;
+};
+
+TEST(HostProcessTest, PassesOnAllOutputBeforeTheEnd) {
+  boost::asio::io_context loop;
+  LineRecorder child;
+  LineRecorder none;
+  const auto running = desk::HostProcess::Start(
+      loop, {"/bin/sh", "-c", R"(head -c 200000 /dev/zero | tr '\0' x; echo; printf half; echo why >&2; exit 7)"},
+      child);
+  const auto failed = desk::HostProcess::Start(loop, {"/none"}, none);
+  loop.run();
+  EXPECT_EQ(child.lines, (std::vector<std::string>{std::string(200'000, 'x'), "half"}));
+  EXPECT_EQ(child.log, std::vector<std::string>{"why"});
+  EXPECT_EQ(child.status, 7);
+  EXPECT_EQ(none.log, std::vector<std::string>{"cannot run /none: No such file or directory"});
+  EXPECT_EQ(none.status, 127);
 }
 
 }  // namespace

@@ -54,6 +54,23 @@ test("changes by anyone are told as they happen", async () => {
   again.close();
 });
 
+test("a stream that is opened after a change was answered does not begin with it", async () => {
+  for (let value = 1; value <= 30; ++value) {
+    const body = JSON.stringify({ value });
+    // Both requests at once, so that nothing comes between the answer to the first and the start of the second.
+    const socket = await desk.dial(`PUT /api/store/${CAPTION} HTTP/1.1\r\nHost: localhost\r\nContent-Type: application/json\r\n` +
+      `Content-Length: ${body.length}\r\n\r\n${body}GET /api/events HTTP/1.1\r\nHost: localhost\r\n\r\n`);
+    let text = "";
+    for await (const chunk of socket) {
+      const opens = !text.includes("retry:") && (text + chunk).includes("retry:");
+      text += chunk;
+      if (opens) await desk.call("PUT", "/api/store/memory/last", { value });
+      if (text.includes("memory/last")) break;
+    }
+    assert.deepEqual(text.match(/(?<=^data: ).*/gm), [JSON.stringify({ path: "memory/last", value })]);
+  }
+});
+
 test("each call that asks for a fault can be given one", async () => {
   const sources = execFileSync("grep", ["-rhoE", "(TakeFault|Answer|Read|Write)\\(\"\\w+", "platform", "desk"],
     { cwd: fileURLToPath(new URL("../..", import.meta.url)), encoding: "utf8" });
