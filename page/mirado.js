@@ -64,7 +64,7 @@ function refusal(reply) {
   return error;
 }
 
-// The plug-in accepts only 32-bit integers, except that it stores 0 for a text, which this refuses too.
+// The plug-in accepts only 32-bit integers, and texts, for which it stores 0. A text is refused here.
 function requireInteger(value, name) {
   if (value === (value | 0)) return;
   var text = typeof value === "string" ? '"' + value + '"' : String(value);
@@ -72,7 +72,7 @@ function requireInteger(value, name) {
   throw new TypeError(name + " must be a 32-bit integer, not " + text + hint + ".");
 }
 
-// Plain text messages, which mean that the plug-in handles no messages (any more).
+// After one of these texts the plug-in handles no more messages.
 var LAST_WORDS = {
   "Unregister": "The plug-in has ended its registration.",
   "Error while registering MessageHandler": "The plug-in could not register its message handler.",
@@ -80,7 +80,7 @@ var LAST_WORDS = {
 
 export function connect(element) {
   if (typeof (element && element.postMessageAndAwaitResponse) !== "function") {
-    throw new TypeError("There is no plug-in in this element. At a desk: is the desk running, and does desk.js load?");
+    throw new TypeError("This element has no plug-in. On a desk, start the desk and load its desk.js before you connect.");
   }
   var held = element[SHARED];
   if (!held) return createClient(element);
@@ -198,15 +198,15 @@ function createClient(element) {
   // The plug-in does not count subscriptions: one unregistration ends them all. So the first listener of a key
   // registers it, and the last one unregisters it.
   function subscriber(event, register, unregister) {
-    var listenersOf = Object.create(null); // by key; an entry is an object, for a function may subscribe twice
+    var listenersOf = Object.create(null); // by key; entries are objects, because a function may be subscribed twice
     subscriptions[event] = function (key) {
       var listeners = listenersOf[key] || [];
       listeners.slice().forEach(function (entry) {
-        if (listeners.indexOf(entry) < 0) return; // Dropped by a listener before it.
+        if (listeners.indexOf(entry) < 0) return; // An earlier listener has unsubscribed it.
         try {
           entry.listener(key);
         } catch (error) {
-          setTimeout(function () { throw error; }); // Told to the page as uncaught, but not at the cost of the others.
+          setTimeout(function () { throw error; }); // Reported as uncaught; the other listeners are still called.
         }
       });
     };

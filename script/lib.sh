@@ -1,18 +1,18 @@
 # shellcheck shell=bash
-# What the scripts share; they source it.
+# Functions for the other scripts, which source this file.
 
-# How much is built and tested at a time, here and in what cmake and ctest start.
+# The number of parallel jobs of cmake and ctest.
 export CMAKE_BUILD_PARALLEL_LEVEL=${CMAKE_BUILD_PARALLEL_LEVEL:-$(nproc)}
 export CTEST_PARALLEL_LEVEL=${CTEST_PARALLEL_LEVEL:-$CMAKE_BUILD_PARALLEL_LEVEL}
 
-# help_if_asked [ARGUMENT]: with --help or -h it prints the comment at the head of the script and ends the script.
+# help_if_asked [ARGUMENT]: if the argument is --help or -h, prints the comment at the head of the script and exits.
 help_if_asked() {
   [[ ${1-} == --help || ${1-} == -h ]] || return 0
   sed -n -e 1d -e '/^#/!q' -e 's/^# \{0,1\}//p' "$0"
   exit 0
 }
 
-# logged LOG COMMAND...: the command's output goes to the file LOG alone. A terminal shows the last line meanwhile.
+# logged LOG COMMAND...: writes the command's output to the file LOG. While it runs, a terminal shows the last line.
 logged() {
   local log=$1 line status=0
   shift
@@ -28,7 +28,7 @@ logged() {
   return "$status"
 }
 
-# quietly LOG COMMAND...: as `logged`, and a failing command's output is shown.
+# quietly LOG COMMAND...: the same; if the command fails, its output is printed.
 quietly() {
   logged "$@" || {
     cat "$1" >&2

@@ -1,8 +1,8 @@
-// Written for the set's engine, which is one of generation 47: classic scripts, and of the language what that knows.
+// Written for an engine of generation 47, as on a set: classic scripts, with the language features of that generation.
 "use strict";
 
-// What the numbers of a setting mean to this application: the names by number, and for each number what becomes of the
-// captions. Number 0 of an option leaves the choice to the application.
+// What the numbers of a setting mean in this application: for each number its name, and its effect on the captions.
+// Number 0 leaves the choice to the application.
 const SWITCH = { names: ["Off", "On"] };
 const SIZE = { names: ["Default", "Small", "Standard", "Large", "Extra large"], looks: [1, 0.75, 1, 1.4, 1.8] };
 const FONT = {
@@ -51,8 +51,8 @@ const LENGTH = 24; // seconds
 const KEY = { back: 8, ok: 13, escape: 27, space: 32, left: 37, up: 38, right: 39, down: 40, playPause: 179 };
 
 const $ = (id) => document.getElementById(id);
-const values = new Map(); // What the set says, by key.
-let plugin; // The client of the plug-in that there is now, or of the last one.
+const values = new Map(); // The settings as last read, by key.
+let plugin; // The client of the present plug-in, or of the last one if it is gone.
 
 let noticeTimer;
 function tell(error) {
@@ -62,7 +62,7 @@ function tell(error) {
   noticeTimer = setTimeout(() => { $("notice").hidden = true; }, 6000);
 }
 
-// The application plays on without the plug-in: what cannot be read or published is told and left as it is.
+// Without the plug-in the application continues: it shows the error, and keeps the last values.
 function attempt(action) {
   try {
     action();
@@ -116,8 +116,8 @@ function showStyle() {
     color(mirado.MENU_KEY_DIGITAL_CAPTION_WINDOW_COLOR, mirado.MENU_KEY_DIGITAL_CAPTION_WINDOW_OPACITY, black(0));
 }
 
-// A row shows what the set says, and asks it for a change. What it shows follows from the set's answer alone. Gives
-// a function that follows the setting with the plug-in that there is now.
+// Adds a row that shows a setting and changes it. It shows a new value only after the set has stored it. Returns a
+// function that reads the setting from the present plug-in, and watches it.
 function addRow(key, label, kind) {
   const row = document.createElement("button");
   const add = (className, text) => {

@@ -1,8 +1,8 @@
 "use strict";
 
-const FRAME = 38; // milliseconds: some 25 frames a second, as a film has
+const FRAME = 38; // milliseconds: about 25 frames a second
 
-// Stands in for a video: a scene drawn from its time alone, with captions by time.
+// In place of a video: a scene that depends only on the time, with captions.
 class Film {
   /** `cues` are [seconds, text], by time; `onFrame` gets the time in seconds, from 0 to below `length`. */
   constructor(canvas, length, cues, onFrame) {
@@ -33,7 +33,7 @@ const TURN = 2 * Math.PI;
 const LAMP = { x: 372, y: 236 };
 const HORIZON = 450;
 
-// The scene at `part` of the film, 0 to 1. All motions come back to where they began, for the film runs in a loop.
+// The scene at `part` of the film, 0 to 1. All motions end where they began, because the film runs in a loop.
 function draw(canvas, part) {
   const context = canvas.getContext("2d");
   drawSky(context, part);
