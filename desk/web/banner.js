@@ -3,7 +3,7 @@ import { DeskError } from "./api.js";
 import { byId, make } from "./dom.js";
 import { changed, observe, state } from "./state.js";
 
-// The gravest is shown. What comes later in this list often follows from what comes before.
+// Only the first of these is shown: a later one is often its consequence.
 const ORDER = ["desk", "stream", "store", "plugin", "crash", "limit", "action", "done"];
 
 const problems = new Map(); // by kind: {source, title, text, lines, button: {text, run}, mild}
@@ -25,7 +25,7 @@ export async function attempt(source, action) {
   } catch (error) {
     if (!(error instanceof DeskError)) throw error;
     // A desk that does not answer at all is told once, by its stream.
-    if (error.status !== 0 || state.linked) report("action", { source, title: "That did not work", text: error.message, dismiss: true });
+    if (error.status !== 0 || state.linked) report("action", { source, title: "The request failed:", text: error.message, dismiss: true });
     if (["damaged", "removed", "busy", "failed"].includes(error.code)) changed("doubt");
     return false;
   }

@@ -1,11 +1,11 @@
-// What was said or logged so far by the chosen page, or by all, and what comes after it, in one order.
+// The dialogue or the log of the chosen page, or of all: first what the desk has kept, then new entries as they come.
 import * as api from "./api.js";
 import { attempt } from "./banner.js";
 import { byId } from "./dom.js";
 import { observe, state } from "./state.js";
 
 const MAX = 1000; // rows that are shown; a row has one entry or two
-const PACE = 25; // milliseconds between two drawings, at least: one of two frames is for everything else
+const PACE = 25; // milliseconds between two drawings, at least; so every second frame is free for other work
 const isShown = ({ page }) => !state.selected || page === state.selected;
 
 export class History {

@@ -9,7 +9,7 @@ import { changed, isAgain, observe, openPages, select, selectedPage, state, titl
 
 const TRIES = "This page tries again every second.";
 
-// What a shell takes as one word.
+// `word` quoted for a shell where it needs to be.
 const quoted = (word) => /^[\w./-]+$/.test(word) ? word : `'${word.replaceAll("'", "'\\''")}'`;
 
 // The desk has told its command line if it has answered before.
@@ -20,7 +20,7 @@ function gone() {
     lines: [command], button: { text: "Copy the command", run: (button) => copyFrom(button, command) } };
 }
 
-const FULL = { title: "The desk takes no further reader of its events.", text: `Close another desk page. ${TRIES}` };
+const FULL = { title: "Too many desk pages are open.", text: `Close another one. ${TRIES}` };
 const LOCKED = { title: "This desk asks for its token.",
   text: "Open the link that “mirado desk” printed when it began; it ends with the token." };
 
@@ -47,7 +47,7 @@ async function replaceStore() {
   if (!sure) return;
   await attempt("reset", async () => {
     const { moved } = await api.post("/api/reset?force=1");
-    report("done", { title: "The store is as new.", text: moved ? `The old files are in ${moved}.` : "", mild: true, dismiss: true });
+    report("done", { title: "The store was replaced.", text: moved ? `The old files are in ${moved}.` : "", mild: true, dismiss: true });
     await readDesk();
     changed("again");
   });
@@ -70,7 +70,7 @@ observe(["desk", "pages"], () => {
   const limit = state.desk?.pages.limit ?? Infinity;
   const all = openPages();
   const spare = all.find((page) => page.state === "crashed") ?? all.find(({ id }) => !isConsole(id));
-  report("limit", all.length < limit || !spare ? null : { title: `${limit} pages are open, which is all that the desk takes.`,
+  report("limit", all.length < limit || !spare ? null : { title: `${limit} pages are open, the most that the desk allows.`,
     text: "The next page gets no plug-in. Close pages in the browser, or here.",
     button: { text: `Close ${titleOf(spare)} …`, run: async () => {
       if (await ask(`Close ${titleOf(spare)}?`, "Its plug-in ends. The page in the browser stays, without one.", "Close it")) await closePage(spare);

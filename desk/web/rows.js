@@ -1,6 +1,6 @@
-// A long list of which the browser holds little: its end while that is what is looked at, and all that is kept only
-// while somebody reads further up. Then nothing moves, and a button tells how much is new. The style sheet lays the
-// list out from its end: the browser keeps the end in sight itself, and rows that come or go at the top move nothing.
+// A long list with few rows in the document: those at its end while it is scrolled to the end, and all of them while
+// somebody reads further up. Then nothing moves, and a button tells how many are new. The style sheet lays the list out
+// from its end, so the browser keeps the end in sight, and adding or removing rows at the top moves nothing.
 import { make } from "./dom.js";
 
 export const MAX_ROWS = 1000;

@@ -76,7 +76,7 @@ for (const [id, list] of Object.entries(LISTS)) {
 }
 
 byId("reset").onclick = async () => {
-  const sure = await ask("Reset the set?", "All settings and the set become as new, and all faults are cleared. Save a scenario first " +
+  const sure = await ask("Reset the set?", "All settings and the set get their initial values, and all faults are cleared. Save a scenario first " +
       "to be able to come back. Pages stay open.", "Reset the set");
   if (!sure) return;
   await attempt("set", async () => {

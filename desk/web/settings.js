@@ -47,7 +47,7 @@ export function changeSetting({ path, value }) {
   changed("values");
 }
 
-/** Reads all keys anew. What cannot be read is not known any more. */
+/** Reads all keys again. If that fails, no value is known. */
 export async function load() {
   const good = await attempt("settings", async () => {
     read = new Map();

@@ -1,5 +1,5 @@
-// What the page knows of the desk. Its parts read it here and say with `observe` what they show; whoever changes
-// something says so with `changed`.
+// What the page knows of the desk. Each part of the page reads it here, registers with `observe` for the members that
+// it shows, and calls `changed` after it has changed one.
 
 export const state = {
   linked: false, // the desk answers

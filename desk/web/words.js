@@ -4,7 +4,7 @@ import { settingOf, shortName, state } from "./state.js";
 const json = (value) => JSON.stringify(value) ?? "";
 export const describeValue = json;
 
-/** `{setting, text, rest}` of what a page asks: the setting that it is about or null, the command, its other fields. */
+/** `{setting, text, rest}` of a request: the setting that it is about or null, the command, its other fields. */
 export function describeRequest(body) {
   if (typeof body?.command !== "string") return { setting: null, text: json(body), rest: "" };
   const { command, propertyKey, ...others } = body;
@@ -23,7 +23,7 @@ export function describeReply(reply) {
   return { failed: false, text: reply.value === null ? "done" : json(reply.value) };
 }
 
-/** `{setting, text, rest}` of what the plug-in says on its own. */
+/** `{setting, text, rest}` of a message that the plug-in posts. */
 export function describeDelivery(body) {
   const table = Object.keys(state.catalog.tables).find((name) => state.catalog.tables[name].event === body?.event);
   const setting = table ? settingOf(table, body.value) ?? null : null;

@@ -71,6 +71,7 @@ describe("the desk's page", () => {
     await own.getByText("Caption is 1").waitFor();
     await said(page, "CAPTION changed").waitFor();
 
+    await desk.openPage({ title: "Other" }); // so that the next is not chosen as the first
     await own.reload(); // whoever looks at a page goes on looking at it
     await said(page, "CAPTION changed").waitFor({ state: "detached" });
     await tab(page, /^#\d+ My page$/).and(page.locator("[aria-selected=true]")).waitFor();
@@ -109,6 +110,7 @@ describe("the desk's page", () => {
     // An answer that is late, to a question about another page, is not shown.
     const [held] = await Promise.all([new Promise((resolve) => page.route(`**/${one.id}/dialogue`, resolve, { times: 1 })),
       tab(page, / One/).click()]);
+    await said(page, "").first().waitFor({ state: "detached" }); // nor are another page's rows meanwhile
     await tab(page, / Two/).click();
     await said(page, "getVersion").waitFor({ state: "detached" });
     await said(page, "isTVSPicSizeResized").waitFor();
@@ -123,6 +125,11 @@ describe("the desk's page", () => {
     await watch.and(page.locator("[aria-pressed=true]")).waitFor();
     assert.deepEqual((await desk.call("GET", `/api/pages/${two.id}`)).watches, [CAPTION]);
     assert.deepEqual((await desk.call("GET", `/api/pages/${one.id}`)).watches, []);
+    for (const value of ["1", "0"]) await desk.mirado("set", CAPTION, value);
+    await said(page, /CAPTION changed.*now 0/).first().waitFor();
+    await tab(page, / One/).click();
+    await watch.and(page.locator("[aria-pressed=false]")).waitFor();
+    await tab(page, / Two/).click();
     await button(page, "Stop").click();
     const [download] = await Promise.all([page.waitForEvent("download"), button(page, "Download").click()]);
     assert.match(await readFile(await download.path(), "utf8"), /registerVconfKeysForCaption/);
@@ -136,7 +143,7 @@ describe("the desk's page", () => {
     await answer(page, "Kill it");
     await banner(page, /Two has ended/).waitFor();
     await said(page, "signal 9").waitFor();
-    await disabled(button(page, "Send"));
+    for (const name of ["Send", "Record"]) await disabled(button(page, name));
     await tab(page, / One/).click();
     await banner(page, /Two has ended/).waitFor({ state: "detached" });
     assert.equal((await desk.call("GET", `/api/pages/${one.id}`)).state, "running");
@@ -197,9 +204,13 @@ describe("the desk's page", () => {
       await said(page, `${command} `).or(said(page, command)).filter({ hasText: /gives/ }).first().waitFor();
     }
     assert.equal(await page.locator("#dialogue .failed").count(), 0, "each command is sent as the plug-in takes it");
+    await message.fill("a draft");
     await message.press("ArrowUp");
     await message.press("ArrowUp");
     assert.equal(JSON.parse(await message.inputValue()).command, commands.at(-2));
+    await message.press("ArrowDown");
+    await message.press("ArrowDown");
+    assert.equal(await message.inputValue(), "a draft");
 
     await message.fill("{command}");
     await message.press("Enter");
@@ -234,6 +245,9 @@ describe("the desk's page", () => {
     await settles(() => storeOf(CAPTION), 0);
     await settles(() => more.isEnabled(), true);
     const long = valueOf(page, "Caption mode, Caption");
+    await long.fill("2147483648");
+    await long.press("Enter");
+    await page.getByText("A whole number of 32 bits is needed").waitFor();
     await long.fill("-2147483648");
     await long.press("Enter");
     await settles(() => storeOf("db/menu/caption/captionmode"), -2147483648);
@@ -356,7 +370,7 @@ describe("the desk's page", () => {
       await answer(page, "Cancel");
       await page.locator("#banner button:focus").press("Enter");
       await answer(page, "Replace the store");
-      await banner(page, "The store is as new").waitFor();
+      await banner(page, "The store was replaced").waitFor();
       await settles(() => valueOf(page, "Caption, Caption").inputValue(), "0");
       const [, folder] = /The old files are in (.*)\.$/m.exec(await page.getByRole("alert").first().innerText());
       assert.match(await readFile(join(folder, "keys.db"), "utf8"), /^no database/);
