@@ -360,7 +360,7 @@ void RunSoak(double seconds, unsigned seed) {
   followers.clear();
   EXPECT_EQ(vconf::SubscriptionCount(), 0U);
   EXPECT_EQ(pp::browser::LiveVarNodes(), 0);
-  const bool takes_more = kSanitized || std::getenv("MIRADO_EMULATED") != nullptr;  // for what the tests do not see
+  const bool takes_more = kSanitized || std::getenv("MIRADO_EMULATED") != nullptr;  // the emulator's, for each thread
   EXPECT_TRUE(takes_more || Growth(memory) < (done < 600 ? 2.0 : 0.3)) << Growth(memory) << " MiB";
   // The journal of changes, which the store keeps, is full after a minute or two.
   EXPECT_TRUE(done < 600 || Growth(size) < 1.0) << "the store grows";
