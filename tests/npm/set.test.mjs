@@ -24,10 +24,11 @@ beforeEach(() => set.reset());
 const write = (value) => ({ command: "setMenuValue", propertyKey: 0, value });
 
 it("sees what a page asks and is told, each message once, and waits for what comes", { timeout: 50_000 }, async () => {
-  const older = await set.openPage();
+  const older = await set.openPage({ url: "http://localhost/older" });
   const page = await set.openPage({ title: "Bühne" });
   assert.equal((await set.pages()).at(-1), page);
   assert.equal((await set.page()).title, "Bühne");
+  assert.equal(await set.page({ url: "/older" }), older);
   await older.leave();
   const forever = { timeout: 60_000 }; // what comes ends the wait, not the time
   const asked = page.asked("setMenuValue", { value: 2 }, forever);
