@@ -177,7 +177,6 @@ void HostProcess::Write(std::string_view line) {
     return;
   }
   queue_.append(line).push_back('\n');
-  was_full_ = !HasRoom();
   if (writing_.empty()) {
     WriteQueued();
   }
@@ -189,13 +188,8 @@ void HostProcess::WriteQueued() {
     return ending_ ? input_.close() : void();
   }
   boost::asio::async_write(input_, boost::asio::buffer(writing_), [self = shared_from_this()](Error, std::size_t) {
-    if (self->listener_ == nullptr) {
-      return;
-    }
-    self->WriteQueued();  // also after an error: the child reads no more, and its end will be reported
-    if (self->was_full_ && self->HasRoom()) {
-      self->was_full_ = false;
-      self->listener_->OnRoom();
+    if (self->listener_ != nullptr) {
+      self->WriteQueued();  // also after an error: the child reads no more, and its end will be reported
     }
   });
 }

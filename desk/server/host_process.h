@@ -25,8 +25,6 @@ class HostProcess : public std::enable_shared_from_this<HostProcess> {
    public:
     virtual void OnLine(std::string_view line) = 0;
     virtual void OnLogLine(std::string_view line) = 0;
-    /// `HasRoom` is true again.
-    virtual void OnRoom() = 0;
     /// The last call: the child has ended, with the status of `waitpid`.
     virtual void OnEnd(int wait_status) = 0;
 
@@ -89,7 +87,6 @@ class HostProcess : public std::enable_shared_from_this<HostProcess> {
   pid_t pid_ = -1;
   std::string queue_;    // lines to be written next
   std::string writing_;  // lines being written
-  bool was_full_ = false;
   bool ending_ = false;
 };
 

@@ -177,6 +177,7 @@ void Page::OnReply(std::string_view reply) {
     last_activity_ = Clock::now();
     pending.on_result({.outcome = Outcome::kDone, .text = std::string(reply)});
   }
+  deliveries_.NotifyReaders();  // there may be room for a post that waits
 }
 
 void Page::OnDelivery(std::string_view message) {
@@ -268,7 +269,6 @@ void Page::ReleaseWaiting() {
       pending.on_result({.outcome = Outcome::kGone});
     }
   }
-  OnRoom();  // posts that waited for room are dropped now
 }
 
 void Page::End(std::string_view reason) {

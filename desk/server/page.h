@@ -104,7 +104,8 @@ class Page final : private HostProcess::Listener {
   Json Describe() const;
   bool Watches(std::string_view path) const;
 
-  /// The events `message` and `crash`. The readers are also notified when the plug-in has room for messages again.
+  /// The events `message` and `crash`. The readers are also notified when the plug-in has handled a message,
+  /// since there may be room for another one.
   EventLog& deliveries() { return deliveries_; }
   const EventLog& dialogue() const { return dialogue_; }
   const EventLog& log() const { return log_; }
@@ -143,7 +144,6 @@ class Page final : private HostProcess::Listener {
   void OnLine(std::string_view line) override;
   void Take(const OutLine& out, std::string_view line);
   void OnLogLine(std::string_view line) override;
-  void OnRoom() override { deliveries_.NotifyReaders(); }
   void OnEnd(int wait_status) override;
 
   void OnReply(std::string_view reply);

@@ -30,7 +30,6 @@ class PluginCheck final : private HostProcess::Listener {
  private:
   void OnLine(std::string_view line) override;
   void OnLogLine(std::string_view line) override { last_line_ = line; }
-  void OnRoom() override {}
   void OnEnd(int wait_status) override;
 
   const std::function<void()> on_change_;

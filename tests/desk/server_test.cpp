@@ -69,7 +69,6 @@ class LineRecorder final : public desk::HostProcess::Listener {
  public:
   void OnLine(std::string_view line) override { lines.emplace_back(line); }
   void OnLogLine(std::string_view line) override { log.emplace_back(line); }
-  void OnRoom() override {}
   void OnEnd(int wait_status) override { status = WEXITSTATUS(wait_status); }
 
   std::vector<std::string> lines;
