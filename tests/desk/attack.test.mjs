@@ -50,6 +50,8 @@ test("clients that give up what they wait for", async () => {
   for (let sends = 0; sends < 257; ++sends) waiting.push(await desk.dial(sends % 2 ? send : send + send));
   assert.equal(await statusOf(waiting[16]), "503", "as many as may wait do");
   await answersOthers();
+  const other = await desk.openPage();
+  for (let sends = 0; sends < 512; ++sends) assert.equal((await desk.say(other, { send: VERSION })).status, 200);
   for (const socket of waiting) socket.destroy();
   await events.next("gone", ({ id }) => id === page.id); // Its grace counts again, not the minute of one that waits.
   events.close();

@@ -179,6 +179,9 @@ test("waits for no body where none is announced, and cuts no answer", async () =
       return performance.now() - start;
     });
   }
+  const both = await desk.dial(["HEAD /api/desk", "GET /api/desk"].map((line) => `${line} HTTP/1.1\r\nHost: localhost\r\n`)
+    .join("\r\n") + "Connection: close\r\n\r\n");
+  assert((await both.toArray()).join("").endsWith("}}"), "a HEAD is followed by a GET");
   assert((await desk.request("GET", "/api/set", { headers: { Range: "bytes=0-3" } })).json.latency);
 });
 

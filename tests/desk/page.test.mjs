@@ -31,6 +31,16 @@ test("a page sends, posts and hears", async () => {
   assert.deepEqual(dialogue.map(({ kind, n, to }) => [kind, n, to]),
     [["send", 1, undefined], ["reply", 2, 1], ["post", 3, undefined], ["message", 4, 3]]);
   assert(dialogue.every(({ duration }) => duration === undefined || duration > 0));
+
+  await desk.say(page, { send: { command: "registerVconfKeysForCaption", propertyKey: 0 } });
+  await desk.call("PATCH", "/api/set", { latency: { getVersion: 500 } });
+  await desk.say(page, { post: VERSION });
+  await desk.call("PUT", `/api/store/${CAPTION}`, { value: 4 });
+  await stream.next("message", (said) => said.command === "getVersion");
+  await desk.call("PATCH", "/api/set", { latency: { getVersion: null } });
+  const { dialogue: later } = await desk.call("GET", `/api/pages/${page.id}/dialogue`);
+  const answer = ({ body, to }) => to && [body.command, to];
+  assert.deepEqual(later.slice(-2).map(answer).filter(Boolean), [["getVersion", 7]], "an event answers no post");
   stream.close();
 });
 
@@ -86,7 +96,9 @@ test("events that are not kept any more are told as lost", async () => {
   assert.equal(lost.data.count, lost.id - 7);
   assert(lost.id >= 1000, "10,000 are kept");
   assert.equal((await late.next("message")).id, lost.id + 1);
-  for (const one of [all, late]) one.close();
+  const last = await desk.follow(`/api/pages/${page.id}/deliveries?after=10999`, 7);
+  assert.equal((await last.next("message")).id, 11_000, "the query counts, not the header");
+  for (const one of [all, late, last]) one.close();
   const { status, json } = await desk.request("POST", `/api/pages/${page.id}/verify`, { body: { messages: [READ], times: 11_000 } });
   assert.deepEqual([status, /more than the desk keeps/.test(json.error)], [409, true]);
 });

@@ -81,7 +81,10 @@ test("each call that asks for a fault can be given one", async () => {
 test("faults answer calls, as often as they are meant to", async () => {
   const page = await desk.openPage();
   const fault = { call: "vconf_get_int", path: CAPTION, answer: -1, times: 2 };
+  const events = await desk.follow("/api/events");
   assert.deepEqual((await desk.call("POST", "/api/faults", fault)).faults, [fault]);
+  await events.next("set");
+  events.close();
   const codes = [];
   for (let i = 0; i < 3; ++i) codes.push((await desk.say(page, READ)).json.reply.code);
   assert.deepEqual(codes, [9999, 9999, 0]);
