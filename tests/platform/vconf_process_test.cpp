@@ -116,7 +116,7 @@ TEST_F(VconfDamageTest, AStoreThatIsNoneIsRefusedAndLeftAlone) {
     std::filesystem::remove(region());  // as after a boot: all comes from the disk
     ClearLog();
     const auto error = vconf::OpenOrCreateStore(directory(), {{"db/key1", 1}});
-    EXPECT_EQ(error.text(), file() + ": is damaged");
+    EXPECT_EQ(error.text(), file() + ": is damaged; restore it, or replace the store");
     EXPECT_EQ(error.code(), vconf::Code::kDamaged);
     EXPECT_EQ(Log(), std::vector<std::string>{"E/VCONF(2): " + error.text()});
     EXPECT_EQ(Contents(file()), bytes);
@@ -324,7 +324,7 @@ TEST_F(VconfDamageTest, AStoreThatMayOnlyBeReadIsRead) {
     int value = 0;
     return vconf_get_int("db/key4", &value) == -9 && GetInt("db/key3", -1) == 3 &&
                    error.code() == vconf::Code::kReadOnly &&
-                   error.text() == file() + ": may only be read by this process"
+                   error.text() == file() + ": may only be read by this process; write it as its owner"
                ? 0
                : 3;
   });

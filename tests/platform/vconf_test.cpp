@@ -66,7 +66,7 @@ TEST_F(VconfTest, WhatIsNoPathOrHasNoStoreFailsByValue) {
     EXPECT_LT(vconf_ignore_key_changed(path, CountCall), 0);
   };
   all_fail("db/no-store");
-  EXPECT_EQ(vconf::Set("db/a", 1).text(), "no store is open");
+  EXPECT_EQ(vconf::Set("db/a", 1).text(), "no store is open; open one first");
   Open();
   const std::string too_long = "db/" + std::string(509, 'x');
   const std::string longest = too_long.substr(0, 511);
@@ -90,7 +90,7 @@ TEST_F(VconfTest, ANewStoreIsFilledOnceAndAnOldOneNever) {
   EXPECT_EQ(*vconf::List("db/"), std::vector<Entry>{});
   vconf::CloseStore();
   const auto error = vconf::OpenOrCreateStore(folder() + "/third", {{"other/a", 1}});
-  EXPECT_TRUE(error.text().starts_with("other/a: is no path of the store; a path begins with")) << error.text();
+  EXPECT_TRUE(error.text().starts_with("other/a: does not begin with `db/`, `memory/` or `set/`")) << error.text();
   EXPECT_FALSE(std::filesystem::exists(folder() + "/third"));
   EXPECT_NE(vconf::OpenStore("").text(), "");
   EXPECT_EQ(vconf::OpenStore(folder() + "/third/").code(), vconf::Code::kMissing);

@@ -82,7 +82,9 @@ bool IsHead(const Head& head) {
          std::memcmp(head.data() + 68, kWhose.data(), kWhose.size()) == 0;
 }
 
-Status Damaged(const std::string& file) { return {Code::kDamaged, file + ": is damaged"}; }
+Status Damaged(const std::string& file) {
+  return {Code::kDamaged, file + ": is damaged; restore it, or replace the store"};
+}
 
 }  // namespace
 
@@ -215,7 +217,7 @@ Status Database::Failure(int result) const {
     case SQLITE_LOCKED:
     case SQLITE_PROTOCOL:  // was locked while it was being opened
       return {Code::kBusy, file_ + ": " + HolderOf({file_, file_ + "-shm"}) +
-                               " has kept it locked too long; resume or stop that process"};
+                               " has kept it locked too long; resume or end that process"};
     case SQLITE_ERROR:  // such as a missing table
       return Damaged(file_);
     case SQLITE_IOERR:

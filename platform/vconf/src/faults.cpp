@@ -44,7 +44,8 @@ Status Store::SetFault(const Fault& fault) {
   std::string key = KeyOf(fault.call, fault.path);
   if (fault.call.empty() || fault.path.empty() || fault.call.find(kBetween) != std::string::npos ||
       key.find('\0') != std::string::npos || key.size() > layout::kMaxName) {
-    return {Code::kBadName, fault.call + " " + fault.path + ": is not a valid call and path for a fault"};
+    return {Code::kBadName, fault.call + " " + fault.path + ": a fault needs a call and a path, of " +
+                                std::to_string(layout::kMaxPath) + " bytes at most, without control characters"};
   }
   return Change(Home::kDisk, [&](Region&, std::vector<Row>* rows) {
     rows->push_back({key, TextOf(fault)});

@@ -21,7 +21,8 @@ namespace {
 namespace fs = std::filesystem;
 
 Status Foreign(const std::string& file) {
-  return {Code::kNotPermitted, file + ": is a link, no plain file, or not of the folder's owner; remove it"};
+  return {Code::kNotPermitted,
+          file + ": is a link, not a regular file, or of another owner than its folder; remove it"};
 }
 
 }  // namespace
@@ -43,18 +44,18 @@ Status SystemFailure(const std::string& file, int error) {
   const auto status = [&](Code code, const std::string& text) { return Status(code, file + ": " + text); };
   switch (error) {
     case ENOENT:
-      return status(Code::kMissing, "is not there");
+      return status(Code::kMissing, "does not exist");
     case EACCES:
     case EPERM:
       return status(Code::kNotPermitted, std::generic_category().message(error));
     case ENOTDIR:
       return status(Code::kFailed, "is not a folder, or its parent is not; use another path");
     case EROFS:
-      return status(Code::kReadOnly, "may only be read by this process");
+      return status(Code::kReadOnly, "may only be read by this process; write it as its owner");
     case ENOSPC:
     case EDQUOT:
     case EFBIG:
-      return status(Code::kFull, "its disk is full");
+      return status(Code::kFull, "its disk is full; make room");
     default:
       return status(Code::kFailed, std::generic_category().message(error));
   }
@@ -169,7 +170,8 @@ Result<MakingLock> Folder::LockMaking() const {
       return SystemFailure(path_, errno);
     }
     if (WaitLimit::Left().count() == 0) {
-      return Status(Code::kBusy, path_ + ": " + HolderOf({path_}) + " is making the store and does not end; end it");
+      return Status(Code::kBusy, path_ + ": " + HolderOf({path_}) +
+                                     " has been creating the store for too long; resume or end that process");
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }

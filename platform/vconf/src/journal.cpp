@@ -25,7 +25,7 @@ Publisher::Publisher(Region& region)
     : region_(region), table_(region), lock_(std::in_place, region.header().lock, "publishing") {
   status_ = lock_->status(region.file());
   if (status_.ok() && !region.IsWhole()) {
-    status_ = Status(Code::kRemoved, region.file() + ": was replaced");
+    status_ = Status(Code::kRemoved, region.file() + ": was replaced; repeat the call");
   } else if (status_.ok() && lock_->inherited()) {
     Finish();
   }

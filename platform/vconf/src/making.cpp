@@ -30,14 +30,14 @@ Status Fill(Region& region, const std::vector<Row>& rows, std::uint64_t number, 
   Publisher publisher(region);
   Table table(region);
   std::vector<std::uint32_t> keys;
-  const bool room = publisher.status().ok() && std::all_of(rows.begin(), rows.end(), [&](const Row& row) {
+  const bool fits = publisher.status().ok() && std::all_of(rows.begin(), rows.end(), [&](const Row& row) {
                       return table.Prepare(row.path, &*row.value, &keys.emplace_back());
                     });
-  if (room) {
+  if (fits) {
     publisher.Publish(keys);
   }
   region.header().published = number;
-  return room ? Status() : Status(Code::kFull, region.file() + ": there is no space left for it");
+  return fits ? Status() : Status(Code::kFull, region.file() + ": there is no space for it; make room on its disk");
 }
 
 // Creates a region from `rows` under a temporary name.
@@ -229,7 +229,7 @@ Result<std::string> Replace(const std::string& directory, const std::vector<Entr
     return folder.status();
   }
   if (!folder->may_write()) {
-    return Status(Code::kReadOnly, directory + ": may only be read by this process");
+    return Status(Code::kReadOnly, directory + ": may only be read by this process; write it as its owner");
   }
   const auto lock = folder->LockMaking();
   const auto is_ours = [](const std::string& name) {

@@ -88,7 +88,8 @@ Status ReadOldStore(const Folder& folder, const std::function<void(Row)>& visit)
   const std::string file = folder.File(Folder::kOldStore);
   const Library library;
   if (!library.loaded()) {
-    return {Code::kFailed, file + ": is of an earlier version; install liblmdb0, which reads it, and open it again"};
+    return {Code::kFailed,
+            file + ": is of an earlier version; install liblmdb0, which reads it, and open the store again"};
   }
   MDB_env* env = nullptr;
   MDB_txn* txn = nullptr;
@@ -123,7 +124,8 @@ Status ReadOldStore(const Folder& folder, const std::function<void(Row)>& visit)
     library.Call("mdb_txn_abort", txn);
   }
   library.Call("mdb_env_close", env);
-  return sound && result == kNotFound ? Status() : Status(Code::kDamaged, file + ": is damaged");
+  return sound && result == kNotFound ? Status()
+                                      : Status(Code::kDamaged, file + ": is damaged; restore it, or replace the store");
 }
 
 }  // namespace vconf::making

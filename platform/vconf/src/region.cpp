@@ -130,7 +130,7 @@ Result<std::unique_ptr<Region>> Region::Open(const Folder& folder, ino_t databas
   boot.back() = '\0';
   const std::string this_boot = ThisBoot();
   if (this_boot.empty()) {
-    return Status(Code::kFailed, "/proc/sys/kernel/random/boot_id: cannot be read; the store needs /proc");
+    return Status(Code::kFailed, "/proc/sys/kernel/random/boot_id: cannot be read; mount /proc");
   }
   const Identity identity = IdentityOf((*region)->descriptor_.number());
   if (!(*region)->IsWhole() || header.format != layout::kFormat || this_boot != boot.data() ||
@@ -139,7 +139,9 @@ Result<std::unique_ptr<Region>> Region::Open(const Folder& folder, ino_t databas
     return Status(Code::kMissing, (*region)->file() + ": is of another boot, file or database");
   }
   if (header.lock_size != sizeof(pthread_mutex_t)) {
-    return Status(Code::kFailed, (*region)->file() + ": is in use by programs of another word size");
+    return Status(
+        Code::kFailed,
+        (*region)->file() + ": is in use by programs of another word size; end them, or use programs of the same");
   }
   if ((*region)->writable()) {
     (*region)->ChooseFutexBit();

@@ -8,7 +8,6 @@
 #include <ctime>
 #include <fstream>
 #include <sstream>
-#include <system_error>
 #include <thread>
 
 namespace vconf {
@@ -147,10 +146,9 @@ Status SharedLock::status(const std::string& file) const {
   }
   if (result_ == ETIMEDOUT || result_ == EBUSY) {
     return {Code::kBusy, file + ": " + NameOf(lock_.holder.load(std::memory_order_relaxed)) +
-                             " has held the lock for " + name_ + " too long; resume or stop that process"};
+                             " has held the lock for " + name_ + " too long; resume or end that process"};
   }
-  return {Code::kDamaged,
-          file + ": the lock for " + name_ + " is damaged: " + std::generic_category().message(result_)};
+  return {Code::kDamaged, file + ": the lock for " + name_ + " is damaged; end the programs that use it and remove it"};
 }
 
 }  // namespace vconf

@@ -17,35 +17,47 @@ namespace {
 constexpr std::chrono::milliseconds kRenewalLimit{500};
 constexpr std::chrono::milliseconds kLookAgain{100};
 
-struct Room {
-  std::string_view prefix;
+struct Prefix {
+  std::string_view text;
   bool control_only;
 };
-constexpr std::array<Room, 3> kRooms{{{"db/", false}, {kMemoryPrefix, false}, {"set/", true}}};
+constexpr std::array<Prefix, 3> kPrefixes{{{"db/", false}, {kMemoryPrefix, false}, {"set/", true}}};
 
+const Prefix* PrefixOf(std::string_view path) {
+  const auto* const found =
+      std::ranges::find_if(kPrefixes, [&](const Prefix& each) { return path.starts_with(each.text); });
+  return found != kPrefixes.end() ? found : nullptr;
+}
+
+// What is wrong with a path that `IsPath` refuses, and what to do.
 Status BadPath(std::string_view path) {
-  return {Code::kBadName, std::string(path) +
-                              ": is no path of the store; a path begins with `db/`, `memory/` or `set/` and "
-                              "a name follows, no more than " +
-                              std::to_string(layout::kMaxPath) + " bytes in all"};
+  const std::string name(path.substr(0, layout::kMaxPath));
+  if (path.size() > layout::kMaxPath) {
+    return {Code::kBadName, name + "…: is longer than " + std::to_string(layout::kMaxPath) + " bytes; shorten it"};
+  }
+  if (path.find('\0') != std::string_view::npos) {
+    return {Code::kBadName, name.substr(0, name.find('\0')) + ": a NUL follows; remove it from the path"};
+  }
+  return PrefixOf(path) == nullptr
+             ? Status(Code::kBadName,
+                      name + ": does not begin with `db/`, `memory/` or `set/`; put one of them in front")
+             : Status(Code::kBadName, name + ": has no name after the `/`; add one");
 }
 
 Status CheckValue(std::string_view path, const Value& value) {
   const auto* const text = std::get_if<std::string>(&value);
   return text == nullptr || text->size() <= layout::kMaxText
              ? Status()
-             : Status(Code::kBadValue,
-                      std::string(path) + ": the text is longer than " + std::to_string(layout::kMaxText) + " bytes");
+             : Status(Code::kBadValue, std::string(path) + ": the text is longer than " +
+                                           std::to_string(layout::kMaxText) + " bytes; shorten it");
 }
 
 }  // namespace
 
 bool IsPath(std::string_view path, bool control) {
-  const auto* const room = std::find_if(kRooms.begin(), kRooms.end(), [&](const Room& each) {
-    return (control || !each.control_only) && path.starts_with(each.prefix);
-  });
-  return room != kRooms.end() && path.size() > room->prefix.size() && path.size() <= layout::kMaxPath &&
-         (!control || path.find('\0') == std::string_view::npos);
+  const Prefix* const prefix = PrefixOf(path);
+  return prefix != nullptr && (control || !prefix->control_only) && path.size() > prefix->text.size() &&
+         path.size() <= layout::kMaxPath && (!control || path.find('\0') == std::string_view::npos);
 }
 
 Status CheckEntries(const std::vector<Entry>& entries) {
@@ -195,10 +207,10 @@ Result<Value> Store::Get(std::string_view path) {
 Status Store::List(std::string_view prefix, std::vector<Entry>* entries) {
   Region& now = region();
   Code code = Code::kOk;
-  for (const Room& room : kRooms) {
-    const bool within = prefix.starts_with(room.prefix);
-    if (code == Code::kOk && (within || room.prefix.starts_with(prefix))) {
-      code = Table(now).List(within ? prefix : room.prefix, entries);
+  for (const Prefix& each : kPrefixes) {
+    const bool within = prefix.starts_with(each.text);
+    if (code == Code::kOk && (within || each.text.starts_with(prefix))) {
+      code = Table(now).List(within ? prefix : each.text, entries);
     }
   }
   return NoteRead(ToStatus(now.IsWhole() ? code : Code::kDamaged, prefix, now));
@@ -221,7 +233,8 @@ Status Store::ForWriting(Region** region) {
   const auto folder = Folder::Open(directory_);
   return folder.ok() && folder->may_write() && !(*region)->is_shared()
              ? Status(Code::kFull, (*region)->file() + ": its disk is full, so the store can only be read; make room")
-             : Status(Code::kReadOnly, directory_ + "/" + Folder::kDatabase + ": may only be read by this process");
+             : Status(Code::kReadOnly, directory_ + "/" + Folder::kDatabase +
+                                           ": may only be read by this process; write it as its owner");
 }
 
 Status Store::Change(Home home, const Plan& plan) {
@@ -259,10 +272,10 @@ Status Store::Prepare(Home home, Region& region, const std::vector<Row>& rows, s
   Table table(region);
   for (const bool swept : {false, true}) {
     keys->clear();
-    const bool room = std::all_of(rows.begin(), rows.end(), [&](const Row& row) {
+    const bool fits = std::all_of(rows.begin(), rows.end(), [&](const Row& row) {
       return table.Prepare(row.path, row.value ? &*row.value : nullptr, &keys->emplace_back());
     });
-    if (room) {
+    if (fits) {
       return {};
     }
     if (!swept) {
@@ -333,9 +346,9 @@ Status Store::Reset(const std::vector<Entry>& entries) {
             wanted.insert_or_assign(entry.path, entry.value);
           }
         }
-        for (const Room& room : kRooms) {
-          if (HomeOf(room.prefix) == home && Table(region).List(room.prefix, &held) != Code::kOk) {
-            return ToStatus(Code::kDamaged, room.prefix, region);
+        for (const Prefix& each : kPrefixes) {
+          if (HomeOf(each.text) == home && Table(region).List(each.text, &held) != Code::kOk) {
+            return ToStatus(Code::kDamaged, each.text, region);
           }
         }
         Difference(held, wanted, rows);

@@ -21,7 +21,7 @@ Status Store::ChangeOnDisk(Region& region, const Plan& plan) {
   const std::lock_guard mine(database_mutex_);
   Status status = lock.status(region.file());
   if (status.ok() && !region.IsWhole()) {
-    return {Code::kRemoved, region.file() + ": was replaced"};
+    return {Code::kRemoved, region.file() + ": was replaced; repeat the call"};
   }
   if (status.ok()) {
     status = Connect(region);
@@ -66,7 +66,8 @@ Status Store::Connect(const Region& region) {
   struct stat about = {};
   if (!folder.Check(Folder::kDatabase, &about).ok() || about.st_ino != region.header().database) {
     database_.reset();
-    return {Code::kRemoved, folder.File(Folder::kDatabase) + ": was removed or replaced while it was in use"};
+    return {Code::kRemoved,
+            folder.File(Folder::kDatabase) + ": was removed or replaced while it was in use; restart this program"};
   }
   if (database_ != nullptr && database_->IsCurrent(folder)) {
     return database_->CheckHead();

@@ -64,7 +64,7 @@ void AfterForkInChild() {
 // ---- the control interface
 
 const Status& NoStore() {
-  static const Status no_store(Code::kFailed, "no store is open");
+  static const Status no_store(Code::kFailed, "no store is open; open one first");
   return no_store;
 }
 
@@ -86,7 +86,7 @@ Status Open(const std::string& directory, const std::vector<Entry>* initial) {
   std::call_once(forks, [] { pthread_atfork(BeforeFork, AfterForkInParent, AfterForkInChild); });
   NoteProcess();  // for a process that was forked before its parent opened a store
   if (TheSession() != nullptr) {
-    return {Code::kFailed, directory + ": this process has a store open already"};
+    return {Code::kFailed, directory + ": this process has a store open already; close that first"};
   }
   auto store = Store::Open(directory, initial);
   if (!store.ok()) {
