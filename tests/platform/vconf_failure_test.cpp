@@ -14,6 +14,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstddef>
+#include <cstring>
 #include <future>
 #include <thread>
 
@@ -448,6 +449,12 @@ TEST_F(VconfFailureTest, ACommitThatNobodyPublishedIsFoundAtOpeningAndByTheNextW
     ASSERT_EQ(vconf_set_int("db/a", 2), 0);
     ASSERT_EQ(vconf::Remove("db/gone").text(), "");
     if (at_opening) vconf::CloseStore();
+    const auto published = [this] {
+      std::uint64_t number = 0;
+      std::memcpy(&number, Contents(region()).data() + offsetof(vconf::layout::Header, published), sizeof number);
+      return number;
+    };
+    const std::uint64_t committed = published();
     // As a writer leaves it that dies behind its commits.
     Overwrite(region(), 0, before);
     Overwrite(region(), offsetof(vconf::layout::Header, committing), std::string("\1\0\0\0", 4));
@@ -459,6 +466,7 @@ TEST_F(VconfFailureTest, ACommitThatNobodyPublishedIsFoundAtOpeningAndByTheNextW
     EXPECT_EQ(GetInt("db/a", 0), 2);
     EXPECT_EQ(vconf::Get("db/gone").status().code(), Code::kMissing);
     EXPECT_EQ(changes.size(), at_opening ? 1U : 3U);
+    EXPECT_EQ(published(), committed + 1) << "a number is used once";
     vconf::CloseStore();
   }
 }
@@ -488,6 +496,7 @@ TEST_F(VconfFailureTest, WhatAWriterHadBegunToPublishWhenItDiedIsPublishedAndTol
   EXPECT_EQ(GetInt("memory/b", 0), 1);
   ASSERT_EQ(vconf_set_int("memory/c", 2), 0);
   vconf::Settle();
+  EXPECT_EQ(GetInt("memory/a", 0), 2) << "what can be seen already is not undone";
   EXPECT_EQ(GetInt("memory/b", 0), 2);
   EXPECT_EQ(paths, (std::vector<std::string>{"memory/a", "memory/b", "memory/c"}));
 }

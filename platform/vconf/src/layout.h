@@ -93,6 +93,7 @@ struct Lock {
 
 struct Header {  // NOLINT(clang-analyzer-optin.performance.Padding): what changes together has a cache line of its own
   Word state;
+  Word faults;  // 0 if there are none
   Word format;
   Word lock_size;  // differs in a program of another word size
   std::array<char, 40> boot;
@@ -101,7 +102,6 @@ struct Header {  // NOLINT(clang-analyzer-optin.performance.Padding): what chang
   LongWord born;
   LongWord database;  // the inode of the database that it was read from
 
-  Word faults;    // 0 if there are none
   Word openings;  // how often the region was opened for writing
 
   alignas(64) LongWord last;  // the number of the last change

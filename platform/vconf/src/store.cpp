@@ -25,7 +25,7 @@ constexpr std::array<Prefix, 3> kPrefixes{{{"db/", false}, {kMemoryPrefix, false
 
 const Prefix* PrefixOf(std::string_view path) {
   const auto* const found =
-      std::ranges::find_if(kPrefixes, [&](const Prefix& each) { return path.starts_with(each.text); });
+      std::find_if(kPrefixes.begin(), kPrefixes.end(), [&](const Prefix& each) { return path.starts_with(each.text); });
   return found != kPrefixes.end() ? found : nullptr;
 }
 
@@ -176,32 +176,30 @@ Status Store::ToStatus(Code code, std::string_view path, const Region& region) c
 
 // Calls `read` on the current region; again if that was replaced meanwhile.
 template <typename Read>
-Code Store::ReadKey(std::string_view path, Region** region, const Read& read) {
+inline Code Store::ReadKey(std::string_view path, const Read& read) {
   while (true) {
-    *region = &this->region();
-    const Code code = read(Table(**region));
-    if (code == Code::kOk || (*region)->IsWhole()) {
-      return code == Code::kDamaged ? NoteRead(ToStatus(code, path, **region)).code() : code;
+    Region& now = region();
+    const Code code = read(Table(now));
+    if (code == Code::kOk || now.IsWhole()) {
+      return code == Code::kDamaged ? NoteRead(ToStatus(code, path, now)).code() : code;
     }
-    if (&this->region() == *region) {
+    if (&region() == &now) {
       return Code::kDamaged;
     }
   }
 }
 
 Code Store::GetNumber(std::string_view path, layout::Kind kind, int* number) {
-  Region* region = nullptr;
-  return ReadKey(path, &region, [&](const Table& table) { return table.ReadNumber(path, kind, number); });
+  return ReadKey(path, [&](const Table& table) { return table.ReadNumber(path, kind, number); });
 }
 
 Result<Value> Store::Get(std::string_view path) {
   if (!IsPath(path, true)) {
     return BadPath(path);
   }
-  Region* region = nullptr;
   std::optional<Value> value;
-  const Code code = ReadKey(path, &region, [&](const Table& table) { return table.Read(path, &value); });
-  return code == Code::kOk ? Result(*std::move(value)) : ToStatus(code, path, *region);
+  const Code code = ReadKey(path, [&](const Table& table) { return table.Read(path, &value); });
+  return code == Code::kOk ? Result(*std::move(value)) : ToStatus(code, path, region());
 }
 
 Status Store::List(std::string_view prefix, std::vector<Entry>* entries) {

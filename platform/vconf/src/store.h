@@ -76,7 +76,7 @@ class Store {
   explicit Store(std::string directory) : directory_(std::move(directory)) {}
 
   template <typename Read>
-  Code ReadKey(std::string_view path, Region** region, const Read& read);
+  Code ReadKey(std::string_view path, const Read& read);
   Region& Renew(Region& old);
   std::optional<making::Place> Successor(Region& old);
   Status ForWriting(Region** region);

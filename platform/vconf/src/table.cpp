@@ -16,8 +16,6 @@ using layout::Word;
 
 namespace {
 
-constexpr std::uint32_t kOdd = 0x9E3779B1U;
-
 // More keys than can fit: a longer chain is damaged.
 constexpr std::uint32_t kMaxKeys = layout::kMaxSize / sizeof(Key);
 
@@ -34,11 +32,6 @@ std::uint32_t WordAt(std::string_view bytes, std::size_t at) {
     word |= std::uint32_t{static_cast<unsigned char>(bytes[i])} << (8 * (i - at));
   }
   return word;
-}
-
-std::uint32_t Mix(std::uint32_t hash, std::uint32_t word) {
-  hash = (hash ^ word) * kOdd;
-  return hash ^ (hash >> 15U);
 }
 
 Word* PathWords(Key& key) { return reinterpret_cast<Word*>(&key + 1); }
@@ -80,10 +73,6 @@ std::optional<Value> RawValue::ToValue() && {
     default:
       return std::nullopt;
   }
-}
-
-std::uint32_t RawValue::CheckOf(std::uint32_t hash) const {
-  return Mix(Mix(~hash, form), is_text() ? Table::HashOf(text) : content);
 }
 
 std::uint32_t Table::HashOf(std::string_view path) {
@@ -176,7 +165,7 @@ Code Table::Look(const Key& key, RawValue* held) const {
 }
 
 // A key that is unlinked meanwhile may hide the keys after it, and its block may be reused for another key.
-Code Table::Seek(std::string_view path, RawValue* held) const {
+inline Code Table::Seek(std::string_view path, RawValue* held) const {
   const std::uint32_t hash = HashOf(path);
   const Word& unlinks = region_.header().unlinks;
   while (true) {

@@ -92,4 +92,12 @@ class Table {
   Region& region_;
 };
 
+inline std::uint32_t RawValue::CheckOf(std::uint32_t hash) const {
+  const auto mix = [](std::uint32_t sum, std::uint32_t word) {
+    sum = (sum ^ word) * 0x9E3779B1U;
+    return sum ^ (sum >> 15U);
+  };
+  return mix(mix(~hash, form), is_text() ? Table::HashOf(text) : content);
+}
+
 }  // namespace vconf
