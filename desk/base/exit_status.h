@@ -7,7 +7,7 @@ namespace desk {
 /// The exit statuses of all programs, which scripts rely on.
 enum ExitStatus : int {
   kDone = 0,
-  kRefused = 1,     ///< the answer is no: no such key, a refused change, bad lines in a session, a replay that differs
+  kRefused = 1,     ///< refused or not as expected: no such key, an invalid line, a replay that differs
   kUsage = 2,       ///< the command line is wrong
   kCannotWork = 3,  ///< the store, the plug-in, a file or the program's own output cannot be used
 };

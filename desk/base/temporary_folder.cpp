@@ -10,7 +10,7 @@
 namespace desk {
 namespace {
 
-// A store makes its settings durable, which takes longer where they could survive the power.
+// A store syncs its files, which is fastest in memory.
 std::filesystem::path Parent() {
   const char* named = getenv("TMPDIR");
   const char* usual = std::filesystem::exists("/dev/shm") ? "/dev/shm" : "/tmp";

@@ -7,17 +7,17 @@
 
 namespace desk {
 
-/// A new folder, readable by this user alone, that is removed with all that it holds when this object goes. It lies in
-/// memory where TMPDIR names no other place.
+/// A new folder that only this user can read. The destructor removes it with its content. It is in TMPDIR; if that is
+/// not set, in /dev/shm or /tmp.
 class TemporaryFolder {
  public:
-  /// `name` begins the folder's name.
+  /// The folder's name begins with `name`.
   explicit TemporaryFolder(std::string_view name);
   TemporaryFolder(const TemporaryFolder&) = delete;
   TemporaryFolder& operator=(const TemporaryFolder&) = delete;
   ~TemporaryFolder();
 
-  /// Ok, or why there is no such folder.
+  /// Why the folder could not be created, or ok.
   const vconf::Status& status() const { return status_; }
   const std::filesystem::path& path() const { return path_; }
 

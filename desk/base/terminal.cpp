@@ -53,7 +53,7 @@ std::optional<std::string> Unquoted(std::string_view argument) {
   }
   argument = argument.substr(1, argument.size() - 2);
   std::string text;
-  std::string part;  // without a \x, so that JSON can read it
+  std::string part;  // a part without \x, which JSON does not have
   const auto end_part = [&] {
     const auto json = ParseJson('"' + std::exchange(part, {}) + '"');
     if (json.ok()) {
@@ -79,7 +79,7 @@ std::optional<std::string> Unquoted(std::string_view argument) {
   return end_part() ? std::optional(text) : std::nullopt;
 }
 
-/// A text that begins with a dash would be taken for an option.
+/// A text that begins with a dash would be parsed as an option.
 bool NeedsQuotes(const std::string& text) {
   return text.starts_with('"') || text.starts_with('-') || Escaped(text, false) != text;
 }

@@ -5,9 +5,8 @@
 
 #include "vconf_control.h"
 
-/// Prints untrusted texts on a terminal, and converts values to and from their typed form. The store's content may come
-/// from any program: characters that move the cursor, begin a line or change the writing direction are escaped. Any
-/// thread.
+/// Texts and values as they are printed on a terminal and typed as arguments. Any program may have written a text in
+/// the store, so characters that move the cursor, begin a line or change the writing direction are escaped. Any thread.
 namespace desk {
 
 /// `text` on one line. Control characters, also those of 0x80 to 0x9f, line and paragraph separators and marks of the
@@ -17,18 +16,18 @@ std::string Printable(std::string_view text);
 /// `text` in double quotes like a JSON string, with the same escapes.
 std::string Quoted(std::string_view text);
 
-/// A text as it is typed and printed: unchanged if nothing in it needs an escape and it does not begin with a quote or
-/// dash. Otherwise in double quotes like a JSON string, in which a byte may also be written as \xff.
+/// A text as it is printed and typed: unchanged if nothing in it needs an escape and it does not begin with a quote or
+/// a dash; otherwise in double quotes like a JSON string, in which a byte may also be written as \xff. The two
+/// functions are inverse.
 std::string TextToArgument(const std::string& text);
 std::string TextFromArgument(const std::string& argument);
 
-/// A value as it is typed and printed: an integer of 32 bits, true, false, or else a text as above. A text that looks
-/// like one of the others, that is empty or begins with a quote or a bracket is in quotes. Each is the other's way
-/// back.
+/// A value as it is printed and typed: a 32-bit integer, true, false, or else a text as above. A text is also quoted if
+/// it looks like a number or a boolean, is empty or begins with a bracket. The two functions are inverse.
 std::string ToArgument(const vconf::Value& value);
 vconf::Value ValueFromArgument(const std::string& argument);
 
-/// `word` as a POSIX shell takes it for one word.
+/// `word` quoted for a POSIX shell, if necessary.
 std::string ShellWord(const std::string& word);
 
 }  // namespace desk

@@ -42,8 +42,8 @@ void AddJsonOption(CLI::App& command, bool& json) { command.add_flag("--json", j
 
 int WithStore(const StoreOption& store, IfMissing if_missing, const std::function<vconf::Status()>& work) {
   constexpr int kNothing = 8;
-  dlog::SetThreshold(kNothing);  // the store also logs what the status says
-  // Without the folder, the command in the advice would affect another store.
+  dlog::SetThreshold(kNothing);  // the store would also log the text of the status
+  // The command in the advice must apply to the same store.
   const std::string where = store.option->count() > 0 ? " --store " + ShellWord(store.folder) : "";
   auto opened =
       if_missing == IfMissing::kFail && store.IsNamed() ? vconf::OpenStore(store.folder) : OpenSet(store.folder);

@@ -57,7 +57,7 @@ vconf::Status Clear(const std::vector<std::string>& arguments) {
   return path.ok() ? vconf::ClearFault(arguments[0], *path) : path.status();
 }
 
-/// A misspelt path makes a fault that never applies.
+/// Warns of a path that is not known: if it is misspelt, the fault never applies.
 void WarnAboutPath(const FaultCall& call, const vconf::Fault& fault) {
   if (fault.path != kEveryPath && !call.path.empty()) {
     const auto known = KnownPaths(call.prefix);
@@ -94,7 +94,7 @@ vconf::Status ChangeFaults(const FaultOptions& options) {
   return status;
 }
 
-/// The second of three arguments is optional, which the parser cannot express.
+/// Checks what the parser cannot: the second of three arguments is optional.
 void Check(const FaultOptions& options) {
   if (options.clear && options.arguments.size() > 2) {
     throw CLI::ValidationError("--clear takes at most CALL and PATH");

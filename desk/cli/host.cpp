@@ -100,7 +100,7 @@ int Host(const HostOptions& options) {
   }
   ShutdownSignal shutdown;
   if (const auto opened = OpenSet(options.store.folder); !opened.ok()) {
-    // The store has logged the cause itself, unless it was never opened.
+    // The store itself has logged the cause, unless no folder was named.
     PrintError("mirado: the store cannot be opened, so requests that need it will fail" +
                (options.store.folder.empty() ? ": " + opened.text() : ""));
   }

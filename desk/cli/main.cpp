@@ -22,8 +22,8 @@ int BecomeDesk(char** arguments) {
   return kCannotWork;
 }
 
-/// The parser's subcommands do not treat arguments after "--" as positional. Numbers are never options to them, nor are
-/// texts in quotes.
+/// The parser parses options of a subcommand even after "--". Removes the "--" and quotes the arguments after it that
+/// look like options. A negative number never looks like one.
 std::vector<std::string> WithoutMark(std::vector<std::string> arguments) {
   const auto mark = std::ranges::find(arguments, "--");
   if (mark == arguments.end()) {
@@ -51,13 +51,13 @@ int Main(const std::vector<std::string>& arguments) {
   AddReplayCommand(app, run);
   AddVerifyCommand(app, run);
   AddCompletionCommand(app, run);
-  // Set after the commands were added, because they would inherit it.
+  // Set after the commands are added, because they would inherit it.
   app.footer(
       "Exit status: 0 success, 1 refused or not as expected, 2 wrong command line, 3 the store, the plug-in, a file "
       "or\n"
       "the output cannot be used. `mirado COMMAND --help` describes a command. The environment variables MIRADO_STORE\n"
       "and MIRADO_PLUGIN replace the defaults of --store and --plugin.");
-  // For the shell's completion and for the build. The words to complete may be anything, so the parser is not used.
+  // Called by the shell's completion and by the build. The words to complete may be invalid, so they are not parsed.
   if (!arguments.empty() && (arguments[0] == "complete" || arguments == std::vector<std::string>{"manual"})) {
     arguments[0] == "manual" ? PrintManual(app) : PrintCompletions(app, {arguments.begin() + 1, arguments.end()});
     return kDone;

@@ -73,7 +73,7 @@ int ReplayInChild(const std::string& file, const ReplayOptions& options, const S
     waitpid(child, &status, 0);
   }
   if (!ended) {
-    PrintError(file + ": cannot be replayed: " + (error.empty() ? "the program was told to end" : error));
+    PrintError(file + ": cannot be replayed: " + (error.empty() ? "a signal stopped it" : error));
     return kCannotWork;
   }
   if (WIFSIGNALED(status)) {

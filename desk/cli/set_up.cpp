@@ -42,7 +42,7 @@ std::string Items(const Json& items) {
   return words.empty() ? " --empty" : words;
 }
 
-/// The set in the words that can be used to change it, one line each.
+/// The set as arguments of `mirado set-up` that restore it, one part in each line.
 std::vector<std::string> Lines(const Json& set) {
   std::vector<std::string> lines = {"b2b " + OnOff(set["b2b"])};
   for (const auto& [uri, held] : set["privileges"].items()) {
@@ -132,10 +132,10 @@ Json ReadItems(const SetUpOptions& given) {
   return items;
 }
 
-/// Makes `command` show the set's value at `place`, under the given name, or set it to the result of `read`. A change
-/// without a name applies to `usual_name`.
+/// Makes `command` show the set's value at `place`, or change it to the result of `read`. If the user gives a name, it
+/// applies to the member of that name; a change without a name applies to the member `default_name`.
 void ShowOrChange(CLI::App& command, Run& run, const Options& options, const char* place,
-                  Json (*read)(const SetUpOptions&), std::string_view usual_name = "") {
+                  Json (*read)(const SetUpOptions&), std::string_view default_name = "") {
   command.callback([=, &command, &run] {
     if (!command.get_subcommands().empty()) {
       return;
@@ -143,8 +143,8 @@ void ShowOrChange(CLI::App& command, Run& run, const Options& options, const cha
     std::string words = FullName(command).substr(std::string_view("mirado set-up").size());
     words.erase(0, 1);
     Json::json_pointer at(place);
-    if (!options->name.empty() || (options->Changes() && !usual_name.empty())) {
-      at /= options->name.empty() ? std::string(usual_name) : TextFromArgument(options->name);
+    if (!options->name.empty() || (options->Changes() && !default_name.empty())) {
+      at /= options->name.empty() ? std::string(default_name) : TextFromArgument(options->name);
       words += " " + Typed(at.back());
     }
     const Json change = options->Changes() ? Nested(at, read(*options)) : Json();
@@ -260,7 +260,7 @@ void AddSetUpCommand(CLI::App& app, Run& run) {
 
   AddScenarios(*set_up, run, options);
 
-  // Set after the subcommands were added, because they would inherit it.
+  // Set after the subcommands are added, because they would inherit it.
   set_up->footer(
       "Without arguments, prints the set as the commands that restore it. A command without a value prints that part.\n"
       "Parts that the set does not have, such as a list that was removed, are not printed.");

@@ -40,8 +40,8 @@ struct Selection {
   bool Holds(std::string_view path) const { return exact ? path == prefix : path.starts_with(prefix); }
 };
 
-/// A setting selects its key; any other text selects the keys that begin with it. A text with which no key begins is
-/// a misspelt setting.
+/// The name of a setting selects its key; any other text selects the keys that begin with it. If there are none, the
+/// text is taken for a misspelt name of a setting.
 vconf::Result<Selection> Select(const StoreOptions& options) {
   const auto path = PathFromArgument(options.path);
   const std::string typed = TextFromArgument(options.path);
@@ -72,7 +72,7 @@ vconf::Status Get(const StoreOptions& options) {
   return value.status();
 }
 
-/// Why a key with the value `held` does not accept what was typed, and what to type.
+/// Says which type of value the key with the value `held` accepts, and how to write `typed` as one.
 std::string OtherType(const vconf::Value& held, const std::string& typed) {
   if (std::holds_alternative<int>(held)) {
     return "the value must be a 32-bit integer, such as " + ToArgument(held);
@@ -169,7 +169,7 @@ vconf::Status Watch(const StoreOptions& options) {
     writer.Write(options.json ? Printable(ToText(KeyJson(path, value)))
                               : Word(path) + " " + (value ? ToArgument(*value) : "(removed)"));
   };
-  unsigned seen = 0;  // on the notification thread, and here once the watch has ended
+  unsigned seen = 0;  // used by the notification thread until the watch is destroyed
   auto watch = vconf::WatchPrefix(selection->prefix, [&](const vconf::Change& change) {
     if (selection->Holds(change.path) && (options.count == 0 || seen < options.count)) {
       print(change.path, change.value);
@@ -205,7 +205,7 @@ vconf::Status Watch(const StoreOptions& options) {
   return {};
 }
 
-/// Creates a new store in place of one that cannot be used any more, or where there is none.
+/// Creates a new store in place of a damaged one, or where there is none.
 int Replace(const StoreOption& store) {
   const auto moved = vconf::ReplaceStore(store.folder, DefaultEntries());
   if (!moved.ok()) {
@@ -222,7 +222,7 @@ using Work = vconf::Status (*)(const StoreOptions&);
 CLI::App* Add(CLI::App& app, Run& run, const std::shared_ptr<StoreOptions>& options, const char* name, const char* text,
               IfMissing if_missing, Work work) {
   auto* command = app.add_subcommand(name, text);
-  // Each subcommand has its own option, so each needs to know which of them is its store's.
+  // Each subcommand has an option of its own, by which it knows whether its store was named.
   auto store = std::make_shared<StoreOption>();
   AddStoreOption(*command, *store);
   command->callback([options, store, if_missing, work, &run] {

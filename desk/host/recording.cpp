@@ -101,7 +101,7 @@ vconf::Result<std::vector<ParsedJson>> Play(const Recording& recording, const st
   std::vector<ParsedJson> out;
   const auto output = [&](const Json& line) {
     const std::lock_guard lock(mutex);
-    out.push_back(ParsedJson::parse(ToText(line)));  // as a reader of the output would parse it
+    out.push_back(ParsedJson::parse(ToText(line)));  // parsed like the lines of a recording
   };
   auto started = Session::Start(plugin, output);
   if (!started.ok()) {
@@ -136,7 +136,7 @@ Recorder::Sink Recorder::ToFile(const std::string& file) {
 }
 
 Recorder::Recorder(Sink sink, Output output) : sink_(std::move(sink)), output_(std::move(output)) {
-  // A change that arrives meanwhile waits until the first line is written.
+  // Changes that arrive now are recorded after the first line.
   const std::lock_guard lock(mutex_);
   auto watch = vconf::WatchPrefix("", [this](const vconf::Change& change) { OnChange(change); });
   const auto state = DescribeState();

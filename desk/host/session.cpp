@@ -122,7 +122,7 @@ vconf::Result<std::unique_ptr<Session>> Session::Start(const std::string& plugin
   session->page_ =
       session->plugin_->CreateInstance([&output = session->output_, ended = false](const pp::Var& message) mutable {
         if (ended) {
-          return;  // an event of a subscription that exists until the instance is destroyed
+          return;  // the plug-in keeps its subscriptions until the instance is destroyed
         }
         ended = message.is_string() && message.AsString() == "Unregister";
         output(Line(Out::kMessage, ToJson(message)));

@@ -24,17 +24,17 @@ const std::string& FeaturePath() {
 constexpr char kLanguages[] = "1 English\n2 French\n3 Spanish\n4 German\n5 Italian\n6 Portuguese\n7 Korean";
 
 template <typename Type>
-std::optional<vconf::Value> ReadAs(const ParsedJson& json) {
+std::optional<vconf::Value> ParseAs(const ParsedJson& json) {
   auto value = ToValue(json);
   return value && std::holds_alternative<Type>(*value) ? value : std::nullopt;
 }
 
-std::optional<vconf::Value> ReadLatency(const ParsedJson& json) {
-  auto value = ReadAs<int>(json);
+std::optional<vconf::Value> ParseLatency(const ParsedJson& json) {
+  auto value = ParseAs<int>(json);
   return value && std::get<int>(*value) >= 0 && std::get<int>(*value) <= kMaxLatency ? value : std::nullopt;
 }
 
-std::optional<vconf::Value> ReadItems(const ParsedJson& json) {
+std::optional<vconf::Value> ParseItems(const ParsedJson& json) {
   if (!json.is_array()) {
     return std::nullopt;
   }
@@ -42,8 +42,8 @@ std::optional<vconf::Value> ReadItems(const ParsedJson& json) {
   for (const ParsedJson& item : json) {
     const auto value = item.is_object() && item.size() == 2 ? item.find("value") : item.end();
     const auto label = item.is_object() ? item.find("label") : item.end();
-    const auto number = value == item.end() ? std::nullopt : ReadAs<int>(*value);
-    const auto text = label == item.end() ? std::nullopt : ReadAs<std::string>(*label);
+    const auto number = value == item.end() ? std::nullopt : ParseAs<int>(*value);
+    const auto text = label == item.end() ? std::nullopt : ParseAs<std::string>(*label);
     if (!number || !text || std::get<std::string>(*text).find('\n') != std::string::npos) {
       return std::nullopt;
     }
@@ -69,27 +69,27 @@ Json DescribeItems(const vconf::Value& value) {
 
 /// A part of the set's description, and its key in the store.
 struct Part {
-  std::string_view where;  ///< the names that lead to it, with '/' between them
-  std::string path;        ///< when it ends in '/', the part is an object, and each of its members has a key
-  std::string_view form;   ///< what `read` takes, in words
-  std::optional<vconf::Value> (*read)(const ParsedJson&);  ///< nothing when the JSON has another form
-  Json usual = nullptr;                                    ///< what stands for a missing key
+  std::string_view name;  ///< a path in the description, such as "embedder/name"
+  std::string path;       ///< of the key; if it ends in '/', the part is an object, and each of its members has a key
+  std::string_view form;  ///< which values `parse` accepts, for a message
+  std::optional<vconf::Value> (*parse)(const ParsedJson&);  ///< empty for a wrong value
+  Json missing = nullptr;                                   ///< the description of a missing key
 };
 
 std::span<const Part> Parts() {
   constexpr std::string_view kBool = "true, false";
   constexpr std::string_view kInt = "a 32-bit integer";
   static const std::array<Part, 8> parts{{
-      {"b2b", FeaturePath(), kBool, ReadAs<bool>},
-      {"privileges", kPrivilegePrefix, kBool, ReadAs<bool>},
-      {"pictureSize", panelbase::kPictureSizePath, kInt, ReadAs<int>},
-      {"lists", prefdeck::kListPrefix, R"(an array of {"value": an integer, "label": a text of one line})", ReadItems},
-      {"embedder/offered", kEmbedderOffered, kBool, ReadAs<bool>, true},
-      {"embedder/name", kEmbedderName, "a text", ReadAs<std::string>, kDefaultEmbedderName},
+      {"b2b", FeaturePath(), kBool, ParseAs<bool>},
+      {"privileges", kPrivilegePrefix, kBool, ParseAs<bool>},
+      {"pictureSize", panelbase::kPictureSizePath, kInt, ParseAs<int>},
+      {"lists", prefdeck::kListPrefix, R"(an array of {"value": an integer, "label": a text of one line})", ParseItems},
+      {"embedder/offered", kEmbedderOffered, kBool, ParseAs<bool>, true},
+      {"embedder/name", kEmbedderName, "a text", ParseAs<std::string>, kDefaultEmbedderName},
       {"embedder/replies", kReplyPrefix, "a 32-bit integer, true, false, a text", ToValue},
-      {"latency", kLatencyPrefix, "an integer from 0 to 60000 (milliseconds)", ReadLatency},
+      {"latency", kLatencyPrefix, "an integer from 0 to 60000 (milliseconds)", ParseLatency},
   }};
-  static_assert(kMaxLatency == 60'000, "as the form of a latency says");
+  static_assert(kMaxLatency == 60'000, "the form of a latency names it");
   return parts;
 }
 
@@ -115,46 +115,46 @@ vconf::Status Apply(const Changes& changes) {
   return {};
 }
 
-/// Adds the change that `json` describes to `changes`; `name` is the name of the member in a part that is an object.
-vconf::Status ReadOne(const Part& part, const std::string& name, const ParsedJson& json, Changes& changes) {
-  const std::string where = std::string(part.where) + (part.path.ends_with('/') ? "/" + name : "");
+/// Adds the change of one key to `changes`; `name` is the member's name if the part is an object, otherwise empty.
+vconf::Status ParseMember(const Part& part, const std::string& name, const ParsedJson& json, Changes& changes) {
+  const std::string full_name = std::string(part.name) + (part.path.ends_with('/') ? "/" + name : "");
   const auto commands = Commands();
   std::optional<vconf::Value> value;
   if (!json.is_null()) {
     if (part.path == kLatencyPrefix && std::ranges::find(commands, name, &Command::name) == commands.end()) {
-      std::string error = where + " is not a command of the plug-in; the commands are:";
+      std::string error = full_name + " is not a command of the plug-in; the commands are:";
       for (const Command& command : commands) {
         error.append(" ").append(command.name);
       }
       return BadValue(error);
     }
-    value = part.read(json);
+    value = part.parse(json);
     if (!value) {
-      return BadValue((where + " must be ").append(part.form) + " or null");
+      return BadValue((full_name + " must be ").append(part.form) + " or null");
     }
   }
   changes.emplace_back(part.path + name, std::move(value));
   return {};
 }
 
-vconf::Status ReadPart(const std::string& where, const ParsedJson& json, Changes& changes) {
+vconf::Status ParsePart(const std::string& name, const ParsedJson& json, Changes& changes) {
   const auto parts = Parts();
-  const auto part = std::ranges::find(parts, where, &Part::where);
-  const bool is_embedder = where == "embedder";
+  const auto part = std::ranges::find(parts, name, &Part::name);
+  const bool is_embedder = name == "embedder";
   if (part == parts.end() && !is_embedder) {
-    return BadValue("\"" + where + "\" is not a part of the simulated set; `mirado set-up --json` prints all parts");
+    return BadValue("\"" + name + "\" is not a part of the simulated set; `mirado set-up --json` prints all parts");
   }
   if (!is_embedder && !part->path.ends_with('/')) {
-    return ReadOne(*part, "", json, changes);
+    return ParseMember(*part, "", json, changes);
   }
   if (!json.is_object()) {
-    return BadValue(where + " must be an object");
+    return BadValue(name + " must be an object");
   }
-  for (const auto& [name, member] : json.items()) {
-    vconf::Status read =
-        is_embedder ? ReadPart("embedder/" + name, member, changes) : ReadOne(*part, name, member, changes);
-    if (!read.ok()) {
-      return read;
+  for (const auto& [key, member] : json.items()) {
+    vconf::Status status =
+        is_embedder ? ParsePart("embedder/" + key, member, changes) : ParseMember(*part, key, member, changes);
+    if (!status.ok()) {
+      return status;
     }
   }
   return {};
@@ -193,13 +193,13 @@ vconf::Status ResetSet() {
 vconf::Result<Json> DescribeSet() {
   Json set = Json::object();
   for (const Part& part : Parts()) {
-    Json& described = set[Json::json_pointer("/" + std::string(part.where))];
+    Json& described = set[Json::json_pointer("/" + std::string(part.name))];
     if (!part.path.ends_with('/')) {
       const auto value = vconf::Get(part.path);
       if (!value.ok() && value.status().code() != vconf::Code::kMissing) {
         return value.status();
       }
-      described = value.ok() ? ToJson(*value) : part.usual;
+      described = value.ok() ? ToJson(*value) : part.missing;
       continue;
     }
     const auto entries = vconf::List(part.path);
@@ -221,7 +221,7 @@ vconf::Status ChangeSet(const ParsedJson& change) {
   }
   Changes changes;
   for (const auto& [name, json] : change.items()) {
-    if (auto read = ReadPart(name, json, changes); !read.ok()) {
+    if (auto read = ParsePart(name, json, changes); !read.ok()) {
       return read;
     }
   }

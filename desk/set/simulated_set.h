@@ -31,7 +31,7 @@ inline constexpr int kMaxLatency = 60'000;
 std::vector<vconf::Entry> DefaultEntries();
 
 /// Opens the store in the folder `store`; if the folder does not exist or is empty, creates a store with a new set. An
-/// empty name is refused with a hint how to give one.
+/// empty name fails.
 vconf::Status OpenSet(const std::string& store);
 
 /// Resets the open store to `DefaultEntries` and clears all faults.
@@ -55,7 +55,7 @@ vconf::Status ChangeSet(const ParsedJson& change);
 /// plug-in itself creates, and the embedder's operations.
 vconf::Result<std::vector<std::string>> KnownPaths(std::string_view prefix = "");
 
-/// Whether `path` is under a prefix that accepts any name, such as that of privileges.
+/// Whether `path` is under a prefix in which any name is valid, such as that of privileges.
 bool IsFreelyNamed(std::string_view path);
 
 }  // namespace desk

@@ -1,4 +1,4 @@
-// The subcommands of `mirado` beside `host`, as a shell and a script use them.
+// The subcommands of `mirado` except `host`.
 
 #include <sys/stat.h>
 
@@ -19,7 +19,7 @@ class CliTest : public ProgramTest {
  protected:
   void SetUp() override { ASSERT_EQ(Run({"reset"}).status, 0); }
 
-  /// The exit status of a shell's command; `mirado` there works on the store.
+  /// The exit status of a shell command, in which `mirado` uses this test's store.
   int Shell(const std::string& command) const {
     const int status = std::system(("exec 2>'" + log() + "'; export MIRADO_STORE='" + store() + "'; mirado() { '" +
                                     MIRADO_PROGRAM + "' \"$@\"; }; " + command)
@@ -29,12 +29,12 @@ class CliTest : public ProgramTest {
 
   static bool Holds(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
-  /// U+202E, which turns the direction of what follows.
+  /// U+202E, which changes the writing direction.
   static std::string RightToLeft() { return {'\xe2', '\x80', '\xae'}; }
 
-  /// The line of `text` in which a byte could steer a terminal: a control character or one of 0x80 to 0x9f that follows
-  /// no other byte of its character; or the mark in these tests that turns the direction.
-  static std::string Steering(const std::string& text) {
+  /// The first line of `text` with a control character, a byte of 0x80 to 0x9f outside of a UTF-8 sequence, or one of
+  /// the marks that these tests put in; empty if there is none.
+  static std::string Unescaped(const std::string& text) {
     std::istringstream lines(text);
     for (std::string line; std::getline(lines, line);) {
       unsigned char before = 0;
@@ -51,7 +51,7 @@ class CliTest : public ProgramTest {
   }
 };
 
-TEST_F(CliTest, ExitStatusTellsRefusedFromMisunderstoodFromUnopened) {
+TEST_F(CliTest, ExitStatusDistinguishesKindsOfFailure) {
   EXPECT_EQ(Run({"get", "db/menu/caption/caption"}).status, 0);
   EXPECT_EQ(Run({"get", "db/no/such/key"}).status, 1);
   EXPECT_EQ(Run({"set", "db/menu/caption/caption", "true"}).status, 1);
@@ -85,7 +85,7 @@ TEST_F(CliTest, ExitStatusTellsRefusedFromMisunderstoodFromUnopened) {
   for (const char* name : {"HOME", "XDG_STATE_HOME", "MIRADO_STORE"}) {
     unsetenv(name);
   }
-  setenv("XDG_STATE_HOME", "relative", 1);  // no folder of a user
+  setenv("XDG_STATE_HOME", "relative", 1);  // must be ignored, because it is not absolute
   const Outcome homeless = RunAsIs({"get", "db/a"});
   setenv("HOME", home.c_str(), 1);
   EXPECT_EQ(homeless.status, 3);
@@ -94,7 +94,7 @@ TEST_F(CliTest, ExitStatusTellsRefusedFromMisunderstoodFromUnopened) {
   EXPECT_TRUE(Holds(RunAsIs({"get", "db/a", "--store", "/dev/null/store"}).log, "/dev/null/store"));
 }
 
-TEST_F(CliTest, HelpTheManualAndCompletionKnowEveryCommand) {
+TEST_F(CliTest, HelpManualAndCompletionHaveEveryCommand) {
   std::string page = RunAsIs({"manual"}).out;
   std::erase(page, '\\');
   std::istringstream commands(RunAsIs({"complete", ""}).out);
@@ -141,6 +141,7 @@ TEST_F(CliTest, AShellRestoresEveryTextThatIsPrinted) {
       {"end\n\n", R"("end\n\n")"},
       {R"(C:\x)", R"(C:\x)"},
       {R"("open)", R"("\"open")"},
+      {"C:\\x\t\xd8\x9c\xe2\x81\xa6", R"("C:\\x\t\u061c\u2066")"},
       {"\x1b]0;title\a\x7f", R"("\u001b]0;title\u0007\u007f")"},
       {"F\xc3\xbcnf \xc2\x9bJ " + RightToLeft(), R"("Fünf \u009bJ \u202e")"},
       {"\xff \xc3 \xed\xa0\x80 \xf0\x9f\x98\x80", R"("\xff \xc3 \xed\xa0\x80 😀")"},
@@ -156,7 +157,7 @@ TEST_F(CliTest, AShellRestoresEveryTextThatIsPrinted) {
   }
 }
 
-TEST_F(CliTest, NothingFromTheStoreSteersTheTerminal) {
+TEST_F(CliTest, ControlCharactersFromTheStoreAreEscaped) {
   const std::string nasty = "\x1b[2J\nb2b off\r\x9b\x7f\xc2\x9bm " + RightToLeft();
   ASSERT_EQ(desk::OpenSet(store()).text(), "");
   ASSERT_EQ(vconf::Set("db/" + nasty, nasty).text(), "");
@@ -190,11 +191,11 @@ TEST_F(CliTest, NothingFromTheStoreSteersTheTerminal) {
                                              {nasty}}) {
     const Outcome outcome = Run(words);
     EXPECT_FALSE(outcome.out.empty() && outcome.log.empty()) << words[0];
-    EXPECT_EQ(Steering(outcome.out + outcome.log), "") << words[0] << " " << words.back();
+    EXPECT_EQ(Unescaped(outcome.out + outcome.log), "") << words[0] << " " << words.back();
   }
   for (const char* command : {"replay", "verify"}) {
     const Outcome outcome = RunAsIs({command, recording});
-    EXPECT_EQ(Steering(outcome.out + outcome.log), "") << command;
+    EXPECT_EQ(Unescaped(outcome.out + outcome.log), "") << command;
   }
 }
 
@@ -209,12 +210,11 @@ TEST_F(CliTest, OutputThatCannotBeWrittenIsAFailure) {
     EXPECT_TRUE(Holds(Contents(log()), "the output is incomplete")) << command;
   }
   EXPECT_EQ(Shell("echo '{\"settle\":true}' | mirado host >/dev/full"), 3);
-  if (std::getenv("MIRADO_EMULATED") == nullptr) {  // the emulator itself would open a file in place of the input
-    EXPECT_EQ(Shell("mirado host <&- >/dev/null"), 0) << "it reads no other file in the place of its input";
+  if (std::getenv("MIRADO_EMULATED") == nullptr) {  // the emulator itself opens a file as descriptor 0
+    EXPECT_EQ(Shell("mirado host <&- >/dev/null"), 0) << "no other file may become its input";
   }
-  Program closed({"list", "--store", store()}, log());
-  closed.CloseOutput();
-  EXPECT_EQ(closed.Wait(), 3);
+  const std::string pipe = "'" + folder() / "pipe" + "'";
+  EXPECT_EQ(Shell("mkfifo " + pipe + "; exec 5<>" + pipe + " 4>" + pipe + " 5<&-; mirado list >&4"), 3) << "no reader";
 }
 
 TEST_F(CliTest, AStoreIsMadeWhereThereIsNoneAndReplacedOnlyByForce) {
@@ -226,7 +226,7 @@ TEST_F(CliTest, AStoreIsMadeWhereThereIsNoneAndReplacedOnlyByForce) {
     EXPECT_TRUE(Holds(outcome.log, none + ": there is no store here")) << outcome.log;
     EXPECT_TRUE(std::filesystem::is_empty(none)) << command;
   }
-  EXPECT_EQ(RunAsIs({"set", "CAPTION", "1", "--store", folder().path()}).status, 3) << "a folder of other files";
+  EXPECT_EQ(RunAsIs({"set", "CAPTION", "1", "--store", folder().path()}).status, 3) << "a folder with other files";
   EXPECT_EQ(RunAsIs({"set", "CAPTION", "1", "--store", none}).status, 0);
   EXPECT_EQ(RunAsIs({"get", "0", "--store", none}).out, "1\n");
 
@@ -253,7 +253,7 @@ TEST_F(CliTest, AStoreIsMadeWhereThereIsNoneAndReplacedOnlyByForce) {
   EXPECT_FALSE(std::filesystem::is_empty(moved)) << "nothing is deleted";
 }
 
-TEST_F(CliTest, AnswersASlipWithWhatMayBeMeant) {
+TEST_F(CliTest, AMisspeltArgumentGetsASuggestion) {
   const std::string caption = "db/menu/caption/caption";
   ASSERT_EQ(Run({"set", "db/test/text", "words"}).status, 0);
   struct Case {
@@ -291,6 +291,7 @@ TEST_F(CliTest, AnswersASlipWithWhatMayBeMeant) {
       {{"set-up", "latency", "getVersoin", "none"}, 0, ""},
       {{"set", "set/embedder/reply/mine", "1"}, 0, ""},
       {{"set-up", "b2b", "--jsno"}, 2, "did you mean --json?"},
+      {{"get", "CAPXXXX"}, 1, "constant or number\n"},  // nothing is similar
   };
   for (const Case& each : cases) {
     const Outcome outcome = Run(each.words);
@@ -352,7 +353,7 @@ TEST_F(CliTest, WatchPrintsEveryChangeUntilItIsStopped) {
 TEST_F(CliTest, WatchEndsAfterSomeChangesOrSomeTime) {
   Program watch({"watch", "db/a", "--now", "--exact", "--json", "--count", "2", "--store", store()}, log());
   Program prefix({"watch", "db/a", "--now", "--count", "2", "--store", store()}, folder() / "other-log");
-  Run({"set", "db/a", "1"});  // perhaps before they watch
+  Run({"set", "db/a", "1"});  // before or after the watches begin
   EXPECT_EQ(watch.Hear(), R"({"path":"db/a","value":1})");
   EXPECT_EQ(prefix.Hear(), "db/a 1");
   for (const char* value : {"2", "3", "4", "5"}) {
@@ -374,7 +375,7 @@ TEST_F(CliTest, WatchEndsAfterSomeChangesOrSomeTime) {
   EXPECT_EQ(late.log, "timed out after 0 of 1 changes\n");
 }
 
-TEST_F(CliTest, SetUpPrintsTheWordsThatBringItBack) {
+TEST_F(CliTest, SetUpPrintsArgumentsThatRestoreTheSet) {
   const std::string fresh = Run({"set-up"}).out;
   const std::vector<std::vector<std::string>> changes = {
       {"b2b", "off"},
@@ -451,7 +452,7 @@ class ReplayTest : public CliTest {
     ASSERT_EQ(line, R"({"settled":true})");
   }
 
-  /// A session that reads, watches, writes and fails, with a change by somebody else in between.
+  /// A session with reads, a subscription, writes, a failure and changes by other programs.
   void Record() const {
     Run({"set", "db/menu/caption/captionmode", "300"});
     Run({"fault", "vconf_set_int", "db/menu/subtitle/subtitle", "-1"});
@@ -465,8 +466,8 @@ class ReplayTest : public CliTest {
     EXPECT_TRUE(Holds(host.Hear(), "MIRADO_EVENT_CAPTION_CHANGED"));
     host.Say(R"({"send":{"command":"getMenuValue","propertyKey":1}})");
     EXPECT_TRUE(Holds(host.Hear(), R"("value":7)"));
-    // While the set holds a message back, others may change what it asks for.
-    // Somebody who need not be started first, so that the change comes in time.
+    // Another program changes the value while the set delays the request for it. It is started before the request, so
+    // that its change comes during the delay.
     Program other({"host", "--store", store()}, folder() / "other-log");
     Settle(other);
     Run({"set-up", "latency", "getMenuValue", "1000"});
@@ -480,7 +481,7 @@ class ReplayTest : public CliTest {
   std::string file() const { return folder() / "session.jsonl"; }
 };
 
-TEST_F(ReplayTest, TheSameComesOutOfTheRecordedState) {
+TEST_F(ReplayTest, ReplayFromTheRecordedStateGivesTheSameOutput) {
   Record();
   EXPECT_TRUE(Holds(Contents(file()), R"({"in": {"set":{"db/menu/caption/captionmode":7}}})")) << Contents(file());
   EXPECT_TRUE(Holds(Contents(file()), R"("value":261)")) << Contents(file());
@@ -491,37 +492,38 @@ TEST_F(ReplayTest, TheSameComesOutOfTheRecordedState) {
   const Outcome replay = RunAsIs({"replay", file(), file()});
   EXPECT_EQ(replay.status, 0) << replay.out << replay.log;
   const Outcome half = RunAsIs({"replay", "--log-level", "4", folder() / "none", file()});
-  EXPECT_EQ(half.status, 3) << "the worst counts";
+  EXPECT_EQ(half.status, 3) << "the highest status counts";
   EXPECT_TRUE(Holds(half.log, "hasPrivilege : 1")) << half.log;
-  // However it ends, nothing is left of its store.
+  // The temporary store is removed however the replay ends.
   const std::string temporary = folder() / "tmp";
   std::filesystem::create_directory(temporary);
   setenv("TMPDIR", temporary.c_str(), 1);
   EXPECT_EQ(RunAsIs({"replay", file()}).status, 0);
   EXPECT_TRUE(std::filesystem::is_empty(temporary));
   EXPECT_EQ(Shell("test \"$(ulimit -f 0; mirado replay '" + file() + "' none 2>/dev/null | grep -c crashed)\" = 1"), 0)
-      << "the next one does not print again that the first has crashed";
+      << "the output of the first replay is not printed twice";
   EXPECT_TRUE(std::filesystem::is_empty(temporary));
   const std::string pipe = folder() / "pipe";
   ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
   Program interrupted({"replay", pipe}, log());
-  const std::ofstream reads(pipe);  // open as soon as it does
+  const std::ofstream writer(pipe);  // the constructor waits until the program reads
   interrupted.Signal(SIGTERM);
   EXPECT_EQ(interrupted.Wait(), 3);
   EXPECT_TRUE(std::filesystem::is_empty(temporary));
   unsetenv("TMPDIR");
   EXPECT_TRUE(Holds(Run({"host", "--record", "/dev/stdout"}).out, R"("recording")"));
-  // The reader of this recording leaves after the first line.
-  EXPECT_EQ(Shell("mkfifo '" + folder() / "pipe" + "'; { head -n 1 '" + folder() / "pipe" +
-                  "'; echo '{\"settle\":true}'; } | mirado host --record '" + folder() / "pipe" + "' >/dev/null"),
-            1);
-  EXPECT_TRUE(Holds(Contents(log()), folder() / "pipe" + ": the recording is incomplete")) << Contents(log());
+  // The reader of the recording exits after the first line, so the second cannot be written.
+  EXPECT_EQ(
+      Shell("{ head -n 1 '" + pipe + "'; echo '{\"settle\":true}'; } | mirado host --record '" + pipe + "' >/dev/null"),
+      1);
+  EXPECT_TRUE(Holds(Contents(log()), pipe + ": the recording is incomplete")) << Contents(log());
 }
 
 TEST_F(ReplayTest, ARecordingFromTheMiddleOnKeepsTheSubscriptions) {
   const Outcome host =
       Run({"host", "--report"}, R"({"send":{"command":"registerVconfKeysForCaption","propertyKey":0}})"
                                 "\n{\"record\":true}\n{\"set\":{\"db/menu/caption/caption\":1}}\n{\"record\":false}\n");
+  EXPECT_LT(host.out.find(R"({"watches")"), host.out.find(R"({"reply")")) << "the reply confirms the subscription";
   const std::string begin = R"({"record": )";
   std::istringstream lines(host.out);
   std::ofstream recording(file());
@@ -535,7 +537,7 @@ TEST_F(ReplayTest, ARecordingFromTheMiddleOnKeepsTheSubscriptions) {
   EXPECT_EQ(replay.status, 0) << replay.out << replay.log;
 }
 
-TEST_F(ReplayTest, AChangeUponAnAnswerIsNoneOfTheRequest) {
+TEST_F(ReplayTest, AChangeAfterAnAnswerIsNotPartOfTheRequest) {
   ASSERT_EQ(desk::OpenSet(store()).text(), "");
   int value = 0;
   {
@@ -552,12 +554,12 @@ TEST_F(ReplayTest, AChangeUponAnAnswerIsNoneOfTheRequest) {
     }
   }
   vconf::CloseStore();
-  EXPECT_EQ(value, 7) << "six answers and the last word";
+  EXPECT_EQ(value, 7) << "six answers and the plug-in's last message";
   const Outcome replay = RunAsIs({"replay", file()});
   EXPECT_EQ(replay.status, 0) << replay.out << Contents(file());
 }
 
-TEST_F(ReplayTest, TheRecordedExamplesComeOutTheSame) {
+TEST_F(ReplayTest, TheRecordedExamplesReplayWithoutDifferences) {
   std::vector<std::string> words = {"replay"};
   for (const auto& entry : std::filesystem::directory_iterator(MIRADO_EXAMPLES "/recordings")) {
     words.push_back(entry.path());
@@ -567,7 +569,7 @@ TEST_F(ReplayTest, TheRecordedExamplesComeOutTheSame) {
   EXPECT_EQ(replay.status, 0) << replay.out << replay.log;
 }
 
-TEST_F(ReplayTest, VerifyTellsWhatWasAsked) {
+TEST_F(ReplayTest, VerifyComparesTheMessagesSent) {
   Record();
   const std::string read = R"({"command":"getMenuValue","propertyKey":1})";
   const std::string write = R"({"command":"setMenuValue","propertyKey":16})";
@@ -591,7 +593,7 @@ TEST_F(ReplayTest, VerifyTellsWhatWasAsked) {
       {{"setMenuValue", write, read, "--order"}, 0, ""},
       {{read, write, "--order"}, 1, "  sent, but not in this order: " + write},
       {{"setMenuValue", write, "--exact"}, 1, "  sent, but not expected: " + read},
-      // Who takes the message that fits both patterns must make way.
+      // A message that matches two patterns is assigned to the one that has no other.
       {{"setMenuValue", R"({"value":5,"propertyKey":1})", "registerVconfKeysForCaption", read, read, "--exact"}, 0, ""},
       {{"registerVconfKeysForCaption", "setMenuValue", write, read, read, "--order", "--exact"}, 0, ""},
       {{"getVersion", "--json"}, 1, R"({"ok":false,"difference":"  not sent: \"getVersion\")"},

@@ -1,5 +1,5 @@
-// The program on a store that is full, read-only, damaged or gone: what cannot be done is refused in words, what can be
-// read is still served, and nothing is made up.
+// The program on a store that is full, read-only, damaged or removed: calls fail with a message, keys that can be read
+// are read, and no wrong value is returned.
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
@@ -40,7 +40,7 @@ class FaultsTest : public ProgramTest {
     EXPECT_EQ(host.Wait(), 0);
   }
 
-  /// How many lines of the log name `culprit`.
+  /// The number of log lines that contain `culprit`.
   long Complaints(const std::string& culprit) const {
     std::istringstream lines(Contents(log()));
     long count = 0;
@@ -48,8 +48,8 @@ class FaultsTest : public ProgramTest {
     return count;
   }
 
-  /// Puts a file system of its own behind the store; false where this user may not. It goes with this process at the
-  /// latest, whatever ends it.
+  /// Mounts a file system on the store's folder, in a mount namespace of this process, which ends with it; false if
+  /// this user may not mount.
   bool Mount(const char* source, const char* type, unsigned long flags, const char* options) {
     mounted_ = unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
                mount(source, store().c_str(), type, flags, options) == 0;
@@ -62,7 +62,7 @@ class FaultsTest : public ProgramTest {
 
 TEST_F(FaultsTest, AFullDiskRefusesWritesAndLosesNone) {
   constexpr std::uintmax_t kRoom = 65'536;
-  // Where no small disk can be mounted, a limit for the size of files stands in for it.
+  // If no small file system can be mounted, a limit on file sizes is used instead.
   fs::create_directory(store());
   const bool disk = Mount("tmpfs", "tmpfs", 0, "size=2m");
   ASSERT_EQ(Run({"set", "db/menu/caption/caption", "3"}).status, 0);
@@ -88,7 +88,7 @@ TEST_F(FaultsTest, AFullDiskRefusesWritesAndLosesNone) {
   EXPECT_EQ(Run({"get", "db/text0"}).out, text + "\n");
   EXPECT_EQ(Get(host, 0)["value"], 3);
   EXPECT_LE(Complaints(file()), 1) << Contents(log());
-  // A full store can be emptied, and then has room again.
+  // After a reset there is space again.
   ASSERT_EQ(Run({"reset"}).status, 0);
   EXPECT_EQ(Set(host, 0, 5)["code"], 0);
   EXPECT_EQ(Run({"set", "db/text0", text}).status, 0);
@@ -100,7 +100,7 @@ TEST_F(FaultsTest, AFullDiskRefusesWritesAndLosesNone) {
 TEST_F(FaultsTest, AReadOnlyStoreIsReadAndNotWritten) {
   ASSERT_EQ(Run({"set", "db/menu/caption/caption", "7"}).status, 0);
   const std::string before = Contents(file());
-  if (geteuid() == 0) {  // whom permissions do not stop
+  if (geteuid() == 0) {  // permissions do not apply to root
     if (!Mount(store().c_str(), nullptr, MS_BIND, nullptr) ||
         mount(nullptr, store().c_str(), nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr) != 0) {
       GTEST_SKIP() << "nothing can be mounted here";
@@ -113,7 +113,7 @@ TEST_F(FaultsTest, AReadOnlyStoreIsReadAndNotWritten) {
   EXPECT_EQ(Get(host, 0)["value"], 7);
   EXPECT_EQ(Set(host, 0, 8)["errorMessage"], "setMenuValue was failed");
   EXPECT_EQ(Get(host, 0)["value"], 7);
-  EXPECT_EQ(Ask(host, {{"command", "showCaption"}, {"show", 1}})["code"], 9999) << "nor what lies in memory";
+  EXPECT_EQ(Ask(host, {{"command", "showCaption"}, {"show", 1}})["code"], 9999) << "nor are keys in memory";
   EndWell(host);
   const auto set = Run({"set", "db/menu/caption/caption", "8"});
   EXPECT_NE(set.status, 0);
@@ -124,7 +124,7 @@ TEST_F(FaultsTest, AReadOnlyStoreIsReadAndNotWritten) {
 
 enum Served { kNever, kClosed, kOpen, kAlways };
 
-/// A damage to the file of the store, and when something can still be read: the store being closed or open meanwhile.
+/// A damage to the store's file, and whether some keys can still be read if the store was closed or open at that time.
 struct Damage {
   const char* name;
   void (*make)(const std::string& file);
@@ -160,8 +160,8 @@ const Damage kDamages[] = {
 
 class DamageTest : public FaultsTest, public testing::WithParamInterface<Damage> {
  protected:
-  /// Reads all, writes and reads again. Each reply is a failure, or what was written last. Tells how many are the
-  /// latter.
+  /// Reads all keys, writes them and reads them again. Each reply must be a failure or the value written last; returns
+  /// how many reads succeeded.
   int Exercise(Program& host) const {
     int served = 0;
     std::array<int, 14> last{};  // the settings that are plain numbers
@@ -200,13 +200,13 @@ TEST_P(DamageTest, BeforeItIsOpenedGivesFailuresAndNoNewStore) {
   EndWell(host);
   if (!opened) {
     EXPECT_GE(Complaints(store() + "/"), 1) << Contents(log());
-    EXPECT_LE(Complaints(store() + "/"), 3) << "a line for each cause, not for each call";
-    EXPECT_EQ(fs::is_regular_file(file()) ? Contents(file()) : "", damaged) << "what is damaged is left as it is";
+    EXPECT_LE(Complaints(store() + "/"), 3) << "one line for each cause, not for each call";
+    EXPECT_EQ(fs::is_regular_file(file()) ? Contents(file()) : "", damaged) << "the damaged file is not changed";
   }
 }
 
 TEST_P(DamageTest, WhileItIsOpenGivesFailuresAndNoCrash) {
-  // The newest of the two heads is now the one, now the other.
+  // With one more change the other of the two file headers is the newest.
   for (const bool one_more : {false, true}) {
     fs::remove_all(store());
     MakeStore();
@@ -215,9 +215,9 @@ TEST_P(DamageTest, WhileItIsOpenGivesFailuresAndNoCrash) {
     EXPECT_EQ(Get(host, 0)["value"], Stored(0));
     if (one_more) Set(other, 0, Stored(0));
     GetParam().make(file());
-    for (const char* key : {"0", "1", "2"}) EXPECT_NE(Run({"get", key}).status, 1) << "no key is taken for missing";
+    for (const char* key : {"0", "1", "2"}) EXPECT_NE(Run({"get", key}).status, 1) << "no key is reported as missing";
     EXPECT_TRUE(Exercise(host) > 0 || (GetParam().served & kOpen) == 0);
-    Ask(other, {{"command", "showCaption"}, {"show", 1}});  // nobody keeps the lock from it
+    Ask(other, {{"command", "showCaption"}, {"show", 1}});  // the lock is free
     EndWell(other);
     EndWell(host);
     EXPECT_LE(Complaints(file()), 3) << Contents(log());

@@ -1,4 +1,4 @@
-// The desk's JSON against the plug-in's variables, and the description of the set.
+// Conversion between JSON and the plug-in's variables, the description of the set, and scenarios.
 
 #include <gtest/gtest.h>
 
@@ -146,7 +146,7 @@ TEST_F(SetTest, AScenarioBringsTheWholeSetBack) {
   EXPECT_EQ(*DescribeState(), saved);
   ASSERT_EQ(LoadScenario(*ReadScenario(store, "A.1")).text(), "");
   EXPECT_EQ(*vconf::Get("db/menu/caption/caption"), vconf::Value(1));
-  EXPECT_EQ((*DescribeSet())["b2b"], true) << "what is not named is as in a new set";
+  EXPECT_EQ((*DescribeSet())["b2b"], true) << "a key that is not named has its value in a new set";
   EXPECT_TRUE(vconf::ListFaults()->empty());
 
   const auto files = *ListScenarios(store);
@@ -169,6 +169,13 @@ TEST_F(SetTest, AScenarioBringsTheWholeSetBack) {
   for (const std::string& name : {std::string(), std::string("../a"), std::string("a/b"), std::string(65, 'a')}) {
     EXPECT_EQ(SaveScenario(store, name, before).code(), vconf::Code::kBadName) << name;
   }
+  const auto count = [&] {
+    return std::ranges::distance(std::filesystem::directory_iterator(store + "/scenarios"), {});
+  };
+  std::filesystem::create_directory(store + "/scenarios/folder.json");
+  const auto files_before = count();
+  EXPECT_EQ(SaveScenario(store, "folder", before).code(), vconf::Code::kFailed);
+  EXPECT_EQ(count(), files_before) << "no temporary file is left";
 }
 
 TEST(CodeTest, StatusesOfHttpAndOfTheProgramAreThoseOfTheDocument) {
@@ -176,7 +183,7 @@ TEST(CodeTest, StatusesOfHttpAndOfTheProgramAreThoseOfTheDocument) {
   for (int number = 1; number <= static_cast<int>(vconf::Code::kFailed); ++number) {
     const auto code = static_cast<vconf::Code>(number);
     const auto [status, name] = HttpCodeOf(code);
-    // The number that follows the name, perhaps behind other names.
+    // The first number in parentheses after the name.
     std::smatch found;
     ASSERT_TRUE(std::regex_search(text, found, std::regex("`" + std::string(name) + "`[^()]*\\((\\d+)\\)"))) << name;
     EXPECT_EQ(found[1], std::to_string(status)) << name;

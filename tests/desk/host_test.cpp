@@ -1,4 +1,4 @@
-// The program `mirado host`, driven as a page's runtime drives it.
+// The program `mirado host`.
 
 #include "support/host_program.h"
 
@@ -28,7 +28,7 @@ class HostTest : public ProgramTest {
   static constexpr char kGoodbye[] = R"({"message":"Unregister"})";
 };
 
-TEST_F(HostTest, SpeaksOneReplyForEachWaitingCallInOrder) {
+TEST_F(HostTest, RepliesToEachSendInOrder) {
   Program host = Start();
   EXPECT_EQ(Ask(host, R"({"command":"getVersion"})"), Done(R"("4.0")"));
   EXPECT_EQ(Ask(host, R"({"command":"getMenuValue","propertyKey":20})"), Done(R"("NORMAL")"));
@@ -41,7 +41,7 @@ TEST_F(HostTest, SpeaksOneReplyForEachWaitingCallInOrder) {
   EXPECT_EQ(host.Wait(), 0);
 }
 
-TEST_F(HostTest, SettleComesBehindAllThatWasPostedAndChanged) {
+TEST_F(HostTest, SettleWaitsForMessagesAndChanges) {
   Program host = Start();
   EXPECT_EQ(Ask(host, R"({"command":"registerVconfKeysForCaption","propertyKey":0})"), Done("null"));
   host.Say(R"({"set":{"db/menu/caption/caption":1}})");
@@ -55,7 +55,7 @@ TEST_F(HostTest, SettleComesBehindAllThatWasPostedAndChanged) {
   EXPECT_EQ(host.Hear(), R"({"settled":true})");
 }
 
-TEST_F(HostTest, AnswersEachBadLineOnceAndGoesOn) {
+TEST_F(HostTest, ReportsEachInvalidLineOnceAndContinues) {
   const std::string deep_enough = std::string(127, '[') + std::string(127, ']');
   const std::string deep = std::string(10'000, '[') + std::string(10'000, ']');
   const std::string longest = R"({"send":")" + std::string(524'288 - 11, 'x') + R"("})";
@@ -102,11 +102,11 @@ TEST_F(HostTest, AnswersEachBadLineOnceAndGoesOn) {
   EXPECT_EQ(host.Wait(), 1);
 }
 
-TEST_F(HostTest, EndsCleanlyHoweverItIsEnded) {
+TEST_F(HostTest, ExitsCleanlyOnSignalClosedOutputAndEndOfInput) {
   for (const int signal : {SIGINT, SIGTERM}) {
     Program host = Start();
     EXPECT_EQ(Ask(host, R"({"command":"getVersion"})"), Done(R"("4.0")"));
-    host.Write(R"({"send":{"command":"getVer)");  // cut off, and so no line at all
+    host.Write(R"({"send":{"command":"getVer)");  // not a complete line, so it is dropped
     host.Signal(signal);
     EXPECT_EQ(host.Hear(), kGoodbye);
     EXPECT_EQ(host.Wait(), 0);
@@ -118,7 +118,7 @@ TEST_F(HostTest, EndsCleanlyHoweverItIsEnded) {
   Program blank = Start();
   blank.Say("");
   blank.CloseInput();
-  EXPECT_EQ(blank.Wait(), 0) << "an empty line is no bad one";
+  EXPECT_EQ(blank.Wait(), 0) << "an empty line is ignored";
   const std::string none = folder() / "none.so";
   const Outcome failed = Run({"host", "--plugin", none});
   EXPECT_EQ(failed.status, 3);
@@ -154,7 +154,7 @@ TEST_F(HostTest, TheSetDecidesWhatTheEmbedderAndTheProductAnswer) {
   }
 }
 
-TEST_F(HostTest, TellsThePageThatNobodyListensWhenTheRegistrationFails) {
+TEST_F(HostTest, RepliesNullIfTheRegistrationFails) {
   ASSERT_EQ(Run({"fault", "RegisterMessageHandler", "-1", "--times", "1"}).status, 0);
   Program host = Start();
   EXPECT_EQ(Ask(host, R"({"command":"getVersion"})"), R"({"reply":null})");
@@ -163,7 +163,7 @@ TEST_F(HostTest, TellsThePageThatNobodyListensWhenTheRegistrationFails) {
   EXPECT_EQ(Run({"host"}, "{\"send\":{\"command\":\"getVersion\"}}\n").out, Done(R"("4.0")") + "\n" + kGoodbye + "\n");
 }
 
-TEST_F(HostTest, LatencyHoldsOneCommandBackAndASignalEndsTheWait) {
+TEST_F(HostTest, LatencyDelaysOneCommandAndASignalEndsTheDelay) {
   using Clock = std::chrono::steady_clock;
   constexpr std::chrono::milliseconds kLatency(60);
   ASSERT_EQ(Run({"set-up", "latency", "getVersion", "60"}).status, 0);
