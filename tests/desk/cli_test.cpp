@@ -110,6 +110,7 @@ TEST_F(CliTest, HelpManualAndCompletionHaveEveryCommand) {
   EXPECT_EQ(RunAsIs({"complete", "set-up", "--json", "b2b", "o"}).out, "on\noff\n");
   EXPECT_TRUE(RunAsIs({"complete", "fault", "vconf_get_int", "CAPTION_"}).out.starts_with("CAPTION_MODE\n"));
   EXPECT_EQ(RunAsIs({"complete", "get", "--store", ""}).out, "");
+  EXPECT_EQ(RunAsIs({"complete", "get", "CAPTION", ""}).out, "") << "it has one argument";
   EXPECT_EQ(RunAsIs({"complete", "watch", "--e"}).out, "--exact\n");
   EXPECT_EQ(RunAsIs({"complete", "desk", "--p"}).out, "--plugin\n--port\n");
   const std::string script = folder() / "complete.sh";

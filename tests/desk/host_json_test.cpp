@@ -11,6 +11,7 @@
 #include "base/exit_status.h"
 #include "base/http_status.h"
 #include "browser_control.h"
+#include "host/protocol.h"
 #include "set/catalog.h"
 #include "set/faults.h"
 #include "set/scenario.h"
@@ -50,6 +51,16 @@ TEST(JsonTest, WhatJsonCannotSayBecomesNullOrIsReplaced) {
 TEST(JsonTest, ReplyFieldsComeFirst) {
   const pp::Var reply = ToVar(Parsed(R"({"event":"e","errorName":"n","a":1,"errorMessage":"m","value":2,"code":3})"));
   EXPECT_EQ(ToText(ToJson(reply)), R"({"code":3,"value":2,"errorName":"n","errorMessage":"m","a":1,"event":"e"})");
+}
+
+TEST(JsonTest, RawMembersAreThoseOfTheOutermostContainer) {
+  std::string text;
+  for (const auto& [name, value] : RawMembers(R"( {"a\"}" : [1,"]\\"] , "b":{"c":2}, "a":"\"," } )")) {
+    text.append(name).append(" is ").append(value).append("; ");
+  }
+  EXPECT_EQ(text, R"(a\"} is [1,"]\\"]; b is {"c":2}; a is "\","; )");
+  EXPECT_EQ(RawMembers("[ [1, 2] ,3]").size(), 2U);
+  EXPECT_TRUE(RawMembers("{ }").empty() && RawMembers("7").empty());
 }
 
 ParsedJson RandomJson(std::mt19937& random, int depth) {
