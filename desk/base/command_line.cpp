@@ -115,7 +115,7 @@ void AddPluginOption(CLI::App& command, std::string& plugin) {
 void AddLogLevelOption(CLI::App& command, int& level) {
   command
       .add_option("--log-level", level,
-                  "The lowest priority of printed log lines: 2 verbose … 4 info, 6 error, 7 fatal, 8 none")
+                  "The lowest priority of printed log lines: 2 verbose to 4 info, 6 error, 7 fatal, 8 none")
       ->type_name("LEVEL")
       ->check(Between(2, 8))
       ->capture_default_str();

@@ -158,8 +158,8 @@ void AddHostCommand(CLI::App& app, Run& run) {
   {"set": {PATH: VALUE}}  a change of the store, as if another program made it
   {"settle": true}        waits until all requests and changes are handled; then {"settled": true}
 Standard output has the replies, and {"message": MESSAGE} for each message that the plug-in posts to the page.
-For a line that is invalid or refused it has {"error": {"line": 7, "text": …}}. Log lines go to stderr; with
---report they are {"log": …} on standard output, and {"watches": [PATH, …]} lists the subscriptions when they change.
+For a line that is invalid or refused it has {"error": {"line": 7, "text": ...}}. Log lines go to stderr; with
+--report they are {"log": ...} on standard output, and {"watches": [PATH, ...]} lists the subscriptions when they change.
 The session ends at the end of the input, or on SIGINT or SIGTERM. Exit status: 0 success, 1 a line was invalid or
 refused, or the recording is incomplete, 2 wrong command line, 3 the plug-in cannot be loaded, FILE is not empty,
 or FILE or the output cannot be written.)");
@@ -167,7 +167,7 @@ or FILE or the output cannot be written.)");
   AddStoreOption(*command, options->store);
   AddLogLevelOption(*command, options->log_level);
   command->add_flag("--report", options->report,
-                    "Print log lines and subscriptions as JSON lines, and accept {\"record\": …}");
+                    "Print log lines and subscriptions as JSON lines, and accept {\"record\": ...}");
   command->add_option("--record", options->record, "Record the session in FILE, for `mirado replay`")
       ->type_name("FILE");
   command->callback([options, &run] { run = [options] { return Host(*options); }; });

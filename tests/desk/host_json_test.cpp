@@ -181,7 +181,8 @@ TEST_F(SetTest, AScenarioBringsTheWholeSetBack) {
     EXPECT_EQ(SaveScenario(store, name, before).code(), vconf::Code::kBadName) << name;
   }
   const auto count = [&] {
-    return std::ranges::distance(std::filesystem::directory_iterator(store + "/scenarios"), {});
+    return std::distance(std::filesystem::directory_iterator(store + "/scenarios"),
+                         std::filesystem::directory_iterator());
   };
   std::filesystem::create_directory(store + "/scenarios/folder.json");
   const auto files_before = count();
