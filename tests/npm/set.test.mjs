@@ -128,10 +128,11 @@ it("leaves nothing behind, also when many sets run at a time", async (t) => {
   }
 });
 
-it("ends what is pending when it is stopped", async () => {
-  const one = await startSet();
+it("ends what is pending when it is stopped", { timeout: 30_000 }, async () => {
+  const one = await startSet({ timeout: 600_000 }); // the stop ends the waits, not the time
   const page = await one.openPage();
   const waiting = [page.event("CAPTION"), one.settings.becomes("CAPTION", 1), one.page({ url: "none" })];
+  for (let turn = 0; turn < 5; ++turn) await one.settings.get("CAPTION"); // by now they wait for events
   await Promise.all([one.stop(), ...waiting.map((wait) => assert.rejects(wait, /has been stopped/))]);
   await assert.rejects(one.describe(), /has been stopped/);
 });
