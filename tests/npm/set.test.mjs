@@ -83,6 +83,12 @@ it("steers the set", async () => {
   await assert.rejects(set.fault("CreateVideoControl", list), /cannot fail for primary-.* no path/);
   await assert.rejects(set.fault("vconf_get_bool", { tims: 1 }), /no option tims, but path/);
   await assert.rejects(set.settings.set("CAPTION", "on"), /: CAPTION takes an integer, not "on"$/);
+  await assert.rejects(set.settings.set("TTS", 1), /: TTS takes true or false, not 1$/);
+  await set.saveScenario("first");
+  await set.settings.set("TTS", false);
+  await set.saveScenario("second", await set.call("GET", "/api/scenarios/first"));
+  await set.scenario("second");
+  assert.equal(await set.settings.get("TTS"), true);
   await assert.rejects(set.call("PUT", "/api/store/memory/webapp", { value: [] }), { status: 400, code: "bad-value" });
   await assert.rejects(set.fault("no_such_call"), /vconf_get_int/);
   await set.fault("RegisterMessageHandler");
