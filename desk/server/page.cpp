@@ -114,7 +114,7 @@ std::uint64_t Page::Submit(const std::vector<Message>& messages, OnResult on_res
     ++sent_;
     Pending pending{.entry = AddToDialogue(message.waits ? "send" : "post", message.body),
                     .start = Clock::now(),
-                    .on_result = message.waits ? std::move(on_result) : OnResult()};
+                    .on_result = message.waits ? std::exchange(on_result, nullptr) : OnResult()};
     (message.waits ? sends_ : posts_).push_back(std::move(pending));
     // After the entry in the dialogue, so that the events of what it causes follow.
     host_->Write(FormatLine(message.waits ? In::kSend : In::kPost, message.body));

@@ -256,7 +256,7 @@ vconf::Result<std::vector<std::string>> KnownPaths(std::string_view prefix) {
                                "set_ime_recommended_words"});
   }
   std::ranges::sort(paths);
-  paths.erase(std::ranges::unique(paths).begin(), paths.end());
+  paths.erase(std::unique(paths.begin(), paths.end()), paths.end());
   return paths;
 }
 
