@@ -273,6 +273,22 @@ TEST_F(VconfChangeTest, WhoFallsBehindTheJournalIsToldOnceOfEachKey) {
   EXPECT_EQ(changes_.size(), 2U);
 }
 
+TEST_F(VconfChangeTest, ASubscriberThatIsLessThanTheJournalBehindGetsEachChange) {
+  // In the new region the numbers go on, here in the second half of a ring that has not grown yet.
+  for (int i = 0; i < 1100; ++i) vconf_set_int("memory/a", i);
+  ASSERT_TRUE(vconf::ReplaceStore(directory(), {}).ok());
+  Slow slow;
+  std::atomic<int> other{0};
+  ASSERT_GE(vconf_notify_key_changed("memory/a", Slow::Call, &slow), 0);
+  ASSERT_GE(vconf_notify_key_changed("memory/b", CountCall, &other), 0);
+  vconf_set_int("memory/a", 0);
+  slow.running.wait();
+  for (int i = 0; i < 1500; ++i) vconf_set_int("memory/b", i);
+  slow.go_on.count_down();
+  vconf::Settle();
+  EXPECT_EQ(other, 1500);
+}
+
 TEST_F(VconfChangeTest, NothingIsLeftBehind) {
   const auto count = [](const char* folder) {
     return std::distance(std::filesystem::directory_iterator(folder), std::filesystem::directory_iterator());

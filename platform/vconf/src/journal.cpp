@@ -11,13 +11,15 @@ using layout::SizeOf;
 
 namespace {
 
-// Always within the ring, whatever a damaged header contains.
+// Always within the ring, and another one for each of `kFirstRecords` numbers, whatever a damaged header contains.
 ChangeRecord& RecordOf(const Region& region, std::uint64_t number) {
-  const std::uint32_t mask = region.header().records.load(std::memory_order_acquire) - 1;
+  const std::uint32_t mask =
+      (region.header().records.load(std::memory_order_acquire) - 1) | (layout::kFirstRecords - 1);
   return region.header().ring[number & mask & (layout::kMaxRecords - 1)];
 }
 
-bool IsKept(const RawValue& value) { return value.is_text() && SizeOf(value.form) <= layout::kMaxChangeText; }
+// Whether a record contains the text of a value of this form.
+bool IsKept(std::uint32_t form) { return KindOf(form) == layout::kText && SizeOf(form) <= layout::kMaxChangeText; }
 
 }  // namespace
 
@@ -28,6 +30,7 @@ Publisher::Publisher(Region& region)
     status_ = Status(Code::kRemoved, region.file() + ": was replaced; repeat the call");
   } else if (status_.ok() && lock_->inherited()) {
     Finish();
+    CountFaults();
   }
 }
 
@@ -42,7 +45,7 @@ void Publisher::Publish(const std::vector<std::uint32_t>& keys) {
   layout::Header& header = region_.header();
   const bool faults = std::any_of(keys.begin(), keys.end(), [this](std::uint32_t key) { return table_.IsFault(key); });
   if (faults) {
-    header.faults = 1;  // before the first fault can be seen
+    header.no_faults = 0;  // before the first fault can be seen
   }
   for (std::size_t i = 0; i < keys.size();) {
     std::uint64_t number = header.last.load(std::memory_order_relaxed);
@@ -53,10 +56,14 @@ void Publisher::Publish(const std::vector<std::uint32_t>& keys) {
     Finish();
   }
   if (faults) {
-    std::vector<Entry> left;
-    static_cast<void>(table_.List(kFaultPrefix, &left));
-    header.faults = left.empty() ? 0 : 1;
+    CountFaults();
   }
+}
+
+void Publisher::CountFaults() {
+  std::vector<Entry> left;
+  static_cast<void>(table_.List(kFaultPrefix, &left));
+  region_.header().no_faults = left.empty() ? 1 : 0;
 }
 
 void Publisher::Record(std::uint64_t number, std::uint32_t key) {
@@ -67,20 +74,22 @@ void Publisher::Record(std::uint64_t number, std::uint32_t key) {
   }
   // Where the ring is doubled, all of its records stay where they are.
   const std::uint32_t records = header.records.load(std::memory_order_relaxed);
-  if (number % (2 * std::uint64_t{records}) == records && region_.GrowRing(2 * records)) {
+  if ((number & (2 * std::uint64_t{records} - 1)) == records && region_.GrowRing(2 * records)) {
     header.records.store(2 * records, std::memory_order_release);
   }
   ChangeRecord& record = RecordOf(region_, number);
   record.number.store(0, std::memory_order_release);
   const std::uint32_t version = at->version.load(std::memory_order_relaxed) + 1;
-  RawValue value;
-  const std::uint32_t check = table_.LoadSlot(at->slots[version % 2], &value);
+  const layout::Slot& slot = at->slots[version % 2];
+  const std::uint32_t form = slot.form.load(std::memory_order_relaxed);
   record.key.store(key, std::memory_order_release);
   record.version.store(version, std::memory_order_release);
-  record.form.store(value.form, std::memory_order_release);
-  record.content.store(value.content, std::memory_order_release);
-  record.check.store(check, std::memory_order_release);
-  if (IsKept(value)) {
+  record.form.store(form, std::memory_order_release);
+  record.content.store(slot.content.load(std::memory_order_relaxed), std::memory_order_release);
+  record.check.store(slot.check.load(std::memory_order_relaxed), std::memory_order_release);
+  if (IsKept(form)) {
+    RawValue value;
+    table_.LoadSlot(slot, &value);
     StoreBytes(record.text.data(), value.text);
   }
   record.number.store(number, std::memory_order_release);
@@ -117,10 +126,10 @@ bool ReadChanges(Region& region, std::uint64_t next, std::size_t most, std::vect
     const std::uint32_t check = record.check.load(std::memory_order_acquire);
     Change change{.sequence = number, .path = {}, .value = std::nullopt};
     const bool named = table.PathOf(record.key.load(std::memory_order_acquire), &change.path);
-    if (IsKept(value)) {
+    if (IsKept(value.form)) {
       LoadBytes(record.text.data(), SizeOf(value.form), &value.text);
     }
-    const bool is_long = value.is_text() && !IsKept(value);
+    const bool is_long = value.is_text() && !IsKept(value.form);
     // Check that it was not overwritten, nor its key unlinked, while it was read.
     if (!named || record.number.load(std::memory_order_acquire) != number ||
         header.floor.load(std::memory_order_acquire) > number ||

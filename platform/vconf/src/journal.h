@@ -27,6 +27,7 @@ class Publisher {
  private:
   void Record(std::uint64_t number, std::uint32_t key);
   void Finish();
+  void CountFaults();
 
   Region& region_;
   Table table_;

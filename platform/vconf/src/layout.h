@@ -93,7 +93,7 @@ struct Lock {
 
 struct Header {  // NOLINT(clang-analyzer-optin.performance.Padding): what changes together has a cache line of its own
   Word state;
-  Word faults;  // 0 if there are none
+  Word no_faults;  // 0 if there may be faults, and in a replaced or truncated region
   Word format;
   Word lock_size;  // differs in a program of another word size
   std::array<char, 40> boot;

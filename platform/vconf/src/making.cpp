@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <map>
 #include <utility>
 
 #include "dlog.h"
@@ -23,8 +24,10 @@ RegionResult IfOk(Status status, RegionResult region) { return status.ok() ? std
 bool IsUnfinished(const std::string& name) { return name.find(Folder::kUnfinished) != std::string::npos; }
 bool IsOld(const std::string& name) { return name == Folder::kOldStore || name == "lock.mdb" || name == "bell"; }
 
-// Fills a region that no other process uses yet. Its change numbers continue from `last`.
+// Fills a region that no other process uses yet. Its change numbers are above `last`, and begin where the ring begins:
+// then it is doubled before it overwrites a change.
 Status Fill(Region& region, const std::vector<Row>& rows, std::uint64_t number, std::uint64_t last) {
+  last = (last + layout::kMaxRecords - 1) / layout::kMaxRecords * layout::kMaxRecords;
   region.header().last = last;
   region.header().floor = last + 1;
   Publisher publisher(region);
@@ -149,11 +152,18 @@ RegionResult MakePrivate(const Folder& folder) {
   return IfOk(std::move(status), std::move(region));
 }
 
+// The last value of each path.
 std::vector<Row> RowsOf(const std::vector<Entry>& entries) {
   std::vector<Row> rows;
   rows.reserve(entries.size());
+  std::map<std::string_view, std::size_t> rows_of_paths;
   for (const Entry& entry : entries) {
-    rows.push_back({entry.path, entry.value});
+    const auto [found, is_new] = rows_of_paths.try_emplace(entry.path, rows.size());
+    if (is_new) {
+      rows.push_back({entry.path, entry.value});
+    } else {
+      rows[found->second].value = entry.value;
+    }
   }
   return rows;
 }

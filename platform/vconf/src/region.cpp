@@ -78,6 +78,7 @@ int Begin(layout::Header& header) {
   for (layout::Word& bucket : header.buckets) {
     bucket.store(layout::kEndOfList, std::memory_order_relaxed);
   }
+  header.no_faults = 1;
   header.state = layout::kWhole;
   const int error = InitLock(header.lock);
   return error == 0 ? InitLock(header.disk_lock) : error;
@@ -219,6 +220,7 @@ bool Region::GrowRing(std::uint32_t records) {
 }
 
 void Region::MarkReplaced() {
+  header().no_faults = 0;
   header().state = layout::kReplaced;
   WakeAll();
 }

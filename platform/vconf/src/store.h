@@ -47,7 +47,7 @@ class Store {
 
   /// While there are no faults, this only reads one word.
   std::optional<int> TakeFault(std::string_view call, std::string_view path) {
-    return region_.load(std::memory_order_acquire)->header().faults.load(std::memory_order_acquire) == 0
+    return region_.load(std::memory_order_acquire)->header().no_faults.load(std::memory_order_acquire) != 0
                ? std::nullopt
                : FindFault(call, path);
   }

@@ -1,6 +1,7 @@
 #include "table.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
 #include <utility>
 
@@ -296,12 +297,14 @@ bool Table::FillSlot(Slot& slot, std::uint32_t hash, const Value* value) {
     std::uint32_t at = slot.block.load(std::memory_order_relaxed);
     auto* block = region_.At<Block>(at, size);
     if (block == nullptr || block->size.load(std::memory_order_relaxed) < size) {
-      at = Allocate(size);
-      block = region_.At<Block>(at, size);
+      // More than is needed: a text that grows with each write would otherwise need a new block each time.
+      const std::uint32_t capacity = std::min(std::bit_ceil(size), SizeOfText(layout::kMaxText));
+      at = Allocate(capacity);
+      block = region_.At<Block>(at, capacity);
       if (block == nullptr) {
         return false;
       }
-      block->size.store(size, std::memory_order_release);
+      block->size.store(capacity, std::memory_order_release);
       slot.block.store(at, std::memory_order_release);
     }
     StoreBytes(&block->next, raw.text);
