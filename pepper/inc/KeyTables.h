@@ -2,10 +2,11 @@
 
 #include <cstdint>
 
-/// The settings, each one row: the key's enumerator and its store path. A row's place is its key number.
+/// The settings, each one row: the key's enumerator and its store path. A row's position is its key number, which pages
+/// use: do not insert or reorder rows.
 ///
-/// A changed path is traced back to its key by the first row whose path begins with it. So a path must stand ahead of
-/// every longer one that begins with it, which the build checks.
+/// A changed path is converted to the first row whose path begins with it. So a path must come before every longer path
+/// that begins with it; a static_assert in PluginMirado.cpp checks this.
 #define MENU_CAPTION_ROWS(ROW)                                                                                \
   ROW(MENU_KEY_CAPTION, "db/menu/caption/caption")                                                            \
   ROW(MENU_KEY_CAPTION_MODE, "db/menu/caption/captionmode")                                                   \
@@ -54,6 +55,6 @@ struct KeyMapEntry {
 extern const KeyMapEntry g_MenuCaptionMap[CAPTION_SETTING_MAP_SIZE];
 extern const KeyMapEntry g_MiradoKeyMap[MIRADO_MAP_SIZE];
 
-/// Two keys beside the tables, which the plug-in only writes.
+/// Two keys outside the tables. The plug-in writes them and never reads them.
 inline constexpr const char* MEM_AVPLAY_PATH = "memory/webapp/avplay";
 inline constexpr const char* MEM_CAPTION_PATH = "memory/webapp/caption";

@@ -324,7 +324,9 @@ TEST_F(VconfDamageTest, AStoreThatMayOnlyBeReadIsRead) {
     int value = 0;
     return vconf_get_int("db/key4", &value) == -9 && GetInt("db/key3", -1) == 3 &&
                    error.code() == vconf::Code::kReadOnly &&
-                   error.text() == file() + ": may only be read by this process; write it as its owner"
+                   error.text() == file() +
+                                       ": can only be read by this process; run the program as the owner, or mount the "
+                                       "file system for writing"
                ? 0
                : 3;
   });

@@ -298,10 +298,10 @@ Result<std::uint64_t> Database::LastNumber() {
 Status Database::CheckNumber(std::uint64_t number, std::uint64_t known) const {
   return number >= known
              ? Status()
-             : Status(Code::kDamaged, file_ + ": lacks the last " + std::to_string(known - number) + " of " +
-                                          std::to_string(known) +
-                                          " commits, so its log (-wal) is damaged or missing; restore the files of the "
-                                          "store, or remove `live` to go on without them");
+             : Status(Code::kDamaged,
+                      file_ + ": lacks the last " + std::to_string(known - number) + " of " + std::to_string(known) +
+                          " commits, so its log (-wal) is damaged or missing; restore the files of the "
+                          "store, or remove the file `live` in the store's folder to continue without these commits");
 }
 
 Status Database::WriteRow(const Row& row, std::uint64_t number) {

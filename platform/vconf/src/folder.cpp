@@ -51,11 +51,14 @@ Status SystemFailure(const std::string& file, int error) {
     case ENOTDIR:
       return status(Code::kFailed, "is not a folder, or its parent is not; use another path");
     case EROFS:
-      return status(Code::kReadOnly, "may only be read by this process; write it as its owner");
+      return status(
+          Code::kReadOnly,
+          "can only be read by this process; run the program as the owner, or mount the file system for writing");
     case ENOSPC:
     case EDQUOT:
     case EFBIG:
-      return status(Code::kFull, "its disk is full; make room");
+      return status(Code::kFull,
+                    "the disk is full, or a quota or file-size limit is reached; make room or raise the limit");
     default:
       return status(Code::kFailed, std::generic_category().message(error));
   }

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <map>
 #include <utility>
 
@@ -111,8 +112,9 @@ RegionResult Convert(const Folder& folder) {
   auto region = status.ok() ? Create(folder, rows) : std::move(status);
   if (region.ok()) {
     const auto moved = folder.MoveAway(IsOld);
-    __dlog_print(2, 4, "VCONF", "%s: was of an earlier version and has been converted; its old files are in %s",
-                 folder.path().c_str(), moved.ok() ? moved->c_str() : "it still");
+    __dlog_print(2, 4, "VCONF", "%s: was converted from an earlier version; its old files %s%s", folder.path().c_str(),
+                 moved.ok() ? "are in " : "could not be moved and are still in the folder",
+                 moved.ok() ? moved->c_str() : "");
   }
   return region;
 }
@@ -175,9 +177,12 @@ RegionResult MakeFirst(const Folder& folder, const std::vector<Entry>* initial) 
   ino_t inode = 0;
   Status status = free.ok() ? CheckDatabase(folder, &inode) : free.status();
   if (status.code() == Code::kMissing && free.ok()) {
-    return HasOldStore(folder)  ? Convert(folder)
-           : !*free             ? Status(Code::kMissing, folder.File(Folder::kDatabase) +
-                                                             ": is not there, so the folder holds no store; name another one")
+    return HasOldStore(folder) ? Convert(folder)
+           : !*free
+               ? Status(
+                     Code::kMissing,
+                     folder.path() +
+                         ": has files in it but no keys.db, so it is not a store; use another folder, or an empty one")
            : initial != nullptr ? Create(folder, RowsOf(*initial))
                                 : Status(Code::kMissing, folder.path() + ": there is no store here");
   }
@@ -239,7 +244,7 @@ Result<std::string> Replace(const std::string& directory, const std::vector<Entr
     return folder.status();
   }
   if (!folder->may_write()) {
-    return Status(Code::kReadOnly, directory + ": may only be read by this process; write it as its owner");
+    return SystemFailure(directory, EROFS);
   }
   const auto lock = folder->LockMaking();
   const auto is_ours = [](const std::string& name) {

@@ -79,7 +79,7 @@ Status Notifier::Watch(const std::string& prefix, std::function<void(const Chang
 Status Notifier::Start(std::uint64_t* since) {
   Region& region = store_.region();
   if (!region.IsWhole()) {
-    return {Code::kDamaged, region.file() + ": is damaged; end the programs that use it and remove it"};
+    return {Code::kDamaged, region.file() + ": is damaged; end the programs that use this file, then remove it"};
   }
   // The thread may not have noticed yet that this region has replaced the one that it reads.
   *since = !alive_ || &region == region_ ? region.header().last.load(std::memory_order_acquire) : 0;

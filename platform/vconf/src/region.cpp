@@ -95,7 +95,7 @@ Result<std::unique_ptr<Region>> Region::Map(std::string file, Descriptor descrip
   }
   if (!bus_guard::Guard(base, layout::kMaxSize)) {
     munmap(base, layout::kMaxSize);
-    return Status(Code::kFailed, file + ": was replaced too often while this process ran; restart it");
+    return Status(Code::kFailed, file + ": was replaced too often while this process ran; restart this program");
   }
   return std::unique_ptr<Region>(new Region(std::move(file), std::move(descriptor), base, writable));
 }
@@ -140,9 +140,9 @@ Result<std::unique_ptr<Region>> Region::Open(const Folder& folder, ino_t databas
     return Status(Code::kMissing, (*region)->file() + ": is of another boot, file or database");
   }
   if (header.lock_size != sizeof(pthread_mutex_t)) {
-    return Status(
-        Code::kFailed,
-        (*region)->file() + ": is in use by programs of another word size; end them, or use programs of the same");
+    return Status(Code::kFailed, (*region)->file() +
+                                     ": is in use by programs of another word size (32 or 64 bits); end them, or run "
+                                     "this program in the same word size");
   }
   if ((*region)->writable()) {
     (*region)->ChooseFutexBit();

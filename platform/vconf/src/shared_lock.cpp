@@ -148,7 +148,8 @@ Status SharedLock::status(const std::string& file) const {
     return {Code::kBusy, file + ": " + NameOf(lock_.holder.load(std::memory_order_relaxed)) +
                              " has held the lock for " + name_ + " too long; resume or end that process"};
   }
-  return {Code::kDamaged, file + ": the lock for " + name_ + " is damaged; end the programs that use it and remove it"};
+  return {Code::kDamaged,
+          file + ": the lock for " + name_ + " is damaged; end the programs that use this file, then remove it"};
 }
 
 }  // namespace vconf

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <map>
 #include <thread>
 #include <utility>
@@ -36,7 +37,8 @@ Status BadPath(std::string_view path) {
     return {Code::kBadName, name + "…: is longer than " + std::to_string(layout::kMaxPath) + " bytes; shorten it"};
   }
   if (path.find('\0') != std::string_view::npos) {
-    return {Code::kBadName, name.substr(0, name.find('\0')) + ": a NUL follows; remove it from the path"};
+    return {Code::kBadName,
+            name.substr(0, name.find('\0')) + ": the path contains a NUL character after this text; remove it"};
   }
   return PrefixOf(path) == nullptr
              ? Status(Code::kBadName,
@@ -168,9 +170,10 @@ Status Store::ToStatus(Code code, std::string_view path, const Region& region) c
     case Code::kFull:
       return {code, region.file() + ": is full; remove keys"};
     default:
-      return {Code::kDamaged, region.file() +
-                                  ": is damaged; end the programs that use it and remove it, then what is on "
-                                  "disk is read again"};
+      return {Code::kDamaged,
+              region.file() +
+                  ": is damaged; end the programs that use this file, then remove the file. The keys on "
+                  "disk are kept, the memory/ keys are lost"};
   }
 }
 
@@ -231,8 +234,7 @@ Status Store::ForWriting(Region** region) {
   const auto folder = Folder::Open(directory_);
   return folder.ok() && folder->may_write() && !(*region)->is_shared()
              ? Status(Code::kFull, (*region)->file() + ": its disk is full, so the store can only be read; make room")
-             : Status(Code::kReadOnly, directory_ + "/" + Folder::kDatabase +
-                                           ": may only be read by this process; write it as its owner");
+             : SystemFailure(directory_ + "/" + Folder::kDatabase, EROFS);
 }
 
 Status Store::Change(Home home, const Plan& plan) {
