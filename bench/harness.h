@@ -30,8 +30,10 @@ void HandleStopSignals();
 bool StopAsked();
 void CheckStop();
 
-/// Says on the terminal what is being measured. Any later output of stderr, such as log lines, goes to nowhere.
+/// Prints on the terminal what is being measured.
 void Progress(const std::string& text);
+
+/// Discards all later output to stderr; `Progress` still prints.
 void TakeStderr();
 
 inline double Between(Clock::time_point start, Clock::time_point end) {
@@ -39,7 +41,7 @@ inline double Between(Clock::time_point start, Clock::time_point end) {
 }
 inline double Since(Clock::time_point start) { return Between(start, Clock::now()); }
 
-/// Sleeps for longer than any thread of the system with nothing to do stays awake.
+/// Sleeps until every idle thread of the measured system has stopped spinning.
 void Rest();
 
 double Median(std::vector<double> values);

@@ -115,7 +115,8 @@ void AddPluginOption(CLI::App& command, std::string& plugin) {
 void AddLogLevelOption(CLI::App& command, int& level) {
   command
       .add_option("--log-level", level,
-                  "The lowest priority of printed log lines: 2 verbose to 4 info, 6 error, 7 fatal, 8 none")
+                  "Print log lines of this priority and above: 2 verbose, 3 debug, 4 info, 5 warning, 6 error, 7 "
+                  "fatal; 8 prints none")
       ->type_name("LEVEL")
       ->check(Between(2, 8))
       ->capture_default_str();

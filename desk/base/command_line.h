@@ -11,9 +11,9 @@
 /// Shared by all command lines: the standard streams, the parser's errors, and common options.
 namespace desk {
 
-/// To be called first in `main`. Opens closed standard streams such that reading and writing them still fails:
-/// otherwise the next opened file, such as the store's, would get the descriptor and the program's output. Ignores
-/// SIGPIPE, so that writing to a closed pipe is a failed write.
+/// To be called first in `main`. Opens each closed standard stream so that reading or writing it still fails. Otherwise
+/// the next file that is opened, such as the store's, would get its descriptor, and the program's output would be
+/// written into that file. Ignores SIGPIPE, so that writing to a closed pipe is a failed write.
 void PrepareStandardStreams();
 
 /// Runs `work`, which returns an exit status, and checks that its output was written; if not, returns `kCannotWork` and

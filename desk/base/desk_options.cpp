@@ -8,8 +8,8 @@ namespace desk {
 void AddDeskOptions(CLI::App& command, DeskOptions& options) {
   options.host.program = MiradoProgram();
   command.footer(
-      "Serves desk.js for pages, a page that controls the simulated set, and an HTTP interface. Exits on SIGINT,\n"
-      "SIGTERM or SIGHUP; SIGHUP is ignored under nohup.\n"
+      "Serves the script desk.js, which your pages load; a page that shows and changes the simulated set; and an HTTP\n"
+      "interface. Exits on SIGINT, SIGTERM or SIGHUP; SIGHUP is ignored under nohup.\n"
       "Exit status: 0 success, 2 wrong command line, 3 the desk cannot start.");
   CLI::Option* store = AddStoreOption(command, options.host.store);
   command.add_flag("--temporary", options.temporary, "Use a new store and remove it on exit")->excludes(store);
@@ -24,7 +24,7 @@ void AddDeskOptions(CLI::App& command, DeskOptions& options) {
       ->type_name("ADDRESS");
   command.add_flag("--token", options.token,
                    "Require a token from every client. The printed link contains it, and the store's folder keeps\n"
-                   "it. For machines with several users, and for pages from other origins");
+                   "it. Use it on a machine with several users, and for pages from other origins");
   command.add_flag("--until-closed", options.until_closed, "Also exit when standard input is closed");
 }
 

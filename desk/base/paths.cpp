@@ -17,8 +17,8 @@ std::filesystem::path Program() {
   return std::filesystem::read_symlink("/proc/self/exe", ignored);
 }
 
-/// Resolves `relative` against the folder of the installation or build that contains `bin`. The programs are at
-/// different depths below it.
+/// `relative` below the nearest parent folder of this program that contains `bin/mirado`: the root of the installation
+/// or build.
 std::string UnderPrefix(const char* relative) {
   std::filesystem::path prefix = Program().parent_path();
   std::error_code ignored;

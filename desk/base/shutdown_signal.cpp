@@ -30,6 +30,7 @@ void ShutdownSignal::Raise() {
   static_cast<void>(!write(raised_.get(), &once, sizeof once));
 }
 
+// Neither descriptor is ever read, so a signal stays pending and this stays true.
 bool ShutdownSignal::IsRaised() const {
   std::array<pollfd, 2> polled = {{{signals_.get(), POLLIN, 0}, {raised_.get(), POLLIN, 0}}};
   return poll(polled.data(), polled.size(), 0) > 0;

@@ -27,11 +27,11 @@ std::size_t Distance(std::string_view text, std::string_view other) {
 }  // namespace
 
 std::string Suggestion(const std::string& text, const std::vector<std::string>& known) {
-  std::size_t least = text.size() / 6 + 2;  // a word at this distance or more is not suggested
+  std::size_t limit = text.size() / 6 + 2;  // a word at this distance or more is not suggested
   std::string suggestion;
   for (const std::string& each : known) {
-    if (const std::size_t distance = Distance(text, each); distance < least) {
-      least = distance;
+    if (const std::size_t distance = Distance(text, each); distance < limit) {
+      limit = distance;
       suggestion = "; did you mean " + each + "?";
     }
   }

@@ -46,14 +46,14 @@ std::string Escaped(std::string_view text, bool quoted) {
   return out;
 }
 
-/// The content of a text in double quotes; empty if `argument` is not one.
+/// The content of a text in double quotes; nullopt if `argument` is not in quotes.
 std::optional<std::string> Unquoted(std::string_view argument) {
   if (argument.size() < 2 || argument.front() != '"' || argument.back() != '"') {
     return std::nullopt;
   }
   argument = argument.substr(1, argument.size() - 2);
   std::string text;
-  std::string part;  // a part without \x, which JSON does not have
+  std::string part;  // the text since the last \x escape; JSON has no \x
   const auto end_part = [&] {
     const auto json = ParseJson('"' + std::exchange(part, {}) + '"');
     if (json.ok()) {
@@ -99,6 +99,7 @@ std::string ToArgument(const vconf::Value& value) {
   if (text == nullptr) {
     return ToText(ToJson(value));
   }
+  // `mirado` prints (missing) and (removed) without quotes.
   return text->empty() || text->front() == '(' || NeedsQuotes(*text) || ValueFromArgument(*text) != value
              ? Quoted(*text)
              : *text;

@@ -20,7 +20,7 @@ std::string_view ShortName(const Setting& setting) {
   return setting.enumerator.substr(setting.enumerator.find(kKey) + kKey.size());
 }
 
-/// The advice for `status`, for the store that `where` names.
+/// What the user can do: empty unless the store is damaged. `where` is the `--store` option to repeat.
 std::string RepairAdvice(const vconf::Status& status, const std::string& where) {
   return status.code() != vconf::Code::kDamaged
              ? ""
@@ -49,11 +49,12 @@ int WithStore(const StoreOption& store, IfMissing if_missing, const std::functio
       if_missing == IfMissing::kFail && store.IsNamed() ? vconf::OpenStore(store.folder) : OpenSet(store.folder);
   if (!opened.ok()) {
     std::error_code failed;
-    const bool none = opened.code() == vconf::Code::kMissing && !store.folder.empty() &&
-                      (!std::filesystem::exists(store.folder, failed) ||
-                       (std::filesystem::is_empty(store.folder, failed) && !failed));
-    PrintError(opened.text() + (none ? "; `mirado reset" + where + "` creates one" : RepairAdvice(opened, where)));
-    return kCannotWork;  // for every cause: a missing store does not mean that a key is missing
+    const bool can_create = opened.code() == vconf::Code::kMissing && !store.folder.empty() &&
+                            (!std::filesystem::exists(store.folder, failed) ||
+                             (std::filesystem::is_empty(store.folder, failed) && !failed));
+    PrintError(opened.text() +
+               (can_create ? "; `mirado reset" + where + "` creates one" : RepairAdvice(opened, where)));
+    return kCannotWork;  // always 3: status 1 would mean that the key is missing
   }
   const auto status = work();
   if (!status.ok()) {
@@ -79,8 +80,10 @@ vconf::Result<std::string> PathFromArgument(const std::string& argument) {
     }
     known.emplace_back(text.find("_KEY_") == std::string::npos ? name : setting.enumerator);
   }
-  return vconf::Status(vconf::Code::kBadName, Quoted(text) + " is not a path, and not a setting's constant or number" +
-                                                  Suggestion(text, known));
+  return vconf::Status(vconf::Code::kBadName,
+                       Quoted(text) +
+                           " is neither a path (such as db/menu/caption/caption) nor a setting's constant or number" +
+                           Suggestion(text, known));
 }
 
 void WarnIfUnknown(const std::string& path, const std::string& what, const std::vector<std::string>& known) {

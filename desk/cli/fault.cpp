@@ -61,7 +61,7 @@ vconf::Status Clear(const std::vector<std::string>& arguments) {
 void WarnAboutPath(const FaultCall& call, const vconf::Fault& fault) {
   if (fault.path != kEveryPath && !call.path.empty()) {
     const auto known = KnownPaths(call.prefix);
-    WarnIfUnknown(fault.path, "the fault is set, but this is not known as " + std::string(call.path),
+    WarnIfUnknown(fault.path, "the fault is set, but the simulated set does not use this as " + std::string(call.path),
                   known.ok() ? *known : std::vector<std::string>());
   } else if (fault.path != kEveryPath && !fault.path.empty()) {
     WarnIfUnknown(fault.path, "the fault is set, but has no effect, because " + fault.call + " has no path", {});
@@ -107,6 +107,13 @@ void Check(const FaultOptions& options) {
   }
 }
 
+class FaultFormatter : public CLI::Formatter {
+ public:
+  std::string make_usage(const CLI::App* /*app*/, std::string /*name*/) const override {
+    return "Usage: mirado fault [OPTIONS] [CALL [PATH] ANSWER]\n";
+  }
+};
+
 std::string Calls() {
   std::string text = "The calls, which answers are failures of them, and what PATH is:\n";
   const auto add = [&](std::string_view column, std::size_t width) {
@@ -126,6 +133,7 @@ std::string Calls() {
 void AddFaultCommand(CLI::App& app, Run& run) {
   auto options = std::make_shared<FaultOptions>();
   auto* command = app.add_subcommand("fault", "Make a call of the set fail, or list or clear such faults");
+  command->formatter(std::make_shared<FaultFormatter>());
   command->footer(
       "  mirado fault CALL [PATH] ANSWER [--times N]\n"
       "  mirado fault --list\n"
@@ -143,7 +151,9 @@ void AddFaultCommand(CLI::App& app, Run& run) {
       ->capture_default_str();
   auto* list = command->add_flag("--list", options->list, "Print the faults")->excludes(fault);
   command
-      ->add_flag("--clear", options->clear, "Clear all faults, or that of CALL for PATH (without PATH: for every path)")
+      ->add_flag("--clear", options->clear,
+                 "Clear all faults; with CALL PATH, the fault for that path; with CALL alone, only the fault that was "
+                 "set without PATH")
       ->excludes(list);
   AddJsonOption(*command, options->json);
   command->callback([options, &run] {

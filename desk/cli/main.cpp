@@ -44,7 +44,9 @@ int Main(const std::vector<std::string>& arguments) {
   Run run;
   AddHostCommand(app, run);
   DeskOptions desk;  // declared for help, manual and completion; the other program parses them
-  AddDeskOptions(*app.add_subcommand("desk", "Serve pages in a desktop browser"), desk);
+  AddDeskOptions(
+      *app.add_subcommand("desk", "Connect pages in a desktop browser to the plug-in, and show the simulated set"),
+      desk);
   AddStoreCommands(app, run);
   AddSetUpCommand(app, run);
   AddFaultCommand(app, run);

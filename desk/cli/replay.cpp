@@ -18,7 +18,7 @@
 #include "dlog_control.h"
 #include "host/recording.h"
 
-extern "C" {  // which this header forgets
+extern "C" {  // missing in this header
 #include <sys/pidfd.h>
 }
 
@@ -47,8 +47,8 @@ int ReplayOne(const std::string& file, const std::string& plugin, const std::str
   return difference->empty() ? kDone : kRefused;
 }
 
-/// Runs in a separate process, so that neither the plug-in's state nor a crash affects the next recording. The store is
-/// removed by this process, so also after a crash.
+/// Replays `file` in a child process, so that neither the plug-in's state nor a crash affects the next recording. The
+/// parent removes the store, even if the child crashes.
 int ReplayInChild(const std::string& file, const ReplayOptions& options, const ShutdownSignal& shutdown) {
   const TemporaryFolder folder("mirado-replay");
   if (!folder.status().ok()) {
@@ -62,9 +62,9 @@ int ReplayInChild(const std::string& file, const ReplayOptions& options, const S
     dlog::SetThreshold(options.log_level);
     std::exit(WithCheckedOutput([&] { return ReplayOne(file, options.plugin, folder.path() / "store"); }));
   }
-  const UniqueFd end(child > 0 ? pidfd_open(child, 0) : -1);
-  const std::string error = end ? "" : std::strerror(errno);
-  const bool ended = end && shutdown.WaitFor(end.get());
+  const UniqueFd child_exit(child > 0 ? pidfd_open(child, 0) : -1);
+  const std::string error = child_exit ? "" : std::strerror(errno);
+  const bool ended = child_exit && shutdown.WaitFor(child_exit.get());
   int status = 0;
   if (child > 0) {
     if (!ended) {

@@ -32,12 +32,12 @@ using Options = std::shared_ptr<SetUpOptions>;
 
 std::string OnOff(const Json& json) { return json.is_null() ? "unknown" : json == true ? "on" : "off"; }
 
-std::string Typed(const std::string& text) { return ShellWord(TextToArgument(text)); }
+std::string AsArgument(const std::string& text) { return ShellWord(TextToArgument(text)); }
 
 std::string Items(const Json& items) {
   std::string words;
   for (const Json& item : items) {
-    words += " " + item["value"].dump() + "=" + Typed(item["label"].get<std::string>());
+    words += " " + item["value"].dump() + "=" + AsArgument(item["label"].get<std::string>());
   }
   return words.empty() ? " --empty" : words;
 }
@@ -46,21 +46,21 @@ std::string Items(const Json& items) {
 std::vector<std::string> Lines(const Json& set) {
   std::vector<std::string> lines = {"b2b " + OnOff(set["b2b"])};
   for (const auto& [uri, held] : set["privileges"].items()) {
-    lines.push_back("privilege " + OnOff(held) + " " + Typed(uri));
+    lines.push_back("privilege " + OnOff(held) + " " + AsArgument(uri));
   }
   lines.push_back("picture-size " + (set["pictureSize"].is_null() ? "none" : set["pictureSize"].dump()));
   for (const auto& [name, items] : set["lists"].items()) {
-    lines.push_back("items " + Typed(name) + Items(items));
+    lines.push_back("items " + AsArgument(name) + Items(items));
   }
   const Json& embedder = set["embedder"];
   lines.push_back("embedder offered " + OnOff(embedder["offered"]));
-  lines.push_back("embedder name " + Typed(embedder["name"].get<std::string>()));
+  lines.push_back("embedder name " + AsArgument(embedder["name"].get<std::string>()));
   for (const auto& [operation, reply] : embedder["replies"].items()) {
     const auto value = ToValue(ParsedJson(reply));
-    lines.push_back("embedder reply " + Typed(operation) + " " + ShellWord(value ? ToArgument(*value) : "none"));
+    lines.push_back("embedder reply " + AsArgument(operation) + " " + ShellWord(value ? ToArgument(*value) : "none"));
   }
   for (const auto& [command, milliseconds] : set["latency"].items()) {
-    lines.push_back("latency " + Typed(command) + " " + milliseconds.dump());
+    lines.push_back("latency " + AsArgument(command) + " " + milliseconds.dump());
   }
   return lines;
 }
@@ -94,7 +94,8 @@ vconf::Status Show(const SetUpOptions& options, const std::string& words, const 
   return {};
 }
 
-/// Each reader converts the arguments to the new value; null removes it.
+// Each of the Read functions below converts the arguments to the new value; null removes the value.
+
 Json ReadOnOff(const SetUpOptions& given) { return given.value == "unknown" ? Json() : Json(given.value == "on"); }
 
 /// An integer, or null for "none".
@@ -104,7 +105,7 @@ Json FromNumber(const std::string& word) {
   }
   const auto value = ValueFromArgument(word);
   if (!std::holds_alternative<int>(value)) {
-    throw CLI::ValidationError(Quoted(word) + " is not a 32-bit integer and not none");
+    throw CLI::ValidationError(Quoted(word) + " is neither a 32-bit integer nor `none`");
   }
   return std::get<int>(value);
 }
@@ -145,7 +146,7 @@ void ShowOrChange(CLI::App& command, Run& run, const Options& options, const cha
     Json::json_pointer at(place);
     if (!options->name.empty() || (options->Changes() && !default_name.empty())) {
       at /= options->name.empty() ? std::string(default_name) : TextFromArgument(options->name);
-      words += " " + Typed(at.back());
+      words += " " + AsArgument(at.back());
     }
     const Json change = options->Changes() ? Nested(at, read(*options)) : Json();
     run = [=] {

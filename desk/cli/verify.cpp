@@ -38,15 +38,15 @@ int Verify(const VerifyOptions& options) {
     PrintError(recording.status().text());
     return kCannotWork;
   }
-  const std::vector<ParsedJson> asked = MessagesIn(*recording);
+  const std::vector<ParsedJson> sent = MessagesIn(*recording);
   const bool show = options.expected.messages.empty() && !options.expected.exact;
-  const std::string difference = show ? "" : AskedDifference(asked, options.expected);
+  const std::string difference = show ? "" : SentDifference(sent, options.expected);
   if (options.json) {
     Json json = {{"ok", difference.empty()}, {"difference", difference}};
-    json["asked"] = asked;
+    json["asked"] = sent;
     PrintJson(json);
   } else if (show) {
-    std::cout << AskedList(asked);
+    std::cout << SentList(sent);
   } else {
     std::cout << Printable(options.file)
               << (difference.empty() ? ": the page sent what is expected\n"
@@ -72,7 +72,7 @@ void AddVerifyCommand(CLI::App& app, Run& run) {
       ->add_option("FILE", options->file, "A recording, written by `mirado host --record` or saved on the desk's page")
       ->required();
   command->add_option("MESSAGE", options->messages,
-                      "Was sent at least as often as it is named here; at most 100 of them");
+                      "A message that the page must have sent; name it twice if it must be sent twice. At most 100");
   auto* order = command->add_flag("--order", options->expected.order, "The messages were sent in this order");
   auto* exact = command->add_flag("--exact", options->expected.exact, "No other messages were sent");
   command->add_option("--times", options->times, "Each MESSAGE was sent exactly N times; other messages are ignored")

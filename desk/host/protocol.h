@@ -14,8 +14,8 @@ namespace desk {
 
 /// The input of a host.
 enum class In {
-  kSend,    ///< {"send": M}: a message on whose reply the page waits
-  kPost,    ///< {"post": M}: a message that the page does not wait on
+  kSend,    ///< {"send": M}: a message whose reply the page waits for
+  kPost,    ///< {"post": M}: a message whose reply the page does not wait for
   kSet,     ///< {"set": {"path": value}}: a change of the store, as if another program made it
   kSettle,  ///< {"settle": true}: wait until all requests and changes so far have been handled
   kRecord,  ///< {"record": true or false}: start or end a recording; requires --report
@@ -32,6 +32,7 @@ enum class Out {
   kRecord,   ///< {"record": LINE}: a line of the recording
 };
 
+/// In the order of the enumerators.
 inline constexpr std::array<std::string_view, 5> kInNames = {"send", "post", "set", "settle", "record"};
 inline constexpr std::array<std::string_view, 7> kOutNames = {"reply", "message", "settled", "error",
                                                               "log",   "watches", "record"};

@@ -50,7 +50,7 @@ vconf::Status BadRecording(std::string text) { return {vconf::Code::kFailed, std
 
 vconf::Status ReadStart(const ParsedJson& json, Recording& recording) {
   if (json.value("recording", ParsedJson()) != kVersion || !json.contains("state") || !json.contains("faults")) {
-    return BadRecording("not the first line of a recording");
+    return BadRecording("is not the first line of a recording; use a file written by `mirado host --record`");
   }
   auto state = StateFromJson(json);
   if (!state.ok()) {
@@ -265,7 +265,7 @@ std::string Difference(const Recording& recording, const std::vector<ParsedJson>
       }
     }
     if (different > kShown) {
-      text += "  " + std::to_string(different - kShown) + " further differences of kind " + kind + "\n";
+      text += "  " + std::to_string(different - kShown) + " more differences in kind \"" + kind + "\" are not shown\n";
     }
   }
   return text;

@@ -25,12 +25,12 @@ vconf::Result<Request> ParseRequest(std::string_view line);
 
 /// Reads lines from `input` until it ends or `shutdown` is raised, and passes each request to `handle`, which returns
 /// its failure. For each line that fails it passes one `error` line with the line's number to `on_error`. Returns
-/// whether none failed.
+/// true if no line failed.
 bool ReadRequests(int input, const ShutdownSignal& shutdown,
                   const std::function<vconf::Status(std::string_view line, const Request& request)>& handle,
                   const std::function<void(const Json&)>& on_error);
 
-/// The latency that the set has for `request`.
+/// The delay that the simulated set adds to `request`.
 std::chrono::milliseconds Latency(const Request& request);
 
 /// A page's session with the plug-in in this process: JSON lines in and out.

@@ -38,10 +38,10 @@ std::string Text(const ParsedJson& json) {
 }
 
 /// The first messages that match `pattern`, at most `most`.
-std::vector<std::size_t> Candidates(const std::vector<ParsedJson>& asked, const ParsedJson& pattern, std::size_t most) {
+std::vector<std::size_t> Candidates(const std::vector<ParsedJson>& sent, const ParsedJson& pattern, std::size_t most) {
   std::vector<std::size_t> candidates;
-  for (std::size_t at = 0; at < asked.size() && candidates.size() < most; ++at) {
-    if (Matches(asked[at], pattern)) {
+  for (std::size_t at = 0; at < sent.size() && candidates.size() < most; ++at) {
+    if (Matches(sent[at], pattern)) {
       candidates.push_back(at);
     }
   }
@@ -50,13 +50,13 @@ std::vector<std::size_t> Candidates(const std::vector<ParsedJson>& asked, const 
 
 /// Assigns messages to patterns, such that as many patterns as possible have a message (bipartite matching). A message
 /// may match several patterns: a pattern takes a message from another one that can use a different message.
-std::vector<std::size_t> Assign(const std::vector<ParsedJson>& asked, const std::vector<ParsedJson>& patterns) {
+std::vector<std::size_t> Assign(const std::vector<ParsedJson>& sent, const std::vector<ParsedJson>& patterns) {
   std::vector<std::vector<std::size_t>> candidates;
   candidates.reserve(patterns.size());
   for (const ParsedJson& pattern : patterns) {
-    candidates.push_back(Candidates(asked, pattern, patterns.size()));  // with so many, one is always free
+    candidates.push_back(Candidates(sent, pattern, patterns.size()));  // with so many, one is always free
   }
-  std::vector<std::size_t> taken(asked.size(), kNone);
+  std::vector<std::size_t> taken(sent.size(), kNone);
   std::vector<bool> tried;
   const std::function<bool(std::size_t)> place = [&](std::size_t pattern) {
     return std::ranges::any_of(candidates[pattern], [&](std::size_t at) {
@@ -70,22 +70,22 @@ std::vector<std::size_t> Assign(const std::vector<ParsedJson>& asked, const std:
     });
   };
   for (std::size_t pattern = 0; pattern < patterns.size(); ++pattern) {
-    tried.assign(asked.size(), false);
+    tried.assign(sent.size(), false);
     place(pattern);
   }
   return taken;
 }
 
 /// The same in order: each pattern takes the first matching message after that of the previous pattern.
-std::vector<std::size_t> AssignInOrder(const std::vector<ParsedJson>& asked, const std::vector<ParsedJson>& patterns) {
-  std::vector<std::size_t> taken(asked.size(), kNone);
+std::vector<std::size_t> AssignInOrder(const std::vector<ParsedJson>& sent, const std::vector<ParsedJson>& patterns) {
+  std::vector<std::size_t> taken(sent.size(), kNone);
   std::size_t begin = 0;
   for (std::size_t pattern = 0; pattern < patterns.size(); ++pattern) {
     std::size_t at = begin;
-    while (at < asked.size() && !Matches(asked[at], patterns[pattern])) {
+    while (at < sent.size() && !Matches(sent[at], patterns[pattern])) {
       ++at;
     }
-    if (at < asked.size()) {
+    if (at < sent.size()) {
       taken[at] = pattern;
       begin = at + 1;
     }
@@ -93,26 +93,26 @@ std::vector<std::size_t> AssignInOrder(const std::vector<ParsedJson>& asked, con
   return taken;
 }
 
-std::string WrongCounts(const std::vector<ParsedJson>& asked, const Expectation& expected) {
+std::string WrongCounts(const std::vector<ParsedJson>& sent, const Expectation& expected) {
   std::string text;
   for (const ParsedJson& pattern : expected.messages) {
-    const auto count = std::ranges::count_if(asked, [&](const auto& message) { return Matches(message, pattern); });
+    const auto count = std::ranges::count_if(sent, [&](const auto& message) { return Matches(message, pattern); });
     if (count != *expected.times) {
-      text += "  sent " + std::to_string(count) + " times instead of " + std::to_string(*expected.times) + ": " +
-              Text(pattern) + "\n";
+      text += "  number of times sent: " + std::to_string(count) + " instead of " + std::to_string(*expected.times) +
+              ": " + Text(pattern) + "\n";
     }
   }
   return text;
 }
 
-std::string Missing(const std::vector<ParsedJson>& asked, const ParsedJson& pattern, bool in_order) {
-  if (in_order && std::ranges::any_of(asked, [&](const auto& message) { return Matches(message, pattern); })) {
+std::string Missing(const std::vector<ParsedJson>& sent, const ParsedJson& pattern, bool in_order) {
+  if (in_order && std::ranges::any_of(sent, [&](const auto& message) { return Matches(message, pattern); })) {
     return "  sent, but not in this order: " + Text(pattern) + "\n";
   }
   std::string text = "  not sent: " + Text(pattern) + "\n";
   const auto alike = std::ranges::find_if(
-      asked, [&](const auto& message) { return !KindOf(message).is_null() && KindOf(message) == KindOf(pattern); });
-  if (alike != asked.end() && !Matches(*alike, pattern)) {
+      sent, [&](const auto& message) { return !KindOf(message).is_null() && KindOf(message) == KindOf(pattern); });
+  if (alike != sent.end() && !Matches(*alike, pattern)) {
     text += "  but sent: " + Text(*alike) + "\n";
   }
   return text;
@@ -155,32 +155,32 @@ vconf::Status CheckExpectation(const Expectation& expected) {
   return {};
 }
 
-std::string AskedDifference(const std::vector<ParsedJson>& asked, const Expectation& expected) {
+std::string SentDifference(const std::vector<ParsedJson>& sent, const Expectation& expected) {
   std::string text;
   if (expected.times) {
-    text = WrongCounts(asked, expected);
+    text = WrongCounts(sent, expected);
   } else {
-    const auto taken = (expected.order ? AssignInOrder : Assign)(asked, expected.messages);
+    const auto taken = (expected.order ? AssignInOrder : Assign)(sent, expected.messages);
     for (std::size_t pattern = 0; pattern < expected.messages.size(); ++pattern) {
       if (std::ranges::find(taken, pattern) == taken.end()) {
-        text += Missing(asked, expected.messages[pattern], expected.order);
+        text += Missing(sent, expected.messages[pattern], expected.order);
       }
     }
-    for (std::size_t at = 0; expected.exact && at < asked.size(); ++at) {
+    for (std::size_t at = 0; expected.exact && at < sent.size(); ++at) {
       if (taken[at] == kNone) {
-        text += "  sent, but not expected: " + Text(asked[at]) + "\n";
+        text += "  sent, but not expected: " + Text(sent[at]) + "\n";
       }
     }
   }
-  return text.empty() ? text : text + "the page sent:\n" + AskedList(asked);
+  return text.empty() ? text : text + "the page sent:\n" + SentList(sent);
 }
 
-std::string AskedList(const std::vector<ParsedJson>& asked) {
-  std::string text = asked.empty() ? "  no messages\n" : "";
-  for (std::size_t at = 0; at < std::min(asked.size(), kShown); ++at) {
-    text += "  " + std::to_string(at + 1) + "  " + Text(asked[at]) + "\n";
+std::string SentList(const std::vector<ParsedJson>& sent) {
+  std::string text = sent.empty() ? "  no messages\n" : "";
+  for (std::size_t at = 0; at < std::min(sent.size(), kShown); ++at) {
+    text += "  " + std::to_string(at + 1) + "  " + Text(sent[at]) + "\n";
   }
-  return asked.size() > kShown ? text + "  and " + std::to_string(asked.size() - kShown) + " more\n" : text;
+  return sent.size() > kShown ? text + "  and " + std::to_string(sent.size() - kShown) + " more\n" : text;
 }
 
 }  // namespace desk

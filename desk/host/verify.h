@@ -28,10 +28,10 @@ vconf::Result<Expectation> ExpectationFromJson(const ParsedJson& json);
 vconf::Status CheckExpectation(const Expectation& expected);
 
 /// Missing, unexpected and misplaced messages, as lines for a person, with the messages sent instead; empty if all is
-/// as expected. `asked` has the page's messages in order; `expected` must pass `CheckExpectation`.
-std::string AskedDifference(const std::vector<ParsedJson>& asked, const Expectation& expected);
+/// as expected. `sent` has the page's messages in order; `expected` must pass `CheckExpectation`.
+std::string SentDifference(const std::vector<ParsedJson>& sent, const Expectation& expected);
 
 /// The page's messages as numbered lines.
-std::string AskedList(const std::vector<ParsedJson>& asked);
+std::string SentList(const std::vector<ParsedJson>& sent);
 
 }  // namespace desk

@@ -130,8 +130,9 @@ vconf::Status Desk::Start() {
   constexpr std::size_t kFewest = 24;
   const std::size_t free = FreeDescriptors();
   if (free < kOwn + kFewest) {
-    return {vconf::Code::kFull, "this process may open " + std::to_string(free) + " more files and the desk needs " +
-                                    std::to_string(kOwn + kFewest) + "; raise the limit (ulimit -n)"};
+    return {vconf::Code::kFull, "this process may open only " + std::to_string(free) +
+                                    " more files, but the desk needs " + std::to_string(kOwn + kFewest) +
+                                    "; raise the limit (ulimit -n)"};
   }
   limits = Limits::For(free - kOwn);
   pages.set_limit(limits.pages);
@@ -319,7 +320,7 @@ int Desk::Run() {
   loop.restart();
   loop.run_for(kShutdownTime);
   if (store_busy_) {
-    std::cerr << "mirado desk: a change of the store does not finish; a disk may hang" << std::endl;
+    std::cerr << "mirado desk: a change of the store has not finished; the disk may not be responding" << std::endl;
     std::_Exit(status_);
   }
   store_thread_.join();

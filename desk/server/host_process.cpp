@@ -17,7 +17,7 @@
 
 #include "base/unique_fd.h"
 
-extern "C" {  // which this header forgets
+extern "C" {  // missing in this header
 #include <sys/pidfd.h>
 }
 
@@ -42,7 +42,7 @@ struct Pipe {
 Pipe MakePipe() {
   std::array<int, 2> ends{};
   if (pipe2(ends.data(), O_CLOEXEC) != 0) {
-    ThrowErrno("no more pipes");
+    ThrowErrno("a pipe cannot be created");
   }
   return {.read = UniqueFd(ends[0]), .write = UniqueFd(ends[1])};
 }
@@ -115,11 +115,11 @@ void HostProcess::Run(const std::vector<std::string>& command) {
     BecomeProgram(arguments.data(), input.read.get(), output.write.get(), log.write.get(), parent);
   }
   if (pid_ < 0) {
-    ThrowErrno("no more processes");
+    ThrowErrno("a process cannot be started");
   }
   const int child = pidfd_open(pid_, 0);
   if (child < 0) {
-    ThrowErrno("no more descriptors");
+    ThrowErrno("the process cannot be watched");
   }
   child_.assign(child);
   input_.assign(input.write.Release());

@@ -61,7 +61,7 @@ vconf::Status Listener::ListenOn(const Address& address, int port) {
     acceptor->non_blocking(true);
   } catch (const boost::system::system_error& error) {
     return {vconf::Code::kFailed, InBrackets(address) + ":" + std::to_string(port) + ": " + error.code().message() +
-                                      "; is another desk running? --port takes another port"};
+                                      "; is another desk running? use --port to choose another port"};
   }
   port_ = acceptor->local_endpoint().port();
   acceptors_.push_back(std::move(acceptor));
@@ -94,7 +94,7 @@ vconf::Status Listener::Listen(int port, const std::string& address) {
     other = boost::asio::ip::make_address(address, error);
     if (error) {
       return {vconf::Code::kBadValue,
-              address + " is not an address; --listen takes one of this machine's, such as 192.168.1.20"};
+              address + " is not an address; --listen needs an IP address of this machine, such as 192.168.1.20"};
     }
   }
   if (other.is_unspecified()) {  // includes loopback of its family

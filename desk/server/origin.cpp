@@ -94,7 +94,7 @@ std::optional<std::string> OriginCheck::Refuse(const Claim& claim) const {
     return std::nullopt;  // A script that does not load could not report why.
   }
   if (!token_.empty() && !knows) {
-    return "this desk needs its token: use the link that it printed";
+    return "the request has no token or a wrong one; use the link that the desk printed";
   }
   if (knows) {
     return std::nullopt;

@@ -31,7 +31,9 @@ vconf::Result<PageDescription> ReadDescription(const ParsedJson& body) {
     } else if (name == "grace" && value.is_number_integer() && value >= 1 && value <= kMaxGrace.count()) {
       description.grace = std::chrono::seconds(value.get<int>());
     } else {
-      return BadValue("\"" + name + "\" is not one of title (text), url (text) and grace (1 to 3600 seconds)");
+      return BadValue(
+          "\"" + name +
+          "\" is unknown or has a wrong value; allowed are title (text), url (text) and grace (1 to 3600 seconds)");
     }
   }
   return description;
@@ -208,14 +210,14 @@ Answer Verify(const Page& page, const ParsedJson& body) {
   if (page.dialogue().newest() > page.dialogue().kept().size()) {
     return Fail(409, "the page has sent more than the desk keeps; verify it sooner");
   }
-  std::vector<ParsedJson> asked;
+  std::vector<ParsedJson> sent;
   for (const EventLog::Event& event : page.dialogue().kept()) {
     ParsedJson entry = ParsedJson::parse(*event.data);
     if (entry["kind"] == "send" || entry["kind"] == "post") {
-      asked.push_back(std::move(entry["body"]));
+      sent.push_back(std::move(entry["body"]));
     }
   }
-  const std::string difference = AskedDifference(asked, *expected);
+  const std::string difference = SentDifference(sent, *expected);
   return JsonAnswer({{"ok", difference.empty()}, {"difference", difference}});
 }
 

@@ -51,7 +51,7 @@ int Serve(const DeskOptions& options) {
 
 int Main(int argc, char** argv) {
   DeskOptions options;
-  CLI::App app("Serve pages in a desktop browser", "mirado desk");
+  CLI::App app("Connect pages in a desktop browser to the plug-in, and show the simulated set", "mirado desk");
   AddDeskOptions(app, options);
   try {
     app.parse(argc, argv);

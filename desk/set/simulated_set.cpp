@@ -71,23 +71,25 @@ Json DescribeItems(const vconf::Value& value) {
 struct Part {
   std::string_view name;  ///< a path in the description, such as "embedder/name"
   std::string path;       ///< of the key; if it ends in '/', the part is an object, and each of its members has a key
-  std::string_view form;  ///< which values `parse` accepts, for a message
+  std::string_view form;  ///< the accepted values, for a message
   std::optional<vconf::Value> (*parse)(const ParsedJson&);  ///< empty for a wrong value
   Json missing = nullptr;                                   ///< the description of a missing key
 };
 
 std::span<const Part> Parts() {
-  constexpr std::string_view kBool = "true, false";
-  constexpr std::string_view kInt = "a 32-bit integer";
+  constexpr std::string_view kBool = "true, false or null";
+  constexpr std::string_view kInt = "a 32-bit integer or null";
   static const std::array<Part, 8> parts{{
       {"b2b", FeaturePath(), kBool, ParseAs<bool>},
       {"privileges", kPrivilegePrefix, kBool, ParseAs<bool>},
       {"pictureSize", panelbase::kPictureSizePath, kInt, ParseAs<int>},
-      {"lists", prefdeck::kListPrefix, R"(an array of {"value": an integer, "label": a text of one line})", ParseItems},
+      {"lists", prefdeck::kListPrefix, R"(an array of {"value": an integer, "label": a text of one line}, or null)",
+       ParseItems},
       {"embedder/offered", kEmbedderOffered, kBool, ParseAs<bool>, true},
-      {"embedder/name", kEmbedderName, "a text", ParseAs<std::string>, kDefaultEmbedderName},
-      {"embedder/replies", kReplyPrefix, "a 32-bit integer, true, false, a text", ToValue},
-      {"latency", kLatencyPrefix, "an integer from 0 to 60000 (milliseconds)", ParseLatency},
+      {"embedder/name", kEmbedderName, "a text or null", ParseAs<std::string>, kDefaultEmbedderName},
+      {"embedder/replies", kReplyPrefix, "a 32-bit integer, true, false, a text or null", ToValue},
+      {"latency", kLatencyPrefix, "an integer from 0 to 60000 (milliseconds), or null (`none` on the command line)",
+       ParseLatency},
   }};
   static_assert(kMaxLatency == 60'000, "the form of a latency names it");
   return parts;
@@ -122,7 +124,7 @@ vconf::Status ParseMember(const Part& part, const std::string& name, const Parse
   std::optional<vconf::Value> value;
   if (!json.is_null()) {
     if (part.path == kLatencyPrefix && std::ranges::find(commands, name, &Command::name) == commands.end()) {
-      std::string error = full_name + " is not a command of the plug-in; the commands are:";
+      std::string error = "\"" + name + "\" is not a command of the plug-in; the commands are:";
       for (const Command& command : commands) {
         error.append(" ").append(command.name);
       }
@@ -130,7 +132,7 @@ vconf::Status ParseMember(const Part& part, const std::string& name, const Parse
     }
     value = part.parse(json);
     if (!value) {
-      return BadValue((full_name + " must be ").append(part.form) + " or null");
+      return BadValue((full_name + " must be ").append(part.form));
     }
   }
   changes.emplace_back(part.path + name, std::move(value));

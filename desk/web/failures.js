@@ -9,7 +9,7 @@ const CALLS = {
   vconf_set_bool: { text: "writing @", any: "any switch" },
   vconf_sync_key: { text: "saving @ to disk", any: "any setting" },
   vconf_notify_key_changed: { text: "starting to watch @", any: "any setting" },
-  vconf_ignore_key_changed: { text: "ending to watch @", any: "any setting" },
+  vconf_ignore_key_changed: { text: "ending the watch of @", any: "any setting" },
   system_info_get_custom_bool: { text: "asking whether the set has @", any: "any feature" },
   GetItemDataList: { text: "reading the list @", any: "of any name" },
   CreateVideoControl: { text: "getting the video control" },

@@ -42,7 +42,7 @@ export async function readDesk() {
 
 async function replaceStore() {
   const { folder } = state.desk.store;
-  const sure = await ask("Replace the store?", `All settings and the set become as new. The files that are in ${folder} now are ` +
+  const sure = await ask("Replace the store?", `All settings and the set get their initial values. The files that are in ${folder} now are ` +
       "kept in a folder beside it.", "Replace the store");
   if (!sure) return;
   await attempt("reset", async () => {

@@ -88,7 +88,7 @@ export class Rows {
     }
     this.fresh = 0;
     this.note.hidden = wanted.length > 0;
-    this.note.textContent = this.items.length ? "Nothing passes the filters." : this.empty;
+    this.note.textContent = this.items.length ? "No entry matches the filters." : this.empty;
     this.showNewest();
   }
 

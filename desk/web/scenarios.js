@@ -14,8 +14,8 @@ const act = (action) => attempt("scenario", async () => {
 });
 
 async function load(name) {
-  const sure = await ask(`Load the scenario ${name}?`, "Settings, lists, faults and delays become what they were when it was saved; what they are now is " +
-      "lost unless it is saved, too.", "Load it");
+  const sure = await ask(`Load the scenario ${name}?`, "Settings, lists, faults and delays get the saved values. Their present values are " +
+      "lost unless you save them first.", "Load it");
   if (sure) await act(async () => {
     await api.post(`${addressOf(name)}/load`);
     changed("again");

@@ -29,12 +29,12 @@ export class SettingRow {
     this.name = make("button", { type: "button", className: "name", "aria-expanded": "false", title: "Everything about this key",
       onclick: () => this.toggleDetails() }, setting.label ?? setting.path);
     this.meaning = make("span", { className: "meaning" });
-    this.place = make("span", { className: "value" });
+    this.valueBox = make("span", { className: "value" });
     this.error = make("p", { className: "invalid", role: "alert", hidden: true });
-    this.watch = make("button", { type: "button", className: "watch", onclick: () => this.toggleWatch() });
-    this.element = make("li", { className: "setting" }, this.name, this.meaning, this.place, ...setting.name ? [this.watch] : [], this.error);
+    this.watchButton = make("button", { type: "button", className: "watch", onclick: () => this.toggleWatch() });
+    this.element = make("li", { className: "setting" }, this.name, this.meaning, this.valueBox, ...setting.name ? [this.watchButton] : [], this.error);
     if (!setting.name) this.element.classList.add("other");
-    // Left in place it would run again whenever the row comes into sight.
+    // If the class stayed, the animation would run again whenever the row is shown.
     this.element.addEventListener("animationend", () => this.element.classList.remove("changed"));
   }
 
@@ -54,7 +54,7 @@ export class SettingRow {
   }
 
   replaceField(type) {
-    const hadFocus = this.place.contains(document.activeElement);
+    const hadFocus = this.valueBox.contains(document.activeElement);
     this.type = type;
     this.field = makeField(type, this.label, {
       write: (value) => this.write(value),
@@ -62,8 +62,8 @@ export class SettingRow {
     });
     const create = () => make("button", { type: "button", "aria-label": `Create ${this.label}`,
       onclick: () => this.write(this.setting.initial) }, "Create");
-    this.place.replaceChildren(...this.field ? [this.field.element] : type === "missing" ? [create()] : []);
-    if (hadFocus) this.place.querySelector("input, textarea, button:not([tabindex])")?.focus();
+    this.valueBox.replaceChildren(...this.field ? [this.field.element] : type === "missing" ? [create()] : []);
+    if (hadFocus) this.valueBox.querySelector("input, textarea, button:not([tabindex])")?.focus();
   }
 
   showMeaning() {
@@ -85,19 +85,19 @@ export class SettingRow {
 
   showWatchers(pages) {
     this.watchers = pages;
-    if (this.list) this.fillWatchers();
+    if (this.watcherList) this.fillWatchers();
     const page = listeningPage();
     const watches = pages.some(({ id }) => id === page?.id);
-    setText(this.watch, pages.length ? String(pages.length) : "watch");
-    this.watch.classList.toggle("unwatched", !pages.length);
-    this.watch.setAttribute("aria-pressed", String(watches));
-    this.watch.disabled = !page;
+    setText(this.watchButton, pages.length ? String(pages.length) : "watch");
+    this.watchButton.classList.toggle("unwatched", !pages.length);
+    this.watchButton.setAttribute("aria-pressed", String(watches));
+    this.watchButton.disabled = !page;
     const by = `watched by ${pages.length} ${pages.length === 1 ? "page" : "pages"}`;
-    this.watch.setAttribute("aria-label", `Watch ${this.label}; ${by}`);
-    this.watch.title = `${by[0].toUpperCase()}${by.slice(1)}. ${page ? `${watches ? "End watching" : "Watch"} from ${titleOf(page)}.` : "Choose a page to watch from it."}`;
+    this.watchButton.setAttribute("aria-label", `Watch ${this.label}; ${by}`);
+    this.watchButton.title = `${by[0].toUpperCase()}${by.slice(1)}. ${page ? `${watches ? "End watching" : "Watch"} from ${titleOf(page)}.` : "To watch this setting, first choose the page that watches it."}`;
   }
 
-  // Through the plug-in of the chosen page, as that page would.
+  // Sends the command to the plug-in of the chosen page, as the page itself would.
   toggleWatch() {
     const page = listeningPage();
     const { table, key } = this.setting;
@@ -114,20 +114,20 @@ export class SettingRow {
     this.name.setAttribute("aria-expanded", String(open));
     if (!open) {
       this.details.remove();
-      this.details = this.list = null;
+      this.details = this.watcherList = null;
       return;
     }
     const { name, key, initial, watchOnly } = this.setting;
     const fact = (term, ...content) => [make("dt", {}, term), make("dd", {}, ...content)];
     const copy = make("button", { type: "button", onclick: () => copyFrom(copy, this.path) }, "Copy");
-    this.list = make("dd");
+    this.watcherList = make("dd");
     this.details = make("div", { className: "details" },
       make("dl", {},
         ...name ? fact("Constant", make("code", {}, name), ` (${key})`) : [],
         ...fact("Path", make("code", {}, this.path), " ", copy),
         ...name ? fact("Initial value", String(initial)) : [],
-        ...name ? [make("dt", {}, "Watched by"), this.list] : []),
-      ...watchOnly ? [make("p", { className: "note" }, "A page can watch it, and neither read nor set it.")] : [],
+        ...name ? [make("dt", {}, "Watched by"), this.watcherList] : []),
+      ...watchOnly ? [make("p", { className: "note" }, "A page can watch this key, but cannot read or set it.")] : [],
       make("div", { className: "buttons" },
         ...name ? [make("button", { type: "button", onclick: () => this.write(initial) }, "Set to initial value")] : [],
         make("button", { type: "button", className: "danger", onclick: () => this.remove() }, "Remove key …")));
@@ -136,12 +136,12 @@ export class SettingRow {
   }
 
   fillWatchers() {
-    this.list.textContent = this.watchers.map(titleOf).join(", ") || "no page";
+    this.watcherList.textContent = this.watchers.map(titleOf).join(", ") || "no page";
   }
 
   async remove() {
     const name = this.setting.name ? shortName(this.setting) : this.path;
-    if (!await ask(`Remove ${name}?`, `The key ${this.path} and its value are gone for all programs of the set.`, "Remove it")) return;
+    if (!await ask(`Remove ${name}?`, `This removes the key ${this.path} and its value for all programs.`, "Remove it")) return;
     await attempt(`store ${this.path}`, () => api.remove(api.keyAddress(this.path)));
   }
 
@@ -151,7 +151,8 @@ export class SettingRow {
     this.element.classList.add("changed");
   }
 
-  /** `words` are lower case; each must be part of something that the key is known by, a number all of it. */
+  /** Whether the row matches all `words` (lower case): a number must equal the key's number or be part of its path; any
+   *  other word must be part of the name, label, group or path. */
   matches(words) {
     const { name = "", label = "", group = "", key } = this.setting;
     const known = `${name} ${name.replaceAll("_", " ")} ${label} ${group} ${this.path}`.toLowerCase();

@@ -5,7 +5,7 @@ export function findSetting(settings, name) {
   const found = settings.find((one) => [one.name, short(one.name), one.path].includes(name));
   if (found) return found;
   const names = settings.map((one) => short(one.name)).join(", ");
-  throw new TypeError(`mirado-desk: there is no setting ${name}, but there are ${names}`);
+  throw new TypeError(`mirado-desk: there is no setting ${name}; the settings are: ${names}`);
 }
 
 /** Throws a TypeError if `setting` has another type than `value`. */
@@ -20,13 +20,14 @@ export function checkValue(setting, value) {
 export function checkPath(call, path) {
   if (call.paths?.includes(path)) return;
   const right = call.path ? `its path is ${call.path}: ${call.paths.join(", ")}` : "it has no path";
-  throw new TypeError(`mirado-desk: ${call.name} cannot fail for ${path}; ${right}`);
+  throw new TypeError(`mirado-desk: ${path} is not a path of ${call.name}; ${right}`);
 }
 
 /** Throws a TypeError if `options` has a member that is not in `names`. */
 export function refuseUnknown(call, options, names) {
   const unknown = Object.keys(options).find((name) => !names.includes(name));
-  if (unknown) throw new TypeError(`mirado-desk: ${call} has no option ${unknown}, but ${names.join(", ")}`);
+  if (!unknown) return;
+  throw new TypeError(`mirado-desk: ${call} has no option ${unknown}; its options are: ${names.join(", ")}`);
 }
 
 /** Throws a TypeError if `fields` is not an object with fields of a message. `timeout` is an option, not a field. */

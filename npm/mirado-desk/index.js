@@ -98,8 +98,9 @@ class SimulatedSet {
     const isMeant = (page) => page.url.includes(url) && page.state === "running";
     const check = async () => (await this.pages()).filter(isMeant).at(-1);
     return this.until(check, ({ event }) => event === "page", timeout, () =>
-      `no page${url && ` of ${url}`} has opened. Has the test opened it, and has it an ` +
-      `<embed type="application/x-mirado">?${this.#injected ? "" : ` Does it load ${this.script}?`}`);
+      `no page${url && ` of ${url}`} has opened. Check that the test opens the page${this.#injected ? " and" : ","} ` +
+      'that the page contains <embed type="application/x-mirado">' +
+      `${this.#injected ? "" : `, and that it loads ${this.script}`}`);
   }
 
   async initScript() {

@@ -24,19 +24,20 @@ export class Page {
 
   async asked(command, fields = {}, options) {
     checkFields(fields, options, `asked("${command}", {}, { timeout: 300 })`);
-    const what = `asked ${command}${Object.keys(fields).length ? ` with ${JSON.stringify(fields)}` : ""}`;
+    const what = `not sent ${command}${Object.keys(fields).length ? ` with ${JSON.stringify(fields)}` : ""}`;
     return this.#next("asked", ["send", "post"], { command, ...fields }, options, what);
   }
   async told(fields, options) {
     checkFields(fields, options, 'told({ command: "setMenuValue" }, { timeout: 300 })');
-    return this.#next("told", ["reply", "message"], fields, options, `been told ${JSON.stringify(fields)}`);
+    return this.#next("told", ["reply", "message"], fields, options,
+      `received no reply or message with ${JSON.stringify(fields)}`);
   }
 
   async event(name, options) {
     const { tables, settings } = await this.#set.call("GET", "/api/catalog");
     const found = findSetting(settings, name);
     return this.#next("event", ["message"], { event: tables[found.table].event, value: found.key }, options,
-      `been told of a change of ${name}`);
+      `received no event for ${name}`);
   }
 
   async verify(messages, options = {}) {
@@ -76,7 +77,7 @@ export class Page {
       const entries = (await this.dialogue()).filter(({ kind }) => kinds.includes(kind)).slice(-10);
       const said = entries.map(({ n, kind, body }) =>
         `\n  ${kind} ${JSON.stringify(body)}${this.#taken.has(n) ? " (returned before)" : ""}`).join("") || "\n  none";
-      return `the page has not ${what}. Its last messages of this kind:${said}`;
+      return `the page has ${what}. The last ones were:${said}`;
     });
   }
 }

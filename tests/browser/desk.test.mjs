@@ -167,7 +167,7 @@ describe("the desk's page", () => {
     await page.getByRole("combobox", { name: "Setting", exact: true }).selectOption("CAPTION");
     await said(page, "APPS_TICKER").waitFor({ state: "detached" });
     await page.getByRole("combobox", { name: "Kind", exact: true }).selectOption("Events");
-    await page.locator("#talk").getByText("Nothing passes the filters").waitFor();
+    await page.locator("#talk").getByText("No entry matches the filters").waitFor();
   });
 
   it("follows the dialogue's end until somebody reads further up, also when the panel changes its size", async () => {
@@ -295,7 +295,7 @@ describe("the desk's page", () => {
     await page.getByRole("list", { name: "Faults" }).getByText("Reading CAPTION fails, once").waitFor();
     await form.getByLabel("Of", { exact: true }).fill("db/none");
     await form.getByRole("button").click();
-    await page.getByText("Reading db/none fails, once. The set has none of that name").waitFor();
+    await page.getByText("Reading db/none fails, once. The set has nothing of that name").waitFor();
     await page.getByLabel("Picture size", { exact: true }).fill("");
     await page.getByLabel("Picture size", { exact: true }).blur();
     await page.getByText("The picture size is a whole number").waitFor();

@@ -588,8 +588,8 @@ TEST_F(ReplayTest, VerifyComparesTheMessagesSent) {
        1,
        R"(  but sent: {"command":"setMenuValue","propertyKey":1)"},
       {{"getMenuValue", "--times", "2"}, 0, ""},
-      {{"getMenuValue", "--times", "3"}, 1, "  sent 2 times instead of 3: \"getMenuValue\"\n"},
-      {{"getMenuValue", "--times", "1"}, 1, "  sent 2 times instead of 1: \"getMenuValue\"\n"},
+      {{"getMenuValue", "--times", "3"}, 1, "  number of times sent: 2 instead of 3: \"getMenuValue\"\n"},
+      {{"getMenuValue", "--times", "1"}, 1, "  number of times sent: 2 instead of 1: \"getMenuValue\"\n"},
       {{"showCaption", "--times", "0"}, 0, ""},
       {{"setMenuValue", write, read, "--order"}, 0, ""},
       {{read, write, "--order"}, 1, "  sent, but not in this order: " + write},
@@ -629,7 +629,8 @@ TEST_F(ReplayTest, ADifferenceIsShownAndADamagedRecordingIsNamed) {
   replies.push_back({{"message", {{"event", "e"}}}});
   const std::string all = desk::Difference(none, replies);
   EXPECT_TRUE(all.starts_with("  reply 1\n    recorded: nothing\n    replayed: 1\n  reply 2\n")) << all;
-  EXPECT_TRUE(Holds(all, "  reply 5\n    recorded: nothing\n    replayed: 1\n  2 further differences of kind reply\n"))
+  EXPECT_TRUE(Holds(
+      all, "  reply 5\n    recorded: nothing\n    replayed: 1\n  2 more differences in kind \"reply\" are not shown\n"))
       << all;
   EXPECT_TRUE(all.ends_with("  event 1\n    recorded: nothing\n    replayed: {\"event\":\"e\"}\n")) << all;
   none.out = replies;

@@ -125,7 +125,7 @@ TEST_F(SetTest, AChangeThatIsNotUnderstoodChangesNothingAndNamesItsPart) {
       {R"({"b2b":false,"pictureSize":1.5})", "pictureSize"},
       {R"({"latency":{"getVersion":-1}})", "latency/getVersion"},
       {R"({"latency":{"getVersion":"1"}})", "latency/getVersion"},
-      {R"({"latency":{"x":1}})", "latency/x"},
+      {R"({"latency":{"x":1}})", "\"x\" is not a command"},
       {R"({"latency":5})", "latency"},
       {R"({"embedder":{"age":1}})", "embedder/age"},
       {R"({"embedder":null})", "embedder"},
