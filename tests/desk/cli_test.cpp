@@ -337,16 +337,16 @@ TEST_F(CliTest, ListNamesEverySettingAndKeepsItsLinesInColumns) {
 
 TEST_F(CliTest, WatchPrintsEveryChangeUntilItIsStopped) {
   Program watch({"watch", "memory/", "--now", "--store", store()}, log());
-  EXPECT_EQ(watch.Hear(), "memory/tv-viewer/bg_executable 1");
+  EXPECT_EQ(watch.ReadLine(), "memory/tv-viewer/bg_executable 1");
   Run({"set", "db/menu/caption/caption", "1"});
   Run({"set", "memory/tv-viewer/bg_executable", "0"});
   Run({"set", "memory/note", "two\nlines"});
-  EXPECT_EQ(watch.Hear(), "memory/tv-viewer/bg_executable 0");
-  EXPECT_EQ(watch.Hear(), R"(memory/note "two\nlines")");
+  EXPECT_EQ(watch.ReadLine(), "memory/tv-viewer/bg_executable 0");
+  EXPECT_EQ(watch.ReadLine(), R"(memory/note "two\nlines")");
   Run({"reset"});
-  std::vector<std::string> heard = {watch.Hear(), watch.Hear()};
-  std::sort(heard.begin(), heard.end());
-  EXPECT_EQ(heard, (std::vector<std::string>{"memory/note (removed)", "memory/tv-viewer/bg_executable 1"}));
+  std::vector<std::string> received = {watch.ReadLine(), watch.ReadLine()};
+  std::sort(received.begin(), received.end());
+  EXPECT_EQ(received, (std::vector<std::string>{"memory/note (removed)", "memory/tv-viewer/bg_executable 1"}));
   watch.Signal(SIGINT);
   EXPECT_EQ(watch.Wait(), 0);
 }
@@ -355,18 +355,18 @@ TEST_F(CliTest, WatchEndsAfterSomeChangesOrSomeTime) {
   Program watch({"watch", "db/a", "--now", "--exact", "--json", "--count", "2", "--store", store()}, log());
   Program prefix({"watch", "db/a", "--now", "--count", "2", "--store", store()}, folder() / "other-log");
   Run({"set", "db/a", "1"});  // before or after the watches begin
-  EXPECT_EQ(watch.Hear(), R"({"path":"db/a","value":1})");
-  EXPECT_EQ(prefix.Hear(), "db/a 1");
+  EXPECT_EQ(watch.ReadLine(), R"({"path":"db/a","value":1})");
+  EXPECT_EQ(prefix.ReadLine(), "db/a 1");
   for (const char* value : {"2", "3", "4", "5"}) {
     Run({"set", "db/ab", value});
     Run({"set", "db/a", value});
   }
   EXPECT_EQ(watch.Wait(), 0);
   EXPECT_EQ(prefix.Wait(), 0);
-  const std::string all = watch.HearAll();
+  const std::string all = watch.ReadAll();
   EXPECT_FALSE(Holds(all, "db/ab")) << all;
   EXPECT_LE(std::ranges::count(all, '\n'), 3);
-  EXPECT_TRUE(Holds(prefix.HearAll(), "db/ab "));
+  EXPECT_TRUE(Holds(prefix.ReadAll(), "db/ab "));
   const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(Run({"watch", "db/menu/caption/caption", "--now", "--exact", "--timeout", "0.3"}).out,
             "db/menu/caption/caption 0\n");
@@ -445,10 +445,10 @@ TEST_F(CliTest, FaultsAreListedAsTheyAreTypedAndCanBeCleared) {
 class ReplayTest : public CliTest {
  protected:
   static void Settle(Program& host) {
-    host.Say(R"({"settle":true})");
-    std::string line = host.Hear();
+    host.WriteLine(R"({"settle":true})");
+    std::string line = host.ReadLine();
     while (!line.empty() && line != R"({"settled":true})") {
-      line = host.Hear();
+      line = host.ReadLine();
     }
     ASSERT_EQ(line, R"({"settled":true})");
   }
@@ -458,23 +458,23 @@ class ReplayTest : public CliTest {
     Run({"set", "db/menu/caption/captionmode", "300"});
     Run({"fault", "vconf_set_int", "db/menu/subtitle/subtitle", "-1"});
     Program host({"host", "--record", file(), "--store", store()}, log());
-    host.Say(R"({"send":{"command":"registerVconfKeysForCaption","propertyKey":1}})");
-    host.Say(R"({"post":{"command":"setMenuValue","propertyKey":1,"value":5}})");
-    host.Say(R"({"post":{"command":"setMenuValue","propertyKey":16,"value":5}})");
-    host.Say("no request at all");
+    host.WriteLine(R"({"send":{"command":"registerVconfKeysForCaption","propertyKey":1}})");
+    host.WriteLine(R"({"post":{"command":"setMenuValue","propertyKey":1,"value":5}})");
+    host.WriteLine(R"({"post":{"command":"setMenuValue","propertyKey":16,"value":5}})");
+    host.WriteLine("no request at all");
     Settle(host);
     Run({"set", "db/menu/caption/captionmode", "7"});
-    EXPECT_TRUE(Holds(host.Hear(), "MIRADO_EVENT_CAPTION_CHANGED"));
-    host.Say(R"({"send":{"command":"getMenuValue","propertyKey":1}})");
-    EXPECT_TRUE(Holds(host.Hear(), R"("value":7)"));
+    EXPECT_TRUE(Holds(host.ReadLine(), "MIRADO_EVENT_CAPTION_CHANGED"));
+    host.WriteLine(R"({"send":{"command":"getMenuValue","propertyKey":1}})");
+    EXPECT_TRUE(Holds(host.ReadLine(), R"("value":7)"));
     // Another program changes the value while the set delays the request for it. It is started before the request, so
     // that its change comes during the delay.
     Program other({"host", "--store", store()}, folder() / "other-log");
     Settle(other);
     Run({"set-up", "latency", "getMenuValue", "1000"});
-    host.Say(R"({"send":{"command":"getMenuValue","propertyKey":1}})");
-    other.Say(R"({"set":{"db/menu/caption/captionmode":9}})");
-    EXPECT_TRUE(Holds(host.Hear() + host.Hear(), "MIRADO_EVENT_CAPTION_CHANGED"));
+    host.WriteLine(R"({"send":{"command":"getMenuValue","propertyKey":1}})");
+    other.WriteLine(R"({"set":{"db/menu/caption/captionmode":9}})");
+    EXPECT_TRUE(Holds(host.ReadLine() + host.ReadLine(), "MIRADO_EVENT_CAPTION_CHANGED"));
     host.CloseInput();
     EXPECT_EQ(host.Wait(), 1);
   }

@@ -24,19 +24,19 @@ class FaultsTest : public ProgramTest {
   Program Start() const { return Program({"host", "--store", store(), "--log-level", "6"}, log()); }
 
   static Json Ask(Program& host, const Json& message) {
-    host.Say(Json{{"send", message}}.dump());
-    const Json line = Json::parse(host.Hear());
+    host.WriteLine(Json{{"send", message}}.dump());
+    const Json line = Json::parse(host.ReadLine());
     return line["reply"];
   }
   static Json Get(Program& host, int key) { return Ask(host, {{"command", "getMenuValue"}, {"propertyKey", key}}); }
   /// The reply to a posted write.
   static Json Set(Program& host, int key, int value) {
-    host.Say(Json{{"post", {{"command", "setMenuValue"}, {"propertyKey", key}, {"value", value}}}}.dump());
-    return Json::parse(host.Hear())["message"];
+    host.WriteLine(Json{{"post", {{"command", "setMenuValue"}, {"propertyKey", key}, {"value", value}}}}.dump());
+    return Json::parse(host.ReadLine())["message"];
   }
   static void EndWell(Program& host) {
     host.CloseInput();
-    EXPECT_EQ(host.Hear(), R"({"message":"Unregister"})");
+    EXPECT_EQ(host.ReadLine(), R"({"message":"Unregister"})");
     EXPECT_EQ(host.Wait(), 0);
   }
 

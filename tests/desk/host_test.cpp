@@ -12,8 +12,8 @@ class HostTest : public ProgramTest {
   Program Start() const { return Program({"host", "--store", store()}, log()); }
 
   static std::string Ask(Program& host, const std::string& message) {
-    host.Say(R"({"send":)" + message + "}");
-    return host.Hear();
+    host.WriteLine(R"({"send":)" + message + "}");
+    return host.ReadLine();
   }
 
   static std::string Reply(int code, const std::string& value, const std::string& name, const std::string& message) {
@@ -36,23 +36,23 @@ TEST_F(HostTest, RepliesToEachSendInOrder) {
             Reply(26, "null", "InvalidValuesError", "Parameter propertyKey is invalid"));
   EXPECT_EQ(Ask(host, "[1,null]"), Reply(26, "null", "InvalidValuesError", "Incoming message is not dictionary"));
   host.CloseInput();
-  EXPECT_EQ(host.Hear(), kGoodbye);
-  EXPECT_EQ(host.Hear(), "");
+  EXPECT_EQ(host.ReadLine(), kGoodbye);
+  EXPECT_EQ(host.ReadLine(), "");
   EXPECT_EQ(host.Wait(), 0);
 }
 
 TEST_F(HostTest, SettleWaitsForMessagesAndChanges) {
   Program host = Start();
   EXPECT_EQ(Ask(host, R"({"command":"registerVconfKeysForCaption","propertyKey":0})"), Done("null"));
-  host.Say(R"({"set":{"db/menu/caption/caption":1}})");
-  host.Say(R"({"post":{"command":"setMenuValue","propertyKey":1,"value":5}})");
-  host.Say(R"({"settle":true})");
-  std::vector<std::string> heard = {host.Hear(), host.Hear()};
-  std::sort(heard.begin(), heard.end());
-  EXPECT_EQ(heard[0], kEvent);
-  EXPECT_EQ(heard[1], R"({"message":{"code":0,"value":5,"errorName":"",)"
-                      R"("errorMessage":"Mirado setMenuValue success.","command":"setMenuValue"}})");
-  EXPECT_EQ(host.Hear(), R"({"settled":true})");
+  host.WriteLine(R"({"set":{"db/menu/caption/caption":1}})");
+  host.WriteLine(R"({"post":{"command":"setMenuValue","propertyKey":1,"value":5}})");
+  host.WriteLine(R"({"settle":true})");
+  std::vector<std::string> received = {host.ReadLine(), host.ReadLine()};
+  std::sort(received.begin(), received.end());
+  EXPECT_EQ(received[0], kEvent);
+  EXPECT_EQ(received[1], R"({"message":{"code":0,"value":5,"errorName":"",)"
+                         R"("errorMessage":"Mirado setMenuValue success.","command":"setMenuValue"}})");
+  EXPECT_EQ(host.ReadLine(), R"({"settled":true})");
 }
 
 TEST_F(HostTest, ReportsEachInvalidLineOnceAndContinues) {
@@ -81,24 +81,24 @@ TEST_F(HostTest, ReportsEachInvalidLineOnceAndContinues) {
   };
   Program host = Start();
   int number = 0;
-  host.Say("\n \t\r");
+  host.WriteLine("\n \t\r");
   number += 2;
   for (const auto& [line, cause] : lines) {
-    host.Say(line);
-    const std::string answer = host.Hear();
+    host.WriteLine(line);
+    const std::string answer = host.ReadLine();
     const auto json = desk::ParseJson(answer);
     ASSERT_TRUE(json.ok()) << answer;
     EXPECT_TRUE(answer.starts_with(R"({"error":{"line":)" + std::to_string(++number) + R"(,"text":")")) << answer;
     EXPECT_NE(answer.find(cause), std::string::npos) << answer;
   }
   for (const std::string& line : {longest, R"({"send":)" + deep_enough + "}"}) {
-    host.Say(line);
-    EXPECT_EQ(host.Hear(), Reply(26, "null", "InvalidValuesError", "Incoming message is not dictionary"));
+    host.WriteLine(line);
+    EXPECT_EQ(host.ReadLine(), Reply(26, "null", "InvalidValuesError", "Incoming message is not dictionary"));
   }
   host.Write(R"({"send":{"command":"getVersion"}})");  // the last line may lack its newline
   host.CloseInput();
-  EXPECT_EQ(host.Hear(), Done(R"("4.0")"));
-  EXPECT_EQ(host.Hear(), kGoodbye);
+  EXPECT_EQ(host.ReadLine(), Done(R"("4.0")"));
+  EXPECT_EQ(host.ReadLine(), kGoodbye);
   EXPECT_EQ(host.Wait(), 1);
 }
 
@@ -108,15 +108,15 @@ TEST_F(HostTest, ExitsCleanlyOnSignalClosedOutputAndEndOfInput) {
     EXPECT_EQ(Ask(host, R"({"command":"getVersion"})"), Done(R"("4.0")"));
     host.Write(R"({"send":{"command":"getVer)");  // not a complete line, so it is dropped
     host.Signal(signal);
-    EXPECT_EQ(host.Hear(), kGoodbye);
+    EXPECT_EQ(host.ReadLine(), kGoodbye);
     EXPECT_EQ(host.Wait(), 0);
   }
-  Program unheard = Start();
-  unheard.CloseOutput();
-  unheard.Say(R"({"send":{"command":"getVersion"}})");
-  EXPECT_EQ(unheard.Wait(), 3);
+  Program unread = Start();
+  unread.CloseOutput();
+  unread.WriteLine(R"({"send":{"command":"getVersion"}})");
+  EXPECT_EQ(unread.Wait(), 3);
   Program blank = Start();
-  blank.Say("");
+  blank.WriteLine("");
   blank.CloseInput();
   EXPECT_EQ(blank.Wait(), 0) << "an empty line is ignored";
   const std::string none = folder() / "none.so";
@@ -173,7 +173,7 @@ TEST_F(HostTest, LatencyDelaysOneCommandAndASignalEndsTheDelay) {
   EXPECT_EQ(Ask(host, R"({"command":"getVersion"})"), Done(R"("4.0")"));
   EXPECT_GE(Clock::now() - start, kLatency);
   ASSERT_EQ(Run({"set-up", "latency", "getVersion", "60000"}).status, 0);
-  host.Say(R"({"send":{"command":"getVersion"}})");
+  host.WriteLine(R"({"send":{"command":"getVersion"}})");
   host.Signal(SIGTERM);
   EXPECT_EQ(host.Wait(), 0);
   EXPECT_LT(Clock::now() - start, std::chrono::seconds(30));

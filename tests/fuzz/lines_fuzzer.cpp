@@ -1,4 +1,4 @@
-// JSON lines into a page's session, as `mirado host` reads them.
+// Reads each input as the JSON lines of a page's session, as `mirado host` does.
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -14,8 +14,8 @@
 
 namespace {
 
-/// Both signals that the program takes stay the fuzzer's here.
-desk::ShutdownSignal& NoEnd() {
+/// A shutdown signal that is never raised: SIGINT and SIGTERM are unblocked again for the fuzzer.
+desk::ShutdownSignal& NeverRaised() {
   static auto* const end = [] {
     auto* const made = new desk::ShutdownSignal;
     sigset_t set;
@@ -28,11 +28,11 @@ desk::ShutdownSignal& NoEnd() {
   return *end;
 }
 
-/// What one line that is a request must be answered with before the next is read.
-vconf::Status Handle(desk::Session& session, const desk::Request& request, fuzz::PageEar& ear,
+/// Handles a request and checks `answer`, which must be complete before the next line is read.
+vconf::Status Handle(desk::Session& session, const desk::Request& request, fuzz::ReceivedMessages& received,
                      const desk::Json& answer) {
   using Kind = desk::Request::Kind;
-  if (request.kind == Kind::kPost) ear.Expect(fuzz::CommandOf(desk::ToVar(request.argument)));
+  if (request.kind == Kind::kPost) received.Expect(fuzz::CommandOf(desk::ToVar(request.argument)));
   auto status = session.Handle(request);
   switch (request.kind) {
     case Kind::kSend:
@@ -48,7 +48,7 @@ vconf::Status Handle(desk::Session& session, const desk::Request& request, fuzz:
       fuzz::Require(answer.empty(), "no answer", answer);
       break;
   }
-  // A session that nobody reports on refuses to record.
+  // Recording requires --report, which is not set here, so a record request fails.
   const bool may_fail = request.kind == Kind::kSet || request.kind == Kind::kRecord;
   fuzz::Require(status.ok() ? request.kind != Kind::kRecord : may_fail && !status.text().empty(),
                 "only set and record fail", status.text());
@@ -63,41 +63,41 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   fuzz::Require(write(input.get(), data, size) == static_cast<ssize_t>(size), "the input");
   lseek(input.get(), 0, SEEK_SET);
 
-  fuzz::PageEar ear;
+  fuzz::ReceivedMessages received;
   desk::Json answer = desk::Json::array();
-  const auto say = [&](const desk::Json& line) {
+  const auto output = [&](const desk::Json& line) {
     const auto read_back = desk::ParseJson(desk::ToText(line), nullptr, desk::kMaxJsonDepth + 2);
-    fuzz::Require(read_back.ok(), "what is said is JSON", line);
+    fuzz::Require(read_back.ok(), "the output is JSON", line);
     if (line.contains("message")) {
-      ear.Hear(line["message"]);
+      received.Receive(line["message"]);
     } else {
-      answer.push_back(line);  // on this thread: it answers the request in hand
+      answer.push_back(line);  // on this thread: it answers the current request
     }
   };
-  auto started = desk::Session::Start(MIRADO_PLUGIN_PATH, say);
+  auto started = desk::Session::Start(MIRADO_PLUGIN_PATH, output);
   fuzz::Require(started.ok(), "a session", started.status().text());
   std::unique_ptr<desk::Session> session = *std::move(started);
 
   std::size_t good = 0;
   std::size_t bad = 0;
   const auto handle = [&](std::string_view, const desk::Request& request) {
-    fuzz::Require(answer.empty(), "nothing is answered that was not asked", answer);
-    auto wrong = Handle(*session, request, ear, answer);
+    fuzz::Require(answer.empty(), "no answer without a request", answer);
+    auto wrong = Handle(*session, request, received, answer);
     answer.clear();
     if (wrong.ok()) ++good;
     return wrong;
   };
-  const auto complain = [&](const desk::Json& line) {
+  const auto report_error = [&](const desk::Json& line) {
     ++bad;
     const desk::Json error = line.value("error", desk::Json());
     fuzz::Require(line.size() == 1 && error.is_object() && error.value("line", std::size_t{0}) >= good + bad &&
                       !error.value("text", "").empty(),
-                  "the line is named, and the cause", line);
+                  "the error contains the line and the cause", line);
     const auto read_back = desk::ParseJson(desk::ToText(line), nullptr, desk::kMaxJsonDepth + 2);
-    fuzz::Require(read_back.ok(), "what is said is JSON", line);
+    fuzz::Require(read_back.ok(), "the output is JSON", line);
   };
-  const bool all_good = desk::ReadRequests(input.get(), NoEnd(), handle, complain);
-  fuzz::Require(all_good == (bad == 0), "what is wrong is told");
+  const bool all_good = desk::ReadRequests(input.get(), NeverRaised(), handle, report_error);
+  fuzz::Require(all_good == (bad == 0), "ReadRequests reports whether a line was wrong");
   const std::string_view text(reinterpret_cast<const char*>(data), size);
   std::size_t lines = 0;
   for (std::size_t begin = 0; begin < text.size();) {
@@ -108,8 +108,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   fuzz::Require(good + bad == lines, "one outcome for each line that is not blank", good + bad);
   session->Settle();
   session.reset();
-  ear.Finish();
-  fuzz::Require(answer.empty(), "nothing is answered at the end", answer);
+  received.Finish();
+  fuzz::Require(answer.empty(), "no answer at the end", answer);
   store.Settle();
   return 0;
 }

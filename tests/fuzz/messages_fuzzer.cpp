@@ -1,4 +1,4 @@
-// Variables of every kind into both entry points of the plug-in, while settings change and calls fail.
+// Passes variables of every kind to both entry points of the plug-in, while settings change and calls fail.
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include <array>
@@ -15,7 +15,7 @@ namespace {
 
 constexpr std::array kEntries = {"command", "propertyKey", "value", "show", "status"};
 
-/// A variable that nests at most `depth` deep, apart from the towers.
+/// A variable that nests at most `depth` deep, except for the very deep arrays of case 8.
 pp::Var AnyVar(FuzzedDataProvider& data, int depth) {
   switch (data.ConsumeIntegralInRange(0, depth > 0 ? 10 : 7)) {
     case 0:
@@ -31,20 +31,20 @@ pp::Var AnyVar(FuzzedDataProvider& data, int depth) {
     case 5:
       return data.ConsumeFloatingPoint<double>();
     case 6:
-      return data.ConsumeRandomLengthString(64);  // mostly no UTF-8
+      return data.ConsumeRandomLengthString(64);  // mostly not UTF-8
     case 7: {
-      PP_Var bare = {};  // of a kind that no page has, or of none at all
+      PP_Var bare = {};  // of a type that a page cannot send, or of an invalid one
       bare.type = static_cast<PP_VarType>(data.ConsumeBool() ? PP_VARTYPE_OBJECT : 99);
       return pp::Var(pp::PASS_REF, bare);
     }
     case 8: {
-      pp::Var tower = data.ConsumeBool();
-      for (int floors = data.ConsumeIntegralInRange(0, 40'000); floors > 0; --floors) {
-        pp::VarArray floor;
-        floor.Set(0, tower);
-        tower = floor;
+      pp::Var deep = data.ConsumeBool();
+      for (int levels = data.ConsumeIntegralInRange(0, 40'000); levels > 0; --levels) {
+        pp::VarArray outer;
+        outer.Set(0, deep);
+        deep = outer;
       }
-      return tower;
+      return deep;
     }
     case 9: {
       pp::VarArray array;
@@ -64,7 +64,7 @@ pp::Var AnyVar(FuzzedDataProvider& data, int depth) {
   }
 }
 
-/// Mostly what passes the first tests of the dispatch, so that the commands are reached.
+/// Mostly a message with a known command, so that the commands run.
 pp::Var AnyMessage(FuzzedDataProvider& data) {
   if (data.ConsumeIntegralInRange(0, 3) == 0) return AnyVar(data, 4);
   pp::VarDictionary message;
@@ -85,7 +85,7 @@ const std::string& AnyPath(FuzzedDataProvider& data) {
   return (*paths)[data.ConsumeIntegralInRange<std::size_t>(0, paths->size() - 1)];
 }
 
-/// Somebody changes the set. It may be refused: a key keeps its type.
+/// Changes the set as another program would. A write may be refused: a key cannot change its type.
 void ChangeSet(FuzzedDataProvider& data) {
   const std::string& path = AnyPath(data);
   if (data.ConsumeBool()) static_cast<void>(vconf::Remove(path));
@@ -95,7 +95,7 @@ void ChangeSet(FuzzedDataProvider& data) {
   static_cast<void>(vconf::Set(path, value));
 }
 
-/// A call begins to fail. Not the one that ends a subscription: what the store then keeps nobody could end here.
+/// Makes a call fail, but not vconf_ignore_key_changed: this program could not end the subscription that would remain.
 void AddFault(FuzzedDataProvider& data) {
   const auto calls = desk::FaultCalls();
   const auto& call = calls[data.ConsumeIntegralInRange<std::size_t>(0, calls.size() - 1)];
@@ -113,16 +113,17 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     desk::OfferEmbedder();
     auto loaded = pp::browser::Plugin::Load(MIRADO_PLUGIN_PATH);
     fuzz::Require(loaded.ok(), "the plug-in loads", loaded.status().text());
-    return loaded->release();  // as long as the process
+    return loaded->release();  // never unloaded
   }();
 
   FuzzedDataProvider data(bytes, size);
-  // A set without the privilege, or whose embedder fails, shows when the instance is made.
+  // Before the instance is created, because it then reads the privilege and calls the embedder.
   for (int changes = data.ConsumeIntegralInRange(0, 3); changes > 0; --changes) {
     data.ConsumeBool() ? ChangeSet(data) : AddFault(data);
   }
-  fuzz::PageEar ear;
-  const auto page = plugin->CreateInstance([&ear](const pp::Var& said) { ear.Hear(desk::ToJson(said)); });
+  fuzz::ReceivedMessages received;
+  const auto page =
+      plugin->CreateInstance([&received](const pp::Var& message) { received.Receive(desk::ToJson(message)); });
   fuzz::Require(page != nullptr, "an instance");
   while (data.remaining_bytes() > 0) {
     switch (data.ConsumeIntegralInRange(0, 7)) {
@@ -136,7 +137,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
       case 3:
       case 4: {
         const pp::Var message = AnyMessage(data);
-        ear.Expect(fuzz::CommandOf(message));
+        received.Expect(fuzz::CommandOf(message));
         page->Post(message);
         break;
       }
@@ -148,7 +149,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
   vconf::Settle();
   page->EndRegistration();
   page->Destroy();
-  ear.Finish();
+  received.Finish();
   store.Settle();
   return 0;
 }

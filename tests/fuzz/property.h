@@ -16,17 +16,17 @@
 #include "set/simulated_set.h"
 #include "vconf_control.h"
 
-/// What holds of everything that the plug-in says, whatever it is told; a breach ends the process, which is how a
-/// fuzzer learns of it.
+/// What must be true of every message of the plug-in, whatever its input. A violation aborts the process, which the
+/// fuzzer reports as a failure.
 namespace fuzz {
 
-inline void Require(bool holds, const char* what, const desk::Json& said = {}) {
-  if (holds) return;
-  std::fprintf(stderr, "broken: %s: %s\n", what, desk::ToText(said).c_str());
+inline void Require(bool condition, const char* what, const desk::Json& message = {}) {
+  if (condition) return;
+  std::fprintf(stderr, "violated: %s: %s\n", what, desk::ToText(message).c_str());
   std::abort();
 }
 
-/// A reply or an event: the four fields and, where it is named, one more.
+/// Checks a reply or an event: it has four fields and, if `one_more` is given, that one too.
 inline void CheckReply(const desk::Json& reply, const char* one_more = nullptr) {
   static const std::map<int, std::string> names = {
       {0, ""}, {9, "NotSupportedError"}, {18, "SecurityError"}, {26, "InvalidValuesError"}, {9999, "UnknownError "}};
@@ -40,37 +40,38 @@ inline void CheckReply(const desk::Json& reply, const char* one_more = nullptr) 
   Require(names.contains(code) && reply["errorName"] == names.at(code), "code and error name are a pair", reply);
   Require(
       reply["errorMessage"].is_string() && (code == 0 || !reply["errorMessage"].get_ref<const std::string&>().empty()),
-      "an error tells why", reply);
+      "an error has a message", reply);
 }
 
-/// The command text that the delivery for a posted `message` has to carry.
+/// The command that the delivery for a posted `message` must contain.
 inline std::string CommandOf(const pp::Var& message) {
   return message.is_dictionary() ? pp::VarDictionary(message).Get("command").AsString() : "";
 }
 
-/// Hears what a page hears and demands one delivery for each post, in the order of the posts. Any thread.
-class PageEar {
+/// Receives the plug-in's messages as a page would, and checks that each post gets one delivery, in the order of the
+/// posts. Any thread.
+class ReceivedMessages {
  public:
   void Expect(std::string command) {
     const std::lock_guard lock(mutex_);
     awaited_.push_back(std::move(command));
   }
 
-  void Hear(const desk::Json& said) {
+  void Receive(const desk::Json& message) {
     const std::lock_guard lock(mutex_);
-    if (said == "Unregister") {
-      Require(!unregistered_, "the registration ends once", said);
+    if (message == "Unregister") {
+      Require(!unregistered_, "the registration ends once", message);
       unregistered_ = true;
-    } else if (said.is_object() && said.contains("event")) {
-      CheckReply(said, "event");
-      Require(said["code"] == 0 && said["value"].is_number_integer(), "an event names a key", said);
+    } else if (message.is_object() && message.contains("event")) {
+      CheckReply(message, "event");
+      Require(message["code"] == 0 && message["value"].is_number_integer(), "an event contains a key", message);
       ++events_;
     } else {
-      CheckReply(said, "command");
-      Require(!awaited_.empty(), "no more deliveries than posts", said);
-      Require(said["command"] == awaited_.front(), "a delivery names its command", said);
+      CheckReply(message, "command");
+      Require(!awaited_.empty(), "no more deliveries than posts", message);
+      Require(message["command"] == awaited_.front(), "a delivery contains its command", message);
       awaited_.pop_front();
-      last_delivery_ = said;
+      last_delivery_ = message;
     }
   }
 
@@ -83,11 +84,11 @@ class PageEar {
     return last_delivery_;
   }
 
-  /// Once all that was posted has been handled and the registration has ended.
+  /// Call when all posts have been handled and the registration has ended.
   void Finish() {
     const std::lock_guard lock(mutex_);
     Require(awaited_.empty(), "a delivery for each post", awaited_.empty() ? "" : awaited_.front());
-    Require(unregistered_, "the page hears of the end");
+    Require(unregistered_, "the page is notified of the end of the registration");
   }
 
  private:
@@ -98,14 +99,14 @@ class PageEar {
   desk::Json last_delivery_;
 };
 
-/// The one store of the process, in a folder of its own that goes with it. Built before the first input.
+/// The only store of the process, in a temporary folder that the destructor removes. Created before the first input.
 class Store {
  public:
   Store() {
     std::string folder = (std::filesystem::temp_directory_path() / "mirado-fuzz-XXXXXX").string();
     Require(mkdtemp(folder.data()) != nullptr, "a folder for the store", folder);
     folder_ = folder;
-    dlog::SetThreshold(8);  // above all: the fuzzer's own lines are to be read
+    dlog::SetThreshold(8);  // no log lines, which would hide the fuzzer's output
     const auto opened = vconf::OpenOrCreateStore(folder_ / "store", desk::DefaultEntries());
     Require(opened.ok(), "the store opens", opened.text());
   }
@@ -116,7 +117,7 @@ class Store {
   Store(const Store&) = delete;
   Store& operator=(const Store&) = delete;
 
-  /// After each input: nothing is left of it, and the next one starts from the same set.
+  /// After each input: checks that no variable and no subscription is left, and resets the set.
   void Settle() {
     Require(pp::browser::LiveVarNodes() == 0, "no live variable is left", pp::browser::LiveVarNodes());
     Require(vconf::SubscriptionCount() == 0, "no subscription is left");

@@ -1,4 +1,5 @@
-// The store when processes die, stop, fork or meddle: each case once made an earlier design lose or hang something.
+// The store when processes die, stop or fork, or when its files are replaced. Each case made an earlier design lose
+// data or hang.
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -27,7 +28,7 @@ bool g_forked = false;
 
 }  // namespace
 
-/// In a child the stacks of its parent's threads are no roots of a sanitizer's search for leaks, so it does without.
+/// A forked child has no leak check: there the sanitizer would not search the stacks of the parent's other threads.
 extern "C" int __lsan_is_turned_off() { return g_forked ? 1 : 0; }  // NOLINT: the sanitizer's own name
 
 namespace {
@@ -55,7 +56,7 @@ TEST_F(VconfFailureTest, AForkedChildMayUseTheStoreAndExit) {
   for (const bool writes : {false, true}) {
     const pid_t child = fork();
     if (child == 0) {
-      bool has_database = false;  // which the two would have open in common, and SQLite does not allow that
+      bool has_database = false;  // SQLite does not allow a child to use a database that its parent opened
       for (const auto& each : fs::directory_iterator("/proc/self/fd")) {
         std::error_code gone;
         has_database = has_database || fs::read_symlink(each.path(), gone) == fs::canonical(file());
@@ -63,7 +64,7 @@ TEST_F(VconfFailureTest, AForkedChildMayUseTheStoreAndExit) {
       const bool right = !has_database && GetInt("db/a", 0) >= 2 && vconf::SubscriptionCount() == 0 &&
                          (!writes || (vconf_set_int("db/a", 3) == 0 && vconf_set_int("memory/b", 3) == 0));
       g_forked = true;
-      exit(right ? 0 : 1);  // NOLINT(concurrency-mt-unsafe): with all that is run at exit
+      exit(right ? 0 : 1);  // NOLINT(concurrency-mt-unsafe): exit handlers must run
     }
     int status = -1;
     waitpid(child, &status, 0);
@@ -99,7 +100,7 @@ TEST_F(VconfFailureTest, ACallbackMayForkAChildThatExitsOrReturns) {
   }
 }
 
-TEST_F(VconfFailureTest, AStoppedReaderCostsNothingAndAKilledOneNeither) {
+TEST_F(VconfFailureTest, AStoppedOrKilledReaderDoesNotMakeTheStoreGrow) {
   Open({{"db/a", 0}});
   vconf::CloseStore();
   const Steps steps;
@@ -113,11 +114,11 @@ TEST_F(VconfFailureTest, AStoppedReaderCostsNothingAndAKilledOneNeither) {
         while (!stop.stop_requested()) GetInt("db/a", 0);
       });
     }
-    steps.Answer();
-    steps.Await();
+    steps.SignalParent();
+    steps.AwaitParent();
     return 0;
   });
-  steps.Hear();
+  steps.AwaitChild();
   reader.Signal(SIGSTOP);
   Open();
   const auto size = [&] { return fs::file_size(file()) + fs::file_size(file() + "-wal") + fs::file_size(region()); };
@@ -127,15 +128,15 @@ TEST_F(VconfFailureTest, AStoppedReaderCostsNothingAndAKilledOneNeither) {
     if (i == 1'000) after_some = size();
     if (i == 2'000) reader.Kill();
   }
-  EXPECT_LT(size(), after_some + 1'000'000) << "only the changes that are remembered take room";
+  EXPECT_LT(size(), after_some + 1'000'000) << "only the journal of changes may grow";
   EXPECT_EQ(GetInt("db/a", 0), 3'000);
 }
 
-TEST_F(VconfFailureTest, AStoppedWriterIsNamedAndHoldsUpNoReader) {
+TEST_F(VconfFailureTest, AStoppedWriterIsNamedAndBlocksNoReader) {
   if (!HasRobustLocks()) GTEST_SKIP() << kNoRobustLocks;
   for (const std::string path : {"db/a", "memory/a"}) {
     const std::vector<vconf::Entry> initial = {{"db/a", 0}, {"memory/a", 0}};
-    // This process opens none yet: who forks and then opens one is named as well.
+    // Opens no store before the fork: a process that opens its first store after a fork must be named too.
     EXPECT_EQ(Process([&] { return vconf::OpenOrCreateStore(directory(), initial).ok() ? 0 : 1; }).Wait(), 0);
     Process writer([&] {
       for (int i = 1; vconf::OpenStore(directory()).ok() || true; ++i) vconf_set_int(path.c_str(), i);
@@ -143,7 +144,7 @@ TEST_F(VconfFailureTest, AStoppedWriterIsNamedAndHoldsUpNoReader) {
     });
     Open();
     vconf::Status status;
-    // It stops at any moment, often enough with the lock, and once in a while before it has written its number there.
+    // It stops at a random moment, often while it has the lock, sometimes before it has written its process id there.
     while (status.ok() || status.text().find("another process") != std::string::npos) {
       writer.Signal(SIGCONT);
       const int last = GetInt(path, 0);
@@ -151,15 +152,15 @@ TEST_F(VconfFailureTest, AStoppedWriterIsNamedAndHoldsUpNoReader) {
       writer.Stop();
       const auto before = std::chrono::steady_clock::now();
       EXPECT_GE(GetInt(path, -1), last);
-      if (path == "db/a" && vconf_set_int("memory/b", 1) != 0) continue;  // it stopped in the moment of publishing
+      if (path == "db/a" && vconf_set_int("memory/b", 1) != 0) continue;  // it stopped while publishing
       EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(2));
-      // Two threads wait side by side, not one after the other.
+      // Two threads wait at the same time, not one after the other.
       const auto begun = std::chrono::steady_clock::now();
-      auto beside = std::async(std::launch::async, [&] { return vconf::Set(path, 0); });
-      // Where it is the lock for publishing, this one needs it twice.
+      auto parallel = std::async(std::launch::async, [&] { return vconf::Set(path, 0); });
+      // If the writer has the lock for publishing, this call waits for it twice.
       auto disk = std::async(std::launch::async, [&] { return vconf::Set("db/b", 0); });
       status = vconf::Set(path, 0);
-      EXPECT_EQ(beside.get().code(), status.code());
+      EXPECT_EQ(parallel.get().code(), status.code());
       EXPECT_EQ(disk.get().code(), status.code());
       EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds(9));
     }
@@ -175,40 +176,40 @@ TEST_F(VconfFailureTest, AStoppedWriterIsNamedAndHoldsUpNoReader) {
   }
 }
 
-TEST_F(VconfFailureTest, WhoLocksAFileTooLongIsNamed) {
+TEST_F(VconfFailureTest, AProcessThatLocksAFileTooLongIsNamed) {
   Open({{"db/a", 0}});
   ASSERT_EQ(vconf_set_int("db/a", 1), 0);
   const std::string other = folder() + "/other";
   fs::create_directory(other);
   const Steps steps;
   Process holder([&] {
-    constexpr off_t kWriteLock = 120;  // of SQLite, in the index of its log
+    constexpr off_t kWriteLock = 120;  // the offset of SQLite's write lock in the index of its log
     struct flock lock = {.l_type = F_WRLCK, .l_whence = SEEK_SET, .l_start = kWriteLock, .l_len = 1, .l_pid = 0};
     const int index = open((file() + "-shm").c_str(), O_RDWR | O_CLOEXEC);
     const int folder = open(other.c_str(), O_RDONLY | O_CLOEXEC);
-    steps.Await();
+    steps.AwaitParent();
     EXPECT_EQ(fcntl(index, F_SETLK, &lock) | flock(folder, LOCK_EX), 0);
-    steps.Answer();
-    steps.Await();
+    steps.SignalParent();
+    steps.AwaitParent();
   });
   const std::string name = "process " + std::to_string(holder.id());
   const Steps go_on;
   Process maker([&] {
     vconf::CloseStore();
-    go_on.Await();
+    go_on.AwaitParent();
     const auto opened = vconf::OpenOrCreateStore(other, {});
     EXPECT_EQ(opened.code(), Code::kBusy);
     EXPECT_NE(opened.text().find(name), std::string::npos) << opened.text();
   });
   ASSERT_EQ(vconf_set_int("db/a", 1), 0);
-  steps.Tell();
-  steps.Hear();
-  go_on.Tell();
+  steps.SignalChild();
+  steps.AwaitChild();
+  go_on.SignalChild();
   const auto written = vconf::Set("db/a", 2);
   EXPECT_EQ(written.code(), Code::kBusy);
   EXPECT_NE(written.text().find(name), std::string::npos) << written.text();
   EXPECT_EQ(maker.Wait(), 0);
-  steps.Tell();
+  steps.SignalChild();
 }
 
 TEST_F(VconfFailureTest, MountNamespacesShareAStore) {
@@ -219,33 +220,33 @@ TEST_F(VconfFailureTest, MountNamespacesShareAStore) {
   const Steps steps;
   Process other([&] {
     const int user = geteuid() == 0 ? 0 : CLONE_NEWUSER;
-    const bool apart = unshare(CLONE_NEWNS | user) == 0 &&
-                       mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-                       mount(directory().c_str(), elsewhere.c_str(), nullptr, MS_BIND, nullptr) == 0;
-    steps.Answer();
-    steps.Await();
-    if (!apart) return 77;
+    const bool mounted = unshare(CLONE_NEWNS | user) == 0 &&
+                         mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+                         mount(directory().c_str(), elsewhere.c_str(), nullptr, MS_BIND, nullptr) == 0;
+    steps.SignalParent();
+    steps.AwaitParent();
+    if (!mounted) return 77;
     if (!vconf::OpenStore(elsewhere).ok()) return 1;
     for (int i = 1; i <= 10; ++i) {
       if (vconf_set_int("db/a", i) != 0 || vconf_set_int("memory/a", i) != 0) return 2;
     }
     return GetInt("memory/own", 0) == 1 ? 0 : 3;
   });
-  steps.Hear();
+  steps.AwaitChild();
   Open();
   std::vector<Change> changes;
   const auto watch = *vconf::WatchPrefix("", [&](const Change& change) { changes.push_back(change); });
   ASSERT_EQ(vconf_set_int("memory/own", 1), 0);
-  steps.Tell();
+  steps.SignalChild();
   const int status = other.Wait();
-  if (status == 77) GTEST_SKIP() << "nothing can be mounted here";
+  if (status == 77) GTEST_SKIP() << "this user may not mount";
   EXPECT_EQ(status, 0);
   vconf::Settle();
   EXPECT_EQ(changes.size(), 21U);
 }
 
-TEST_F(VconfFailureTest, RootMayBeTheFirst) {
-  if (geteuid() != 0) GTEST_SKIP() << "takes root";
+TEST_F(VconfFailureTest, RootMayOpenTheStoreBeforeItsOwner) {
+  if (geteuid() != 0) GTEST_SKIP() << "requires root";
   constexpr uid_t kNobody = 65534;
   fs::permissions(folder(), fs::perms::all);
   const auto as_owner = [&](auto&& body) {
@@ -270,7 +271,7 @@ TEST_F(VconfFailureTest, RootMayBeTheFirst) {
   EXPECT_EQ(GetInt("db/a", 0), 3);
 }
 
-TEST_F(VconfFailureTest, ACopyIsAStoreOfItsOwnAndAMoveIsNone) {
+TEST_F(VconfFailureTest, ACopyIsASeparateStoreAndAMovedStoreIsTheSame) {
   Open({{"db/a", 1}, {"memory/a", 1}});
   ASSERT_EQ(vconf_set_int("db/a", 2), 0);
   const std::string copy = folder() + "/copy";
@@ -286,7 +287,7 @@ TEST_F(VconfFailureTest, ACopyIsAStoreOfItsOwnAndAMoveIsNone) {
   EXPECT_EQ(GetInt("db/a", 0), 2);
   EXPECT_EQ(GetInt("memory/a", 0), 1);
   vconf::CloseStore();
-  // A copy of the region alone, in its place: whoever had the original open would share it with nobody.
+  // A region that was replaced by a copy must not be used: processes that have the original open would not see it.
   fs::copy_file(region(), copy + "/live", fs::copy_options::overwrite_existing);
   fs::rename(region(), copy + "/original");
   fs::rename(copy + "/live", region());
@@ -299,7 +300,7 @@ TEST_F(VconfFailureTest, ACopyIsAStoreOfItsOwnAndAMoveIsNone) {
   fs::rename(directory(), moved);
   ASSERT_TRUE(vconf::OpenStore(moved).ok());
   EXPECT_EQ(GetInt("memory/a", 0), 1);
-  // The folder goes while it is in use: no write is lost without a word.
+  // The folder is removed while it is in use: each write must fail.
   fs::remove_all(moved);
   EXPECT_EQ(vconf::Set("db/a", 3).code(), Code::kRemoved);
   EXPECT_EQ(vconf::Set("memory/a", 3).code(), Code::kRemoved);
@@ -313,8 +314,8 @@ TEST_F(VconfFailureTest, PlantedFilesAreNotFollowed) {
   const std::string victim = folder() + "/victim";
   std::ofstream(victim) << "untouched";
   for (const std::string& file : {region(), this->file(), this->file() + "-wal", this->file() + "-shm"}) {
-    const std::string kept = folder() + "/kept";
-    fs::rename(file, kept);
+    const std::string backup = folder() + "/backup";
+    fs::rename(file, backup);
     for (const bool link : {true, false}) {
       if (link) {
         fs::create_symlink(victim, file);
@@ -328,41 +329,41 @@ TEST_F(VconfFailureTest, PlantedFilesAreNotFollowed) {
       fs::remove(file);
     }
     if (geteuid() == 0) {  // a file of another user
-      std::ofstream(file) << Contents(kept);
+      std::ofstream(file) << Contents(backup);
       ASSERT_EQ(chown(file.c_str(), 1234, 1234), 0);
       EXPECT_EQ(vconf::OpenStore(directory()).code(), Code::kNotPermitted);
     }
-    fs::rename(kept, file);
+    fs::rename(backup, file);
   }
   Open();
   EXPECT_EQ(GetInt("db/a", 0), 2);
 }
 
-TEST_F(VconfFailureTest, WhoHasAReplacedStoreOpenGoesOnWithTheNewOne) {
+TEST_F(VconfFailureTest, AProcessWithAReplacedStoreOpenUsesTheNewOne) {
   Open({{"db/a", 1}, {"memory/a", 1}});
   vconf::CloseStore();
   const Steps steps;
   Process other([&] {
     std::atomic<int> calls{0};
-    std::promise<void> told;
+    std::promise<void> notified;
     if (!vconf::OpenStore(directory()).ok() || vconf_set_int("db/a", 2) != 0) return 1;
     const auto watch = vconf::WatchPrefix("db/new", [&](const Change&) {
-      if (++calls == 1) told.set_value();
+      if (++calls == 1) notified.set_value();
     });
-    steps.Answer();
-    told.get_future().wait();
-    steps.Await();
+    steps.SignalParent();
+    notified.get_future().wait();
+    steps.AwaitParent();
     vconf::Settle();
     return GetInt("db/a", 7) == 7 && GetInt("db/new", 0) == 5 && vconf_set_int("db/new", 6) == 0 ? 0 : 2;
   });
-  steps.Hear();
+  steps.AwaitChild();
   Overwrite(file(), 0, Noise(4096, 3));
   const auto moved = vconf::ReplaceStore(directory(), {{"db/new", 4}});
   ASSERT_TRUE(moved.ok()) << moved.status().text();
   EXPECT_TRUE(fs::exists(*moved + "/keys.db"));
   Open();
   EXPECT_EQ(vconf_set_int("db/new", 5), 0);
-  steps.Tell();
+  steps.SignalChild();
   EXPECT_EQ(other.Wait(), 0);
   EXPECT_EQ(GetInt("db/new", 0), 6);
   std::atomic<int> calls{0};
@@ -372,7 +373,7 @@ TEST_F(VconfFailureTest, WhoHasAReplacedStoreOpenGoesOnWithTheNewOne) {
   EXPECT_EQ(calls, 1);
 }
 
-TEST_F(VconfFailureTest, TheEndOfOneSubscriptionWaitsForNoOther) {
+TEST_F(VconfFailureTest, EndingASubscriptionDoesNotWaitForOthers) {
   Open();
   struct Other {
     std::promise<void> running;
@@ -388,33 +389,33 @@ TEST_F(VconfFailureTest, TheEndOfOneSubscriptionWaitsForNoOther) {
   ASSERT_GE(vconf_notify_key_changed("memory/a", Count, &calls), 0);
   ASSERT_EQ(vconf_set_int("memory/other", 1), 0);
   other.running.get_future().wait();
-  EXPECT_GE(vconf_ignore_key_changed("memory/a", Count), 0);  // or it hangs
+  EXPECT_GE(vconf_ignore_key_changed("memory/a", Count), 0);  // must not block
   other.go_on.set_value();
-  vconf::CloseStore();  // which does wait for it
-  vconf::Settle();      // no call uses `other` any more
+  vconf::CloseStore();  // waits for the running call
+  vconf::Settle();      // now `other` may be destroyed
 }
 
-TEST_F(VconfFailureTest, WhoWaitsForChangesSleeps) {
+TEST_F(VconfFailureTest, AProcessThatWaitsForChangesSleeps) {
   Open();
   vconf::CloseStore();
   const Steps steps;
   Process other([&] {
     std::atomic<int> calls{0};
     if (!vconf::OpenStore(directory()).ok() || vconf_notify_key_changed("memory/a", Count, &calls) != 0) return 1;
-    steps.Answer();
-    steps.Await();
+    steps.SignalParent();
+    steps.AwaitParent();
     vconf::Settle();
-    steps.Answer();
-    steps.Await();
+    steps.SignalParent();
+    steps.AwaitParent();
     return 0;
   });
-  steps.Hear();
+  steps.AwaitChild();
   Open();
   std::atomic<int> calls{0};
   ASSERT_GE(vconf_notify_key_changed("memory/a", Count, &calls), 0);
   ASSERT_EQ(vconf_set_int("memory/a", 1), 0);
-  steps.Tell();
-  steps.Hear();
+  steps.SignalChild();
+  steps.AwaitChild();
   const auto wakes = [&] {
     long sum = 0;
     for (const auto& task : fs::directory_iterator("/proc/" + std::to_string(other.id()) + "/task")) {
@@ -430,18 +431,18 @@ TEST_F(VconfFailureTest, WhoWaitsForChangesSleeps) {
   const auto begun = std::chrono::steady_clock::now();
   for (int i = 0; i < 500; ++i) {
     vconf::Settle();
-    // The end of the last subscription is nobody else's business either.
+    // Ending the last subscription of this process must not wake the other process either.
     ASSERT_GE(vconf_ignore_key_changed("memory/a", Count), 0);
     ASSERT_GE(vconf_notify_key_changed("memory/a", Count, &calls), 0);
   }
   const auto seconds =
       std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - begun).count();
-  EXPECT_LE(wakes() - before, 10 + 2 * seconds) << "it looks once a second by itself";
-  steps.Tell();
+  EXPECT_LE(wakes() - before, 10 + 2 * seconds) << "it checks the store once a second";
+  steps.SignalChild();
   EXPECT_EQ(other.Wait(), 0);
 }
 
-TEST_F(VconfFailureTest, ACommitThatNobodyPublishedIsFoundAtOpeningAndByTheNextWriter) {
+TEST_F(VconfFailureTest, AnUnpublishedCommitIsPublishedAtOpeningOrByTheNextWriter) {
   for (const bool at_opening : {true, false}) {
     fs::remove_all(directory());
     Open({{"db/a", 1}, {"db/gone", 1}});
@@ -455,7 +456,7 @@ TEST_F(VconfFailureTest, ACommitThatNobodyPublishedIsFoundAtOpeningAndByTheNextW
       return number;
     };
     const std::uint64_t committed = published();
-    // As a writer leaves it that dies behind its commits.
+    // The state that a writer leaves that dies after its commits.
     Overwrite(region(), 0, before);
     Overwrite(region(), offsetof(vconf::layout::Header, committing), std::string("\1\0\0\0", 4));
     if (at_opening) Open();
@@ -466,12 +467,12 @@ TEST_F(VconfFailureTest, ACommitThatNobodyPublishedIsFoundAtOpeningAndByTheNextW
     EXPECT_EQ(GetInt("db/a", 0), 2);
     EXPECT_EQ(vconf::Get("db/gone").status().code(), Code::kMissing);
     EXPECT_EQ(changes.size(), at_opening ? 1U : 3U);
-    EXPECT_EQ(published(), committed + 1) << "a number is used once";
+    EXPECT_EQ(published(), committed + 1) << "each commit has a number of its own";
     vconf::CloseStore();
   }
 }
 
-TEST_F(VconfFailureTest, WhatAWriterHadBegunToPublishWhenItDiedIsPublishedAndTold) {
+TEST_F(VconfFailureTest, ChangesThatADeadWriterBeganToPublishArePublished) {
   if (!HasRobustLocks()) GTEST_SKIP() << kNoRobustLocks;
   Open({{"memory/a", 1}, {"memory/b", 1}, {"memory/c", 1}});
   EXPECT_EQ(Process([&] {
@@ -480,8 +481,8 @@ TEST_F(VconfFailureTest, WhatAWriterHadBegunToPublishWhenItDiedIsPublishedAndTol
               void* const base = mmap(nullptr, kMaxSize, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
               if (base == MAP_FAILED || vconf_set_int("memory/a", 2) != 0 || vconf_set_int("memory/b", 2) != 0)
                 return 1;
-              // Back to where it publishes both, the value of one can be seen and its number is not counted; and the
-              // end with the lock held.
+              // Back to the moment of publishing both: one value is readable, but its change is not counted yet. The
+              // process then exits with the lock.
               auto& header = *static_cast<Header*>(base);
               const std::uint64_t number = header.last;
               const std::uint32_t key = header.ring[number % header.records].key;
@@ -496,7 +497,7 @@ TEST_F(VconfFailureTest, WhatAWriterHadBegunToPublishWhenItDiedIsPublishedAndTol
   EXPECT_EQ(GetInt("memory/b", 0), 1);
   ASSERT_EQ(vconf_set_int("memory/c", 2), 0);
   vconf::Settle();
-  EXPECT_EQ(GetInt("memory/a", 0), 2) << "what can be seen already is not undone";
+  EXPECT_EQ(GetInt("memory/a", 0), 2) << "a readable value is not undone";
   EXPECT_EQ(GetInt("memory/b", 0), 2);
   EXPECT_EQ(paths, (std::vector<std::string>{"memory/a", "memory/b", "memory/c"}));
 }
@@ -522,14 +523,14 @@ TEST_F(VconfFailureTest, AFullRegionCanBeEmptied) {
   const auto size = fs::file_size(region());
   for (int i = 0; i < 500; ++i) ASSERT_EQ(vconf::Set("memory/grows", text.substr(0, 61'000 + 8 * i)).text(), "");
   EXPECT_LT(fs::file_size(region()), size + (1U << 20U));
-  int held = 0;
+  int count = 0;
   vconf::Status status;
-  while ((status = vconf::Set("memory/text" + std::to_string(held), text)).ok()) ++held;
+  while ((status = vconf::Set("memory/text" + std::to_string(count), text)).ok()) ++count;
   EXPECT_EQ(status.code(), Code::kFull);
-  EXPECT_GT(held, 500);
+  EXPECT_GT(count, 500);
   EXPECT_EQ(vconf::Get("memory/text0")->index(), 2U);
-  // A process that dies while it makes room may lose all that is free; the next one that needs room finds it again.
-  const int half = held / 2;
+  // A process that dies while it frees memory may lose the list of free blocks; the next allocation finds them again.
+  const int half = count / 2;
   for (int i = 0; i < half; ++i) ASSERT_EQ(vconf::Remove("memory/text" + std::to_string(i)).text(), "");
   ASSERT_EQ(vconf::Set("memory/text0", text).text(), "");
   Overwrite(region(), offsetof(vconf::layout::Header, free), std::string(sizeof(vconf::layout::Header::free), '\0'));
@@ -541,9 +542,9 @@ TEST_F(VconfFailureTest, AFullRegionCanBeEmptied) {
   EXPECT_EQ(vconf::List("")->size(), 2U);
 }
 
-TEST_F(VconfFailureTest, AStoreOfTheVersionBeforeIsConvertedOnce) {
+TEST_F(VconfFailureTest, AStoreOfThePreviousVersionIsConvertedOnce) {
   if (dlopen("liblmdb.so.0", RTLD_NOW) == nullptr || sizeof(void*) != 8) {
-    GTEST_SKIP() << "takes liblmdb0, and a machine of 64 bits as the one that wrote the sample";
+    GTEST_SKIP() << "requires liblmdb0 and a 64-bit machine, like the one that wrote the sample";
   }
   fs::create_directory(directory());
   fs::copy_file(VCONF_OLD_STORE, directory() + "/data.mdb");

@@ -1,4 +1,4 @@
-// The store among several processes, and when what it stands on gives way.
+// The store with several processes, and with damaged, removed or read-only files.
 
 #include <fcntl.h>
 
@@ -27,15 +27,15 @@ TEST_F(VconfProcessTest, AReadIsNeverOlderThanAWriteThatReturned) {
   Process other([&] {
     EXPECT_TRUE(vconf::OpenStore(directory()).ok());
     for (int i = 1; i <= kRounds; ++i) {
-      steps.Await();
+      steps.AwaitParent();
       EXPECT_EQ(vconf_set_int("db/a", i) | vconf_set_int("memory/a", -i), 0);
-      steps.Answer();
+      steps.SignalParent();
     }
   });
   Open();
   for (int i = 1; i <= kRounds; ++i) {
-    steps.Tell();
-    steps.Hear();
+    steps.SignalChild();
+    steps.AwaitChild();
     for (int again = 0; again < 2; ++again) {
       ASSERT_EQ(GetInt("db/a", 0), i);
       ASSERT_EQ(GetInt("memory/a", 0), -i);
@@ -43,7 +43,7 @@ TEST_F(VconfProcessTest, AReadIsNeverOlderThanAWriteThatReturned) {
   }
   EXPECT_EQ(other.Wait(), 0);
 
-  // Nor is it one of something that was removed, or of another store that came to the same number of commits.
+  // Nor does a read return a removed value, or one of an earlier store with the same number of commits.
   EXPECT_EQ(vconf::Remove("db/a").text(), "");
   EXPECT_EQ(GetInt("db/a", 0), 0);
   for (const int value : {1, 2}) {
@@ -54,13 +54,13 @@ TEST_F(VconfProcessTest, AReadIsNeverOlderThanAWriteThatReturned) {
   }
 }
 
-TEST_F(VconfProcessTest, WhoeverDiesWhileItReplacesTheStoreAllGoOnWithOne) {
+TEST_F(VconfProcessTest, AProcessKilledWhileReplacingLeavesOneStoreForAll) {
   Open({{"memory/round", 0}});
   std::mt19937 random(7);  // NOLINT(cert-msc51-cpp)
   for (int round = 1; round <= 60; ++round) {
     {
       Process replacer([&] { static_cast<void>(vconf::ReplaceStore(directory(), {{"db/a", 1}})); });
-      std::this_thread::sleep_for(std::chrono::microseconds(random() % 6'000));  // the moment of the kill is the point
+      std::this_thread::sleep_for(std::chrono::microseconds(random() % 6'000));  // until the random moment of the kill
     }
     EXPECT_EQ(Process([&] {
                 vconf::CloseStore();
@@ -87,11 +87,11 @@ class VconfDamageTest : public VconfTest {
     ASSERT_EQ(vconf::Set("set/text", std::string(20'000, 'x')).text(), "");
   }
 
-  // Every call is made on every key; whatever they answer, no value may be wrong.
+  // Makes every call on every key. Each may fail, but no value may be wrong.
   static void UseAll() {
     for (int i = 0; i < kKeys; ++i) {
-      for (const char* room : {"db/key", "memory/key"}) {
-        const std::string path = room + std::to_string(i);
+      for (const char* prefix : {"db/key", "memory/key"}) {
+        const std::string path = prefix + std::to_string(i);
         EXPECT_EQ(GetInt(path, i), i);
         if (vconf_set_int(path.c_str(), i) == 0) {
           EXPECT_EQ(GetInt(path, i), i);
@@ -106,14 +106,14 @@ class VconfDamageTest : public VconfTest {
   }
 };
 
-TEST_F(VconfDamageTest, AStoreThatIsNoneIsRefusedAndLeftAlone) {
+TEST_F(VconfDamageTest, AFileThatIsNoStoreIsRefusedAndNotChanged) {
   Fill();
   vconf::CloseStore();
   const std::string whole = Contents(file());
   for (const auto& bytes : {std::string(), std::string("no store at all"), Noise(whole.size(), 1),
                             std::string(whole.size(), '\0'), Noise(8192, 2) + whole.substr(8192)}) {
     std::ofstream(file(), std::ios::binary | std::ios::trunc) << bytes;
-    std::filesystem::remove(region());  // as after a boot: all comes from the disk
+    std::filesystem::remove(region());  // as after a boot: all values are read from the disk
     ClearLog();
     const auto error = vconf::OpenOrCreateStore(directory(), {{"db/key1", 1}});
     EXPECT_EQ(error.text(), file() + ": is damaged; restore it, or replace the store");
@@ -129,7 +129,7 @@ TEST_F(VconfDamageTest, AStoreThatIsNoneIsRefusedAndLeftAlone) {
   EXPECT_EQ(GetInt("db/key7", 0), 7);
 }
 
-TEST_F(VconfDamageTest, NoiseOnDiskIsNeverAWrongValueNorTheEnd) {
+TEST_F(VconfDamageTest, RandomBytesOnDiskCauseNoWrongValueAndNoCrash) {
   Fill();
   vconf::CloseStore();
   const std::string whole = Contents(file());
@@ -139,10 +139,10 @@ TEST_F(VconfDamageTest, NoiseOnDiskIsNeverAWrongValueNorTheEnd) {
     std::ofstream(file(), std::ios::binary | std::ios::trunc) << whole;
     std::mt19937 random(seed);
     const std::size_t page = random() % (whole.size() / 4096);
-    // A whole page, or a few bytes of its head, which is what misleads most.
+    // A whole page, or a few bytes of its header.
     Overwrite(file(), page * 4096 + random() % 32, seed % 2 == 0 ? Noise(4000, seed) : Noise(2 + random() % 6, seed));
     if (seed % 3 != 0) {
-      std::filesystem::remove(region());  // as after a boot: all comes from the disk
+      std::filesystem::remove(region());  // as after a boot: all values are read from the disk
     }
     if (vconf::OpenStore(directory()).ok()) {
       UseAll();
@@ -160,8 +160,8 @@ TEST_F(VconfDamageTest, NoiseOnDiskIsNeverAWrongValueNorTheEnd) {
 TEST_F(VconfDamageTest, ALogThatLostCommitsIsNoticed) {
   namespace fs = std::filesystem;
   Fill();
-  ASSERT_EQ(vconf::Remove("db/key8").text(), "");  // a commit that leaves no row
-  const auto held = *vconf::List("db/");
+  ASSERT_EQ(vconf::Remove("db/key8").text(), "");  // a commit without a new row
+  const auto entries = *vconf::List("db/");
   vconf::CloseStore();
   const std::string copy = folder() + "/copy";
   const std::string log = "/keys.db-wal";
@@ -180,12 +180,12 @@ TEST_F(VconfDamageTest, ALogThatLostCommitsIsNoticed) {
     EXPECT_EQ(opened.code(), vconf::Code::kDamaged);
     EXPECT_NE(opened.text().find("commits"), std::string::npos) << opened.text();
     fs::remove(copy + "/live");
-    EXPECT_EQ(vconf::OpenStore(copy).text(), "") << "who takes the region away goes on with what is there";
+    EXPECT_EQ(vconf::OpenStore(copy).text(), "") << "without the region the loss cannot be noticed";
     vconf::CloseStore();
-    // In the same boot the region has it all.
+    // In the same boot the region still has all values.
     damage(directory() + log);
     Open();
-    EXPECT_EQ(*vconf::List("db/"), held);
+    EXPECT_EQ(*vconf::List("db/"), entries);
     EXPECT_EQ(vconf::Set("db/key1", 9).code(), vconf::Code::kDamaged);
     EXPECT_EQ(vconf::Set("memory/key1", 1).text(), "");
     vconf::CloseStore();
@@ -201,7 +201,7 @@ TEST_F(VconfDamageTest, ZerosAreNotTakenForMissingKeys) {
   EXPECT_EQ(vconf::Set("memory/none", 1).code(), vconf::Code::kDamaged);
 }
 
-TEST_F(VconfDamageTest, AFileThatChangesWhileInUseIsAFailureOnly) {
+TEST_F(VconfDamageTest, AFileDamagedWhileInUseCausesOnlyFailures) {
   for (const bool live : {false, true}) {
     for (const bool cut : {true, false}) {
       std::filesystem::remove_all(directory());
@@ -210,14 +210,14 @@ TEST_F(VconfDamageTest, AFileThatChangesWhileInUseIsAFailureOnly) {
       const std::uintmax_t size = std::filesystem::file_size(damaged);
       std::atomic<int> calls{0};
       const auto watch = vconf::WatchPrefix("", [&](const Change&) { ++calls; });
-      ClearLog();  // before the damage, which the thread that watches may find first
+      ClearLog();  // before the damage, which the notifying thread may report at once
       if (cut) {
         std::filesystem::resize_file(damaged, 0);
       } else {
         Overwrite(damaged, 0, Noise(size, 3));
       }
       EXPECT_EQ(vconf::CheckStore().text(), "");
-      EXPECT_EQ(GetInt("db/key1", -1), 1) << "what is on disk is read on from the region, or from the disk again";
+      EXPECT_EQ(GetInt("db/key1", -1), 1) << "values on disk are read from the region, or again from the disk";
       EXPECT_EQ(GetInt("memory/key1", -1), live ? -1 : 1);
       UseAll();
       if (live) {
@@ -237,7 +237,7 @@ TEST_F(VconfDamageTest, AFileThatChangesWhileInUseIsAFailureOnly) {
   EXPECT_EQ(vconf::CheckStore().code(), vconf::Code::kDamaged);
 }
 
-TEST_F(VconfDamageTest, NobodyWaitsForChangesThatAreGone) {
+TEST_F(VconfDamageTest, SettleReturnsWhenTheRegionIsTruncated) {
   Open({{"memory/a", 0}});
   std::promise<void> called;
   std::promise<void> go_on;
@@ -253,7 +253,7 @@ TEST_F(VconfDamageTest, NobodyWaitsForChangesThatAreGone) {
     id.set_value(gettid());
     vconf::Settle();
   });
-  // It has read how far it has to wait when it sleeps.
+  // When the thread sleeps, it has read the number of the change that it waits for.
   const std::string state = "/proc/self/task/" + std::to_string(id.get_future().get()) + "/stat";
   while (Contents(state).find(") S ") == std::string::npos) {
     std::this_thread::yield();
@@ -264,7 +264,7 @@ TEST_F(VconfDamageTest, NobodyWaitsForChangesThatAreGone) {
   watch.reset();
 }
 
-TEST_F(VconfDamageTest, WhoMayOnlyReadAndComesFirstFollowsTheOwner) {
+TEST_F(VconfDamageTest, AReaderThatOpensBeforeTheOwnerSeesItsChanges) {
   constexpr uid_t kNobody = 65534;
   Fill();
   vconf::CloseStore();
@@ -278,17 +278,17 @@ TEST_F(VconfDamageTest, WhoMayOnlyReadAndComesFirstFollowsTheOwner) {
   }
   std::filesystem::permissions(directory(), std::filesystem::perms(0555));
   Process reader([&](int pipe) {
-    std::promise<void> told;
-    std::atomic<bool> heard{false};
+    std::promise<void> notified;
+    std::atomic<bool> seen{false};
     if ((getuid() == 0 && setuid(kNobody) != 0) || !vconf::OpenStore(directory()).ok() || GetInt("db/key1", 0) != 1) {
       return 1;
     }
     const auto watch = vconf::WatchPrefix("db/key1", [&](const Change& change) {
-      // It may be told twice: as what there is in the region of the owner, and as a change there.
-      if (change.path == "db/key1" && change.value == vconf::Value(7) && !heard.exchange(true)) told.set_value();
+      // May be called twice: for the value found in the owner's region, and for the change.
+      if (change.path == "db/key1" && change.value == vconf::Value(7) && !seen.exchange(true)) notified.set_value();
     });
     if (write(pipe, "", 1) != 1) return 2;
-    told.get_future().wait();
+    notified.get_future().wait();
     return GetInt("db/key1", 0) == 7 ? 0 : 3;
   });
   char ready = 0;
@@ -299,7 +299,7 @@ TEST_F(VconfDamageTest, WhoMayOnlyReadAndComesFirstFollowsTheOwner) {
   EXPECT_EQ(reader.Wait(), 0);
 }
 
-TEST_F(VconfDamageTest, AStoreThatMayOnlyBeReadIsRead) {
+TEST_F(VconfDamageTest, AReadOnlyStoreCanBeRead) {
   Fill();
   ASSERT_EQ(vconf::SetFault({"vconf_get_int", "db/key4", -9, 1}).text(), "");
   vconf::CloseStore();

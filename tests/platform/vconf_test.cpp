@@ -1,4 +1,4 @@
-// The store as one process sees it.
+// The store in one process.
 
 #include <atomic>
 #include <chrono>
@@ -24,9 +24,9 @@ void CollectPath(keynode_t* node, void* paths) {
 
 TEST_F(VconfTest, KeysKeepTypeAndValue) {
   Open();
-  for (const std::string room : {"db/", "memory/"}) {
-    const std::string number = room + "number";
-    const std::string flag = room + "flag";
+  for (const std::string prefix : {"db/", "memory/"}) {
+    const std::string number = prefix + "number";
+    const std::string flag = prefix + "flag";
     int value = 77;
     EXPECT_NE(vconf_get_int(number.c_str(), &value), 0);
     EXPECT_EQ(value, 77);
@@ -53,7 +53,7 @@ TEST_F(VconfTest, KeysKeepTypeAndValue) {
   EXPECT_TRUE(Log().empty()) << Log().front();
 }
 
-TEST_F(VconfTest, WhatIsNoPathOrHasNoStoreFailsByValue) {
+TEST_F(VconfTest, CallsWithoutAPathOrAStoreReturnAnError) {
   int value = 77;
   std::atomic<int> calls{0};
   const auto all_fail = [&](const char* path) {
@@ -80,7 +80,7 @@ TEST_F(VconfTest, WhatIsNoPathOrHasNoStoreFailsByValue) {
   EXPECT_EQ(GetInt(longest, 0), 4);
 }
 
-TEST_F(VconfTest, ANewStoreIsFilledOnceAndAnOldOneNever) {
+TEST_F(VconfTest, OnlyANewStoreGetsTheInitialEntries) {
   Open({{"db/a", 1}, {"memory/b", true}, {"set/c", std::string("text")}});
   EXPECT_EQ(*vconf::List(""), (std::vector<Entry>{{"db/a", 1}, {"memory/b", true}, {"set/c", std::string("text")}}));
   EXPECT_EQ(vconf::Remove("db/a").text(), "");
@@ -99,7 +99,7 @@ TEST_F(VconfTest, ANewStoreIsFilledOnceAndAnOldOneNever) {
   EXPECT_EQ(vconf::OpenOrCreateStore(folder() + "/third/", {}).text(), "");
 }
 
-TEST_F(VconfTest, ControlServesEveryTypeAndRoom) {
+TEST_F(VconfTest, ControlSupportsEveryTypeAndPrefix) {
   Open();
   const std::string longest(65536, 'z');
   EXPECT_EQ(vconf::Set("set/long", longest).text(), "");
@@ -114,7 +114,7 @@ TEST_F(VconfTest, ControlServesEveryTypeAndRoom) {
   EXPECT_EQ(*vconf::List("memory/m"), (std::vector<Entry>{{"memory/m", std::string()}}));
   EXPECT_EQ(*vconf::List("x"), std::vector<Entry>{});
   EXPECT_EQ(vconf::Remove("db/a").text(), "");
-  EXPECT_EQ(vconf::Set("db/a", true).text(), "");  // a removed key has no type any more
+  EXPECT_EQ(vconf::Set("db/a", true).text(), "");  // a removed key may get another type
 }
 
 class VconfChangeTest : public VconfTest {
@@ -128,7 +128,7 @@ class VconfChangeTest : public VconfTest {
   std::vector<Change> changes_;
 };
 
-TEST_F(VconfChangeTest, EachChangeComesOnceInOrderWithItsUserData) {
+TEST_F(VconfChangeTest, EachChangeIsDeliveredOnceInOrderWithItsUserData) {
   std::vector<std::string> first;
   std::vector<std::string> second;
   EXPECT_EQ(vconf_set_int("db/a", 0), 0);
@@ -173,7 +173,7 @@ TEST_F(VconfChangeTest, AWatchSeesValuesRemovalsAndResets) {
     seen.emplace_back(change.path, change.value);
     EXPECT_EQ(change.sequence, changes_.front().sequence + seen.size() - 1);
   }
-  // A long text is not kept with the change: what the key holds when it is told comes in its place.
+  // A long text is not stored in the change, which is delivered with the value of the key at that moment.
   ASSERT_EQ(seen.size(), 6U);
   EXPECT_TRUE(!seen[1].second || seen[1].second == vconf::Value(long_text));
   seen[1].second.reset();
@@ -194,7 +194,7 @@ TEST_F(VconfChangeTest, ACallbackMayCallAnythingAndEndItself) {
       vconf_get_int(node->keyname, &value);
       vconf_set_int("memory/copy", value);
       vconf_ignore_key_changed(node->keyname, Call);
-      static_cast<Once*>(self)->value.set_value(value);  // throws, were it called twice
+      static_cast<Once*>(self)->value.set_value(value);  // throws if called twice
     }
   };
   for (int round = 0; round < 50; ++round) {
@@ -216,11 +216,11 @@ TEST_F(VconfChangeTest, ACallbackMayCallAnythingAndEndItself) {
   ended.get_future().wait();
 }
 
-/// A subscriber whose first call waits until it may go on.
+/// A subscriber whose first call waits for `go_on`.
 struct Slow {
   std::latch running{1};
   std::latch go_on{1};
-  int finished = 0;  // not atomic: the end of the subscription, or Settle, is what orders it
+  int finished = 0;  // not atomic: ending the subscription, or Settle, orders the accesses
   static void Call(keynode_t* node, void* self) {
     auto& slow = *static_cast<Slow*>(self);
     if (slow.finished == 0) {
@@ -243,7 +243,7 @@ TEST_F(VconfChangeTest, IgnoreWaitsForARunningCallback) {
   releaser.join();
 }
 
-TEST_F(VconfChangeTest, WhoFallsBehindTheJournalIsToldOnceOfEachKey) {
+TEST_F(VconfChangeTest, ASlowSubscriberGetsEachKeyOnceAfterTheJournalOverflows) {
   Slow slow;
   std::atomic<int> other{0};
   ASSERT_GE(vconf_notify_key_changed("memory/a", Slow::Call, &slow), 0);
@@ -289,11 +289,11 @@ TEST_F(VconfChangeTest, ASubscriberThatIsLessThanTheJournalBehindGetsEachChange)
   EXPECT_EQ(other, 1500);
 }
 
-TEST_F(VconfChangeTest, NothingIsLeftBehind) {
+TEST_F(VconfChangeTest, ClosingLeavesNoFileAndNoThread) {
   const auto count = [](const char* folder) {
     return std::distance(std::filesystem::directory_iterator(folder), std::filesystem::directory_iterator());
   };
-  // With the first thread a sanitizer starts one of its own; ours stands in the list until the kernel has taken it out.
+  // A sanitizer starts a thread together with the first one. A joined thread is listed until the kernel removes it.
   pid_t first = 0;
   std::thread([&] { first = gettid(); }).join();
   while (std::filesystem::exists("/proc/self/task/" + std::to_string(first))) {
@@ -309,20 +309,19 @@ TEST_F(VconfChangeTest, NothingIsLeftBehind) {
   }
   outlives.reset();
   EXPECT_EQ(count("/proc/self/fd"), files);
-  // A joined thread stands in the list until the kernel has taken it out.
-  const auto patience = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (count("/proc/self/task") != threads && std::chrono::steady_clock::now() < patience) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (count("/proc/self/task") != threads && std::chrono::steady_clock::now() < deadline) {
     std::this_thread::yield();
   }
   EXPECT_EQ(count("/proc/self/task"), threads);
   EXPECT_EQ(GetInt("db/a", 0), 100);
-  // More threads than readers have places, one after the other.
+  // More threads than there are slots for readers, one after the other.
   for (int i = 0; i < 2500; ++i) {
     std::thread([] { EXPECT_EQ(GetInt("db/a", 0), 100); }).join();
   }
 }
 
-TEST_F(VconfChangeTest, FaultsAnswerInPlaceOfTheCall) {
+TEST_F(VconfChangeTest, AFaultReplacesTheResultOfACall) {
   vconf_set_int("db/a", 1);
   vconf_set_int("db/b", 2);
   EXPECT_EQ(vconf::SetFault({"vconf_get_int", "*", -3, 2}).text(), "");
@@ -349,7 +348,7 @@ TEST_F(VconfChangeTest, FaultsAnswerInPlaceOfTheCall) {
   EXPECT_EQ(vconf::TakeFault("vconf_get_int", "db/a"), std::nullopt);
 }
 
-TEST_F(VconfChangeTest, AFaultLeavesSubscriptionsAsTheyAre) {
+TEST_F(VconfChangeTest, AFaultDoesNotChangeSubscriptions) {
   std::atomic<int> calls{0};
   ASSERT_EQ(vconf::SetFault({"vconf_notify_key_changed", "db/a", -1, 1}).text(), "");
   ASSERT_EQ(vconf::SetFault({"vconf_ignore_key_changed", "db/a", -2, 0}).text(), "");

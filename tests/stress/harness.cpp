@@ -33,7 +33,7 @@ Progress::Progress(std::string name, double goal, std::string unit)
   sigaction(SIGTERM, &action, nullptr);
 }
 
-bool Progress::GoesOn(double done) {
+bool Progress::Continues(double done) {
   const auto now = Clock::now();
   if (now - shown_ > std::chrono::seconds(isatty(STDERR_FILENO) != 0 ? 5 : 60)) {
     shown_ = now;
@@ -48,15 +48,15 @@ std::string Progress::Remark() { return Stopped() ? " (stopped early)" : ""; }
 
 Witness::Witness() : thread_([this](const std::stop_token& stop) { Watch(stop); }) {}
 
-Clock::duration Witness::Blamed(Clock::time_point begin, Clock::time_point end) {
+Clock::duration Witness::WithoutGaps(Clock::time_point begin, Clock::time_point end) {
   std::unique_lock lock(mutex_);
-  woken_.wait(lock, [&] { return awake_ > end; });  // the gap that it may be in is over
+  woken_.wait(lock, [&] { return awake_ > end; });  // a gap that includes `end` is over
   std::erase_if(gaps_, [&](const Gap& gap) { return gap.end < begin; });
-  Clock::duration blamed = end - begin;
+  Clock::duration rest = end - begin;
   for (const Gap& gap : gaps_) {
-    blamed -= std::max(std::min(gap.end, end) - std::max(gap.begin, begin), Clock::duration::zero());
+    rest -= std::max(std::min(gap.end, end) - std::max(gap.begin, begin), Clock::duration::zero());
   }
-  return blamed;
+  return rest;
 }
 
 void Witness::Watch(const std::stop_token& stop) {
@@ -74,7 +74,9 @@ void Witness::Watch(const std::stop_token& stop) {
 
 void Slowest::Take(Witness& witness, Clock::time_point begin, Clock::time_point end) {
   slowest_ = std::max(slowest_.load(), end - begin);
-  if (end - begin > blamed_.load()) blamed_ = std::max(blamed_.load(), witness.Blamed(begin, end));
+  if (end - begin > without_gaps_.load()) {
+    without_gaps_ = std::max(without_gaps_.load(), witness.WithoutGaps(begin, end));
+  }
 }
 
 Usage OwnUsage() {

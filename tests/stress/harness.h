@@ -14,13 +14,13 @@
 
 #include "support/host_program.h"
 
-/// What the runs share. Their checks are those of the tests, made outside of a test; `main` turns a failed one into the
-/// exit status.
+/// What the runs share. They check with the expectations of the tests, outside of a test; after a failed one `main`
+/// returns 1.
 namespace stress {
 
 using Clock = std::chrono::steady_clock;
 
-/// Whether a sanitizer is at work, which takes time and keeps memory back.
+/// Whether this is a build with a sanitizer, which takes time and delays the release of memory.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr bool kSanitized = true;
 #else
@@ -32,16 +32,16 @@ double Milliseconds(Clock::duration time);
 /// The value that `part` (0 to 1) of `values` do not exceed; 0 when there are none.
 double Quantile(std::vector<double> values, double part);
 
-/// Tells on stderr how far a run is, and ends it early on SIGINT or SIGTERM.
+/// Prints the progress of a run on stderr, and ends the run early on SIGINT or SIGTERM.
 class Progress {
  public:
-  /// `goal` is where the run ends by itself, counted in `unit`.
+  /// The run ends by itself at `goal`, a number of `unit`.
   Progress(std::string name, double goal, std::string unit);
 
-  /// Whether the run goes on, `done` of the goal being reached. To be asked often.
-  bool GoesOn(double done);
+  /// Whether to continue when `done` of the goal is reached. Call it often.
+  bool Continues(double done);
 
-  /// Whether somebody asked for the end.
+  /// Whether SIGINT or SIGTERM has been received.
   static bool Stopped();
 
   /// " (stopped early)" or nothing, for the result.
@@ -58,16 +58,16 @@ class Progress {
 template <typename T>
 T& SharedWithForks();
 
-/// A thread that wakes every millisecond and notes when it could not: the machine had other work or stood still, which
-/// no other part of the process is to blame for.
+/// A thread that wakes every millisecond and records the gaps in which it could not run, because the machine was busy
+/// or suspended.
 class Witness {
  public:
   Witness();
   Witness(const Witness&) = delete;
   Witness& operator=(const Witness&) = delete;
 
-  /// The time from `begin` to `end`, which is past, less what the process lost of it. Waits until the witness wakes.
-  Clock::duration Blamed(Clock::time_point begin, Clock::time_point end);
+  /// The time from `begin` to `end` without the gaps. `end` must be past. Waits until the thread wakes.
+  Clock::duration WithoutGaps(Clock::time_point begin, Clock::time_point end);
 
  private:
   struct Gap {
@@ -84,28 +84,28 @@ class Witness {
   std::jthread thread_;  // last, so that it ends first
 };
 
-/// The slowest of many, as it was and without what the process is not to blame for.
+/// The longest of many durations, with and without the gaps of the witness.
 class Slowest {
  public:
   void Take(Witness& witness, Clock::time_point begin, Clock::time_point end);
 
   double milliseconds() const { return Milliseconds(slowest_.load()); }
-  double blamed_milliseconds() const { return Milliseconds(blamed_.load()); }
+  double milliseconds_without_gaps() const { return Milliseconds(without_gaps_.load()); }
 
  private:
   std::atomic<Clock::duration> slowest_;
-  std::atomic<Clock::duration> blamed_;
+  std::atomic<Clock::duration> without_gaps_;
 };
 
 struct Usage {
-  double mebibytes;  ///< of memory that is backed by no file
+  double mebibytes;  ///< of memory that is not backed by a file
   int descriptors;
 };
 /// What this process uses.
 Usage OwnUsage();
 
-/// Each run prints what it found. The number is how long it goes on, in the unit of the run. The seed repeats its
-/// random choices, not the order in which processes come to run.
+/// Each run prints its results. The number is its length, in its own unit. The same seed gives the same random choices,
+/// but not the same scheduling of the processes.
 void RunKill(double kills, unsigned seed);
 void RunSoak(double seconds, unsigned seed);
 

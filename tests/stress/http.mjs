@@ -1,4 +1,4 @@
-// A client that says everything a little wrong: http.mjs [REQUESTS [SEED]]
+// A client that sends many slightly wrong requests: http.mjs [REQUESTS [SEED]]
 import assert from "node:assert/strict";
 import { execFileSync } from "node:child_process";
 import { randomInt } from "node:crypto";
@@ -13,7 +13,7 @@ const TOKENS = ["null", "-1", "1e400", "{}", "[]", String.raw`"\u0000"`, "\xff",
   "[".repeat(200), "x".repeat(200)];
 const LONG = "x".repeat(70_000);
 const STATUSES = [200, 201, 204, 400, 403, 404, 405, 409, 410, 413, 415, 426, 431, 503];
-const MAX_REQUEST = 131_072; // bytes, beyond which a request may be closed without an answer
+const MAX_REQUEST = 131_072; // bytes; after a longer request the desk may close the connection without an answer
 const LONG_TIME = 20_000; // milliseconds
 
 const [requests = 20_000, seed = randomInt(2 ** 31)] = process.argv.slice(2).map(Number);
@@ -49,7 +49,7 @@ function mutated(text) {
 // Keeps the request line in one piece, whatever bytes the path has.
 const encoded = (path) => path.replace(/[^!-}]/g, (byte) => `%${byte.charCodeAt(0).toString(16).padStart(2, "0")}`);
 
-// A request of sound form with something odd in what it says.
+// A well-formed request with unusual or invalid content.
 function oddRequest(seeds) {
   let [method, path, body = ""] = pick(seeds);
   const headers = [];
@@ -68,8 +68,8 @@ function oddRequest(seeds) {
   return `${method} ${path} HTTP/1.1\r\n${headers.join("\r\n")}\r\n\r\n${body}`;
 }
 
-// The status, 0 for a connection that is closed without one, and what came with it up to its end; of what streams the
-// head. Where the form is broken the server may wait for a rest that never comes, so the client says that it has ended.
+// The status, 0 for a connection that is closed without one, and the body; of a stream only the head is read. After a
+// malformed request the server may wait for more of it, so the client closes its side.
 async function exchange(desk, request, isBroken) {
   const socket = await desk.dial(Buffer.from(request, "latin1"));
   const late = setTimeout(() => socket.destroy(new Error("late")), LONG_TIME);
@@ -93,7 +93,7 @@ async function exchange(desk, request, isBroken) {
   return { status: Number(/^HTTP\/1.1 (\d+)/.exec(text)?.[1] ?? 0), body: bodyOf() };
 }
 
-Desk.hearsCtrlC = false;
+Desk.endsOnCtrlC = false;
 const desk = await Desk.start();
 let stopped = false;
 for (const signal of ["SIGINT", "SIGTERM"]) process.on(signal, () => { stopped = true; });
@@ -120,15 +120,15 @@ let request = 0;
 for (; request < requests && !stopped; ++request) {
   const isBroken = request % 2 === 1;
   const odd = oddRequest(SEEDS);
-  const said = isBroken ? mutated(odd) : odd;
-  const { status, body } = await exchange(desk, said, isBroken);
+  const sent = isBroken ? mutated(odd) : odd;
+  const { status, body } = await exchange(desk, sent, isBroken);
   statuses[status] = (statuses[status] ?? 0) + 1;
-  const what = `${said.slice(0, 400)}\n${status} ${body}`;
+  const what = `${sent.slice(0, 400)}\n${status} ${body}`;
   if (isBroken) {
     assert(status <= 505 && status !== 500, what);
-  } else if (status !== 0 || said.length <= MAX_REQUEST) {
+  } else if (status !== 0 || sent.length <= MAX_REQUEST) {
     assert(STATUSES.includes(status), what);
-    if (status >= 400 && !said.startsWith("HEAD ")) assert.equal(typeof JSON.parse(body).error, "string", what);
+    if (status >= 400 && !sent.startsWith("HEAD ")) assert.equal(typeof JSON.parse(body).error, "string", what);
   }
   if (request % 100 === 99) {
     await desk.call("POST", "/api/reset");
@@ -136,8 +136,8 @@ for (; request < requests && !stopped; ++request) {
     if (request % 5000 === 4999) console.error(`http: ${request + 1} of ${requests} requests`);
   }
 }
-const { status } = await desk.say({ id }, { send: { command: "getVersion" } });
-assert([200, 404, 410].includes(status), "unless it was told to leave");
+const { status } = await desk.send({ id }, { send: { command: "getVersion" } });
+assert([200, 404, 410].includes(status), "the page may have been closed by a request");
 const last = await desk.openPage();
 const children = execFileSync("ps", ["--ppid", desk.child.pid, "-o", "pid="], { encoding: "utf8" }).match(/\d+/g).map(Number);
 assert(children.includes(last.pid));

@@ -1,8 +1,9 @@
-// power [STATES [SEED]]: what a disk may hold after the power failed, state by state.
+// power [STATES [SEED]]: opens the store in states that a power failure can leave on the disk.
 //
-// The store writes in this process, and each call by which it or SQLite changes a file is recorded: this program has
-// functions of the same names, which come before the C library's. From each point of the record, disks are made up as
-// they may be found: of what was not synced some is there, some is not, and some in parts. Each is opened and read.
+// The store writes in this process, and each call by which it or SQLite changes a file is recorded: this program
+// defines functions of the same names, which take precedence over the C library's. From each point of the record,
+// possible states of the disk are created: of the data that was not synced, all, some or none is present. Each state is
+// opened and read.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -27,7 +28,7 @@ struct Call {
   Kind kind;
   int file = 0;  // or the key, for the last two
   std::size_t at = 0;
-  std::string text;  // what was written, or a name
+  std::string text;  // the written bytes, or a name
   std::string to;
 };
 
@@ -41,7 +42,7 @@ struct Recorder {
   int files = 0;
   std::vector<Call> calls;
 
-  // The region is not synced: what the disk has of it is older than what was acknowledged, see `RegionNow`.
+  // Without the region, which is not synced: `RegionNow` records its content.
   std::string NameOf(const std::string& path) const {
     const std::string name = path.starts_with(folder + "/") ? path.substr(folder.size() + 1) : path;
     return on && name.starts_with("keys.db") ? name : "";
@@ -159,13 +160,13 @@ namespace {
 constexpr std::array kKeys = {"db/power/number", "db/power/text", "set/power/text"};
 const std::vector<vconf::Entry> kInitial = {{"db/initial", 7}, {"set/initial", std::string(5'000, 'i')}};
 
-/// Says its number in every byte, and is often longer than a page.
+/// A text that depends on `number` in its first word, its length and its letter; often longer than a page.
 std::string TextOf(int number) {
   return std::to_string(number) + ' ' +
          std::string(static_cast<std::size_t>(number) * 7919 % 9000, static_cast<char>('a' + number % 26));
 }
 
-/// The number that the key holds, 0 for none, -1 when what it holds was never written.
+/// The number in the value of the key, 0 if the key is missing, -1 if the value was never written.
 int NumberIn(std::size_t key) {
   const auto value = vconf::Get(kKeys.at(key));
   if (!value.ok()) return value.status().code() == vconf::Code::kMissing ? 0 : -1;
@@ -175,7 +176,7 @@ int NumberIn(std::size_t key) {
   return text == TextOf(number) ? number : -1;
 }
 
-/// The beginning of the region, which tells how many commits there were.
+/// The beginning of the region, which contains the number of commits.
 std::string RegionNow(const std::string& store) {
   std::string bytes(4096, '\0');
   std::ifstream(store + "/live", std::ios::binary).read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
@@ -203,7 +204,7 @@ void RecordAStore(const std::string& store, int writes) {
   recorder.on = false;
 }
 
-/// What is certain to be on the disk, and what may be.
+/// The synced content of the disk, and the changes that are not synced.
 class Disk {
  public:
   explicit Disk(bool syncs) : syncs_(syncs) {}
@@ -235,18 +236,18 @@ class Disk {
     }
   }
 
-  /// Makes up one disk. Names change in their order; of what was written without a sync each sector, of 512 or of 4,096
-  /// bytes, is there or not.
+  /// Creates one possible state in `folder`. Changes of names are present up to a point; of unsynced writes each
+  /// sector, of 512 or of 4,096 bytes, is present or not.
   void Write(const std::string& folder, std::mt19937& random) const {
     auto names = names_;
     const std::size_t changes = random() % (unsynced_names_.size() + 1);
     for (std::size_t i = 0; i < changes; ++i) Apply(*unsynced_names_[i], &names);
     std::filesystem::remove_all(folder);
     std::filesystem::create_directory(folder);
-    if (!region_.empty() && random() % 2 == 0) {  // it may be there as it was last, or in part, or not at all
+    if (!region_.empty() && random() % 2 == 0) {  // otherwise it is missing
       std::ofstream(folder + "/live", std::ios::binary) << region_ << std::string(100'000, '\0');
     }
-    const unsigned way = random() % 4;  // all, none, up to a point, or here and there
+    const unsigned way = random() % 4;  // all, none, up to a point, or some
     const std::size_t sector = random() % 2 == 0 ? 512 : 4096;
     for (const auto& [name, file] : names) {
       const auto found = synced_.find(file);
@@ -297,7 +298,7 @@ class Disk {
   std::string region_;
 };
 
-/// What stands against the store in `folder`, or nothing. `least` was acknowledged, `most` was tried.
+/// What is wrong with the store in `folder`, or "". `least` was acknowledged, `most` was attempted.
 std::string Check(const std::string& folder, bool made, const std::array<int, 3>& least,
                   const std::array<int, 3>& most) {
   const auto opened = vconf::OpenStore(folder);
@@ -312,8 +313,8 @@ std::string Check(const std::string& folder, bool made, const std::array<int, 3>
   for (std::size_t key = 0; key < kKeys.size(); ++key) {
     const int number = NumberIn(key);
     if (number < least.at(key) || number > most.at(key)) {
-      wrong = std::string(kKeys.at(key)) + " holds " + std::to_string(number) + ", acknowledged was " +
-              std::to_string(least.at(key)) + ", tried " + std::to_string(most.at(key));
+      wrong = std::string(kKeys.at(key)) + " has " + std::to_string(number) + ", acknowledged was " +
+              std::to_string(least.at(key)) + ", attempted " + std::to_string(most.at(key));
     }
   }
   if (vconf_set_int(kKeys[0], most[0]) != 0) wrong = "cannot be written";
@@ -321,7 +322,7 @@ std::string Check(const std::string& folder, bool made, const std::array<int, 3>
   return wrong;
 }
 
-/// Opens `states` disks, made up along the whole record; how many were wrong. The first one is told.
+/// Opens `states` disk states from all points of the record. Returns how many were wrong; `first` describes the first.
 int Replay(const std::string& folder, int states, bool syncs, std::mt19937& random, std::string* first) {
   const std::vector<Call>& calls = TheRecorder().calls;
   Disk disk(syncs);
@@ -366,7 +367,7 @@ int main(int argc, char** argv) {
   std::string first;
   const int wrong = Replay(folder / "disk", states, true, random, &first);
   EXPECT_EQ(wrong, 0) << first;
-  // The same record, as if no sync had ever reached the disk: what finds nothing there would find nothing here.
+  // The same without any sync: here wrong states must be found, otherwise the check above proves nothing.
   const int without = Replay(folder / "disk", std::max(100, states / 20), false, random, &first);
   EXPECT_GT(without, 0);
   std::printf("power: %d states along %zu calls, %d wrong; without the syncs %d of %d are, such as %s\n", states,

@@ -1,5 +1,5 @@
-// Pages come and go, send, post and watch, while three processes change settings and calls begin to fail. Everything
-// that was asked for, acknowledged or changed is accounted for.
+// Pages open and close, send, post and watch, while three processes change settings and calls begin to fail. Each
+// request gets one reply, each acknowledged write is stored, and each change is delivered once.
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
@@ -21,19 +21,19 @@ namespace {
 
 using desk::Json;
 
-// ---- settings change from three processes
+// ---- three processes change settings
 
 constexpr std::array kChanged = {"db/menu/caption/caption", "db/menu/subtitle/subtitle",
                                  "memory/tv-viewer/bg_executable"};
 
 struct Writers {
-  std::array<std::atomic<int>, kChanged.size()> made;  ///< successful writes of each
+  std::array<std::atomic<int>, kChanged.size()> made;  ///< successful writes of each setting
   std::atomic<std::uint64_t> refused;
   std::atomic<bool> stop;
 };
 
-/// Counts one setting up, a faulty call apart.
-void CountUp(const std::string& store, std::size_t which, Writers& writers) {
+/// Increments one setting again and again; a refused write does not count.
+void Increment(const std::string& store, std::size_t which, Writers& writers) {
   EXPECT_EQ(vconf::OpenStore(store).text(), "");
   int number = std::get<int>(*vconf::Get(kChanged[which]));
   while (!writers.stop) {
@@ -49,21 +49,21 @@ void CountUp(const std::string& store, std::size_t which, Writers& writers) {
   vconf::CloseStore();
 }
 
-/// Every change of one setting, each once and in order: since it is counted up, by its value.
+/// Checks that each change of one setting is delivered once and in order.
 class Follower {
  public:
   explicit Follower(const char* path)
       : last_(std::get<int>(*vconf::Get(path))), watch_(*vconf::WatchPrefix(path, [this](const auto& change) {
           EXPECT_EQ(std::get<int>(change.value.value()), ++last_) << change.path;
-          ++heard_;
+          ++count_;
         })) {
     EXPECT_NE(watch_, nullptr);
   }
-  int heard() const { return heard_; }
+  int count() const { return count_; }
 
  private:
   int last_;
-  std::atomic<int> heard_ = 0;
+  std::atomic<int> count_ = 0;
   std::unique_ptr<vconf::Watch> watch_;
 };
 
@@ -77,37 +77,38 @@ class Page {
   Page& operator=(const Page&) = delete;
   virtual ~Page() = default;
 
-  /// One reply, checked.
+  /// Returns the reply and checks its form.
   Json Send(const Json& message) {
     Json reply = Ask(message);
     fuzz::CheckReply(reply);
     return reply;
   }
   void Post(const Json& message) {
-    ear_.Expect(message["command"]);
+    received_.Expect(message["command"]);
     Tell(message);
   }
-  /// The page goes; what it posted has been answered.
+  /// Closes the page and checks that each post has got its delivery.
   virtual void Leave() = 0;
 
-  fuzz::PageEar& ear() { return ear_; }
+  fuzz::ReceivedMessages& received() { return received_; }
 
  protected:
   virtual Json Ask(const Json& message) = 0;
   virtual void Tell(const Json& message) = 0;
 
-  fuzz::PageEar ear_;
+  fuzz::ReceivedMessages received_;
 };
 
-class PageHere : public Page {
+class PageInThisProcess : public Page {
  public:
-  explicit PageHere(pp::browser::Plugin& plugin)
-      : instance_(plugin.CreateInstance([this](const pp::Var& said) { ear_.Hear(desk::ToJson(said)); })) {}
+  explicit PageInThisProcess(pp::browser::Plugin& plugin)
+      : instance_(plugin.CreateInstance([this](const pp::Var& message) { received_.Receive(desk::ToJson(message)); })) {
+  }
 
   void Leave() override {
     instance_->EndRegistration();
     instance_->Destroy();
-    ear_.Finish();
+    received_.Finish();
   }
 
  private:
@@ -117,42 +118,42 @@ class PageHere : public Page {
   std::shared_ptr<pp::browser::PageInstance> instance_;
 };
 
-class PageInItsProcess : public Page {
+class PageInOwnProcess : public Page {
  public:
-  explicit PageInItsProcess(const TemporaryFolder& folder)
+  explicit PageInOwnProcess(const TemporaryFolder& folder)
       : host_({"host", "--store", folder / "store", "--log-level", "7"}, folder / "host.log") {}
 
-  /// Asks for the end of all that it has to tell, which `HearOut` waits for on another thread.
-  void Settle() { host_.Say(R"({"settle":true})"); }
-  void HearOut() {
-    for (Json line = Hear(); !line.is_null() && !line.contains("settled"); line = Hear()) {
-      EXPECT_FALSE(line.contains("reply")) << "nobody asked: " << line;
+  /// Requests the answer that `ReadUntilSettled` waits for on another thread.
+  void Settle() { host_.WriteLine(R"({"settle":true})"); }
+  void ReadUntilSettled() {
+    for (Json line = Next(); !line.is_null() && !line.contains("settled"); line = Next()) {
+      EXPECT_FALSE(line.contains("reply")) << "a reply without a request: " << line;
     }
   }
 
   void Leave() override {
     host_.CloseInput();
-    HearOut();
+    ReadUntilSettled();
     EXPECT_EQ(host_.Wait(), 0);
-    ear_.Finish();
+    received_.Finish();
   }
 
  private:
-  void Tell(const Json& message) override { host_.Say(Json{{"post", message}}.dump()); }
+  void Tell(const Json& message) override { host_.WriteLine(Json{{"post", message}}.dump()); }
   Json Ask(const Json& message) override {
-    host_.Say(Json{{"send", message}}.dump());
+    host_.WriteLine(Json{{"send", message}}.dump());
     while (true) {
-      const Json line = Hear();
+      const Json line = Next();
       if (line.is_null() || line.contains("reply")) return line.is_null() ? line : line["reply"];
     }
   }
-  /// The next line, null at the end; what is for the page's ear goes there.
-  Json Hear() {
-    const std::string line = host_.Hear();
+  /// The next line, null at the end. Records it if it is a message to the page.
+  Json Next() {
+    const std::string line = host_.ReadLine();
     if (line.empty()) return {};
-    Json said = Json::parse(line);
-    if (said.contains("message")) ear_.Hear(said["message"]);
-    return said;
+    Json message = Json::parse(line);
+    if (message.contains("message")) received_.Receive(message["message"]);
+    return message;
   }
 
   Program host_;
@@ -167,7 +168,7 @@ class Soak {
     for (int key = 2; key <= 13; ++key) free_keys_.push_back(key);
   }
 
-  /// One thing, chosen at random.
+  /// Does one action, chosen at random.
   void Step() {
     const int choice = Any(0, 99);
     if (pages_.empty() || (choice < 3 && pages_.size() < 10)) {
@@ -196,9 +197,9 @@ class Soak {
   struct OpenPage {
     std::unique_ptr<Page> page;
     bool own_process;
-    int key;  // that no other page writes
+    int key;  // no other page writes this key
     std::string path;
-    int value;  // the last that was acknowledged
+    int value;  // of the last acknowledged write
   };
 
   int Any(int least, int most) { return std::uniform_int_distribution<>(least, most)(random_); }
@@ -211,9 +212,9 @@ class Soak {
     const std::string path(desk::Settings()[static_cast<std::size_t>(key)].path);
     std::unique_ptr<Page> page;
     if (own_process) {
-      page = std::make_unique<PageInItsProcess>(folder_);
+      page = std::make_unique<PageInOwnProcess>(folder_);
     } else {
-      page = std::make_unique<PageHere>(plugin_);
+      page = std::make_unique<PageInThisProcess>(plugin_);
     }
     pages_.push_back({std::move(page), own_process, key, path, std::get<int>(*vconf::Get(path))});
     ++counts_.pages;
@@ -228,7 +229,7 @@ class Soak {
       open.page->Leave();
     }
     open.page.reset();
-    EXPECT_EQ(*vconf::Get(open.path), vconf::Value(open.value)) << "acknowledged and lost: " << open.path;
+    EXPECT_EQ(*vconf::Get(open.path), vconf::Value(open.value)) << "lost an acknowledged write: " << open.path;
     free_keys_.push_back(open.key);
     pages_.erase(pages_.begin() + static_cast<std::ptrdiff_t>(at));
   }
@@ -257,14 +258,14 @@ class Soak {
     counts_.refused += reply["code"] != 0 ? 1 : 0;
   }
 
-  /// The page writes its own setting. What it was told must be so for everybody at once.
+  /// The page writes its own setting. After an acknowledged write every read must return the new value at once.
   void Write(std::size_t at) {
     OpenPage& open = pages_[at];
     const int value = Any(0, 255);
     open.page->Post({{"command", "setMenuValue"}, {"propertyKey", open.key}, {"value", value}});
     const Json read = open.page->Send({{"command", "getMenuValue"}, {"propertyKey", open.key}});
     counts_.requests += 2;
-    if (open.page->ear().last_delivery()["code"] == 0) {
+    if (open.page->received().last_delivery()["code"] == 0) {
       open.value = value;
       ++counts_.written;
     }
@@ -280,7 +281,7 @@ class Soak {
   Counts counts_;
 };
 
-/// Memory that only ever grows shows in the later half of the samples.
+/// How much the median of the last quarter exceeds that of the second quarter.
 double Growth(const std::vector<double>& samples) {
   const auto quarter = static_cast<std::ptrdiff_t>(samples.size() / 4);
   return Quantile({samples.end() - quarter, samples.end()}, 0.5) -
@@ -298,7 +299,7 @@ void RunSoak(double seconds, unsigned seed) {
   vconf::CloseStore();
   auto& writers = SharedWithForks<Writers>();
   std::array<std::unique_ptr<Process>, kChanged.size()> processes;
-  // They begin to write when all who listen do.
+  // The writers start when all subscribers have subscribed.
   std::array<int, 2> start{};
   EXPECT_EQ(pipe2(start.data(), O_CLOEXEC), 0);
   for (std::size_t which = 0; which < processes.size(); ++which) {
@@ -306,7 +307,7 @@ void RunSoak(double seconds, unsigned seed) {
       close(start[1]);
       char end = 0;
       static_cast<void>(!read(start[0], &end, 1));
-      CountUp(store, which, writers);
+      Increment(store, which, writers);
     });
   }
 
@@ -318,12 +319,12 @@ void RunSoak(double seconds, unsigned seed) {
   std::vector<std::unique_ptr<Follower>> followers;
   followers.reserve(kChanged.size());
   for (const char* path : kChanged) followers.push_back(std::make_unique<Follower>(path));
-  // In a process of its own: there nobody else ends its subscriptions.
-  PageInItsProcess listener(folder);
+  // In a process of its own, where no other page can end its subscriptions.
+  PageInOwnProcess listener(folder);
   EXPECT_EQ(listener.Send({{"command", "registerVconfKeysForCaption"}, {"propertyKey", 0}})["code"], 0);
   EXPECT_EQ(listener.Send({{"command", "registerVconfKeysForCaption"}, {"propertyKey", 16}})["code"], 0);
   EXPECT_EQ(listener.Send({{"command", "registerVconfKeysForMirado"}, {"propertyKey", 0}})["code"], 0);
-  std::thread listening([&] { listener.HearOut(); });
+  std::thread listening([&] { listener.ReadUntilSettled(); });
   close(start[0]);
   close(start[1]);
   EXPECT_EQ(vconf::Set("set/soak", 1).text(), "");  // the first write opens the database
@@ -340,29 +341,31 @@ void RunSoak(double seconds, unsigned seed) {
     }
     soak.Step();
     done = Milliseconds(Clock::now() - begun) / 1000;
-  } while (progress.GoesOn(done));
+  } while (progress.Continues(done));
 
   EXPECT_EQ(vconf::ClearFaults().text(), "");
   writers.stop = true;
   for (auto& process : processes) EXPECT_EQ(process->Wait(), 0) << "a process of the run failed";
   soak.CloseAll();
   vconf::Settle();
-  EXPECT_EQ(OwnUsage().descriptors + 3, descriptors) << "all but the pipes of the three that write";
+  EXPECT_EQ(OwnUsage().descriptors + 3, descriptors)
+      << "the pipes of the three writers are closed, and nothing else changed";
   listener.Settle();
   listening.join();
   listener.Leave();
   int made = 0;
   for (std::size_t which = 0; which < kChanged.size(); ++which) {
-    EXPECT_EQ(followers[which]->heard(), writers.made[which]) << kChanged[which];
+    EXPECT_EQ(followers[which]->count(), writers.made[which]) << kChanged[which];
     made += writers.made[which];
   }
-  EXPECT_EQ(listener.ear().events(), static_cast<std::uint64_t>(made));
+  EXPECT_EQ(listener.received().events(), static_cast<std::uint64_t>(made));
   followers.clear();
   EXPECT_EQ(vconf::SubscriptionCount(), 0U);
   EXPECT_EQ(pp::browser::LiveVarNodes(), 0);
-  const bool takes_more = kSanitized || std::getenv("MIRADO_EMULATED") != nullptr;  // the emulator's, for each thread
+  const bool takes_more =
+      kSanitized || std::getenv("MIRADO_EMULATED") != nullptr;  // the emulator allocates some for each thread
   EXPECT_TRUE(takes_more || Growth(memory) < (done < 600 ? 2.0 : 0.3)) << Growth(memory) << " MiB";
-  // The journal of changes, which the store keeps, is full after a minute or two.
+  // The journal of changes reaches its full size after a minute or two.
   EXPECT_TRUE(done < 600 || Growth(size) < 1.0) << "the store grows";
   const auto& counts = soak.counts();
   std::printf("soak: %.0f seconds%s; %llu pages, %llu of them processes of their own, %llu of those killed\n", done,
@@ -375,7 +378,7 @@ void RunSoak(double seconds, unsigned seed) {
               static_cast<unsigned long long>(counts.written), made,
               static_cast<unsigned long long>(writers.refused.load()));
   std::printf("  %llu events, one for each change; %d descriptors before and after\n",
-              static_cast<unsigned long long>(listener.ear().events()), descriptors);
+              static_cast<unsigned long long>(listener.received().events()), descriptors);
   std::printf("  memory %.1f MiB, growth in the later half %.2f MiB; store %.1f MiB, growth %.2f MiB\n", memory.back(),
               Growth(memory), size.back(), Growth(size));
   plugin->reset();

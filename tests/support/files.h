@@ -10,7 +10,7 @@
 #include <random>
 #include <string>
 
-/// A folder that goes with its holder.
+/// A temporary folder that the destructor removes.
 class TemporaryFolder {
  public:
   explicit TemporaryFolder(const std::filesystem::path& parent = std::filesystem::temp_directory_path()) {
@@ -39,7 +39,7 @@ inline void Overwrite(const std::string& file, std::uintmax_t begin, const std::
   stream << bytes;
 }
 
-/// Bytes without a meaning, the same ones for the same seed.
+/// Random bytes, the same ones for the same seed.
 inline std::string Noise(std::uintmax_t size, unsigned seed) {
   std::mt19937 random(seed);
   std::string noise(static_cast<std::size_t>(size), '\0');

@@ -17,7 +17,7 @@
 #include "support/files.h"
 #include "support/process.h"
 
-/// The program `mirado`, running, with pipes to its input and output. Its stderr goes to a file.
+/// A running `mirado`, with pipes to its input and output. Its stderr is written to a file.
 class Program {
  public:
   Program(std::vector<std::string> arguments, const std::string& log) {
@@ -53,7 +53,7 @@ class Program {
     CloseOutput();
   }
 
-  void Say(const std::string& line) const { Write(line + "\n"); }
+  void WriteLine(const std::string& line) const { Write(line + "\n"); }
 
   void Write(std::string_view text) const {
     while (!text.empty()) {
@@ -63,24 +63,24 @@ class Program {
     }
   }
 
-  /// The next line of output; empty at its end, or when none has come for a long time.
-  std::string Hear() {
+  /// The next line of output; empty at its end, or after a long time without one.
+  std::string ReadLine() {
     std::size_t newline = 0;
-    while ((newline = heard_.find('\n')) == std::string::npos) {
+    while ((newline = received_.find('\n')) == std::string::npos) {
       if (!Receive()) {
         return "";
       }
     }
-    std::string line = heard_.substr(0, newline);
-    heard_.erase(0, newline + 1);
+    std::string line = received_.substr(0, newline);
+    received_.erase(0, newline + 1);
     return line;
   }
 
-  /// All that comes until its end.
-  std::string HearAll() {
+  /// All output until its end.
+  std::string ReadAll() {
     while (Receive()) {
     }
-    return std::exchange(heard_, {});
+    return std::exchange(received_, {});
   }
 
   void CloseInput() { Close(in_); }
@@ -97,7 +97,7 @@ class Program {
     std::array<char, 4096> chunk{};
     const ssize_t count =
         TEMP_FAILURE_RETRY(poll(&polled, 1, kLongTime)) > 0 ? read(out_, chunk.data(), chunk.size()) : 0;
-    heard_.append(chunk.data(), static_cast<std::size_t>(std::max(count, ssize_t{0})));
+    received_.append(chunk.data(), static_cast<std::size_t>(std::max(count, ssize_t{0})));
     return count > 0;
   }
 
@@ -111,10 +111,10 @@ class Program {
   std::optional<Process> process_;
   int in_ = -1;
   int out_ = -1;
-  std::string heard_;
+  std::string received_;
 };
 
-/// A test with a store of its own, on which it runs the program.
+/// A test that runs the program on a temporary store.
 class ProgramTest : public testing::Test {
  protected:
   struct Outcome {
@@ -123,7 +123,7 @@ class ProgramTest : public testing::Test {
     std::string log;
   };
 
-  /// Runs a command to its end. The store is named behind `words`.
+  /// Runs a command to its end. The option for the store is appended to `words`.
   Outcome Run(std::vector<std::string> words, const std::string& input = "") const {
     words.insert(words.end(), {"--store", store()});
     return RunAsIs(std::move(words), input);
@@ -132,7 +132,7 @@ class ProgramTest : public testing::Test {
     Program program(std::move(words), log());
     program.Write(input);
     program.CloseInput();
-    std::string out = program.HearAll();
+    std::string out = program.ReadAll();
     const int status = program.Wait();
     return {status, std::move(out), Contents(log())};
   }

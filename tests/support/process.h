@@ -13,20 +13,20 @@
 #include <type_traits>
 #include <utility>
 
-/// Whether the kernel hands on the locks of a process that dies. The user mode of qemu does not.
+/// Whether the kernel releases the locks of a process that dies. The user mode of qemu does not.
 inline bool HasRobustLocks() {
   void* list = nullptr;
   std::size_t size = 0;
   return syscall(SYS_get_robust_list, 0, &list, &size) == 0;
 }
-constexpr const char* kNoRobustLocks = "the lock of a process that dies is not handed on here";
+constexpr const char* kNoRobustLocks = "the lock of a process that dies is not released here";
 
-/// Another process, which runs `body` and has a pipe on which it can tell its parent something. It dies with its holder
-/// and with the thread that made it; Ctrl-C at the terminal does not end it.
+/// A child process that runs `body` and can write records to its parent through a pipe. The destructor kills it, and so
+/// does the end of the thread that made it; Ctrl-C does not.
 class Process {
  public:
-  /// `body` may take the pipe's writing end. Its result is the exit status; where it has none, that is whether an
-  /// expectation failed in it.
+  /// `body` may take the pipe's writing end. Its result is the exit status. If it returns nothing, the status is 1
+  /// after a failed expectation and otherwise 0.
   template <typename Body>
   explicit Process(const Body& body) {
     std::array<int, 2> ends{};
@@ -49,7 +49,7 @@ class Process {
     Wait();
   }
 
-  /// Waits for the next record on the pipe; false when the process has ended and nothing is left.
+  /// Waits for the next record on the pipe; false when the process has ended and all records have been read.
   template <typename Record>
   bool Read(Record* record) const {
     return read(pipe_, record, sizeof *record) == static_cast<ssize_t>(sizeof *record);
@@ -64,13 +64,13 @@ class Process {
   }
   void Kill() const { Signal(SIGKILL); }
 
-  /// Returns when it has stopped.
+  /// Stops the process and returns when it has stopped.
   void Stop() const {
     Signal(SIGSTOP);
     waitpid(id_, nullptr, WUNTRACED);
   }
 
-  /// The exit status, or minus the signal that ended it. Nothing can be read afterwards.
+  /// The exit status, or minus the signal that ended it. Closes the pipe.
   int Wait() {
     int status = 0;
     if (id_ > 0) {
@@ -103,28 +103,30 @@ class Process {
   int pipe_ = -1;
 };
 
-/// Two pipes between this process and another one, made before the fork: a byte each way is a step of both.
+/// Lets a parent and its child wait for each other, by one byte at a time through two pipes made before the fork.
 class Steps {
  public:
-  Steps() { EXPECT_EQ(pipe2(here_.data(), O_CLOEXEC) | pipe2(there_.data(), O_CLOEXEC), 0); }
+  Steps() { EXPECT_EQ(pipe2(to_parent_.data(), O_CLOEXEC) | pipe2(to_child_.data(), O_CLOEXEC), 0); }
   Steps(const Steps&) = delete;
   Steps& operator=(const Steps&) = delete;
   ~Steps() {
-    for (const int end : {here_[0], here_[1], there_[0], there_[1]}) close(end);
+    for (const int end : {to_parent_[0], to_parent_[1], to_child_[0], to_child_[1]}) close(end);
   }
-  void Tell() const { Put(there_[1]); }   ///< the other process
-  void Hear() const { Take(here_[0]); }   ///< what it tells
-  void Answer() const { Put(here_[1]); }  ///< the same two, there
-  void Await() const { Take(there_[0]); }
+  void SignalChild() const { Put(to_child_[1]); }
+  void AwaitChild() const { Take(to_parent_[0]); }
+  void SignalParent() const { Put(to_parent_[1]); }
+  void AwaitParent() const { Take(to_child_[0]); }
 
  private:
   static void Put(int end) { EXPECT_EQ(write(end, "s", 1), 1); }
   static void Take(int end) {
-    constexpr int kLongTime = 120'000;  // this process has both ends, so it would not see that the other one has died
+    constexpr int kLongTime =
+        120'000;  // this process has both ends, so the death of the other one does not end the read
     pollfd polled{end, POLLIN, 0};
     char byte = 0;
-    EXPECT_TRUE(TEMP_FAILURE_RETRY(poll(&polled, 1, kLongTime)) == 1 && read(end, &byte, 1) == 1) << "nothing is heard";
+    EXPECT_TRUE(TEMP_FAILURE_RETRY(poll(&polled, 1, kLongTime)) == 1 && read(end, &byte, 1) == 1)
+        << "no signal from the other process";
   }
-  std::array<int, 2> here_{};
-  std::array<int, 2> there_{};
+  std::array<int, 2> to_parent_{};
+  std::array<int, 2> to_child_{};
 };

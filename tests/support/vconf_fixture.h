@@ -16,7 +16,7 @@
 #include "vconf.h"
 #include "vconf_control.h"
 
-/// A store of the test's own in a temporary folder, and the lines that it logs.
+/// A store in a temporary folder, and the lines that it logs.
 class VconfTest : public testing::Test {
  protected:
   VconfTest() {
@@ -48,7 +48,7 @@ class VconfTest : public testing::Test {
     return otherwise;
   }
 
-  /// The lines so far; the store's own thread may add to them at any time.
+  /// The lines logged so far; the store's own thread may add some at any time.
   std::vector<std::string> Log() {
     const std::lock_guard lock(log_mutex_);
     return log_;
@@ -61,6 +61,6 @@ class VconfTest : public testing::Test {
  private:
   std::mutex log_mutex_;
   std::vector<std::string> log_;
-  // In memory where that can be, for these tests write much.
+  // In memory if possible, because these tests write much.
   TemporaryFolder folder_{access("/dev/shm", W_OK) == 0 ? "/dev/shm" : testing::TempDir()};
 };
