@@ -1,5 +1,5 @@
-# Two Debian packages: `mirado` with all that runs, and `mirado-dev` with what a plug-in for a set is built against. What
-# they need of the system is read from the programs themselves.
+# Two Debian packages: `mirado` with the programs and libraries, and `mirado-dev` for building a plug-in for a set.
+# Their dependencies are computed from the programs.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME mirado)
 set(CPACK_PACKAGE_CONTACT "The Mirado developers <developers@mirado.example>")
@@ -25,7 +25,7 @@ set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "Headers and libraries to build the 
 The services of a simulated television set that the plug-in calls: headers,
 libraries to link and a configuration for CMake.")
 
-# What Debian asks of a package: the terms, and the history.
+# Required by Debian: the licence and the changelog.
 foreach(component_and_package runtime:mirado development:mirado-dev)
   string(REPLACE ":" ";" parts ${component_and_package})
   list(GET parts 0 component)

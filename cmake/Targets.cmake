@@ -1,20 +1,20 @@
-# What every target of the plug-in, the platform and the desk shares, and how a service of the platform is declared.
+# Settings of all targets of the plug-in, the platform and the desk, and functions that install or declare them.
 
 find_package(Threads REQUIRED)
 
-# All libraries stand in one folder of their own, so that their plain names collide with nothing on the system.
+# All libraries are in one folder of their own, so that their short names do not collide with those of the system.
 set(MIRADO_LIBDIR ${CMAKE_INSTALL_LIBDIR}/mirado)
-# What a plug-in for a set is built against, without this repository.
+# The files for building a plug-in for a set without this repository.
 set(MIRADO_SETDIR ${CMAKE_INSTALL_LIBDIR}/mirado-set)
 set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/${MIRADO_LIBDIR})
 set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/${CMAKE_INSTALL_BINDIR})
 
-# Run paths are relative to the file that has them. The folders of the build tree stand to each other as those of an
-# installation do, so what is installed has its final run path from the start. CMake would otherwise reserve room for it
-# with empty elements, and the loader takes an empty element for the current folder.
+# Run paths are relative to the file. Build tree and installation have the same layout, so the final run path is used
+# from the start. Otherwise CMake would reserve space with empty elements, and the loader reads an empty element as the
+# current folder.
 set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
 
-# mirado_install(target folder): installs the target in the folder, from where it finds the libraries.
+# mirado_install(target folder): installs the target in the folder, with a run path to the libraries.
 function(mirado_install target folder)
   file(RELATIVE_PATH to_libraries /prefix/${folder} /prefix/${MIRADO_LIBDIR})
   string(REGEX REPLACE "/$" "" run_path "$ORIGIN/${to_libraries}")
@@ -22,8 +22,8 @@ function(mirado_install target folder)
   install(TARGETS ${target} RUNTIME DESTINATION ${folder} LIBRARY DESTINATION ${folder})
 endfunction()
 
-# mirado_install_compressed(name folder component command...): installs what the command prints as a file of that name,
-# compressed as Debian wants manual pages and histories.
+# mirado_install_compressed(name folder component command...): installs the output of the command as a file of that
+# name, compressed as Debian requires for manual pages and changelogs.
 function(mirado_install_compressed name folder component)
   list(JOIN ARGN "\" \"" command)
   install(DIRECTORY DESTINATION ${folder} COMPONENT ${component})
@@ -43,7 +43,7 @@ if(MIRADO_SANITIZE)
   target_compile_options(mirado_flags INTERFACE -fsanitize=${MIRADO_SANITIZE} -fno-omit-frame-pointer
                                                 -fno-sanitize-recover=all)
   # The sanitizers' runtimes guess the size of a loaded library's thread-local block from a header that the C library no
-  # longer writes, and now and then die of it. Laid out beside the program's own there is no such block.
+  # longer writes, and sometimes crash. With initial-exec there is no such block.
   target_compile_options(mirado_flags INTERFACE -ftls-model=initial-exec)
   if(MIRADO_SANITIZE MATCHES address)  # one name for it; each compiler has its own
     target_compile_definitions(mirado_flags INTERFACE MIRADO_SANITIZE_ADDRESS)
@@ -55,14 +55,14 @@ endif()
 
 # mirado_service(name SOURCES file... [LINKS public-target...] [PRIVATE_LINKS target...])
 #
-# One shared library of the platform. `include/` holds what the plug-in may include; `control/`, where there is one,
-# holds the side that steers the service and belongs to the target <name>_control, which the plug-in never links.
+# One shared library of the platform. `include/` contains the headers for the plug-in; `control/`, if it exists, those
+# for controlling the service, in the target <name>_control, which the plug-in never links.
 function(mirado_service name)
   cmake_parse_arguments(ARG "" "" "SOURCES;LINKS;PRIVATE_LINKS" ${ARGN})
   add_library(${name} SHARED ${ARG_SOURCES})
   target_include_directories(${name} PUBLIC ${CMAKE_CURRENT_SOURCE_DIR}/include PRIVATE src)
   target_link_libraries(${name} PUBLIC ${ARG_LINKS} PRIVATE mirado_flags Threads::Threads ${ARG_PRIVATE_LINKS})
-  # A service's calls of its own functions need no detour through the linker's tables.
+  # A service calls its own functions directly, not through the procedure linkage table.
   target_compile_options(${name} PRIVATE -fno-semantic-interposition)
   target_link_options(${name} PRIVATE -Wl,-Bsymbolic-functions)
   mirado_install(${name} ${MIRADO_LIBDIR})

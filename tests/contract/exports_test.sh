@@ -1,6 +1,5 @@
 #!/bin/sh
-# What the plug-in shows to a runtime and what it asks of the set: one entry point, nothing that the set lacks, and
-# little room.
+# Checks the symbols and the size of the plug-in: one exported function, only imports that the set has, a small file.
 #
 #   exports_test.sh LIBRARY
 set -eu
@@ -29,7 +28,7 @@ expect "libraries beside the platform's and the runtime's" "$(grep -vxE \
   'lib(dlog|vconf|ppapi|handler|system_info|prefdeck|panelbase)\.so|(lib(stdc\+\+|gcc_s|c|m)|ld-linux[-_a-z0-9]*)\.so\.[0-9]+' \
   "$scratch/needed" || true)" ""
 
-# Each symbol must come from a library on that list, not from one that happens to be loaded with it.
+# Each symbol must be defined by a library on that list, not by one that is loaded only indirectly.
 ldd "$library" >"$scratch/loaded"
 while read -r name; do
   # "libc.so.6 => /lib/libc.so.6 (0x…)", but the loader as "/lib64/ld-linux.so.2 (0x…)".

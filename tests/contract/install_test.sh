@@ -1,5 +1,5 @@
 #!/bin/sh
-# An installation stands on its own feet, wherever it is put: program, libraries and plug-in find each other there.
+# An installation works in any folder: program, libraries and plug-in find each other there.
 #
 #   install_test.sh BUILD-FOLDER
 set -eu

@@ -1,6 +1,6 @@
 #!/bin/sh
-# No built and no installed file lets the loader search a folder that others can write to: each run path is relative to
-# the file's own place. An empty element would be the current folder.
+# With no built or installed file does the loader search a folder that others can write to: each run path is relative to
+# the file. An empty element would mean the current folder.
 #
 #   run_path_test.sh BUILD-FOLDER
 set -eu
@@ -13,7 +13,7 @@ find "$build" "$scratch/installed" -name CMakeFiles -prune -o -type f \( -name '
   while read -r file; do
     readelf -h "$file" >/dev/null 2>&1 || continue
     echo "${file##*/}" >>"$scratch/read"
-    # A dependency with a slash in its name is a path, which the loader takes as it is.
+    # A dependency with a slash in its name is a path, which the loader opens without a search.
     readelf -dW "$file" | sed -n -e 's/.*(NEEDED).*\[\(.*\/.*\)\]$/needs \1/p' -e 's/.*(RU\{0,1\}N\{0,1\}PATH).*\[\(.*\)\]$/\1/p' |
       tr ':' '\n' | grep -vE '^[$]ORIGIN(/|$)' | sed "s|^|$file: |" >>"$scratch/wrong" || true
   done

@@ -1,5 +1,5 @@
 #!/bin/sh
-# The plug-in is built by itself, from its own sources and the installed development files alone, and answers in the
+# The plug-in can be built by itself, from only its own sources and the installed development files, and works in the
 # installed program.
 #
 #   set_test.sh BUILD-FOLDER PLUG-IN-SOURCES CMAKE-CACHE-ARGUMENT...
@@ -23,7 +23,7 @@ set_folder=$(dirname "$(find "$scratch/dev" -path '*mirado-set/include')")
 plugin=$scratch/build/libmirado.so
 path=$(readelf -dW "$plugin" | grep -E '\(R(UN)?PATH\)' || true)
 [ -z "$path" ] || { echo "the plug-in for a set has a run path: $path"; exit 1; }
-# As on a set, whose loader knows where the set's libraries are.
+# As on a set, where the loader finds the libraries without a run path.
 libraries=$(dirname "$(find "$scratch/run" -name libvconf.so)")
 answer=$(echo '{"send": {"command": "getVersion"}}' | LD_LIBRARY_PATH=$libraries MIRADO_PLUGIN=$plugin \
   "$scratch/run/bin/mirado" host --store "$scratch/store" 2>"$scratch/log" | head -n 1 | tr -d ' ')
@@ -32,7 +32,7 @@ case $answer in
   *) echo "the plug-in for a set answered: $answer"; cat "$scratch/log"; exit 1 ;;
 esac
 
-# The other way to find the development files, and a folder that has none.
+# The other way to name the development files, and a folder without them.
 cat >"$scratch/CMakeLists.txt" <<'END'
 cmake_minimum_required(VERSION 3.25)
 project(user LANGUAGES CXX)
