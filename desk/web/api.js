@@ -1,8 +1,8 @@
 // The desk's HTTP interface.
 
 /**
- * A failure in words for a person. `status` is the answer's, 0 when there was none; `code` is the desk's word for the
- * cause.
+ * A failure in words for a person. `status` is that of the answer, 0 if there was none; `code` is the desk's name
+ * for the cause.
  */
 export class DeskError extends Error {
   constructor(message, { status = 0, code = null } = {}) {
@@ -12,7 +12,7 @@ export class DeskError extends Error {
   }
 }
 
-// A desk with a token prints a link that carries it. It stays with this tab, and out of what people copy and show.
+// A desk with a token prints a link that contains it. The token is stored for this tab and removed from the address.
 const link = new URL(location.href);
 const token = link.searchParams.get("token") ?? sessionStorage.getItem("token");
 if (link.searchParams.has("token")) {
@@ -21,7 +21,7 @@ if (link.searchParams.has("token")) {
   history.replaceState(null, "", link);
 }
 
-/** `path` as it must be asked for. */
+/** `path` with the token, if there is one. */
 export function addressOf(path) {
   if (!token) return path;
   return `${path}${path.includes("?") ? "&" : "?"}token=${encodeURIComponent(token)}`;
@@ -52,8 +52,8 @@ export const put = (path, body) => request("PUT", path, body);
 export const patch = (path, body) => request("PATCH", path, body);
 export const remove = (path) => request("DELETE", path);
 
-/** Where the key at `path` is read and written; a path may hold any character. */
+/** The address of the key at `path`, which may contain any character. */
 export const keyAddress = (path) => `/api/store/${encodeURIComponent(path)}`;
 
-/** `{send: M}` or `{post: M}` to the plug-in of a page. */
+/** Sends `{send: M}` or `{post: M}` to the plug-in of a page. */
 export const say = (page, message) => post(`/api/pages/${page}/messages`, message);

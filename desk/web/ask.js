@@ -1,7 +1,7 @@
-// A question before something is done that cannot be taken back.
+// Asks for confirmation before an action that cannot be undone.
 import { byId } from "./dom.js";
 
-/** True when the answer is yes. */
+/** Resolves with true if the user confirms. */
 export function ask(title, text, yes) {
   const dialog = byId("ask");
   byId("ask-title").textContent = title;

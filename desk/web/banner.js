@@ -1,4 +1,4 @@
-// The one place for problems: what is wrong, what to do, and the button that does it.
+// The banner for problems: what is wrong, what to do, and a button that does it.
 import { DeskError } from "./api.js";
 import { byId, make } from "./dom.js";
 import { changed, observe, state } from "./state.js";
@@ -9,14 +9,14 @@ const ORDER = ["desk", "stream", "store", "plugin", "crash", "limit", "action", 
 const problems = new Map(); // by kind: {source, title, text, lines, button: {text, run}, mild}
 let shown = null;
 
-/** Shows `problem` until another one of its kind or null is reported. */
+/** Shows `problem` until another one of the same kind, or null, is reported. */
 export function report(kind, problem) {
   if (problem) problems.set(kind, problem);
   else problems.delete(kind);
   show();
 }
 
-/** Runs `action` and shows why it failed until an action of the same `source` goes well. True when it went well. */
+/** Runs `action`. Shows a failure until an action of the same `source` succeeds. Resolves with true if it succeeded. */
 export async function attempt(source, action) {
   try {
     await action();
@@ -24,7 +24,7 @@ export async function attempt(source, action) {
     return true;
   } catch (error) {
     if (!(error instanceof DeskError)) throw error;
-    // A desk that does not answer at all is told once, by its stream.
+    // If the desk does not answer at all, only its event stream reports it.
     if (error.status !== 0 || state.linked) report("action", { source, title: "The request failed:", text: error.message, dismiss: true });
     if (["damaged", "removed", "busy", "failed"].includes(error.code)) changed("doubt");
     return false;
@@ -42,7 +42,7 @@ function show() {
   banner.className = problem?.mild ? "mild" : "";
   banner.replaceChildren(...problem ? contentOf(kind, problem) : []);
   const lines = banner.querySelector("pre");
-  if (lines) lines.scrollTop = lines.scrollHeight; // the last say why
+  if (lines) lines.scrollTop = lines.scrollHeight; // the last lines show the cause
   if (hadFocus && !problem) byId("main").focus();
   else if (hadFocus) banner.querySelector("button")?.focus();
 }
@@ -50,7 +50,7 @@ function show() {
 function contentOf(kind, { title, text, lines = [], button, dismiss }) {
   const buttons = [];
   if (button) {
-    let running = false; // a button that is disabled would lose the focus
+    let running = false; // not `disabled`, which would lose the focus
     buttons.push(make("button", { type: "button", className: "usual", onclick: async ({ currentTarget }) => {
       if (running) return;
       running = true;
@@ -71,7 +71,7 @@ function contentOf(kind, { title, text, lines = [], button, dismiss }) {
     make("div", { className: "buttons" }, ...buttons)];
 }
 
-// What cannot work is disabled: all that needs the desk, its store, or a page to speak to.
+// Disables what cannot work without the desk, its store, or an open page.
 observe(["linked", "desk", "pages", "selected"], () => {
   const store = state.linked && !state.desk?.store.error;
   const page = state.pages.get(state.selected);

@@ -1,4 +1,4 @@
-// Puts a message together and gives it to the plug-in of the chosen page, as the page itself would.
+// Composes a message and sends it to the plug-in of the chosen page, as the page itself would.
 import * as api from "./api.js";
 import { attempt } from "./banner.js";
 import { byId, fillSelect, make, showInvalid } from "./dom.js";
@@ -14,14 +14,14 @@ const value = byId("value");
 const message = byId("message");
 
 const history = JSON.parse(sessionStorage.getItem("history") ?? "[]"); // oldest first
-let at = history.length; // the entry that is shown; behind the last it is what was being written
+let at = history.length; // the index of the entry that is shown; after the last it is the unsent message
 let draft = "";
 let awaitsFocus = false;
 
 const commandOf = (name) => state.catalog.commands.find((each) => each.name === name);
 const valueField = () => commandOf(command.value)?.fields.find((field) => field !== "propertyKey");
 
-// What is no JSON is meant as text.
+// Input that is not JSON is a text.
 function parse(text) {
   try {
     return JSON.parse(text);
@@ -30,7 +30,7 @@ function parse(text) {
   }
 }
 
-// The fields fill the message, which may then be edited at will.
+// The fields fill in the message, which may then be edited.
 function compose() {
   const described = commandOf(command.value);
   if (!described) return;
@@ -56,7 +56,7 @@ function chooseCommand() {
   compose();
 }
 
-// The values that have a meaning for this setting.
+// The values with a meaning for this setting.
 function offerValues() {
   const described = commandOf(command.value);
   const setting = described?.table ? settingOf(described.table, Number(key.value)) : null;
@@ -67,7 +67,7 @@ function offerValues() {
     .map(([preset, label]) => make("option", { value: preset, textContent: label })));
 }
 
-// What is posted is not waited for; a command that is not known is sent.
+// A post does not wait for a reply; an unknown command is sent.
 function kindOf(text) {
   return commandOf(parse(text)?.command)?.posted ? "post" : "send";
 }
@@ -105,7 +105,7 @@ async function submit(other = false) {
     const { reply } = await api.say(page.id, { [kind]: body });
     if (kind !== "send") return;
     const { text, rest } = describeRequest(body);
-    byId("outcome").textContent = `${text} ${rest} gives ${describeReply(reply).text}`; // for those who hear the page
+    byId("outcome").textContent = `${text} ${rest} gives ${describeReply(reply).text}`; // for screen readers
   });
 }
 
@@ -126,10 +126,10 @@ function recall(step) {
   showKind();
 }
 
-// What makes the command fail, each as a switch.
+// The failures of the command, each with a switch.
 function showFailures() {
   const failures = failuresOf(parse(message.value));
-  if (!failures) return; // what is being written is no message yet
+  if (!failures) return; // the input is not a valid message yet
   const on = failures.filter((failure) => failure.isOn()).length;
   byId("failures-title").textContent = on ? `Make it fail (${on} on)` : "Make it fail";
   const list = byId("failure-list");
@@ -182,7 +182,7 @@ observe(["set", "faults"], () => {
   offerValues();
   showFailures();
 });
-/** The keyboard goes to the message as soon as there is a plug-in to send it to. */
+/** Focuses the message field as soon as there is a plug-in to send to. */
 export function focusMessage() {
   awaitsFocus = true;
   changed("selected");
@@ -191,7 +191,7 @@ export function focusMessage() {
 observe(["pages", "selected", "linked"], () => {
   if (awaitsFocus && listeningPage()) {
     awaitsFocus = false;
-    queueMicrotask(() => message.focus()); // what is hidden takes no focus: all parts of the page are shown first
+    queueMicrotask(() => message.focus()); // after everything is shown: a hidden field cannot get the focus
   }
   byId("composer-page").textContent = selectedPage() || !state.linked ? "" : "Choose a page to send it messages.";
 });

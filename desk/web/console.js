@@ -11,7 +11,7 @@ const elementOf = (id) => [...elements].find((element) => element.dataset.page =
 /** Whether the page with this id is a console of this window. */
 export const isConsole = (id) => Boolean(elementOf(id));
 
-// How many to open after a reload.
+// The number of consoles to open after a reload.
 const remember = () => sessionStorage.setItem("consoles", String(elements.size));
 
 function loadScript() {
@@ -22,7 +22,7 @@ function loadScript() {
   });
 }
 
-/** Opens a console and, with `choose`, chooses its tab. */
+/** Opens a console; with `choose` also chooses its tab. */
 export async function openConsole({ choose = true } = {}) {
   try {
     await loadScript();
@@ -41,7 +41,7 @@ export async function openConsole({ choose = true } = {}) {
     }
   });
   document.body.append(opened);
-  await new Promise((resolve) => setTimeout(resolve)); // the script sees the element and opens its page
+  await new Promise((resolve) => setTimeout(resolve)); // desk.js finds the element and opens its page
   if (!opened.dataset.page) return;
   remember();
   if (choose) select(opened.dataset.page);
@@ -52,20 +52,20 @@ function removeElement(element) {
   elements.delete(element);
 }
 
-/** Opens a console in place of one whose plug-in has ended. */
+/** Replaces a console whose plug-in has ended. */
 export function restartConsole(id) {
   removeElement(elementOf(id));
   return openConsole();
 }
 
-/** Ends a page, or forgets one that has ended. */
+/** Closes a page, or deletes one that has ended. */
 export async function closePage({ id }) {
   await attempt("page", () => remove(`/api/pages/${id}`));
   removeElement(elementOf(id));
   remember();
 }
 
-/** Opens the consoles again that were open before this page was loaded, or before the desk was away. */
+/** Opens the consoles again that were open before this page was reloaded, or before the desk ended. */
 export async function reopenConsoles() {
   for (const element of elements) if (!state.pages.get(element.dataset.page)?.open) removeElement(element);
   const missing = Number(sessionStorage.getItem("consoles")) - elements.size;

@@ -1,17 +1,17 @@
 // Gives every <embed type="application/x-mirado"> of this document a plug-in on the desk: `postMessage`,
 // `postMessageAndAwaitResponse`, and `message` and `crash` events. Loaded with one script tag, from the desk itself.
-// It runs in an engine of generation 47, so it is written in what that engine understands.
+// It runs in an engine of generation 47, so it uses only what that engine supports.
 (() => {
   "use strict";
 
   const TYPE = "application/x-mirado";
-  const MAX_BODY = 65536; // bytes, as the desk takes them
+  const MAX_BODY = 65536; // bytes, the limit of the desk
   const RETRY = 500; // milliseconds between attempts to reach a desk that does not answer
-  const PATIENCE = 5000; // milliseconds without a connection, after which a desk is taken to have done with its page
+  const PATIENCE = 5000; // milliseconds without a connection, after which the desk has ended the page
 
-  // By the document's own getter: an element named "currentScript" would stand in front of it.
+  // With the document's own getter, because an element named "currentScript" would hide it.
   const script = Object.getOwnPropertyDescriptor(Document.prototype, "currentScript").get.call(document);
-  // Where it is injected, by a test for example, whoever injects it says where the desk is.
+  // A test that injects this script sets the address of the desk.
   const source = script ? script.src : self.miradoDesk;
   if (typeof source !== "string" || !source) {
     console.error("Mirado: desk.js is a classic script: load it with <script src=…>, not as a module or by import.");
@@ -36,7 +36,7 @@
     return answer;
   }
 
-  // Parts entries so that the desk takes each part as one body.
+  // Splits entries into batches that fit into one request.
   function batchesOf(entries) {
     const batches = [];
     let size = MAX_BODY;
@@ -61,7 +61,7 @@
       this.posts = []; // what the desk has not acknowledged yet, in order
       this.number = 0;
       this.last = 0; // the number of the last delivery
-      this.broken = null; // since when there is no connection
+      this.broken = null; // the time when the connection was lost, or null
       this.gone = false;
       this.attached = false;
       try {
@@ -84,13 +84,13 @@
       const socket = this.socket = new WebSocket(address);
       socket.onopen = () => {
         this.broken = null;
-        this.posts.forEach((entry) => socket.send(entry.text)); // Those that have arrived are skipped.
+        this.posts.forEach((entry) => socket.send(entry.text)); // The desk skips those that it has received.
       };
       socket.onmessage = (event) => this.hear(JSON.parse(event.data));
       socket.onclose = () => { if (!this.gone && this.socket === socket) this.askAgain(); };
     }
 
-    // A socket that fails does not say why, so the page is asked for.
+    // A failed socket gives no cause, so the page is requested to find it.
     askAgain() {
       this.broken = this.broken || Date.now();
       const request = new XMLHttpRequest();
@@ -120,7 +120,7 @@
       }
     }
 
-    // A message as it goes over the wire. The desk skips a number that it has seen, so that one may be sent again.
+    // A message with its JSON. The desk skips a number that it has received, so that a message can be sent again.
     entry(kind, message) {
       const json = JSON.stringify(message);
       if (json === undefined) throw new TypeError("The message is not a JSON value.");
@@ -144,7 +144,7 @@
       try {
         answer = exchange(`${this.path}/messages`, `[${batch.map((entry) => entry.text)}]`);
       } catch (error) {
-        // One bad message lets the desk refuse the whole batch. Then they go one by one, and only that one is lost.
+        // The desk refuses a batch with an invalid message. Then each is sent alone, and only the invalid one is lost.
         if (error.status === 400 && batch.length > 1) {
           for (const entry of batch) answer = this.deliverNow([entry]);
         } else if (error.status === 400 && batch[0].kind === "post") {
@@ -161,11 +161,11 @@
       if (this.gone) return undefined;
       let answer;
       try {
-        // What was posted before must arrive before, even if it is still on its way.
+        // Earlier posts must be handled first, so those that are not acknowledged are sent again.
         for (const batch of batchesOf(this.posts.concat(entry))) answer = this.deliverNow(batch);
       } catch (error) {
         if (error.status === 400) throw new TypeError(error.message);
-        // When the process died, the socket brings the crash with its cause.
+        // If the process died, the socket receives the crash with its cause.
         console.error(`Mirado: no reply: ${error.message}`);
         if (error.name === "NetworkError") this.end({ reason: "the desk cannot be reached" });
         return undefined;
@@ -174,8 +174,8 @@
       return answer.reply === null ? undefined : answer.reply;
     }
 
-    // The plug-in is gone. After a crash the socket stays open, so that the desk shows the page until it is closed;
-    // otherwise there is nobody to ask any more.
+    // Ends the plug-in. After a crash the socket stays open, so that the desk shows the page until it is closed;
+    // otherwise the desk has no page for it any more.
     end(cause) {
       if (this.gone) return;
       this.gone = true;
@@ -185,7 +185,7 @@
       console.error(`Mirado: ${cause.reason}`);
       const detail = { status: status, signal: signal, reason: cause.reason };
       this.element.pluginGone = detail;
-      // Not at once: who made the element has had no time to listen.
+      // Later, so that the code that creates the element can add its listener first.
       setTimeout(() => this.element.dispatchEvent(new CustomEvent("crash", { detail: detail })));
     }
 
@@ -215,15 +215,14 @@
   define("postMessage", (plugin, message) => plugin.post(message));
   define("postMessageAndAwaitResponse", (plugin, message) => plugin.send(message));
 
-  // Through shadow roots, too.
+  // Also for elements in shadow roots.
   function isAttached(element) {
     let node = element;
     while (node && node !== document) node = node.parentNode || node.host;
     return node === document;
   }
 
-  // Elements that were called before they came into the document are in the map and not in the document; what counts is
-  // that one was there and is not any more.
+  // An element may be called before it is in the document; only one that was in it and was removed counts.
   function follow() {
     for (const element of Array.from(document.querySelectorAll(`embed[type="${TYPE}"]`))) pluginOf(element);
     plugins.forEach((plugin, element) => {
@@ -241,6 +240,6 @@
   follow();
 
   addEventListener("pagehide", () => plugins.forEach((plugin) => plugin.leave()));
-  // A page that comes back out of the browser's memory has lost its plug-ins.
+  // A page that the browser restores from its back/forward cache has lost its plug-ins.
   addEventListener("pageshow", (event) => { if (event.persisted) location.reload(); });
 })();

@@ -39,7 +39,7 @@ const history = new History("dialogue", { append, restart: clear });
 export const addEntry = (entry) => history.add(entry);
 export const load = () => history.load();
 
-// As `mirado host` would have it on its input and output.
+// In the form of the input and output of `mirado host`.
 function asJsonLines() {
   return [...exchanges.values()].flatMap(({ entries }) => entries).filter(({ kind }) => kind !== "crash")
     .sort((one, other) => one.time - other.time || one.n - other.n)

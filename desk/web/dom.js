@@ -1,4 +1,4 @@
-// The few things that every part of the page needs of the document.
+// Functions for the document, used by all parts of the page.
 
 export const byId = (id) => document.getElementById(id);
 
@@ -13,24 +13,24 @@ export function make(tag, properties = {}, ...children) {
   return element;
 }
 
-/** Keeps what was chosen if it is still on offer. */
+/** Replaces the options of a list; the chosen one stays chosen if it still exists. */
 export function fillSelect(select, options) {
   const chosen = select.value;
   select.replaceChildren(...options.map(({ value, text }) => make("option", { value, textContent: text })));
   if (options.some(({ value }) => String(value) === chosen)) select.value = chosen;
 }
 
-/** Writes a field unless somebody is typing in it at this moment, or what they typed is still to be corrected. */
+/** Sets a field unless the user is typing in it, or its content is invalid and not yet corrected. */
 export function showText(field, text) {
   if (document.activeElement !== field && !field.hasAttribute("aria-invalid")) field.value = text;
 }
 
-/** Sets a text only where it changes, which costs the browser nothing and keeps a reader's selection. */
+/** Sets a text only if it changes, which saves work and keeps the user's selection. */
 export function setText(element, text) {
   if (element.textContent !== text) element.textContent = text;
 }
 
-/** Shows at `place` what is wrong with `field`, or that nothing is any more. */
+/** Shows at `place` what is wrong with `field`, or nothing if it is valid. */
 export function showInvalid(field, place, text) {
   place.textContent = text;
   place.hidden = !text;
@@ -45,7 +45,7 @@ export function timeOf(milliseconds) {
       String(time.getMilliseconds()).padStart(3, "0");
 }
 
-/** Copies, and says so on the button for a moment. */
+/** Copies, and shows so on the button for a moment. */
 export async function copyFrom(button, text) {
   const label = button.dataset.label ??= button.textContent;
   try {
@@ -60,10 +60,10 @@ export async function copyFrom(button, text) {
 export function download(name, text) {
   const url = URL.createObjectURL(new Blob([text]));
   make("a", { href: url, download: name }).click();
-  setTimeout(() => URL.revokeObjectURL(url), 60_000); // the browser may take its time to begin
+  setTimeout(() => URL.revokeObjectURL(url), 60_000); // the browser may start the download late
 }
 
-/** The arrow keys, Home and End go through `items()`; `go(item)` takes the one that is reached. */
+/** The arrow keys, Home and End move through `items()`; `go(item)` is called with the new one. */
 export function moveWithArrows(container, items, go, [back, on] = ["ArrowLeft", "ArrowRight"]) {
   container.addEventListener("keydown", (event) => {
     const all = items();

@@ -1,17 +1,16 @@
-// The stream of all that happens on the desk.
+// The stream of all events of the desk.
 import { addressOf, get } from "./api.js";
 
 const RETRY = 1000; // milliseconds
 
 /**
- * Calls `handlers[kind](data)` for each event, `handlers.linked()` whenever all lists have to be read again, and
- * `handlers.broken(error)` when the stream has ended or was refused; `error` is why the desk answers no other request
- * either, null when it does.
- * A stream that broke is not taken up where it ended: the desk may be another one by then, which counts its events
- * anew.
+ * Calls `handlers[kind](data)` for each event, `handlers.linked()` whenever all lists must be read again, and
+ * `handlers.broken(error)` when the stream has ended or was refused; `error` is the failure of other requests, null
+ * if they succeed.
+ * A broken stream does not continue where it ended: another desk may answer by then, with other event numbers.
  */
 export function follow(handlers) {
-  // A WebSocket, of which a browser opens more to one address than the six streams of other kinds.
+  // A WebSocket, because a browser opens only six streams of other kinds to one address.
   const socket = new WebSocket(`${location.origin.replace(/^http/, "ws")}${addressOf("/api/events")}`);
   socket.onopen = () => handlers.linked();
   socket.onmessage = ({ data }) => {

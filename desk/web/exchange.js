@@ -2,11 +2,11 @@
 import { make, timeOf } from "./dom.js";
 import { describeDelivery, describeDuration, describeEnd, describeReply, describeRequest, describeValue } from "./words.js";
 
-// What the desk calls an entry, and what people do. The style sheet has a sign for each.
+// The names of entries, by the kind that the desk reports. The style sheet has a sign for each.
 const WORDS = { send: "Sent", post: "Posted", reply: "Reply", message: "Received", crash: "Ended" };
 
 export class Exchange {
-  /** `entry` is the desk's entry of a dialogue that opens the row; `number` that of its page. */
+  /** `entry` is the dialogue's entry that starts the row; `number` is that of its page. */
   constructor(entry, number) {
     Object.assign(this, { entry, number, answer: null, failed: false, result: "" });
     const { kind, body } = entry;
@@ -14,9 +14,9 @@ export class Exchange {
     this.kind = kind === "reply" ? "send" : kind;
     this.said = this.isRequest ? describeRequest(body) : kind === "message" ? describeDelivery(body) :
       { setting: null, text: kind === "crash" ? "the plug-in" : "", rest: "" };
-    if (entry.now !== undefined) this.result = describeValue(entry.now); // an event names the setting alone
+    if (entry.now !== undefined) this.result = describeValue(entry.now); // an event contains only the setting
     if (kind === "crash") Object.assign(this, { failed: true, result: describeEnd(body) });
-    if (kind === "reply") this.complete(entry); // to a request that is not kept any more
+    if (kind === "reply") this.complete(entry); // the desk no longer stores its request
   }
 
   /** The reply to a request, or the delivery that answers a post. */
@@ -33,7 +33,7 @@ export class Exchange {
     return !setting || this.said.setting?.path === setting;
   }
 
-  /** The entries of the desk that the row is made of. */
+  /** The desk's entries of this row. */
   get entries() {
     return this.answer && this.answer !== this.entry ? [this.entry, this.answer] : [this.entry];
   }
@@ -66,7 +66,7 @@ export class Exchange {
     if (this.details) this.fillDetails();
   }
 
-  /** Shows or hides the messages as they went over the wire. */
+  /** Shows or hides the JSON of the messages. */
   toggle() {
     this.button.setAttribute("aria-expanded", String(!this.details));
     if (this.details) {

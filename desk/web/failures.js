@@ -1,7 +1,7 @@
 // The calls of the set that can be made to fail, in words, and what makes a command of the plug-in fail.
 import { settingAt, settingOf, shortName, state } from "./state.js";
 
-// What fails, where "@" stands for what the fault is about.
+// Descriptions of what fails; "@" is replaced by the setting or list of the fault.
 const CALLS = {
   vconf_get_int: { text: "reading @", any: "any number" },
   vconf_get_bool: { text: "reading @", any: "any switch" },
@@ -18,7 +18,7 @@ const CALLS = {
   GenericSyncCall: { text: "asking the embedder for @", any: "anything" },
 };
 
-/** What a fault of `call` makes fail; a path of "*" is any. */
+/** What fails with a fault of `call`; the path "*" means any. */
 export function describeCall(call, path = "*") {
   const known = CALLS[call];
   if (!known) return path === "*" ? call : `${call} of ${path}`;
@@ -26,7 +26,7 @@ export function describeCall(call, path = "*") {
   return known.text.replace("@", path === "*" ? known.any ?? "" : setting ? shortName(setting) : path);
 }
 
-/** Whether what a fault is about is there now; true where the page cannot know. */
+/** Whether the setting or list of a fault exists now; true if the page cannot know. */
 export function isThere({ call, path }) {
   if (path === "*" || !state.values || !state.set) return true;
   if (call.startsWith("vconf_")) return state.values.has(path) || Boolean(settingAt(path));

@@ -1,4 +1,4 @@
-// What fails on the set, and what takes long.
+// The faults and delays of the set.
 import * as api from "./api.js";
 import { attempt } from "./banner.js";
 import { byId, fillSelect, make, showInvalid } from "./dom.js";
@@ -10,7 +10,7 @@ import { observe, settingAt, shortName, state } from "./state.js";
 const ANY = "any";
 let shown = "[]";
 
-// An entry of a list with the button that takes it away. The focus then goes to the next one, or to the form below.
+// A list entry with a button that removes it. The focus then moves to the next entry, or to the form below.
 function entry(text, title, remove) {
   const row = make("li", {}, make("span", { title }, text),
     make("button", { type: "button", "aria-label": `Clear: ${text}`, title: "Clear", className: "remove", onclick: remove }));
@@ -84,5 +84,5 @@ byId("latency-form").onsubmit = (event) => {
   change({ latency: { [byId("latency-command").value]: Number(byId("latency-ms").value) } });
 };
 
-/** Faults that go when they have answered often enough tell nobody that they did. */
+/** Whether some faults end after a number of calls; the desk sends no event when they do. */
 export const countsDown = () => state.faults.faults.some(({ times }) => times > 0);

@@ -3,9 +3,9 @@ import { byId, copyFrom, download } from "./dom.js";
 import { observe, openPages, state } from "./state.js";
 
 const PORT = 8000;
-let wanted = false; // somebody asked for the guide although there are pages
+let wanted = false; // whether the guide was opened although there are pages
 
-// For the engine of a set, too: no modules.
+// Without modules, which a set's engine does not support.
 const exampleOf = (script, library) => `<!DOCTYPE html>
 <meta charset="utf-8">
 <title>My page</title>
@@ -38,7 +38,7 @@ observe(["desk"], () => {
 });
 
 function show() {
-  const first = state.linked && !state.pages.size && !state.selected; // one that is chosen and not there is on its way
+  const first = state.linked && !state.pages.size && !state.selected; // a chosen page that is missing is being loaded
   byId("guide").hidden = !first && !wanted;
   byId("talk").hidden = !byId("guide").hidden;
   byId("waiting").hidden = !first;
@@ -68,7 +68,7 @@ byId("guide-close").onclick = () => {
 let before = 0;
 observe(["pages", "selected", "linked"], () => {
   const { length } = openPages();
-  if (length > before) wanted = false; // here it is
+  if (length > before) wanted = false; // a page has been opened
   before = length;
   show();
 });

@@ -1,24 +1,24 @@
-// The dialogue or the log of the chosen page, or of all: first what the desk has kept, then new entries as they come.
+// The dialogue or the log of the chosen page, or of all: first the entries stored by the desk, then new ones.
 import * as api from "./api.js";
 import { attempt } from "./banner.js";
 import { byId } from "./dom.js";
 import { observe, state } from "./state.js";
 
-const MAX = 1000; // rows that are shown; a row has one entry or two
-const PACE = 25; // milliseconds between two drawings, at least; so every second frame is free for other work
+const MAX = 1000; // rows at most; a row has one or two entries
+const PACE = 25; // minimum milliseconds between two updates, so that every second frame is free for other work
 const isShown = ({ page }) => !state.selected || page === state.selected;
 
 export class History {
   /**
-   * `kind` is the part of a page that the desk is asked for, and the id of the element that shows it.
-   * `append(entries)` is called with entries in their order, each once, `restart()` before other pages' entries come.
+   * `kind` is the part of a page that is requested from the desk, and the id of the element that shows it.
+   * `append(entries)` is called with entries in order, each once, `restart()` before the entries of other pages.
    */
   constructor(kind, { append, restart }) {
     Object.assign(this, { kind, append, restart, waiting: [], newest: new Map(), drawn: 0, reading: null });
     observe(["selected"], () => {
       document.body.classList.toggle("of-all", !state.selected);
       if (this.shown === state.selected || !state.linked) return;
-      this.restart(); // another page's rows never stand below this one's name
+      this.restart(); // never show another page's rows under this page's name
       this.load();
     });
   }
@@ -30,7 +30,7 @@ export class History {
     setTimeout(() => requestAnimationFrame(() => this.flush()), this.drawn + PACE - performance.now());
   }
 
-  // What comes while the history is on its way waits for it.
+  // Entries that arrive while the history is requested wait for it.
   flush() {
     if (this.reading) return;
     const entries = this.waiting.filter(isShown);
@@ -39,7 +39,7 @@ export class History {
     this.appendNew(entries);
   }
 
-  // An entry that came as an event may be in the history, too.
+  // An entry that was received as an event may also be in the history.
   appendNew(entries) {
     this.append(entries.filter(({ page, n }) => {
       if (n <= (this.newest.get(page) ?? 0)) return false;
@@ -48,11 +48,11 @@ export class History {
     }));
   }
 
-  /** Reads of each page what it has, and shows the newest of all. */
+  /** Reads the entries of each page, and shows the newest of all. */
   async load() {
     this.shown = state.selected;
     byId(this.kind).ariaBusy = "true";
-    const reading = this.reading = {}; // an answer to an earlier question is of no use any more
+    const reading = this.reading = {}; // an answer to an earlier request is ignored
     let all = [];
     await attempt(this.kind, async () => {
       for (const page of state.selected ? [state.selected] : [...state.pages.keys()]) {
@@ -72,7 +72,7 @@ export class History {
   }
 }
 
-// A page may go before it can be asked.
+// A page may be deleted before its entries are requested.
 function passOver(error) {
   if (error.status !== 404) throw error;
   return {};

@@ -1,4 +1,4 @@
-// Panels side by side where there is room, as tabs where there is none; and the theme.
+// Panels side by side in a wide window, as tabs in a narrow one; and the theme.
 import { byId, moveWithArrows } from "./dom.js";
 
 const narrow = matchMedia("(max-width: 1099px)");

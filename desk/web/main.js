@@ -1,4 +1,4 @@
-// Puts the parts of the desk's page together and keeps what they show up to date.
+// Connects the parts of the desk's page and keeps their content up to date.
 import * as api from "./api.js";
 import { attempt } from "./banner.js";
 import "./composer.js";
@@ -31,7 +31,7 @@ async function readAll() {
   byId("main").ariaBusy = "false";
 }
 
-// One reading at a time. Events that come meanwhile are shown as they come.
+// One reading at a time. Events during it are shown at once.
 let reading = Promise.resolve();
 const readAgain = () => { reading = reading.then(readAll); };
 

@@ -1,4 +1,4 @@
-// The pages as tabs. The chosen one is whose dialogue and log are shown, and who is spoken to, recorded and killed.
+// The pages as tabs. The dialogue and log of the chosen one are shown, and it is sent to, recorded and killed.
 import * as api from "./api.js";
 import { ask } from "./ask.js";
 import { attempt } from "./banner.js";
@@ -9,7 +9,7 @@ import { changed, isAgain, observe, openPages, select, selectedPage, state, titl
 const strip = byId("pages");
 const menu = byId("page-menu");
 const tabs = new Map(); // by the page's id, "" being all of them
-let missed = new Map(); // by id: the pages that changed while the list was on its way; null for those that are not kept
+let missed = new Map(); // by id: the pages that changed while the list was requested; null for deleted ones
 
 function tabOf(id) {
   if (!tabs.has(id)) {
@@ -53,7 +53,7 @@ function show() {
   showChosen();
 }
 
-// Tabs that are out of sight: the strip fades out there, and a menu has them all.
+// If tabs are not visible, the strip fades out there, and a menu lists them all.
 function showRoom() {
   const { scrollLeft, scrollWidth, clientWidth } = strip;
   menu.classList.toggle("needed", scrollWidth > clientWidth + 1);
@@ -86,11 +86,11 @@ export function putPage(page) {
   state.pages.set(page.id, page);
   changed("pages");
   if (!isNew) return;
-  // The first page is shown, and so is one that was chosen and is loaded anew.
+  // Chooses the first page, and the chosen one again after it was reloaded.
   if (state.left ? isAgain(page, state.left) : first) select(page.id);
 }
 
-/** A page has ended. `ended` is the page if it is kept, null if it is not, or not any more. */
+/** A page has ended. `ended` is the page if the desk still stores it, otherwise null. */
 export function endPage({ id, ended }) {
   missed?.set(id, ended);
   const page = state.pages.get(id);
@@ -99,18 +99,18 @@ export function endPage({ id, ended }) {
   else state.pages.delete(id);
   changed("pages", "selected");
   if (id !== state.selected) return;
-  const next = openPages().find((each) => isAgain(each, page)); // it may come before the old one has ended
+  const next = openPages().find((each) => isAgain(each, page)); // it may open before the old one has ended
   if (next) return select(next.id);
   if (!ended) select(null);
   if (page.open) state.left = page;
 }
 
-/** Reads all pages anew. The chosen one stays chosen if it is still there. */
+/** Reads all pages again. The chosen one stays chosen if it still exists. */
 export async function load() {
   missed = new Map();
   await attempt("pages", async () => {
     const { pages, ended } = await api.get("/api/pages");
-    const all = state.pages.size > 0 && !state.selected; // somebody chose to see all
+    const all = state.pages.size > 0 && !state.selected; // all pages were chosen
     state.pages = new Map([...pages, ...ended].map((page) => [page.id, page]));
     for (const [id, page] of missed) {
       if (page) state.pages.set(id, page);
@@ -151,7 +151,7 @@ byId("stop").onclick = () => attempt("recording", async () => {
   byId("save").focus();
 });
 
-// The focus goes to the button that takes the place of the one that was pressed, so that one must be there.
+// The focus moves to the button that replaces the pressed one, so that button must exist.
 async function readPage() {
   putPage(await api.get(`/api/pages/${state.selected}`));
   showChosen();

@@ -9,10 +9,10 @@ import { changed, isAgain, observe, openPages, select, selectedPage, state, titl
 
 const TRIES = "This page tries again every second.";
 
-// `word` quoted for a shell where it needs to be.
+// `word`, quoted for a shell if necessary.
 const quoted = (word) => /^[\w./-]+$/.test(word) ? word : `'${word.replaceAll("'", "'\\''")}'`;
 
-// The desk has told its command line if it has answered before.
+// The command line is known if the desk has answered before.
 function gone() {
   const command = (state.desk?.command ?? ["mirado", "desk", "--port", location.port || "80"]).map(quoted).join(" ");
   return { title: "The desk does not answer.",
@@ -24,7 +24,7 @@ const FULL = { title: "Too many desk pages are open.", text: `Close another one.
 const LOCKED = { title: "This desk asks for its token.",
   text: "Open the link that “mirado desk” printed when it began; it ends with the token." };
 
-/** The stream of events has ended or did not begin. `error` is why the desk answers nothing else, or null. */
+/** The stream of events has ended or did not start. `error` is the failure of other requests, null if they succeed. */
 export function reportBroken(error) {
   report("desk", error ? error.status === 403 ? LOCKED : gone() : null);
   report("stream", error ? null : FULL);
@@ -77,18 +77,19 @@ observe(["desk", "pages"], () => {
     } } });
 });
 
-const told = new Set(JSON.parse(sessionStorage.getItem("told") ?? "[]")); // crashed pages of which nothing more is to be said
+// ids of crashed pages whose banner was dismissed
+const dismissed = new Set(JSON.parse(sessionStorage.getItem("dismissed") ?? "[]"));
 
 function dismissCrash({ id }) {
-  told.add(id);
-  sessionStorage.setItem("told", JSON.stringify([...told].slice(-100)));
+  dismissed.add(id);
+  sessionStorage.setItem("dismissed", JSON.stringify([...dismissed].slice(-100)));
   changed("pages");
 }
 
-// A page that crashed, or the chosen one's earlier self: one that connects again by itself does so in no time.
+// A crashed page, also if the chosen page is the same one after it connected again, which may take only a moment.
 observe(["pages", "selected"], () => {
   const chosen = selectedPage();
-  const page = [...state.pages.values()].filter((each) => each.state === "crashed" && !told.has(each.id) &&
+  const page = [...state.pages.values()].filter((each) => each.state === "crashed" && !dismissed.has(each.id) &&
     (!chosen || each === chosen || isAgain(chosen, each))).sort((one, other) => one.number - other.number).at(-1);
   report("crash", page ? { title: `The plug-in of ${titleOf(page)} has ended.`, lines: page.lastLog, dismiss: () => dismissCrash(page),
     ...remedyOf(page) } : null);

@@ -1,18 +1,17 @@
-// A long list with few rows in the document: those at its end while it is scrolled to the end, and all of them while
-// somebody reads further up. Then nothing moves, and a button tells how many are new. The style sheet lays the list out
-// from its end, so the browser keeps the end in sight, and adding or removing rows at the top moves nothing.
+// A long list. While it is scrolled to its end, only the last rows are in the document; while it is scrolled up, all of
+// them. Then nothing moves, and a button shows the number of new rows. The style sheet lays the list out from its end,
+// so the browser keeps the end visible, and adding or removing rows at the top moves nothing.
 import { make } from "./dom.js";
 
 export const MAX_ROWS = 1000;
-const LOWEST = 19; // pixels that a row is high at least
-const SPARE = 10; // rows more than can be seen, so that there is somewhere to scroll to
+const LOWEST = 19; // minimum height of a row in pixels
+const SPARE = 10; // rows beyond the visible ones, so that the list can be scrolled
 const NEAR = 12; // pixels from the end that still count as the end
 
 export class Rows {
   /**
    * `scroller` is the element that scrolls, `label` the list's name. An item of the list is an object whose `element`
-   * is its row, made when it is first asked for. `passes(item)` says which are to be seen; `empty` is told in place of
-   * them.
+   * is its row, made when it is first asked for. `passes(item)` is whether it is shown; `empty` is shown if none is.
    */
   constructor(scroller, { label, passes, empty }) {
     Object.assign(this, { scroller, passes, empty, items: [], following: true, fresh: 0, tail: SPARE });
@@ -34,7 +33,7 @@ export class Rows {
     this.show();
   }
 
-  // A row that is opened grows downwards, and what it then shows comes into sight.
+  // A row that is opened grows downwards, and its new content becomes visible.
   keepPlace() {
     let top;
     this.list.addEventListener("click", ({ target }) => { top = target.getBoundingClientRect().top; }, { capture: true });
@@ -72,7 +71,7 @@ export class Rows {
     this.toEnd();
   }
 
-  /** Shows what there is now; `passes` may have changed its mind. */
+  /** Shows the current items; call it also when `passes` gives other results. */
   show() {
     const wanted = [];
     const most = this.following ? this.tail : MAX_ROWS;

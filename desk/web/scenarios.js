@@ -1,4 +1,4 @@
-// The whole set, saved under a name and brought back.
+// Saves the whole set under a name, and restores it.
 import * as api from "./api.js";
 import { ask } from "./ask.js";
 import { attempt } from "./banner.js";

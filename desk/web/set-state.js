@@ -1,10 +1,9 @@
-// Reads the simulated set, its faults and its scenarios, as often as something about them changes and no more often
-// than they can be read.
+// Reads the simulated set, its faults and its scenarios after each change, one reading at a time.
 import * as api from "./api.js";
 import { attempt } from "./banner.js";
 import { changed, state } from "./state.js";
 
-let current = null; // the reading that is under way
+let current = null; // the running reading
 let next = null; // the one after it
 
 async function read() {
@@ -15,7 +14,7 @@ async function read() {
   });
 }
 
-/** Resolves when what was so at the time of the call has been read. */
+/** Resolves when the state at the time of the call, or a later one, has been read. */
 export function readSet() {
   if (!current) {
     current = read().finally(() => { current = null; });

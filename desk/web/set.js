@@ -1,4 +1,4 @@
-// The simulated set: what it is, its lists, and the embedder. Faults, delays and scenarios have files of their own.
+// The simulated set: its properties, its lists, and the embedder. Faults, delays and scenarios have their own files.
 import * as api from "./api.js";
 import { ask } from "./ask.js";
 import { attempt } from "./banner.js";
@@ -11,7 +11,7 @@ const LISTS = { "primary-list": "primary-audio-language", "secondary-list": "sec
 
 const asLines = (list) => (list ?? []).map(({ value, label }) => `${value} ${label}`).join("\n");
 
-// Throws what is wrong with the first bad line.
+// Throws an error that describes the first invalid line.
 function fromLines(text) {
   return text.split("\n").map((line) => line.trim()).filter(Boolean).map((line) => {
     const [, value, label] = /^(\S+)\s*(.*)$/.exec(line);
@@ -20,7 +20,7 @@ function fromLines(text) {
   });
 }
 
-let underWay = 0; // changes; until the last is answered, the page shows what was entered and not what was before it
+let underWay = 0; // the number of unanswered changes; until it is 0 the page shows the entered values
 
 observe(["set", "catalog"], () => {
   const { set, catalog } = state;
@@ -38,7 +38,7 @@ observe(["set", "catalog"], () => {
   showText(byId("embedder-name"), set.embedder.name);
 });
 
-/** Changes a part of the set. What went wrong has been told when this is false, and the page shows the set as it is. */
+/** Changes a part of the set. If this is false, the failure has been reported and the page shows the unchanged set. */
 export async function change(part) {
   ++underWay;
   const good = await attempt("set", async () => {

@@ -10,7 +10,7 @@ const ORDER = ["Caption", "Digital caption", "Accessibility", "Subtitles", "Audi
 const PREFIX = /^(db|memory)\/./;
 const rows = new Map(); // by path
 const groups = new Map(); // by name: the list of its rows
-let read = null; // by path: the values that have changed while the list was on its way; null while none is
+let read = null; // by path: the values that changed while the list was requested; null if it is not requested
 let flashing = new Set();
 
 function listOf(group) {
@@ -37,7 +37,7 @@ function rowOf(path) {
   return rows.get(path);
 }
 
-/** A key has another value; null when it was removed. */
+/** A key has another value; null if it was removed. */
 export function changeSetting({ path, value }) {
   read?.set(path, value);
   if (!state.values) return;

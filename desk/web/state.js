@@ -1,12 +1,12 @@
-// What the page knows of the desk. Each part of the page reads it here, registers with `observe` for the members that
-// it shows, and calls `changed` after it has changed one.
+// The state of the desk as the page knows it. Each part of the page reads it here, registers with `observe` for the
+// members that it shows, and calls `changed` after it has changed one.
 
 export const state = {
   linked: false, // the desk answers
   desk: null, // GET /api/desk
   catalog: { tables: {}, settings: [], commands: [], speeds: {} },
-  values: null, // of all keys that there are, by path; null while they are not known
-  pages: new Map(), // by id: the open ones, and those that have ended and are kept
+  values: null, // of all keys, by path; null while they are not known
+  pages: new Map(), // by id: the open ones, and ended ones that the desk still stores
   selected: null, // the id of the page whose tab is chosen; null is all of them
   left: null, // the page that ended while it was chosen, until another one is chosen
   set: null, // GET /api/set
@@ -23,7 +23,7 @@ export function observe(topics, show) {
 }
 
 /** The topics are the names of members of `state`, and two requests to main.js: "again" reads everything from the
- *  desk anew, "doubt" reads what GET /api/desk says. */
+ *  desk again, "doubt" reads what GET /api/desk says. */
 export function changed(...topics) {
   if (!dirty.size) requestAnimationFrame(flush);
   for (const topic of topics) dirty.add(topic);
@@ -40,7 +40,7 @@ export const openPages = () => [...state.pages.values()].filter(({ open }) => op
 /** The page whose tab is chosen. */
 export const selectedPage = () => state.pages.get(state.selected) ?? null;
 
-/** The chosen page when its plug-in can be spoken to. */
+/** The chosen page if messages can be sent to its plug-in. */
 export function listeningPage() {
   const page = selectedPage();
   return state.linked && page?.state === "running" ? page : null;
@@ -59,7 +59,7 @@ export const settingOf = (table, key) =>
   state.catalog.settings.find((setting) => setting.table === table && setting.key === key);
 export const settingAt = (path) => state.catalog.settings.find((setting) => setting.path === path);
 
-/** A setting's constant without what all of them begin with: CAPTION. */
+/** A setting's constant without the common prefix: CAPTION. */
 export const shortName = ({ name }) => name.replace(/^[A-Z]+_KEY_/, "");
 
 /** A page's number, which its id begins with: p3-8f0c… */
@@ -69,5 +69,5 @@ export const numberOf = (page) => Number(/^p(\d+)/.exec(page)[1]);
 export const isAgain = (page, earlier) =>
   page.open && page.number > earlier.number && page.url === earlier.url && page.title === earlier.title;
 
-/** How people speak of a page: "#3 My application". */
+/** The title of a page for the user: "#3 My application". */
 export const titleOf = ({ number, title }) => `#${number} ${title || "page"}`;

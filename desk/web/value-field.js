@@ -5,16 +5,16 @@ const INT = /^[+-]?\d+$/;
 const isInt32 = (number) => number === (number | 0);
 
 /**
- * A field for values of `type` "int", "bool" or "text", with what it is called for those who hear it. `write(value)` is
- * called with each value that somebody enters, `refuse(text)` with what is wrong with an entry, "" when nothing is any
- * more. For any other type there is none.
+ * A field for values of `type` "int", "bool" or "text", with a label for screen readers. `write(value)` is called with
+ * each value that the user enters, `refuse(text)` with what is wrong with an entry, or "" when it is corrected. Other
+ * types have no field.
  */
 export function makeField(type, label, { write, refuse }) {
   const Field = { int: IntField, bool: BoolField, text: TextField }[type];
   return Field ? new Field(label, write, refuse) : null;
 }
 
-// A value that somebody is just typing stays until it is written or given up.
+// A value that is being typed stays until it is written or cancelled.
 class TypedField {
   constructor(input, write, refuse) {
     Object.assign(this, { input, write, refuse, value: null, editing: false, element: input });
@@ -65,7 +65,7 @@ class IntField extends TypedField {
     this.input.addEventListener("input", () => this.fit());
   }
 
-  /** The values that the arrows go through, each a number, in their order; any number when there are none. */
+  /** The numbers that the arrow keys step through, in order; if there are none, they step through all numbers. */
   offer(known) {
     this.known = known;
     this.less.disabled = this.next(this.value, -1) === undefined;
@@ -81,7 +81,7 @@ class IntField extends TypedField {
     this.input.style.width = `${Math.max(this.input.value.length, 3) + 1}ch`;
   }
 
-  /** What the value means, for those who hear the page. */
+  /** The meaning of the value, for screen readers. */
   describe(meaning) {
     this.input.setAttribute("aria-valuenow", this.value);
     this.input.setAttribute("aria-valuetext", meaning ? `${this.value}, ${meaning}` : String(this.value));
@@ -94,7 +94,7 @@ class IntField extends TypedField {
     return undefined;
   }
 
-  // The value a step up or down from `from`; undefined where there is none.
+  // The next value above or below `from`; undefined if there is none.
   next(from, by) {
     if (!this.known.length) return isInt32(from + by) ? from + by : undefined;
     const beyond = this.known.filter((value) => by > 0 ? value > from : value < from);
@@ -106,7 +106,7 @@ class IntField extends TypedField {
     const to = from === undefined ? undefined : this.next(from, by);
     if (to === undefined) return;
     this.editing = false;
-    this.show(to); // the next step begins here, whenever this one is confirmed
+    this.show(to); // the next step starts here, also before this one is confirmed
     this.write(to);
   }
 
@@ -124,7 +124,7 @@ class IntField extends TypedField {
   }
 }
 
-// Line breaks and blanks belong to a text. Enter writes it, Shift+Enter begins a line.
+// A text may contain line breaks and blanks. Enter writes it, Shift+Enter starts a new line.
 class TextField extends TypedField {
   constructor(label, write, refuse) {
     super(make("textarea", { "aria-label": label, rows: 1, spellcheck: false, autocomplete: "off", placeholder: "empty text",

@@ -15,7 +15,7 @@ export function describeRequest(body) {
   return { setting, text: command, rest: fields.join(" ") };
 }
 
-/** `{failed, text}` of a reply, null being that of a plug-in that gave none. */
+/** `{failed, text}` of a reply, null if the plug-in gave none. */
 export function describeReply(reply) {
   if (reply === null) return { failed: true, text: "no reply" };
   if (typeof reply?.code !== "number") return { failed: false, text: json(reply) };
@@ -38,7 +38,7 @@ export function describeEnd({ status, signal, reason }) {
   return reason;
 }
 
-/** Milliseconds as a person reads them. */
+/** Milliseconds as text for the user. */
 export const describeDuration = (milliseconds) =>
   milliseconds < 1 ? `${milliseconds.toFixed(2)} ms` : milliseconds < 10 ? `${milliseconds.toFixed(1)} ms` :
     milliseconds < 10_000 ? `${Math.round(milliseconds)} ms` : `${(milliseconds / 1000).toFixed(1)} s`;
