@@ -61,7 +61,7 @@ auto Next(Arguments&&... arguments) {
 
 std::string Shown(const pp::Var& var) { return var.is_undefined() ? "undefined" : desk::ToText(desk::ToJson(var)); }
 
-/// The format of the log call that line `number` of the plug-in's source file `name` belongs to, or an empty text.
+/// The format of the log call at line `number` of the plug-in's source file `name`, or an empty text.
 std::string FormatOf(const std::string& name, int number) {
   std::ifstream file(MIRADO_PEPPER_FOLDER + (name.ends_with(".h") ? "/inc/" + name : "/src/" + name));
   std::string call;
@@ -76,7 +76,7 @@ std::string FormatOf(const std::string& name, int number) {
   return "";
 }
 
-/// "log 0 4 File.cpp operation > text", where the text says so if the line of the file does not log it.
+/// "log 0 4 File.cpp operation > text", with a note in the text if that line of the file does not log it.
 void RecordLog(const dlog::Line& line) {
   if (line.tag == "VCONF") return;
   std::smatch parts;

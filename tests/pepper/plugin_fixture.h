@@ -24,7 +24,7 @@ inline std::string Text(const pp::Var& var) {
 
 inline pp::Var Message(const std::string& json) { return desk::ToVar(desk::ParsedJson::parse(json)); }
 
-/// The embedder that the plug-in asks, answering as the test says.
+/// An embedder for the plug-in, whose answers the test sets.
 struct TestEmbedder {
   static inline PP_Instance last_instance = 0;
   static inline std::int32_t status = 0;
@@ -41,7 +41,7 @@ struct TestEmbedder {
         [](PP_Instance instance, PP_Var operation, PP_Var data, PP_Var* result) {
           last_instance = instance;
           PlatformCalls::Add("GenericSyncCall " + Text(pp::Var(operation)) + " " + Text(pp::Var(data)));
-          *result = pp::Var(reply).Detach();  // of no meaning, and not the plug-in's to free, after a failure
+          *result = pp::Var(reply).Detach();  // after a failure it has no meaning, and the plug-in must not release it
           if (status != 0) pp::Var(pp::PASS_REF, *result);
           return status;
         }};
@@ -49,14 +49,14 @@ struct TestEmbedder {
   }
 };
 
-/// A page with the plug-in embedded, and what its message listener got.
+/// A page that embeds the plug-in, and the messages that its listener received.
 class Page {
  public:
   explicit Page(pp::browser::Plugin& plugin)
       : instance_(plugin.CreateInstance(
             [this](const pp::Var& message) {
               const std::lock_guard lock(mutex_);
-              heard_.push_back(Text(message));
+              received_.push_back(Text(message));
             },
             {{"type", "application/x-mirado"}, {"id", "tv"}})) {}
   ~Page() { Destroy(); }
@@ -70,21 +70,21 @@ class Page {
   pp::browser::PageInstance& instance() { return *instance_; }
   bool exists() const { return instance_ != nullptr; }
 
-  /// All that came, once everything asked and changed so far has been handled.
-  Lines Heard() {
+  /// Waits until all earlier messages and changes have been handled; returns the messages received since the last call.
+  Lines Received() {
     instance_->Settle();
     vconf::Settle();
     const std::lock_guard lock(mutex_);
-    return std::exchange(heard_, {});
+    return std::exchange(received_, {});
   }
 
  private:
   std::mutex mutex_;
-  Lines heard_;
+  Lines received_;
   std::shared_ptr<pp::browser::PageInstance> instance_;
 };
 
-/// The text of a message; `entries` is JSON.
+/// The text of a message with this command; `entries` are further members, as JSON.
 inline std::string Ask(const std::string& command, const std::string& entries = "") {
   return R"({"command":")" + command + "\"" + (entries.empty() ? "" : "," + entries) + "}";
 }
@@ -101,7 +101,7 @@ inline std::string Changed(const std::string& event, int key) {
   return reply + R"("event":")" + event + "\"}";
 }
 
-/// The real library on a real store in a folder of its own.
+/// The plug-in's library, loaded, on a store in a temporary folder.
 class PluginTest : public ::testing::Test {
  protected:
   PluginTest() {
@@ -135,7 +135,7 @@ class PluginTest : public ::testing::Test {
     ASSERT_EQ(vconf::SetFault({call, path, answer, times}).text(), "") << call;
   }
 
-  // In memory where that can be, because these tests write much.
+  // In memory if possible, because these tests write much.
   TemporaryFolder folder_{access("/dev/shm", W_OK) == 0 ? "/dev/shm" : testing::TempDir()};
   std::unique_ptr<pp::browser::Plugin> plugin_;
 };

@@ -1,4 +1,4 @@
-// Several threads, several instances and their end: the real library on a real store.
+// The plug-in's library with several threads and instances, and the destruction of instances.
 
 #include <malloc.h>
 #include <vconf.h>
@@ -17,7 +17,7 @@ constexpr char kTicker[] = "db/menu/Quayhall/Auto-Start_Settings/Channel-bound_A
 constexpr char kViewer[] = "memory/tv-viewer/bg_executable";
 const std::string kModeChanged = Changed("MIRADO_EVENT_CAPTION_CHANGED", 1);
 
-// A store that refuses to end subscriptions goes on with its callbacks, which name a handler that is gone.
+// If the store fails to end a subscription, it still calls the callback, whose handler no longer exists.
 TEST_F(PluginTest, DropsTheEventsOfADestroyedInstance) {
   PlatformCalls calls;
   std::vector<std::unique_ptr<Page>> pages;
@@ -36,13 +36,13 @@ TEST_F(PluginTest, DropsTheEventsOfADestroyedInstance) {
     }
     expected.push_back("~SimpleThreadAwaitLoop");
     EXPECT_EQ(calls.Take(), expected);
-    // A later instance gets its own events alone, wherever it lies in memory.
+    // A later instance gets only its own events, also at the address of an earlier one.
     pages.push_back(std::make_unique<Page>(*plugin_));
     pages.back()->Send(AskKey("registerVconfKeysForCaption", 1));
     for (const char* path : {kCaption, kViewer, kMode}) Put(path, round);
-    for (const auto& later : pages) EXPECT_EQ(later->Heard(), Lines{kModeChanged}) << round;
+    for (const auto& later : pages) EXPECT_EQ(later->Received(), Lines{kModeChanged}) << round;
   }
-  // Unloading the plug-in takes away nothing that the store may still call.
+  // The store may still call a callback after the plug-in was unloaded.
   pages.clear();
   plugin_.reset();
   calls.Take();
@@ -53,18 +53,18 @@ TEST_F(PluginTest, DropsTheEventsOfADestroyedInstance) {
   ASSERT_EQ(vconf::OpenStore(folder_ / "store").text(), "");
 }
 
-// Where a sanitizer is, it finds more than this.
-TEST_F(PluginTest, FreesWhatAnInstanceHeld) {
+// In builds without a leak sanitizer.
+TEST_F(PluginTest, FreesTheMemoryOfAnInstance) {
   constexpr std::size_t kInstances = 1000;
   std::size_t before = 0;
   for (std::size_t i = 0; i < kInstances; ++i) {
-    if (i == 10) before = mallinfo2().uordblks;  // what is made once has been made
+    if (i == 10) before = mallinfo2().uordblks;  // after the allocations that are made only once
     Page(*plugin_).Send(AskKey("registerVconfKeysForCaption", 1));
   }
   EXPECT_LT(mallinfo2().uordblks, before + 10 * kInstances);
 }
 
-// Commands, events and posts may be running, and others queued behind them, when the instance goes.
+// Commands, events and posts may be running, and more of them queued, when the instance is destroyed.
 TEST_F(PluginTest, LeavesNoSubscriptionBehindWhileCommandsRun) {
   const std::jthread writer([](const std::stop_token& stop) {
     for (int value = 0; !stop.stop_requested(); ++value) vconf_set_int(kViewer, value);
@@ -92,7 +92,7 @@ TEST_F(PluginTest, LeavesNoSubscriptionBehindWhileCommandsRun) {
 }
 
 TEST_F(PluginTest, EveryReplyNamesItsOwnCommand) {
-  constexpr int kPosts = 20000;  // enough for the two workers to meet between a command and its reply
+  constexpr int kPosts = 20000;  // enough for one worker to run between a command and a reply of the other
   Page pages[] = {Page(*plugin_), Page(*plugin_)};
   const std::string commands[] = {std::string(40, 'a'), std::string(3, 'b')};
   const auto run = [&](int which) {
@@ -102,12 +102,12 @@ TEST_F(PluginTest, EveryReplyNamesItsOwnCommand) {
   run(0);
   other.join();
   for (const int which : {0, 1}) {
-    const Lines heard = pages[which].Heard();
-    ASSERT_EQ(heard.size(), kPosts);
-    desk::Json reply = desk::Json::parse(heard.front());
+    const Lines received = pages[which].Received();
+    ASSERT_EQ(received.size(), kPosts);
+    desk::Json reply = desk::Json::parse(received.front());
     EXPECT_EQ(reply["command"], commands[which]);
     EXPECT_EQ(reply["errorMessage"], "Command" + commands[which] + " no recognized");
-    EXPECT_EQ(std::ranges::count(heard, heard.front()), kPosts);
+    EXPECT_EQ(std::ranges::count(received, received.front()), kPosts);
   }
 }
 

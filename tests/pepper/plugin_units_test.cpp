@@ -1,5 +1,5 @@
-// What no page can see: the way from a path to its key, the manager's records, the callbacks' guards, and the
-// embedder's wrapper.
+// Parts of the plug-in that no page can reach: the conversion of paths, the manager's records, the checks of the
+// callbacks, and the wrapper of the embedder.
 
 #include <future>
 
@@ -17,7 +17,7 @@ namespace {
 
 using Handler = MiradoMessageHandler;
 
-TEST_F(PluginTest, TracesAPathBackToTheFirstRowThatBeginsWithIt) {
+TEST_F(PluginTest, ConvertsAPathToTheFirstRowWhosePathBeginsWithIt) {
   const std::string mode = g_MenuCaptionMap[MENU_KEY_SUBTITLE_MODE].path;
   PlatformCalls calls;
   EXPECT_EQ(Handler::ConvertCaptionKey(mode.c_str()), 17);
@@ -33,7 +33,7 @@ TEST_F(PluginTest, TracesAPathBackToTheFirstRowThatBeginsWithIt) {
                                      std::to_string(MIRADO_MAP_SIZE) + "]"}));
 }
 
-TEST_F(PluginTest, CallbacksGuardAgainstWhatTheyCannotServe) {
+TEST_F(PluginTest, CallbacksLogNullPointersAndUnknownKeys) {
   pp::Instance instance(0);
   Handler handler(&instance);
   EXPECT_TRUE(pp::VarDictionary(handler.createMessage(0, pp::Var(), "", "")).Get("value").is_null());
@@ -83,7 +83,7 @@ TEST_F(PluginTest, RegistersItselfOnTheLoopOfTheThread) {
   pp::Instance instance(page.instance().id());
   Handler handler(&instance);
   handler.Register();
-  EXPECT_EQ(page.Heard(), Lines{"\"Error while registering MessageHandler\""}) << "there is no loop on this thread";
+  EXPECT_EQ(page.Received(), Lines{"\"Error while registering MessageHandler\""}) << "there is no loop on this thread";
 
   struct Work final : pp::MessageLoop::Core::Work {
     void Run() override {
@@ -100,7 +100,7 @@ TEST_F(PluginTest, RegistersItselfOnTheLoopOfTheThread) {
   worker.message_loop().core()->Push(&work);
   work.done.get_future().wait();
   EXPECT_EQ(page.Send(Ask("getVersion")), Done("\"4.0\""));
-  EXPECT_EQ(page.Heard(), Lines{});
+  EXPECT_EQ(page.Received(), Lines{});
 }
 
 TEST_F(PluginTest, AsksTheEmbedderOnceForEachText) {
@@ -134,7 +134,7 @@ TEST_F(PluginTest, ConvertsTheEmbeddersRepliesByType) {
       {"set_ime_recommended_words_type", "true", [&] { return extension.SetIMERecommendedWordsType(true); }},
       {"set_ime_recommended_words_type", "false", [&] { return extension.SetIMERecommendedWordsType(false); }},
       {"set_ime_recommended_words", "[1]", [&] { return extension.SetIMERecommendedWords(Message("[1]")); }}};
-  // A status, the operation's answer, and the results for a window and for a switch.
+  // The status and the reply of the embedder, and the results for a window and for a switch.
   const std::tuple<int, pp::Var, std::int32_t, std::int32_t> rows[] = {
       {0, pp::Var(41.9), 41, 0}, {0, pp::Var(41), 41, 0},   {0, pp::Var(true), -1, 1}, {0, pp::Var(false), -1, 0},
       {0, pp::Var("1"), -1, 0},  {1, pp::Var(true), -1, 0}, {-1, pp::Var(41), -1, 0}};
@@ -154,9 +154,9 @@ TEST_F(PluginTest, ConvertsTheEmbeddersRepliesByType) {
   EXPECT_EQ(extension.GetEmbedderName(), "a name");
 }
 
-// In processes of their own, because these questions are asked once in each.
+// In processes of their own, because the plug-in calls the embedder for these only once.
 
-TEST_F(PluginTest, KnowsTheSetsRuntimeByItsWholeName) {
+TEST_F(PluginTest, AcceptsOnlyTheExactNameOfTheRuntime) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   for (const std::string name : {"OstraWRT", "OstraWRT2", "OstraWR", "ostrawrt", ""}) {
     const auto run = [&] {
@@ -170,7 +170,7 @@ TEST_F(PluginTest, KnowsTheSetsRuntimeByItsWholeName) {
   }
 }
 
-TEST_F(PluginTest, LivesWithoutTheEmbeddersInterface) {
+TEST_F(PluginTest, WorksWithoutTheEmbeddersInterface) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   const auto run = [] {
     PlatformCalls calls;

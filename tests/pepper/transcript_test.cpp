@@ -1,19 +1,19 @@
-// What the plug-in does at each step of the files in transcripts/: every call that it makes of the platform, in order,
-// and what the page hears. The real library on a real store.
+// Runs the steps of the files in transcripts/ and compares every call of the platform that the plug-in makes, in order,
+// and every message to the page.
 //
-// A line at the margin is a step, the indented lines below it are what the plug-in does then, parted by " | " or a new
-// line. Several messages with the same answer are parted by " ; ".
+// A line without indentation is a step. The indented lines below it are the calls and messages that it causes,
+// separated by " | " or a new line. Several messages with the same reply are separated by " ; ".
 //
-//   let NAME TEXT            $NAME stands for TEXT from here on
-//   open, page               embeds the plug-in in a page, which later steps are about; "page" does not look at how
-//   close                    destroys that page's instance; later steps are about the page before it
-//   ask COMMAND NAME=VALUE   the page sends a message and waits; any JSON may stand in place of COMMAND
+//   let NAME TEXT            replaces $NAME by TEXT in the following lines
+//   open, page               embeds the plug-in in a page, for the later steps; "page" does not compare the calls
+//   close                    destroys that page's instance; later steps use the page before it
+//   ask COMMAND NAME=VALUE   the page sends a message and waits; COMMAND may be replaced by any JSON
 //   post COMMAND NAME=VALUE  the page sends a message and does not wait
 //   end                      the browser ends the handler's registration
 //   store PATH VALUE         another program writes a key; without VALUE it removes the key
-//   fault CALL ANSWER TIMES  the next TIMES calls of the platform get this answer
-//   embedder STATUS VALUE    what the embedder answers from now on
-//   refuse NUMBER            what the browser answers to a registration from now on
+//   fault CALL ANSWER TIMES  the next TIMES calls of the platform return ANSWER
+//   embedder STATUS VALUE    the result and reply of the embedder from now on
+//   refuse NUMBER            the result of a registration from now on
 
 #include <map>
 #include <sstream>
@@ -61,7 +61,7 @@ class TranscriptTest : public PluginTest, public ::testing::WithParamInterface<c
     PluginTest::TearDown();
   }
 
-  /// Carries out one step and returns what the plug-in did.
+  /// Runs one step and returns the plug-in's calls and messages.
   Lines Do(const std::string& step) {
     std::istringstream words(step);
     const std::string verb = Word(words);
@@ -95,8 +95,8 @@ class TranscriptTest : public PluginTest, public ::testing::WithParamInterface<c
       ADD_FAILURE() << "there is no step " << verb;
     }
     for (const auto& page : pages_) {
-      for (const std::string& heard : page->Heard()) {
-        if (heard.front() == '"' || page != pages_.back()) PlatformCalls::Add("the page hears " + heard);
+      for (const std::string& received : page->Received()) {
+        if (received.front() == '"' || page != pages_.back()) PlatformCalls::Add("the page receives " + received);
       }
     }
     return calls_.Take();
@@ -107,7 +107,7 @@ class TranscriptTest : public PluginTest, public ::testing::WithParamInterface<c
   std::vector<std::unique_ptr<Page>> pages_;
 };
 
-TEST_P(TranscriptTest, IsFollowed) {
+TEST_P(TranscriptTest, MatchesTheRecordedCalls) {
   std::ifstream file(std::string(MIRADO_TRANSCRIPTS "/") + GetParam() + ".txt");
   std::map<std::string, std::string> names;
   std::string step;

@@ -49,7 +49,7 @@ TEST_F(DlogTest, ThresholdDropsLowerPriorities) {
   EXPECT_EQ(lines_, std::vector<std::string>{"W/T(0): kept"});
 }
 
-TEST_F(DlogTest, AFailedWriteIsAnAnswerOnly) {
+TEST_F(DlogTest, AFailedWriteOnlyReturnsAnError) {
   const int kept = dup(STDERR_FILENO);
   close(STDERR_FILENO);
   const int result = __dlog_print(0, 4, "T", "lost");
@@ -58,8 +58,8 @@ TEST_F(DlogTest, AFailedWriteIsAnAnswerOnly) {
   EXPECT_LT(result, 0);
 }
 
-TEST_F(DlogTest, SinkTakesOneLineAtATimeAndRestsAfterItIsReplaced) {
-  int count = 0;  // not atomic: the logger's word is all that keeps it whole
+TEST_F(DlogTest, SinkGetsOneLineAtATimeAndNoneAfterItIsReplaced) {
+  int count = 0;  // not atomic: the logger promises to call the sink from one thread at a time
   dlog::SetSink([&count](const dlog::Line&) { ++count; });
   std::vector<std::jthread> writers(4);
   for (auto& writer : writers) {

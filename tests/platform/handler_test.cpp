@@ -14,7 +14,7 @@ namespace {
 
 using Loop = pp::MessageLoop::Core;
 
-/// Counts what the loop does with it.
+/// Counts the calls of the loop.
 class CountedWork final : public Loop::Work {
  public:
   explicit CountedWork(std::function<void()> run = [] {}) : run_(std::move(run)) {}
@@ -30,7 +30,7 @@ class CountedWork final : public Loop::Work {
   const std::function<void()> run_;
 };
 
-TEST(Worker, RunsWhatWasQueuedBeforeTheStartOnAThreadOfItsOwn) {
+TEST(Worker, RunsTasksQueuedBeforeTheStartOnItsOwnThread) {
   pp::SimpleThreadAwaitLoop worker(pp::InstanceHandle(PP_Instance{1}));
   Loop& loop = *worker.message_loop().core();
   std::latch done(1);
@@ -48,7 +48,7 @@ TEST(Worker, RunsWhatWasQueuedBeforeTheStartOnAThreadOfItsOwn) {
   EXPECT_FALSE(worker.Start()) << "started before";
 }
 
-TEST(Worker, AThreadThatCannotBeMadeEndsTheLoop) {
+TEST(Worker, EndsIfTheThreadCannotBeCreated) {
   pthread_attr_t usual;
   pthread_attr_t impossible;
   ASSERT_EQ(pthread_getattr_default_np(&usual), 0);

@@ -21,7 +21,7 @@ namespace {
 using pp::browser::PageInstance;
 using pp::browser::Plugin;
 
-/// Echoes what a page waits for and keeps what else reaches it.
+/// Replies to each waiting message with the message itself, and records all others.
 class Handler : public pp::MessageHandler {
  public:
   void HandleMessage(pp::InstanceHandle /*instance*/, const pp::Var& message) override {
@@ -40,10 +40,10 @@ class Handler : public pp::MessageHandler {
 
   std::function<void(const pp::Var&)> on_message;
   std::function<void()> on_unregistered;
-  std::vector<int> handled;  // of the loop's thread; read when nothing runs there
+  std::vector<int> handled;  // written on the loop's thread; read when no handler runs
 };
 
-/// A loaded plug-in whose instances each have a worker and the handler on it, unless a test says otherwise.
+/// A loaded plug-in. Each instance has a worker with the handler registered on it, unless a test changes that.
 class BrowserTest : public ::testing::Test {
  protected:
   BrowserTest() {
@@ -70,7 +70,7 @@ class BrowserTest : public ::testing::Test {
   }
 
   std::shared_ptr<PageInstance> MakePage() {
-    return plugin_->CreateInstance([this](const pp::Var& message) { heard_.push_back(message.AsString()); });
+    return plugin_->CreateInstance([this](const pp::Var& message) { received_.push_back(message.AsString()); });
   }
 
   const std::int64_t nodes_before_ = pp::browser::LiveVarNodes();
@@ -79,25 +79,25 @@ class BrowserTest : public ::testing::Test {
   bool start_worker_ = true;
   std::int32_t register_result_ = 0;
   std::unique_ptr<pp::SimpleThreadAwaitLoop> worker_;
-  std::vector<std::string> heard_;
+  std::vector<std::string> received_;
   std::unique_ptr<Plugin> plugin_;
 };
 
-TEST_F(BrowserTest, LoadingTellsWhatFailed) {
-  const auto tells = [](const char* path, const char* cause) {
+TEST_F(BrowserTest, LoadingReportsWhatFailed) {
+  const auto reports = [](const char* path, const char* cause) {
     return Plugin::Load(path).status().text().find(cause) != std::string::npos;
   };
-  EXPECT_TRUE(tells(PPAPI_TEST_PLUGIN, "loaded already"));
+  EXPECT_TRUE(reports(PPAPI_TEST_PLUGIN, "loaded already"));
   plugin_.reset();
-  EXPECT_TRUE(tells("/nowhere/plugin.so", "/nowhere/plugin.so"));
-  EXPECT_TRUE(tells(PPAPI_NO_PLUGIN, "pp::CreateModule"));
+  EXPECT_TRUE(reports("/nowhere/plugin.so", "/nowhere/plugin.so"));
+  EXPECT_TRUE(reports(PPAPI_NO_PLUGIN, "pp::CreateModule"));
   EXPECT_EQ(Plugin::Load(PPAPI_TEST_PLUGIN).status().text(), "");
 }
 
 TEST_F(BrowserTest, InitGetsTheParametersAndMayRefuse) {
-  const auto listener = [this](const pp::Var& message) { heard_.push_back(message.AsString()); };
+  const auto listener = [this](const pp::Var& message) { received_.push_back(message.AsString()); };
   EXPECT_NE(plugin_->CreateInstance(listener, {{"id", "tv"}, {"type", ""}}), nullptr);
-  EXPECT_EQ(heard_, (std::vector<std::string>{"id=tv", "type="}));
+  EXPECT_EQ(received_, (std::vector<std::string>{"id=tv", "type="}));
   hooks_.init_result = false;
   EXPECT_EQ(plugin_->CreateInstance(listener), nullptr);
   EXPECT_EQ(worker_, nullptr) << "the refused instance was not deleted";
@@ -131,7 +131,7 @@ TEST_F(BrowserTest, HandlesBothKindsInTheOrderOfTheCalls) {
   }
 }
 
-TEST_F(BrowserTest, WithoutARegistrationNothingWaits) {
+TEST_F(BrowserTest, WithoutARegistrationNoCallWaits) {
   const auto unanswered = [](PageInstance* page) {
     page->Post(1);
     page->Settle();
@@ -150,7 +150,7 @@ TEST_F(BrowserTest, WithoutARegistrationNothingWaits) {
   EXPECT_EQ(instance.RegisterMessageHandler(&handler_, loop), 0);
   EXPECT_NE(instance.RegisterMessageHandler(&handler_, loop), 0) << "there is one already";
   EXPECT_EQ(page->Send(7).AsInt(), 7);
-  worker_.reset();  // the loop ends under the registration
+  worker_.reset();  // ends the loop while the handler is registered
   EXPECT_TRUE(unanswered(page.get()));
   EXPECT_NE(instance.RegisterMessageHandler(&handler_, loop), 0) << "the loop has ended";
   page->Destroy();
@@ -159,7 +159,7 @@ TEST_F(BrowserTest, WithoutARegistrationNothingWaits) {
   EXPECT_EQ(handler_.handled, std::vector<int>{7});
 }
 
-TEST_F(BrowserTest, TheEndOfARegistrationComesAfterWhatWasPosted) {
+TEST_F(BrowserTest, ARegistrationEndsAfterTheEarlierPosts) {
   const auto page = MakePage();
   std::latch may_go_on(1);
   handler_.on_message = [&](const pp::Var& message) {
@@ -172,16 +172,16 @@ TEST_F(BrowserTest, TheEndOfARegistrationComesAfterWhatWasPosted) {
   std::jthread other_end([&] { page->EndRegistration(); });
   may_go_on.count_down();
   page->EndRegistration();
-  other_end.join();  // or it could end the next registration
+  other_end.join();  // otherwise it could end the next registration
   page->Post(4);
   EXPECT_TRUE(page->Send(5).is_undefined());
-  EXPECT_EQ(heard_, (std::vector<std::string>{"handled", "handled", "unregistered"}));
+  EXPECT_EQ(received_, (std::vector<std::string>{"handled", "handled", "unregistered"}));
   EXPECT_EQ(pp::Instance(page->id()).RegisterMessageHandler(&handler_, worker_->message_loop()), 0);
   EXPECT_EQ(page->Send(6).AsInt(), 6);
   EXPECT_EQ(handler_.handled, (std::vector<int>{1, 2, 6}));
 }
 
-TEST_F(BrowserTest, OnTheLoopItselfNothingWaitsForTheLoop) {
+TEST_F(BrowserTest, CallsOnTheLoopsOwnThreadDoNotWaitForIt) {
   const auto page = MakePage();
   bool undefined = false;
   handler_.on_message = [&](const pp::Var& message) {
@@ -197,8 +197,8 @@ TEST_F(BrowserTest, OnTheLoopItselfNothingWaitsForTheLoop) {
   EXPECT_TRUE(pp::MessageLoop::GetCurrent().is_null());
 }
 
-TEST_F(BrowserTest, AWaitingPageGetsUndefinedWhenTheInstanceGoes) {
-  start_worker_ = false;  // so what is queued stays queued
+TEST_F(BrowserTest, AWaitingPageGetsUndefinedWhenTheInstanceIsDestroyed) {
+  start_worker_ = false;  // so queued messages stay queued
   const auto page = MakePage();
   std::latch about_to_send(3);
   std::vector<std::jthread> pages;
@@ -214,7 +214,7 @@ TEST_F(BrowserTest, AWaitingPageGetsUndefinedWhenTheInstanceGoes) {
   page->Destroy();
 }
 
-TEST_F(BrowserTest, ARunningCallIsAnsweredAndTheNextIsNot) {
+TEST_F(BrowserTest, ARunningCallGetsItsReplyAndTheNextDoesNot) {
   const auto page = MakePage();
   std::latch running(1);
   std::latch destroying(1);
@@ -236,7 +236,7 @@ TEST_F(BrowserTest, ARunningCallIsAnsweredAndTheNextIsNot) {
   page->Destroy();
 }
 
-TEST_F(BrowserTest, ALoopThatOutlivesTheInstanceCallsTheHandlerNoMore) {
+TEST_F(BrowserTest, ALoopDoesNotCallTheHandlerOfADestroyedInstance) {
   const auto page = MakePage();
   std::latch running(1);
   std::latch destroyed(1);
@@ -249,13 +249,13 @@ TEST_F(BrowserTest, ALoopThatOutlivesTheInstanceCallsTheHandlerNoMore) {
   running.wait();
   page->Post(2);
   page->Destroy();
-  const auto handled = handler_.handled;  // a race, to ThreadSanitizer too, if the handler still runs
+  const auto handled = handler_.handled;  // a data race that ThreadSanitizer reports if the handler still runs
   EXPECT_EQ(handled.front(), 1);
   worker_.reset();
   EXPECT_EQ(handler_.handled, handled);
 }
 
-TEST_F(BrowserTest, NothingIsHeardFromAnInstanceThatIsGone) {
+TEST_F(BrowserTest, ADestroyedInstanceDeliversNoMessages) {
   std::atomic<bool> gone{false};
   const auto page = plugin_->CreateInstance([&](const pp::Var&) { EXPECT_FALSE(gone); });
   std::latch posting(1);

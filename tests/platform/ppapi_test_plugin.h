@@ -4,7 +4,7 @@
 
 #include "ppapi/cpp/instance.h"
 
-/// What a test does in the place of the plug-in that it loads; the plug-in finds it as a browser interface.
+/// Functions of a test that the loaded plug-in calls; the plug-in gets them as a browser interface.
 struct TestPluginHooks {
   static constexpr char kInterface[] = "TestPluginHooks";
 

@@ -55,10 +55,10 @@ TEST_F(VarTest, KeepsTheBytesOfATextAndNeedsNoNodeForTheEmptyOne) {
   EXPECT_EQ(NewNodes(), 0);
 }
 
-TEST_F(VarTest, CountsReferencesOnEveryRoad) {
+TEST_F(VarTest, CountsReferencesForEveryKindOfCopy) {
   pp::Var text("a text");
   pp::Var copy = text;
-  copy = *&copy;  // itself
+  copy = *&copy;  // self-assignment
   pp::Var adopted(pp::PASS_REF, pp::Var(copy).Detach());
   pp::Var added(adopted.pp_var());
   text = pp::Var(1);
@@ -67,7 +67,7 @@ TEST_F(VarTest, CountsReferencesOnEveryRoad) {
   EXPECT_EQ(NewNodes(), 1);
   EXPECT_EQ(copy.AsString(), "a text");
 
-  // The old content of the left side holds the only reference to the right side.
+  // The right side is referenced only by the old content of the left side.
   pp::Var outer = [] {
     pp::VarArray array;
     array.Set(0, pp::Var("inner"));
@@ -93,7 +93,7 @@ TEST_F(VarTest, DictionaryAgreesWithAMap) {
   pp::VarDictionary dictionary;
   std::map<std::string, std::int32_t> model;
   for (std::int32_t i = 0; i < 3000; ++i) {
-    // Few keys at first and many later, so that each way of looking up has its turn.
+    // Few keys at first and many later, so that both kinds of lookup are used.
     const std::string key(std::to_string(random() % static_cast<unsigned>(4 + i / 10)));
     dictionary.Set(key, i);
     model[key] = i;
@@ -116,7 +116,7 @@ TEST_F(VarTest, ArrayGrowsWithUndefinedValues) {
   EXPECT_TRUE(array.Get(3).is_undefined());
 }
 
-TEST_F(VarTest, FreesWhatIsNestedDeeperThanAnyStack) {
+TEST_F(VarTest, FreesContentNestedTooDeepForRecursion) {
   pp::Var nested("innermost");
   for (int level = 0; level < 100'000; ++level) {
     pp::VarArray array;
@@ -128,7 +128,7 @@ TEST_F(VarTest, FreesWhatIsNestedDeeperThanAnyStack) {
   EXPECT_EQ(NewNodes(), 200'001);
 }
 
-TEST_F(VarTest, ThreadsMayHoldCopiesOfOneVariable) {
+TEST_F(VarTest, ThreadsMayCopyOneVariable) {
   pp::VarDictionary shared;
   shared.Set("text", pp::Var("a text that all of them read"));
   std::vector<std::jthread> threads;
@@ -139,7 +139,7 @@ TEST_F(VarTest, ThreadsMayHoldCopiesOfOneVariable) {
         const pp::Var text = pp::VarDictionary(copy).Get("text");
         ASSERT_EQ(text.AsString().size(), 28U);
       }
-      copy = pp::Var();  // the last of them frees it
+      copy = pp::Var();  // the last copy frees the content
     });
   }
   shared = pp::VarDictionary();

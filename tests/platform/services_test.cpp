@@ -1,4 +1,4 @@
-// The small services of the platform, answering from the simulated set in a store of the test's own.
+// The small services of the platform, with the simulated set in a temporary store.
 
 #include <utility>
 
@@ -24,7 +24,7 @@ class ServicesTest : public VconfTest {
   }
 };
 
-TEST_F(ServicesTest, FeatureIsAnsweredOnlyWhenTheSetHasIt) {
+TEST_F(ServicesTest, AFeatureHasAValueOnlyIfTheSetHasIt) {
   const std::string prefix = system_info::kFeaturePrefix;
   Put(prefix + "a/feature", true);
   Put(prefix + "a/number", 1);
@@ -54,14 +54,14 @@ TEST_F(ServicesTest, ItemListKeepsItsOrderAndWholeLabels) {
   EXPECT_EQ(items, whole);
   EXPECT_FALSE(Prefdeck::GetItemDataList("missing", items));
   EXPECT_FALSE(Prefdeck::GetItemDataList("number", items));
-  Fail("GetItemDataList", "none", 0);  // zero, so that a fault fails whatever it answers
+  Fail("GetItemDataList", "none", 0);  // zero: this call fails with any fault
   EXPECT_FALSE(Prefdeck::GetItemDataList("none", items));
   EXPECT_EQ(items, whole) << "a failure must leave the items alone";
   EXPECT_TRUE(Prefdeck::GetItemDataList("none", items));
   EXPECT_EQ(items, Items{});
 }
 
-TEST_F(ServicesTest, VideoControlFollowsThePictureSize) {
+TEST_F(ServicesTest, VideoControlReturnsThePictureSize) {
   IVideoControl* control = nullptr;
   EXPECT_LT(Panelbase::CreateVideoControl(PROFILE_MAIN, 0, &control), 0) << "without a picture";
   Put(panelbase::kPictureSizePath, 3);
