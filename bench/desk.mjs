@@ -40,7 +40,7 @@ const pathOf = (page) => `/api/pages/${page.id}/messages`;
 const openPages = async (desk, count) => {
   const pages = [];
   while (pages.length < count) pages.push(await desk.openPage());
-  for (const page of pages) await desk.say(page, READ);
+  for (const page of pages) await desk.send(page, READ);
   return pages;
 };
 
@@ -117,9 +117,9 @@ async function crowd(port) {
   let [asked, heard] = [0, 0];
   for (const page of pages) {
     const stream = await desk.deliveriesOf(page);
-    await desk.say(page, { send: { command: "registerVconfKeysForCaption", propertyKey: 0 } });
+    await desk.send(page, { send: { command: "registerVconfKeysForCaption", propertyKey: 0 } });
     (async () => { for (;;) { await stream.next("message"); ++heard; } })().catch(() => {});
-    setInterval(() => desk.say(page, READ).then(() => ++asked), 105);
+    setInterval(() => desk.send(page, READ).then(() => ++asked), 105);
     await sleep(0.002);
   }
   let value = 0;

@@ -46,7 +46,7 @@ function talk(desk, pages) {
     const each = Math.floor(due / GROUP);
     if (!each) return;
     for (let count = 0; count < GROUP; ++count) {
-      desk.say(pages[next++ % PAGES], Array.from({ length: each }, () => ({ post: { command: "getVersion" } })));
+      desk.send(pages[next++ % PAGES], Array.from({ length: each }, () => ({ post: { command: "getVersion" } })));
     }
     rows += each * GROUP;
   }, TICK);

@@ -15,7 +15,7 @@ const openApp = (shows) => openPage(app.url, shows);
 const rowShows = (page, name, value) =>
   page.getByRole("button", { name: new RegExp(`^${name}\\b.*\\b${value}\\b`) }).waitFor();
 const caption = (page, state) => page.locator("#caption").waitFor({ state });
-const notice = (page, text) => page.getByRole("status").filter({ hasText: text }).waitFor(); // stands for six seconds
+const notice = (page, text) => page.getByRole("status").filter({ hasText: text }).waitFor(); // visible for six seconds
 const pages = async () => (await desk.call("GET", "/api/pages")).pages;
 const newestPage = async () => (await pages()).at(-1);
 
@@ -45,7 +45,7 @@ describe("the example application", () => {
     assert.equal(await desk.mirado("get", "memory/webapp/caption"), "0");
   });
 
-  it("writes settings by remote control, and says why when the set refuses", async () => {
+  it("writes settings by remote control, and shows the reason if the set refuses", async () => {
     const page = await openApp();
     await rowShows(page, "Size", "Standard");
     await page.keyboard.press("ArrowDown");
@@ -71,7 +71,7 @@ describe("the example application", () => {
 });
 
 describe("pages and their plug-ins", () => {
-  it("each have one of their own: a crash of one is told to its page and spares the other", async () => {
+  it("each have their own: a crash is reported to its page and does not affect the other", async () => {
     const first = await openApp();
     await rowShows(first, "Captions", "Off");
     const { id } = await newestPage();
@@ -87,12 +87,12 @@ describe("pages and their plug-ins", () => {
     ]);
     await desk.mirado("set", CAPTION, "0");
     await caption(second, "hidden");
-    await caption(first, "hidden"); // Another plug-in has taken the place of the one that crashed.
+    await caption(first, "hidden"); // Another plug-in has replaced the crashed one.
     await desk.mirado("set", CAPTION, "1");
     await Promise.all([caption(first, "visible"), caption(second, "visible")]);
   });
 
-  it("leave together", async () => {
+  it("end together", async () => {
     const page = await openApp();
     await rowShows(page, "Captions", "Off");
     const { id, pid } = await newestPage();
@@ -108,7 +108,7 @@ describe("pages and their plug-ins", () => {
     const page = await openApp();
     const outcome = await page.evaluate(async () => {
       const embed = document.querySelector("embed");
-      const refused = "\ud800"; // half a character
+      const refused = "\ud800"; // half of a surrogate pair
       const write = (value) => embed.postMessage({ command: "setMenuValue", propertyKey: 0, value });
       write(1);
       embed.postMessage(refused);
@@ -128,7 +128,7 @@ describe("pages and their plug-ins", () => {
     assert.deepEqual(outcome, [2, "TypeError"]);
   });
 
-  it("keep no call waiting when the plug-in dies", async () => {
+  it("end every waiting call when the plug-in dies", async () => {
     await desk.call("PATCH", "/api/set", { latency: { isTVSPicSizeResized: 60_000, setMenuValue: 60_000 } });
     for (const command of ["isTVSPicSizeResized", "setMenuValue"]) {
       const page = await openApp();
@@ -152,7 +152,7 @@ describe("pages and their plug-ins", () => {
   });
 });
 
-describe("a page from elsewhere", () => {
+describe("a page of another origin", () => {
   it("gets no plug-in, unless its script tag has the token", async () => {
     const stranger = `http://stranger.test:${app.port}`;
     await openPage(stranger, (page) => notice(page, "The plug-in"));
@@ -173,7 +173,7 @@ describe("a page from elsewhere", () => {
     }
   });
 
-  it("gets none in a sandboxed frame without the token, nor by an element that takes the script's name", async () => {
+  it("gets none in a sandboxed frame without the token, nor by an element named currentScript", async () => {
     const locked = await startDesk("--token");
     const frame = (script) => `<iframe sandbox="allow-scripts" srcdoc='<img name=currentScript src="http://stranger.test/">
       <script src="${script}"></script><embed type="application/x-mirado"><script>
@@ -200,7 +200,7 @@ describe("a page from elsewhere", () => {
     for (const page of open) await caption(page, "visible");
   });
 
-  it("does not reach the desk under a name of its own", async () => {
+  it("does not reach the desk under a foreign host name", async () => {
     const page = await openPage("about:blank");
     const response = await page.goto(`http://stranger.test:${new URL(desk.url).port}/`);
     assert.equal(response.status(), 403);

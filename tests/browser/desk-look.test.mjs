@@ -1,4 +1,4 @@
-// How the desk's page looks and how it is reached: widths, themes, forced colours, the keyboard, and much at once.
+// The look of the desk's page, and its use by keyboard: widths, themes, forced colours, and many pages.
 import assert from "node:assert/strict";
 import { readFileSync } from "node:fs";
 import { createRequire } from "node:module";
@@ -11,13 +11,13 @@ const axe = readFileSync(createRequire(import.meta.url).resolve("axe-core"), "ut
 const LOOKS = [{ colorScheme: "light", forcedColors: "none" }, { colorScheme: "dark", forcedColors: "none" },
   { colorScheme: "light", forcedColors: "active" }];
 const WIDTHS = [360, 768, 1024, 1280, 1920];
-// Each state at each width and in each look. MIRADO_EVERY_LOOK=1 takes every look at every width.
+// Each state at each width and in each look. MIRADO_EVERY_LOOK=1 tests every look at every width.
 const looksOf = (state, width) => process.env.MIRADO_EVERY_LOOK ? LOOKS : [LOOKS[(state + width) % LOOKS.length]];
 
 let browser, desk, page;
 before(async () => { browser = await launchBrowser(); });
 after(() => browser.close());
-// A desk for each test: some of the states are the end of one.
+// A desk for each test, because some states end it.
 async function begin() {
   desk = await MortalDesk.start();
   page = await (await browser.newContext({ viewport: { width: 1280, height: 800 } })).newPage();
@@ -28,17 +28,17 @@ afterEach(async () => {
   await desk.stop();
 });
 
-// What axe finds, and what it could not decide, in words.
+// Descriptions of what axe finds, and of what it cannot decide.
 async function faultsOf() {
   await page.evaluate(() => Promise.all(document.getAnimations()
-    .filter((it) => it.effect.getTiming().iterations === 1).map((it) => it.finished.catch(() => {})))); // or given up
+    .filter((it) => it.effect.getTiming().iterations === 1).map((it) => it.finished.catch(() => {})))); // or cancelled
   const { violations, incomplete } = await page.evaluate(() => globalThis.axe.run(document,
     { resultTypes: ["violations", "incomplete"] }));
   return [...violations, ...incomplete].flatMap(({ id, nodes }) =>
     nodes.map(({ target, any }) => `${id}: ${target} ${any[0]?.message ?? ""}`));
 }
 
-// What is wider than the page, and text below 12 pixels.
+// Elements wider than the page, and text below 12 pixels.
 const wrongSizes = () => page.evaluate(() => {
   const wide = document.documentElement.scrollWidth > innerWidth ? [`the page is ${document.documentElement.scrollWidth} wide`] : [];
   const texts = [...document.querySelectorAll("body *")].filter((it) => it.checkVisibility() &&
@@ -53,7 +53,7 @@ const wrongSizes = () => page.evaluate(() => {
 
 describe("the look of the desk's page", () => {
   for (const [at, state] of STATES.entries()) {
-    it(`is accessible and whole: ${state.name}`, async () => {
+    it(`is accessible and fits: ${state.name}`, async () => {
       await begin();
       await showState(page, desk, state);
       await page.evaluate(axe);
@@ -69,11 +69,11 @@ describe("the look of the desk's page", () => {
     });
   }
 
-  it("reaches the dialogue soon, and keeps the focus where a question came from", async () => {
+  it("reaches the dialogue with few keys, and returns the focus after a confirmation", async () => {
     await begin();
     await openDesk(page, desk.url);
     await openConsole(page);
-    await page.reload(); // the keyboard begins at the top
+    await page.reload(); // the focus starts at the top
     await page.getByRole("tab", { name: /Console/, selected: true }).waitFor();
     await page.keyboard.press("Tab");
     await page.keyboard.press("Enter");
@@ -83,7 +83,7 @@ describe("the look of the desk's page", () => {
     await page.locator("#reset:focus").waitFor();
   });
 
-  it("shows a switch that is on unlike one that is off, also in forced colours", async () => {
+  it("shows a switch that is on differently from one that is off, also in forced colours", async () => {
     await begin();
     await openDesk(page, desk.url);
     const toggle = page.getByRole("switch", { name: "The application has the privilege" });
@@ -96,17 +96,17 @@ describe("the look of the desk's page", () => {
     }
   });
 
-  it("stays small and quick with 64 pages that say much", async () => {
+  it("stays small and quick with 64 pages that send many messages", async () => {
     await begin();
     const pages = await Promise.all(Array.from({ length: 64 }, () => desk.openPage()));
-    await Promise.all(pages.map((each) => desk.say(each, { send: { command: "registerVconfKeysForCaption", propertyKey: 0 } })));
+    await Promise.all(pages.map((each) => desk.send(each, { send: { command: "registerVconfKeysForCaption", propertyKey: 0 } })));
     await openDesk(page, desk.url);
     await page.getByRole("tab", { name: /^All/ }).click();
     const width = () => page.locator("#settings").evaluate((it) => it.scrollWidth - it.clientWidth);
     assert.equal(await width(), 0, "64 watchers take no room from a setting");
 
     const cdp = await page.context().newCDPSession(page);
-    await cdp.send("Performance.enable", { timeDomain: "threadTicks" }); // what this page used, whatever else runs here
+    await cdp.send("Performance.enable", { timeDomain: "threadTicks" }); // only the processor time of this page
     const measure = async () => {
       await cdp.send("HeapProfiler.collectGarbage");
       const { metrics } = await cdp.send("Performance.getMetrics");
@@ -114,7 +114,7 @@ describe("the look of the desk's page", () => {
     };
     const rows = 32;
     const talkAll = () => Promise.all(pages.map((each) =>
-      desk.say(each, Array.from({ length: rows }, () => ({ post: { command: "getVersion" } })))));
+      desk.send(each, Array.from({ length: rows }, () => ({ post: { command: "getVersion" } })))));
     await talkAll();
     await page.waitForFunction(() => document.querySelectorAll("#dialogue li").length > 10);
     const before = await measure();

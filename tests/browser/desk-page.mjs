@@ -1,4 +1,4 @@
-// How the tests and the screenshots handle the desk's page.
+// How the tests and the screenshots use the desk's page.
 
 export const CAPTION = "db/menu/caption/caption";
 
@@ -12,11 +12,11 @@ export const openConsole = async (page) => {
   await page.getByRole("tab", { name: /^#\d+ Console$/, selected: true }).waitFor();
 };
 
-/** A row of the dialogue that has all of `text`. */
-export const said = (page, text) => page.getByRole("region", { name: "Messages" }).getByRole("listitem").filter({ hasText: text });
+/** The rows of the dialogue that contain `text`. */
+export const rowWith = (page, text) => page.getByRole("region", { name: "Messages" }).getByRole("listitem").filter({ hasText: text });
 
-/** Fills the composer in and sends or posts what it made of it, whatever the command is for. */
-export async function say(page, command, { key, value } = {}) {
+/** Fills in the composer, and sends or posts its message, as the command requires. */
+export async function sendCommand(page, command, { key, value } = {}) {
   const form = page.getByRole("form", { name: "Message to the plug-in" });
   const field = (name) => form.getByRole("combobox", { name, exact: true });
   await field("Command").selectOption(command);
@@ -27,5 +27,5 @@ export async function say(page, command, { key, value } = {}) {
 
 export const valueOf = (page, label) => page.getByRole("spinbutton", { name: label, exact: true });
 
-/** Answers the question that the page asks. */
+/** Answers the confirmation dialog of the page. */
 export const answer = (page, name) => page.getByRole("dialog").getByRole("button", { name }).click();

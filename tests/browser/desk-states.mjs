@@ -1,5 +1,5 @@
-// Twelve states in which the desk's page is looked at: by the tests, and by people on screenshots.
-import { answer, CAPTION, openConsole, openDesk, said, say } from "./desk-page.mjs";
+// Twelve states of the desk's page, for the tests and for the screenshots.
+import { answer, CAPTION, openConsole, openDesk, rowWith, sendCommand } from "./desk-page.mjs";
 
 const json = (command, more) => ({ send: { command, ...more } });
 const watch = json("registerVconfKeysForCaption", { propertyKey: 0 });
@@ -7,18 +7,18 @@ const watch = json("registerVconfKeysForCaption", { propertyKey: 0 });
 async function openPages(desk, count) {
   const pages = await Promise.all(Array.from({ length: count }, (_, at) =>
     desk.openPage({ title: `Application ${at + 1}`, url: `http://localhost:8000/${at + 1}.html` })));
-  await Promise.all(pages.map((page) => desk.say(page, watch)));
+  await Promise.all(pages.map((page) => desk.send(page, watch)));
   return pages;
 }
 
 async function talk(page) {
   await openConsole(page);
-  await say(page, "registerVconfKeysForCaption", { key: 0 });
-  await say(page, "setMenuValue", { key: 0, value: 1 });
-  await say(page, "getMenuValue", { key: 14 });
-  await say(page, "getMenuValue", { key: 20 });
-  await said(page, /VOICE_GUIDE_SPEED.*NORMAL/).waitFor();
-  await said(page, "CAPTION changed").waitFor();
+  await sendCommand(page, "registerVconfKeysForCaption", { key: 0 });
+  await sendCommand(page, "setMenuValue", { key: 0, value: 1 });
+  await sendCommand(page, "getMenuValue", { key: 14 });
+  await sendCommand(page, "getMenuValue", { key: 20 });
+  await rowWith(page, /VOICE_GUIDE_SPEED.*NORMAL/).waitFor();
+  await rowWith(page, "CAPTION changed").waitFor();
 }
 
 const crash = async (page) => {
@@ -28,13 +28,13 @@ const crash = async (page) => {
   await page.getByRole("alert").filter({ hasText: "has ended" }).waitFor();
 };
 
-/** `panel` is the tab on which a narrow page shows it; `show(page, desk)` begins on the opened page. */
+/** `panel` is the tab on which a narrow page shows it; `show(page, desk)` starts with the opened page. */
 export const STATES = [
   { name: "first-visit", show: async () => {} },
   { name: "dialogue", show: talk },
   { name: "message-opened", show: async (page) => {
     await talk(page);
-    await said(page, "key is not supported").getByRole("button").click();
+    await rowWith(page, "key is not supported").getByRole("button").click();
   } },
   { name: "failures-offered", show: async (page) => {
     await talk(page);
@@ -80,13 +80,13 @@ export const STATES = [
   } },
 ];
 
-/** Opens the desk's page in a state. The caller chooses width and theme before or after. */
+/** Opens the desk's page in a state. The caller sets width and theme, before or after. */
 export async function showState(page, desk, { show }) {
   await openDesk(page, desk.url);
   await show(page, desk);
 }
 
-/** Where panels are tabs, the one that the state is about. */
+/** Chooses the panel of the state, if the panels are tabs. */
 export async function showPanel(page, { panel = "Dialogue" }) {
   const tab = page.getByRole("tab", { name: panel, exact: true });
   if (await tab.isVisible() && await tab.getAttribute("aria-selected") === "false") await tab.click();

@@ -6,7 +6,7 @@ import { createServer } from "node:http";
 import { join } from "node:path";
 import { describe, it } from "node:test";
 import { setTimeout as sleep } from "node:timers/promises";
-import { answer, CAPTION, openConsole, openDesk, said, say, valueOf } from "./desk-page.mjs";
+import { answer, CAPTION, openConsole, openDesk, rowWith, sendCommand, valueOf } from "./desk-page.mjs";
 import { MortalDesk, startAt, TIMEOUT, useDesk } from "./harness.mjs";
 
 const { desk, newPage, openPage, startDesk } = await useDesk();
@@ -26,28 +26,28 @@ async function withConsole(of = desk) {
 const getVersion = { send: { command: "getVersion" } };
 const tab = (page, name) => page.getByRole("tab", { name });
 const button = (page, name) => page.getByRole("button", { name, exact: true });
-const disabled = (part) => part.and(part.page().locator(":disabled")).waitFor(); // which follows what the page knows in the next frame
+const disabled = (part) => part.and(part.page().locator(":disabled")).waitFor(); // updated in the next frame
 const banner = (page, text) => page.getByRole("alert").filter({ hasText: text });
-const rowTexts = (page) => said(page, "").allInnerTexts();
+const rowTexts = (page) => rowWith(page, "").allInnerTexts();
 const settles = async (read, wanted) => {
   for (const started = Date.now(); Date.now() < started + TIMEOUT; await sleep(50)) if (await read() === wanted) return;
   assert.equal(await read(), wanted);
 };
 const storeOf = async (path) => (await desk.request("GET", `/api/store/${encodeURIComponent(path)}`)).json.value;
 
-// In the page: the desk's events reach it one by one, with so much time between them.
+// Runs in the page: delays the desk's events, so that there is this much time between them.
 function spaceEvents(milliseconds) {
   let last = Promise.resolve();
   globalThis.WebSocket = class extends WebSocket {
-    set onmessage(hear) {
+    set onmessage(receive) {
       this.addEventListener("message", (event) => {
-        last = last.then(() => new Promise((resolve) => setTimeout(resolve, milliseconds))).then(() => hear(event));
+        last = last.then(() => new Promise((resolve) => setTimeout(resolve, milliseconds))).then(() => receive(event));
       });
     }
   };
 }
 
-// Not one that is free at the moment: an outgoing connection, such as the browser's, could get it in between.
+// Not a port that is free at the moment: an outgoing connection, such as the browser's, could take it first.
 const startSomewhere = () => startAt(() => 20_000 + Math.floor(Math.random() * 10_000), startDesk);
 
 describe("the desk's page", () => {
@@ -69,25 +69,25 @@ describe("the desk's page", () => {
     await tab(page, /^#\d+ My page/).and(page.locator("[aria-selected=true]")).waitFor();
     await valueOf(page, "Caption, Caption").press("ArrowUp");
     await own.getByText("Caption is 1").waitFor();
-    await said(page, "CAPTION changed").waitFor();
+    await rowWith(page, "CAPTION changed").waitFor();
 
-    await desk.openPage({ title: "Other" }); // so that the next is not chosen as the first
-    await own.reload(); // whoever looks at a page goes on looking at it
-    await said(page, "CAPTION changed").waitFor({ state: "detached" });
+    await desk.openPage({ title: "Other" }); // so that the reloaded page is not chosen for being the only one
+    await own.reload(); // the chosen page stays chosen
+    await rowWith(page, "CAPTION changed").waitFor({ state: "detached" });
     await tab(page, /^#\d+ My page$/).and(page.locator("[aria-selected=true]")).waitFor();
     await tab(page, /^#\d+ My page \(ended\)/).click();
-    await said(page, /CAPTION changed.*now 1/).waitFor();
+    await rowWith(page, /CAPTION changed.*now 1/).waitFor();
     await tab(page, /^#\d+ My page$/).click();
-    await said(page, "CAPTION changed").waitFor({ state: "detached" });
-    await said(page, /getMenuValue CAPTION.*1/).waitFor();
+    await rowWith(page, "CAPTION changed").waitFor({ state: "detached" });
+    await rowWith(page, /getMenuValue CAPTION.*1/).waitFor();
 
     await button(page, "Kill …").click();
     await answer(page, "Kill it");
     const crash = banner(page, /My page has ended.*connected again, as #\d+/);
     await crash.getByText(/Sending|RegisterMessageHandler|registerVconf/).first().waitFor();
-    await said(page, "signal 9").waitFor({ state: "detached" });
+    await rowWith(page, "signal 9").waitFor({ state: "detached" });
     await crash.getByRole("button", { name: /^Show #/ }).click();
-    await said(page, "signal 9").waitFor();
+    await rowWith(page, "signal 9").waitFor();
     await disabled(button(page, "Send"));
     await crash.getByRole("button", { name: /^Show #/ }).waitFor();
     await button(page, "Dismiss").click();
@@ -97,36 +97,36 @@ describe("the desk's page", () => {
     server.closeAllConnections();
   });
 
-  it("shows, speaks to, records and kills the page whose tab is chosen", async () => {
+  it("shows, sends to, records and kills the page whose tab is chosen", async () => {
     const [one, two] = [await desk.openPage({ title: "One" }), await desk.openPage({ title: "Two" })];
-    await desk.say(one, getVersion);
-    await desk.say(two, { send: { command: "isTVSPicSizeResized" } });
+    await desk.send(one, getVersion);
+    await desk.send(two, { send: { command: "isTVSPicSizeResized" } });
     const page = await openedDesk();
     await tab(page, /^All/).click();
-    await said(page, "getVersion").waitFor();
-    await said(page, "isTVSPicSizeResized").waitFor();
-    await disabled(button(page, "Send")); // there is nobody to send to
+    await rowWith(page, "getVersion").waitFor();
+    await rowWith(page, "isTVSPicSizeResized").waitFor();
+    await disabled(button(page, "Send")); // there is no plug-in to send to
 
-    // An answer that is late, to a question about another page, is not shown.
+    // A late answer to a request for another page is not shown.
     const [held] = await Promise.all([new Promise((resolve) => page.route(`**/${one.id}/dialogue`, resolve, { times: 1 })),
       tab(page, / One/).click()]);
-    await said(page, "").first().waitFor({ state: "detached" }); // nor are another page's rows meanwhile
+    await rowWith(page, "").first().waitFor({ state: "detached" }); // nor are another page's rows
     await tab(page, / Two/).click();
-    await said(page, "getVersion").waitFor({ state: "detached" });
-    await said(page, "isTVSPicSizeResized").waitFor();
+    await rowWith(page, "getVersion").waitFor({ state: "detached" });
+    await rowWith(page, "isTVSPicSizeResized").waitFor();
     await Promise.all([page.waitForResponse(`**/${one.id}/dialogue`).then((response) => response.finished()), held.continue()]);
-    await desk.say(two, { send: { command: "getMenuValue", propertyKey: 0 } }); // what comes after it is shown
-    await said(page, "getMenuValue CAPTION").waitFor();
-    assert.equal(await said(page, "getVersion").count(), 0);
+    await desk.send(two, { send: { command: "getMenuValue", propertyKey: 0 } }); // a later entry is shown
+    await rowWith(page, "getMenuValue CAPTION").waitFor();
+    assert.equal(await rowWith(page, "getVersion").count(), 0);
     await button(page, "Record").click();
     await button(page, "Record").waitFor({ state: "hidden" });
-    await say(page, "registerVconfKeysForCaption", { key: 0 }); // the page's watch button knows, whoever asked
+    await sendCommand(page, "registerVconfKeysForCaption", { key: 0 }); // the watch button shows this subscription too
     const watch = page.getByRole("button", { name: /^Watch Caption, Caption; watched by 1 page/ });
     await watch.and(page.locator("[aria-pressed=true]")).waitFor();
     assert.deepEqual((await desk.call("GET", `/api/pages/${two.id}`)).watches, [CAPTION]);
     assert.deepEqual((await desk.call("GET", `/api/pages/${one.id}`)).watches, []);
     for (const value of ["1", "0"]) await desk.mirado("set", CAPTION, value);
-    await said(page, /CAPTION changed.*now 0/).first().waitFor();
+    await rowWith(page, /CAPTION changed.*now 0/).first().waitFor();
     await tab(page, / One/).click();
     await watch.and(page.locator("[aria-pressed=false]")).waitFor();
     await tab(page, / Two/).click();
@@ -142,7 +142,7 @@ describe("the desk's page", () => {
     await button(page, "Kill …").click();
     await answer(page, "Kill it");
     await banner(page, /Two has ended/).waitFor();
-    await said(page, "signal 9").waitFor();
+    await rowWith(page, "signal 9").waitFor();
     for (const name of ["Send", "Record"]) await disabled(button(page, name));
     await tab(page, / One/).click();
     await banner(page, /Two has ended/).waitFor({ state: "detached" });
@@ -150,13 +150,13 @@ describe("the desk's page", () => {
     await Promise.all([one, two].map(({ id }) => desk.call("DELETE", `/api/pages/${id}`)));
   });
 
-  it("tells of a request and its reply in one row, filters, and opens what went over the wire", async () => {
+  it("shows a request and its reply in one row, filters, and shows the JSON of both", async () => {
     const page = await withConsole();
-    await say(page, "getMenuValue", { key: 0 });
-    const row = said(page, /getMenuValue CAPTION.*0.*ms/);
+    await sendCommand(page, "getMenuValue", { key: 0 });
+    const row = rowWith(page, /getMenuValue CAPTION.*0.*ms/);
     await row.waitFor();
-    await say(page, "getMenuValue", { key: 14 });
-    await said(page, "9 key is not supported").waitFor();
+    await sendCommand(page, "getMenuValue", { key: 14 });
+    await rowWith(page, "9 key is not supported").waitFor();
     assert.equal((await rowTexts(page)).length, 2);
     await row.getByRole("button").click();
     await row.getByText('"errorName": ""').waitFor();
@@ -165,22 +165,22 @@ describe("the desk's page", () => {
     await row.waitFor({ state: "detached" });
     await page.getByLabel("Failures").uncheck();
     await page.getByRole("combobox", { name: "Setting", exact: true }).selectOption("CAPTION");
-    await said(page, "APPS_TICKER").waitFor({ state: "detached" });
+    await rowWith(page, "APPS_TICKER").waitFor({ state: "detached" });
     await page.getByRole("combobox", { name: "Kind", exact: true }).selectOption("Events");
     await page.locator("#talk").getByText("No entry matches the filters").waitFor();
   });
 
-  it("follows the dialogue's end until somebody reads further up, also when the panel changes its size", async () => {
+  it("follows the end of the dialogue unless it is scrolled up, also when the panel changes its size", async () => {
     const page = await withConsole();
     const { id } = (await desk.call("GET", "/api/pages")).pages.at(-1);
-    const post = (command) => desk.say({ id }, { post: { command } });
-    const fill = (count) => desk.say({ id }, Array.from({ length: count }, () => ({ post: { command: "getVersion" } })));
+    const post = (command) => desk.send({ id }, { post: { command } });
+    const fill = (count) => desk.send({ id }, Array.from({ length: count }, () => ({ post: { command: "getVersion" } })));
     const list = page.getByRole("region", { name: "Messages" });
     const newestRow = list.getByRole("listitem").last();
     const isWhole = () => newestRow.evaluate((it) => it.getBoundingClientRect().bottom <= it.closest(".scroll").getBoundingClientRect().bottom);
     await fill(149);
     await post("isTVSPicSizeResized");
-    await said(page, "isTVSPicSizeResized").waitFor(); // the last, so all have come
+    await rowWith(page, "isTVSPicSizeResized").waitFor(); // the last, so all have been received
     assert(await list.getByRole("listitem").count() < 60, "no more rows than a panel shows, and some");
     await page.setViewportSize({ width: 1280, height: 560 });
     await settles(isWhole, true);
@@ -195,13 +195,13 @@ describe("the desk's page", () => {
     assert.equal(await page.getByRole("button", { name: /Newest/ }).count(), 0);
   });
 
-  it("composes what a page may say, remembers it, and makes it fail", async () => {
+  it("composes every command, keeps a history, and makes a command fail", async () => {
     const page = await withConsole();
     const message = page.getByRole("textbox", { name: /^Message as JSON/ });
     const commands = (await desk.call("GET", "/api/catalog")).commands.map(({ name }) => name);
     for (const command of commands) {
-      await say(page, command);
-      await said(page, `${command} `).or(said(page, command)).filter({ hasText: /gives/ }).first().waitFor();
+      await sendCommand(page, command);
+      await rowWith(page, `${command} `).or(rowWith(page, command)).filter({ hasText: /gives/ }).first().waitFor();
     }
     assert.equal(await page.locator("#dialogue .failed").count(), 0, "each command is sent as the plug-in takes it");
     await message.fill("a draft");
@@ -220,16 +220,16 @@ describe("the desk's page", () => {
     const failure = page.getByRole("button", { name: /Reading CAPTION fails, once/ });
     await failure.click();
     await failure.and(page.locator("[aria-pressed=true]")).waitFor();
-    await say(page, "getMenuValue", { key: 0 });
-    await said(page, "9999 getMenuValue is failed").waitFor();
+    await sendCommand(page, "getMenuValue", { key: 0 });
+    await rowWith(page, "9999 getMenuValue is failed").waitFor();
     await page.getByRole("region", { name: "Log lines" }).getByText("Fail to get the vconf value").waitFor();
     await failure.and(page.locator("[aria-pressed=false]")).waitFor();
   });
 
-  it("edits values as they are, and none but the key that is meant", async () => {
+  it("edits values exactly, and changes no other key", async () => {
     const page = await openedDesk();
     const field = valueOf(page, "Caption, Caption");
-    await field.fill("many"); // and somebody else is faster
+    await field.fill("many"); // and another program writes first
     await desk.mirado("set", CAPTION, "2");
     await desk.mirado("set", "db/setting/accessibility/tts", "true");
     await page.getByRole("switch", { name: "Text to speech, Accessibility", checked: true }).waitFor();
@@ -240,7 +240,7 @@ describe("the desk's page", () => {
     assert.equal(await field.inputValue(), "2");
     await desk.mirado("set", CAPTION, "1");
     const more = page.getByRole("listitem").filter({ has: field }).locator(".more");
-    await settles(() => more.isDisabled(), true); // On is the last value that means anything
+    await settles(() => more.isDisabled(), true); // On is the last value with a meaning
     await field.press("ArrowDown");
     await settles(() => storeOf(CAPTION), 0);
     await settles(() => more.isEnabled(), true);
@@ -282,11 +282,11 @@ describe("the desk's page", () => {
     const language = valueOf(page, "Secondary language, Audio");
     await desk.call("PATCH", "/api/set", { lists: { "secondary-audio-language": [{ value: 2, label: "French" }, { value: 40, label: "Sami" }] } });
     await settles(async () => (await page.getByLabel("Secondary", { exact: true }).inputValue()).includes("Sami"), true);
-    await language.press("ArrowUp"); // to the list's next
+    await language.press("ArrowUp"); // to the next value of the list
     await settles(() => language.getAttribute("aria-valuetext"), "40, Sami");
   });
 
-  it("describes the set in words, changes it, and keeps and restores it under a name", async () => {
+  it("describes the set in words, changes it, and saves and restores it under a name", async () => {
     const page = await openedDesk();
     const form = page.getByRole("form", { name: "Add a fault" });
     await form.getByLabel("What fails").selectOption("Reading any number");
@@ -320,7 +320,7 @@ describe("the desk's page", () => {
     await button(page, "Load no-b2b").waitFor({ state: "detached" });
   });
 
-  it("says once that its desk is gone, lets nobody do what cannot work, and shows the next desk", async () => {
+  it("reports once that its desk has ended, disables what cannot work, and shows the next desk", async () => {
     const first = await startSomewhere();
     const page = await withConsole(first);
     await openConsole(page);
@@ -334,18 +334,18 @@ describe("the desk's page", () => {
     await banner(page, "The desk does not answer").waitFor({ state: "detached" });
     await settles(() => valueOf(page, "Caption, Caption").inputValue(), "0");
     await tab(page, /^#\d+ Console$/).nth(1).waitFor(); // both
-    await say(page, "getVersion");
-    await said(page, /getVersion.*"4.0"/).waitFor();
+    await sendCommand(page, "getVersion");
+    await rowWith(page, /getVersion.*"4.0"/).waitFor();
   });
 
-  it("tells of a crash with the last log lines, and starts again without losing the keyboard", async () => {
-    for (const milliseconds of [0, 50]) { // the old page's end and the new one's beginning are seen together, and apart
+  it("reports a crash with the last log lines, and starts again without losing the focus", async () => {
+    for (const milliseconds of [0, 50]) { // between the old page's end and the new one's start
       const page = await newPage();
       await page.addInitScript(spaceEvents, milliseconds);
       await openDesk(page, desk.url);
       await openConsole(page);
-      await say(page, "getVersion");
-      await said(page, /getVersion.*"4.0"/).waitFor(); // so the log has the lines of the start
+      await sendCommand(page, "getVersion");
+      await rowWith(page, /getVersion.*"4.0"/).waitFor(); // so the log contains the lines of the start
       const { id } = (await desk.call("GET", "/api/pages")).pages.at(-1);
       await desk.call("POST", `/api/pages/${id}/kill`);
       const crash = banner(page, /Console has ended/);
@@ -353,7 +353,7 @@ describe("the desk's page", () => {
       await crash.getByRole("button", { name: "Start again" }).press("Enter");
       await page.locator("#message:focus").waitFor();
       await page.keyboard.press("Enter");
-      await said(page, /getVersion.*"4.0"/).waitFor();
+      await rowWith(page, /getVersion.*"4.0"/).waitFor();
       assert.equal(await crash.count(), 0);
       await page.close();
     }
@@ -379,7 +379,7 @@ describe("the desk's page", () => {
     }
   });
 
-  it("takes the token from its link, keeps the chosen page when it is loaded anew, and asks for a token it lacks", async () => {
+  it("takes the token from its link, keeps the chosen page after a reload, and requests a missing token", async () => {
     const locked = await startDesk("--token");
     for (const title of ["One", "Two", "Three"]) await locked.call("POST", `/api/pages?token=${locked.token}`, { grace: 3600, title });
     const page = await openedDesk({ url: `${locked.url}/?token=${locked.token}` });
@@ -398,7 +398,7 @@ describe("the desk's page", () => {
     await banner(page, /does not answer.*mirado desk --port \d+ --temporary --token/s).waitFor();
   });
 
-  it("says that no further page fits, and closes one", async () => {
+  it("reports that no more pages can be opened, and closes one", async () => {
     const full = await startDesk();
     const { limit } = (await full.call("GET", "/api/desk")).pages;
     await Promise.all(Array.from({ length: limit }, (_, at) => full.openPage({ title: `Page ${at}` })));

@@ -48,5 +48,5 @@ export default [
       "no-prototype-builtins": "off",  // Object.hasOwn is too new for a set's engine
     },
   },
-  { files: ["tests/page/client_suite.js"], rules: { "no-global-assign": "off" } },  // it holds the clock
+  { files: ["tests/page/client_suite.js"], rules: { "no-global-assign": "off" } },  // it replaces the timers
 ];

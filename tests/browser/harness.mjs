@@ -1,5 +1,4 @@
-// What the tests in a browser share: a desk on a store of its own, the example application on a server of its own, and
-// Chromium.
+// What the tests in a browser share: a desk on a temporary store, a server for the example application, and Chromium.
 import assert from "node:assert/strict";
 import { once } from "node:events";
 import { readFile, writeFile } from "node:fs/promises";
@@ -11,12 +10,12 @@ import { chromium } from "playwright-core";
 import { Desk } from "../desk/desk.mjs";
 
 const appFolder = fileURLToPath(new URL("../../examples/app", import.meta.url));
-/** Milliseconds for what happens in a blink on a machine with nothing else to do. */
+/** The timeout in milliseconds for actions that an idle machine does at once. */
 export const TIMEOUT = 60_000;
 
 const TYPES = { ".html": "text/html", ".js": "text/javascript", ".css": "text/css" };
 
-/** Serves the example application. Its script tag points at `script` of the result, which may be changed. */
+/** Serves the example application. Its script tag loads `script` of the result, which may be changed. */
 async function serveApp(script) {
   const server = createServer(async (request, response) => {
     const name = basename(request.url) || "index.html";
@@ -39,7 +38,7 @@ async function serveApp(script) {
   return served;
 }
 
-// Names that end in .test lead to this machine, so that a page can have a foreign origin.
+// Names that end in .test resolve to this machine, so that a page can have a foreign origin.
 export const launchBrowser = () => chromium.launch({
   executablePath: "/usr/bin/chromium",
   timeout: TIMEOUT,
@@ -47,7 +46,7 @@ export const launchBrowser = () => chromium.launch({
     "--disable-component-update", "--disable-sync", "--host-resolver-rules=MAP *.test 127.0.0.1"],
 });
 
-/** Starts a desk on the port that `choose` names, again while somebody else has that port. */
+/** Starts a desk on the port that `choose` names, again while another process uses that port. */
 export async function startAt(choose, start) {
   for (let tries = 1; ; ++tries) {
     try {
@@ -58,7 +57,7 @@ export async function startAt(choose, start) {
   }
 }
 
-/** A desk that may be killed, and come to a damaged store, in the middle of a test. It keeps its address. */
+/** A desk that a test may kill and start again, also on a damaged store. It keeps its address. */
 export class MortalDesk {
   static async start() {
     const mortal = new MortalDesk();
@@ -69,7 +68,7 @@ export class MortalDesk {
   begin(desk) {
     this.desk = desk;
     this.url = desk.url;
-    for (const name of ["call", "request", "say", "openPage", "mirado"]) this[name] = desk[name].bind(desk);
+    for (const name of ["call", "request", "send", "openPage", "mirado"]) this[name] = desk[name].bind(desk);
   }
 
   async kill() {
@@ -91,8 +90,8 @@ export class MortalDesk {
 }
 
 /**
- * A desk, the example application and a browser for all tests of a file. Each test begins with a set as new and fails
- * when one of its pages left an error uncaught.
+ * A desk, the example application and a browser for all tests of a file. The set is reset before each test. A test
+ * fails if one of its pages has an uncaught error.
  */
 export async function useDesk() {
   const [desk, browser] = await Promise.all([Desk.start(), launchBrowser()]);
@@ -118,13 +117,13 @@ export async function useDesk() {
     assert.deepEqual(errors, []);
   });
   const newPage = () => context.newPage();
-  // `shows` waits for what stands there for a while only, so it begins before the page does.
+  // `shows` waits for something that is visible only for a while, so it starts before the page loads.
   const openPage = async (url, shows = () => {}) => {
     const page = await newPage();
     await Promise.all([shows(page), page.goto(url)]);
     return page;
   };
-  // One more desk, for the test that starts it.
+  // Another desk, for the test that starts it.
   const startDesk = async (...options) => {
     others.push(await Desk.start(...options));
     return others.at(-1);

@@ -1,4 +1,4 @@
-// Makes pictures of the desk's page in twelve states, at five widths, light, dark and in forced colours.
+// Makes screenshots of the desk's page in twelve states, at five widths, light, dark and in forced colours.
 //
 //   node screenshots.mjs FOLDER
 import { mkdir } from "node:fs/promises";

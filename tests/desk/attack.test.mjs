@@ -1,4 +1,4 @@
-// Who may not hold up the others: each attack ends with an answer for everybody else, and leaves nothing behind.
+// Clients that try to block others: during each attack the desk answers everyone else, and nothing is left afterwards.
 import assert from "node:assert/strict";
 import { once } from "node:events";
 import { Agent } from "node:http";
@@ -12,17 +12,17 @@ beforeEach(async () => { desk = await Desk.start(); });
 afterEach(async () => { if (desk) assert.equal(await desk.stop(), 0); });
 after(Desk.stopAll);
 
-// That a page opens, is answered and reads its settings while the attack goes on.
+// During the attack a page can be opened, gets its reply, and the settings can be read.
 const answersOthers = () => oneOfFiveIsBelow(1000, async () => {
   const start = performance.now();
   const page = await desk.openPage();
-  assert.equal((await desk.say(page, { send: VERSION })).json.reply.value, "4.0");
+  assert.equal((await desk.send(page, { send: VERSION })).json.reply.value, "4.0");
   assert((await desk.call("GET", "/api/settings")).settings.length > 0);
   await desk.call("DELETE", `/api/pages/${page.id}`);
   return performance.now() - start;
 });
 
-// Undefined where the connection is closed without an answer.
+// Undefined if the connection is closed without an answer.
 const statusOf = async (socket) =>
   String(await Promise.race(["data", "close"].map((event) => once(socket, event)))).split(" ")[1];
 
@@ -39,7 +39,7 @@ test("a hostile page that loads as fast as it can", async () => {
   agent.destroy();
 });
 
-test("clients that give up what they wait for", async () => {
+test("clients that disconnect before their reply", async () => {
   await desk.call("PATCH", "/api/set", { latency: { getMenuValue: 60_000 } });
   const page = await desk.openPage({ grace: 1 });
   const events = await desk.follow("/api/events");
@@ -48,16 +48,16 @@ test("clients that give up what they wait for", async () => {
     `Content-Length: ${body.length}\r\n\r\n${body}`;
   const waiting = [];
   for (let sends = 0; sends < 257; ++sends) waiting.push(await desk.dial(sends % 2 ? send : send + send));
-  assert.equal(await statusOf(waiting[16]), "503", "as many as may wait do");
+  assert.equal(await statusOf(waiting[16]), "503", "the limit of waiting requests is reached");
   await answersOthers();
   const other = await desk.openPage();
-  for (let sends = 0; sends < 512; ++sends) assert.equal((await desk.say(other, { send: VERSION })).status, 200);
+  for (let sends = 0; sends < 512; ++sends) assert.equal((await desk.send(other, { send: VERSION })).status, 200);
   for (const socket of waiting) socket.destroy();
-  await events.next("gone", ({ id }) => id === page.id); // Its grace counts again, not the minute of one that waits.
+  await events.next("gone", ({ id }) => id === page.id); // Its own grace applies, not the longer one of a request.
   events.close();
 });
 
-test("more streams than there is room for", async () => {
+test("more streams than the desk allows", async () => {
   const page = await desk.openPage();
   const open = async (path, more = "") => {
     const socket = await desk.dial(`GET ${path} ${HEAD}${more}\r\n`);
@@ -67,14 +67,14 @@ test("more streams than there is room for", async () => {
   assert.equal(streams.filter(({ status }) => status === "200").length, 32);
   assert.equal(streams.filter(({ status }) => status === "503").length, 268);
   streams.push(await open("/api/events", "Sec-Fetch-Site: same-origin\r\n"));
-  assert.equal(streams.at(-1).status, "200", "the desk's own page has room");
+  assert.equal(streams.at(-1).status, "200", "the desk's own page may open more");
   for (let readers = 0; readers < 5; ++readers) streams.push(await open(`/api/pages/${page.id}/deliveries`));
   assert.deepEqual(streams.slice(-5).map(({ status }) => status), ["200", "200", "200", "200", "503"]);
   await answersOthers();
   for (const { socket } of streams) socket.destroy();
 });
 
-test("connections that say nothing, half of what they want, or do not listen", async () => {
+test("connections that send nothing, send half a request, or do not read", async () => {
   const half = `POST /api/pages ${HEAD}Content-Length: 100\r\n\r\n{`;
   const sockets = [await desk.dial(`GET /api/events ${HEAD}\r\n`)];
   sockets[0].pause();
@@ -89,12 +89,12 @@ test("connections that say nothing, half of what they want, or do not listen", a
   for (const socket of sockets) socket.destroy();
 });
 
-test("more pages than there may be", async () => {
+test("more pages than the desk allows", async () => {
   const pages = [];
   for (let opened = 0; opened < 64; ++opened) pages.push(await desk.openPage());
   assert.equal((await desk.request("POST", "/api/pages", { body: {} })).status, 503);
   const headers = { Origin: `http://localhost:${desk.port}`, Host: `localhost:${desk.port}` };
-  for (const status of [201, 503]) { // one more, for the desk's own
+  for (const status of [201, 503]) { // one more is allowed for the desk's own page
     assert.equal((await desk.request("POST", "/api/pages", { body: { grace: 60 }, headers })).status, status);
   }
   await desk.call("DELETE", `/api/pages/${pages[0].id}`);
@@ -102,7 +102,7 @@ test("more pages than there may be", async () => {
   await desk.openPage();
 });
 
-test("a plug-in that does not read what it is sent", { timeout: 300_000 }, async () => {
+test("a plug-in that does not read its input", { timeout: 300_000 }, async () => {
   const page = await desk.openPage();
   const socket = await desk.socketOf(page);
   const posts = Array.from({ length: 60 }, () => ({ post: { ...VERSION, more: "x".repeat(1000) } }));
@@ -111,7 +111,7 @@ test("a plug-in that does not read what it is sent", { timeout: 300_000 }, async
     process.kill(page.pid, "SIGSTOP");
     let status = 200;
     for (let batches = 0; status === 200 && batches < 1000; ++batches) {
-      ({ status } = await desk.say(page, posts));
+      ({ status } = await desk.send(page, posts));
     }
     assert.equal(status, 503);
     posted = (await desk.call("GET", `/api/pages/${page.id}`)).sent;
@@ -119,50 +119,50 @@ test("a plug-in that does not read what it is sent", { timeout: 300_000 }, async
   await fill();
   assert(posted > 6000, "8 MiB");
   await answersOthers();
-  socket.say({ n: 1, post: { command: "the last" } });
+  socket.send({ n: 1, post: { command: "the last" } });
   process.kill(page.pid, "SIGCONT");
   for (let heard = 0, acks = 0; heard <= posted || acks === 0;) {
-    const { id, data, ack } = await socket.hear();
+    const { id, data, ack } = await socket.receive();
     if (id) assert.equal(data.command, heard++ < posted ? "getVersion" : "the last");
     if (ack) assert.equal(acks++, 0);
   }
   await fill();
   const others = await Promise.all([1, 2, 3].map(() => desk.deliveriesOf(page, 1e9)));
-  socket.say({ n: 2, post: VERSION });
+  socket.send({ n: 2, post: VERSION });
   socket.socket.end();
-  let next; // There is room for four, so a fifth shows that one has ended, with the post that waited.
+  let next; // Four may be open, so a fifth shows that one has ended, after its waiting post.
   while ((next = await desk.socketOf(page)).status === 503) next.socket.destroy();
   assert.equal(next.status, 101);
   next.socket.destroy();
   for (const stream of others) stream.close();
 });
 
-test("clients that do not take long answers", { timeout: 300_000 }, async () => {
+test("clients that do not read long answers", { timeout: 300_000 }, async () => {
   const page = await desk.openPage();
   const posts = Array.from({ length: 15 }, () => ({ post: { command: "x".repeat(4000) } }));
-  for (let batches = 0; batches < 70; ++batches) await desk.say(page, posts);
+  for (let batches = 0; batches < 70; ++batches) await desk.send(page, posts);
   const path = `/api/pages/${page.id}/dialogue`;
   const lazy = await Promise.all(Array.from({ length: 40 }, () => desk.dial(`GET ${path} ${HEAD}\r\n`)));
   for (const socket of lazy) socket.pause();
   let answer = await desk.request("GET", path);
   assert.equal(answer.status, 503);
   await answersOthers();
-  while (answer.status === 503) answer = await desk.request("GET", path); // They are closed when their time is over.
+  while (answer.status === 503) answer = await desk.request("GET", path); // They are closed after a timeout.
   assert(answer.text.length > 1024 * 1024);
   for (const socket of lazy) socket.destroy();
 });
 
-test("a request that does not end, and a socket that does not answer its closing", { timeout: 300_000 }, async () => {
+test("a request that never ends, and a socket that does not confirm its close", { timeout: 300_000 }, async () => {
   const half = await desk.dial(`POST /api/pages ${HEAD}Content-Length: 100\r\n\r\n{`);
   const page = await desk.openPage();
-  const { hear } = await desk.socketOf(page);
+  const { receive } = await desk.socketOf(page);
   await desk.call("DELETE", `/api/pages/${page.id}`);
-  assert.equal((await hear()).event, "crash");
-  assert.equal(await hear(), undefined);
+  assert.equal((await receive()).event, "crash");
+  assert.equal(await receive(), undefined);
   assert.deepEqual(await half.toArray(), []);
 });
 
-// What a process may have; the desk runs as nobody where root would not be bound by it.
+// Limits of the process. If the test runs as root, the desk runs as user 65534, because some do not apply to root.
 for (const limits of ["ulimit -n 64", "ulimit -n 24", "ulimit -u 100", "ulimit -u 12", "ulimit -s 4096"]) {
   test(`a desk with ${limits}`, async () => {
     await desk.stop();

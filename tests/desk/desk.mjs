@@ -1,4 +1,4 @@
-// A desk on a store of its own, and what a client of it needs.
+// A desk on a temporary store, and the requests of a client.
 import assert from "node:assert/strict";
 import { execFile, spawn } from "node:child_process";
 import { once } from "node:events";
@@ -18,9 +18,9 @@ const program = process.env.MIRADO ?? fileURLToPath(new URL("../../build/release
 const running = new Set(); // desks
 
 export class Desk {
-  static hearsCtrlC = true; // at the terminal, as this process does
+  static endsOnCtrlC = true; // at the terminal, like this process
 
-  // On a store that goes with it, in `folder`.
+  // On a temporary store, in `folder`.
   static async start(...options) {
     const desk = await Desk.run([...options, "--temporary"]);
     desk.store = /^The set is kept in (.*);/.exec(desk.lines[1])[1];
@@ -32,12 +32,12 @@ export class Desk {
     return Object.assign(await Desk.run([...options, "--store", store]), { store });
   }
 
-  // Ends what the tests before have left running, as one that failed does. A connection to a desk keeps this process.
+  // Ends the desks that failed tests left running. While one is connected, this process does not exit.
   static stopAll() {
     return Promise.all(Array.from(running, (desk) => desk.stop()));
   }
 
-  // An option that begins with "ulimit" is what the shell does before.
+  // A first option that begins with "ulimit" is a shell command that runs before the desk.
   static async run(options) {
     const desk = new Desk();
     const limits = options[0].startsWith("ulimit") ? [options.shift()] : [];
@@ -45,12 +45,12 @@ export class Desk {
     const run = [program, "desk", "--until-closed", ...port, ...options];
     if (limits.length) {
       run.unshift("bash", "-c", `${limits} && exec "$0" "$@"`);
-      // Root is not bound by a number of processes, and nobody else may enter a folder such as /root.
+      // A limit of processes does not apply to root, and other users need the capability to open files below /root.
       if (process.getuid() === 0) run.unshift("setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
         "--inh-caps=+dac_override", "--ambient-caps=+dac_override", "--");
     }
-    // Its input is closed with this process, however that ends.
-    desk.child = spawn(run[0], run.slice(1), { stdio: ["pipe", "pipe", "inherit"], detached: !Desk.hearsCtrlC });
+    // Its input closes when this process ends, also when it is killed.
+    desk.child = spawn(run[0], run.slice(1), { stdio: ["pipe", "pipe", "inherit"], detached: !Desk.endsOnCtrlC });
     desk.child.stdin.on("error", () => {});
     desk.ended = once(desk.child, "exit");
     running.add(desk);
@@ -72,27 +72,27 @@ export class Desk {
     return desk;
   }
 
-  // Settles with [status, signal] when the desk has ended.
+  // Resolves with [status, signal] when the desk has exited.
   get exit() {
     this.child.ref();
     return this.ended;
   }
 
-  // By a signal, or as the end of this process does it.
+  // Ends the desk by a signal, or by closing its input. Returns the exit status.
   async stop(signal) {
     signal ? this.child.kill(signal) : this.child.stdin.end();
     const [status] = await this.exit;
-    if (this.folder) await rm(this.folder, { recursive: true, force: true }); // one that was killed leaves it
+    if (this.folder) await rm(this.folder, { recursive: true, force: true }); // a killed desk does not remove it
     return status;
   }
 
-  // A subcommand on the desk's store, in a process of its own. Gives what it printed.
+  // Runs a subcommand on the desk's store, in a process of its own. Returns its output.
   async mirado(command, ...args) {
     const { stdout } = await run(program, [command, ...args], { env: { ...process.env, MIRADO_STORE: this.store } });
     return stdout.trim();
   }
 
-  // Gives {status, headers, text, json}; `json` is undefined where the text is none.
+  // Resolves with {status, headers, text, json}; `json` is undefined if the text is not JSON.
   request(method, path, { body, headers = {}, agent = false } = {}) {
     return new Promise((resolve, reject) => {
       const text = body === undefined || typeof body === "string" ? body : JSON.stringify(body);
@@ -105,7 +105,7 @@ export class Desk {
         try {
           answer.json = JSON.parse(answer.text);
         } catch {
-          // The caller looks at the text.
+          // The caller uses the text.
         }
         resolve(answer);
       });
@@ -114,7 +114,7 @@ export class Desk {
     });
   }
 
-  // For calls that must go well.
+  // For requests that must succeed.
   async call(method, path, body) {
     const answer = await this.request(method, path, { body });
     assert(answer.status < 300, `${method} ${path}: ${answer.status} ${answer.text}`);
@@ -125,8 +125,8 @@ export class Desk {
     return this.call("POST", "/api/pages", { grace: 3600, ...description });
   }
 
-  // What a page says; `message` is {send: M}, {post: M} or an array of such.
-  say(page, message) {
+  // Sends messages of a page; `message` is {send: M}, {post: M} or an array of these.
+  send(page, message) {
     return this.request("POST", `/api/pages/${page.id}/messages`, { body: message });
   }
 
@@ -145,7 +145,7 @@ export class Desk {
     return this.follow(`/api/pages/${page.id}/deliveries`, lastEventId);
   }
 
-  // A page's WebSocket. Gives its status and, when that is 101, the way to say and to hear JSON on it.
+  // Opens a page's WebSocket. Resolves with its status and, if that is 101, functions to send and receive JSON.
   async socketOf(page, query = "", headers = "") {
     const socket = await this.dial(`GET /api/pages/${page.id}/socket${query} HTTP/1.1\r\nHost: localhost\r\n${headers}` +
       "Connection: Upgrade\r\nUpgrade: websocket\r\nSec-WebSocket-Version: 13\r\n" +
@@ -153,11 +153,11 @@ export class Desk {
     socket.setEncoding("latin1");
     const frames = framesOf(socket);
     const { value: status } = await frames.next();
-    const say = (said) => socket.write(frameOf(typeof said === "string" ? said : JSON.stringify(said)));
-    return { socket, status, say, hear: async () => (await frames.next()).value };
+    const send = (message) => socket.write(frameOf(typeof message === "string" ? message : JSON.stringify(message)));
+    return { socket, status, send, receive: async () => (await frames.next()).value };
   }
 
-  // A connection for those who speak no good HTTP.
+  // A connection for requests that are not valid HTTP.
   async dial(text) {
     const socket = connect(this.port, "127.0.0.1").setEncoding("utf8");
     socket.on("error", () => {});
@@ -167,14 +167,14 @@ export class Desk {
   }
 }
 
-// Masked with zeros.
+// A text frame whose mask is zero.
 function frameOf(text) {
   const length = Buffer.byteLength(text);
   const head = length < 126 ? [0x81, 0x80 | length] : [0x81, 0xfe, length >> 8, length & 0xff];
   return Buffer.concat([Buffer.from([...head, 0, 0, 0, 0]), Buffer.from(text)]);
 }
 
-// The status, then the content of each text.
+// Yields the status, then the content of each text frame.
 async function* framesOf(socket) {
   let bytes = "";
   let headLength = -1;
@@ -195,7 +195,7 @@ async function* framesOf(socket) {
   }
 }
 
-// Server-sent events, one after the other.
+// A stream of server-sent events.
 class Stream {
   async *parse() {
     let text = "";
@@ -211,7 +211,7 @@ class Stream {
     }
   }
 
-  // The next event of `kind` that `matches`; those before it are passed over.
+  // The next event of `kind` that `matches`; earlier ones are skipped.
   async next(kind, matches = () => true) {
     for (;;) {
       const { value, done } = await this.events.next();
@@ -225,7 +225,7 @@ class Stream {
   }
 }
 
-// A process whose parent has not heard of its end runs no more.
+// False also for a process that has exited and whose parent has not called wait() for it.
 export function isRunning(pid) {
   try {
     return !/\) [ZX] /.test(readFileSync(`/proc/${pid}/stat`, "utf8"));
@@ -234,8 +234,8 @@ export function isRunning(pid) {
   }
 }
 
-// `attempt` gives the milliseconds that it took. A machine may stall for longer than `limit` once; a desk that waits
-// where it must not takes that long each time. An emulated processor is allowed five times as long.
+// `attempt` resolves with its duration in milliseconds. A busy machine may exceed `limit` once; a desk that waits where
+// it must not exceeds it each time. An emulated processor may take five times as long.
 export async function oneOfFiveIsBelow(usual, attempt) {
   const limit = process.env.MIRADO_EMULATED ? usual * 5 : usual;
   const times = [];
@@ -243,7 +243,7 @@ export async function oneOfFiveIsBelow(usual, attempt) {
   assert(times.at(-1) < limit, `milliseconds, of which one must be below ${limit}: ${times}`);
 }
 
-// Returns when a process that is nobody's child here has ended.
+// Returns when a process that is not a child of this one has ended.
 export async function ended(pid) {
   while (isRunning(pid)) await setTimeout(20);
 }

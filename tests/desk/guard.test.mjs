@@ -1,4 +1,4 @@
-// Who may not get in, and what is not understood.
+// Which clients are refused, and which requests are invalid.
 import assert from "node:assert/strict";
 import { once } from "node:events";
 import { chmod, readFile, stat } from "node:fs/promises";
@@ -13,7 +13,7 @@ after(Desk.stopAll);
 
 const statusWith = async (headers, path = "/api/settings") => (await desk.request("GET", path, { headers })).status;
 
-test("answers to loopback names alone", async () => {
+test("answers only requests to loopback names", async () => {
   for (const host of ["localhost", "LocalHost:1", "p3-0a.localhost:8480", "127.0.0.1", "127.9.9.9:80", "[::1]:8480"]) {
     assert.equal(await statusWith({ Host: host }), 200, host);
   }
@@ -33,7 +33,7 @@ const OWN = ["http://localhost:5173", "https://127.0.0.1", "http://p1-f.localhos
 const FOREIGN = ["http://tv.example", "https://tv.example:3000", "http://localhost.tv.example", "file://", "null",
   "http://user@localhost", "localhost", "http://127.0.0.1.nip.example"];
 
-test("lets in the origins of this machine, and others with the token", async () => {
+test("accepts origins of this machine, and others only with the token", async () => {
   const locked = await Desk.startOn(join(desk.folder, "locked"), "--token");
   const { token } = locked;
   assert.equal(token.length, 32);
@@ -54,7 +54,7 @@ test("lets in the origins of this machine, and others with the token", async () 
       assert.equal(answer.headers["access-control-allow-origin"], undefined);
     }
     assert.equal((await desk.socketOf({ id: "p1-0" }, "", `Origin: ${origin}\r\n`)).status, 403, origin);
-    assert.equal(await status(desk, { Origin: origin }, "/desk.js"), 200, "a script that loads can say what is missing");
+    assert.equal(await status(desk, { Origin: origin }, "/desk.js"), 200, "a loaded script can report what is missing");
     const preflight = await locked.request("OPTIONS", `/api/reset?token=${token}`,
       { headers: { "Origin": origin, "Access-Control-Request-Private-Network": "true" } });
     assert.equal(preflight.status, 204);
@@ -71,10 +71,10 @@ test("lets in the origins of this machine, and others with the token", async () 
   assert.equal((await locked.socketOf({ id: "p1-0" })).status, 403);
   assert.equal((await locked.socketOf({ id: "p1-0" }, `?token=${token}`)).status, 404);
   assert.equal(await status(locked, {}, "/desk.js"), 200, "holds no secret");
-  // A name that somebody else can make lead here, such as in a rebinding, stays out whatever it knows.
+  // A name that others can resolve to this machine, as in DNS rebinding, is refused even with the token.
   assert.equal(await status(locked, { Host: "tv.example" }, `/api/settings?token=${token}`), 403);
   await locked.stop();
-  await chmod(file, 0o644); // Others may have read it, so it counts no more.
+  await chmod(file, 0o644); // Other users may have read it, so it is no longer valid.
   const again = await Desk.startOn(locked.store, "--token", "--listen", "127.0.0.2");
   assert.notEqual(again.token, token);
   assert.equal(again.token, (await readFile(file, "utf8")));
@@ -82,7 +82,7 @@ test("lets in the origins of this machine, and others with the token", async () 
   assert.equal(await status(again, { Host: "192.168.1.20:8480" }, `/api/settings?token=${again.token}`), 200);
 });
 
-test("keeps its port to itself in both families", async () => {
+test("uses its port alone, for IPv4 and IPv6", async () => {
   for (const address of ["127.0.0.1", "::1"]) {
     const other = createServer().listen(0, address);
     await once(other, "listening");
@@ -97,10 +97,10 @@ test("keeps its port to itself in both families", async () => {
   overIpv6.destroy();
 });
 
-test("takes JSON of a bounded size and says what is wrong with it", async () => {
+test("accepts JSON up to a size, and names the error in invalid JSON", async () => {
   const put = (body, headers) => desk.request("PUT", "/api/store/db/menu/caption/caption", { body, headers });
   const page = await desk.openPage();
-  const say = (body) => desk.request("POST", `/api/pages/${page.id}/messages`, { body });
+  const send = (body) => desk.request("POST", `/api/pages/${page.id}/messages`, { body });
   const deep = "[".repeat(200) + "]".repeat(200);
   const cases = [
     [put("value=1", { "Content-Type": "application/x-www-form-urlencoded" }), 415],
@@ -116,13 +116,13 @@ test("takes JSON of a bounded size and says what is wrong with it", async () => 
     [put('{"value": 1.5}'), 400],
     [put("{}"), 400],
     [put('{"value": "text"}'), 409, /db\/menu\/caption\/caption/],
-    [say('{"send": 1, "post": 2}'), 400],
-    [say('[{"send": 1}, {"post": 2}]'), 400],
-    [say('{"send": 1, "n": "two"}'), 400],
-    [say('{"hello": 1}'), 400],
-    [say("7"), 400],
-    [say(`{"send": ${"[".repeat(127)}${"]".repeat(127)}}`), 200],
-    [say(`{"send": ${"[".repeat(128)}${"]".repeat(128)}}`), 400],
+    [send('{"send": 1, "post": 2}'), 400],
+    [send('[{"send": 1}, {"post": 2}]'), 400],
+    [send('{"send": 1, "n": "two"}'), 400],
+    [send('{"hello": 1}'), 400],
+    [send("7"), 400],
+    [send(`{"send": ${"[".repeat(127)}${"]".repeat(127)}}`), 200],
+    [send(`{"send": ${"[".repeat(128)}${"]".repeat(128)}}`), 400],
     [desk.request("POST", "/api/pages", { body: '{"grace": 0}' }), 400],
     [desk.request("POST", "/api/pages", { body: '{"colour": "red"}' }), 400],
     [desk.request("POST", "/api/faults", { body: '{"call": "no_such_call", "answer": 1}' }), 400, /vconf_get_int/],
@@ -137,14 +137,14 @@ test("takes JSON of a bounded size and says what is wrong with it", async () => 
   }
 });
 
-test("takes a foreign page's blind request for none of its own", async () => {
+test("refuses requests that a foreign page can send without a preflight", async () => {
   const foreign = { "Host": "p1.localhost", "Sec-Fetch-Site": "cross-site" };
   assert.equal(await statusWith(foreign, "/api/events"), 403);
   assert.equal(await statusWith(foreign, "/desk.js"), 200);
   assert.equal(await statusWith({ ...foreign, Origin: OWN[0] }), 200);
 });
 
-test("knows its routes and serves nothing beside them", async () => {
+test("serves its routes and nothing else", async () => {
   for (const [method, path, status, text = ""] of [
     ["GET", "/api/nothing", 404], ["GET", "/nothing.js", 404], ["GET", "/api/pages/p1-0", 404],
     ["DELETE", "/api/pages/p1-0", 404], ["GET", "/api/store/set/embedder/name", 404],
@@ -167,7 +167,7 @@ test("knows its routes and serves nothing beside them", async () => {
   assert.equal(refused.status, 400);
 });
 
-test("waits for no body where none is announced, and cuts no answer", async () => {
+test("does not wait for a body without a length, and sends complete answers", async () => {
   for (const [line, status] of [["POST /api/reset", 200], ["POST /api/nothing", 404], ["PUT /api/set", 405],
     ["HEAD /api/settings", 200], ["HEAD /api/events", 200]]) {
     await oneOfFiveIsBelow(2500, async () => {
@@ -185,7 +185,7 @@ test("waits for no body where none is announced, and cuts no answer", async () =
   assert((await desk.request("GET", "/api/set", { headers: { Range: "bytes=0-3" } })).json.latency);
 });
 
-test("never takes what is left of a refused request for another one", async () => {
+test("does not read the rest of a refused request as another request", async () => {
   const hidden = "POST /api/reset HTTP/1.1\r\nHost: localhost\r\nContent-Length: 0\r\n\r\n";
   await desk.call("PUT", "/api/store/memory/tv-viewer/bg_executable", { value: 77 });
   for (const first of [

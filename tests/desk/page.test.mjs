@@ -1,4 +1,4 @@
-// Pages, their messages and the life of their processes.
+// Pages, their messages, and the start and end of their processes.
 import assert from "node:assert/strict";
 import { readdirSync } from "node:fs";
 import { writeFile } from "node:fs/promises";
@@ -15,14 +15,14 @@ let desk;
 before(async () => { desk = await Desk.start(); });
 after(Desk.stopAll);
 
-test("a page sends, posts and hears", async () => {
+test("a page sends, posts and receives messages", async () => {
   const page = await desk.openPage({ title: "App", url: "http://localhost/app" });
   assert.equal(page.state, "running");
   const stream = await desk.deliveriesOf(page);
 
-  const { json } = await desk.say(page, { send: VERSION });
+  const { json } = await desk.send(page, { send: VERSION });
   assert.deepEqual(json, { reply: { code: 0, value: "4.0", errorName: "", errorMessage: "" } });
-  assert.deepEqual((await desk.say(page, { post: write(3) })).json, {});
+  assert.deepEqual((await desk.send(page, { post: write(3) })).json, {});
   const { data } = await stream.next("message");
   assert.equal(data.command, "setMenuValue");
   assert.equal(data.code, 0);
@@ -32,11 +32,11 @@ test("a page sends, posts and hears", async () => {
     [["send", 1, undefined], ["reply", 2, 1], ["post", 3, undefined], ["message", 4, 3]]);
   assert(dialogue.every(({ duration }) => duration === undefined || duration > 0));
 
-  await desk.say(page, { send: { command: "registerVconfKeysForCaption", propertyKey: 0 } });
+  await desk.send(page, { send: { command: "registerVconfKeysForCaption", propertyKey: 0 } });
   await desk.call("PATCH", "/api/set", { latency: { getVersion: 500 } });
-  await desk.say(page, { post: VERSION });
+  await desk.send(page, { post: VERSION });
   await desk.call("PUT", `/api/store/${CAPTION}`, { value: 4 });
-  await stream.next("message", (said) => said.command === "getVersion");
+  await stream.next("message", (message) => message.command === "getVersion");
   await desk.call("PATCH", "/api/set", { latency: { getVersion: null } });
   const { dialogue: later } = await desk.call("GET", `/api/pages/${page.id}/dialogue`);
   const answer = ({ body, to }) => to && [body.command, to];
@@ -44,14 +44,14 @@ test("a page sends, posts and hears", async () => {
   stream.close();
 });
 
-test("messages keep their order, and one that is sent again counts once", async () => {
+test("messages keep their order, and one that is sent twice is handled once", async () => {
   const page = await desk.openPage();
   const stream = await desk.deliveriesOf(page);
   const posts = Array.from({ length: 50 }, (_, i) => ({ n: i + 1, post: write(i) }));
-  // The posts' own request may still be on its way when the send that carries them again arrives.
+  // The request that contains the posts may arrive after the one that repeats them with the send.
   const [, { json }] = await Promise.all([
-    desk.say(page, posts.slice(0, 30)),
-    desk.say(page, [...posts, { n: 51, send: READ }]),
+    desk.send(page, posts.slice(0, 30)),
+    desk.send(page, [...posts, { n: 51, send: READ }]),
   ]);
   assert.equal(json.reply.value, 49);
   for (const { post } of posts) assert.equal((await stream.next("message")).data.value, post.value);
@@ -59,35 +59,35 @@ test("messages keep their order, and one that is sent again counts once", async 
   stream.close();
 });
 
-test("a socket acknowledges posts, refuses what is none, and comes back behind the last event", async () => {
+test("a socket acknowledges posts, refuses invalid ones, and continues after the last event", async () => {
   const page = await desk.openPage();
   const first = await desk.socketOf(page);
-  first.say([{ n: 1, post: write(1) }, { n: 2, post: write(2) }, { n: 3, post: write(3) }]);
-  const heard = [await first.hear(), await first.hear(), await first.hear(), await first.hear()];
+  first.send([{ n: 1, post: write(1) }, { n: 2, post: write(2) }, { n: 3, post: write(3) }]);
+  const heard = [await first.receive(), await first.receive(), await first.receive(), await first.receive()];
   assert.deepEqual(heard.filter(({ ack }) => ack), [{ ack: 3 }]);
   assert.deepEqual(heard.filter(({ id }) => id).map(({ id, data }) => [id, data.value]), [[1, 1], [2, 2], [3, 3]]);
-  first.say([{ n: 3, post: write(9) }]);
-  assert.deepEqual(await first.hear(), { ack: 3 }, "known by its number");
+  first.send([{ n: 3, post: write(9) }]);
+  assert.deepEqual(await first.receive(), { ack: 3 }, "known by its number");
   for (const [text, number] of [["{", 0], ['{"n":7,"send":1}', 7], ['{"post":1}', 0], [`{"n":${"9".repeat(30)},"post":1}`, 0]]) {
-    first.say(text);
-    assert.equal((await first.hear()).refused, number, text);
+    first.send(text);
+    assert.equal((await first.receive()).refused, number, text);
   }
   first.socket.destroy();
-  await desk.say(page, { post: write(4) });
+  await desk.send(page, { post: write(4) });
   for (const [after, ids] of [[0, [1, 2, 3, 4]], [3, [4]]]) {
     const again = await desk.socketOf(page, `?after=${after}`);
-    for (const id of ids) assert.equal((await again.hear()).id, id);
+    for (const id of ids) assert.equal((await again.receive()).id, id);
     again.socket.destroy();
   }
   const late = await desk.socketOf(page, "?after=99");
-  assert.deepEqual(await late.hear(), { id: 4, event: "lost", data: { count: 0 } });
+  assert.deepEqual(await late.receive(), { id: 4, event: "lost", data: { count: 0 } });
   late.socket.destroy();
 });
 
-test("events that are not kept any more are told as lost", async () => {
+test("events that are no longer stored are reported as lost", async () => {
   const page = await desk.openPage();
   const posts = Array.from({ length: 1000 }, () => ({ post: READ }));
-  for (let thousands = 0; thousands < 11; ++thousands) assert.equal((await desk.say(page, posts)).status, 200);
+  for (let thousands = 0; thousands < 11; ++thousands) assert.equal((await desk.send(page, posts)).status, 200);
   const all = await desk.deliveriesOf(page);
   await all.next("message", () => all.last === 11_000);
   const late = await desk.deliveriesOf(page, 7);
@@ -103,16 +103,16 @@ test("events that are not kept any more are told as lost", async () => {
   assert.deepEqual([status, /more than the desk keeps/.test(json.error)], [409, true]);
 });
 
-test("says who watches a setting, until they stop, crash or go", async () => {
+test("lists the pages that watch a setting, until they stop, crash or close", async () => {
   const watchers = async () =>
     (await desk.call("GET", "/api/settings")).settings.find(({ path }) => path === CAPTION).watchers;
   const before = await watchers();
   const [one, two] = [await desk.openPage(), await desk.openPage()];
   const events = await desk.follow("/api/events");
   const register = { command: "registerVconfKeysForCaption", propertyKey: 0 };
-  for (const page of [one, two]) await desk.say(page, { send: register });
+  for (const page of [one, two]) await desk.send(page, { send: register });
   assert.deepEqual(await watchers(), [...before, one.number, two.number]);
-  await desk.say(one, { send: { command: "unRegisterVconfKeysForCaption", propertyKey: 0 } });
+  await desk.send(one, { send: { command: "unRegisterVconfKeysForCaption", propertyKey: 0 } });
   assert.deepEqual(await watchers(), [...before, two.number]);
   await desk.call("POST", `/api/pages/${two.id}/kill`);
   await events.next("page", ({ id, state }) => id === two.id && state === "crashed");
@@ -120,27 +120,27 @@ test("says who watches a setting, until they stop, crash or go", async () => {
   events.close();
 });
 
-test("a crash takes one page's plug-in, and lets go who waits for it", async () => {
+test("a crash ends one page's plug-in, and requests that wait for it get an answer", async () => {
   const [victim, other] = [await desk.openPage(), await desk.openPage()];
   const stream = await desk.deliveriesOf(victim);
   const events = await desk.follow("/api/events");
   await desk.call("PATCH", "/api/set", { latency: { getMenuValue: 60_000 } });
-  const waiting = desk.say(victim, { send: READ });
+  const waiting = desk.send(victim, { send: READ });
   await events.next("dialogue", ({ page, kind }) => page === victim.id && kind === "send");
   process.kill(victim.pid, "SIGABRT");
   assert.equal((await waiting).status, 410);
   const { data } = await stream.next("crash");
   assert.equal(data.signal, 6);
   assert.match(data.reason, /SIGABRT/);
-  assert.equal((await desk.say(victim, { post: VERSION })).status, 410);
+  assert.equal((await desk.send(victim, { post: VERSION })).status, 410);
   await desk.call("PATCH", "/api/set", { latency: { getMenuValue: null } });
-  assert.equal((await desk.say(other, { send: READ })).json.reply.code, 0);
+  assert.equal((await desk.send(other, { send: READ })).json.reply.code, 0);
   stream.close();
   events.close();
 });
 
-// Opens a page that is soon given up unless `use` keeps it. On a slow machine it may be gone, which is 404, before it
-// could be used at all: then another has its turn. One that is given up while it is used gets another answer.
+// Opens a page with a short grace, which `use` must prevent from ending. On a slow machine it may end before its first
+// use, with a 404; then the test opens another one. A page that ends during its use gets another answer.
 async function withBriefPage(use) {
   for (let tries = 1; ; ++tries) {
     const page = await desk.openPage({ grace: 1 });
@@ -152,7 +152,7 @@ async function withBriefPage(use) {
   }
 }
 
-test("a page that leaves, or is not heard of any more, takes its process with it", async () => {
+test("a page that leaves, or is silent too long, ends with its process", async () => {
   const [events, departures] = [await desk.follow("/api/events"), await desk.follow("/api/events")];
   const { page: closed, result: stream } = await withBriefPage((page) => desk.deliveriesOf(page));
   const silent = await desk.openPage({ grace: 1 });
@@ -160,11 +160,11 @@ test("a page that leaves, or is not heard of any more, takes its process with it
   await oneOfFiveIsBelow(1500, async () => {
     const left = await desk.openPage();
     gone.set(left.id, left.pid);
-    await desk.say(left, { send: VERSION });
-    process.kill(left.pid, "SIGSTOP"); // no request waits for one that cannot end
+    await desk.send(left, { send: VERSION });
+    process.kill(left.pid, "SIGSTOP"); // no request waits for a process that cannot exit
     const start = performance.now();
     const heard = await desk.deliveriesOf(left);
-    const waiting = desk.say(left, { send: READ });
+    const waiting = desk.send(left, { send: READ });
     await events.next("dialogue",
       ({ page, kind, body }) => page === left.id && kind === "send" && body.propertyKey === 0);
     await desk.call("POST", `/api/pages/${left.id}/leave`);
@@ -183,13 +183,13 @@ test("a page that leaves, or is not heard of any more, takes its process with it
   departures.close();
 });
 
-test("a page that has ended can be read until newer ones take its place, or somebody deletes it", async () => {
+test("a page that has ended can be read until newer ones replace it or it is deleted", async () => {
   const own = await Desk.start();
   const events = await own.follow("/api/events");
   const load = async (title, { recorded = false } = {}) => {
     const page = await own.openPage({ title });
     if (recorded) await own.call("POST", `/api/pages/${page.id}/recording`);
-    await own.say(page, { send: VERSION });
+    await own.send(page, { send: VERSION });
     await own.call("POST", `/api/pages/${page.id}/leave`);
     return (await events.next("gone", ({ id, ended }) => id === page.id && ended)).data.ended;
   };
@@ -217,10 +217,10 @@ test("a page that has ended can be read until newer ones take its place, or some
   await own.stop();
 });
 
-test("a page that waits for a slow reply is not given up", async () => {
+test("a page that waits for a slow reply is not ended", async () => {
   await desk.call("PATCH", "/api/set", { latency: { getVersion: 2500 } });
   const { result } = await withBriefPage(async (page) => {
-    const { status, json } = await desk.say(page, { send: VERSION });
+    const { status, json } = await desk.send(page, { send: VERSION });
     assert.equal(status, 200);
     return json;
   });
@@ -228,50 +228,50 @@ test("a page that waits for a slow reply is not given up", async () => {
   await desk.call("PATCH", "/api/set", { latency: { getVersion: null } });
 });
 
-test("a session that is recorded from the middle on can be replayed", async () => {
+test("a recording that starts in the middle of a session can be replayed", async () => {
   const page = await desk.openPage();
-  await desk.say(page, { send: { command: "registerVconfKeysForCaption", propertyKey: 0 } });
+  await desk.send(page, { send: { command: "registerVconfKeysForCaption", propertyKey: 0 } });
   assert.equal((await desk.request("GET", `/api/pages/${page.id}/recording`)).status, 404);
   await desk.call("POST", `/api/pages/${page.id}/recording`);
   assert.equal((await desk.request("POST", `/api/pages/${page.id}/recording`)).status, 409);
-  await desk.say(page, [{ post: write(2) }, { post: write(-1) }, { post: { command: "nothing" } }, { send: READ }]);
-  await desk.say(page, { send: { command: "showCaption", show: true } });
+  await desk.send(page, [{ post: write(2) }, { post: write(-1) }, { post: { command: "nothing" } }, { send: READ }]);
+  await desk.send(page, { send: { command: "showCaption", show: true } });
   const { text, headers } = await desk.request("GET", `/api/pages/${page.id}/recording`);
   assert.equal(headers["content-type"], "application/jsonl");
   assert.match(text, /MIRADO_EVENT_CAPTION_CHANGED/);
   assert.equal((await desk.call("DELETE", `/api/pages/${page.id}/recording`)).recording.bytes, text.length);
-  await desk.say(page, { send: READ });
+  await desk.send(page, { send: READ });
   assert.equal((await desk.request("GET", `/api/pages/${page.id}/recording`)).text, text, "it has ended");
   const file = join(desk.folder, "session.jsonl");
   await writeFile(file, text);
   assert.match(await desk.mirado("replay", file), /the same/);
 });
 
-test("a recording is bounded, and holds nothing of the one before", async () => {
+test("a recording has a maximum size, and contains nothing of the previous one", async () => {
   const page = await desk.openPage();
   const path = `/api/pages/${page.id}/recording`;
   const long = Array.from({ length: 10 }, () => ({ post: { command: "x".repeat(6000) } }));
-  process.kill(page.pid, "SIGSTOP"); // What the first two hold comes when the third has been started.
+  process.kill(page.pid, "SIGSTOP"); // The output for the first two comes after the third has started.
   for (let times = 0; times < 2; ++times) {
     await desk.call("POST", path);
-    await desk.say(page, long);
+    await desk.send(page, long);
     await desk.call("DELETE", path);
   }
   await desk.call("POST", path);
   process.kill(page.pid, "SIGCONT");
-  await desk.say(page, { send: VERSION });
+  await desk.send(page, { send: VERSION });
   const [first, ...lines] = (await desk.request("GET", path)).text.trim().split("\n").map((line) => JSON.parse(line));
   assert.equal(first.recording, 1);
   assert.deepEqual(lines.map(({ in: asked, out }) => asked ?? out.reply.value), [{ send: VERSION }, "4.0"]);
   const P = () => desk.call("GET", `/api/pages/${page.id}`);
-  while (!(await P()).recording.full) await desk.say(page, [...long, { send: VERSION }]);
+  while (!(await P()).recording.full) await desk.send(page, [...long, { send: VERSION }]);
   const { recording } = await P();
   assert.equal(recording.running, false);
   assert(recording.bytes > 8_000_000 && recording.bytes <= 8 * 1024 * 1024, recording.bytes);
   assert.equal((await desk.call("POST", path)).recording.full, false);
 });
 
-test("the desk starts whatever the set does, but not without a plug-in", async () => {
+test("the desk starts in any state of the set, but not without a plug-in", async () => {
   const fault = { call: "RegisterMessageHandler", path: "*", answer: -1, times: 1 };
   await desk.call("POST", "/api/faults", fault);
   await desk.call("PATCH", "/api/set", { latency: { getVersion: 60_000 } });
@@ -282,10 +282,10 @@ test("the desk starts whatever the set does, but not without a plug-in", async (
   await assert.rejects(desk.mirado("desk", "--port", "0", "--plugin", "/none.so"), { code: 3, stderr: /none\.so: .*open/ });
 });
 
-test("the desk exits at once when no plug-in holds it up, and under nohup not with its terminal", async () => {
+test("the desk exits at once unless a plug-in still runs; under nohup it survives its terminal", async () => {
   const kept = await Desk.start("ulimit -c 0 && trap '' HUP");
   kept.child.kill("SIGHUP");
-  assert.equal((await kept.say(await kept.openPage(), { send: VERSION })).json.reply.value, "4.0");
+  assert.equal((await kept.send(await kept.openPage(), { send: VERSION })).json.reply.value, "4.0");
   assert.equal(await kept.stop(), 0);
   await oneOfFiveIsBelow(1500, async () => {
     const brief = await Desk.start();
@@ -295,7 +295,7 @@ test("the desk exits at once when no plug-in holds it up, and under nohup not wi
   });
 });
 
-test("however the desk ends, no child is left", async () => {
+test("no child process is left after any kind of exit", async () => {
   for (const [signal, status] of [["SIGINT", 0], ["SIGTERM", 0], ["SIGKILL", null]]) {
     const mortal = await Desk.start();
     assert.match(mortal.lines[2], /4\.0/);
@@ -305,8 +305,8 @@ test("however the desk ends, no child is left", async () => {
     const events = await mortal.follow("/api/events");
     await mortal.call("POST", `/api/pages/${crashed.id}/kill`);
     await events.next("page", ({ state }) => state === "crashed");
-    await mortal.say(pages[1], { send: VERSION });
-    process.kill(pages[1].pid, "SIGSTOP"); // one that cannot end on its own
+    await mortal.send(pages[1], { send: VERSION });
+    process.kill(pages[1].pid, "SIGSTOP"); // it cannot exit by itself
     assert.equal(await mortal.stop(signal), status);
     if (signal !== "SIGKILL") {
       assert.equal((await stream.next("crash")).data.reason, "the desk has ended");

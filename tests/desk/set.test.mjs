@@ -32,12 +32,12 @@ test("settings are listed, read, written and removed", async () => {
   assert.equal((await desk.request("DELETE", "/api/store/memory/a%20new/one")).status, 404);
 });
 
-test("changes by anyone are told as they happen", async () => {
+test("changes by every program are reported as events", async () => {
   const events = await desk.follow("/api/events");
   const page = await desk.openPage();
   await desk.mirado("set", CAPTION, "1");
   assert.deepEqual((await events.next("setting")).data, { path: CAPTION, value: 1 });
-  await desk.say(page, { post: { command: "setMenuValue", propertyKey: 0, value: 2 } });
+  await desk.send(page, { post: { command: "setMenuValue", propertyKey: 0, value: 2 } });
   const { id, data } = await events.next("setting");
   assert.deepEqual(data, { path: CAPTION, value: 2 });
   await desk.call("DELETE", `/api/store/${CAPTION}`);
@@ -54,10 +54,10 @@ test("changes by anyone are told as they happen", async () => {
   again.close();
 });
 
-test("a stream that is opened after a change was answered does not begin with it", async () => {
+test("a stream that is opened after the answer to a change does not begin with that change", async () => {
   for (let value = 1; value <= 30; ++value) {
     const body = JSON.stringify({ value });
-    // Both requests at once, so that nothing comes between the answer to the first and the start of the second.
+    // Both requests in one write, so that no other event comes between them.
     const socket = await desk.dial(`PUT /api/store/${CAPTION} HTTP/1.1\r\nHost: localhost\r\nContent-Type: application/json\r\n` +
       `Content-Length: ${body.length}\r\n\r\n${body}GET /api/events HTTP/1.1\r\nHost: localhost\r\n\r\n`);
     let text = "";
@@ -71,14 +71,14 @@ test("a stream that is opened after a change was answered does not begin with it
   }
 });
 
-test("each call that asks for a fault can be given one", async () => {
+test("every call that checks for a fault can be made to fail", async () => {
   const sources = execFileSync("grep", ["-rhoE", "(TakeFault|Answer|Read|Write)\\(\"\\w+", "platform", "desk"],
     { cwd: fileURLToPath(new URL("../..", import.meta.url)), encoding: "utf8" });
   const asked = sources.trim().split("\n").map((call) => call.split('"')[1]);
   assert.deepEqual((await desk.call("GET", "/api/faults")).calls.map(({ name }) => name).sort(), asked.sort());
 });
 
-test("faults answer calls, as often as they are meant to", async () => {
+test("faults replace the results of calls, as often as requested", async () => {
   const page = await desk.openPage();
   const fault = { call: "vconf_get_int", path: CAPTION, answer: -1, times: 2 };
   const events = await desk.follow("/api/events");
@@ -86,7 +86,7 @@ test("faults answer calls, as often as they are meant to", async () => {
   await events.next("set");
   events.close();
   const codes = [];
-  for (let i = 0; i < 3; ++i) codes.push((await desk.say(page, READ)).json.reply.code);
+  for (let i = 0; i < 3; ++i) codes.push((await desk.send(page, READ)).json.reply.code);
   assert.deepEqual(codes, [9999, 9999, 0]);
 
   await desk.call("POST", "/api/faults", { call: "vconf_get_int", answer: -1 });
@@ -96,11 +96,11 @@ test("faults answer calls, as often as they are meant to", async () => {
   assert.deepEqual((await desk.call("DELETE", "/api/faults")).faults, []);
 });
 
-test("the plug-in's log is kept and told, with its parts", async () => {
+test("the plug-in's log is stored and reported, split into its fields", async () => {
   const events = await desk.follow("/api/events");
   const page = await desk.openPage();
   const replies = await desk.follow("/api/events");
-  await desk.say(page, { send: { command: "no such command" } });
+  await desk.send(page, { send: { command: "no such command" } });
   const { id, data } = await events.next("log", ({ text }) => text.includes("Can not handle the command!!"));
   assert(id < (await replies.next("dialogue", ({ kind }) => kind === "reply")).id, "before its reply");
   assert.deepEqual([data.page, data.priority, data.tag, data.logId], [page.id, "E", "QRL_BASE", 0]);
@@ -111,7 +111,7 @@ test("the plug-in's log is kept and told, with its parts", async () => {
 
 test("a store that is damaged while it is open is reported", async () => {
   const other = await Desk.start();
-  // The database first: a damaged "live" alone is made again from it at once.
+  // The database first: a damaged "live" alone is recreated from it at once.
   for (const file of ["keys.db", "live"]) await writeFile(join(other.store, file), "no database".repeat(1000));
   assert.equal((await other.call("GET", "/api/desk")).store.code, "damaged");
 });

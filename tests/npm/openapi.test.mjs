@@ -1,4 +1,4 @@
-// The description of the desk's interface against the desk: its paths, its methods, and the shape of what it answers.
+// Compares the OpenAPI description with the desk: the paths, the methods, and the schemas of the answers.
 import assert from "node:assert/strict";
 import { readFileSync } from "node:fs";
 import { createRequire } from "node:module";
@@ -14,7 +14,7 @@ before(async () => {
   set = await startSet();
   description = await set.call("GET", "/openapi.json");
   ajv = new Ajv({ strict: false, allErrors: true });
-  // A field that the description does not have is wrong here, for others may rely on what they see.
+  // A field that is missing in the description is an error, because clients may rely on it.
   const strict = (key, value) => value?.type === "object" && value.properties && !("additionalProperties" in value) ?
     { ...value, additionalProperties: false } : value;
   ajv.addSchema({ $id: "desk", ...JSON.parse(JSON.stringify(description, strict)) });
@@ -41,7 +41,7 @@ it("has every path of the desk", () => {
   assert.deepEqual(served.filter((end) => !paths.some((path) => path.endsWith(end))), []);
 });
 
-it("has the methods that the desk takes", async () => {
+it("has the methods that the desk accepts", async () => {
   const { id } = await set.openPage();
   for (const path of Object.keys(description.paths)) {
     const method = METHODS.find((one) => !methodsOf(path).includes(one)).toUpperCase();
@@ -52,7 +52,7 @@ it("has the methods that the desk takes", async () => {
   }
 });
 
-it("has the shape of every answer", async () => {
+it("has the schema of every answer", async () => {
   const page = await set.openPage();
   await page.send({ command: "getVersion" });
   await page.post({ command: "setMenuValue" });

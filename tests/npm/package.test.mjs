@@ -1,4 +1,4 @@
-// The packages as a newcomer gets them: packed, installed into an empty folder, with the files of the README.
+// The packages as a new user gets them: packed, installed into an empty folder, with the files of the README.
 import assert from "node:assert/strict";
 import { execFileSync } from "node:child_process";
 import { copyFileSync, mkdtempSync, readFileSync, rmSync, symlinkSync, writeFileSync } from "node:fs";
@@ -26,7 +26,7 @@ const readme = readFileSync(`${root}npm/mirado-desk/README.md`, "utf8");
 const blocks = (language) => Array.from(readme.matchAll(/```(\w+)\n(.*?)```/gs)).filter(([, name]) => name === language)
   .map(([, , text]) => text);
 
-it("the README's tests pass with what is packed alone", () => {
+it("the README's tests pass with only the packed files", () => {
   for (const source of ["page", "npm/mirado-desk"]) run("npm", "pack", "--silent", join(root, source));
   run("npm", "install", "--offline", "--no-audit", "--omit=peer", "--legacy-peer-deps", "./mirado-0.1.0.tgz",
     "./mirado-desk-0.1.0.tgz");
@@ -52,8 +52,8 @@ it("the README's tests pass with what is packed alone", () => {
       await Promise.all([page.waitForEvent("console"), page.evaluate(() => console.error("Mirado: is copied"))]);
     });
     test("stops the last test's set", () => expect(last.describe()).rejects.toThrow("stopped"));`);
-  const said = run("node", "node_modules/@playwright/test/cli.js", "test", "--workers", "1", "--reporter", "line");
-  assert.match(said, /Mirado: is copied[^]*5 passed/);
+  const output = run("node", "node_modules/@playwright/test/cli.js", "test", "--workers", "1", "--reporter", "line");
+  assert.match(output, /Mirado: is copied[^]*5 passed/);
 
   copyFileSync(fileURLToPath(new URL("types.mts", import.meta.url)), join(folder, "types.mts"));
   run("node", `${root}tests/browser/node_modules/typescript/bin/tsc`, "--noEmit", "--strict", "--skipLibCheck",

@@ -1,4 +1,4 @@
-// mirado-desk from a test's side, on real desks.
+// The package mirado-desk, used as by a test, with real desks.
 import assert from "node:assert/strict";
 import { execFileSync, spawnSync } from "node:child_process";
 import { once } from "node:events";
@@ -10,7 +10,7 @@ import { startSet } from "../../npm/mirado-desk/index.js";
 
 process.env.MIRADO ??= new URL("../../build/release/bin/mirado", import.meta.url).pathname;
 
-// What this file's sets leave behind is what is left in here, or runs on it.
+// What the sets of this file leave behind: files in this folder, or processes that use it.
 const folder = process.env.TMPDIR = mkdtempSync(join(tmpdir(), "mirado-npm-"));
 
 let set;
@@ -23,14 +23,14 @@ beforeEach(() => set.reset());
 
 const write = (value) => ({ command: "setMenuValue", propertyKey: 0, value });
 
-it("sees what a page asks and is told, each message once, and waits for what comes", { timeout: 50_000 }, async () => {
+it("records each message of a page and its plug-in once, and waits for later ones", { timeout: 50_000 }, async () => {
   const older = await set.openPage({ url: "http://localhost/older" });
   const page = await set.openPage({ title: "Bühne" });
   assert.equal((await set.pages()).at(-1), page);
   assert.equal((await set.page()).title, "Bühne");
   assert.equal(await set.page({ url: "/older" }), older);
   await older.leave();
-  const forever = { timeout: 60_000 }; // what comes ends the wait, not the time
+  const forever = { timeout: 60_000 }; // a message ends the wait, not the timeout
   const asked = page.asked("setMenuValue", { value: 2 }, forever);
   const told = page.event("CAPTION", forever);
   await page.send({ command: "registerVconfKeysForMirado", propertyKey: 0 });
@@ -59,7 +59,7 @@ it("sees what a page asks and is told, each message once, and waits for what com
   await page.leave();
 });
 
-it("steers the set", async () => {
+it("changes the set", async () => {
   const page = await set.openPage();
   const read = () => page.send({ command: "getMenuValue", propertyKey: 15 });
   await set.settings.set("TTS", true);
@@ -74,7 +74,7 @@ it("steers the set", async () => {
 
   await assert.rejects(set.settings.set("CAPTOIN", 1), /no setting CAPTOIN; the settings are: CAPTION,/);
   await assert.rejects(set.fault("vconf_get_bool", { path: "db/no/key" }), /no setting db/);
-  await set.fault("vconf_notify_key_changed", { path: "CAPTION" }); // only a negative answer is a failure of it
+  await set.fault("vconf_notify_key_changed", { path: "CAPTION" }); // only a negative result is a failure of this call
   await set.clearFaults();
   const list = { path: "primary-audio-language" };
   await set.fault("GetItemDataList", list);
@@ -100,15 +100,15 @@ it("steers the set", async () => {
   await assert.rejects(set.page({ timeout: 50 }), /after 50 ms no page has opened/);
 });
 
-it("says why no set starts", async () => {
+it("reports why a set does not start", async () => {
   await assert.rejects(startSet({ program: "/nowhere/mirado" }), /"\/nowhere\/mirado" did not start: .*ENOENT.*MIRADO/);
   await assert.rejects(startSet({ program: "false" }), /did not start: status 1/);
 });
 
-it("leaves nothing behind, also when many sets run at a time", async (t) => {
-  const all = () => [...readdirSync(folder), // a desk removes its folder as the last thing that it does
+it("leaves no process and no file, also when many sets run at the same time", async (t) => {
+  const all = () => [...readdirSync(folder), // a desk removes its folder last
     ...execFileSync("ps", ["-eo", "pid,args"], { encoding: "utf8" }).split("\n").filter((args) => args.includes(folder))];
-  const before = all(); // also a plug-in that still ends
+  const before = all(); // including plug-ins that are still exiting
   const left = () => all().filter((one) => !before.includes(one));
   let started = 0;
   await Promise.all(Array.from({ length: 16 }, async () => {
@@ -134,11 +134,11 @@ it("leaves nothing behind, also when many sets run at a time", async (t) => {
   }
 });
 
-it("ends what is pending when it is stopped", { timeout: 30_000 }, async () => {
-  const one = await startSet({ timeout: 600_000 }); // the stop ends the waits, not the time
+it("rejects pending waits when it is stopped", { timeout: 30_000 }, async () => {
+  const one = await startSet({ timeout: 600_000 }); // the stop ends the waits, not the timeout
   const page = await one.openPage();
   const waiting = [page.event("CAPTION"), one.settings.becomes("CAPTION", 1), one.page({ url: "none" })];
-  for (let turn = 0; turn < 5; ++turn) await one.settings.get("CAPTION"); // by now they wait for events
+  for (let turn = 0; turn < 5; ++turn) await one.settings.get("CAPTION"); // after this the waits are pending
   await Promise.all([one.stop(), ...waiting.map((wait) => assert.rejects(wait, /has been stopped/))]);
   await assert.rejects(one.describe(), /has been stopped/);
 });

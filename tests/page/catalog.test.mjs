@@ -1,4 +1,4 @@
-// What the catalog says, against the plug-in itself; what is generated from it, against the files that are checked in.
+// Compares the catalog with the plug-in, and the files generated from it with those in the repository.
 import assert from "node:assert/strict";
 import { execFileSync, spawnSync } from "node:child_process";
 import { cpSync, mkdtempSync, readFileSync, rmSync, writeFileSync } from "node:fs";
@@ -13,13 +13,14 @@ const catalog = JSON.parse(readFileSync(`${root}desk/set/catalog.json`, "utf8"))
 const folder = mkdtempSync(join(tmpdir(), "mirado-catalog-"));
 after(() => rmSync(folder, { recursive: true }));
 
-// What the plug-in replies to `lines`, and what it delivers.
+// The plug-in's replies to `lines`, and its messages.
 function host(lines) {
   const { stdout, status } = spawnSync(program, ["host", "--store", join(folder, "store")], {
     input: lines.map((line) => `${JSON.stringify(line)}\n`).join(""), encoding: "utf8" });
   assert.equal(status, 0);
-  const said = stdout.trim().split("\n").map((line) => JSON.parse(line));
-  return { replies: said.flatMap(({ reply }) => reply ?? []), messages: said.flatMap(({ message }) => message ?? []) };
+  const output = stdout.trim().split("\n").map((line) => JSON.parse(line));
+  return { replies: output.flatMap(({ reply }) => reply ?? []),
+    messages: output.flatMap(({ message }) => message ?? []) };
 }
 
 it("names every setting of the plug-in by its key, name and path", () => {
@@ -71,7 +72,7 @@ it("names the speeds, the errors and the privilege of the plug-in", () => {
     Object.fromEntries(Object.entries(catalog.errors).map(([code, { name }]) => [code, name])));
 });
 
-it("agrees with what is generated from it, and the generator names a mistake", () => {
+it("matches the generated files, and the generator names a mistake", () => {
   execFileSync(`${root}script/generate`, ["--check"], { stdio: "pipe" });
   const copy = join(folder, "copy");
   for (const part of ["script/generate", "desk/set", "page", "docs/page-api.md", "npm/mirado-desk/index.d.ts"]) {

@@ -1,5 +1,5 @@
 // The tests of the client library, in ECMAScript 5, so that an engine which knows no more runs them too. `mirado` and
-// `other` are two copies of the library; `test` takes a name and a function, which may give a promise.
+// `other` are two copies of the library; `test` takes a name and a function, which may return a promise.
 function clientSuite(mirado, other, test) {
   "use strict";
 
@@ -8,7 +8,7 @@ function clientSuite(mirado, other, test) {
       if (actual !== expected) throw new Error(text || String(actual) + " is not " + String(expected));
     },
     same: function (actual, expected) { assert.equal(JSON.stringify(actual), JSON.stringify(expected)); },
-    // Gives a promise of the error with which a call or a promise fails.
+    // Returns a promise of the error with which a call or a promise fails.
     fails: function (action) {
       var promise = typeof action === "function" ? new Promise(function (resolve) { resolve(action()); }) : action;
       return promise.then(function () { throw new Error("it did not fail"); }, function (error) { return error; });
@@ -73,7 +73,7 @@ function clientSuite(mirado, other, test) {
     });
   });
 
-  connectedTest("a refusal is thrown as the plug-in worded it, blanks included", function () {
+  connectedTest("an error has the exact text of the plug-in, including blanks", function () {
     element.answer = function () { return storeFailed("getMiradoValue fail "); };
     return assert.fails(function () { client.getMiradoValue(0); }).then(function (error) {
       assert.equal(error instanceof mirado.MiradoError && error instanceof Error, true);
@@ -82,7 +82,7 @@ function clientSuite(mirado, other, test) {
     });
   });
 
-  connectedTest("mistakes of the page are told to the page and never reach the plug-in", function () {
+  connectedTest("invalid arguments throw in the page and never reach the plug-in", function () {
     function take() {}
     return Promise.all([
       [function () { client.getMenuValue("0"); }, /^propertyKey must be a 32-bit integer, not "0"\.$/],
@@ -109,11 +109,11 @@ function clientSuite(mirado, other, test) {
     });
   });
 
-  connectedTest("each write gets its own reply, whatever else is delivered in between", function () {
+  connectedTest("each write gets its own reply, also with other deliveries in between", function () {
     var writes = [client.setMenuValue(2, 5), client.setMenuValue(14, 1), client.setMenuValue(3, 6)];
     assert.same(element.posted[0], { command: "setMenuValue", propertyKey: 2, value: 5 });
     element.deliver(
-      { code: 26, value: null, command: "" },         // Somebody posted a malformed message,
+      { code: 26, value: null, command: "" },         // For a malformed message that the page posted,
       { code: 9, value: "", command: "getVersion" },  // and a command that cannot be posted.
       { code: 0, value: 2, event: "MIRADO_EVENT_CAPTION_CHANGED" }, "some text", null, 7, written(261),
       { code: 9, value: null, errorName: "NotSupportedError", errorMessage: "no", command: "setMenuValue" },
@@ -123,7 +123,7 @@ function clientSuite(mirado, other, test) {
     });
   });
 
-  connectedTest("a write that cannot be posted is rejected and waits for no reply", function () {
+  connectedTest("a write that cannot be posted is rejected at once", function () {
     element.postMessage = function () { throw new TypeError("not clonable"); };
     return assert.fails(client.setMenuValue(2, 5)).then(function (error) {
       assert.equal(error.message, "not clonable");
@@ -178,7 +178,7 @@ function clientSuite(mirado, other, test) {
         element.changed(0);
         unsubscribe();
         assert.equal(told, 0);
-        var next = mirado.connect(element);  // Somebody gave the element another plug-in.
+        var next = mirado.connect(element);  // The element has another plug-in.
         assert.equal(next !== client, true);
         delete element.answer;
         var again = next.setMenuValue(0, 1);
@@ -188,7 +188,7 @@ function clientSuite(mirado, other, test) {
     });
   });
 
-  test("the cause is told, to those who connect when it is too late to hear of it, too", function () {
+  test("the cause is reported, also to a connection made after the crash event", function () {
     var cases = [
       [undefined, "The plug-in has crashed."],
       [{ status: null, signal: 9, reason: "killed by SIGKILL" }, "The plug-in has crashed: killed by SIGKILL."],
@@ -214,7 +214,7 @@ function clientSuite(mirado, other, test) {
     }));
   });
 
-  connectedTest("no write is posted to a plug-in that was gone before anybody listened", function () {
+  connectedTest("no write is posted to a plug-in that ended before the first listener", function () {
     element.answer = function () { return undefined; };
     return assert.fails(client.setMenuValue(0, 1)).then(function (error) {
       assert.equal(error.name, "PluginGoneError");
@@ -234,7 +234,7 @@ function clientSuite(mirado, other, test) {
     element.changed(14);
     element.changed(15);
     second();
-    element.changed(14); // Was on its way when the key was unregistered.
+    element.changed(14); // It was sent before the key was unregistered.
     third();
     assert.same(heard, [14, 14, 14, "third 15"]);
     assert.same(element.commands(), [
@@ -243,7 +243,7 @@ function clientSuite(mirado, other, test) {
     ]);
   });
 
-  connectedTest("the two key spaces are kept apart", function () {
+  connectedTest("keys of the two tables are independent", function () {
     var heard = [];
     var menu = client.onCaptionChanged(0, function () { heard.push("menu"); });
     client.onChanged(0, function () { heard.push("mirado"); });
@@ -256,7 +256,7 @@ function clientSuite(mirado, other, test) {
       "registerVconfKeysForCaption 0", "registerVconfKeysForMirado 0", "unRegisterVconfKeysForCaption 0"]);
   });
 
-  connectedTest("subscriptions stay as they should when the plug-in refuses", function () {
+  connectedTest("subscriptions stay correct if the plug-in refuses a request", function () {
     var heard = 0;
     function listener() { ++heard; }
     function refuse(request) { return storeFailed(request.command + " failed"); }
@@ -311,7 +311,7 @@ function clientSuite(mirado, other, test) {
     });
   });
 
-  test("a connection is kept: another element takes the place of one whose plug-in went", function () {
+  test("a connection continues: a new element replaces one whose plug-in has ended", function () {
     return withTimers(function (timers) {
       var used = [];
       var now = 0;

@@ -1,5 +1,5 @@
-// What an engine of generation 47 loads, against what it knows: the language by parsing, the platform by the table in
-// docs/engines.md.
+// Checks that an engine of generation 47 supports all scripts that it loads: the language by parsing them, the names by
+// the table in docs/engines.md.
 import assert from "node:assert/strict";
 import { readFileSync } from "node:fs";
 import { createRequire } from "node:module";
@@ -13,27 +13,27 @@ const acorn = require("acorn");
 const walk = require("acorn-walk");
 const terser = require("terser");
 const GENERATION = 47;
-// What it loads, and the edition of ECMAScript that each file keeps to.
+// The files that it loads, and the edition of ECMAScript of each.
 const FILES = { "page/mirado.classic.js": 5, "desk/web/desk.js": 2015, "examples/app/film.js": 2015, "examples/app/app.js": 2015 };
 
 const text = (file) => readFileSync(root + file, "utf8");
 const known = new Map(Array.from(text("docs/engines.md").matchAll(/^\| `(\w+)` \|.*\| (\d+) \|$/gm),
   ([, name, since]) => [name, Number(since)]));
 
-// Names of ECMAScript 5, and of what the plug-in and the desk say.
+// Names of ECMAScript 5, and of the messages of the plug-in and the desk.
 const USUAL = new Set(("Object String Number Array Date Math JSON Error TypeError create freeze defineProperty keys " +
   "hasOwnProperty now min max floor abs pow sin cos PI splice forEach map filter some every join concat replace test exec split substring " +
   "push pop shift slice indexOf length parse stringify apply call bind toLowerCase charAt message stack name " +
   "ack refused count miradoDesk errorMessage errorName code signal status reason data detail postMessage postMessageAndAwaitResponse pluginGone"
 ).split(" "));
 
-// What ECMAScript 2015 has and the generation has not.
+// The parts of ECMAScript 2015 that the generation lacks.
 const MISSING = {
   AssignmentPattern: "a default value", ArrayPattern: "destructuring", ObjectPattern: "destructuring",
   ImportDeclaration: "modules", ExportNamedDeclaration: "modules",
 };
 
-// The names that a script uses and the names that it defines, wherever it does.
+// The names that a script uses, and those that it defines in any scope.
 function namesOf(tree) {
   const own = [];
   const used = new Set();
@@ -46,15 +46,15 @@ function namesOf(tree) {
     if (node.type === "CatchClause") declare(node.param);
     if (node.key && !node.computed) own.push(node.key.name || node.key.value);
     const assigned = node.type === "AssignmentExpression" && node.left.property;
-    if (assigned && !/^on/.test(assigned.name)) declare(assigned); // but an event's handler is the platform's
-    if (node.operator === "typeof") declare(node.argument); // asked for, not relied on
+    if (assigned && !/^on/.test(assigned.name)) declare(assigned); // but event handlers are names of the platform
+    if (node.operator === "typeof") declare(node.argument); // tested for, not relied on
     if (node.type === "MemberExpression" && !node.computed) used.add(node.property.name);
     if (node.type === "Identifier") used.add(node.name);
   });
   return { own, used };
 }
 
-it(`generation ${GENERATION} knows the language and all names of what it loads`, () => {
+it(`generation ${GENERATION} supports the language and all names of the scripts that it loads`, () => {
   const own = new Set(["arguments", "undefined", ...USUAL]);
   const used = new Map();
   for (const [file, ecmaVersion] of Object.entries(FILES)) {
@@ -62,7 +62,7 @@ it(`generation ${GENERATION} knows the language and all names of what it loads`,
     const names = namesOf(tree);
     names.own.forEach((name) => own.add(name));
     names.used.forEach((name) => used.set(name, file));
-    // Without it that engine takes no let, const and class.
+    // That engine needs strict mode for let, const and class.
     const scope = tree.body[0].expression?.callee?.body?.body ?? tree.body;
     assert.ok(ecmaVersion === 5 || scope[0].directive === "use strict", `${file} must begin with "use strict"`);
   }

@@ -1,5 +1,5 @@
-// One suite for the fake plug-in and the real one: in each state of the set both get the same messages, and must reply
-// and deliver the same.
+// In each state of the set the fake plug-in and the real one get the same messages, and must send the same replies and
+// deliveries.
 import assert from "node:assert/strict";
 import { execFileSync } from "node:child_process";
 import { mkdtempSync, readFileSync, rmSync } from "node:fs";
@@ -28,7 +28,7 @@ const messages = [
   ...commands.flatMap((command) => keys.flatMap((key) => [
     { send: { command, propertyKey: key, show: key, status: key } },
     { post: { command, propertyKey: key, value: 3 } }])),
-  // By now every setting has been watched and is not any more.
+  // At this point every setting has been watched and unwatched.
   ...["menu", "mirado"].flatMap((table) => catalog.settings.filter((setting) => setting.table === table)
     .map(({ key }) => ({ send: { command: catalog.tables[table].watch, propertyKey: key } }))),
   ...keys.flatMap((propertyKey) => values.map((value) => ({ post: { command: "setMenuValue", propertyKey, value } }))),
@@ -41,10 +41,10 @@ const messages = [
 
 const [sent, posted] = ["send", "post"].map((name) => messages.filter((message) => message[name] !== undefined));
 
-// Replies, events and answers to posts; how these three lie between each other is not fixed.
-function sorted(said) {
-  const delivered = said.flatMap(({ message }) => message ?? []).filter((message) => message !== "Unregister");
-  return { replies: said.flatMap(({ reply }) => reply ?? []),
+// Replies, events and deliveries for posts; only the order within each kind is fixed.
+function sorted(lines) {
+  const delivered = lines.flatMap(({ message }) => message ?? []).filter((message) => message !== "Unregister");
+  return { replies: lines.flatMap(({ reply }) => reply ?? []),
     events: delivered.filter(({ event }) => event !== undefined),
     answers: delivered.filter(({ command }) => command !== undefined) };
 }
@@ -59,15 +59,15 @@ function real(words) {
 async function fake(prepare) {
   const plugin = fakePlugin();
   prepare(plugin);
-  const said = [];
-  plugin.addEventListener("message", ({ data }) => said.push({ message: data }));
+  const lines = [];
+  plugin.addEventListener("message", ({ data }) => lines.push({ message: data }));
   for (const { send, post, set } of messages) {
-    if (send !== undefined) said.push({ reply: plugin.postMessageAndAwaitResponse(send) });
+    if (send !== undefined) lines.push({ reply: plugin.postMessageAndAwaitResponse(send) });
     else if (post !== undefined) plugin.postMessage(post);
     else if (set) for (const [path, value] of Object.entries(set)) plugin.settings.set(nameOf(path), value);
     else await plugin.settle();
   }
-  return sorted(said);
+  return sorted(lines);
 }
 const nameOf = (wanted) => catalog.settings.find(({ path }) => path === wanted).name;
 
@@ -91,7 +91,7 @@ const states = {
     ({ set }) => { set.fails.watch = true; }],
 };
 for (const [name, [words, prepare]] of Object.entries(states)) {
-  it(`is one plug-in on a set ${name}`, async () => {
+  it(`equals the real plug-in on a set ${name}`, async () => {
     const expected = real(words);
     const got = await fake(prepare);
     assert.ok(expected.replies.length > 300 && expected.answers.length > 600);
@@ -104,7 +104,7 @@ for (const [name, [words, prepare]] of Object.entries(states)) {
   });
 }
 
-it("can be steered and seen by a page's tests", async () => {
+it("lets a page's tests set its state and read its calls", async () => {
   const plugin = fakePlugin();
   const heard = [];
   for (const type of ["message", "crash"]) plugin.addEventListener(type, () => heard.push(type));

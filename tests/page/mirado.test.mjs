@@ -1,4 +1,4 @@
-// The client library: as a module and as a classic script, in this engine and in one for ECMAScript 5.
+// The client library, as a module and as a classic script, in this engine and in one for ECMAScript 5.
 import assert from "node:assert/strict";
 import { execFileSync } from "node:child_process";
 import { mkdtempSync, readFileSync, rmSync, writeFileSync } from "node:fs";
@@ -26,7 +26,7 @@ it("runs in an engine for ECMAScript 5", () => {
   const promises = require.resolve("promise-polyfill/dist/polyfill");
   const folder = mkdtempSync(join(tmpdir(), "mirado-engine-"));
   writeFileSync(join(folder, "all.js"), `
-    var self = this; // where promise-polyfill puts Promise
+    var self = this; // promise-polyfill defines Promise on it
     var queue = [];
     setTimeout = function (call) { queue.push(call); };
     ${readFileSync(promises, "utf8")}
@@ -38,8 +38,8 @@ it("runs in an engine for ECMAScript 5", () => {
       return before.then(one[1]).then(function () { print("ok"); }, function (error) { print(one[0], error.stack); });
     }, Promise.resolve());
     while (queue.length) queue.shift()();`);
-  const said = execFileSync("duk", [join(folder, "all.js")], { encoding: "utf8" });
+  const output = execFileSync("duk", [join(folder, "all.js")], { encoding: "utf8" });
   rmSync(folder, { recursive: true });
-  const tests = suite.match(/^ +(connectedTest|test)\("/gm).length + 3; // one of them stands for four
-  assert.equal(said, "ok\n".repeat(tests));
+  const tests = suite.match(/^ +(connectedTest|test)\("/gm).length + 3; // one of them runs four times
+  assert.equal(output, "ok\n".repeat(tests));
 });

@@ -14,7 +14,7 @@ after(() => rmSync(folder, { recursive: true }));
 
 const run = (program, ...args) => execFileSync(program, args, { cwd: folder, encoding: "utf8" });
 
-// One test, for each step stands on the one before.
+// One test, because each step needs the one before.
 it("packs, installs, imports and type-checks outside of its folder", async () => {
   const [packed] = JSON.parse(run("npm", "pack", "--json", packageFolder));
   assert.deepEqual(packed.files.map(({ path }) => path).sort(),
