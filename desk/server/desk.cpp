@@ -287,6 +287,7 @@ void Desk::End() {
   if (std::exchange(ending_, true)) {
     return;
   }
+  events.Add("end", MakeText("{}"));
   listener_.Close();
   signals_.cancel();
   input_.close();

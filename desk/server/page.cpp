@@ -228,7 +228,9 @@ void Page::OnEnd(int wait_status) {
   ReleaseWaiting();
   if (!leaving_) {
     crashed_ = true;
-    const std::string end = ToText(DescribeEnd(wait_status, LastLog(1)));
+    crash_ = DescribeEnd(wait_status, LastLog(1));
+    const std::string end = ToText(crash_);
+    crash_["time"] = NowInMilliseconds();
     AddToDialogue("crash", end);
     SendPageEvent();
     deliveries_.Add("crash", MakeText(end));
@@ -306,6 +308,7 @@ Json Page::Describe() const {
   }
   if (crashed_) {
     json["lastLog"] = LastLog(kLastLines);
+    json["crash"] = crash_;
   }
   return json;
 }

@@ -181,6 +181,7 @@ class Page final : private HostProcess::Listener {
   bool leaving_ = false;
   bool ended_ = false;
   bool crashed_ = false;  // its process ended before the page left
+  Json crash_;            // how and when, if it crashed
   boost::asio::steady_timer abandon_timer_;
   std::shared_ptr<HostProcess> host_;
   const int pid_;
