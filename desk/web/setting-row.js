@@ -26,6 +26,7 @@ export class SettingRow {
     this.path = setting.path;
     this.value = undefined;
     this.watchers = [];
+    this.written = []; // values from here, in their order, that the desk has not told of yet
     this.name = make("button", { type: "button", className: "name", "aria-expanded": "false", title: "Everything about this key",
       onclick: () => this.toggleDetails() }, setting.label ?? setting.path);
     this.meaning = make("span", { className: "meaning" });
@@ -47,15 +48,32 @@ export class SettingRow {
   show(value) {
     const type = value === undefined ? "missing" : value === null ? "unknown" : typeOf(value);
     if (type !== this.type) this.replaceField(type);
-    else if (value === this.value) return;
+    else if (value === this.value && (this.written.length || this.shown === value)) return;
     this.value = value;
-    this.field?.show(value);
+    if (!this.written.length) this.showInField(value);
     this.showMeaning();
+  }
+
+  showInField(value) {
+    this.shown = value;
+    this.field?.show(value);
+  }
+
+  /** The desk tells of `value`. While later ones from here are on their way, the field stays as it was left. */
+  hear(value) {
+    const at = this.written.indexOf(value);
+    this.written.splice(0, at < 0 ? this.written.length : at + 1);
+  }
+
+  /** All values have been read anew. */
+  forgetWritten() {
+    this.written = [];
   }
 
   replaceField(type) {
     const hadFocus = this.valueBox.contains(document.activeElement);
     this.type = type;
+    this.written = [];
     this.field = makeField(type, this.label, {
       write: (value) => this.write(value),
       refuse: (text) => showInvalid(this.field.input, this.error, text),
@@ -80,7 +98,11 @@ export class SettingRow {
   }
 
   async write(value) {
-    if (!await attempt(`store ${this.path}`, () => api.put(api.keyAddress(this.path), { value }))) this.field?.show(this.value);
+    if (value !== this.shown) this.written.push(value);
+    this.shown = value;
+    if (await attempt(`store ${this.path}`, () => api.put(api.keyAddress(this.path), { value }))) return;
+    this.written = [];
+    this.showInField(this.value);
   }
 
   showWatchers(pages) {
@@ -117,7 +139,8 @@ export class SettingRow {
       this.details = this.watcherList = null;
       return;
     }
-    const { name, key, initial, watchOnly } = this.setting;
+    const { name, key, initial, watchOnly, values } = this.setting;
+    const known = values?.speeds ? Object.entries(state.catalog.speeds).map(([speed, { from }]) => [from, speed]) : meaningsOf(this.setting);
     const fact = (term, ...content) => [make("dt", {}, term), make("dd", {}, ...content)];
     const copy = make("button", { type: "button", onclick: () => copyFrom(copy, this.path) }, "Copy");
     this.watcherList = make("dd");
@@ -126,6 +149,8 @@ export class SettingRow {
         ...name ? fact("Constant", make("code", {}, name), ` (${key})`) : [],
         ...fact("Path", make("code", {}, this.path), " ", copy),
         ...name ? fact("Initial value", String(initial)) : [],
+        ...known.length ? [make("dt", {}, "Values"), make("dd", { className: "buttons" }, ...known.map(([value, meaning]) =>
+          make("button", { type: "button", onclick: () => this.write(typeof this.value === "boolean" ? value === 1 : value) }, `${value} ${meaning}`)))] : [],
         ...name ? [make("dt", {}, "Watched by"), this.watcherList] : []),
       ...watchOnly ? [make("p", { className: "note" }, "A page can watch this key, but cannot read or set it.")] : [],
       make("div", { className: "buttons" },
@@ -152,10 +177,11 @@ export class SettingRow {
   }
 
   /** Whether the row matches all `words` (lower case): a number must equal the key's number or be part of its path; any
-   *  other word must be part of the name, label, group or path. */
+   *  other word must be part of the name, label, group, path or a value's name. */
   matches(words) {
     const { name = "", label = "", group = "", key } = this.setting;
-    const known = `${name} ${name.replaceAll("_", " ")} ${label} ${group} ${this.path}`.toLowerCase();
+    const meanings = [...new Set(meaningsOf(this.setting).map(([, meaning]) => meaning))].join(" ");
+    const known = `${name} ${name.replaceAll("_", " ")} ${label} ${group} ${this.path} ${meanings}`.toLowerCase();
     const has = (word) => /^\d+$/.test(word) ? String(key) === word || this.path.includes(word) : known.includes(word);
     return words.every(has);
   }

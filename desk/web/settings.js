@@ -40,6 +40,7 @@ function rowOf(path) {
 /** A key has another value; null if it was removed. */
 export function changeSetting({ path, value }) {
   read?.set(path, value);
+  rows.get(path)?.hear(value);
   if (!state.values) return;
   if (value === null) state.values.delete(path);
   else state.values.set(path, value);
@@ -58,6 +59,7 @@ export async function load() {
       else values.set(path, value);
     }
     state.values = values;
+    for (const row of rows.values()) row.forgetWritten();
     changed("values");
   });
   read = null;

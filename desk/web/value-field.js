@@ -32,6 +32,7 @@ class TypedField {
   restore() {
     this.editing = false;
     this.show(this.value);
+    this.input.scrollTop = 0; // a long text begins at its beginning
     this.refuse("");
   }
 
@@ -68,8 +69,9 @@ class IntField extends TypedField {
   /** The numbers that the arrow keys step through, in order; if there are none, they step through all numbers. */
   offer(known) {
     this.known = known;
-    this.less.disabled = this.next(this.value, -1) === undefined;
-    this.more.disabled = this.next(this.value, 1) === undefined;
+    // Not disabled: a button that is loses the focus.
+    this.less.ariaDisabled = String(this.next(this.value, -1) === undefined);
+    this.more.ariaDisabled = String(this.next(this.value, 1) === undefined);
   }
 
   show(value) {
@@ -89,8 +91,9 @@ class IntField extends TypedField {
 
   read() {
     const text = this.input.value.trim();
-    if (INT.test(text) && isInt32(Number(text))) return Number(text);
-    this.refuse("A whole number of 32 bits is needed.");
+    const isWhole = INT.test(text);
+    if (isWhole && isInt32(Number(text))) return Number(text);
+    this.refuse(isWhole ? "The number must be from -2147483648 to 2147483647." : `A whole number is needed, such as ${this.known.at(-1) ?? 1}.`);
     return undefined;
   }
 
