@@ -2,7 +2,7 @@
 import * as api from "./api.js";
 import { ask } from "./ask.js";
 import { attempt } from "./banner.js";
-import { byId, make } from "./dom.js";
+import { byId, make, showInvalid } from "./dom.js";
 import { readSet } from "./set-state.js";
 import { changed, observe, state } from "./state.js";
 
@@ -36,6 +36,9 @@ observe(["scenarios"], () => {
 byId("scenario-form").onsubmit = async (event) => {
   event.preventDefault();
   const name = byId("scenario-name").value.trim();
+  const good = /^[A-Za-z0-9._-]+$/.test(name);
+  showInvalid(byId("scenario-name"), byId("scenario-error"), good ? "" : "A name has letters, digits, dots, underscores and hyphens, and no spaces.");
+  if (!good) return byId("scenario-name").focus();
   if (state.scenarios.some((each) => each.name === name) &&
       !await ask(`Replace the scenario ${name}?`, "What was saved under this name is lost.", "Replace it")) return;
   await act(() => api.put(addressOf(name), {}));
