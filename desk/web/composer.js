@@ -4,7 +4,7 @@ import { attempt } from "./banner.js";
 import { byId, fillSelect, make, showInvalid } from "./dom.js";
 import { failuresOf } from "./failures.js";
 import { readSet } from "./set-state.js";
-import { changed, listeningPage, observe, selectedPage, settingOf, shortName, state } from "./state.js";
+import { changed, listeningPage, observe, settingOf, shortName, state } from "./state.js";
 import { describeReply, describeRequest } from "./words.js";
 
 const MAX_HISTORY = 100;
@@ -193,5 +193,4 @@ observe(["pages", "selected", "linked"], () => {
     awaitsFocus = false;
     queueMicrotask(() => message.focus()); // after everything is shown: a hidden field cannot get the focus
   }
-  byId("composer-page").textContent = selectedPage() || !state.linked ? "" : "Choose a page to send it messages.";
 });

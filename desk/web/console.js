@@ -58,16 +58,25 @@ export function restartConsole(id) {
   return openConsole();
 }
 
-/** Closes a page, or deletes one that has ended. */
-export async function closePage({ id }) {
-  await attempt("page", () => remove(`/api/pages/${id}`));
+/** The page with this id was closed, here or elsewhere; if it was a console of this window, it does not come back. */
+export function forgetConsole(id) {
+  if (!isConsole(id)) return;
   removeElement(elementOf(id));
   remember();
 }
 
+/** Closes a page, or deletes one that has ended. True on success. */
+export async function closePage({ id }) {
+  const good = await attempt("page", () => remove(`/api/pages/${id}`));
+  if (good) forgetConsole(id);
+  return good;
+}
+
 /** Opens the consoles again that were open before this page was reloaded, or before the desk ended. */
 export async function reopenConsoles() {
+  const page = selectedPage();
+  const wasChosen = elements.size ? Boolean(page) && isConsole(page.id) : !page || page.url === location.href;
   for (const element of elements) if (!state.pages.get(element.dataset.page)?.open) removeElement(element);
   const missing = Number(sessionStorage.getItem("consoles")) - elements.size;
-  for (let count = 0; count < missing; ++count) await openConsole({ choose: !selectedPage()?.open });
+  for (let count = 0; count < missing; ++count) await openConsole({ choose: wasChosen && !selectedPage()?.open });
 }

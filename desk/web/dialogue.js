@@ -1,9 +1,9 @@
 // The dialogue of the chosen page, or of all.
-import { byId, copyFrom, fillSelect, moveWithArrows } from "./dom.js";
+import { byId, copyFrom, fillSelect, moveWithArrows, setText } from "./dom.js";
 import { Exchange } from "./exchange.js";
 import { History } from "./history.js";
 import { MAX_ROWS, Rows } from "./rows.js";
-import { numberOf, observe, shortName, state } from "./state.js";
+import { listeningPage, numberOf, observe, settingAt, shortName, state } from "./state.js";
 
 const exchanges = new Map(); // by page and number of the entry that opened the row, oldest first
 
@@ -12,10 +12,13 @@ let filter = seen();
 const rows = new Rows(byId("dialogue"),
   { label: "Messages", passes: (exchange) => exchange.passes(filter), empty: "No messages yet." });
 
+const heard = new Set(); // pages that have had an event
+
 const keyOf = (page, n) => `${page} ${n}`;
 
 function append(entries) {
   const made = [];
+  for (const { kind, page } of entries) if (kind === "message") heard.add(page);
   for (const entry of entries) {
     const request = entry.to === undefined ? null : exchanges.get(keyOf(entry.page, entry.to));
     if (request) {
@@ -28,6 +31,7 @@ function append(entries) {
     if (exchanges.size > MAX_ROWS) exchanges.delete(exchanges.keys().next().value);
   }
   rows.append(made);
+  showHint();
 }
 
 function clear() {
@@ -38,6 +42,15 @@ function clear() {
 const history = new History("dialogue", { append, restart: clear });
 export const addEntry = (entry) => history.add(entry);
 export const load = () => history.load();
+
+// What to do next, until a page that watches a setting has heard of its first change.
+function showHint() {
+  const page = listeningPage();
+  const watched = page?.watches.map(settingAt).find((setting) => setting?.type === "int");
+  byId("hint").hidden = !watched || heard.has(page.id) || byId("dialogue").ariaBusy === "true";
+  if (watched) setText(byId("hint"), `Change ${watched.label} under Settings with + or −; its event appears here.`);
+}
+observe(["catalog", "pages", "selected", "linked"], showHint);
 
 // In the form of the input and output of `mirado host`.
 function asJsonLines() {

@@ -1,5 +1,6 @@
 // The first visit: how a page gets its plug-in from this desk.
 import { byId, copyFrom, download } from "./dom.js";
+import { isDialogueShown, showDialogue } from "./layout.js";
 import { observe, openPages, state } from "./state.js";
 
 const PORT = 8000;
@@ -51,12 +52,16 @@ function want(value) {
   show();
 }
 
+/** Shows the dialogue in place of the guide. */
+export const closeGuide = () => want(false);
+
 for (const button of document.querySelectorAll("[data-copy]")) {
   button.onclick = () => copyFrom(button, byId(button.dataset.copy).textContent);
 }
 byId("save-page").onclick = () => download("hello.html", byId("code-page").textContent);
 byId("open-guide").onclick = () => {
-  want(byId("guide").hidden);
+  want(!isDialogueShown() || byId("guide").hidden);
+  showDialogue();
   if (byId("guide").hidden) return;
   byId("guide").querySelector(".steps").scrollTop = 0;
   byId("guide").focus();

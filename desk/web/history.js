@@ -14,10 +14,10 @@ export class History {
    * `append(entries)` is called with entries in order, each once, `restart()` before the entries of other pages.
    */
   constructor(kind, { append, restart }) {
-    Object.assign(this, { kind, append, restart, waiting: [], newest: new Map(), drawn: 0, reading: null });
+    Object.assign(this, { kind, append, restart, waiting: [], newest: new Map(), known: new Map(), drawn: 0, reading: null });
     observe(["selected"], () => {
       document.body.classList.toggle("of-all", !state.selected);
-      if (this.shown === state.selected || !state.linked) return;
+      if (this.shown === state.selected) return;
       this.restart(); // never show another page's rows under this page's name
       this.load();
     });
@@ -41,33 +41,48 @@ export class History {
 
   // An entry that was received as an event may also be in the history.
   appendNew(entries) {
-    this.append(entries.filter(({ page, n }) => {
+    this.append(entries.filter((entry) => {
+      const { page, n } = entry;
       if (n <= (this.newest.get(page) ?? 0)) return false;
       this.newest.set(page, n);
+      this.keep(page, entry);
       return true;
     }));
   }
 
+  // For the time after the desk has ended, when they cannot be requested.
+  keep(page, entry) {
+    if (!this.known.has(page)) this.known.set(page, []);
+    const kept = this.known.get(page);
+    kept.push(entry);
+    if (kept.length > 2 * MAX) kept.splice(0, MAX);
+  }
+
   /** Reads the entries of each page, and shows the newest of all. */
   async load() {
+    if (this.shown === state.selected && state.pages.get(this.shown)?.lost) return; // its rows stay
     this.shown = state.selected;
     byId(this.kind).ariaBusy = "true";
     const reading = this.reading = {}; // an answer to an earlier request is ignored
     let all = [];
-    await attempt(this.kind, async () => {
+    const good = await attempt(this.kind, async () => {
       for (const page of state.selected ? [state.selected] : [...state.pages.keys()]) {
         if (!state.pages.has(page) || reading !== this.reading) continue;
-        const answer = await api.get(`/api/pages/${page}/${this.kind}`).catch(passOver);
-        const entries = answer[this.kind] ?? [];
+        const isHere = !state.linked || state.pages.get(page).lost;
+        const answer = isHere ? {} : await api.get(`/api/pages/${page}/${this.kind}`).catch(passOver);
+        const entries = isHere ? this.known.get(page) ?? [] : answer[this.kind] ?? [];
         all = all.concat(entries).sort((one, other) => one.time - other.time).slice(-2 * MAX);
       }
     });
     if (reading !== this.reading) return;
     this.reading = null;
     byId(this.kind).ariaBusy = "false";
-    this.newest.clear();
-    this.restart();
-    this.appendNew(all);
+    if (good) {
+      this.newest.clear();
+      this.known = new Map([...this.known].filter(([page]) => state.pages.has(page) && !isShown({ page })));
+      this.restart();
+      this.appendNew(all);
+    }
     this.flush();
   }
 }

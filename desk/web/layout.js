@@ -21,6 +21,10 @@ function lay() {
   }
 }
 
+/** Where panels are tabs, chooses the one with the dialogue. */
+export const showDialogue = () => choose(tabs[0]);
+export const isDialogueShown = () => panelOf(tabs[0]).checkVisibility();
+
 for (const tab of tabs) tab.onclick = () => choose(tab);
 moveWithArrows(byId("panels"), () => tabs, choose);
 narrow.onchange = lay;

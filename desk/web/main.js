@@ -48,6 +48,7 @@ follow({
   broken(error) {
     state.linked = false;
     changed("linked");
+    if (error?.status === 0) pages.loseAll();
     reportBroken(error);
   },
   desk(desk) {
@@ -56,6 +57,7 @@ follow({
   },
   setting: settings.changeSetting,
   set: readSet,
+  end: pages.loseAll,
   page: pages.putPage,
   gone: pages.endPage,
   dialogue(entry) {

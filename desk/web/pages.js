@@ -2,19 +2,27 @@
 import * as api from "./api.js";
 import { ask } from "./ask.js";
 import { attempt } from "./banner.js";
-import { closePage, isConsole, openConsole } from "./console.js";
+import { closePage, forgetConsole, isConsole, openConsole } from "./console.js";
 import { byId, download, fillSelect, make, moveWithArrows, setText, timeOf } from "./dom.js";
+import { closeGuide } from "./guide.js";
+import { showDialogue } from "./layout.js";
 import { changed, isAgain, observe, openPages, select, selectedPage, state, titleOf } from "./state.js";
 
 const strip = byId("pages");
 const menu = byId("page-menu");
 const tabs = new Map(); // by the page's id, "" being all of them
+let over = false; // the desk has ended; events of pages are ignored until all pages are read again
 let missed = new Map(); // by id: the pages that changed while the list was requested; null for deleted ones
+
+function choose(id) {
+  closeGuide();
+  select(id);
+}
 
 function tabOf(id) {
   if (!tabs.has(id)) {
     const tab = make("button", { type: "button", role: "tab", id: `tab-${id || "all"}`, "aria-controls": "conversation",
-      onclick: () => select(id || null) });
+      onclick: () => choose(id || null) });
     tabs.set(id, tab);
   }
   return tabs.get(id);
@@ -23,6 +31,7 @@ function tabOf(id) {
 function show() {
   const pages = [...state.pages.values()].sort((one, other) => other.open - one.open || one.number - other.number);
   const open = openPages().length;
+  const focused = strip.contains(document.activeElement) ? document.activeElement : null;
   const ids = new Set(["", ...pages.map(({ id }) => id)]);
   for (const [id, tab] of tabs) {
     if (ids.has(id)) continue;
@@ -30,7 +39,7 @@ function show() {
     tabs.delete(id);
   }
   const all = tabOf("");
-  setText(all, open > 1 ? `All ${open}` : "All");
+  setText(all, open > 1 ? `All (${open})` : "All");
   const shown = [all, ...pages.map((page) => {
     const tab = tabOf(page.id);
     const word = { crashed: " ✕ crashed", ended: " (ended)" }[page.state] ?? (page.recording?.running ? " ● rec" : "");
@@ -45,6 +54,9 @@ function show() {
     if (chosen && tab.getAttribute("aria-selected") !== "true") requestAnimationFrame(() => tab.scrollIntoView({ block: "nearest", inline: "nearest" }));
     tab.setAttribute("aria-selected", String(chosen));
     tab.tabIndex = chosen ? 0 : -1;
+  }
+  if (focused && document.activeElement !== focused) { // moved or removed
+    (strip.contains(focused) ? focused : tabOf(state.selected ?? "")).focus({ preventScroll: true });
   }
   byId("conversation").setAttribute("aria-labelledby", tabOf(state.selected ?? "").id);
   fillSelect(menu, [...tabs].map(([id, { textContent }]) => ({ value: id, text: textContent })));
@@ -73,13 +85,16 @@ function showChosen() {
   byId("kill").hidden = page?.open === false;
   byId("record").hidden = page?.open === false || Boolean(recording?.running);
   byId("stop").hidden = !recording?.running;
-  byId("save").hidden = !recording;
-  setText(byId("recorded"), recording ? `${recording.running ? "●" : "■"} ${recording.lines} ${recording.lines === 1 ? "line" : "lines"}${recording.full ? ", full" : ""}` : "");
+  byId("save").hidden = !recording || Boolean(page.lost);
+  const lines = recording && `${recording.lines} ${recording.lines === 1 ? "line" : "lines"}`;
+  setText(byId("recorded"), !recording ? "" : (recording.running ? `● ${lines}` : `${lines} recorded`) + (recording.full ? ", full" : ""));
+  byId("recorded").classList.toggle("running", Boolean(recording?.running));
   byId("close").hidden = !page || page.open && !isConsole(page.id);
 }
 
 /** A page is new or has changed. */
 export function putPage(page) {
+  if (over) return;
   missed?.set(page.id, page);
   const isNew = !state.pages.has(page.id);
   const first = openPages().length === 0 && !missed;
@@ -87,30 +102,48 @@ export function putPage(page) {
   changed("pages");
   if (!isNew) return;
   // Chooses the first page, and the chosen one again after it was reloaded.
-  if (state.left ? isAgain(page, state.left) : first) select(page.id);
+  if (state.left ? isAgain(page, state.left) : first && !state.selected) select(page.id);
 }
 
 /** A page has ended. `ended` is the page if the desk still stores it, otherwise null. */
 export function endPage({ id, ended }) {
+  if (over) return;
   missed?.set(id, ended);
   const page = state.pages.get(id);
-  if (!page) return;
+  if (!page && !ended) return;
+  if (!ended) forgetConsole(id);
   if (ended) state.pages.set(id, ended);
   else state.pages.delete(id);
   changed("pages", "selected");
-  if (id !== state.selected) return;
+  if (id !== state.selected || !page) return;
   const next = openPages().find((each) => isAgain(each, page)); // it may open before the old one has ended
   if (next) return select(next.id);
   if (!ended) select(null);
   if (page.open) state.left = page;
 }
 
-/** Reads all pages again. The chosen one stays chosen if it still exists. */
+// `page` after its desk has ended. Its recording and messages cannot be requested any more.
+const lost = (page) => ({ ...page, open: false, lost: true, watches: [], state: page.state === "crashed" ? "crashed" : "ended",
+  recording: page.recording && { ...page.recording, running: false } });
+
+/** The desk has ended, and all pages with it. Keeps their tabs. */
+export function loseAll() {
+  if (over) return;
+  over = true;
+  const left = selectedPage();
+  for (const [id, page] of state.pages) state.pages.set(id, lost(page));
+  if (left) state.left ??= left;
+  changed("pages", "selected");
+}
+
+/** Reads all pages again. The chosen one stays chosen, even if its desk has ended. */
 export async function load() {
+  over = false;
   missed = new Map();
   await attempt("pages", async () => {
     const { pages, ended } = await api.get("/api/pages");
     const all = state.pages.size > 0 && !state.selected; // all pages were chosen
+    const earlier = selectedPage();
     state.pages = new Map([...pages, ...ended].map((page) => [page.id, page]));
     for (const [id, page] of missed) {
       if (page) state.pages.set(id, page);
@@ -118,7 +151,14 @@ export async function load() {
     }
     const before = state.selected ?? sessionStorage.getItem("page");
     const open = openPages();
-    select(all ? null : state.pages.has(before) ? before : open.length === 1 ? open[0].id : null);
+    if (all) return changed("pages", "selected");
+    if (state.pages.has(before)) return select(before);
+    if (!earlier) return select(open.length === 1 ? open[0].id : null);
+    const again = !isConsole(earlier.id) && open.find((page) => isAgain(page, earlier));
+    if (again) return select(again.id);
+    state.pages.set(earlier.id, lost(earlier));
+    select(earlier.id);
+    state.left = earlier; // it may still come
   });
   missed = null;
 }
@@ -140,31 +180,37 @@ async function save(page) {
 }
 
 byId("record").onclick = () => attempt("recording", async () => {
-  await api.post(recordingOf(selectedPage()));
-  await readPage();
-  byId("stop").focus();
+  await record(api.post, byId("stop"));
 });
 byId("save").onclick = () => attempt("recording", () => save(selectedPage()));
 byId("stop").onclick = () => attempt("recording", async () => {
-  await api.remove(recordingOf(selectedPage()));
-  await readPage();
-  byId("save").focus();
+  await record(api.remove, byId("save"));
 });
 
 // The focus moves to the button that replaces the pressed one, so that button must exist.
-async function readPage() {
-  putPage(await api.get(`/api/pages/${state.selected}`));
+async function record(request, next) {
+  const page = await request(recordingOf(selectedPage()));
+  if (!state.pages.get(page.id)?.open) return;
+  putPage(page);
   showChosen();
+  if (page.id === state.selected) next.focus();
 }
 
-byId("open-console").onclick = () => openConsole();
+byId("open-console").onclick = () => {
+  closeGuide();
+  showDialogue();
+  openConsole();
+};
 byId("close").onclick = async () => {
-  await closePage(selectedPage());
+  const page = selectedPage();
+  if (page.lost) state.pages.delete(page.id);
+  else if (!await closePage(page)) return;
+  if (page.id !== state.selected && page.id !== state.left?.id) return;
   select(null);
   byId("open-console").focus();
 };
 moveWithArrows(strip, () => [...strip.children], (tab) => tab.click());
-menu.onchange = () => select(menu.value || null);
+menu.onchange = () => choose(menu.value || null);
 strip.addEventListener("scroll", showRoom, { passive: true });
 new ResizeObserver(showRoom).observe(strip);
 observe(["pages", "selected"], show);

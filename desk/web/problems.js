@@ -5,6 +5,7 @@ import { attempt, report } from "./banner.js";
 import { focusMessage } from "./composer.js";
 import { closePage, isConsole, restartConsole } from "./console.js";
 import { byId, copyFrom } from "./dom.js";
+import { showDialogue } from "./layout.js";
 import { changed, isAgain, observe, openPages, select, selectedPage, state, titleOf } from "./state.js";
 
 const TRIES = "This page tries again every second.";
@@ -15,8 +16,9 @@ const quoted = (word) => /^[\w./-]+$/.test(word) ? word : `'${word.replaceAll("'
 // The command line is known if the desk has answered before.
 function gone() {
   const command = (state.desk?.command ?? ["mirado", "desk", "--port", location.port || "80"]).map(quoted).join(" ");
+  const temporary = command.includes("--temporary") ? "Its set, scenarios and recordings were temporary and end with it. " : "";
   return { title: "The desk does not answer.",
-    text: `Start it again with the command below. ${TRIES} Pages that use keepConnected come back by themselves; reload the others.`,
+    text: `${temporary}Start it again with the command below. ${TRIES} Pages that use keepConnected come back by themselves; reload the others.`,
     lines: [command], button: { text: "Copy the command", run: (button) => copyFrom(button, command) } };
 }
 
@@ -86,12 +88,19 @@ function dismissCrash({ id }) {
   changed("pages");
 }
 
+const alive = new Set(); // pages that this window has seen running: it tells of their crash whatever is chosen
+
+const howOf = ({ crash }) => crash.signal === 9 ? "was killed (signal 9)" : crash.signal !== null ? `crashed (signal ${crash.signal})` : `ended with status ${crash.status}`;
+
 // A crashed page, also if the chosen page is the same one after it connected again, which may take only a moment.
 observe(["pages", "selected"], () => {
   const chosen = selectedPage();
-  const page = [...state.pages.values()].filter((each) => each.state === "crashed" && !dismissed.has(each.id) &&
-    (!chosen || each === chosen || isAgain(chosen, each))).sort((one, other) => one.number - other.number).at(-1);
-  report("crash", page ? { title: `The plug-in of ${titleOf(page)} has ended.`, lines: page.lastLog, dismiss: () => dismissCrash(page),
+  for (const { id, state: now } of state.pages.values()) if (now === "running") alive.add(id);
+  const isChosen = (each) => each === chosen || Boolean(chosen) && isAgain(chosen, each);
+  const crashed = [...state.pages.values()].filter((each) => each.state === "crashed" && !dismissed.has(each.id) &&
+    (!chosen || isChosen(each) || alive.has(each.id))).sort((one, other) => isChosen(one) - isChosen(other) || one.number - other.number);
+  const page = crashed.at(-1);
+  report("crash", page ? { title: `The plug-in of ${titleOf(page)} ${howOf(page)}.`, lines: page.lastLog, dismiss: () => dismissCrash(page),
     ...remedyOf(page) } : null);
 });
 
@@ -99,6 +108,7 @@ function remedyOf(page) {
   if (isConsole(page.id)) {
     return { text: "", button: { text: "Start again", run: async () => {
       dismissCrash(page);
+      showDialogue();
       await restartConsole(page.id);
       focusMessage();
     } } };
@@ -106,8 +116,11 @@ function remedyOf(page) {
   if (page.open) {
     return { text: "Reload the page in its browser to start another.", button: { text: "Close the page", run: () => closePage(page) } };
   }
-  const next = openPages().find((each) => isAgain(each, page));
+  const next = openPages().find((each) => isAgain(each, page) && each.since >= page.crash.time); // not another tab of the same application
   const other = next && page.id === state.selected ? next : page;
   return { text: next ? `The page has connected again, as #${next.number}.` : "The page is closed.",
-    button: other.id === state.selected ? null : { text: `Show #${other.number}`, run: () => select(other.id) } };
+    button: other.id === state.selected ? null : { text: `Show #${other.number}`, run: () => {
+      showDialogue();
+      select(other.id);
+    } } };
 }

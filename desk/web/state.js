@@ -67,7 +67,7 @@ export const numberOf = (page) => Number(/^p(\d+)/.exec(page)[1]);
 
 /** Whether `page` is what `earlier` became when it was loaded or connected again. */
 export const isAgain = (page, earlier) =>
-  page.open && page.number > earlier.number && page.url === earlier.url && page.title === earlier.title;
+  page.open && page.since > earlier.since && page.url === earlier.url && page.title === earlier.title;
 
 /** The title of a page for the user: "#3 My application". */
 export const titleOf = ({ number, title }) => `#${number} ${title || "page"}`;

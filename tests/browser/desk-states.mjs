@@ -25,7 +25,7 @@ const crash = async (page) => {
   await talk(page);
   await page.getByRole("button", { name: "Kill …" }).click();
   await answer(page, "Kill it");
-  await page.getByRole("alert").filter({ hasText: "has ended" }).waitFor();
+  await page.getByRole("alert").filter({ hasText: "was killed" }).waitFor();
 };
 
 /** `panel` is the tab on which a narrow page shows it; `show(page, desk)` starts with the opened page. */
