@@ -279,6 +279,10 @@ describe("the desk's page", () => {
       await valueOf(page, label).waitFor();
       assert.equal(await page.getByRole("region", { name: "Settings" }).getByRole("spinbutton").count(), 1, words);
     }
+    await find.fill("yellow");
+    await button(page, "Text colour").click();
+    await button(page, "6 Yellow").click();
+    await settles(() => valueOf(page, "Text colour, Digital caption").inputValue(), "6");
     await find.fill("secondary");
     const language = valueOf(page, "Secondary language, Audio");
     await desk.call("PATCH", "/api/set", { lists: { "secondary-audio-language": [{ value: 2, label: "French" }, { value: 40, label: "Sami" }] } });
@@ -302,6 +306,9 @@ describe("the desk's page", () => {
     await page.getByText("The picture size is a whole number").waitFor();
     await page.getByLabel("B2B product").selectOption("no");
     const scenario = page.getByRole("form", { name: "Save a scenario" });
+    await scenario.getByLabel("Name").fill("no b2b");
+    await scenario.getByRole("button").click();
+    await page.getByText("and no spaces").waitFor();
     await scenario.getByLabel("Name").fill("no-b2b");
     await scenario.getByRole("button").click();
     await button(page, "Load no-b2b").waitFor();
@@ -339,8 +346,30 @@ describe("the desk's page", () => {
     await rowWith(page, /getVersion.*"4.0"/).waitFor();
   });
 
-  it("reports a crash with the last log lines, and starts again without losing the focus", async () => {
-    for (const milliseconds of [0, 50]) { // between the old page's end and the new one's start
+  it("keeps what one reads when the desk ends, until the page is loaded anew", async () => {
+    const first = await startSomewhere();
+    const selected = (page, name) => tab(page, name).and(page.locator("[aria-selected=true]")).waitFor();
+    const [read] = [await first.openPage({ title: "Read" }), await first.openPage({ title: "Other" })];
+    await first.say(read, getVersion);
+    const page = await withConsole(first);
+    await tab(page, / Read$/).click();
+    await rowWith(page, "getVersion").waitFor();
+    await first.stop("SIGINT");
+    await banner(page, /does not answer.*temporary and end with it/s).waitFor();
+    await selected(page, / Read \(ended\)$/);
+    for (const name of [/^All/, / Other \(ended\)$/, / Read \(ended\)$/]) await tab(page, name).click();
+    await rowWith(page, "getVersion").waitFor();
+    const next = await startAt(() => first.port, startDesk);
+    await tab(page, /^#\d+ Console$/).waitFor(); // it comes back by itself, and nobody looks at it
+    await selected(page, / Read \(ended\)$/);
+    await rowWith(page, "getVersion").waitFor();
+    await next.openPage({ title: "Read" });
+    await selected(page, / Read$/);
+    await rowWith(page, "getVersion").waitFor({ state: "detached" });
+  });
+
+  it("tells of a crash with the last log lines, and starts again without losing the keyboard", async () => {
+    for (const milliseconds of [0, 50]) { // the old page's end and the new one's beginning are seen together, and apart
       const page = await newPage();
       await page.addInitScript(spaceEvents, milliseconds);
       await openDesk(page, desk.url);
@@ -414,7 +443,11 @@ describe("the desk's page", () => {
   });
 
   it("shows one set in two windows", async () => {
-    const [first, second] = [await openedDesk(), await openedDesk()];
+    const [first, second] = [await openedDesk(), await newPage()];
+    await second.addInitScript(spaceEvents, 50);
+    await openDesk(second, desk.url);
+    for (let steps = 0; steps < 6; ++steps) await valueOf(second, "Caption mode, Caption").press("ArrowUp"); // faster than they are confirmed
+    await settles(() => valueOf(first, "Caption mode, Caption").inputValue(), "6");
     await first.getByRole("switch", { name: "Text to speech, Accessibility" }).check();
     await second.getByRole("switch", { name: "Text to speech, Accessibility", checked: true }).waitFor();
     await second.getByRole("switch", { name: "The set has a video control" }).uncheck();
