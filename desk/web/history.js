@@ -14,7 +14,8 @@ export class History {
    * `append(entries)` is called with entries in order, each once, `restart()` before the entries of other pages.
    */
   constructor(kind, { append, restart }) {
-    Object.assign(this, { kind, append, restart, waiting: [], newest: new Map(), known: new Map(), drawn: 0, reading: null });
+    Object.assign(this, { kind, append, restart, waiting: [], drawn: 0, reading: null });
+    Object.assign(this, { newest: new Map(), known: new Map() }); // by page: number of the newest entry; entries
     observe(["selected"], () => {
       document.body.classList.toggle("of-all", !state.selected);
       if (this.shown === state.selected) return;

@@ -98,7 +98,8 @@ observe(["pages", "selected"], () => {
   for (const { id, state: now } of state.pages.values()) if (now === "running") alive.add(id);
   const isChosen = (each) => each === chosen || Boolean(chosen) && isAgain(chosen, each);
   const crashed = [...state.pages.values()].filter((each) => each.state === "crashed" && !dismissed.has(each.id) &&
-    (!chosen || isChosen(each) || alive.has(each.id))).sort((one, other) => isChosen(one) - isChosen(other) || one.number - other.number);
+    (!chosen || isChosen(each) || alive.has(each.id)));
+  crashed.sort((one, other) => isChosen(one) - isChosen(other) || one.number - other.number);
   const page = crashed.at(-1);
   report("crash", page ? { title: `The plug-in of ${titleOf(page)} ${howOf(page)}.`, lines: page.lastLog, dismiss: () => dismissCrash(page),
     ...remedyOf(page) } : null);
@@ -116,7 +117,8 @@ function remedyOf(page) {
   if (page.open) {
     return { text: "Reload the page in its browser to start another.", button: { text: "Close the page", run: () => closePage(page) } };
   }
-  const next = openPages().find((each) => isAgain(each, page) && each.since >= page.crash.time); // not another tab of the same application
+  // Not another tab of the same application.
+  const next = openPages().find((each) => isAgain(each, page) && each.since >= page.crash.time);
   const other = next && page.id === state.selected ? next : page;
   return { text: next ? `The page has connected again, as #${next.number}.` : "The page is closed.",
     button: other.id === state.selected ? null : { text: `Show #${other.number}`, run: () => {

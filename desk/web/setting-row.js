@@ -140,7 +140,8 @@ export class SettingRow {
       return;
     }
     const { name, key, initial, watchOnly, values } = this.setting;
-    const known = values?.speeds ? Object.entries(state.catalog.speeds).map(([speed, { from }]) => [from, speed]) : meaningsOf(this.setting);
+    const known = !values?.speeds ? meaningsOf(this.setting) :
+      Object.entries(state.catalog.speeds).map(([speed, { from }]) => [from, speed]);
     const fact = (term, ...content) => [make("dt", {}, term), make("dd", {}, ...content)];
     const copy = make("button", { type: "button", onclick: () => copyFrom(copy, this.path) }, "Copy");
     this.watcherList = make("dd");
