@@ -350,7 +350,7 @@ describe("the desk's page", () => {
     const first = await startSomewhere();
     const selected = (page, name) => tab(page, name).and(page.locator("[aria-selected=true]")).waitFor();
     const [read] = [await first.openPage({ title: "Read" }), await first.openPage({ title: "Other" })];
-    await first.say(read, getVersion);
+    await first.send(read, getVersion);
     const page = await withConsole(first);
     await tab(page, / Read$/).click();
     await rowWith(page, "getVersion").waitFor();
