@@ -43,6 +43,14 @@ std::string_view MemberOf(std::string_view json, std::string_view name) {
   return found == members.end() ? std::string_view() : found->value;
 }
 
+// Whether `json` is an object whose member `text` is a string. Of duplicate members the last counts, as for every reader
+// of the log.
+bool HoldsText(std::string_view json) {
+  const ParsedJson object = ParsedJson::parse(json);
+  const auto text = object.find("text");
+  return text != object.end() && text->is_string();
+}
+
 // The current value of the setting that an event names, as JSON text. Empty for another message, or if the value cannot
 // be read.
 std::string ValueNow(std::string_view message) {
@@ -155,8 +163,7 @@ void Page::Take(const OutLine& out, std::string_view line) {
     case Out::kError:  // the desk sends only valid lines
       return OnLogLine(line);
     case Out::kLog:
-      return MemberOf(out.value, "text").starts_with('"') ? Log(out.value.substr(1, out.value.size() - 2))
-                                                          : OnLogLine(line);
+      return HoldsText(out.value) ? Log(out.value.substr(1, out.value.size() - 2)) : OnLogLine(line);
     case Out::kWatches:
       return OnWatches(out.value);
     case Out::kRecord:

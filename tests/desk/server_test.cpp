@@ -1,11 +1,15 @@
-// The exits of the desk after an internal failure, and what it reads of a child process.
+// The exits of the desk after an internal failure, what it reads of a child process, and pages whose host misbehaves.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
+#include <chrono>
 #include <csignal>
+#include <filesystem>
+#include <fstream>
 #include <functional>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -16,6 +20,7 @@
 
 #include "server/desk.h"
 #include "server/host_process.h"
+#include "server/pages.h"
 #include "support/files.h"
 
 namespace {
@@ -90,6 +95,38 @@ TEST(HostProcessTest, PassesOnAllOutputBeforeTheEnd) {
   EXPECT_EQ(child.status, 7);
   EXPECT_EQ(none.log, std::vector<std::string>{"cannot run /none: No such file or directory"});
   EXPECT_EQ(none.status, 127);
+}
+
+/// Pages whose host is a shell script.
+class PagesTest : public testing::Test {
+ protected:
+  std::shared_ptr<desk::Page> Open(const std::string& script) {
+    const std::string program = folder_ / "host";
+    std::ofstream(program) << "#!/bin/sh\n" << script << '\n';
+    std::filesystem::permissions(program, std::filesystem::perms::owner_all);
+    pages_ = std::make_unique<desk::Pages>(loop_, desk::HostCommand{.program = program, .plugin = {}, .store = {}},
+                                           events_, [] {});
+    return pages_->Open({.title = {}, .url = {}, .grace = std::chrono::hours(1)}, false);
+  }
+
+  /// Whether `done` becomes true; the pages live meanwhile.
+  bool Await(const std::function<bool()>& done) {
+    while (!done()) {
+      if (loop_.run_one_for(std::chrono::minutes(1)) == 0) return false;
+    }
+    return true;
+  }
+
+  TemporaryFolder folder_;
+  boost::asio::io_context loop_;
+  desk::EventLog events_{{.events = 100, .bytes = 100'000}};
+  std::unique_ptr<desk::Pages> pages_;
+};
+
+TEST_F(PagesTest, WhatAPlugInPrintsEndsOnlyItsPage) {
+  const auto page = Open(R"(echo '{"log": {"text": "a", "text": 5}}'; exit 7)");
+  ASSERT_TRUE(Await([&] { return page->crashed(); }));
+  EXPECT_TRUE(page->Describe()["lastLog"][0].is_string()) << page->Describe();
 }
 
 }  // namespace
