@@ -188,8 +188,13 @@ void HostProcess::WriteQueued() {
     return ending_ ? input_.close() : void();
   }
   boost::asio::async_write(input_, boost::asio::buffer(writing_), [self = shared_from_this()](Error, std::size_t) {
-    if (self->listener_ != nullptr) {
-      self->WriteQueued();  // also after an error: the child reads no more, and its end will be reported
+    if (self->listener_ == nullptr) {
+      return;
+    }
+    const bool had_room = self->HasRoom();
+    self->WriteQueued();  // also after an error: the child reads no more, and its end will be reported
+    if (!had_room && self->HasRoom()) {
+      self->listener_->OnRoom();
     }
   });
 }

@@ -25,6 +25,8 @@ class HostProcess : public std::enable_shared_from_this<HostProcess> {
    public:
     virtual void OnLine(std::string_view line) = 0;
     virtual void OnLogLine(std::string_view line) = 0;
+    /// `HasRoom` was false and is true again.
+    virtual void OnRoom() {}
     /// The last call: the child has ended, with the status of `waitpid`.
     virtual void OnEnd(int wait_status) = 0;
 

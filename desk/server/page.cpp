@@ -19,6 +19,7 @@ namespace {
 
 constexpr EventLog::Limits kDeliveries{.events = 10'000, .bytes = 8UL * 1024 * 1024};
 constexpr EventLog::Limits kHistory{.events = 1'000, .bytes = 4UL * 1024 * 1024};
+constexpr std::size_t kMaxPendingPosts = 10'000;
 constexpr std::size_t kMaxRecording = 8UL * 1024 * 1024;
 constexpr int kLastLines = 5;
 
@@ -120,10 +121,16 @@ std::uint64_t Page::Submit(const std::vector<Message>& messages, OnResult on_res
       last_number_ = message.number;
     }
     ++sent_;
-    Pending pending{.entry = AddToDialogue(message.waits ? "send" : "post", message.body),
-                    .start = Clock::now(),
-                    .on_result = message.waits ? std::exchange(on_result, nullptr) : OnResult()};
-    (message.waits ? sends_ : posts_).push_back(std::move(pending));
+    const Pending pending{.entry = AddToDialogue(message.waits ? "send" : "post", message.body), .start = Clock::now()};
+    if (message.waits) {
+      sends_.push_back({pending, std::exchange(on_result, nullptr)});
+    } else {
+      posts_.push_back(pending);
+    }
+    if (posts_.size() > kMaxPendingPosts) {  // a plug-in may answer no post at all
+      posts_.pop_front();
+      ++posts_dropped_;
+    }
     // After the entry in the dialogue, so that the events of what it causes follow.
     host_->Write(FormatLine(message.waits ? In::kSend : In::kPost, message.body));
     if (message.waits) {
@@ -135,7 +142,7 @@ std::uint64_t Page::Submit(const std::vector<Message>& messages, OnResult on_res
 }
 
 void Page::Forget(std::uint64_t ticket) {
-  const auto found = std::ranges::find(sends_, ticket, &Pending::entry);
+  const auto found = std::ranges::find(sends_, ticket, &PendingSend::entry);
   if (found != sends_.end()) {
     found->on_result = nullptr;
     last_activity_ = Clock::now();
@@ -177,20 +184,23 @@ void Page::OnReply(std::string_view reply) {
   if (sends_.empty()) {
     return;
   }
-  const Pending pending = std::move(sends_.front());
+  const PendingSend pending = std::move(sends_.front());
   sends_.pop_front();
   AddToDialogue("reply", reply, &pending);
   if (pending.on_result) {
     last_activity_ = Clock::now();
     pending.on_result({.outcome = Outcome::kDone, .text = std::string(reply)});
   }
-  deliveries_.NotifyReaders();  // there may be room for a post that waits
 }
 
 void Page::OnDelivery(std::string_view message) {
   ++delivered_;
   // The plug-in answers each post with one delivery that names a command, in the order of the posts.
-  if (!posts_.empty() && !MemberOf(message, "command").empty()) {
+  const bool answers = !MemberOf(message, "command").empty();
+  if (answers && posts_dropped_ > 0) {
+    --posts_dropped_;
+    AddToDialogue("message", message);
+  } else if (answers && !posts_.empty()) {
     const Pending pending = posts_.front();
     posts_.pop_front();
     AddToDialogue("message", message, &pending);
@@ -273,7 +283,7 @@ std::uint64_t Page::AddToDialogue(std::string_view kind, std::string_view body, 
 
 void Page::ReleaseWaiting() {
   posts_.clear();
-  for (const Pending& pending : std::exchange(sends_, {})) {
+  for (const PendingSend& pending : std::exchange(sends_, {})) {
     if (pending.on_result) {
       pending.on_result({.outcome = Outcome::kGone});
     }

@@ -95,7 +95,7 @@ class Page final : private HostProcess::Listener {
   /// The number of sends whose clients wait for a reply.
   static constexpr std::ptrdiff_t kMaxWaiting = 16;  ///< to be checked before `Submit`; a page in a browser has one
   std::ptrdiff_t waiting() const {
-    return std::ranges::count_if(sends_, [](const Pending& send) { return bool(send.on_result); });
+    return std::ranges::count_if(sends_, [](const PendingSend& send) { return bool(send.on_result); });
   }
 
   /// The client no longer waits for the reply.
@@ -104,8 +104,7 @@ class Page final : private HostProcess::Listener {
   Json Describe() const;
   bool Watches(std::string_view path) const;
 
-  /// The events `message` and `crash`. The readers are also notified when the plug-in has handled a message,
-  /// since there may be room for another one.
+  /// The events `message` and `crash`. The readers are also notified when there is room for messages again.
   EventLog& deliveries() { return deliveries_; }
   const EventLog& dialogue() const { return dialogue_; }
   const EventLog& log() const { return log_; }
@@ -138,12 +137,15 @@ class Page final : private HostProcess::Listener {
   struct Pending {
     std::uint64_t entry;  // its number in the dialogue
     Clock::time_point start;
-    OnResult on_result;  // of a send; empty if its client has gone
+  };
+  struct PendingSend : Pending {
+    OnResult on_result;  // empty if its client has gone
   };
 
   void OnLine(std::string_view line) override;
   void Take(const OutLine& out, std::string_view line);
   void OnLogLine(std::string_view line) override;
+  void OnRoom() override { deliveries_.NotifyReaders(); }
   void OnEnd(int wait_status) override;
 
   void OnReply(std::string_view reply);
@@ -167,8 +169,9 @@ class Page final : private HostProcess::Listener {
   EventLog deliveries_;
   EventLog dialogue_;
   EventLog log_;
-  std::deque<Pending> sends_;  // the host answers in order
+  std::deque<PendingSend> sends_;  // the host answers in order
   std::deque<Pending> posts_;
+  std::uint64_t posts_dropped_ = 0;  // pending before those of `posts_`
   std::vector<std::string> watches_;
   std::optional<std::int64_t> last_number_;
   std::optional<Recording> recording_;

@@ -112,7 +112,7 @@ class PagesTest : public testing::Test {
   /// Whether `done` becomes true; the pages live meanwhile.
   bool Await(const std::function<bool()>& done) {
     while (!done()) {
-      if (loop_.run_one_for(std::chrono::minutes(1)) == 0) return false;
+      if (loop_.run_one_for(std::chrono::seconds(20)) == 0) return false;
     }
     return true;
   }
@@ -127,6 +127,26 @@ TEST_F(PagesTest, WhatAPlugInPrintsEndsOnlyItsPage) {
   const auto page = Open(R"(echo '{"log": {"text": "a", "text": 5}}'; exit 7)");
   ASSERT_TRUE(Await([&] { return page->crashed(); }));
   EXPECT_TRUE(page->Describe()["lastLog"][0].is_string()) << page->Describe();
+}
+
+TEST_F(PagesTest, ReadersHearWhenAPlugInThatAnswersNothingHasRoomAgain) {
+  struct : desk::EventLog::Reader {
+    void OnEvents() override { notified = true; }
+    bool notified = false;
+  } reader;
+  const auto page = Open("exec cat >/dev/null");
+  const pid_t pid = page->Describe()["pid"].get<int>();
+  kill(pid, SIGSTOP);
+  const std::string post = '"' + std::string(60'000, 'x') + '"';
+  auto outcome = desk::Page::Outcome::kDone;
+  while (outcome == desk::Page::Outcome::kDone) {
+    page->Submit({{.waits = false, .body = post, .number = {}}}, [&](const auto& result) { outcome = result.outcome; });
+  }
+  EXPECT_EQ(outcome, desk::Page::Outcome::kFull);
+  page->deliveries().Attach(&reader);
+  kill(pid, SIGCONT);
+  EXPECT_TRUE(Await([&] { return reader.notified; }));
+  page->deliveries().Detach(&reader);
 }
 
 }  // namespace
