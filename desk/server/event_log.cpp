@@ -53,6 +53,11 @@ void EventLog::Close() {
   NotifyReaders();
 }
 
+void EventLog::Clear() {
+  events_ = {};
+  bytes_ = 0;
+}
+
 // A notified reader may detach itself and others.
 void EventLog::NotifyReaders() const {
   for (std::size_t index = readers_.size(); index-- > 0;) {

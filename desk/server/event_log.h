@@ -66,6 +66,9 @@ class EventLog {
   /// Ends the log; its events can still be read.
   void Close();
 
+  /// Drops all events.
+  void Clear();
+
   void NotifyReaders() const;
 
   /// `reader` must live until it is detached.

@@ -290,6 +290,13 @@ void Page::ReleaseWaiting() {
   }
 }
 
+// A page that has left gets no more readers.
+void Page::ReleaseDeliveries() {
+  if (leaving_ && streams_ == 0) {
+    deliveries_.Clear();
+  }
+}
+
 void Page::End(std::string_view reason) {
   if (!ended_ && !leaving_) {
     deliveries_.Add("crash", MakeText(ToText({{"status", nullptr}, {"signal", nullptr}, {"reason", reason}})));
@@ -297,6 +304,7 @@ void Page::End(std::string_view reason) {
   leaving_ = true;
   abandon_timer_.cancel();
   deliveries_.Close();  // now, so that nothing follows the last event
+  ReleaseDeliveries();
   ReleaseWaiting();
   host_->End();
 }
@@ -367,6 +375,7 @@ void Page::OnRecorded(std::string_view line) {
 void Page::StreamClosed() {
   --streams_;
   last_activity_ = Clock::now();
+  ReleaseDeliveries();
   if (streams_ == 0) {
     CheckAbandoned();
   }

@@ -29,7 +29,6 @@ struct PageDescription {
   std::string url;
   std::chrono::seconds grace{5};  ///< how long the page lives without a stream or a message
 
-  bool operator==(const PageDescription&) const = default;
 };
 
 /// A page as clients see it under `/api/pages/ID`. To be used on the loop's thread only.
@@ -126,8 +125,8 @@ class Page final : private HostProcess::Listener {
   void StreamClosed();
   int streams() const { return streams_; }
 
-  /// The process has ended.
-  bool crashed() const { return ended_; }
+  /// The process has ended before the page left.
+  bool crashed() const { return crashed_; }
 
   /// Releases the descriptors of a process that has ended. Not in a call of the owner.
   void ReleaseProcess() { host_.reset(); }
@@ -158,6 +157,7 @@ class Page final : private HostProcess::Listener {
                               std::string_view now = {});
   void SendPageEvent() { events_.Add("page", MakeText(ToText(Describe()))); }
   void ReleaseWaiting();
+  void ReleaseDeliveries();
   void CheckAbandoned();
 
   const int number_;

@@ -28,6 +28,11 @@ std::shared_ptr<Page> Pages::FindIn(const Map& pages, std::string_view id) {
   return found == pages.end() ? nullptr : found->second;
 }
 
+std::shared_ptr<Page> Pages::FindEnded(std::string_view id) const {
+  const auto leaving = FindIn(leaving_, id);
+  return leaving && !forgotten_.contains(leaving->number()) ? leaving : FindIn(ended_, id);
+}
+
 void Pages::Leave(Page& page, Keep keep, std::string_view reason) {
   auto node = pages_.extract(page.number());
   if (node.empty()) {
@@ -55,7 +60,7 @@ void Pages::OnEnded(Page& page) {
   const bool kept = forgotten_.erase(page.number()) == 0;
   if (kept) {
     MakeRoomFor(page);
-    ended_.insert(std::move(node));
+    ended_.emplace(++last_end_, held);
   }
   SendGone(page, kept);
   // Later, because the process is the caller.
@@ -66,19 +71,24 @@ void Pages::OnEnded(Page& page) {
 }
 
 void Pages::MakeRoomFor(const Page& page) {
+  const auto is_plain = [](const auto& entry) { return !entry.second->recording() && !entry.second->crashed(); };
   const auto is_same = [&](const auto& entry) {
-    return !entry.second->recording() && entry.second->description() == page.description();
+    const PageDescription& other = entry.second->description();
+    return is_plain(entry) && other.title == page.description().title && other.url == page.description().url;
   };
   if (const auto earlier = std::ranges::find_if(ended_, is_same); earlier != ended_.end()) {
     Drop(*earlier->second);
   }
   if (ended_.size() >= kMaxEnded) {
-    Drop(*ended_.begin()->second);
+    const auto oldest = std::ranges::find_if(ended_, is_plain);
+    Drop(*(oldest != ended_.end() ? oldest : ended_.begin())->second);
   }
 }
 
 void Pages::Drop(Page& page) {
-  if (const auto node = ended_.extract(page.number()); !node.empty()) {
+  if (leaving_.contains(page.number())) {
+    forgotten_.insert(page.number());
+  } else if (std::erase_if(ended_, [&](const auto& entry) { return entry.second->number() == page.number(); }) > 0) {
     SendGone(page, false);
   }
 }

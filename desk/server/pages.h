@@ -34,13 +34,13 @@ class Pages final : private Page::Owner {
 
   /// An open page; null for an unknown one.
   std::shared_ptr<Page> Find(std::string_view id) const { return FindIn(pages_, id); }
-  /// An ended page; null for an unknown one.
-  std::shared_ptr<Page> FindEnded(std::string_view id) const { return FindIn(ended_, id); }
+  /// A page that has left and is or will be one of `ended`; null for an unknown one.
+  std::shared_ptr<Page> FindEnded(std::string_view id) const;
 
   /// The open pages by number, in the order in which they were opened.
   const std::map<int, std::shared_ptr<Page>>& all() const { return pages_; }
-  /// The ended pages that are kept: at most `kMaxEnded`. Of pages with the same title, URL and grace only the last is
-  /// kept, and those with a recording.
+  /// The ended pages that are kept, in the order in which they ended: at most `kMaxEnded`. Of pages with the same title
+  /// and URL only the last is kept, and those that were recorded or crashed.
   const std::map<int, std::shared_ptr<Page>>& ended() const { return ended_; }
 
   std::size_t limit() const { return limit_; }
@@ -50,7 +50,7 @@ class Pages final : private Page::Owner {
   /// Ends an open page. With `kHistory` it becomes one of `ended` if its dialogue is not empty.
   void Leave(Page& page, Keep keep, std::string_view reason = "the desk has ended this page");
 
-  /// Removes an ended page.
+  /// Removes an ended page, or one that would become one.
   void Drop(Page& page);
 
   /// Ends all pages and opens no more. `on_closed` is called when all processes have ended.
@@ -73,9 +73,10 @@ class Pages final : private Page::Owner {
   Map pages_;
   Map leaving_;              // until their processes have ended
   std::set<int> forgotten_;  // of these, the ones that are not kept
-  Map ended_;
+  Map ended_;                // by the order of their ends
   std::function<void()> on_closed_;
   int last_number_ = 0;
+  int last_end_ = 0;
 };
 
 }  // namespace desk

@@ -183,31 +183,55 @@ test("a page that leaves, or is silent too long, ends with its process", async (
   departures.close();
 });
 
+test("a page that has left can be read, and deleted, while its process still ends", async () => {
+  const events = await desk.follow("/api/events");
+  const page = await desk.openPage();
+  await desk.send(page, { send: VERSION });
+  process.kill(page.pid, "SIGSTOP"); // two seconds pass before it is killed
+  await desk.call("POST", `/api/pages/${page.id}/leave`);
+  await desk.call("GET", `/api/pages/${page.id}/dialogue`);
+  await desk.call("DELETE", `/api/pages/${page.id}`);
+  assert.equal((await desk.request("GET", `/api/pages/${page.id}/dialogue`)).status, 404);
+  await events.next("gone", ({ id, ended }) => id === page.id && !ended);
+  events.close();
+});
+
 test("a page that has ended can be read until newer ones replace it or it is deleted", async () => {
   const own = await Desk.start();
+  let grace = 0; // does not make it another page
   const events = await own.follow("/api/events");
-  const load = async (title, { recorded = false } = {}) => {
-    const page = await own.openPage({ title });
+  const load = async (title, { recorded = false, crashed = false, page } = {}) => {
+    page ??= await own.openPage({ title, grace: 3000 + (grace += 1) });
     if (recorded) await own.call("POST", `/api/pages/${page.id}/recording`);
     await own.send(page, { send: VERSION });
+    if (crashed) {
+      await own.call("POST", `/api/pages/${page.id}/kill`);
+      await events.next("page", ({ id, state }) => id === page.id && state === "crashed");
+    }
     await own.call("POST", `/api/pages/${page.id}/leave`);
     return (await events.next("gone", ({ id, ended }) => id === page.id && ended)).data.ended;
   };
   const descriptors = () => readdirSync(`/proc/${own.child.pid}/fd`).length;
   const few = descriptors();
   const kept = async () => (await own.call("GET", "/api/pages")).ended.map(({ title }) => title);
+  const first = await own.openPage({ title: "first" });
   const recorded = await load("one", { recorded: true });
   assert.deepEqual([recorded.state, recorded.open], ["ended", false]);
+  const crashed = await load("one", { crashed: true });
   for (let times = 0; times < 3; ++times) await load("one");
-  assert.deepEqual(await kept(), ["one", "one"], "the recorded one and the last");
+  assert.deepEqual(await kept(), ["one", "one", "one"], "the recorded one, the one that crashed, and the last");
   const read = async (part) => (await own.request("GET", `/api/pages/${recorded.id}/${part}`)).status;
   for (const part of ["dialogue", "log", "recording"]) assert.equal(await read(part), 200, part);
   assert.equal(await read("deliveries"), 404);
 
-  const others = ["2", "3", "4", "5", "6", "7", "8"];
+  const others = ["2", "3", "4", "5", "6", "7"];
   for (const title of others) await load(title);
-  assert.deepEqual(await kept(), ["one", ...others]);
-  assert.equal(await read("dialogue"), 404);
+  assert.deepEqual(await kept(), ["one", "one", ...others], "the recorded one and the one that crashed");
+  assert.equal(await read("dialogue"), 200);
+  await load("first", { page: first });
+  await load("8");
+  assert.deepEqual(await kept(), ["one", "one", ...others.slice(2), "first", "8"], "by the order of their ends");
+  assert((await own.call("GET", "/api/pages")).ended.some(({ id }) => id === crashed.id));
   assert(descriptors() < few + 5, "an ended page holds no descriptor");
   const last = (await own.call("GET", "/api/pages")).ended.at(-1);
   await own.call("DELETE", `/api/pages/${last.id}`);

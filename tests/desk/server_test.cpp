@@ -147,6 +147,11 @@ TEST_F(PagesTest, ReadersHearWhenAPlugInThatAnswersNothingHasRoomAgain) {
   kill(pid, SIGCONT);
   EXPECT_TRUE(Await([&] { return reader.notified; }));
   page->deliveries().Detach(&reader);
+  page->StreamOpened();
+  pages_->Leave(*page, desk::Pages::Keep::kHistory);
+  EXPECT_FALSE(page->deliveries().kept().empty()) << "one that reads gets the rest";
+  page->StreamClosed();
+  EXPECT_TRUE(page->deliveries().kept().empty());
 }
 
 }  // namespace
