@@ -137,6 +137,8 @@ vconf::Status Desk::Start() {
   limits = Limits::For(free - kOwn);
   pages.set_limit(limits.pages);
   clients_.set_limit(limits.connections);
+  // Before whatever may call End, which needs it.
+  plugin_ = std::make_unique<PluginCheck>(loop, options.host, [this] { OnPluginCheck(); });
   listener_.Start(clients_, [this](Socket socket) {
     std::make_shared<Connection>(std::move(socket), clients_, check_, handler_)->Start();
   });
@@ -150,7 +152,6 @@ vconf::Status Desk::Start() {
     input_.assign(dup(STDIN_FILENO));
     DiscardInput(input_, [this] { End(); });
   }
-  plugin_ = std::make_unique<PluginCheck>(loop, options.host, [this] { OnPluginCheck(); });
   return {};
 }
 
@@ -177,10 +178,10 @@ std::vector<std::string> Desk::Command() const {
   if (options.temporary) {
     add({"--temporary"});
   } else {
-    add({"--store", options.host.store});
+    add({"--store", std::filesystem::absolute(options.host.store)});
   }
   if (options.host.plugin != DefaultPlugin()) {
-    add({"--plugin", options.host.plugin});
+    add({"--plugin", std::filesystem::absolute(options.host.plugin)});
   }
   if (!options.listen.empty()) {
     add({"--listen", options.listen});

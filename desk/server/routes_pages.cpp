@@ -111,7 +111,8 @@ void Submit(Desk& desk, const std::shared_ptr<Page>& page, const HttpRequest& re
   if (!messages.ok()) {
     return connection->Reply(Fail(messages.status()));
   }
-  if (desk.waiting_sends >= desk.limits.sends || page->waiting() >= Page::kMaxWaiting) {
+  const bool waits = !messages->empty() && messages->back().waits;
+  if (waits && (desk.waiting_sends >= desk.limits.sends || page->waiting() >= Page::kMaxWaiting)) {
     return connection->Reply(Busy("too many requests are already waiting for a reply"));
   }
   // Counted as long as the client waits for the answer.

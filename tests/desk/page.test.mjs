@@ -2,7 +2,7 @@
 import assert from "node:assert/strict";
 import { readdirSync } from "node:fs";
 import { writeFile } from "node:fs/promises";
-import { join } from "node:path";
+import { isAbsolute, join, relative } from "node:path";
 import { after, before, test } from "node:test";
 import { Desk, ended, isRunning, oneOfFiveIsBelow } from "./desk.mjs";
 
@@ -299,7 +299,9 @@ test("the desk starts in any state of the set, but not without a plug-in", async
   const fault = { call: "RegisterMessageHandler", path: "*", answer: -1, times: 1 };
   await desk.call("POST", "/api/faults", fault);
   await desk.call("PATCH", "/api/set", { latency: { getVersion: 60_000 } });
-  const second = await Desk.startOn(desk.store);
+  const second = await Desk.startOn(relative("", desk.store));
+  const { command } = await second.call("GET", "/api/desk");
+  assert(isAbsolute(command[command.indexOf("--store") + 1]), "starts it again from any folder");
   assert.deepEqual((await second.call("GET", "/api/faults")).faults, [fault]);
   assert.equal(await second.stop("SIGINT"), 0);
   await desk.call("POST", "/api/reset");
