@@ -17,6 +17,10 @@ int BlockSignals() {
   sigemptyset(&set);
   sigaddset(&set, SIGINT);
   sigaddset(&set, SIGTERM);
+  struct sigaction hangup = {};
+  if (sigaction(SIGHUP, nullptr, &hangup) == 0 && hangup.sa_handler != SIG_IGN) {
+    sigaddset(&set, SIGHUP);
+  }
   pthread_sigmask(SIG_BLOCK, &set, nullptr);
   return signalfd(-1, &set, SFD_CLOEXEC);
 }
@@ -24,6 +28,14 @@ int BlockSignals() {
 }  // namespace
 
 ShutdownSignal::ShutdownSignal() : signals_(BlockSignals()), raised_(eventfd(0, EFD_CLOEXEC)) {}
+
+// A SIGHUP that is pending now has its usual effect and status, after everything was put in order.
+ShutdownSignal::~ShutdownSignal() {
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGHUP);
+  pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+}
 
 void ShutdownSignal::Raise() {
   const std::uint64_t once = 1;

@@ -56,9 +56,13 @@ int ReplayInChild(const std::string& file, const ReplayOptions& options, const S
     return kCannotWork;
   }
   std::cout.flush();  // otherwise the child would print it too
+  const pid_t parent = getpid();
   const pid_t child = fork();
   if (child == 0) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent) {
+      _exit(kCannotWork);
+    }
     dlog::SetThreshold(options.log_level);
     std::exit(WithCheckedOutput([&] { return ReplayOne(file, options.plugin, folder.path() / "store"); }));
   }

@@ -506,11 +506,14 @@ TEST_F(ReplayTest, ReplayFromTheRecordedStateGivesTheSameOutput) {
   EXPECT_TRUE(std::filesystem::is_empty(temporary));
   const std::string pipe = folder() / "pipe";
   ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
-  Program interrupted({"replay", pipe}, log());
-  const std::ofstream writer(pipe);  // the constructor waits until the program reads
-  interrupted.Signal(SIGTERM);
-  EXPECT_EQ(interrupted.Wait(), 3);
-  EXPECT_TRUE(std::filesystem::is_empty(temporary));
+  std::signal(SIGHUP, SIG_DFL);  // nohup ignores it
+  for (const auto& [signal, status] : {std::pair(SIGTERM, 3), std::pair(SIGHUP, -SIGHUP)}) {
+    Program interrupted({"replay", pipe}, log());
+    const std::ofstream writer(pipe);  // the constructor waits until the program reads
+    interrupted.Signal(signal);
+    EXPECT_EQ(interrupted.Wait(), status);
+    EXPECT_TRUE(std::filesystem::is_empty(temporary)) << signal;
+  }
   unsetenv("TMPDIR");
   EXPECT_TRUE(Holds(Run({"host", "--record", "/dev/stdout"}).out, R"("recording")"));
   // The reader of the recording exits after the first line, so the second cannot be written.
