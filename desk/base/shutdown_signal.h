@@ -9,8 +9,8 @@ namespace desk {
 /// Tells that the program has to exit: because of SIGINT, SIGTERM or SIGHUP (unless it is ignored, as under nohup), or
 /// because of `Raise`.
 ///
-/// Must be created before any other thread: it blocks the signals in the calling thread, and threads inherit that. To be
-/// destroyed on the same thread: a SIGHUP ends the process there. Every other function may be called on any thread.
+/// Must be created before any other thread: it blocks the signals in the calling thread, and threads inherit that. To
+/// be destroyed on the same thread: a SIGHUP ends the process there. Every other function may be called on any thread.
 class ShutdownSignal {
  public:
   ShutdownSignal();

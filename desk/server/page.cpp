@@ -44,8 +44,8 @@ std::string_view MemberOf(std::string_view json, std::string_view name) {
   return found == members.end() ? std::string_view() : found->value;
 }
 
-// Whether `json` is an object whose member `text` is a string. Of duplicate members the last counts, as for every reader
-// of the log.
+// Whether `json` is an object whose member `text` is a string. Of duplicate members the last counts, as for every
+// reader of the log.
 bool HoldsText(std::string_view json) {
   const ParsedJson object = ParsedJson::parse(json);
   const auto text = object.find("text");

@@ -28,7 +28,6 @@ struct PageDescription {
   std::string title;
   std::string url;
   std::chrono::seconds grace{5};  ///< how long the page lives without a stream or a message
-
 };
 
 /// A page as clients see it under `/api/pages/ID`. To be used on the loop's thread only.

@@ -48,7 +48,7 @@ test("clients that disconnect before their reply", async () => {
     `Content-Length: ${body.length}\r\n\r\n${body}`;
   const waiting = [];
   for (let sends = 0; sends < 257; ++sends) waiting.push(await desk.dial(sends % 2 ? send : send + send));
-  assert.equal(await statusOf(waiting[16]), "503", "as many as may wait do");
+  assert.equal(await statusOf(waiting[16]), "503", "the limit of waiting requests is reached");
   assert.equal((await desk.send(page, { post: VERSION })).status, 200, "a post waits for nothing");
   await answersOthers();
   const other = await desk.openPage();
