@@ -44,6 +44,7 @@ class Pages final : private Page::Owner {
   const std::map<int, std::shared_ptr<Page>>& ended() const { return ended_; }
 
   std::size_t limit() const { return limit_; }
+  bool is_closing() const { return static_cast<bool>(on_closed_); }
   void set_limit(std::size_t limit) { limit_ = limit; }
 
   enum class Keep { kNothing, kHistory };

@@ -230,7 +230,8 @@ Answer OpenPage(Desk& desk, const HttpRequest& request) {
   try {
     const auto page = desk.pages.Open(*description, request.from_desk_page);
     return page ? JsonAnswer(page->Describe(), 201)
-                : Busy(std::to_string(desk.pages.limit()) + " pages are already open");
+                : Busy(desk.pages.is_closing() ? "the desk is ending"
+                                               : std::to_string(desk.pages.limit()) + " pages are already open");
   } catch (const std::system_error& error) {
     return Busy(std::string("no plug-in can be started: ") + error.what() +
                 "; close pages, or raise the desk's limits (ulimit -n, ulimit -u)");

@@ -97,8 +97,9 @@ observe(["pages", "selected"], () => {
   const chosen = selectedPage();
   for (const { id, state: now } of state.pages.values()) if (now === "running") alive.add(id);
   const isChosen = (each) => each === chosen || Boolean(chosen) && isAgain(chosen, each);
+  // A console of an earlier window concerns nobody any more.
   const crashed = [...state.pages.values()].filter((each) => each.state === "crashed" && !dismissed.has(each.id) &&
-    (!chosen || isChosen(each) || alive.has(each.id)));
+    (alive.has(each.id) || each.url !== location.href && (!chosen || isChosen(each))));
   crashed.sort((one, other) => isChosen(one) - isChosen(other) || one.number - other.number);
   const page = crashed.at(-1);
   report("crash", page ? { title: `The plug-in of ${titleOf(page)} ${howOf(page)}.`, lines: page.lastLog, dismiss: () => dismissCrash(page),
