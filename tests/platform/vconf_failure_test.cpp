@@ -485,7 +485,7 @@ TEST_F(VconfFailureTest, ChangesThatADeadWriterBeganToPublishArePublished) {
               // process then exits with the lock.
               auto& header = *static_cast<Header*>(base);
               const std::uint64_t number = header.last;
-              const std::uint32_t key = header.ring[number % header.records].key;
+              const std::uint32_t key = header.ring[static_cast<std::size_t>(number) % header.records].key;
               if (pthread_mutex_lock(&header.lock.mutex) != 0) return 2;
               header.last = number - 2;
               reinterpret_cast<Key*>(static_cast<char*>(base) + key)->version -= 1;
