@@ -86,9 +86,11 @@ void Pages::MakeRoomFor(const Page& page) {
 }
 
 void Pages::Drop(Page& page) {
+  const auto ended = std::ranges::find_if(ended_, [&](const auto& entry) { return entry.second.get() == &page; });
   if (leaving_.contains(page.number())) {
     forgotten_.insert(page.number());
-  } else if (std::erase_if(ended_, [&](const auto& entry) { return entry.second->number() == page.number(); }) > 0) {
+  } else if (ended != ended_.end()) {
+    const auto node = ended_.extract(ended);  // which may be the last to hold the page
     SendGone(page, false);
   }
 }
