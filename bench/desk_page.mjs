@@ -62,7 +62,7 @@ export async function measurePage() {
   const browser = await chromium.launch({ executablePath: "/usr/bin/chromium", args: ["--no-sandbox", "--disable-gpu"] });
   const page = await browser.newPage({ viewport: { width: 1280, height: 800 } });
   await page.goto(desk.url);
-  await page.getByRole("tab", { name: `All ${PAGES}` }).click();
+  await page.getByRole("tab", { name: `All (${PAGES})` }).click();
   const cdp = await page.context().newCDPSession(page);
   await cdp.send("Performance.enable", { timeDomain: "threadTicks" });
   const look = async () => {
