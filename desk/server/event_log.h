@@ -2,6 +2,7 @@
 
 // A bounded log of numbered events, for streams and for a page's history.
 
+#include <algorithm>
 #include <cstdint>
 #include <deque>
 #include <memory>
@@ -15,7 +16,12 @@ namespace desk {
 /// Text that several logs and streams share.
 using Text = std::shared_ptr<const std::string>;
 
-inline Text MakeText(std::string text) { return std::make_shared<const std::string>(std::move(text)); }
+/// JSON as one line: a plug-in may have printed line ends between its parts.
+inline Text MakeText(std::string json) {
+  std::ranges::replace_if(
+      json, [](char c) { return c == '\n' || c == '\r'; }, ' ');
+  return std::make_shared<const std::string>(std::move(json));
+}
 
 /// Keeps the newest events, numbered from 1. A reader keeps its own position, so it can continue after a break. To be
 /// used on the loop's thread only.

@@ -273,8 +273,6 @@ std::uint64_t Page::AddToDialogue(std::string_view kind, std::string_view body, 
   if (!now.empty()) {
     entry.append(R"(,"now":)").append(now);
   }
-  std::ranges::replace_if(
-      entry, [](char c) { return c == '\n' || c == '\r'; }, ' ');
   const Text text = MakeText(std::move(entry.append("}")));
   dialogue_.Add("dialogue", text);
   events_.Add("dialogue", text);

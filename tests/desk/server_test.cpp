@@ -124,8 +124,9 @@ class PagesTest : public testing::Test {
 };
 
 TEST_F(PagesTest, WhatAPlugInPrintsEndsOnlyItsPage) {
-  const auto page = Open(R"(echo '{"log": {"text": "a", "text": 5}}'; exit 7)");
+  const auto page = Open(R"(printf '{"message": {\r"a": 1}}\n{"log": {"text": "a", "text": 5}}\n'; exit 7)");
   ASSERT_TRUE(Await([&] { return page->crashed(); }));
+  EXPECT_EQ(page->deliveries().kept().front().data->find('\r'), std::string::npos) << "would end the event's line";
   EXPECT_TRUE(page->Describe()["lastLog"][0].is_string()) << page->Describe();
 }
 
