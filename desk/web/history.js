@@ -5,6 +5,7 @@ import { byId } from "./dom.js";
 import { observe, state } from "./state.js";
 
 const MAX = 1000; // rows at most; a row has one or two entries
+const KEPT = 200; // entries of each page at least, for the time after the desk has ended
 const PACE = 25; // minimum milliseconds between two updates, so that every second frame is free for other work
 const isShown = ({ page }) => !state.selected || page === state.selected;
 
@@ -56,7 +57,7 @@ export class History {
     if (!this.known.has(page)) this.known.set(page, []);
     const kept = this.known.get(page);
     kept.push(entry);
-    if (kept.length > 2 * MAX) kept.splice(0, MAX);
+    if (kept.length > 2 * KEPT) kept.splice(0, KEPT);
   }
 
   /** Reads the entries of each page, and shows the newest of all. */
