@@ -8,12 +8,25 @@ import { request as httpRequest } from "node:http";
 import { connect } from "node:net";
 import { dirname } from "node:path";
 import { createInterface } from "node:readline";
-import { setTimeout } from "node:timers/promises";
+import { setTimeout as sleep } from "node:timers/promises";
 import { fileURLToPath } from "node:url";
 import { promisify } from "node:util";
 
 const run = promisify(execFile);
 const program = process.env.MIRADO ?? fileURLToPath(new URL("../../build/release/bin/mirado", import.meta.url));
+
+// An emulated processor, or a sanitizer, may take five times as long.
+const slowness = process.env.MIRADO_EMULATED || process.env.MIRADO_SANITIZE ? 5 : 1;
+
+// What `promise` resolves with. Fails after a minute, and then says what did not come and what came instead.
+export async function within(promise, what, instead = () => "nothing") {
+  let timer;
+  const limit = 60_000 * slowness;
+  const late = new Promise((_, reject) => {
+    timer = setTimeout(() => reject(new Error(`${limit / 1000} s without ${what}; instead: ${instead()}`)), limit);
+  });
+  return Promise.race([promise, late]).finally(() => clearTimeout(timer));
+}
 
 const running = new Set(); // desks
 
@@ -56,9 +69,8 @@ export class Desk {
     running.add(desk);
     desk.child.once("exit", () => running.delete(desk));
     desk.lines = [];
-    for await (const line of createInterface(desk.child.stdout)) {
-      if (desk.lines.push(line) === 3) break;
-    }
+    const lines = createInterface(desk.child.stdout).on("line", (line) => desk.lines.push(line) === 3 && lines.close());
+    await within(once(lines, "close"), `three lines of ${run}`, () => desk.lines);
     for (const one of [desk.child, desk.child.stdin, desk.child.stdout]) one.unref();
     const link = /:(\d+)\/(?:\?token=(\w+))?$/.exec(desk.lines[0]);
     desk.port = Number(link?.[1]);
@@ -75,7 +87,7 @@ export class Desk {
   // Resolves with [status, signal] when the desk has exited.
   get exit() {
     this.child.ref();
-    return this.ended;
+    return within(this.ended, "the desk's exit");
   }
 
   // Ends the desk by a signal, or by closing its input. Returns the exit status.
@@ -94,7 +106,7 @@ export class Desk {
 
   // Resolves with {status, headers, text, json}; `json` is undefined if the text is not JSON.
   request(method, path, { body, headers = {}, agent = false } = {}) {
-    return new Promise((resolve, reject) => {
+    return within(new Promise((resolve, reject) => {
       const text = body === undefined || typeof body === "string" ? body : JSON.stringify(body);
       const usual = text === undefined ? {} :
         { "Content-Type": "application/json", "Content-Length": Buffer.byteLength(text) };
@@ -111,7 +123,7 @@ export class Desk {
       });
       request.on("error", reject);
       request.end(text);
-    });
+    }), `an answer to ${method} ${path.slice(0, 100)}`);
   }
 
   // For requests that must succeed.
@@ -135,7 +147,7 @@ export class Desk {
     const headers = lastEventId === undefined ? {} : { "Last-Event-ID": String(lastEventId) };
     stream.request = httpRequest({ host: "127.0.0.1", port: this.port, path, headers, agent: false });
     stream.request.on("error", () => {}).end();
-    [stream.response] = await once(stream.request, "response");
+    [stream.response] = await within(once(stream.request, "response"), `the head of ${path}`);
     assert.equal(stream.response.statusCode, 200);
     stream.events = stream.parse();
     return stream;
@@ -154,7 +166,7 @@ export class Desk {
     const frames = framesOf(socket);
     const { value: status } = await frames.next();
     const send = (message) => socket.write(frameOf(typeof message === "string" ? message : JSON.stringify(message)));
-    return { socket, status, send, receive: async () => (await frames.next()).value };
+    return { socket, status, send, receive: async () => (await within(frames.next(), `a frame for ${page.id}`)).value };
   }
 
   // A connection for requests that are not valid HTTP.
@@ -212,12 +224,17 @@ class Stream {
   }
 
   // The next event of `kind` that `matches`; earlier ones are skipped.
-  async next(kind, matches = () => true) {
-    for (;;) {
-      const { value, done } = await this.events.next();
-      assert(!done, `the stream ended before ${kind}`);
-      if (value.kind === kind && matches(value.data)) return value;
-    }
+  next(kind, matches = () => true) {
+    const skipped = [];
+    const find = async () => {
+      for (;;) {
+        const { value, done } = await this.events.next();
+        assert(!done, `the stream ended before ${kind}`);
+        if (value.kind === kind && matches(value.data)) return value;
+        skipped.push(JSON.stringify(value));
+      }
+    };
+    return within(find(), `${kind} with ${matches}`, () => skipped.slice(-5).join("\n"));
   }
 
   close() {
@@ -235,9 +252,9 @@ export function isRunning(pid) {
 }
 
 // `attempt` resolves with its duration in milliseconds. A busy machine may exceed `limit` once; a desk that waits where
-// it must not exceeds it each time. An emulated processor, or a sanitizer, may take five times as long.
+// it must not exceeds it each time.
 export async function oneOfFiveIsBelow(usual, attempt) {
-  const limit = process.env.MIRADO_EMULATED || process.env.MIRADO_SANITIZE ? usual * 5 : usual;
+  const limit = usual * slowness;
   const times = [];
   do times.push(await attempt()); while (times.at(-1) >= limit && times.length < 5);
   assert(times.at(-1) < limit, `milliseconds, of which one must be below ${limit}: ${times}`);
@@ -245,5 +262,12 @@ export async function oneOfFiveIsBelow(usual, attempt) {
 
 // Returns when a process that is not a child of this one has ended.
 export async function ended(pid) {
-  while (isRunning(pid)) await setTimeout(20);
+  for (const end = Date.now() + 60_000 * slowness; isRunning(pid); await sleep(20)) {
+    assert(Date.now() < end, `process ${pid} does not end`);
+  }
+}
+
+// All that the desk sends on a connection until it closes it.
+export async function contentOf(socket) {
+  return (await within(socket.toArray(), "the end of a connection")).join("");
 }

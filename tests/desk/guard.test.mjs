@@ -5,7 +5,7 @@ import { chmod, readFile, stat } from "node:fs/promises";
 import { connect, createServer } from "node:net";
 import { join } from "node:path";
 import { after, before, test } from "node:test";
-import { Desk, oneOfFiveIsBelow } from "./desk.mjs";
+import { contentOf, Desk, oneOfFiveIsBelow } from "./desk.mjs";
 
 let desk;
 before(async () => { desk = await Desk.start(); });
@@ -25,7 +25,7 @@ test("answers only requests to loopback names", async () => {
   for (const hosts of ["", "Host: \r\n", "Host: localhost\r\nHost: tv.example\r\n",
     `Host: localhost\r\nOrigin: ${OWN[0]}\r\nOrigin: http://tv.example\r\n`]) {
     const socket = await desk.dial(`GET /api/settings HTTP/1.1\r\nConnection: close\r\n${hosts}\r\n`);
-    assert.match((await socket.toArray()).join(""), /^HTTP\/1.1 40[03] /, hosts);
+    assert.match(await contentOf(socket), /^HTTP\/1.1 40[03] /, hosts);
   }
 });
 
@@ -173,7 +173,7 @@ test("does not wait for a body without a length, and sends complete answers", as
     await oneOfFiveIsBelow(2500, async () => {
       const start = performance.now();
       const socket = await desk.dial(`${line} HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n`);
-      const answer = (await socket.toArray()).join("");
+      const answer = await contentOf(socket);
       assert.match(answer, new RegExp(`^HTTP/1.1 ${status} `), line);
       assert.equal(answer.endsWith("\r\n\r\n"), line.startsWith("HEAD"), line);
       return performance.now() - start;
@@ -181,7 +181,7 @@ test("does not wait for a body without a length, and sends complete answers", as
   }
   const both = await desk.dial(["HEAD /api/desk", "GET /api/desk"].map((line) => `${line} HTTP/1.1\r\nHost: localhost\r\n`)
     .join("\r\n") + "Connection: close\r\n\r\n");
-  assert((await both.toArray()).join("").endsWith("}}"), "a HEAD is followed by a GET");
+  assert((await contentOf(both)).endsWith("}}"), "a HEAD is followed by a GET");
   assert((await desk.request("GET", "/api/set", { headers: { Range: "bytes=0-3" } })).json.latency);
 });
 
@@ -197,7 +197,7 @@ test("does not read the rest of a refused request as another request", async () 
   ]) {
     const socket = await desk.dial(first + hidden);
     socket.end();
-    await once(socket.resume(), "close");
+    await contentOf(socket);
   }
   assert.equal((await desk.call("GET", "/api/store/memory/tv-viewer/bg_executable")).value, 77);
 });

@@ -129,7 +129,7 @@ it("leaves no process and no file, also when many sets run at the same time", as
       await (await (await startSet()).openPage()).event("CAPTION", { timeout: 1 }).catch(() => {});
       ${how}`], { timeout: 30_000 });
     assert.ifError(error);
-    while (readdirSync(folder).length > 1) await once(removals, "change");
+    while (readdirSync(folder).length > 1) await once(removals, "change", { signal: AbortSignal.timeout(300_000) });
     assert.deepEqual(left(), []);
   }
 });
