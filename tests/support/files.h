@@ -1,20 +1,26 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <random>
 #include <string>
+#include <system_error>
 
 /// A temporary folder that the destructor removes.
 class TemporaryFolder {
  public:
   explicit TemporaryFolder(const std::filesystem::path& parent = std::filesystem::temp_directory_path()) {
-    std::string pattern = parent / "mirado-test-XXXXXX";
+    RemoveAbandoned(parent);
+    std::string pattern = parent / ("mirado-test-" + std::to_string(getpid()) + "-XXXXXX");
     EXPECT_NE(mkdtemp(pattern.data()), nullptr);
     path_ = pattern;
   }
@@ -25,6 +31,18 @@ class TemporaryFolder {
   std::string operator/(const char* name) const { return path_ / name; }
 
  private:
+  /// Removes the folders of tests that were killed.
+  static void RemoveAbandoned(const std::filesystem::path& parent) {
+    std::error_code ignored;
+    for (const auto& entry : std::filesystem::directory_iterator(parent, ignored)) {
+      int pid = 0;
+      if (sscanf(entry.path().filename().c_str(), "mirado-test-%d-", &pid) == 1 && kill(pid, 0) != 0 &&
+          errno == ESRCH) {
+        std::filesystem::remove_all(entry.path(), ignored);
+      }
+    }
+  }
+
   std::filesystem::path path_;
 };
 
