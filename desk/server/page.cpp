@@ -3,11 +3,9 @@
 #include <sys/wait.h>
 
 #include <algorithm>
-#include <array>
-#include <charconv>
-#include <cstdlib>
 #include <cstring>
 #include <random>
+#include <sstream>
 #include <utility>
 
 #include "set/catalog.h"
@@ -31,10 +29,9 @@ std::int64_t NowInMilliseconds() {
 // The page's number, for people, and a part that other clients cannot guess.
 std::string MakeId(int number) {
   std::random_device random;
-  std::array<char, 16> hex{};
-  const auto [end, error] =
-      std::to_chars(hex.data(), hex.data() + hex.size(), (static_cast<std::uint64_t>(random()) << 32U) | random(), 16);
-  return "p" + std::to_string(number) + "-" + std::string(hex.data(), end);
+  std::ostringstream id;
+  id << 'p' << number << '-' << std::hex << random() << random();
+  return id.str();
 }
 
 // The value of the member `name` of `json`, as JSON text; empty if there is none.
@@ -42,14 +39,6 @@ std::string_view MemberOf(std::string_view json, std::string_view name) {
   const auto members = RawMembers(json);
   const auto found = std::ranges::find(members, name, &RawMember::name);
   return found == members.end() ? std::string_view() : found->value;
-}
-
-// Whether `json` is an object whose member `text` is a string. Of duplicate members the last counts, as for every
-// reader of the log.
-bool HoldsText(std::string_view json) {
-  const ParsedJson object = ParsedJson::parse(json);
-  const auto text = object.find("text");
-  return text != object.end() && text->is_string();
 }
 
 // The current value of the setting that an event names, as JSON text. Empty for another message, or if the value cannot
@@ -113,8 +102,8 @@ std::uint64_t Page::Submit(const std::vector<Message>& messages, OnResult on_res
     if (message.number && last_number_ && *message.number <= *last_number_) {
       continue;
     }
-    if (ended_ || leaving_ || !host_->HasRoom()) {
-      on_result({.outcome = ended_ || leaving_ ? Outcome::kGone : Outcome::kFull});
+    if (!CanHear() || !host_->HasRoom()) {
+      on_result({.outcome = CanHear() ? Outcome::kFull : Outcome::kGone});
       return 0;
     }
     if (message.number) {
@@ -170,7 +159,7 @@ void Page::Take(const OutLine& out, std::string_view line) {
     case Out::kError:  // the desk sends only valid lines
       return OnLogLine(line);
     case Out::kLog:
-      return HoldsText(out.value) ? Log(out.value.substr(1, out.value.size() - 2)) : OnLogLine(line);
+      return TextOfLog(out.value) ? Log(out.value.substr(1, out.value.size() - 2)) : OnLogLine(line);
     case Out::kWatches:
       return OnWatches(out.value);
     case Out::kRecord:
@@ -237,14 +226,9 @@ Json Page::LastLog(std::ptrdiff_t count) const {
 }
 
 void Page::OnEnd(int wait_status) {
-  ended_ = true;
-  if (recording_) {
-    recording_->running = false;
-  }
-  watches_.clear();
-  ReleaseWaiting();
-  if (!leaving_) {
-    crashed_ = true;
+  host_.reset();
+  EndWaiting();
+  if (!left_) {
     crash_ = DescribeEnd(wait_status, LastLog(1));
     const std::string end = ToText(crash_);
     crash_["time"] = NowInMilliseconds();
@@ -263,12 +247,9 @@ std::uint64_t Page::AddToDialogue(std::string_view kind, std::string_view body, 
   entry.append(R"(,"time":)").append(std::to_string(NowInMilliseconds())).append(R"(,"kind":")").append(kind);
   entry.append(R"(","body":)").append(body);
   if (answers != nullptr) {
-    const auto duration = std::chrono::round<std::chrono::microseconds>(Clock::now() - answers->start).count();
-    std::array<char, 32> milliseconds{};
-    const int size = std::snprintf(milliseconds.data(), milliseconds.size(), "%lld.%03lld",
-                                   static_cast<long long>(duration / 1000), static_cast<long long>(duration % 1000));
-    entry.append(R"(,"to":)").append(std::to_string(answers->entry));
-    entry.append(R"(,"duration":)").append(milliseconds.data(), static_cast<std::size_t>(size));
+    const auto duration = std::chrono::round<std::chrono::microseconds>(Clock::now() - answers->start);
+    entry.append(R"(,"to":)").append(std::to_string(answers->entry)).append(R"(,"duration":)");
+    entry.append(ToText(std::chrono::duration<double, std::milli>(duration).count()));
   }
   if (!now.empty()) {
     entry.append(R"(,"now":)").append(now);
@@ -279,7 +260,12 @@ std::uint64_t Page::AddToDialogue(std::string_view kind, std::string_view body, 
   return entries_;
 }
 
-void Page::ReleaseWaiting() {
+// The plug-in gets no more messages.
+void Page::EndWaiting() {
+  if (recording_) {
+    recording_->running = false;
+  }
+  watches_.clear();
   posts_.clear();
   for (const PendingSend& pending : std::exchange(sends_, {})) {
     if (pending.on_result) {
@@ -288,23 +274,31 @@ void Page::ReleaseWaiting() {
   }
 }
 
-// A page that has left gets no more readers.
+// A page that has left gets no more streams.
 void Page::ReleaseDeliveries() {
-  if (leaving_ && streams_ == 0) {
+  if (left_ && streams_ == 0) {
     deliveries_.Clear();
   }
 }
 
 void Page::End(std::string_view reason) {
-  if (!ended_ && !leaving_) {
+  if (CanHear()) {
     deliveries_.Add("crash", MakeText(ToText({{"status", nullptr}, {"signal", nullptr}, {"reason", reason}})));
   }
-  leaving_ = true;
+  left_ = true;
   abandon_timer_.cancel();
   deliveries_.Close();  // now, so that nothing follows the last event
   ReleaseDeliveries();
-  ReleaseWaiting();
-  host_->End();
+  EndWaiting();
+  if (host_) {
+    host_->End();
+  }
+}
+
+void Page::Kill() {
+  if (host_) {
+    host_->Kill();
+  }
 }
 
 Json Page::Describe() const {
@@ -312,10 +306,10 @@ Json Page::Describe() const {
             {"number", number_},
             {"title", description_.title},
             {"url", description_.url},
-            {"state", crashed_   ? "crashed"
-                      : leaving_ ? "ended"
-                                 : "running"},
-            {"open", !leaving_},
+            {"state", crashed() ? "crashed"
+                      : left_   ? "ended"
+                                : "running"},
+            {"open", !left_},
             {"pid", pid_},
             {"since", since_},
             {"watches", watches_},
@@ -329,7 +323,7 @@ Json Page::Describe() const {
                          {"running", recording_->running},
                          {"full", recording_->full}};
   }
-  if (crashed_) {
+  if (crashed()) {
     json["lastLog"] = LastLog(kLastLines);
     json["crash"] = crash_;
   }
@@ -339,7 +333,7 @@ Json Page::Describe() const {
 bool Page::Watches(std::string_view path) const { return std::ranges::find(watches_, path) != watches_.end(); }
 
 bool Page::StartRecording() {
-  if ((recording_ && recording_->running) || ended_ || leaving_) {
+  if ((recording_ && recording_->running) || !CanHear()) {
     return false;
   }
   recording_ = {.since = NowInMilliseconds(), .text = {}};
@@ -382,7 +376,7 @@ void Page::StreamClosed() {
 // Runs again when the grace could have passed. A client that waits for a reply sends nothing meanwhile, so the maximum
 // latency is added.
 void Page::CheckAbandoned() {
-  if (leaving_ || streams_ > 0) {
+  if (left_ || streams_ > 0) {
     return;
   }
   const auto end = last_activity_ + description_.grace + std::chrono::milliseconds(waiting() > 0 ? kMaxLatency : 0);

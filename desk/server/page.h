@@ -113,7 +113,7 @@ class Page final : private HostProcess::Listener {
   /// The last recording, if one was started.
   const std::optional<Recording>& recording() const { return recording_; }
 
-  void Kill() { host_->Kill(); }
+  void Kill();
 
   /// Asks the process to exit, ends waiting sends, and ends the streams of deliveries, after an event `crash` with
   /// `reason` unless there was a crash. Does not wait.
@@ -125,10 +125,7 @@ class Page final : private HostProcess::Listener {
   int streams() const { return streams_; }
 
   /// The process has ended before the page left.
-  bool crashed() const { return crashed_; }
-
-  /// Releases the descriptors of a process that has ended. Not in a call of the owner.
-  void ReleaseProcess() { host_.reset(); }
+  bool crashed() const { return !crash_.is_null(); }
 
  private:
   // A message that the plug-in has not answered yet.
@@ -155,7 +152,8 @@ class Page final : private HostProcess::Listener {
   std::uint64_t AddToDialogue(std::string_view kind, std::string_view body, const Pending* answers = nullptr,
                               std::string_view now = {});
   void SendPageEvent() { events_.Add("page", MakeText(ToText(Describe()))); }
-  void ReleaseWaiting();
+  bool CanHear() const { return host_ && !left_; }
+  void EndWaiting();
   void ReleaseDeliveries();
   void CheckAbandoned();
 
@@ -180,12 +178,10 @@ class Page final : private HostProcess::Listener {
   std::uint64_t delivered_ = 0;
   int streams_ = 0;
   Clock::time_point last_activity_ = Clock::now();
-  bool leaving_ = false;
-  bool ended_ = false;
-  bool crashed_ = false;  // its process ended before the page left
-  Json crash_;            // how and when, if it crashed
+  bool left_ = false;
+  Json crash_;  // how and when, if its process ended before the page left
   boost::asio::steady_timer abandon_timer_;
-  std::shared_ptr<HostProcess> host_;
+  std::shared_ptr<HostProcess> host_;  // null once the process has ended
   const int pid_;
 };
 

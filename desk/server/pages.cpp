@@ -28,44 +28,32 @@ std::shared_ptr<Page> Pages::FindIn(const Map& pages, std::string_view id) {
   return found == pages.end() ? nullptr : found->second;
 }
 
-std::shared_ptr<Page> Pages::FindEnded(std::string_view id) const {
-  const auto leaving = FindIn(leaving_, id);
-  return leaving && !forgotten_.contains(leaving->number()) ? leaving : FindIn(ended_, id);
-}
-
 void Pages::Leave(Page& page, Keep keep, std::string_view reason) {
   auto node = pages_.extract(page.number());
   if (node.empty()) {
     return;
   }
   const std::shared_ptr<Page> held = node.mapped();
-  const bool crashed = held->crashed();
-  leaving_.insert(std::move(node));
-  if (keep == Keep::kNothing || held->dialogue().newest() == 0) {
-    forgotten_.insert(page.number());
+  if (keep == Keep::kHistory && page.dialogue().newest() > 0) {
+    MakeRoomFor(page);
+    ended_.emplace(++last_end_, held);
   }
-  held->End(reason);
-  if (crashed) {
-    OnEnded(page);
+  page.End(reason);
+  if (page.crashed()) {
+    SendGone(page);
+  } else {
+    leaving_.insert(std::move(node));
   }
   on_change_();
 }
 
 void Pages::OnEnded(Page& page) {
-  auto node = leaving_.extract(page.number());
+  const auto node = leaving_.extract(page.number());
   if (node.empty()) {
     return;  // it has crashed and stays open
   }
-  const std::shared_ptr<Page> held = node.mapped();
-  const bool kept = forgotten_.erase(page.number()) == 0;
-  if (kept) {
-    MakeRoomFor(page);
-    ended_.emplace(++last_end_, held);
-  }
-  SendGone(page, kept);
-  // Later, because the process is the caller.
-  boost::asio::post(loop_, [held] { held->ReleaseProcess(); });
-  if (on_closed_ && pages_.empty() && leaving_.empty()) {
+  SendGone(page);
+  if (on_closed_ && leaving_.empty()) {
     boost::asio::post(loop_, on_closed_);
   }
 }
@@ -85,20 +73,20 @@ void Pages::MakeRoomFor(const Page& page) {
   }
 }
 
-void Pages::Drop(Page& page) {
-  const auto ended = std::ranges::find_if(ended_, [&](const auto& entry) { return entry.second.get() == &page; });
-  if (leaving_.contains(page.number())) {
-    forgotten_.insert(page.number());
-  } else if (ended != ended_.end()) {
-    const auto node = ended_.extract(ended);  // which may be the last to hold the page
-    SendGone(page, false);
+void Pages::Drop(const Page& page) {
+  const auto found = std::ranges::find_if(ended_, [&](const auto& entry) { return entry.second.get() == &page; });
+  if (found == ended_.end()) {
+    return;
+  }
+  const auto node = ended_.extract(found);  // which may be the last to hold the page
+  if (!leaving_.contains(page.number())) {
+    SendGone(page);  // again, to say that it is kept no more
   }
 }
 
-void Pages::SendGone(const Page& page, bool kept) {
-  events_.Add(
-      "gone",
-      MakeText(ToText({{"id", page.id()}, {"number", page.number()}, {"ended", kept ? page.Describe() : Json()}})));
+void Pages::SendGone(const Page& page) {
+  const Json ended = FindEnded(page.id()) ? page.Describe() : Json();
+  events_.Add("gone", MakeText(ToText({{"id", page.id()}, {"number", page.number()}, {"ended", ended}})));
 }
 
 void Pages::Close(std::function<void()> on_closed) {

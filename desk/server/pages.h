@@ -1,11 +1,10 @@
 #pragma once
 
-// The pages of the desk: open, leaving and ended.
+// The pages of the desk: those that are open, and those that have left.
 
 #include <functional>
 #include <map>
 #include <memory>
-#include <set>
 #include <string>
 #include <string_view>
 
@@ -15,7 +14,7 @@
 
 namespace desk {
 
-/// Owns the open pages, the pages whose processes are still ending, and the last ended pages with their history. To be
+/// Owns the open pages, those whose processes are still ending, and the last that have left, with their history. To be
 /// used on the loop's thread only.
 class Pages final : private Page::Owner {
  public:
@@ -34,13 +33,14 @@ class Pages final : private Page::Owner {
 
   /// An open page; null for an unknown one.
   std::shared_ptr<Page> Find(std::string_view id) const { return FindIn(pages_, id); }
-  /// A page that has left and is or will be one of `ended`; null for an unknown one.
-  std::shared_ptr<Page> FindEnded(std::string_view id) const;
+  /// One of `ended`; null for another one.
+  std::shared_ptr<Page> FindEnded(std::string_view id) const { return FindIn(ended_, id); }
 
   /// The open pages by number, in the order in which they were opened.
   const std::map<int, std::shared_ptr<Page>>& all() const { return pages_; }
-  /// The ended pages that are kept, in the order in which they ended: at most `kMaxEnded`. Of pages with the same title
-  /// and URL only the last is kept, and those that were recorded or crashed.
+  /// The pages that have left and are kept, in the order in which they left: at most `kMaxEnded`. Of pages with the
+  /// same title and URL only the last is kept, and those that were recorded or crashed. The process may still be
+  /// ending.
   const std::map<int, std::shared_ptr<Page>>& ended() const { return ended_; }
 
   std::size_t limit() const { return limit_; }
@@ -51,8 +51,8 @@ class Pages final : private Page::Owner {
   /// Ends an open page. With `kHistory` it becomes one of `ended` if its dialogue is not empty.
   void Leave(Page& page, Keep keep, std::string_view reason = "the desk has ended this page");
 
-  /// Removes an ended page, or one that would become one.
-  void Drop(Page& page);
+  /// Removes a page from `ended`, if it is there.
+  void Drop(const Page& page);
 
   /// Ends all pages and opens no more. `on_closed` is called when all processes have ended.
   void Close(std::function<void()> on_closed);
@@ -64,7 +64,7 @@ class Pages final : private Page::Owner {
   void OnAbandoned(Page& page) override { Leave(page, Keep::kHistory); }
   void OnEnded(Page& page) override;
   void MakeRoomFor(const Page& page);
-  void SendGone(const Page& page, bool kept);
+  void SendGone(const Page& page);
 
   boost::asio::io_context& loop_;
   const HostCommand command_;
@@ -72,9 +72,8 @@ class Pages final : private Page::Owner {
   std::size_t limit_ = kMaxPages;
   const std::function<void()> on_change_;
   Map pages_;
-  Map leaving_;              // until their processes have ended
-  std::set<int> forgotten_;  // of these, the ones that are not kept
-  Map ended_;                // by the order of their ends
+  Map leaving_;  // until their processes have ended
+  Map ended_;    // by the order in which they left; some are also in `leaving_`
   std::function<void()> on_closed_;
   int last_number_ = 0;
   int last_end_ = 0;

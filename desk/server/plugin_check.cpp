@@ -16,9 +16,7 @@ PluginCheck::PluginCheck(boost::asio::io_context& loop, HostCommand command, std
 void PluginCheck::OnLine(std::string_view line) {
   const auto out = ReadOutLine(line);
   if (!out || out->kind == Out::kLog) {
-    const ParsedJson log = out ? ParsedJson::parse(out->value) : ParsedJson();
-    const bool is_text = log.is_object() && log.contains("text") && log["text"].is_string();
-    last_line_ = is_text ? log["text"].get<std::string>() : std::string(line);
+    last_line_ = (out ? TextOfLog(out->value) : std::nullopt).value_or(std::string(line));
     return;
   }
   if (out->kind != Out::kReply) {

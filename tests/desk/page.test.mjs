@@ -176,6 +176,7 @@ test("a page that leaves, or is silent too long, ends with its process", async (
   while (gone.size) {
     const { data } = await departures.next("gone", ({ id }) => gone.has(id));
     assert(!isRunning(gone.get(data.id)));
+    assert.equal(data.ended === null, [closed.id, silent.id].includes(data.id), "kept only if something was said");
     assert.equal((await desk.request("GET", `/api/pages/${data.id}`)).status, 404);
     gone.delete(data.id);
   }
@@ -190,7 +191,10 @@ test("a page that has left can be read, and deleted, while its process still end
   process.kill(page.pid, "SIGSTOP"); // two seconds pass before it is killed
   await desk.call("POST", `/api/pages/${page.id}/leave`);
   await desk.call("GET", `/api/pages/${page.id}/dialogue`);
+  const listed = async () => (await desk.call("GET", "/api/pages")).ended.filter(({ id }) => id === page.id);
+  assert.deepEqual((await listed()).map(({ state }) => state), ["ended"]);
   await desk.call("DELETE", `/api/pages/${page.id}`);
+  assert.deepEqual(await listed(), []);
   assert.equal((await desk.request("GET", `/api/pages/${page.id}/dialogue`)).status, 404);
   await events.next("gone", ({ id, ended }) => id === page.id && !ended);
   events.close();
