@@ -120,7 +120,11 @@ void Desk::OnChange(const vconf::Change& change) {
 
 vconf::Status Desk::Start() {
   if (options.token || !options.listen.empty()) {
-    check_ = OriginCheck(KeptToken(options.host.store), !options.listen.empty());
+    auto token = KeptToken(options.host.store);
+    if (!token.ok()) {
+      return token.status();
+    }
+    check_ = OriginCheck(*std::move(token), !options.listen.empty());
   }
   if (vconf::Status status = listener_.Listen(options.port, options.listen); !status.ok()) {
     return status;
@@ -155,21 +159,17 @@ vconf::Status Desk::Start() {
   return {};
 }
 
-std::vector<std::string> Desk::Links() const {
-  std::vector<std::string> links;
-  const std::string query = check_.token().empty() ? "" : "?token=" + check_.token();
-  links.push_back("http://localhost:" + std::to_string(listener_.port()) + "/" + query);
-  if (!options.listen.empty()) {
-    Error ignored;
-    links.push_back("http://" + InBrackets(boost::asio::ip::make_address(options.listen, ignored)) + ":" +
-                    std::to_string(listener_.port()) + "/" + query);
-  }
-  return links;
+std::string Desk::Link(const std::string& host, std::string_view path) const {
+  return "http://" + host + ":" + std::to_string(listener_.port()) + std::string(path) +
+         (check_.token().empty() ? "" : "?token=" + check_.token());
 }
 
-std::string Desk::Script() const {
-  return "http://localhost:" + std::to_string(listener_.port()) + "/desk.js" +
-         (check_.token().empty() ? "" : "?token=" + check_.token());
+std::vector<std::string> Desk::Links() const {
+  std::vector<std::string> links = {Link("localhost", "/")};
+  if (!options.listen.empty()) {
+    links.push_back(Link(InBrackets(boost::asio::ip::make_address(options.listen)), "/"));
+  }
+  return links;
 }
 
 std::vector<std::string> Desk::Command() const {
@@ -224,9 +224,9 @@ void Desk::SendDeskEvent() {
 
 Router::Handler Desk::OnStore(StoreUse use, std::function<Answer(const HttpRequest&)> work) {
   return [this, use, work = std::move(work)](HttpRequest& request, const ConnectionPtr& connection) {
+    ++store_requests_;
     const auto until_answered = boost::asio::make_work_guard(loop);
     auto run = [this, use, work, request = std::move(request), connection = connection, until_answered]() mutable {
-      store_busy_ = true;
       Answer answer;
       try {
         answer = work(request);
@@ -244,7 +244,7 @@ Router::Handler Desk::OnStore(StoreUse use, std::function<Answer(const HttpReque
         }
         connection->Reply(answer);
       });
-      store_busy_ = false;
+      --store_requests_;
     };
     boost::asio::post(store_thread_, std::move(run));
   };
@@ -314,14 +314,13 @@ int Desk::Run() {
     End();
     loop.run();
   }
-  // All processes have ended. Streams get their last events, and the store finishes a running change; queued changes
-  // are dropped.
-  store_thread_.stop();
+  // All processes have ended. Streams get their last events, and the store makes the changes that it has been asked
+  // for.
   events.Close();
   clients_.CloseIdle();
   loop.restart();
   loop.run_for(kShutdownTime);
-  if (store_busy_) {
+  if (store_requests_ > 0) {
     std::cerr << "mirado desk: a change of the store has not finished; the disk may not be responding" << std::endl;
     std::_Exit(status_);
   }

@@ -6,6 +6,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <boost/asio/io_context.hpp>
@@ -58,14 +59,14 @@ class Desk {
   /// Starts listening and the query for the plug-in's version. Throws `std::system_error` if no process can be created.
   vconf::Status Start();
 
-  /// Serves until a signal asks the desk to exit, and returns the exit status. If a change of the store takes longer
+  /// Serves until a signal asks the desk to exit, and returns the exit status. If changes of the store take longer
   /// than two seconds then, such as when a disk hangs, it exits the process instead.
   int Run();
 
   /// The links to the desk's page with the token, if there is one; the first is for this machine.
   std::vector<std::string> Links() const;
   /// The address of desk.js for a page on this machine.
-  std::string Script() const;
+  std::string Script() const { return Link("localhost", "/desk.js"); }
   /// The words of a command line that starts this desk again.
   std::vector<std::string> Command() const;
 
@@ -95,6 +96,7 @@ class Desk {
   vconf::Status store;  ///< of opening the store
 
  private:
+  std::string Link(const std::string& host, std::string_view path) const;
   void OnChange(const vconf::Change& change);
   void OnPluginCheck();
   void Handle(HttpRequest& request, const ConnectionPtr& connection);
@@ -111,7 +113,7 @@ class Desk {
   std::unique_ptr<PluginCheck> plugin_;
   std::unique_ptr<vconf::Watch> watch_;
   boost::asio::thread_pool store_thread_{1};
-  std::atomic<bool> store_busy_ = false;
+  std::atomic<int> store_requests_ = 0;  // queued or running on the store's thread
   std::string last_desk_event_;
   int status_ = 0;
   bool plugin_reported_ = false;

@@ -7,14 +7,15 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
-#include <cerrno>
 #include <charconv>
 #include <cstdint>
 #include <random>
 #include <system_error>
+#include <utility>
 
 #include <boost/asio/ip/address.hpp>
 
+#include "base/files.h"
 #include "base/unique_fd.h"
 
 namespace desk {
@@ -55,8 +56,6 @@ std::string_view HostOf(std::string_view origin) {
   const std::size_t scheme = origin.find("://");
   return scheme == std::string_view::npos ? std::string_view() : origin.substr(scheme + 3);
 }
-
-[[noreturn]] void ThrowErrno(const std::string& file) { throw std::system_error(errno, std::generic_category(), file); }
 
 std::string MakeToken() {
   constexpr std::string_view kDigits = "0123456789abcdef";
@@ -126,32 +125,19 @@ bool OriginCheck::Knows(std::string_view token) const {
   return difference == 0;
 }
 
-std::string KeptToken(const std::string& store) {
+vconf::Result<std::string> KeptToken(const std::string& store) {
   const std::string file = store + "/token";
-  constexpr mode_t kOwnerOnly = 0600;
-  for (int tries = 0; tries < 2; ++tries) {
-    if (const UniqueFd made(open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kOwnerOnly)); made) {
-      std::string token = MakeToken();
-      if (write(made.get(), token.data(), token.size()) != static_cast<ssize_t>(token.size())) {
-        unlink(file.c_str());
-        ThrowErrno(file);
-      }
-      return token;
-    }
-    const UniqueFd kept(open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
-    if (errno != EEXIST && !kept) {
-      ThrowErrno(file);
-    }
-    struct stat status {};
-    std::array<char, kTokenLength> token{};
-    if (kept && fstat(kept.get(), &status) == 0 && status.st_uid == geteuid() && (status.st_mode & 077U) == 0 &&
-        read(kept.get(), token.data(), token.size()) == static_cast<ssize_t>(token.size())) {
-      return {token.data(), token.size()};
-    }
-    // Others could read it, or it is not a token: it is replaced.
-    unlink(file.c_str());
+  const UniqueFd kept(open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+  struct stat status {};
+  std::array<char, kTokenLength> token{};
+  if (kept && fstat(kept.get(), &status) == 0 && status.st_uid == geteuid() && (status.st_mode & 077U) == 0 &&
+      read(kept.get(), token.data(), token.size()) == static_cast<ssize_t>(token.size())) {
+    return std::string(token.data(), token.size());
   }
-  ThrowErrno(file);
+  // It is missing, others could read it, or it is not a token.
+  std::string made = MakeToken();
+  const vconf::Status replaced = ReplaceFile(file, made);
+  return replaced.ok() ? vconf::Result<std::string>(std::move(made)) : replaced;
 }
 
 }  // namespace desk

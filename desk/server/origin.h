@@ -6,6 +6,9 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
+
+#include "result.h"
 
 namespace desk {
 
@@ -48,8 +51,7 @@ class OriginCheck {
   bool elsewhere_;
 };
 
-/// Reads the token from the folder `store`, or creates it: a file that only its owner may read. Throws
-/// `std::system_error`, whose text names the file.
-std::string KeptToken(const std::string& store);
+/// Reads the token from the folder `store`, or creates it: a file that only its owner may read.
+vconf::Result<std::string> KeptToken(const std::string& store);
 
 }  // namespace desk
