@@ -5,6 +5,7 @@
 #include <string>
 #include <string_view>
 
+#include "base/http_status.h"
 #include "base/json.h"
 #include "result.h"
 
@@ -22,10 +23,21 @@ struct Answer {
 inline Answer JsonAnswer(const Json& json, unsigned status = 200) { return {.status = status, .body = ToText(json)}; }
 
 /// {"error": text, "code": name}, with the HTTP status for `status`, which must be a failure.
-Answer Fail(const vconf::Status& status);
+inline Answer Fail(const vconf::Status& status) {
+  const HttpCode code = HttpCodeOf(status.code());
+  return JsonAnswer({{"error", status.text()}, {"code", code.name}}, static_cast<unsigned>(code.status));
+}
 
 /// {"error": text}: a failure that has no code.
-Answer Fail(unsigned http_status, const std::string& text);
+inline Answer Fail(unsigned http_status, const std::string& text) { return JsonAnswer({{"error", text}}, http_status); }
+
+/// {} or the failure.
+inline Answer AnswerOf(const vconf::Status& status) { return status.ok() ? Answer{} : Fail(status); }
+
+/// What `result` holds, or the failure.
+inline Answer AnswerOf(const vconf::Result<Json>& result) {
+  return result.ok() ? JsonAnswer(*result) : Fail(result.status());
+}
 
 /// The answer if a limit of the desk is reached.
 inline Answer Busy(std::string text) { return Fail({vconf::Code::kBusy, std::move(text)}); }

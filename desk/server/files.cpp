@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "base/files.h"
 #include "base/paths.h"
@@ -19,10 +20,7 @@ constexpr char kPolicy[] =
     "base-uri 'none'; "
     "form-action 'none'; frame-ancestors 'none'";
 
-struct TypeRow {
-  std::string_view extension;
-  std::string_view type;
-};
+using TypeRow = std::pair<std::string_view, std::string_view>;  // of a file name's extension
 constexpr std::array<TypeRow, 8> kTypes{{{".html", "text/html; charset=utf-8"},
                                          {".js", "text/javascript; charset=utf-8"},
                                          {".css", "text/css; charset=utf-8"},
@@ -42,13 +40,13 @@ bool IsInside(const std::string& name) {
 Answer Serve(const std::filesystem::path& folder, const std::string& name) {
   const std::filesystem::path file = folder / (name.empty() ? "index.html" : name);
   const std::string extension = file.extension();
-  const auto* const row = std::ranges::find(kTypes, extension, &TypeRow::extension);
+  const auto* const row = std::ranges::find(kTypes, extension, &TypeRow::first);
   auto content = row != kTypes.end() && IsInside(name) ? ReadFile(file) : vconf::Status(vconf::Code::kMissing, name);
   if (!content.ok()) {
     return Fail(404, "there is nothing at /" + name);
   }
   return {.body = *std::move(content),
-          .type = row->type,
+          .type = row->second,
           .policy = extension == ".html" ? kPolicy : "",
           .anywhere = extension == ".js"};
 }
@@ -74,7 +72,6 @@ void AddFiles(Router& router) {
   serve("/", web, "index.html");
   serve("/mirado.js", data / "page", "mirado.js");
   serve("/mirado.classic.js", data / "page", "mirado.classic.js");
-  serve("/openapi.json", web, "openapi.json");
   router.Get("/example/", [folder = data / "example"](const HttpRequest&) { return ServeExample(folder); });
   router.Get("/example/**",
              [folder = data / "example"](const HttpRequest& request) { return Serve(folder, request.parts[0]); });

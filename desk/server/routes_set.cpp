@@ -11,11 +11,6 @@
 namespace desk {
 namespace {
 
-Answer AnswerWithSet() {
-  const auto set = DescribeSet();
-  return set.ok() ? JsonAnswer(*set) : Fail(set.status());
-}
-
 Answer AnswerWithFaults() {
   const auto set_faults = vconf::ListFaults();
   if (!set_faults.ok()) {
@@ -62,8 +57,6 @@ Answer AnswerWithScenarios(const std::string& store) {
   return JsonAnswer({{"scenarios", std::move(scenarios)}});
 }
 
-Answer AnswerWith(const vconf::Status& status) { return status.ok() ? Answer{} : Fail(status); }
-
 Answer AnswerWithFaults(const vconf::Status& status) { return status.ok() ? AnswerWithFaults() : Fail(status); }
 
 vconf::Status SaveAs(const std::string& store, const HttpRequest& request) {
@@ -97,13 +90,13 @@ void AddSetRoutes(Router& router, Desk& desk) {
   constexpr auto kChanges = StoreUse::kChangesSet;
   router.Get("/api/desk", [&desk](Request) { return JsonAnswer(desk.Describe()); });
 
-  router.Add(verb::get, "/api/set", Body::kNone, desk.OnStore(kReads, [](Request) { return AnswerWithSet(); }));
+  router.Add(verb::get, "/api/set", Body::kNone, desk.OnStore(kReads, [](Request) { return AnswerOf(DescribeSet()); }));
   router.Add(verb::patch, "/api/set", Body::kJson, desk.OnStore(kChanges, [](Request request) {
     const vconf::Status status = ChangeSet(request.json);
-    return status.ok() ? AnswerWithSet() : Fail(status);
+    return status.ok() ? AnswerOf(DescribeSet()) : Fail(status);
   }));
   router.Add(verb::post, "/api/reset", Body::kNone, desk.OnStore(kChanges, [&desk](Request request) {
-    return request.Query("force") == "1" ? desk.ReplaceStore() : AnswerWith(ResetSet());
+    return request.Query("force") == "1" ? desk.ReplaceStore() : AnswerOf(ResetSet());
   }));
 
   router.Add(verb::get, "/api/faults", Body::kNone, desk.OnStore(kReads, [](Request) { return AnswerWithFaults(); }));
@@ -120,12 +113,12 @@ void AddSetRoutes(Router& router, Desk& desk) {
     return scenario.ok() ? Answer{.body = scenario->dump()} : Fail(scenario.status());
   }));
   router.Add(verb::put, "/api/scenarios/*", Body::kJson,
-             desk.OnStore(kReads, [&store](Request request) { return AnswerWith(SaveAs(store, request)); }));
+             desk.OnStore(kReads, [&store](Request request) { return AnswerOf(SaveAs(store, request)); }));
   router.Add(verb::delete_, "/api/scenarios/*", Body::kNone, desk.OnStore(kReads, [&store](Request request) {
-    return AnswerWith(RemoveScenario(store, request.parts[0]));
+    return AnswerOf(RemoveScenario(store, request.parts[0]));
   }));
   router.Add(verb::post, "/api/scenarios/*/load", Body::kNone,
-             desk.OnStore(kChanges, [&store](Request request) { return AnswerWith(Load(store, request.parts[0])); }));
+             desk.OnStore(kChanges, [&store](Request request) { return AnswerOf(Load(store, request.parts[0])); }));
 }
 
 }  // namespace desk

@@ -85,11 +85,8 @@ Answer Write(const HttpRequest& request) {
 
 Answer Remove(const HttpRequest& request) {
   const std::string& path = request.parts[0];
-  vconf::Status status = CheckPath(path);
-  if (status.ok()) {
-    status = vconf::Remove(path);
-  }
-  return status.ok() ? Answer{} : Fail(status);
+  const vconf::Status status = CheckPath(path);
+  return AnswerOf(status.ok() ? vconf::Remove(path) : status);
 }
 
 }  // namespace
