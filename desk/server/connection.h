@@ -130,9 +130,9 @@ class Connection final : public Client, public std::enable_shared_from_this<Conn
   using Handler = std::function<void(HttpRequest&, const std::shared_ptr<Connection>&)>;
 
   static constexpr std::size_t kMaxBody = 64UL * 1024;
-  static constexpr std::chrono::seconds kRequestTime{3};  ///< from the first to the last byte of a request
-  static constexpr std::chrono::seconds kIdleTime{60};    ///< between requests
-  static constexpr std::chrono::seconds kAnswerTime{10};  ///< for the client to read an answer
+  static constexpr std::chrono::seconds kRequestTime{10};  ///< from the first to the last byte of a request
+  static constexpr std::chrono::seconds kIdleTime{60};     ///< between requests
+  static constexpr std::chrono::seconds kAnswerTime{10};   ///< for the client to read an answer
 
   /// `check` and `handler` must outlive the connection.
   Connection(Socket socket, Clients& all, const OriginCheck& check, const Handler& handler);
