@@ -50,8 +50,6 @@ std::string DefaultPlugin() {
 
 std::string MiradoProgram() { return UnderPrefix(MIRADO_BINDIR "/mirado"); }
 
-std::string DeskProgram() { return UnderPrefix(MIRADO_LIBEXECDIR "/mirado-desk"); }
-
 std::string WebFolder() { return UnderPrefix(MIRADO_DATADIR "/web"); }
 
 }  // namespace desk

@@ -15,9 +15,6 @@ std::string DefaultPlugin();
 /// The program `mirado`.
 std::string MiradoProgram();
 
-/// The program that `mirado desk` executes.
-std::string DeskProgram();
-
 /// The files that the desk serves.
 std::string WebFolder();
 

@@ -48,8 +48,8 @@ Words Keys() {
   return keys;
 }
 
-/// The possible values of the argument `name`; `given` are the arguments before it.
-Words Values(const CLI::Option& option, const Words& given) {
+/// The possible values of an argument, which its name tells.
+Words Values(const CLI::Option& option) {
   const std::string name = option.get_name();
   Words values;
   if (name == "PATH" || name == "PREFIX") {
@@ -68,9 +68,7 @@ Words Values(const CLI::Option& option, const Words& given) {
     for (const Command& command : Commands()) {
       values.emplace_back(command.name);
     }
-  } else if (name == "FAULT" && given.size() == 1) {
-    return Keys();
-  } else if (name == "FAULT" && given.empty()) {
+  } else if (name == "CALL") {
     for (const FaultCall& call : FaultCalls()) {
       values.emplace_back(call.name);
     }
@@ -83,13 +81,13 @@ Words Values(const CLI::Option& option, const Words& given) {
   return values;
 }
 
-/// The argument that follows `given`, or null.
-const CLI::Option* NextArgument(const CLI::App& command, const Words& given) {
-  std::size_t before = 0;
+/// The argument after the first `given` ones, or null.
+const CLI::Option* NextArgument(const CLI::App& command, int given) {
+  int before = 0;
   for (const CLI::Option* const option : command.get_options()) {
     if (option->get_positional()) {
-      before += static_cast<std::size_t>(std::min(option->get_items_expected_max(), 100));
-      if (given.size() < before) {
+      before += std::min(option->get_items_expected_max(), 100);
+      if (given < before) {
         return option;
       }
     }
@@ -102,7 +100,7 @@ const CLI::Option* NextArgument(const CLI::App& command, const Words& given) {
 void PrintCompletions(const CLI::App& app, const Words& words) {
   const CLI::App* command = &app;
   const std::string last = words.empty() ? "" : words.back();
-  Words given;
+  int given = 0;
   for (std::size_t at = 0; at + 1 < words.size(); ++at) {
     const auto options = AcceptedOptions(*command);
     const auto option =
@@ -116,7 +114,7 @@ void PrintCompletions(const CLI::App& app, const Words& words) {
     }
     const auto below = command->get_subcommands([&](const CLI::App* each) { return each->check_name(words[at]); });
     if (below.empty()) {
-      given.push_back(words[at]);
+      ++given;
     } else {
       command = below.front();
     }
@@ -133,7 +131,7 @@ void PrintCompletions(const CLI::App& app, const Words& words) {
       candidates.push_back(below->get_name());
     }
     if (const CLI::Option* const argument = NextArgument(*command, given)) {
-      const Words values = Values(*argument, given);
+      const Words values = Values(*argument);
       candidates.insert(candidates.end(), values.begin(), values.end());
     }
   }

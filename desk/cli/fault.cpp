@@ -1,7 +1,7 @@
 #include <iostream>
 #include <memory>
 #include <string>
-#include <vector>
+#include <utility>
 
 #include "base/terminal.h"
 #include "cli/commands.h"
@@ -13,7 +13,9 @@ namespace {
 
 struct FaultOptions {
   StoreOption store;
-  std::vector<std::string> arguments;
+  std::string call;  ///< empty to list or clear all faults
+  std::string path = kEveryPath;
+  std::string answer;
   unsigned times = 0;
   bool list = false;
   bool json = false;
@@ -45,18 +47,6 @@ vconf::Result<std::string> PathOf(const FaultCall& call, const std::string& argu
   return is_key ? PathFromArgument(argument) : TextFromArgument(argument);
 }
 
-vconf::Status Clear(const std::vector<std::string>& arguments) {
-  if (arguments.empty()) {
-    return vconf::ClearFaults();
-  }
-  const auto call = FindFaultCall(arguments[0]);
-  if (!call.ok()) {
-    return call.status();
-  }
-  const auto path = PathOf(**call, arguments.size() > 1 ? arguments[1] : kEveryPath);
-  return path.ok() ? vconf::ClearFault(arguments[0], *path) : path.status();
-}
-
 /// Warns of a path that is not known: if it is misspelt, the fault never applies.
 void WarnAboutPath(const FaultCall& call, const vconf::Fault& fault) {
   if (fault.path != kEveryPath && !call.path.empty()) {
@@ -69,23 +59,20 @@ void WarnAboutPath(const FaultCall& call, const vconf::Fault& fault) {
 }
 
 vconf::Status ChangeFaults(const FaultOptions& options) {
-  if (options.clear) {
-    return Clear(options.arguments);
+  if (options.call.empty()) {
+    return options.clear ? vconf::ClearFaults() : ListFaults(options.json);
   }
-  if (options.arguments.empty()) {
-    return ListFaults(options.json);
-  }
-  const auto call = FindFaultCall(options.arguments.front());
-  if (!call.ok()) {
-    return call.status();
-  }
-  const auto path = PathOf(**call, options.arguments.size() == 3 ? options.arguments[1] : kEveryPath);
+  const auto call = FindFaultCall(options.call);
+  const auto path = call.ok() ? PathOf(**call, options.path) : call.status();
   if (!path.ok()) {
     return path.status();
   }
-  const vconf::Fault fault{.call = options.arguments.front(),
+  if (options.clear) {
+    return vconf::ClearFault(options.call, *path);
+  }
+  const vconf::Fault fault{.call = options.call,
                            .path = *path,
-                           .answer = std::get<int>(ValueFromArgument(options.arguments.back())),
+                           .answer = std::get<int>(ValueFromArgument(options.answer)),
                            .times = options.times};
   auto status = AddFault(fault);
   if (status.ok()) {
@@ -94,25 +81,18 @@ vconf::Status ChangeFaults(const FaultOptions& options) {
   return status;
 }
 
-/// Checks what the parser cannot: the second of three arguments is optional.
-void Check(const FaultOptions& options) {
-  if (options.clear && options.arguments.size() > 2) {
-    throw CLI::ValidationError("--clear takes at most CALL and PATH");
-  }
-  if (options.clear || options.arguments.empty()) {
+/// Checks what the parser cannot: PATH, the second of three arguments, may be left out.
+void Check(FaultOptions& options) {
+  if (options.clear || options.call.empty()) {
     return;
   }
-  if (options.arguments.size() < 2 || !std::holds_alternative<int>(ValueFromArgument(options.arguments.back()))) {
+  if (options.answer.empty()) {
+    options.answer = std::exchange(options.path, kEveryPath);
+  }
+  if (!std::holds_alternative<int>(ValueFromArgument(options.answer))) {
     throw CLI::ValidationError("the arguments must be CALL [PATH] ANSWER, and ANSWER an integer");
   }
 }
-
-class FaultFormatter : public CLI::Formatter {
- public:
-  std::string make_usage(const CLI::App* /*app*/, std::string /*name*/) const override {
-    return "Usage: mirado fault [OPTIONS] [CALL [PATH] ANSWER]\n";
-  }
-};
 
 std::string Calls() {
   std::string text = "The calls, which answers are failures of them, and what PATH is:\n";
@@ -133,7 +113,6 @@ std::string Calls() {
 void AddFaultCommand(CLI::App& app, Run& run) {
   auto options = std::make_shared<FaultOptions>();
   auto* command = app.add_subcommand("fault", "Make a call of the set fail, or list or clear such faults");
-  command->formatter(std::make_shared<FaultFormatter>());
   command->footer(
       "  mirado fault CALL [PATH] ANSWER [--times N]\n"
       "  mirado fault --list\n"
@@ -142,19 +121,20 @@ void AddFaultCommand(CLI::App& app, Run& run) {
       "path of the call. A key's path may be given as a setting's constant or number.\n" +
       Calls());
   AddStoreOption(*command, options->store);
-  auto* fault = command->add_option("FAULT", options->arguments, "CALL [PATH] ANSWER; with --clear CALL [PATH]")
-                    ->expected(0, 3)
-                    ->type_name("");
+  auto* call = command->add_option("CALL", options->call, "The call that fails");
+  command->add_option("PATH", options->path, "Fail only for this path; may be left out");
+  auto* answer = command->add_option("ANSWER", options->answer, "The integer that it returns");
   command->add_option("--times", options->times, "Fail N times; 0 means until the fault is cleared")
       ->type_name("N")
       ->check(Between(0, 1'000'000'000))
       ->capture_default_str();
-  auto* list = command->add_flag("--list", options->list, "Print the faults")->excludes(fault);
+  auto* list = command->add_flag("--list", options->list, "Print the faults")->excludes(call);
   command
       ->add_flag("--clear", options->clear,
                  "Clear all faults; with CALL PATH, the fault for that path; with CALL alone, only the fault that was "
                  "set without PATH")
-      ->excludes(list);
+      ->excludes(list)
+      ->excludes(answer);
   AddJsonOption(*command, options->json);
   command->callback([options, &run] {
     Check(*options);

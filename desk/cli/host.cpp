@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -9,6 +10,7 @@
 
 #include "base/line_writer.h"
 #include "base/shutdown_signal.h"
+#include "base/unique_fd.h"
 #include "cli/commands.h"
 #include "dlog_control.h"
 #include "host/recording.h"
@@ -37,7 +39,7 @@ bool HasContent(const std::string& file) {
 class Output {
  public:
   Output(ShutdownSignal& shutdown, bool reports)
-      : reports_(reports), writer_(STDOUT_FILENO, [&shutdown] { shutdown.Raise(); }) {
+      : reports_(reports), writer_(output_.get(), [&shutdown] { shutdown.Raise(); }) {
     if (reports_) {
       dlog::SetSink([this](const dlog::Line& line) { Log(line); });
     }
@@ -87,6 +89,7 @@ class Output {
   }
 
   const bool reports_;
+  const UniqueFd output_{fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1)};
   LineWriter writer_;
   std::mutex mutex_;  // guards the two below
   std::vector<std::string> watches_;
@@ -113,6 +116,8 @@ int Host(const HostOptions& options) {
       return kCannotWork;
     }
   }
+  // What the plug-in prints must not be taken for output of this program.
+  dup2(STDERR_FILENO, STDOUT_FILENO);
   auto started = Session::Start(options.plugin, [&output](const Json& line) { output.WriteSessionLine(line); });
   if (!started.ok()) {
     PrintError(started.status().text());

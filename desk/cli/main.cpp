@@ -1,26 +1,12 @@
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 #include <string>
-#include <string_view>
 
-#include "base/desk_options.h"
-#include "base/paths.h"
 #include "base/terminal.h"
 #include "cli/commands.h"
+#include "server/serve.h"
 
 namespace desk::cli {
 namespace {
-
-/// The desk is a separate program, so that the host of a page does not load its libraries.
-int BecomeDesk(char** arguments) {
-  const std::string program = DeskProgram();
-  execv(program.c_str(), arguments);
-  PrintError(program + ": cannot be started; reinstall or rebuild Mirado: " + std::strerror(errno));
-  return kCannotWork;
-}
 
 /// The parser parses options of a subcommand even after "--". Removes the "--" and quotes the arguments after it that
 /// look like options. A negative number never looks like one.
@@ -43,10 +29,7 @@ int Main(const std::vector<std::string>& arguments) {
   app.require_subcommand(1);
   Run run;
   AddHostCommand(app, run);
-  DeskOptions desk;  // declared for help, manual and completion; the other program parses them
-  AddDeskOptions(
-      *app.add_subcommand("desk", "Connect pages in a desktop browser to the plug-in, and show the simulated set"),
-      desk);
+  AddDeskCommand(app, run);
   AddStoreCommands(app, run);
   AddSetUpCommand(app, run);
   AddFaultCommand(app, run);
@@ -79,9 +62,5 @@ int Main(const std::vector<std::string>& arguments) {
 
 int main(int argc, char** argv) {
   desk::PrepareStandardStreams();
-  // The other program parses everything after `desk`, including `--help`.
-  if (argc > 1 && argv[1] == std::string_view("desk")) {
-    return desk::cli::BecomeDesk(argv + 1);
-  }
   return desk::WithCheckedOutput([&] { return desk::cli::Main({argv + 1, argv + argc}); });
 }

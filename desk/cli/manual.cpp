@@ -41,15 +41,10 @@ void PrintText(const std::string& text) {
   }
 }
 
+/// The usage line of `--help`, without its first word and the newline.
 std::string Usage(const CLI::App& command) {
-  std::string words = FullName(command);
-  for (const CLI::Option* const option : command.get_options()) {
-    if (option->get_positional()) {
-      const std::string name = option->get_name() + (option->get_items_expected_max() > 1 ? "..." : "");
-      words += option->get_required() ? " " + name : " [" + name + "]";
-    }
-  }
-  return words;
+  const std::string usage = command.get_formatter()->make_usage(&command, FullName(command));
+  return usage.substr(usage.find(' ') + 1, usage.size() - usage.find(' ') - 2);
 }
 
 void PrintCommand(const CLI::App& command) {

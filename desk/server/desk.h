@@ -14,10 +14,10 @@
 #include <boost/asio/signal_set.hpp>
 #include <boost/asio/thread_pool.hpp>
 
-#include "base/desk_options.h"
 #include "server/connection.h"
 #include "server/event_log.h"
 #include "server/listener.h"
+#include "server/options.h"
 #include "server/origin.h"
 #include "server/pages.h"
 #include "server/plugin_check.h"

@@ -15,11 +15,11 @@
 
 #include <boost/asio/io_context.hpp>
 
-#include "base/desk_options.h"
 #include "base/json.h"
 #include "host/protocol.h"
 #include "server/event_log.h"
 #include "server/host_process.h"
+#include "server/options.h"
 
 namespace desk {
 

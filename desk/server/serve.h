@@ -1,8 +1,13 @@
 #pragma once
 
+#include <functional>
+
+#include <CLI/CLI.hpp>
+
 namespace desk {
 
-/// The program `mirado-desk`: parses its command line, serves until it is asked to exit, and returns the exit status.
-int ServeDesk(int argc, char** argv);
+/// Adds the command `desk` to `app`. If the user gives it, it sets `run`, which serves until it is asked to exit and
+/// returns the exit status.
+void AddDeskCommand(CLI::App& app, std::function<int()>& run);
 
 }  // namespace desk

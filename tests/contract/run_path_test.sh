@@ -18,7 +18,7 @@ find "$build" "$scratch/installed" -name CMakeFiles -prune -o -type f \( -name '
       tr ':' '\n' | grep -vE '^[$]ORIGIN(/|$)' | sed "s|^|$file: |" >>"$scratch/wrong" || true
   done
 
-for name in mirado mirado-desk libmirado.so libvconf.so; do
+for name in mirado libmirado.so libvconf.so; do
   [ "$(grep -cx "$name" "$scratch/read")" -ge 2 ] || { echo "did not find $name both built and installed"; exit 1; }
 done
 [ ! -s "$scratch/wrong" ] || { echo "looks for libraries elsewhere than beside itself:"; cat "$scratch/wrong"; exit 1; }

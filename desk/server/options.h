@@ -3,10 +3,6 @@
 #include <string>
 #include <vector>
 
-namespace CLI {
-class App;
-}
-
 namespace desk {
 
 /// How the desk starts `mirado host`.
@@ -30,8 +26,5 @@ struct DeskOptions {
   bool temporary = false;     ///< use a new store, removed when the desk exits, instead of `host.store`
   HostCommand host;
 };
-
-/// Adds these options to `command`. The desk is a separate program; `mirado` uses this for help and completion.
-void AddDeskOptions(CLI::App& command, DeskOptions& options);
 
 }  // namespace desk

@@ -1,3 +1,0 @@
-#include "server/serve.h"
-
-int main(int argc, char** argv) { return desk::ServeDesk(argc, argv); }
