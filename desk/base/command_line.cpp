@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <csignal>
@@ -61,15 +62,19 @@ int PrintParseError(const CLI::App& app, const CLI::ParseError& error) {
   if (const auto unexpected = app.remaining(true); unexpected.empty()) {
     PrintError(error.what());
   } else {
+    const std::string& word = unexpected.front();
+    const auto commands = called.get_subcommands([](const CLI::App*) { return true; });
     std::vector<std::string> known;
     for (const CLI::Option* const option : AcceptedOptions(called)) {
       known.push_back(option->get_name());
     }
-    for (const CLI::App* const below : called.get_subcommands([](const CLI::App*) { return true; })) {
-      known.push_back(below->get_name());
+    for (const CLI::App* const command : commands) {
+      known.push_back(command->get_name());
     }
-    PrintError(FullName(called) + ": " + Quoted(unexpected.front()) + " is not a known argument" +
-               Suggestion(unexpected.front(), known));
+    const std::string problem = word.starts_with('-') ? " is not an option"
+                                : commands.empty()    ? " is one argument too many"
+                                                      : " is not a command";
+    PrintError(FullName(called) + ": " + Quoted(word) + problem + Suggestion(word, known));
   }
   PrintError("`" + FullName(called) + " --help` lists the arguments.");
   return kUsage;
@@ -98,6 +103,15 @@ CLI::Validator Between(int least, int most) {
                        ? std::string()
                        : Quoted(text) + " is not a number from " + std::to_string(least) + " to " +
                              std::to_string(most);
+          },
+          ""};
+}
+
+CLI::Validator OneOf(const std::vector<std::string>& words) {
+  return {[words](const std::string& text) {
+            return std::ranges::find(words, text) != words.end()
+                       ? std::string()
+                       : Quoted(text) + " is none of " + CLI::detail::join(words, ", ") + Suggestion(text, words);
           },
           ""};
 }

@@ -38,6 +38,9 @@ std::vector<const CLI::Option*> AcceptedOptions(const CLI::App& command);
 /// Accepts a number from `least` to `most` as an option's argument.
 CLI::Validator Between(int least, int most);
 
+/// Accepts one of `words` as an argument.
+CLI::Validator OneOf(const std::vector<std::string>& words);
+
 /// Adds `--store` to `command`, with the default of this user.
 CLI::Option* AddStoreOption(CLI::App& command, std::string& folder);
 

@@ -74,8 +74,8 @@ Words Values(const CLI::Option& option) {
     }
   } else if (name == "NAME") {
     const auto scenarios = ListScenarios(DefaultStore());
-    for (const ScenarioFile& file : scenarios.ok() ? *scenarios : std::vector<ScenarioFile>()) {
-      values.push_back(file.name);
+    for (const Json& scenario : scenarios.ok() ? *scenarios : Json()) {
+      values.push_back(scenario["name"]);
     }
   }
   return values;
@@ -147,7 +147,7 @@ void AddCompletionCommand(CLI::App& app, Run& run) {
   auto* command =
       app.add_subcommand("completion", "Print a script with which a shell completes this program's arguments");
   command->footer("In ~/.bashrc: eval \"$(mirado completion bash)\"");
-  command->add_option("SHELL", *shell, "bash or zsh")->required()->check(CLI::IsMember({"bash", "zsh"}))->type_name("");
+  command->add_option("SHELL", *shell, "bash or zsh")->required()->check(OneOf({"bash", "zsh"}));
   command->callback([shell, &run] {
     run = [shell] {
       std::cout << (*shell == "bash" ? kBash : kZsh);

@@ -27,6 +27,7 @@ int Main(const std::vector<std::string>& arguments) {
   CLI::App app("Run the television plug-in on a simulated set, change the set, record and replay sessions", "mirado");
   app.set_version_flag("--version", MIRADO_VERSION);
   app.require_subcommand(1);
+  app.get_formatter()->label("TEXT", "");  // the type of most arguments, which says nothing
   Run run;
   AddHostCommand(app, run);
   AddDeskCommand(app, run);
