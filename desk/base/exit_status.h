@@ -22,16 +22,9 @@ constexpr ExitStatus ExitStatusOf(vconf::Code code) {
     case vconf::Code::kBadName:
     case vconf::Code::kBadValue:
       return kRefused;
-    case vconf::Code::kFull:
-    case vconf::Code::kReadOnly:
-    case vconf::Code::kDamaged:
-    case vconf::Code::kRemoved:
-    case vconf::Code::kBusy:
-    case vconf::Code::kNotPermitted:
-    case vconf::Code::kFailed:
-      break;
+    default:
+      return kCannotWork;
   }
-  return kCannotWork;
 }
 
 }  // namespace desk

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <string_view>
 
 #include "vconf_control.h"
@@ -13,33 +15,20 @@ struct HttpCode {
 };
 
 constexpr HttpCode HttpCodeOf(vconf::Code code) {
-  switch (code) {
-    case vconf::Code::kOk:
-      return {200, "ok"};
-    case vconf::Code::kMissing:
-      return {404, "missing"};
-    case vconf::Code::kWrongType:
-      return {409, "wrong-type"};
-    case vconf::Code::kBadName:
-      return {400, "bad-name"};
-    case vconf::Code::kBadValue:
-      return {400, "bad-value"};
-    case vconf::Code::kFull:
-      return {507, "full"};
-    case vconf::Code::kReadOnly:
-      return {403, "read-only"};
-    case vconf::Code::kDamaged:
-      return {500, "damaged"};
-    case vconf::Code::kRemoved:
-      return {500, "removed"};
-    case vconf::Code::kBusy:
-      return {503, "busy"};
-    case vconf::Code::kNotPermitted:
-      return {403, "not-permitted"};
-    case vconf::Code::kFailed:
-      break;
-  }
-  return {500, "failed"};
+  // In the order of the enumerators.
+  constexpr std::array<HttpCode, 12> kCodes = {{{200, "ok"},
+                                                {404, "missing"},
+                                                {409, "wrong-type"},
+                                                {400, "bad-name"},
+                                                {400, "bad-value"},
+                                                {507, "full"},
+                                                {403, "read-only"},
+                                                {500, "damaged"},
+                                                {500, "removed"},
+                                                {503, "busy"},
+                                                {403, "not-permitted"},
+                                                {500, "failed"}}};
+  return kCodes[static_cast<std::size_t>(code)];
 }
 
 }  // namespace desk
