@@ -79,18 +79,11 @@ std::optional<std::string> Unquoted(std::string_view argument) {
   return end_part() ? std::optional(text) : std::nullopt;
 }
 
-/// A text that begins with a dash would be parsed as an option.
-bool NeedsQuotes(const std::string& text) {
-  return text.starts_with('"') || text.starts_with('-') || Escaped(text, false) != text;
-}
-
 }  // namespace
 
 std::string Printable(std::string_view text) { return Escaped(text, false); }
 
 std::string Quoted(std::string_view text) { return '"' + Escaped(text, true) + '"'; }
-
-std::string TextToArgument(const std::string& text) { return NeedsQuotes(text) ? Quoted(text) : text; }
 
 std::string TextFromArgument(const std::string& argument) { return Unquoted(argument).value_or(argument); }
 
@@ -99,10 +92,11 @@ std::string ToArgument(const vconf::Value& value) {
   if (text == nullptr) {
     return ToText(ToJson(value));
   }
-  // `mirado` prints (missing) and (removed) without quotes.
-  return text->empty() || text->front() == '(' || NeedsQuotes(*text) || ValueFromArgument(*text) != value
-             ? Quoted(*text)
-             : *text;
+  // A text that begins with a dash would be parsed as an option; `mirado` prints (missing) and (removed) without
+  // quotes.
+  const bool is_plain = !text->empty() && std::string_view("\"-(").find(text->front()) == std::string_view::npos &&
+                        Escaped(*text, false) == *text && ValueFromArgument(*text) == value;
+  return is_plain ? *text : Quoted(*text);
 }
 
 vconf::Value ValueFromArgument(const std::string& argument) {

@@ -16,16 +16,14 @@ std::string Printable(std::string_view text);
 /// `text` in double quotes like a JSON string, with the same escapes.
 std::string Quoted(std::string_view text);
 
-/// A text as it is printed and typed: unchanged if nothing in it needs an escape and it does not begin with a quote or
-/// a dash; otherwise in double quotes like a JSON string, in which a byte may also be written as \xff. The two
-/// functions are inverse.
-std::string TextToArgument(const std::string& text);
-std::string TextFromArgument(const std::string& argument);
-
-/// A value as it is printed and typed: a 32-bit integer, true, false, or else a text as above. A text is also quoted if
-/// it looks like a number or a boolean, is empty or begins with a bracket. The two functions are inverse.
+/// A value as it is printed and typed: a 32-bit integer, true, false, or else a text. A text is in double quotes, like
+/// a JSON string in which a byte may also be written as \xff, if it needs an escape, looks like a number or a boolean,
+/// is empty, or begins with a quote, a dash or a bracket. The two functions are inverse.
 std::string ToArgument(const vconf::Value& value);
 vconf::Value ValueFromArgument(const std::string& argument);
+
+/// The same where only a text is meant, so that `42` needs no quotes.
+std::string TextFromArgument(const std::string& argument);
 
 /// `word` quoted for a POSIX shell, if necessary.
 std::string ShellWord(const std::string& word);

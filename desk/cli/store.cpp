@@ -57,7 +57,7 @@ Json KeyJson(const std::string& path, const std::optional<vconf::Value>& value) 
 
 /// A path as one word of a line.
 std::string Word(const std::string& path) {
-  return path.find(' ') == std::string::npos ? TextToArgument(path) : Quoted(path);
+  return path.find(' ') == std::string::npos ? ToArgument(path) : Quoted(path);
 }
 
 vconf::Status Get(const StoreOptions& options) {
