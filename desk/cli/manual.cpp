@@ -43,7 +43,7 @@ void PrintText(const std::string& text) {
 
 /// The usage line of `--help`, without its first word and the newline.
 std::string Usage(const CLI::App& command) {
-  const std::string usage = command.get_formatter()->make_usage(&command, FullName(command));
+  const std::string usage = CLI::Formatter().make_usage(&command, FullName(command));
   return usage.substr(usage.find(' ') + 1, usage.size() - usage.find(' ') - 2);
 }
 

@@ -26,7 +26,7 @@ lost=$lost$(find "$scratch/moved" -name '*.md' | while read -r file; do
 done)
 [ -z "$lost" ] || { echo "leads nowhere: $lost"; exit 1; }
 
-zcat "$scratch/moved/share/man/man1/mirado.1.gz" | grep -q '^.SS mirado desk$'
+zcat "$scratch/moved/share/man/man1/mirado.1.gz" | grep -q '^.SS mirado desk '
 
 answer=$(echo '{"send": {"command": "getVersion"}}' |
   "$scratch/moved/bin/mirado" host --store "$scratch/store" 2>"$scratch/log" | head -n 1 | tr -d ' ')
