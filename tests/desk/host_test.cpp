@@ -124,6 +124,9 @@ TEST_F(HostTest, ExitsCleanlyOnSignalClosedOutputAndEndOfInput) {
   EXPECT_EQ(failed.status, 3);
   EXPECT_TRUE(failed.log.starts_with(none + ": ")) << failed.log;
   EXPECT_EQ(failed.log.rfind(none), 0U) << failed.log;
+  const Outcome printing = Run({"host", "--plugin", PRINTING_LIBRARY});
+  EXPECT_EQ(printing.out, "") << "what a plug-in prints is no output of the host";
+  EXPECT_NE(printing.log.find(R"({"reply":1})"), std::string::npos) << printing.log;
 }
 
 TEST_F(HostTest, TheSetDecidesWhatTheEmbedderAndTheProductAnswer) {
