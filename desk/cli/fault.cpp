@@ -27,16 +27,13 @@ vconf::Status ListFaults(bool as_json) {
   if (!faults.ok()) {
     return faults.status();
   }
-  Json json = Json::array();
-  for (const vconf::Fault& fault : *faults) {
-    json.push_back(ToJson(fault));
-    if (!as_json) {
-      std::cout << ShellWord(TextToArgument(fault.call)) << ' ' << ShellWord(TextToArgument(fault.path)) << ' '
-                << fault.answer << (fault.times > 0 ? " --times " + std::to_string(fault.times) : "") << '\n';
-    }
-  }
   if (as_json) {
-    PrintJson({{"faults", std::move(json)}});
+    PrintJson({{"faults", *faults}});
+    return {};
+  }
+  for (const vconf::Fault& fault : *faults) {
+    std::cout << ShellWord(ToArgument(fault.call)) << ' ' << ShellWord(ToArgument(fault.path)) << ' ' << fault.answer
+              << (fault.times > 0 ? " --times " + std::to_string(fault.times) : "") << '\n';
   }
   return {};
 }

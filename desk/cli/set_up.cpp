@@ -32,7 +32,7 @@ using Options = std::shared_ptr<SetUpOptions>;
 
 std::string OnOff(const Json& json) { return json.is_null() ? "unknown" : json == true ? "on" : "off"; }
 
-std::string AsArgument(const std::string& text) { return ShellWord(TextToArgument(text)); }
+std::string AsArgument(const std::string& text) { return ShellWord(ToArgument(text)); }
 
 std::string Items(const Json& items) {
   std::string words;
@@ -157,19 +157,16 @@ void ShowOrChange(CLI::App& command, Run& run, const Options& options, const cha
 }
 
 vconf::Status ListSaved(const SetUpOptions& options) {
-  const auto files = ListScenarios(options.store.folder);
-  if (!files.ok()) {
-    return files.status();
-  }
-  Json scenarios = Json::array();
-  for (const ScenarioFile& file : *files) {
-    scenarios.push_back({{"name", file.name}, {"saved", file.saved}});
-    if (!options.json) {
-      std::cout << file.name << '\n';
-    }
+  const auto scenarios = ListScenarios(options.store.folder);
+  if (!scenarios.ok()) {
+    return scenarios.status();
   }
   if (options.json) {
-    PrintJson({{"scenarios", std::move(scenarios)}});
+    PrintJson({{"scenarios", *scenarios}});
+    return {};
+  }
+  for (const Json& scenario : *scenarios) {
+    std::cout << scenario["name"].get<std::string>() << '\n';
   }
   return {};
 }
@@ -182,21 +179,15 @@ void AddScenarios(CLI::App& set_up, Run& run, const Options& options) {
     });
     return command;
   };
-  constexpr char kName[] = "1 to 64 letters, digits and . _ -";
-  add("save", "Save settings, set-up and faults under a name",
-      [](const SetUpOptions& given) {
-        const auto scenario = DescribeScenario();
-        return scenario.ok() ? SaveScenario(given.store.folder, given.name, ParsedJson(*scenario)) : scenario.status();
-      })
-      ->add_option("NAME", options->name, kName)
-      ->required();
-  add("load", "Restore what was saved under a name",
-      [](const SetUpOptions& given) {
-        const auto scenario = ReadScenario(given.store.folder, given.name);
-        return scenario.ok() ? LoadScenario(*scenario) : scenario.status();
-      })
-      ->add_option("NAME", options->name, kName)
-      ->required();
+  const auto add_with_name = [&](const char* name, const char* text, vconf::Status (*work)(const SetUpOptions&)) {
+    add(name, text, work)->add_option("NAME", options->name, "1 to 64 letters, digits and . _ -")->required();
+  };
+  add_with_name("save", "Save settings, set-up and faults under a name",
+                [](const SetUpOptions& given) { return SaveScenario(given.store.folder, given.name); });
+  add_with_name("load", "Restore what was saved under a name", [](const SetUpOptions& given) {
+    const auto scenario = ReadScenario(given.store.folder, given.name);
+    return scenario.ok() ? LoadScenario(*scenario) : scenario.status();
+  });
   add("list", "Print the saved names", ListSaved);
 }
 
@@ -212,9 +203,7 @@ void AddSetUpCommand(CLI::App& app, Run& run) {
   ShowOrChange(*set_up, run, options, "", nullptr);
 
   const auto add_state = [&](CLI::App& command, const std::vector<std::string>& states) {
-    command.add_option("STATE", options->value, CLI::detail::join(states, ", "))
-        ->check(CLI::IsMember(states))
-        ->type_name("");
+    command.add_option("STATE", options->value, CLI::detail::join(states, ", "))->check(OneOf(states));
   };
   auto* b2b = set_up->add_subcommand("b2b", "Whether the set is a B2B product");
   ShowOrChange(*b2b, run, options, "/b2b", ReadOnOff);
@@ -253,7 +242,7 @@ void AddSetUpCommand(CLI::App& app, Run& run) {
   add_state(*offered, {"on", "off"});
   auto* name = embedder->add_subcommand("name", "The web runtime's name");
   ShowOrChange(*name, run, options, "/embedder/name", ReadText);
-  name->add_option("NAME", options->value, "Any text");
+  name->add_option("TEXT", options->value, "Any text");
   auto* reply = embedder->add_subcommand("reply", "The reply to an operation");
   ShowOrChange(*reply, run, options, "/embedder/replies", ReadReply);
   reply->add_option("OPERATION", options->name, "Such as check_ace_privilege");

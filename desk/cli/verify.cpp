@@ -42,9 +42,7 @@ int Verify(const VerifyOptions& options) {
   const bool show = options.expected.messages.empty() && !options.expected.exact;
   const std::string difference = show ? "" : SentDifference(sent, options.expected);
   if (options.json) {
-    Json json = {{"ok", difference.empty()}, {"difference", difference}};
-    json["asked"] = sent;
-    PrintJson(json);
+    PrintJson({{"ok", difference.empty()}, {"difference", difference}, {"sent", sent}});
   } else if (show) {
     std::cout << SentList(sent);
   } else {

@@ -78,21 +78,11 @@ vconf::Status ReadStep(const ParsedJson& json, Recording& recording) {
     return out->is_object() && out->size() == 1 ? vconf::Status()
                                                 : BadRecording(R"("out" must be an object with one member)");
   }
-  recording.in.push_back(in->dump());
-  return ParseRequest(recording.in.back()).status();
-}
-
-/// Opens a new store that holds what the recorded one held at the start.
-vconf::Status OpenRecorded(const SetState& state, const std::string& store) {
-  std::vector<vconf::Entry> entries;
-  for (const auto& [path, value] : state.values) {
-    entries.push_back({path, value});
+  auto request = ParseRequest(in->dump());
+  if (request.ok()) {
+    recording.in.push_back(*request);
   }
-  auto status = vconf::OpenOrCreateStore(store, entries);
-  for (const vconf::Fault& fault : state.faults) {
-    status = status.ok() ? vconf::SetFault(fault) : status;
-  }
-  return status;
+  return request.status();
 }
 
 /// The output of replaying the recording's input on the open store.
@@ -115,10 +105,9 @@ vconf::Result<std::vector<ParsedJson>> Play(const Recording& recording, const st
     }
   }
   out.clear();  // the replies to these requests
-  for (const std::string& line : recording.in) {
-    const auto request = ParseRequest(line);
+  for (const Request& request : recording.in) {
     // A request that failed when it was recorded also fails here; its error is not part of the plug-in's output.
-    static_cast<void>(session->Handle(*request));
+    static_cast<void>(session->Handle(request));
     session->Settle();
   }
   session.reset();
@@ -239,10 +228,9 @@ vconf::Result<Recording> ReadRecording(const std::string& file) {
 
 std::vector<ParsedJson> MessagesIn(const Recording& recording) {
   std::vector<ParsedJson> messages;
-  for (const std::string& line : recording.in) {
-    const auto request = ParseRequest(line);
-    if (request->kind == Request::Kind::kSend || request->kind == Request::Kind::kPost) {
-      messages.push_back(request->argument);
+  for (const Request& request : recording.in) {
+    if (request.kind == In::kSend || request.kind == In::kPost) {
+      messages.push_back(request.argument);
     }
   }
   return messages;
@@ -272,10 +260,9 @@ std::string Difference(const Recording& recording, const std::vector<ParsedJson>
 }
 
 vconf::Result<std::string> Replay(const Recording& recording, const std::string& plugin, const std::string& store) {
-  if (auto opened = OpenRecorded(recording.state, store); !opened.ok()) {
-    return opened;
-  }
-  auto out = Play(recording, plugin);
+  auto status = vconf::OpenOrCreateStore(store, {});
+  status = status.ok() ? RestoreState(recording.state) : status;
+  auto out = status.ok() ? Play(recording, plugin) : status;
   vconf::CloseStore();
   if (!out.ok()) {
     return out.status();

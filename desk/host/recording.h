@@ -69,7 +69,7 @@ class Recorder {
 struct Recording {
   SetState state;
   std::vector<std::string> watches;  ///< the paths to which the plug-in was subscribed when the recording began
-  std::vector<std::string> in;       ///< the requests; each can be parsed
+  std::vector<Request> in;           ///< the requests
   std::vector<ParsedJson> out;       ///< the lines of output
 };
 

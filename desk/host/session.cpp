@@ -21,13 +21,13 @@ vconf::Status BadSetting(const std::string& path) {
 }
 
 vconf::Status CheckArgument(const Request& request) {
-  if (request.kind == Request::Kind::kRecord && !request.argument.is_boolean()) {
+  if (request.kind == In::kRecord && !request.argument.is_boolean()) {
     return BadValue(R"("record" must be true or false)");
   }
-  if (request.kind == Request::Kind::kSettle && request.argument != true) {
+  if (request.kind == In::kSettle && request.argument != true) {
     return BadValue(R"("settle" must be true)");
   }
-  if (request.kind != Request::Kind::kSet) {
+  if (request.kind != In::kSet) {
     return {};
   }
   if (!request.argument.is_object() || request.argument.empty()) {
@@ -98,7 +98,7 @@ bool ReadRequests(int input, const ShutdownSignal& shutdown,
 }
 
 std::chrono::milliseconds Latency(const Request& request) {
-  const bool is_message = request.kind == Request::Kind::kSend || request.kind == Request::Kind::kPost;
+  const bool is_message = request.kind == In::kSend || request.kind == In::kPost;
   const ParsedJson& message = request.argument;
   if (!is_message || !message.is_object() || !message.contains("command") || !message["command"].is_string()) {
     return {};
@@ -143,13 +143,13 @@ Session::~Session() {
 
 vconf::Status Session::Handle(const Request& request) {
   switch (request.kind) {
-    case Request::Kind::kSend:
+    case In::kSend:
       output_(Line(Out::kReply, ToJson(page_->Send(ToVar(request.argument)))));
       break;
-    case Request::Kind::kPost:
+    case In::kPost:
       page_->Post(ToVar(request.argument));
       break;
-    case Request::Kind::kSet:
+    case In::kSet:
       for (const auto& [path, json] : request.argument.items()) {
         const auto value = ToValue(json);
         if (auto status = value ? vconf::Set(path, *value) : BadSetting(path); !status.ok()) {
@@ -157,11 +157,11 @@ vconf::Status Session::Handle(const Request& request) {
         }
       }
       break;
-    case Request::Kind::kSettle:
+    case In::kSettle:
       Settle();
       output_(Line(Out::kSettled, true));
       break;
-    case Request::Kind::kRecord:
+    case In::kRecord:
       return BadValue(R"("record" needs the option --report)");
   }
   return {};

@@ -15,8 +15,7 @@ namespace desk {
 
 /// One parsed line of a session's input.
 struct Request {
-  using Kind = In;
-  Kind kind;
+  In kind;
   ParsedJson argument;
 };
 

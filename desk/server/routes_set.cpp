@@ -12,9 +12,9 @@ namespace desk {
 namespace {
 
 Answer AnswerWithFaults() {
-  const auto set_faults = vconf::ListFaults();
-  if (!set_faults.ok()) {
-    return Fail(set_faults.status());
+  const auto faults = vconf::ListFaults();
+  if (!faults.ok()) {
+    return Fail(faults.status());
   }
   Json calls = Json::array();
   for (const FaultCall& call : FaultCalls()) {
@@ -27,11 +27,7 @@ Answer AnswerWithFaults() {
       calls.back()["paths"] = *known;
     }
   }
-  Json faults = Json::array();
-  for (const vconf::Fault& fault : *set_faults) {
-    faults.push_back(ToJson(fault));
-  }
-  return JsonAnswer({{"calls", std::move(calls)}, {"faults", std::move(faults)}});
+  return JsonAnswer({{"calls", std::move(calls)}, {"faults", *faults}});
 }
 
 vconf::Status Clear(const HttpRequest& request) {
@@ -46,15 +42,8 @@ vconf::Status Clear(const HttpRequest& request) {
 }
 
 Answer AnswerWithScenarios(const std::string& store) {
-  const auto files = ListScenarios(store);
-  if (!files.ok()) {
-    return Fail(files.status());
-  }
-  Json scenarios = Json::array();
-  for (const ScenarioFile& file : *files) {
-    scenarios.push_back({{"name", file.name}, {"saved", file.saved}});
-  }
-  return JsonAnswer({{"scenarios", std::move(scenarios)}});
+  const auto scenarios = ListScenarios(store);
+  return scenarios.ok() ? JsonAnswer({{"scenarios", *scenarios}}) : Fail(scenarios.status());
 }
 
 Answer AnswerWithFaults(const vconf::Status& status) { return status.ok() ? AnswerWithFaults() : Fail(status); }
@@ -64,11 +53,7 @@ vconf::Status SaveAs(const std::string& store, const HttpRequest& request) {
   if (!body.is_object() || body.size() != body.count("scenario")) {
     return BadValue(R"(the body is {} or {"scenario": S})");
   }
-  if (body.contains("scenario")) {
-    return SaveScenario(store, request.parts[0], body["scenario"]);
-  }
-  const auto current = DescribeScenario();
-  return current.ok() ? SaveScenario(store, request.parts[0], ParsedJson(*current)) : current.status();
+  return body.empty() ? SaveScenario(store, request.parts[0]) : SaveScenario(store, request.parts[0], body["scenario"]);
 }
 
 vconf::Status Load(const std::string& store, const std::string& name) {

@@ -72,39 +72,32 @@ vconf::Status AddFault(const vconf::Fault& fault) {
   return status.ok() ? vconf::SetFault(fault) : status;
 }
 
-Json ToJson(const vconf::Fault& fault) {
-  return {{"call", fault.call}, {"path", fault.path}, {"answer", fault.answer}, {"times", fault.times}};
-}
-
 vconf::Result<vconf::Fault> FaultFromJson(const ParsedJson& json) {
-  if (!json.is_object()) {
+  if (!json.is_object() || !json.contains("call") || !json.contains("answer")) {
     return BadValue(kFaultForm);
   }
-  vconf::Fault fault{.call = {}, .path = "*", .answer = 0, .times = 0};
-  bool has_call = false;
-  bool has_answer = false;
+  vconf::Fault fault{.call = {}, .path = kEveryPath, .answer = 0, .times = 0};
   for (const auto& [name, member] : json.items()) {
     const auto value = ToValue(member);
     const auto* text = value ? std::get_if<std::string>(&*value) : nullptr;
     const auto* number = value ? std::get_if<int>(&*value) : nullptr;
     if (name == "call" && text != nullptr) {
       fault.call = *text;
-      has_call = true;
     } else if (name == "path" && text != nullptr) {
       fault.path = *text;
     } else if (name == "answer" && number != nullptr) {
       fault.answer = *number;
-      has_answer = true;
     } else if (name == "times" && number != nullptr && *number >= 0) {
       fault.times = static_cast<unsigned>(*number);
     } else {
       return BadValue("\"" + name + "\" is unknown or has a wrong value; " + kFaultForm);
     }
   }
-  if (!has_call || !has_answer) {
-    return BadValue(R"("call" or "answer" is missing; )" + std::string(kFaultForm));
-  }
   return fault;
 }
 
 }  // namespace desk
+
+void vconf::to_json(desk::Json& json, const Fault& fault) {
+  json = {{"call", fault.call}, {"path", fault.path}, {"answer", fault.answer}, {"times", fault.times}};
+}

@@ -33,9 +33,15 @@ vconf::Status AddFault(const vconf::Fault& fault);
 /// Whether `AddFault` would accept it.
 vconf::Status CheckFault(const vconf::Fault& fault);
 
-/// {"call": "vconf_get_int", "path": "*", "answer": -1, "times": 0}. When it is parsed, `path` is
-/// optional and defaults to "*", and `times` is optional and defaults to 0: until it is cleared.
-Json ToJson(const vconf::Fault& fault);
+/// Parses {"call": "vconf_get_int", "path": "*", "answer": -1, "times": 0}. `path` is optional and defaults to "*", and
+/// `times` is optional and defaults to 0: until it is cleared.
 vconf::Result<vconf::Fault> FaultFromJson(const ParsedJson& json);
 
 }  // namespace desk
+
+namespace vconf {
+
+/// The same form; the JSON library calls this when a fault, or a vector of them, is assigned to a `Json`.
+void to_json(desk::Json& json, const Fault& fault);
+
+}  // namespace vconf

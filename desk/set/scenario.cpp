@@ -1,7 +1,7 @@
 #include "set/scenario.h"
 
-#include <algorithm>
 #include <chrono>
+#include <cstdint>
 #include <filesystem>
 #include <utility>
 
@@ -51,12 +51,9 @@ vconf::Result<Json> DescribeState() {
   if (!entries.ok() || !faults.ok()) {
     return entries.ok() ? faults.status() : entries.status();
   }
-  Json json = {{"state", Json::object()}, {"faults", Json::array()}};
+  Json json = {{"state", Json::object()}, {"faults", *faults}};
   for (const vconf::Entry& entry : *entries) {
     json["state"][entry.path] = ToJson(entry.value);
-  }
-  for (const vconf::Fault& fault : *faults) {
-    json["faults"].push_back(ToJson(fault));
   }
   return json;
 }
@@ -87,6 +84,19 @@ vconf::Result<SetState> StateFromJson(const ParsedJson& json, SetState base) {
   return base;
 }
 
+vconf::Status RestoreState(const SetState& state) {
+  std::vector<vconf::Entry> entries;
+  for (const auto& [path, value] : state.values) {
+    entries.push_back({path, value});
+  }
+  auto status = vconf::Reset(entries);
+  status = status.ok() ? vconf::ClearFaults() : status;
+  for (const vconf::Fault& fault : state.faults) {
+    status = status.ok() ? vconf::SetFault(fault) : status;
+  }
+  return status;
+}
+
 static vconf::Result<SetState> ParseScenario(const ParsedJson& scenario) {
   auto state = StateFromJson(scenario, NewSet());
   for (const vconf::Fault& fault : state.ok() ? state->faults : std::vector<vconf::Fault>()) {
@@ -109,23 +119,11 @@ vconf::Result<Json> DescribeScenario() {
 
 vconf::Status LoadScenario(const ParsedJson& scenario) {
   const auto state = ParseScenario(scenario);
-  if (!state.ok()) {
-    return state.status();
-  }
-  std::vector<vconf::Entry> entries;
-  for (const auto& [path, value] : state->values) {
-    entries.push_back({path, value});
-  }
-  auto status = vconf::Reset(entries);
-  status = status.ok() ? vconf::ClearFaults() : status;
-  for (const vconf::Fault& fault : state->faults) {
-    status = status.ok() ? vconf::SetFault(fault) : status;
-  }
-  return status;
+  return state.ok() ? RestoreState(*state) : state.status();
 }
 
-vconf::Result<std::vector<ScenarioFile>> ListScenarios(const std::string& store) {
-  std::vector<ScenarioFile> files;
+vconf::Result<Json> ListScenarios(const std::string& store) {
+  std::map<std::string, std::int64_t> saved;
   std::error_code failed;
   for (fs::directory_iterator at(Folder(store), failed); !failed && at != fs::directory_iterator();
        at.increment(failed)) {
@@ -137,14 +135,17 @@ vconf::Result<std::vector<ScenarioFile>> ListScenarios(const std::string& store)
     const auto changed = fs::last_write_time(file, gone);
     if (!gone) {  // otherwise another process has just removed it
       const auto since = std::chrono::file_clock::to_sys(changed).time_since_epoch();
-      files.push_back({file.stem().string(), std::chrono::duration_cast<std::chrono::milliseconds>(since).count()});
+      saved[file.stem()] = std::chrono::duration_cast<std::chrono::milliseconds>(since).count();
     }
   }
   if (failed && failed != std::errc::no_such_file_or_directory) {
     return FileStatus(failed.value(), Folder(store));
   }
-  std::ranges::sort(files, {}, &ScenarioFile::name);
-  return files;
+  Json scenarios = Json::array();
+  for (const auto& [name, time] : saved) {
+    scenarios.push_back({{"name", name}, {"saved", time}});
+  }
+  return scenarios;
 }
 
 vconf::Result<ParsedJson> ReadScenario(const std::string& store, std::string_view name) {
@@ -171,6 +172,11 @@ vconf::Status SaveScenario(const std::string& store, std::string_view name, cons
   std::error_code failed;
   fs::create_directory(Folder(store), failed);
   return failed ? FileStatus(failed.value(), Folder(store)) : ReplaceFile(*file, scenario.dump(2) + "\n");
+}
+
+vconf::Status SaveScenario(const std::string& store, std::string_view name) {
+  const auto scenario = DescribeScenario();
+  return scenario.ok() ? SaveScenario(store, name, ParsedJson(*scenario)) : scenario.status();
 }
 
 vconf::Status RemoveScenario(const std::string& store, std::string_view name) {

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <cstdint>
 #include <map>
 #include <string>
 #include <string_view>
@@ -26,6 +25,9 @@ vconf::Result<Json> DescribeState();
 /// no key.
 vconf::Result<SetState> StateFromJson(const ParsedJson& json, SetState base = {});
 
+/// Replaces all keys and faults of the open store.
+vconf::Status RestoreState(const SetState& state);
+
 /// The open store's state as a scenario. Keys of a new set that the store lacks are null.
 vconf::Result<Json> DescribeScenario();
 
@@ -33,21 +35,18 @@ vconf::Result<Json> DescribeScenario();
 /// part of it is invalid.
 vconf::Status LoadScenario(const ParsedJson& scenario);
 
-/// A saved scenario: `scenarios/NAME.json` in the folder of a store. A name has 1 to 64 letters, digits and `._-`; any
+/// The saved scenarios in the order of their names: [{"name": NAME, "saved": milliseconds since 1970}, …]. A scenario
+/// is the file `scenarios/NAME.json` in the folder of its store. A name has 1 to 64 letters, digits and `._-`; any
 /// other name fails with `kBadName`.
-struct ScenarioFile {
-  std::string name;
-  std::int64_t saved;  ///< milliseconds since 1970
-};
-
-/// Sorted by name; empty if nothing was saved yet.
-vconf::Result<std::vector<ScenarioFile>> ListScenarios(const std::string& store);
+vconf::Result<Json> ListScenarios(const std::string& store);
 
 /// `kMissing` if there is none of that name.
 vconf::Result<ParsedJson> ReadScenario(const std::string& store, std::string_view name);
 
-/// Writes the file atomically and durably, and replaces an existing one. An invalid scenario is refused.
+/// Writes the file atomically and durably, and replaces an existing one. An invalid scenario is refused. Without
+/// `scenario`, saves the open store's state.
 vconf::Status SaveScenario(const std::string& store, std::string_view name, const ParsedJson& scenario);
+vconf::Status SaveScenario(const std::string& store, std::string_view name);
 
 vconf::Status RemoveScenario(const std::string& store, std::string_view name);
 

@@ -162,8 +162,9 @@ TEST_F(SetTest, AScenarioBringsTheWholeSetBack) {
 
   const auto files = *ListScenarios(store);
   ASSERT_EQ(files.size(), 2U);
-  EXPECT_EQ(files[0].name + " " + files[1].name, "A.1 no-product");
-  EXPECT_LT(std::abs(files[1].saved - std::time(nullptr) * std::int64_t{1000}), 600'000);
+  EXPECT_EQ(files[0]["name"], "A.1");
+  EXPECT_EQ(files[1]["name"], "no-product");
+  EXPECT_LT(std::abs(files[1]["saved"].get<std::int64_t>() - std::time(nullptr) * std::int64_t{1000}), 600'000);
   EXPECT_EQ(RemoveScenario(store, "A.1").text(), "");
   EXPECT_EQ(RemoveScenario(store, "A.1").code(), vconf::Code::kMissing);
   EXPECT_EQ(ReadScenario(store, "A.1").status().code(), vconf::Code::kMissing);

@@ -31,7 +31,7 @@ desk::ShutdownSignal& NeverRaised() {
 /// Handles a request and checks `answer`, which must be complete before the next line is read.
 vconf::Status Handle(desk::Session& session, const desk::Request& request, fuzz::ReceivedMessages& received,
                      const desk::Json& answer) {
-  using Kind = desk::Request::Kind;
+  using Kind = desk::In;
   if (request.kind == Kind::kPost) received.Expect(fuzz::CommandOf(desk::ToVar(request.argument)));
   auto status = session.Handle(request);
   switch (request.kind) {
