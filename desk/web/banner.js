@@ -41,8 +41,6 @@ function show() {
   const hadFocus = banner.contains(document.activeElement);
   banner.className = problem?.mild ? "mild" : "";
   banner.replaceChildren(...problem ? contentOf(kind, problem) : []);
-  const lines = banner.querySelector("pre");
-  if (lines) lines.scrollTop = lines.scrollHeight; // the last lines show the cause
   if (hadFocus && !problem) byId("main").focus();
   else if (hadFocus) banner.querySelector("button")?.focus();
 }

@@ -1,10 +1,11 @@
 // Composes a message and sends it to the plug-in of the chosen page, as the page itself would.
 import * as api from "./api.js";
 import { attempt } from "./banner.js";
-import { byId, fillSelect, make, showInvalid } from "./dom.js";
+import { byId, fillSelect, make, setText, showInvalid } from "./dom.js";
 import { failuresOf } from "./failures.js";
+import { showComposer } from "./layout.js";
 import { readSet } from "./set-state.js";
-import { changed, listeningPage, observe, settingOf, shortName, state } from "./state.js";
+import { changed, listeningPage, observe, openPages, selectedPage, settingOf, shortName, state } from "./state.js";
 import { describeReply, describeRequest } from "./words.js";
 
 const MAX_HISTORY = 100;
@@ -184,11 +185,24 @@ observe(["set", "faults"], () => {
 });
 /** Focuses the message field as soon as there is a plug-in to send to. */
 export function focusMessage() {
+  showComposer();
   awaitsFocus = true;
   changed("selected");
 }
 
-observe(["pages", "selected", "linked"], () => {
+// Why nothing can be sent now; empty if it can.
+function whyNot() {
+  const page = selectedPage();
+  if (!state.linked) return "Messages can be sent when the desk runs again.";
+  if (state.desk?.store.error) return "Messages can be sent when the store can be used again.";
+  if (!page) return `${openPages().length ? "Choose" : "Open"} a page or a console to send messages to its plug-in.`;
+  return page.state === "running" ? "" : "Its plug-in has ended. Nothing can be sent to it.";
+}
+
+observe(["pages", "selected", "linked", "desk"], () => {
+  setText(byId("why-not"), whyNot());
+  byId("why-not").hidden = !whyNot();
+  byId("failures").hidden = !byId("why-not").hidden;
   if (awaitsFocus && listeningPage()) {
     awaitsFocus = false;
     queueMicrotask(() => message.focus()); // after everything is shown: a hidden field cannot get the focus

@@ -1,39 +1,58 @@
-// Panels side by side in a wide window, as tabs in a narrow one; and the theme.
+// Panels side by side in a wide window. In a narrower one the dialogue stays and the others are tabs beside it; in a
+// narrow one all are tabs. Also what a narrow window folds away, and the theme.
 import { byId, moveWithArrows } from "./dom.js";
 
-const narrow = matchMedia("(max-width: 1099px)");
+// The same widths as in the style sheet.
+const narrower = matchMedia("(max-width: 1099px)");
+const narrow = matchMedia("(max-width: 899px)");
 const tabs = [...byId("panels").children];
+const [dialogue, settings] = tabs;
 const panelOf = (tab) => byId(tab.getAttribute("aria-controls"));
-
-function choose(chosen) {
-  for (const tab of tabs) {
-    tab.setAttribute("aria-selected", String(tab === chosen));
-    tab.tabIndex = tab === chosen ? 0 : -1;
-    panelOf(tab).classList.toggle("chosen", tab === chosen);
-  }
-}
+let chosen = dialogue;
+let beside = settings; // chosen last of those that may stand beside the dialogue
 
 function lay() {
+  const shown = narrow.matches ? chosen : beside;
+  dialogue.hidden = !narrow.matches;
   for (const tab of tabs) {
     const panel = panelOf(tab);
-    if (narrow.matches) panel.setAttribute("role", "tabpanel");
+    tab.setAttribute("aria-selected", String(tab === shown));
+    tab.tabIndex = tab === shown ? 0 : -1;
+    panel.classList.toggle("chosen", tab === shown);
+    if (narrower.matches && !tab.hidden) panel.setAttribute("role", "tabpanel");
     else panel.removeAttribute("role");
   }
 }
 
-/** Where panels are tabs, chooses the one with the dialogue. */
-export const showDialogue = () => choose(tabs[0]);
-export const isDialogueShown = () => panelOf(tabs[0]).checkVisibility();
+function choose(tab) {
+  chosen = tab;
+  if (tab !== dialogue) beside = tab;
+  lay();
+}
+
+/** Chooses the dialogue where it is a tab. */
+export const showDialogue = () => choose(dialogue);
+export const isDialogueShown = () => panelOf(dialogue).checkVisibility();
 
 for (const tab of tabs) tab.onclick = () => choose(tab);
-moveWithArrows(byId("panels"), () => tabs, choose);
-narrow.onchange = lay;
-choose(tabs[0]);
+moveWithArrows(byId("panels"), () => tabs.filter(({ hidden }) => !hidden), choose);
+narrower.onchange = narrow.onchange = lay;
 lay();
+
+// A narrow window shows the composer and the filters only on demand.
+function unfold(button, open) {
+  button.setAttribute("aria-expanded", String(open));
+  byId(button.getAttribute("aria-controls")).classList.toggle("folded", !open);
+}
+for (const button of document.querySelectorAll(".fold")) {
+  button.onclick = () => unfold(button, button.getAttribute("aria-expanded") === "false");
+  unfold(button, false);
+}
+export const showComposer = () => unfold(byId("show-composer"), true);
 
 byId("skip").onclick = (event) => {
   event.preventDefault();
-  choose(tabs[0]);
+  showDialogue();
   (byId("talk").hidden ? byId("guide") : byId("dialogue")).focus();
 };
 

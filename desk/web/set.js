@@ -38,6 +38,12 @@ observe(["set", "catalog"], () => {
   showText(byId("embedder-name"), set.embedder.name);
 });
 
+observe(["set", "desk"], () => {
+  const known = Boolean(state.set) && !state.desk?.store.error;
+  byId("set-parts").hidden = !known;
+  byId("set-unknown").hidden = known || !state.desk?.store.error;
+});
+
 /** Changes a part of the set. If this is false, the failure has been reported and the page shows the unchanged set. */
 export async function change(part) {
   ++underWay;
