@@ -3,14 +3,20 @@ import { byId, copyFrom, fillSelect, moveWithArrows, setText } from "./dom.js";
 import { Exchange } from "./exchange.js";
 import { History } from "./history.js";
 import { MAX_ROWS, Rows } from "./rows.js";
-import { listeningPage, numberOf, observe, settingAt, shortName, state } from "./state.js";
+import { forgetClosed, listeningPage, numberOf, observe, settingAt, shortName, state, titleOf } from "./state.js";
 
 const exchanges = new Map(); // by page and number of the entry that opened the row, oldest first
 
-const seen = () => ({ kind: byId("filter-kind").value, setting: byId("filter-setting").value, failures: byId("filter-failures").checked });
+function seen() {
+  const [kind, setting] = [byId("filter-kind").value, byId("filter-setting").value];
+  const failures = byId("filter-failures").checked;
+  setText(byId("show-filters"), kind || setting || failures ? "Filter (on)" : "Filter");
+  return { kind, setting, failures };
+}
 let filter = seen();
-const rows = new Rows(byId("dialogue"),
-  { label: "Messages", passes: (exchange) => exchange.passes(filter), empty: "No messages yet." });
+const history = new History("dialogue", { append, restart: clear });
+const rows = new Rows(byId("dialogue"), { label: "Messages", passes: (exchange) => exchange.passes(filter),
+  empty: () => history.unread.length ? "These messages were not read before the desk ended." : "No messages." });
 
 const heard = new Set(); // pages that have had an event
 
@@ -39,18 +45,27 @@ function clear() {
   rows.clear();
 }
 
-const history = new History("dialogue", { append, restart: clear });
 export const addEntry = (entry) => history.add(entry);
 export const load = () => history.load();
+export const prepare = (page) => history.prepare(page);
 
-// What to do next, until a page that watches a setting has heard of its first change.
+// What is missing after the desk has ended. Before that what to do next, until a page that watches a setting has heard
+// of its first change.
 function showHint() {
+  const { unread } = history;
+  if (unread.length && exchanges.size) {
+    byId("hint").hidden = false;
+    return setText(byId("hint"), `Not read before the desk ended: the messages of ${unread.map(titleOf).join(", ")}.`);
+  }
   const page = listeningPage();
   const watched = page?.watches.map(settingAt).find((setting) => setting?.type === "int");
   byId("hint").hidden = !watched || heard.has(page.id) || byId("dialogue").ariaBusy === "true";
   if (watched) setText(byId("hint"), `Change ${watched.label} under Settings with + or −; its event appears here.`);
 }
-observe(["catalog", "pages", "selected", "linked"], showHint);
+observe(["catalog", "pages", "selected", "linked"], () => {
+  forgetClosed(heard);
+  showHint();
+});
 
 // In the form of the input and output of `mirado host`.
 function asJsonLines() {

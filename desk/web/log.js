@@ -33,16 +33,17 @@ function readFilter() {
 }
 readFilter();
 
+const history = new History("log", { append: (lines) => rows.append(lines.map((line) => new Line(line))), restart: () => rows.clear() });
 const rows = new Rows(byId("log"), {
   label: "Lines",
   passes: ({ line: { priority, text } }) => (!priority || ORDER.indexOf(priority) >= lowest) &&
     text.toLowerCase().includes(wanted),
-  empty: "The plug-in has logged nothing.",
+  empty: () => history.unread.length ? "These lines were not read before the desk ended." : "The plug-in has logged nothing.",
 });
 
-const history = new History("log", { append: (lines) => rows.append(lines.map((line) => new Line(line))), restart: () => rows.clear() });
 export const addLine = (line) => history.add(line);
 export const load = () => history.load();
+export const prepare = (page) => history.prepare(page);
 
 byId("log-priority").onchange = byId("log-find").oninput = () => {
   readFilter();

@@ -3,20 +3,29 @@ import * as api from "./api.js";
 import { ask } from "./ask.js";
 import { attempt } from "./banner.js";
 import { closePage, forgetConsole, isConsole, openConsole } from "./console.js";
+import * as dialogue from "./dialogue.js";
 import { byId, download, fillSelect, make, moveWithArrows, setText, timeOf } from "./dom.js";
 import { closeGuide } from "./guide.js";
 import { showDialogue } from "./layout.js";
+import * as log from "./log.js";
 import { changed, isAgain, observe, openPages, select, selectedPage, state, titleOf } from "./state.js";
 
+const PATIENCE = 150; // milliseconds
 const strip = byId("pages");
 const menu = byId("page-menu");
 const tabs = new Map(); // by the page's id, "" being all of them
 let over = false; // the desk has ended; events of pages are ignored until all pages are read again
 let missed = new Map(); // by id: the pages that changed while the list was requested; null for deleted ones
 
-function choose(id) {
+let wanted = null; // the tab that was pressed last
+
+// The messages of a page appear together with its name, unless the desk takes long to answer.
+async function choose(id) {
   closeGuide();
-  select(id);
+  const mine = wanted = {};
+  const late = new Promise((resolve) => setTimeout(resolve, PATIENCE));
+  await Promise.race([Promise.all([dialogue, log].map((history) => history.prepare(id))), late]);
+  if (mine === wanted) select(state.pages.has(id) ? id : null);
 }
 
 function tabOf(id) {
@@ -78,7 +87,7 @@ function showChosen() {
   const many = openPages().length;
   setText(byId("page-facts"), page ?
     `${page.url ? `${page.url} · ` : ""}${page.open ? `process ${page.pid}` : "ended"} · since ${timeOf(page.since).slice(0, 8)}` :
-    many ? `${many} page${many > 1 ? "s" : ""} open. Choose one to send messages to its plug-in.` : "No page is open.");
+    `${many || "No"} ${many > 1 ? "pages are" : "page is"} open.`);
   byId("page-facts").title = page?.url ?? "";
   const recording = page?.recording;
   byId("kill").disabled = byId("record").disabled = page?.state !== "running";

@@ -6,7 +6,7 @@ import { focusMessage } from "./composer.js";
 import { closePage, isConsole, restartConsole } from "./console.js";
 import { byId, copyFrom } from "./dom.js";
 import { showDialogue } from "./layout.js";
-import { changed, isAgain, observe, openPages, select, selectedPage, state, titleOf } from "./state.js";
+import { changed, forgetClosed, isAgain, observe, openPages, select, selectedPage, state, titleOf } from "./state.js";
 
 const TRIES = "This page tries again every second.";
 
@@ -95,6 +95,7 @@ const howOf = ({ crash }) => crash.signal === 9 ? "was killed (signal 9)" : cras
 // A crashed page, also if the chosen page is the same one after it connected again, which may take only a moment.
 observe(["pages", "selected"], () => {
   const chosen = selectedPage();
+  forgetClosed(alive);
   for (const { id, state: now } of state.pages.values()) if (now === "running") alive.add(id);
   const isChosen = (each) => each === chosen || Boolean(chosen) && isAgain(chosen, each);
   // A console of an earlier window concerns nobody any more.

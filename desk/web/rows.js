@@ -11,7 +11,8 @@ const NEAR = 12; // pixels from the end that still count as the end
 export class Rows {
   /**
    * `scroller` is the element that scrolls, `label` the list's name. An item of the list is an object whose `element`
-   * is its row, made when it is first asked for. `passes(item)` is whether it is shown; `empty` is shown if none is.
+   * is its row, made when it is first asked for. `passes(item)` is whether it is shown; the text of `empty()` is shown
+   * if there is no item.
    */
   constructor(scroller, { label, passes, empty }) {
     Object.assign(this, { scroller, passes, empty, items: [], following: true, fresh: 0, tail: SPARE });
@@ -87,7 +88,7 @@ export class Rows {
     }
     this.fresh = 0;
     this.note.hidden = wanted.length > 0;
-    this.note.textContent = this.items.length ? "No entry matches the filters." : this.empty;
+    this.note.textContent = this.items.length ? "No entry matches the filters." : this.empty();
     this.showNewest();
   }
 

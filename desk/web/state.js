@@ -37,6 +37,11 @@ function flush() {
 
 export const openPages = () => [...state.pages.values()].filter(({ open }) => open);
 
+/** Deletes what a Map or Set has of pages that are not shown any more. */
+export function forgetClosed(byPage) {
+  for (const id of byPage.keys()) if (!state.pages.has(id)) byPage.delete(id);
+}
+
 /** The page whose tab is chosen. */
 export const selectedPage = () => state.pages.get(state.selected) ?? null;
 

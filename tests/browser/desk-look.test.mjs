@@ -69,6 +69,24 @@ describe("the look of the desk's page", () => {
     });
   }
 
+  it("uses the room of a window", async () => {
+    await begin();
+    await showState(page, desk, STATES[1]);
+    const settings = page.getByRole("tabpanel", { name: "Settings" });
+    await page.setViewportSize({ width: 1024, height: 768 }); // the dialogue, and beside it one of the others
+    await settings.waitFor();
+    await page.getByRole("tab", { name: "Log", exact: true }).click();
+    await settings.waitFor({ state: "hidden" });
+    await page.getByRole("region", { name: "Log lines" }).waitFor();
+    assert(await page.locator("#dialogue").isVisible());
+    await page.setViewportSize({ width: 360, height: 740 });
+    await page.getByRole("tab", { name: "Dialogue", exact: true }).click();
+    const top = await page.locator("#dialogue").evaluate((it) => it.getBoundingClientRect().top);
+    assert(top < 740 / 3, `the messages begin at ${top} of 740 pixels`);
+    await page.getByRole("button", { name: "Message", exact: true }).click();
+    await page.getByRole("button", { name: "Send", exact: true }).click();
+  });
+
   it("reaches the dialogue with few keys, and returns the focus after a confirmation", async () => {
     await begin();
     await openDesk(page, desk.url);

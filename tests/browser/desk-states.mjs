@@ -28,7 +28,10 @@ const crash = async (page) => {
   await page.getByRole("alert").filter({ hasText: "was killed" }).waitFor();
 };
 
-/** `panel` is the tab on which a narrow page shows it; `show(page, desk)` starts with the opened page. */
+/**
+ * `panel` is the tab on which a narrow page shows it, `unfold` whether to show also what a narrow page folds away;
+ * `show(page, desk)` starts with the opened page.
+ */
 export const STATES = [
   { name: "first-visit", show: async () => {} },
   { name: "dialogue", show: talk },
@@ -36,7 +39,7 @@ export const STATES = [
     await talk(page);
     await rowWith(page, "key is not supported").getByRole("button").click();
   } },
-  { name: "failures-offered", show: async (page) => {
+  { name: "failures-offered", unfold: true, show: async (page) => {
     await talk(page);
     await page.getByText("Make it fail", { exact: true }).click();
     await page.getByRole("button", { name: /Reading VOICE_GUIDE_SPEED fails/ }).click();
@@ -87,7 +90,8 @@ export async function showState(page, desk, { show }) {
 }
 
 /** Chooses the panel of the state, if the panels are tabs. */
-export async function showPanel(page, { panel = "Dialogue" }) {
+export async function showPanel(page, { panel = "Dialogue", unfold = false }) {
   const tab = page.getByRole("tab", { name: panel, exact: true });
   if (await tab.isVisible() && await tab.getAttribute("aria-selected") === "false") await tab.click();
+  for (const fold of unfold ? await page.locator(".fold[aria-expanded=false]:visible").all() : []) await fold.click();
 }

@@ -106,6 +106,8 @@ describe("the desk's page", () => {
     await rowWith(page, "getVersion").waitFor();
     await rowWith(page, "isTVSPicSizeResized").waitFor();
     await disabled(button(page, "Send")); // there is no plug-in to send to
+    await page.getByText("Choose a page or a console to send messages to its plug-in").waitFor();
+    await page.getByText("Make it fail").waitFor({ state: "hidden" });
 
     // A late answer to a request for another page is not shown.
     const [held] = await Promise.all([new Promise((resolve) => page.route(`**/${one.id}/dialogue`, resolve, { times: 1 })),
@@ -295,10 +297,10 @@ describe("the desk's page", () => {
     const page = await openedDesk();
     const form = page.getByRole("form", { name: "Add a fault" });
     await form.getByLabel("What fails").selectOption("Reading any number");
-    await form.getByLabel("Of", { exact: true }).fill("caption");
+    await form.getByLabel("Which one").fill("caption");
     await form.getByRole("button").click();
     await page.getByRole("list", { name: "Faults" }).getByText("Reading CAPTION fails, once").waitFor();
-    await form.getByLabel("Of", { exact: true }).fill("db/none");
+    await form.getByLabel("Which one").fill("db/none");
     await form.getByRole("button").click();
     await page.getByText("Reading db/none fails, once. The set has nothing of that name").waitFor();
     await page.getByLabel("Picture size", { exact: true }).fill("");
@@ -349,15 +351,20 @@ describe("the desk's page", () => {
   it("keeps what one reads when the desk ends, until the page is loaded anew", async () => {
     const first = await startSomewhere();
     const selected = (page, name) => tab(page, name).and(page.locator("[aria-selected=true]")).waitFor();
-    const [read] = [await first.openPage({ title: "Read" }), await first.openPage({ title: "Other" })];
-    await first.send(read, getVersion);
+    await first.send(await first.openPage({ title: "Read" }), getVersion);
     const page = await withConsole(first);
+    await first.send(await first.openPage({ title: "Other" }), getVersion);
     await tab(page, / Read$/).click();
     await rowWith(page, "getVersion").waitFor();
     await first.stop("SIGINT");
     await banner(page, /does not answer.*temporary and end with it/s).waitFor();
     await selected(page, / Read \(ended\)$/);
-    for (const name of [/^All/, / Other \(ended\)$/, / Read \(ended\)$/]) await tab(page, name).click();
+    for (const [name, says] of [[/^All/, /^Not read before the desk ended: the messages of #\d+ Other\.$/],
+      [/ Other \(ended\)$/, "These messages were not read before the desk ended."]]) {
+      await tab(page, name).click();
+      await page.locator("#talk").getByText(says).waitFor();
+    }
+    await tab(page, / Read \(ended\)$/).click();
     await rowWith(page, "getVersion").waitFor();
     const next = await startAt(() => first.port, startDesk);
     await tab(page, /^#\d+ Console$/).waitFor(); // it comes back by itself, and nobody looks at it
@@ -396,6 +403,8 @@ describe("the desk's page", () => {
       const page = await openedDesk(mortal);
       await banner(page, "The store is damaged").waitFor();
       await page.getByText("unknown").first().waitFor();
+      await page.getByText("Unknown, because the store cannot be read").waitFor();
+      await page.getByLabel("B2B product").waitFor({ state: "hidden" });
       await button(page, "Replace the store …").press("Enter");
       await answer(page, "Cancel");
       await page.locator("#banner button:focus").press("Enter");
