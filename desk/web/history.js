@@ -5,7 +5,7 @@ import { byId } from "./dom.js";
 import { forgetClosed, observe, state } from "./state.js";
 
 const MAX = 1000; // rows at most; a row has one or two entries
-const KEPT = 200; // entries of each page at least, for the time after the desk has ended
+const KEPT = 300; // entries of each page at most, for the time after the desk has ended
 const PACE = 25; // minimum milliseconds between two updates, so that every second frame is free for other work
 const isOf = (chosen, { page }) => !chosen || page === chosen;
 
@@ -67,7 +67,7 @@ export class History {
     const kept = this.known.get(entry.page);
     if (!kept || entry.n <= (kept.at(-1)?.n ?? 0)) return;
     kept.push(entry);
-    if (kept.length > 2 * KEPT) kept.splice(0, KEPT);
+    if (kept.length > KEPT) kept.shift();
   }
 
   /** The shown pages whose entries are lost, because they were not read before the desk ended. */

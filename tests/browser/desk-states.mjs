@@ -89,9 +89,10 @@ export async function showState(page, desk, { show }) {
   await show(page, desk);
 }
 
-/** Chooses the panel of the state, if the panels are tabs. */
-export async function showPanel(page, { panel = "Dialogue", unfold = false }) {
-  const tab = page.getByRole("tab", { name: panel, exact: true });
-  if (await tab.isVisible() && await tab.getAttribute("aria-selected") === "false") await tab.click();
-  for (const fold of unfold ? await page.locator(".fold[aria-expanded=false]:visible").all() : []) await fold.click();
-}
+/** Chooses the panel of the state, if the panels are tabs, after the page has noticed its new width. */
+export const showPanel = (page, { panel = "Dialogue", unfold = false }) => page.evaluate(async ([name, all]) => {
+  await new Promise((resolve) => requestAnimationFrame(() => requestAnimationFrame(resolve)));
+  const tabs = [...document.querySelectorAll("#panels [aria-selected=false]")].filter(({ textContent }) => textContent === name);
+  const folds = all ? document.querySelectorAll(".fold[aria-expanded=false]") : [];
+  for (const part of [...tabs, ...folds]) if (part.checkVisibility()) part.click();
+}, [panel, unfold]);
