@@ -221,5 +221,5 @@ byId("close").onclick = async () => {
 moveWithArrows(strip, () => [...strip.children], (tab) => tab.click());
 menu.onchange = () => choose(menu.value || null);
 strip.addEventListener("scroll", showRoom, { passive: true });
-new ResizeObserver(showRoom).observe(strip);
+new ResizeObserver(() => requestAnimationFrame(showRoom)).observe(strip); // the menu changes its size again
 observe(["pages", "selected"], show);

@@ -27,10 +27,11 @@ export class Rows {
     scroller.after(this.newest);
     scroller.addEventListener("scroll", () => this.follow(scroller.scrollTop > -NEAR), { passive: true });
     this.keepPlace();
-    new ResizeObserver(([{ contentRect }]) => {
+    // In the next frame, because new rows may bring a scroll bar, which changes the size again.
+    new ResizeObserver(([{ contentRect }]) => requestAnimationFrame(() => {
       this.tail = Math.ceil(contentRect.height / LOWEST) + SPARE;
       if (this.following) this.show();
-    }).observe(scroller);
+    })).observe(scroller);
     this.show();
   }
 
