@@ -359,7 +359,7 @@ describe("the desk's page", () => {
     await first.stop("SIGINT");
     await banner(page, /does not answer.*temporary and end with it/s).waitFor();
     await selected(page, / Read \(ended\)$/);
-    for (const [name, says] of [[/^All/, /^Not read before the desk ended: the messages of #\d+ Other\.$/],
+    for (const [name, says] of [[/^All/, /^Not read before the desk ended: the messages of (.*, )?#\d+ Other\.$/],
       [/ Other \(ended\)$/, "These messages were not read before the desk ended."]]) {
       await tab(page, name).click();
       await page.locator("#talk").getByText(says).waitFor();
