@@ -374,7 +374,7 @@ void Page::StreamClosed() {
 }
 
 // Runs again when the grace could have passed. A client that waits for a reply sends nothing meanwhile, so the maximum
-// latency is added.
+// latency is added, until it has the reply or disconnects.
 void Page::CheckAbandoned() {
   if (left_ || streams_ > 0) {
     return;
@@ -383,7 +383,7 @@ void Page::CheckAbandoned() {
   if (Clock::now() >= end) {
     return owner_.OnAbandoned(*this);
   }
-  abandon_timer_.expires_at(end);
+  abandon_timer_.expires_at(std::min(end, Clock::now() + description_.grace));
   abandon_timer_.async_wait([this](boost::system::error_code error) {
     if (!error) {
       CheckAbandoned();
