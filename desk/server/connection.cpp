@@ -49,10 +49,11 @@ bool Clients::MakeRoom() {
   if (open_.size() < limit_) {
     return true;
   }
-  if (closable_.empty()) {
+  Client* const idlest = *std::ranges::min_element(open_, {}, &Client::idle_since_);
+  if (idlest->idle_since_ == Client::Clock::time_point::max()) {
     return false;
   }
-  closable_.front()->Close();  // it is counted until its last handler has run
+  idlest->Close();  // it is counted until its last handler has run
   return true;
 }
 
@@ -76,8 +77,11 @@ void Clients::CheckAll() {
 }
 
 void Clients::CloseIdle() {
-  while (!closable_.empty()) {
-    closable_.front()->Close();
+  for (auto place = open_.begin(); place != open_.end();) {
+    Client* const client = *place++;  // `Close` may destroy it
+    if (client->idle_since_ < Client::Clock::time_point::max()) {
+      client->Close();
+    }
   }
   clock_.cancel();
 }
@@ -97,20 +101,12 @@ Client::Client(Clients& all) : all_(all), place_(all.open_.insert(all.open_.end(
 Client::~Client() { all_.open_.erase(place_); }
 
 Connection::Connection(Socket socket, Clients& all, const OriginCheck& check, const Handler& handler)
-    : Client(all), socket_(std::move(socket)), check_(check), handler_(handler), closable_(all.closable_.end()) {}
-
-Connection::~Connection() {
-  if (closable_ != all_.closable_.end()) {
-    all_.closable_.erase(closable_);
-  }
-}
+    : Client(all), socket_(std::move(socket)), check_(check), handler_(handler) {}
 
 // Without a buffer or a parser, so that an idle connection needs little memory.
 void Connection::AwaitRequest() {
-  deadline_ = Clock::now() + kIdleTime;
-  if (closable_ == all_.closable_.end()) {
-    closable_ = all_.closable_.insert(all_.closable_.end(), this);
-  }
+  idle_since_ = Clock::now();
+  deadline_ = idle_since_ + kIdleTime;
   if (buffer_.size() > 0) {
     return Read();
   }
@@ -135,8 +131,7 @@ void Connection::OnRead(Error error) {
   if (!socket_.is_open() || error == http::error::end_of_stream || error == boost::asio::error::connection_reset) {
     return Close();
   }
-  all_.closable_.erase(std::exchange(closable_, all_.closable_.end()));
-  deadline_ = Clock::time_point::max();
+  idle_since_ = deadline_ = Clock::time_point::max();
   keep_alive_ = !error && parser_->get().keep_alive();
   answered_ = false;
   head_ = false;
@@ -285,8 +280,8 @@ void Connection::OnWritten(Error error, std::size_t size) {
     AwaitRequest();
   } else {
     socket_.shutdown(Socket::shutdown_send, error);
-    deadline_ = Clock::now() + kRequestTime;
-    closable_ = all_.closable_.insert(all_.closable_.end(), this);  // now it waits for its client to close
+    idle_since_ = Clock::now();
+    deadline_ = idle_since_ + kRequestTime;
     // The rest of the request is read, too: a client that is still sending would lose the answer.
     DiscardInput(socket_, [self = shared_from_this()] { self->Close(); });
   }
@@ -302,9 +297,7 @@ void Connection::Close() {
   Error ignored;
   socket_.close(ignored);
   polled_fd_ = -1;
-  if (closable_ != all_.closable_.end()) {
-    all_.closable_.erase(std::exchange(closable_, all_.closable_.end()));
-  }
+  idle_since_ = Clock::time_point::max();
   if (!std::exchange(answered_, true) && on_gone_) {
     std::exchange(on_gone_, nullptr)();
   }

@@ -91,9 +91,8 @@ class Clients {
   void CheckAll();
 
   std::size_t limit_ = 1;
-  std::size_t unsent_ = 0;           // bytes of long answers being written
-  std::list<Client*> open_;          // connections and streams
-  std::list<Connection*> closable_;  // wait for a request, its rest, or the client's closing; oldest first
+  std::size_t unsent_ = 0;   // bytes of long answers being written
+  std::list<Client*> open_;  // connections and streams
   boost::asio::steady_timer clock_;
   bool ticking_ = false;
 };
@@ -114,6 +113,9 @@ class Client {
 
   Clients& all_;
   Clock::time_point deadline_ = Clock::time_point::max();  ///< when it is closed at the latest
+  /// Since when it has waited for a request, its rest, or the client's closing; may be closed then if there are too
+  /// many.
+  Clock::time_point idle_since_ = Clock::time_point::max();
   /// The socket while nothing is read from it, otherwise -1. It is checked each second for whether the client has
   /// disconnected.
   int polled_fd_ = -1;
@@ -136,7 +138,6 @@ class Connection final : public Client, public std::enable_shared_from_this<Conn
 
   /// `check` and `handler` must outlive the connection.
   Connection(Socket socket, Clients& all, const OriginCheck& check, const Handler& handler);
-  ~Connection() override;
 
   void Start() { AwaitRequest(); }
 
@@ -172,7 +173,6 @@ class Connection final : public Client, public std::enable_shared_from_this<Conn
   Socket socket_;
   const OriginCheck& check_;
   const Handler& handler_;
-  std::list<Connection*>::iterator closable_;
   boost::beast::flat_buffer buffer_;
   std::optional<http::request_parser<http::string_body>> parser_;
   std::optional<http::response<http::string_body>> response_;

@@ -68,41 +68,35 @@ vconf::Status Listener::ListenOn(const Address& address, int port) {
   return {};
 }
 
-vconf::Status Listener::ListenOnBoth(const Address& v4, const Address& v6, int port) {
-  vconf::Status status;
-  // A port that is free in one family may be in use in the other.
-  for (int tries = port == 0 ? 20 : 1; tries > 0; --tries) {
-    acceptors_.clear();
-    status = ListenOn(v4, port);
-    if (status.ok() && HasIpv6(loop_)) {
-      status = ListenOn(v6, port_);
-    }
-    if (status.ok()) {
-      break;
-    }
-  }
-  return status;
-}
-
-// Both families, or another program could serve `http://localhost` in the other one.
+// On loopback of both families, or another program could serve `http://localhost` in the other one.
 vconf::Status Listener::Listen(int port, const std::string& address) {
-  Address v4 = boost::asio::ip::address_v4::loopback();
-  Address v6 = boost::asio::ip::address_v6::loopback();
-  Address other = v4;
+  std::vector<Address> addresses = {boost::asio::ip::address_v4::loopback()};
+  if (HasIpv6(loop_)) {
+    addresses.emplace_back(boost::asio::ip::address_v6::loopback());
+  }
   if (!address.empty()) {
     Error error;
-    other = boost::asio::ip::make_address(address, error);
+    const Address other = boost::asio::ip::make_address(address, error);
     if (error) {
       return {vconf::Code::kBadValue,
               address + " is not an address; --listen needs an IP address of this machine, such as 192.168.1.20"};
     }
+    std::erase_if(addresses, [&](const Address& loopback) {
+      return loopback == other || (other.is_unspecified() && loopback.is_v6() == other.is_v6());  // which includes it
+    });
+    addresses.push_back(other);
   }
-  if (other.is_unspecified()) {  // includes loopback of its family
-    (other.is_v6() ? v6 : v4) = other;
-  }
-  vconf::Status status = ListenOnBoth(v4, v6, port);
-  if (status.ok() && other != v4 && other != v6) {
-    status = ListenOn(other, port_);
+  vconf::Status status;
+  // A port that is free on one address may be in use on another.
+  for (int tries = port == 0 ? 20 : 1; tries > 0; --tries) {
+    acceptors_.clear();
+    status = {};
+    for (const Address& each : addresses) {
+      status = status.ok() ? ListenOn(each, acceptors_.empty() ? port : port_) : status;
+    }
+    if (status.ok()) {
+      break;
+    }
   }
   return status;
 }

@@ -36,7 +36,6 @@ class Listener {
   using Acceptor = boost::asio::basic_socket_acceptor<boost::asio::ip::tcp, boost::asio::io_context::executor_type>;
 
   vconf::Status ListenOn(const boost::asio::ip::address& address, int port);
-  vconf::Status ListenOnBoth(const boost::asio::ip::address& v4, const boost::asio::ip::address& v6, int port);
   void Accept(Acceptor& acceptor);
 
   boost::asio::io_context& loop_;
