@@ -50,12 +50,6 @@ std::optional<OutLine> ReadOutLine(std::string_view line) {
   return OutLine{.kind = static_cast<Out>(name - kOutNames.begin()), .value = members.front().value};
 }
 
-std::optional<std::string> TextOfLog(std::string_view log) {
-  const ParsedJson object = ParsedJson::parse(log);
-  const auto text = object.find("text");
-  return text != object.end() && text->is_string() ? std::optional(text->get<std::string>()) : std::nullopt;
-}
-
 std::vector<RawMember> RawMembers(std::string_view json) {
   std::vector<RawMember> members;
   RawMember member;

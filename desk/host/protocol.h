@@ -47,12 +47,8 @@ struct OutLine {
   std::string_view value;  ///< JSON text, a part of the line
 };
 
-/// Parses a line of a host's output; empty if it has another form, such as a line that the plug-in itself printed.
+/// Parses a line of a host's output; empty if it has another form, such as one cut by a crash.
 std::optional<OutLine> ReadOutLine(std::string_view line);
-
-/// The text of a log line, from the value of {"log": …}; empty if it has none, since a plug-in can print such a line,
-/// too.
-std::optional<std::string> TextOfLog(std::string_view log);
 
 /// A member of an object, or an element of an array (then without a name), as JSON text. Escapes in the name are kept.
 struct RawMember {

@@ -16,7 +16,7 @@ namespace desk {
 /// Text that several logs and streams share.
 using Text = std::shared_ptr<const std::string>;
 
-/// JSON as one line: a plug-in may have printed line ends between its parts.
+/// JSON as one line: a client may send line ends between its parts.
 inline Text MakeText(std::string json) {
   std::ranges::replace_if(
       json, [](char c) { return c == '\n' || c == '\r'; }, ' ');

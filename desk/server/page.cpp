@@ -141,29 +141,21 @@ void Page::Forget(std::uint64_t ticket) {
 void Page::OnLine(std::string_view line) {
   const std::optional<OutLine> out = ReadOutLine(line);
   if (!out) {
-    return OnLogLine(line);
+    return OnLogLine(line);  // cut by the end of the process
   }
-  try {
-    Take(*out, line);
-  } catch (const ParsedJson::exception&) {
-    OnLogLine(line);  // printed by the plug-in itself, though it looks like the host's
-  }
-}
-
-void Page::Take(const OutLine& out, std::string_view line) {
-  switch (out.kind) {
+  switch (out->kind) {
     case Out::kReply:
-      return OnReply(out.value);
+      return OnReply(out->value);
     case Out::kMessage:
-      return OnDelivery(out.value);
+      return OnDelivery(out->value);
     case Out::kError:  // the desk sends only valid lines
       return OnLogLine(line);
     case Out::kLog:
-      return TextOfLog(out.value) ? Log(out.value.substr(1, out.value.size() - 2)) : OnLogLine(line);
+      return Log(out->value.substr(1, out->value.size() - 2));
     case Out::kWatches:
-      return OnWatches(out.value);
+      return OnWatches(out->value);
     case Out::kRecord:
-      return OnRecorded(out.value);
+      return OnRecorded(out->value);
     case Out::kSettled:
       return;
   }

@@ -138,7 +138,6 @@ class Page final : private HostProcess::Listener {
   };
 
   void OnLine(std::string_view line) override;
-  void Take(const OutLine& out, std::string_view line);
   void OnLogLine(std::string_view line) override;
   void OnRoom() override { deliveries_.NotifyReaders(); }
   void OnEnd(int wait_status) override;

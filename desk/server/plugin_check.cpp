@@ -15,11 +15,10 @@ PluginCheck::PluginCheck(boost::asio::io_context& loop, HostCommand command, std
 
 void PluginCheck::OnLine(std::string_view line) {
   const auto out = ReadOutLine(line);
-  if (!out || out->kind == Out::kLog) {
-    last_line_ = (out ? TextOfLog(out->value) : std::nullopt).value_or(std::string(line));
-    return;
+  if (out && out->kind == Out::kLog) {
+    last_line_ = ParsedJson::parse(out->value).at("text").get<std::string>();
   }
-  if (out->kind != Out::kReply) {
+  if (!out || out->kind != Out::kReply) {
     return;
   }
   const ParsedJson reply = ParsedJson::parse(out->value);

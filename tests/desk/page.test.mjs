@@ -125,7 +125,7 @@ test("a crash ends one page's plug-in, and requests that wait for it get an answ
   const stream = await desk.deliveriesOf(victim);
   const events = await desk.follow("/api/events");
   await desk.call("PATCH", "/api/set", { latency: { getMenuValue: 60_000 } });
-  const waiting = desk.send(victim, { send: READ });
+  const waiting = desk.send(victim, `{"send":\r\n${JSON.stringify(READ)}\r}`); // one line in the stream
   await events.next("dialogue", ({ page, kind }) => page === victim.id && kind === "send");
   process.kill(victim.pid, "SIGABRT");
   assert.equal((await waiting).status, 410);

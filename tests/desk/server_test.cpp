@@ -123,13 +123,6 @@ class PagesTest : public testing::Test {
   std::unique_ptr<desk::Pages> pages_;
 };
 
-TEST_F(PagesTest, WhatAPlugInPrintsEndsOnlyItsPage) {
-  const auto page = Open(R"(printf '{"message": {\r"a": 1}}\n{"log": {"text": "a", "text": 5}}\n'; exit 7)");
-  ASSERT_TRUE(Await([&] { return page->crashed(); }));
-  EXPECT_EQ(page->deliveries().kept().front().data->find('\r'), std::string::npos) << "would end the event's line";
-  EXPECT_TRUE(page->Describe()["lastLog"][0].is_string()) << page->Describe();
-}
-
 TEST_F(PagesTest, ReadersHearWhenAPlugInThatAnswersNothingHasRoomAgain) {
   struct : desk::EventLog::Reader {
     void OnEvents() override { notified = true; }
