@@ -54,6 +54,7 @@ it("the README's tests pass with only the packed files", () => {
     test("stops the last test's set", () => expect(last.describe()).rejects.toThrow("stopped"));`);
   const output = run("node", "node_modules/@playwright/test/cli.js", "test", "--workers", "1", "--reporter", "line");
   assert.match(output, /Mirado: is copied[^]*5 passed/);
+  assert.doesNotMatch(output, /the desk has ended/);
 
   copyFileSync(fileURLToPath(new URL("types.mts", import.meta.url)), join(folder, "types.mts"));
   run("node", `${root}tests/browser/node_modules/typescript/bin/tsc`, "--noEmit", "--strict", "--skipLibCheck",
