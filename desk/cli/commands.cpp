@@ -34,9 +34,7 @@ bool StoreOption::IsNamed() const {
   return option->count() > 0 || (variable != nullptr && *variable != '\0');
 }
 
-void AddStoreOption(CLI::App& command, StoreOption& store) {
-  store.option = desk::AddStoreOption(command, store.folder);
-}
+void AddStoreOption(CLI::App& command, StoreOption& store) { store.option = AddStoreOption(command, store.folder); }
 
 void AddJsonOption(CLI::App& command, bool& json) { command.add_flag("--json", json, "Print JSON"); }
 

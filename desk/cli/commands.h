@@ -7,9 +7,10 @@
 
 #include <CLI/CLI.hpp>
 
-#include "base/command_line.h"
 #include "base/exit_status.h"
 #include "base/json.h"
+#include "base/standard_streams.h"
+#include "cli/options.h"
 #include "vconf_control.h"
 
 /// The commands of `mirado`. Each `Add…` adds one to the parser. The command that the user gives sets `run`, which
@@ -24,6 +25,7 @@ void AddVerifyCommand(CLI::App& app, Run& run);
 void AddStoreCommands(CLI::App& app, Run& run);  ///< get, set, list, watch, reset
 void AddSetUpCommand(CLI::App& app, Run& run);
 void AddFaultCommand(CLI::App& app, Run& run);
+void AddDeskCommand(CLI::App& app, Run& run);
 
 void AddCompletionCommand(CLI::App& app, Run& run);
 

@@ -3,7 +3,6 @@
 
 #include "base/terminal.h"
 #include "cli/commands.h"
-#include "server/serve.h"
 
 namespace desk::cli {
 namespace {

@@ -20,7 +20,7 @@ namespace {
 constexpr int kVersion = 1;
 
 /// What a line of output holds: a "reply", a "delivery" or an "event"; empty for anything else, which is not compared.
-std::string_view KindOf(const ParsedJson& line) {
+std::string_view OutputKind(const ParsedJson& line) {
   const auto message = line.find("message");
   if (message == line.end()) {
     return line.contains("reply") ? "reply" : "";
@@ -31,7 +31,7 @@ std::string_view KindOf(const ParsedJson& line) {
 std::vector<std::string> Select(std::string_view kind, const std::vector<ParsedJson>& out) {
   std::vector<std::string> lines;
   for (const ParsedJson& line : out) {
-    if (KindOf(line) == kind) {
+    if (OutputKind(line) == kind) {
       lines.push_back(Printable(line.begin().value().dump()));
     }
   }

@@ -18,10 +18,10 @@
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/post.hpp>
 
-#include "base/command_line.h"
 #include "base/exit_status.h"
 #include "base/http_status.h"
 #include "base/paths.h"
+#include "base/standard_streams.h"
 #include "server/stream.h"
 #include "set/simulated_set.h"
 

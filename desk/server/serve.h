@@ -1,13 +1,10 @@
 #pragma once
 
-#include <functional>
-
-#include <CLI/CLI.hpp>
+#include "server/options.h"
 
 namespace desk {
 
-/// Adds the command `desk` to `app`. If the user gives it, it sets `run`, which serves until it is asked to exit and
-/// returns the exit status.
-void AddDeskCommand(CLI::App& app, std::function<int()>& run);
+/// Serves until it is asked to exit, prints where, and returns the exit status.
+int ServeDesk(DeskOptions options);
 
 }  // namespace desk

@@ -1,21 +1,15 @@
-#include "base/command_line.h"
-
-#include <fcntl.h>
-#include <unistd.h>
+#include "cli/options.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <charconv>
-#include <csignal>
-#include <cstring>
-#include <iostream>
 
 #include "base/exit_status.h"
 #include "base/paths.h"
+#include "base/standard_streams.h"
 #include "base/suggestion.h"
 #include "base/terminal.h"
 
-namespace desk {
+namespace desk::cli {
 namespace {
 
 /// The innermost command that was parsed.
@@ -25,33 +19,6 @@ const CLI::App& Called(const CLI::App& app) {
 }
 
 }  // namespace
-
-void PrepareStandardStreams() {
-  for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-    if (fcntl(stream, F_GETFD) < 0) {
-      static_cast<void>(open("/dev/null", stream == STDIN_FILENO ? O_WRONLY : O_RDONLY));  // takes the lowest number
-    }
-  }
-  static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
-}
-
-int WithCheckedOutput(const std::function<int()>& work) {
-  const int status = work();
-  errno = 0;
-  if (std::cout.flush()) {
-    return status;
-  }
-  PrintError(OutputError(errno).text());
-  return kCannotWork;
-}
-
-void PrintError(const std::string& text) { std::cerr << Printable(text) << '\n'; }
-
-vconf::Status OutputError(int error) {
-  return {vconf::Code::kFailed,
-          std::string("the output is incomplete, because writing it failed: ") +
-              (error != 0 ? std::strerror(error) : "the disk is full, or the reader has closed the pipe")};
-}
 
 int PrintParseError(const CLI::App& app, const CLI::ParseError& error) {
   if (error.get_exit_code() == 0) {
@@ -136,4 +103,4 @@ void AddLogLevelOption(CLI::App& command, int& level) {
       ->capture_default_str();
 }
 
-}  // namespace desk
+}  // namespace desk::cli

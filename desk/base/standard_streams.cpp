@@ -1,0 +1,43 @@
+#include "base/standard_streams.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <iostream>
+
+#include "base/exit_status.h"
+#include "base/terminal.h"
+
+namespace desk {
+
+void PrepareStandardStreams() {
+  for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (fcntl(stream, F_GETFD) < 0) {
+      static_cast<void>(open("/dev/null", stream == STDIN_FILENO ? O_WRONLY : O_RDONLY));  // takes the lowest number
+    }
+  }
+  static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
+}
+
+int WithCheckedOutput(const std::function<int()>& work) {
+  const int status = work();
+  errno = 0;
+  if (std::cout.flush()) {
+    return status;
+  }
+  PrintError(OutputError(errno).text());
+  return kCannotWork;
+}
+
+void PrintError(const std::string& text) { std::cerr << Printable(text) << '\n'; }
+
+vconf::Status OutputError(int error) {
+  return {vconf::Code::kFailed,
+          std::string("the output is incomplete, because writing it failed: ") +
+              (error != 0 ? std::strerror(error) : "the disk is full, or the reader has closed the pipe")};
+}
+
+}  // namespace desk
