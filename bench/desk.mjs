@@ -1,5 +1,5 @@
-// Measures the desk beside bare floors and prints the table:
-// node bench/desk.mjs [all|http|chromium|crowd|cpu|attacks|page]...
+// Measures the desk, compares it with minimal servers, and prints the table:
+// node bench/desk.mjs [http|chromium|crowd|cpu|attacks|page]...
 import { execFile, spawn } from "node:child_process";
 import { once } from "node:events";
 import { readdirSync, readFileSync } from "node:fs";
@@ -14,8 +14,10 @@ import { measurePage } from "./desk_page.mjs";
 const run = promisify(execFile);
 const probe = fileURLToPath(new URL("../build/release/bin/mirado_desk_probe", import.meta.url));
 const READ = { send: { command: "getMenuValue", propertyKey: 0 } };
+const PARTS = ["http", "chromium", "crowd", "cpu", "attacks", "page"];
+const READS = 44; // one after the other, as an application may do at its start
 const wanted = process.argv.slice(2);
-const wants = (name) => wanted.length === 0 || wanted.includes("all") || wanted.includes(name);
+const wants = (name) => wanted.length === 0 || wanted.includes(name);
 const sleep = (seconds) => new Promise((resolve) => setTimeout(resolve, 1000 * seconds));
 const quantile = (values, part) => [...values].sort((a, b) => a - b)[Math.floor(values.length * part)];
 const row = (...cells) => console.log(`| ${cells.join(" | ")} |`);
@@ -36,7 +38,7 @@ async function bareServer() {
 }
 
 const pathOf = (page) => `/api/pages/${page.id}/messages`;
-// Pages whose plug-ins have started: what that takes belongs to no message.
+// Opens pages and sends each a message, so that no measurement includes the start of a plug-in.
 const openPages = async (desk, count) => {
   const pages = [];
   while (pages.length < count) pages.push(await desk.openPage());
@@ -44,7 +46,7 @@ const openPages = async (desk, count) => {
   return pages;
 };
 
-// Seconds of CPU that a process has used, all its threads together.
+// Seconds of CPU that the present threads of a process have used.
 const cpuOf = (pid) => readdirSync(`/proc/${pid}/task`)
   .reduce((sum, task) => sum + Number(readFileSync(`/proc/${pid}/task/${task}/schedstat`, "utf8").split(" ")[0]), 0) / 1e9;
 const cpuOfAll = (desk, pages) =>
@@ -71,7 +73,7 @@ async function measureChromium(bare) {
   const browser = await chromium.launch({ executablePath: "/usr/bin/chromium", args: ["--no-sandbox", "--disable-gpu"] });
   const page = await browser.newPage();
   await page.goto(`http://localhost:${server.address().port}/`);
-  const result = await page.evaluate(async ([floor, desk]) => {
+  const result = await page.evaluate(async ([floor, desk, reads]) => {
     const embed = document.querySelector("embed");
     const message = { command: "getMenuValue", propertyKey: 0 };
     const call = () => { if (embed.postMessageAndAwaitResponse(message).code !== 0) throw new Error("no reply"); };
@@ -86,7 +88,7 @@ async function measureChromium(bare) {
     const known = () => post(`${desk}/api/pages/${embed.dataset.page}/messages`);
     const unknown = () => post(`${desk}/api/pages/none/messages`);
     const timed = (what) => { const begin = performance.now(); what(); return performance.now() - begin; };
-    const many = (what) => () => { for (let i = 0; i < 44; ++i) what(); };
+    const many = (what) => () => { for (let i = 0; i < reads; ++i) what(); };
     const found = { call: [], bare: [], known: [], unknown: [], calls: [], bares: [] };
     // In another order each time, so that none is always behind the same.
     const orders = [[call, bare, known, unknown], [unknown, known, bare, call], [bare, call, unknown, known]];
@@ -98,34 +100,35 @@ async function measureChromium(bare) {
     }
     for (let i = 0; i < 10; ++i) { found.calls.push(timed(many(call))); found.bares.push(timed(many(bare))); }
     return found;
-  }, [`http://localhost:${bare.port}/`, desk.url]);
+  }, [`http://localhost:${bare.port}/`, desk.url, READS]);
   const p50 = Object.fromEntries(Object.entries(result).map(([name, values]) => [name, quantile(values, 0.5)]));
   row("`postMessageAndAwaitResponse` in Chromium, p50", "a bare synchronous POST of the same page", ms(p50.bare), ms(p50.call), times(p50.call, p50.bare));
   row("the same without `desk.js`: a POST to the page's address in Chromium, p50", "a bare synchronous POST", ms(p50.bare), ms(p50.known), times(p50.known, p50.bare));
   row("a POST that the desk answers without a plug-in in Chromium, p50", "a bare synchronous POST", ms(p50.bare), ms(p50.unknown), times(p50.unknown, p50.bare));
-  row("44 reads in a row in Chromium", "44 such bare requests", ms(p50.bares), ms(p50.calls), times(p50.calls, p50.bares));
+  row(`${READS} reads in a row in Chromium`, `${READS} such bare requests`, ms(p50.bares), ms(p50.calls), times(p50.calls, p50.bares));
   await browser.close();
   server.close();
   server.closeAllConnections();
   await desk.stop();
 }
 
-// 63 pages in a process of their own that listen, watch a setting and ask, and a setting that changes.
+// In a process of its own: 63 pages that subscribe to a setting, receive its events and send a request every 105 ms. The
+// setting changes every 66 ms. Each message of the parent is answered with what was sent and received so far.
 async function crowd(port) {
   const desk = Object.assign(new Desk(), { port });
   const pages = await openPages(desk, 63);
-  let [asked, heard] = [0, 0];
+  let [sent, received] = [0, 0];
   for (const page of pages) {
     const stream = await desk.deliveriesOf(page);
     await desk.send(page, { send: { command: "registerVconfKeysForCaption", propertyKey: 0 } });
-    (async () => { for (;;) { await stream.next("message"); ++heard; } })().catch(() => {});
-    setInterval(() => desk.send(page, READ).then(() => ++asked), 105);
+    (async () => { for (;;) { await stream.next("message"); ++received; } })().catch(() => {});
+    setInterval(() => desk.send(page, READ).then(() => ++sent), 105);
     await sleep(0.002);
   }
   let value = 0;
   setInterval(() => desk.call("PUT", "/api/store/db/menu/caption/caption", { value: ++value }), 66);
-  process.on("message", () => process.send({ asked, heard }));
-  process.send({ asked, heard });
+  process.on("message", () => process.send({ sent, received }));
+  process.send({ sent, received });
 }
 
 async function measureCrowd() {
@@ -142,7 +145,7 @@ async function measureCrowd() {
   const [after, seconds] = [await tally(), (performance.now() - begin) / 1000];
   others.kill();
   const rate = (name) => (after[name] - before[name]) / seconds;
-  row(`a request among 64 pages that ask ${rate("asked").toFixed(0)} times a second and hear ${(rate("heard") / 63).toFixed(1)} changes a second each, p50 / p99`,
+  row(`a request while 63 other pages together send ${rate("sent").toFixed(0)} requests a second and each receives ${(rate("received") / 63).toFixed(1)} events a second, p50 / p99`,
     "the same page alone", pair(alone), pair(among), `${times(among.p50, alone.p50)} / ${times(among.p99, alone.p99)}`);
   await desk.stop();
 }
@@ -163,9 +166,9 @@ async function measureCpu() {
   const [before, begin] = [cpuOfAll(desk, pages), performance.now()];
   await sleep(20);
   const idle = (cpuOfAll(desk, pages) - before) / ((performance.now() - begin) / 1000);
-  row("CPU of an idle desk with 64 pages", "", "", `${(100 * idle).toFixed(3)}% of a core`, "");
+  row("CPU of an idle desk and its 64 hosts", "", "", `${(100 * idle).toFixed(3)}% of a core`, "");
   const hosts = pages.map(({ pid }) => pssOf(pid));
-  row("memory (Pss): desk; a page's host, median and most", "", "",
+  row("memory (Pss): desk; a page's host, median and maximum", "", "",
     `${pssOf(desk.child.pid).toFixed(1)} MiB; ${quantile(hosts, 0.5).toFixed(2)} and ${Math.max(...hosts).toFixed(2)} MiB`, "");
   await desk.stop();
 }
@@ -179,7 +182,7 @@ async function measureAttacks() {
       const floods = Array.from({ length: 6 }, flood);
       return async () => { going = false; await Promise.all(floods); };
     },
-    "256 abandoned sends": async (desk) => {
+    "256 sends whose clients leave, of which 16 wait": async (desk) => {
       const page = await desk.openPage();
       process.kill(page.pid, "SIGSTOP");
       const body = JSON.stringify(READ);
@@ -187,11 +190,11 @@ async function measureAttacks() {
       for (let sends = 0; sends < 256; ++sends) (await desk.dial(text)).destroy();
       return () => {};
     },
-    "300 streams": async (desk) => {
+    "300 requests for streams, of which 32 are opened": async (desk) => {
       const streams = await Promise.all(Array.from({ length: 300 }, () => desk.dial(`GET /api/events ${HEAD}\r\n`)));
       return () => streams.forEach((stream) => stream.destroy());
     },
-    "10,000 idle connections": async (desk) => {
+    "10,000 idle connections, of which 1,024 are kept": async (desk) => {
       const sockets = [];
       for (let thousands = 0; thousands < 10; ++thousands) sockets.push(...await Promise.all(Array.from({ length: 1000 }, () => desk.dial(""))));
       return () => sockets.forEach((socket) => socket.destroy());
@@ -212,8 +215,11 @@ async function measureAttacks() {
 
 if (wanted[0] === "--crowd") {
   await crowd(Number(wanted[1]));
+} else if (!wanted.every((part) => PARTS.includes(part))) {
+  console.error(`script/bench desk: the parts are ${PARTS.join(", ")}`);
+  process.exitCode = 2;
 } else {
-  row("what", "beside", "that", "the desk", "ratio");
+  row("what", "compared with", "its figure", "the desk", "ratio");
   console.log("|---|---|---|---|---|");
   const bare = await bareServer();
   if (wants("http")) await measureHttp(bare);

@@ -12,7 +12,7 @@
 
 #include "harness.h"
 
-/// What the system stands beside: the same steps, as bare as they can be written.
+/// What the system is compared with: the same steps, with as little code as possible.
 namespace bench {
 
 /// A second thread that waits awake, does `work` when asked and hands back. One asking thread.

@@ -88,7 +88,7 @@ Comparison Compare(const Effort& effort, const std::function<double()>& floor, c
 /// One line of the table.
 struct Row {
   std::string what;
-  std::string beside;  ///< what it stands beside
+  std::string beside;  ///< what it is compared with
   std::string floor;
   std::string ours;
   std::string ratio;

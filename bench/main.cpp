@@ -1,8 +1,10 @@
-// Measures the system beside its floors; script/bench runs it and shows how.
+// Measures Mirado, and compares it with floors: minimal programs that take the same steps, or dconf. Run by
+// script/bench.
 
 #include <array>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <iostream>
 #include <stdexcept>
 
@@ -28,14 +30,15 @@ Growth RowsOnly(const Effort& effort) {
   return {{}, Rows(effort)};
 }
 
+// `script/bench --help` reads the names and texts from these lines.
 constexpr std::array<Measurement, 17> kMeasurements{{
     {"warm", "warm round trip", RowsOnly<WarmRow>},
     {"parked", "round trip to a parked worker", RowsOnly<ParkedRow>},
     {"dbus", "read through D-Bus", RowsOnly<DbusRow>},
     {"work", "the commands' own work", RowsOnly<WorkRows>},
     {"read", "reads of the store", RowsOnly<ReadRow>},
-    {"dconf", "reads, writes and changes beside dconf", RowsOnly<DconfRows>},
-    {"beside", "writes in memory beside a durable writer", RowsOnly<BesideRow>},
+    {"dconf", "reads, writes and changes, compared with dconf", RowsOnly<DconfRows>},
+    {"beside", "writes in memory next to a durable writer", RowsOnly<BesideRow>},
     {"watchers", "many listening processes", RowsOnly<WatchersRow>},
     {"write", "durable write", RowsOnly<WriteRow>},
     {"event", "change to event", RowsOnly<EventRows>},
@@ -49,7 +52,7 @@ constexpr std::array<Measurement, 17> kMeasurements{{
 }};
 
 void WriteTable(std::ostream& out, const std::vector<Row>& rows) {
-  out << "| what | beside | floor | ours | ratio | goal | reached |\n|---|---|---|---|---|---|---|\n";
+  out << "| what | compared with | its figure | measured | ratio | goal | reached |\n|---|---|---|---|---|---|---|\n";
   for (const Row& row : rows) {
     out << "| " << row.what << " | " << row.beside << " | " << row.floor << " | " << row.ours << " | " << row.ratio
         << " | " << row.goal << " | "
@@ -69,6 +72,12 @@ void WriteSeries(std::ostream& out, const Series& series) {
   }
 }
 
+void WriteFile(const std::filesystem::path& path, const std::function<void(std::ostream&)>& write) {
+  std::ofstream file(path);
+  write(file);
+  if (!file.flush()) throw std::runtime_error("could not write " + path.string());
+}
+
 int Measure(const std::vector<std::string>& names, const Effort& effort, const std::filesystem::path& out) {
   HandleStopSignals();
   TakeStderr();
@@ -83,15 +92,13 @@ int Measure(const std::vector<std::string>& names, const Effort& effort, const s
     for (const Series& series : growth.series) {
       WriteSeries(std::cout, series);
       if (!out.empty()) {
-        std::ofstream file(out / (series.name + ".tsv"));
-        WriteSeries(file, series);
+        WriteFile(out / (series.name + ".tsv"), [&](std::ostream& file) { WriteSeries(file, series); });
       }
     }
   }
   WriteTable(std::cout, rows);
   if (!out.empty()) {
-    std::ofstream file(out / "table.md");
-    WriteTable(file, rows);
+    WriteFile(out / "table.md", [&](std::ostream& file) { WriteTable(file, rows); });
   }
   return EXIT_SUCCESS;
 }
@@ -99,7 +106,7 @@ int Measure(const std::vector<std::string>& names, const Effort& effort, const s
 }  // namespace
 
 int main(int argc, char** argv) {
-  CLI::App app("Measures Mirado beside its floors.");
+  CLI::App app("Measures Mirado, and compares it with minimal programs that take the same steps.");
   std::vector<std::string> names;
   std::vector<std::string> known;
   known.reserve(std::size(kMeasurements));
@@ -115,10 +122,11 @@ int main(int argc, char** argv) {
   std::string service;
   std::string address;
   std::string settings;
-  app.add_option("rows", names, "What to measure; everything when left out")->check(CLI::IsMember(known));
+  app.add_option("rows", names, "The measurements; all if none is named")->check(CLI::IsMember(known));
   app.add_flag("--quick", quick, "Rough figures in a fraction of the time");
   app.add_option("--out", out, "A folder for the table and the curves")->check(CLI::ExistingDirectory);
   app.add_option("--scratch", Scratch::Place(), "A folder on the file system that is measured");
+  // For the processes that the measurements start.
   app.add_flag("--instances", instances)->group("");
   app.add_option("--writer", writer)->group("");
   app.add_option("--hand-over", hand_over)->group("");

@@ -1,4 +1,4 @@
-// The store beside dconf, the settings service of desktops: both sides are processes of the same program.
+// The store compared with dconf, the settings service of desktops: both sides are processes of the same program.
 
 #include <dconf/dconf.h>
 
@@ -167,7 +167,7 @@ std::vector<Row> DconfRows(const Effort& effort) {
     environment.emplace_back("dconf");
     dconf = std::make_unique<Side>(environment, effort);
   } catch (const std::runtime_error&) {
-    return {Missing("the store beside dconf", "dbus-daemon or dconf-service is missing or does not start")};
+    return {Missing("the store compared with dconf", "dbus-daemon or dconf-service is missing or does not start")};
   }
   own.emplace_back(store.path() / "store");
   Side ours(own, effort);

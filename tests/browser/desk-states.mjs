@@ -1,13 +1,13 @@
 // Twelve states of the desk's page, for the tests and for the screenshots.
 import { answer, CAPTION, openConsole, openDesk, rowWith, sendCommand } from "./desk-page.mjs";
 
-const json = (command, more) => ({ send: { command, ...more } });
-const watch = json("registerVconfKeysForCaption", { propertyKey: 0 });
+const messageOf = (command, more) => ({ send: { command, ...more } });
+const SUBSCRIBE = messageOf("registerVconfKeysForCaption", { propertyKey: 0 });
 
 async function openPages(desk, count) {
   const pages = await Promise.all(Array.from({ length: count }, (_, at) =>
     desk.openPage({ title: `Application ${at + 1}`, url: `http://localhost:8000/${at + 1}.html` })));
-  await Promise.all(pages.map((page) => desk.send(page, watch)));
+  await Promise.all(pages.map((page) => desk.send(page, SUBSCRIBE)));
   return pages;
 }
 
@@ -15,7 +15,7 @@ async function talk(page) {
   await openConsole(page);
   await sendCommand(page, "registerVconfKeysForCaption", { key: 0 });
   await sendCommand(page, "setMenuValue", { key: 0, value: 1 });
-  await sendCommand(page, "getMenuValue", { key: 14 });
+  await sendCommand(page, "getMenuValue", { key: 14 }); // cannot be read
   await sendCommand(page, "getMenuValue", { key: 20 });
   await rowWith(page, /VOICE_GUIDE_SPEED.*NORMAL/).waitFor();
   await rowWith(page, "CAPTION changed").waitFor();
@@ -29,8 +29,8 @@ const crash = async (page) => {
 };
 
 /**
- * `panel` is the tab on which a narrow page shows it, `unfold` whether to show also what a narrow page folds away;
- * `show(page, desk)` starts with the opened page.
+ * `panel` is the tab to choose in a narrow window, `unfold` whether to show also what such a window folds away;
+ * `show(page, desk)` brings the opened page into the state.
  */
 export const STATES = [
   { name: "first-visit", show: async () => {} },

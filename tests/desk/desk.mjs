@@ -107,7 +107,7 @@ export class Desk {
   // Resolves with {status, headers, text, json}; `json` is undefined if the text is not JSON.
   request(method, path, { body, headers = {}, agent = false } = {}) {
     return within(new Promise((resolve, reject) => {
-      const text = body === undefined || typeof body === "string" ? body : JSON.stringify(body);
+      const text = body === undefined || typeof body === "string" || Buffer.isBuffer(body) ? body : JSON.stringify(body);
       const usual = text === undefined ? {} :
         { "Content-Type": "application/json", "Content-Length": Buffer.byteLength(text) };
       const to = { host: "127.0.0.1", port: this.port, agent };

@@ -23,38 +23,38 @@ test("answers only requests to loopback names", async () => {
     assert.equal(await statusWith({ Host: host }, "/desk.js"), 403, host);
   }
   for (const hosts of ["", "Host: \r\n", "Host: localhost\r\nHost: tv.example\r\n",
-    `Host: localhost\r\nOrigin: ${OWN[0]}\r\nOrigin: http://tv.example\r\n`]) {
+    `Host: localhost\r\nOrigin: ${LOOPBACK[0]}\r\nOrigin: http://tv.example\r\n`]) {
     const socket = await desk.dial(`GET /api/settings HTTP/1.1\r\nConnection: close\r\n${hosts}\r\n`);
     assert.match(await contentOf(socket), /^HTTP\/1.1 40[03] /, hosts);
   }
 });
 
-const OWN = ["http://localhost:5173", "https://127.0.0.1", "http://p1-f.localhost"];
-const FOREIGN = ["http://tv.example", "https://tv.example:3000", "http://localhost.tv.example", "file://", "null",
+const LOOPBACK = ["http://localhost:5173", "https://127.0.0.1", "http://p1-f.localhost"];
+const OTHERS = ["http://tv.example", "https://tv.example:3000", "http://localhost.tv.example", "file://", "null",
   "http://user@localhost", "localhost", "http://127.0.0.1.nip.example"];
 
-test("accepts origins of this machine, and others only with the token", async () => {
+test("without a token accepts only loopback origins; with --token any origin that sends it", async () => {
   const locked = await Desk.startOn(join(desk.folder, "locked"), "--token");
   const { token } = locked;
   assert.equal(token.length, 32);
   const file = join(locked.store, "token");
   assert.equal((await stat(file)).mode & 0o777, 0o600);
   const status = async (of, headers, path, method = "GET") => (await of.request(method, path, { headers })).status;
-  for (const origin of OWN) {
+  for (const origin of LOOPBACK) {
     const { status: free, headers } = await desk.request("GET", "/api/settings", { headers: { Origin: origin } });
     assert.equal(free, 200, origin);
     assert.equal(headers["access-control-allow-origin"], origin);
     assert.equal(headers.vary, "Origin");
     assert.equal(await status(locked, { "Origin": origin, "Sec-Fetch-Site": "same-origin" }, "/api/settings"), 403, origin);
   }
-  for (const origin of FOREIGN) {
+  for (const origin of OTHERS) {
     for (const [method, path] of [["GET", "/api/settings"], ["OPTIONS", "/api/reset"], ["POST", "/api/reset"]]) {
       const answer = await desk.request(method, path, { headers: { Origin: origin } });
       assert.equal(answer.status, 403, `${method} ${path} ${origin}`);
       assert.equal(answer.headers["access-control-allow-origin"], undefined);
     }
     assert.equal((await desk.socketOf({ id: "p1-0" }, "", `Origin: ${origin}\r\n`)).status, 403, origin);
-    assert.equal(await status(desk, { Origin: origin }, "/desk.js"), 200, "a loaded script can report what is missing");
+    assert.equal(await status(desk, { Origin: origin }, "/desk.js"), 200, "it loads, and reports why the API refuses");
     const preflight = await locked.request("OPTIONS", `/api/reset?token=${token}`,
       { headers: { "Origin": origin, "Access-Control-Request-Private-Network": "true" } });
     assert.equal(preflight.status, 204);
@@ -70,8 +70,8 @@ test("accepts origins of this machine, and others only with the token", async ()
   assert.equal(await status(locked, { Authorization: `Bearer ${token}` }, "/api/settings"), 200);
   assert.equal((await locked.socketOf({ id: "p1-0" })).status, 403);
   assert.equal((await locked.socketOf({ id: "p1-0" }, `?token=${token}`)).status, 404);
-  assert.equal(await status(locked, {}, "/desk.js"), 200, "holds no secret");
-  // A name that others can resolve to this machine, as in DNS rebinding, is refused even with the token.
+  assert.equal(await status(locked, {}, "/desk.js"), 200, "needs no token");
+  // Without --listen a name is refused even with the token: its owner's DNS may lead to this machine (DNS rebinding).
   assert.equal(await status(locked, { Host: "tv.example" }, `/api/settings?token=${token}`), 403);
   await locked.stop();
   await chmod(file, 0o644); // Other users may have read it, so it is no longer valid.
@@ -82,7 +82,7 @@ test("accepts origins of this machine, and others only with the token", async ()
   assert.equal(await status(again, { Host: "192.168.1.20:8480" }, `/api/settings?token=${again.token}`), 200);
 });
 
-test("uses its port alone, for IPv4 and IPv6", async () => {
+test("needs its port for IPv4 and for IPv6", async () => {
   for (const address of ["127.0.0.1", "::1"]) {
     const other = createServer().listen(0, address);
     await once(other, "listening");
@@ -111,8 +111,8 @@ test("accepts JSON up to a size, and names the error in invalid JSON", async () 
     [put('{"value": 1}'.padEnd(65_537)), 413],
     [put(`{"value": "${"x".repeat(65_536)}"}`, { "Content-Length": [], "Transfer-Encoding": "chunked" }), 413],
     [put('{\n"value": 1'), 400, /JSON: line 2, column 11/],
-    [put('{"value": "\xff\xfe"'), 400],
-    [put(deep), 400],
+    [put(Buffer.from('{"value": "\xff\xfe"}', "latin1")), 400, /UTF-8/],
+    [put(deep), 400, /deep/],
     [put('{"value": 1.5}'), 400],
     [put("{}"), 400],
     [put('{"value": "text"}'), 409, /db\/menu\/caption\/caption/],
@@ -137,11 +137,11 @@ test("accepts JSON up to a size, and names the error in invalid JSON", async () 
   }
 });
 
-test("refuses requests that a foreign page can send without a preflight", async () => {
-  const foreign = { "Host": "p1.localhost", "Sec-Fetch-Site": "cross-site" };
-  assert.equal(await statusWith(foreign, "/api/events"), 403);
-  assert.equal(await statusWith(foreign, "/desk.js"), 200);
-  assert.equal(await statusWith({ ...foreign, Origin: OWN[0] }), 200);
+test("refuses API requests that are cross-site and have no Origin", async () => {
+  const crossSite = { "Host": "p1.localhost", "Sec-Fetch-Site": "cross-site" };
+  assert.equal(await statusWith(crossSite, "/api/events"), 403);
+  assert.equal(await statusWith(crossSite, "/desk.js"), 200);
+  assert.equal(await statusWith({ ...crossSite, Origin: LOOPBACK[0] }), 200);
 });
 
 test("serves its routes and nothing else", async () => {
@@ -167,7 +167,7 @@ test("serves its routes and nothing else", async () => {
   assert.equal(refused.status, 400);
 });
 
-test("does not wait for a body without a length, and sends complete answers", async () => {
+test("does not wait for a body without a length; a HEAD gets no body, and a Range the whole", async () => {
   for (const [line, status] of [["POST /api/reset", 200], ["POST /api/nothing", 404], ["PUT /api/set", 405],
     ["HEAD /api/settings", 200], ["HEAD /api/events", 200]]) {
     await oneOfFiveIsBelow(2500, async () => {
@@ -185,7 +185,7 @@ test("does not wait for a body without a length, and sends complete answers", as
   assert((await desk.request("GET", "/api/set", { headers: { Range: "bytes=0-3" } })).json.latency);
 });
 
-test("does not read the rest of a refused request as another request", async () => {
+test("does not read a body, or what follows a refused request, as another request", async () => {
   const hidden = "POST /api/reset HTTP/1.1\r\nHost: localhost\r\nContent-Length: 0\r\n\r\n";
   await desk.call("PUT", "/api/store/memory/tv-viewer/bg_executable", { value: 77 });
   for (const first of [
