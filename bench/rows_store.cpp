@@ -230,10 +230,12 @@ std::vector<Row> EventRows(const Effort& effort) {
     Child giver({OwnProgram(), "--hand-over", file});
     giver.ReadLine();
     std::atomic<Clock::time_point> taken{Clock::time_point()};
-    std::jthread taker([&](const std::stop_token& stop) {
+    // Counted before the first ring, and again before each value is taken: a later ring is then not missed.
+    std::jthread taker([&, seen = words.Rings()](const std::stop_token& stop) mutable {
       while (true) {
-        words.Await(words.Rings());
+        words.Await(seen);
         if (stop.stop_requested()) return;
+        seen = words.Rings();
         static_cast<void>(words.Take());
         taken = Clock::now();
         taken.notify_one();
