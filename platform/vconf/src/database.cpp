@@ -212,14 +212,13 @@ Status Database::Failure(int result) const {
     case SQLITE_CORRUPT:
     case SQLITE_NOTADB:
     case SQLITE_SCHEMA:
+    case SQLITE_ERROR:  // such as a missing table
       return Damaged(file_);
     case SQLITE_BUSY:
     case SQLITE_LOCKED:
     case SQLITE_PROTOCOL:  // was locked while it was being opened
       return {Code::kBusy, file_ + ": " + HolderOf({file_, file_ + "-shm"}) +
                                " has kept it locked too long; resume or end that process"};
-    case SQLITE_ERROR:  // such as a missing table
-      return Damaged(file_);
     case SQLITE_IOERR:
       if (result == SQLITE_IOERR_SHORT_READ) {
         return Damaged(file_);
@@ -247,51 +246,48 @@ Status Database::Prepare(const char* text, sqlite3_stmt** statement) {
   return result == SQLITE_OK ? Status() : Failure(result);
 }
 
-Status Database::Read(bool thorough, std::vector<Row>* rows, std::uint64_t* number) {
-  struct Closer {
-    void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
-  };
-  sqlite3_stmt* made = nullptr;
-  if (thorough) {
-    Status status = Prepare("PRAGMA quick_check(1)", &made);
-    const std::unique_ptr<sqlite3_stmt, Closer> check(made);
-    if (status.ok()) {
-      const int result = sqlite3_step(made);
-      status = result != SQLITE_ROW ? Failure(result) : Column(made, 0) != "ok" ? Damaged(file_) : Status();
-    }
-    if (!status.ok()) {
-      return status;
-    }
-    made = nullptr;
+// Calls `on_row` with each row, until it fails.
+Status Database::Query(const char* text, const std::function<Status(sqlite3_stmt*)>& on_row) {
+  sqlite3_stmt* statement = nullptr;
+  Status status = Prepare(text, &statement);
+  int result = SQLITE_DONE;
+  while (status.ok() && (result = sqlite3_step(statement)) == SQLITE_ROW) {
+    status = on_row(statement);
   }
-  if (Status status = Prepare("SELECT path, number, value, checksum FROM entries ORDER BY number", &made);
-      !status.ok()) {
+  if (status.ok() && result != SQLITE_DONE) {
+    status = Failure(result);
+  }
+  sqlite3_finalize(statement);
+  return status;
+}
+
+Status Database::Read(bool thorough, std::vector<Row>* rows, std::uint64_t* number) {
+  Status status = !thorough ? Status() : Query("PRAGMA quick_check(1)", [this](sqlite3_stmt* result) {
+    return Column(result, 0) == "ok" ? Status() : Damaged(file_);
+  });
+  if (!status.ok()) {
     return status;
   }
-  const std::unique_ptr<sqlite3_stmt, Closer> select(made);
-  int result = SQLITE_OK;
-  while ((result = sqlite3_step(made)) == SQLITE_ROW) {
-    Row row{Column(made, 0), std::nullopt};
-    *number = static_cast<std::uint64_t>(sqlite3_column_int64(made, 1));
-    const std::string value = Column(made, 2);
-    if (sqlite3_column_int64(made, 3) != Checksum(row.path, *number, value)) {
+  return Query("SELECT path, number, value, checksum FROM entries ORDER BY number", [&](sqlite3_stmt* result) {
+    std::string path = Column(result, 0);
+    *number = static_cast<std::uint64_t>(sqlite3_column_int64(result, 1));
+    const std::string value = Column(result, 2);
+    if (sqlite3_column_int64(result, 3) != Checksum(path, *number, value)) {
       return Damaged(file_);
     }
-    row.value = ValueOf(value);
-    if (row.path != kRemoval) {
-      rows->push_back(std::move(row));
+    if (path != kRemoval) {
+      rows->push_back({std::move(path), ValueOf(value)});
     }
-  }
-  return result == SQLITE_DONE ? Status() : Failure(result);
+    return Status();
+  });
 }
 
 Result<std::uint64_t> Database::LastNumber() {
-  sqlite3_stmt* made = nullptr;
-  Status status = Prepare("SELECT max(number) FROM entries", &made);
-  const int result = status.ok() ? sqlite3_step(made) : SQLITE_ROW;
-  const auto number = static_cast<std::uint64_t>(sqlite3_column_int64(made, 0));
-  sqlite3_finalize(made);
-  status = result == SQLITE_ROW ? std::move(status) : Failure(result);
+  std::uint64_t number = 0;
+  Status status = Query("SELECT max(number) FROM entries", [&](sqlite3_stmt* result) {
+    number = static_cast<std::uint64_t>(sqlite3_column_int64(result, 0));
+    return Status();
+  });
   return status.ok() ? Result(number) : std::move(status);
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -62,6 +63,7 @@ class Database {
   static Result<std::unique_ptr<Database>> Connect(const std::string& file, int flags, ino_t inode);
   Status Run(const char* statement);
   Status Prepare(const char* text, sqlite3_stmt** statement);
+  Status Query(const char* text, const std::function<Status(sqlite3_stmt*)>& on_row);
   Status WriteRow(const Row& row, std::uint64_t number);
   Status WriteRows(const std::vector<Row>& rows, std::uint64_t number);
   Status Failure(int result) const;

@@ -30,7 +30,6 @@ Publisher::Publisher(Region& region)
     status_ = Status(Code::kRemoved, region.file() + ": was replaced; repeat the call");
   } else if (status_.ok() && lock_->inherited()) {
     Finish();
-    CountFaults();
   }
 }
 

@@ -156,16 +156,13 @@ RegionResult MakePrivate(const Folder& folder) {
 
 // The last value of each path.
 std::vector<Row> RowsOf(const std::vector<Entry>& entries) {
-  std::vector<Row> rows;
-  rows.reserve(entries.size());
-  std::map<std::string_view, std::size_t> rows_of_paths;
+  std::map<std::string, Value> last;
   for (const Entry& entry : entries) {
-    const auto [found, is_new] = rows_of_paths.try_emplace(entry.path, rows.size());
-    if (is_new) {
-      rows.push_back({entry.path, entry.value});
-    } else {
-      rows[found->second].value = entry.value;
-    }
+    last.insert_or_assign(entry.path, entry.value);
+  }
+  std::vector<Row> rows;
+  for (auto& [path, value] : last) {
+    rows.push_back({path, std::move(value)});
   }
   return rows;
 }
