@@ -46,6 +46,11 @@ class VconfFailureTest : public VconfTest {
                             (usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1000);
   }
   static void Count(keynode_t* /*node*/, void* count) { ++*static_cast<std::atomic<int>*>(count); }
+  /// Holds SQLite's write lock until this process ends. It is in the index of the log.
+  bool LockLog() const {
+    struct flock lock = {.l_type = F_WRLCK, .l_whence = SEEK_SET, .l_start = 120, .l_len = 1, .l_pid = 0};
+    return fcntl(open((file() + "-shm").c_str(), O_RDWR | O_CLOEXEC), F_SETLK, &lock) == 0;
+  }
 };
 
 TEST_F(VconfFailureTest, AForkedChildMayUseTheStoreAndExit) {
@@ -183,12 +188,9 @@ TEST_F(VconfFailureTest, AProcessThatLocksAFileTooLongIsNamed) {
   fs::create_directory(other);
   const Steps steps;
   Process holder([&] {
-    constexpr off_t kWriteLock = 120;  // the offset of SQLite's write lock in the index of its log
-    struct flock lock = {.l_type = F_WRLCK, .l_whence = SEEK_SET, .l_start = kWriteLock, .l_len = 1, .l_pid = 0};
-    const int index = open((file() + "-shm").c_str(), O_RDWR | O_CLOEXEC);
     const int folder = open(other.c_str(), O_RDONLY | O_CLOEXEC);
     steps.AwaitParent();
-    EXPECT_EQ(fcntl(index, F_SETLK, &lock) | flock(folder, LOCK_EX), 0);
+    EXPECT_TRUE(LockLog() && flock(folder, LOCK_EX) == 0);
     steps.SignalParent();
     steps.AwaitParent();
   });
@@ -366,6 +368,13 @@ TEST_F(VconfFailureTest, AProcessWithAReplacedStoreOpenUsesTheNewOne) {
   steps.SignalChild();
   EXPECT_EQ(other.Wait(), 0);
   EXPECT_EQ(GetInt("db/new", 0), 6);
+  ASSERT_TRUE(vconf::ReplaceStore(directory(), {}).ok());
+  EXPECT_EQ(Process([&] {
+              vconf::CloseStore();
+              return vconf::OpenStore(directory()).ok() && vconf::SetFault({"other_call", "*", 5, 0}).ok() ? 0 : 1;
+            }).Wait(),
+            0);
+  EXPECT_EQ(vconf::TakeFault("other_call", "db/new"), 5) << "also if no other call was made meanwhile";
   std::atomic<int> calls{0};
   ASSERT_GE(vconf_notify_key_changed("db/new", Count, &calls), 0);
   ASSERT_TRUE(vconf::ReplaceStore(directory(), {{"db/new", 7}}).ok());
@@ -395,13 +404,13 @@ TEST_F(VconfFailureTest, EndingASubscriptionDoesNotWaitForOthers) {
   vconf::Settle();      // now `other` may be destroyed
 }
 
-TEST_F(VconfFailureTest, AProcessThatWaitsForChangesSleeps) {
+TEST_F(VconfFailureTest, AProcessThatWaitsForChangesSleepsUntilThereIsOne) {
   Open();
   vconf::CloseStore();
   const Steps steps;
   Process other([&] {
-    std::atomic<int> calls{0};
-    if (!vconf::OpenStore(directory()).ok() || vconf_notify_key_changed("memory/a", Count, &calls) != 0) return 1;
+    const auto echo = [](keynode_t*, void*) { vconf_set_int("memory/echo", GetInt("memory/a", 0)); };
+    if (!vconf::OpenStore(directory()).ok() || vconf_notify_key_changed("memory/a", echo, nullptr) != 0) return 1;
     steps.SignalParent();
     steps.AwaitParent();
     vconf::Settle();
@@ -413,7 +422,20 @@ TEST_F(VconfFailureTest, AProcessThatWaitsForChangesSleeps) {
   Open();
   std::atomic<int> calls{0};
   ASSERT_GE(vconf_notify_key_changed("memory/a", Count, &calls), 0);
-  ASSERT_EQ(vconf_set_int("memory/a", 1), 0);
+  std::atomic<int> echoed{0};
+  auto watch = *vconf::WatchPrefix("memory/echo", [&](const Change& change) {
+    echoed = std::get<int>(*change.value);
+    echoed.notify_one();
+  });
+  int late = 0;  // a listener that is not woken checks the store once a second
+  for (int i = 1; i <= 200 && late < 5; ++i) {
+    const auto begun = std::chrono::steady_clock::now();
+    ASSERT_EQ(vconf_set_int("memory/a", i), 0);
+    for (int last = 0; (last = echoed) != i;) echoed.wait(last);
+    late += std::chrono::steady_clock::now() - begun > std::chrono::milliseconds(500) ? 1 : 0;
+  }
+  EXPECT_LT(late, 5);
+  watch.reset();
   steps.SignalChild();
   steps.AwaitChild();
   const auto wakes = [&] {
@@ -540,6 +562,83 @@ TEST_F(VconfFailureTest, AFullRegionCanBeEmptied) {
   EXPECT_EQ(vconf::Reset({{"memory/last", text}}).text(), "");
   EXPECT_EQ(vconf_set_int("db/a", 1), 0);
   EXPECT_EQ(vconf::List("")->size(), 2U);
+}
+
+TEST_F(VconfFailureTest, AFullRegionKeepsAWriteThatWaitsForTheDisk) {
+  Open({{"db/text", std::string("short")}});
+  ASSERT_EQ(vconf_set_int("db/a", 1), 0);
+  auto fill = [count = 0]() mutable {
+    while (vconf::Set("memory/fill" + std::to_string(++count), std::string(65'536, 'x')).ok()) {
+    }
+  };
+  fill();
+  for (const char* path : {"memory/fill1", "memory/fill2"}) ASSERT_EQ(vconf::Remove(path).text(), "");
+  using namespace vconf::layout;
+  const int file = open(region().c_str(), O_RDONLY | O_CLOEXEC);
+  void* const base = mmap(nullptr, kMaxSize, PROT_READ, MAP_SHARED, file, 0);
+  close(file);
+  ASSERT_NE(base, MAP_FAILED);
+  const std::string_view bytes(static_cast<char*>(base), fs::file_size(region()));
+  const auto& key = *reinterpret_cast<const Key*>(bytes.data() + bytes.find("db/text") - sizeof(Key));
+  const Slot& next = key.slots[(key.version + 1) % 2];
+  // A listener that is behind when memory is freed: the changes are dropped, and it gets one call instead.
+  std::promise<void> running;
+  std::promise<void> go_on;
+  std::atomic<int> calls{0};
+  const auto watch = *vconf::WatchPrefix("memory/watched", [&](const Change&) {
+    if (++calls > 1) return;
+    running.set_value();
+    go_on.get_future().wait();
+  });
+  ASSERT_EQ(vconf_set_int("memory/watched", 0), 0);
+  running.get_future().wait();
+  for (int i = 1; i <= 5; ++i) EXPECT_EQ(vconf_set_int("memory/watched", i), 0);
+  const Steps steps;
+  Process holder([&] {
+    steps.AwaitParent();
+    EXPECT_TRUE(LockLog());
+    steps.SignalParent();
+    steps.AwaitParent();
+  });
+  EXPECT_EQ(vconf_set_int("db/a", 2), 0);
+  steps.SignalChild();
+  steps.AwaitChild();
+  const std::string text(60'000, 'd');
+  auto write = std::async(std::launch::async, [&] { return vconf::Set("db/text", text); });
+  while (next.form != FormOf(kText, 60'000)) std::this_thread::yield();  // until it waits for the disk
+  fill();
+  go_on.set_value();
+  steps.SignalChild();
+  EXPECT_EQ(write.get().text(), "");
+  const auto written = vconf::Get("db/text");
+  EXPECT_TRUE(written.ok() && *written == vconf::Value(text)) << written.status().text();
+  vconf::Settle();
+  EXPECT_EQ(calls, 2);
+  munmap(base, kMaxSize);
+}
+
+TEST_F(VconfFailureTest, AChangeThatDoesNotFitOnTheDiskIsUndone) {
+  const auto texts = [](std::size_t size, char letter) {
+    std::vector<vconf::Entry> entries = {{"db/a", 0}};
+    for (int i = 0; i < 20; ++i)
+      entries.push_back({std::string("db/text") + static_cast<char>('A' + i), std::string(size, letter)});
+    return entries;
+  };
+  EXPECT_EQ(Process([&] {
+              Open(texts(33'000, 'a'));
+              EXPECT_EQ(vconf::Reset(texts(33'000, 'b')).text(), "");  // the region has room for the next texts now
+              signal(SIGXFSZ, SIG_IGN);
+              const rlimit limit{fs::file_size(file() + "-wal"), RLIM_INFINITY};
+              EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+              EXPECT_EQ(vconf::Reset(texts(60'000, 'c')).code(), Code::kFull);
+              EXPECT_EQ(*vconf::List(""), texts(33'000, 'b'));
+              EXPECT_EQ(vconf_set_int("db/a", 1), 0);
+            }).Wait(),
+            0);
+  fs::remove(region());  // as after a boot
+  Open();
+  EXPECT_EQ(GetInt("db/a", 0), 1);
+  EXPECT_EQ(*vconf::Get("db/textA"), vconf::Value(std::string(33'000, 'b')));
 }
 
 TEST_F(VconfFailureTest, AStoreOfThePreviousVersionIsConvertedOnce) {

@@ -22,7 +22,7 @@
 
 namespace {
 
-enum class Kind { kWrite, kTruncate, kSync, kCreate, kRename, kUnlink, kSyncFolder, kTry, kAcknowledge };
+enum class Kind { kWrite, kTruncate, kSync, kCreate, kRename, kUnlink, kSyncFolder, kSyncParent, kTry, kAcknowledge };
 
 struct Call {
   Kind kind;
@@ -33,6 +33,7 @@ struct Call {
 };
 
 constexpr int kFolder = -2;
+constexpr int kParent = -3;
 
 struct Recorder {
   bool on = false;
@@ -49,6 +50,7 @@ struct Recorder {
   }
   int Opened(int descriptor, const std::string& path) {
     if (on && path == folder) descriptors[descriptor] = kFolder;
+    if (on && folder == path + "/store") descriptors[descriptor] = kParent;
     if (const std::string name = NameOf(path); descriptor >= 0 && !name.empty() && !name.ends_with("-shm")) {
       const auto [found, is_new] = names.try_emplace(name, files);
       if (is_new) calls.push_back({Kind::kCreate, files++, 0, name, {}});
@@ -58,8 +60,10 @@ struct Recorder {
   }
   void Note(int descriptor, Kind kind, std::size_t at, std::string text) {
     if (const auto found = descriptors.find(descriptor); on && found != descriptors.end()) {
-      const bool folder_synced = found->second == kFolder && kind == Kind::kSync;
-      calls.push_back({folder_synced ? Kind::kSyncFolder : kind, found->second, at, std::move(text), {}});
+      const bool is_sync = kind == Kind::kSync;
+      kind = is_sync && found->second == kFolder ? Kind::kSyncFolder : kind;
+      kind = is_sync && found->second == kParent ? Kind::kSyncParent : kind;
+      calls.push_back({kind, found->second, at, std::move(text), {}});
     }
   }
   void Renamed(const std::string& from, const std::string& to) {
@@ -185,8 +189,7 @@ std::string RegionNow(const std::string& store) {
 
 void RecordAStore(const std::string& store, int writes) {
   Recorder& recorder = TheRecorder();
-  std::filesystem::create_directory(store);
-  recorder.folder = std::filesystem::canonical(store);
+  recorder.folder = std::filesystem::canonical(store.substr(0, store.rfind('/'))) / "store";
   recorder.on = true;
   EXPECT_EQ(vconf::OpenOrCreateStore(store, kInitial).text(), "");
   recorder.calls.push_back({Kind::kAcknowledge, -1, 0, {}, {}});
@@ -228,6 +231,9 @@ class Disk {
       case Kind::kSyncFolder:
         for (const Call* each : std::exchange(unsynced_names_, {})) Apply(*each, &names_);
         break;
+      case Kind::kSyncParent:
+        has_folder_ = true;
+        break;
       case Kind::kAcknowledge:
         region_ = call.text;
         break;
@@ -243,6 +249,7 @@ class Disk {
     const std::size_t changes = random() % (unsynced_names_.size() + 1);
     for (std::size_t i = 0; i < changes; ++i) Apply(*unsynced_names_[i], &names);
     std::filesystem::remove_all(folder);
+    if (!has_folder_ && random() % 2 == 0) return;
     std::filesystem::create_directory(folder);
     if (!region_.empty() && random() % 2 == 0) {  // otherwise it is missing
       std::ofstream(folder + "/live", std::ios::binary) << region_ << std::string(100'000, '\0');
@@ -291,6 +298,7 @@ class Disk {
   }
 
   const bool syncs_;
+  bool has_folder_ = false;  // its name is synced
   std::map<int, std::string> synced_;
   std::map<std::string, int> names_;
   std::map<int, std::vector<const Call*>> unsynced_;
