@@ -93,7 +93,7 @@ class Process {
     };
     if constexpr (std::is_void_v<decltype(run())>) {
       run();
-      return testing::UnitTest::GetInstance()->ad_hoc_test_result().Failed() ? 1 : 0;
+      return testing::Test::HasFailure() ? 1 : 0;
     } else {
       return run();
     }
