@@ -203,7 +203,9 @@ Database::~Database() {
 }
 
 Status Database::Failure(int result) const {
-  const int error = sqlite3_system_errno(connection_);
+  const int last = errno;
+  const int known = sqlite3_system_errno(connection_);  // 0 if it was the commit that failed
+  const int error = known != 0 ? known : last;
   switch (result & 0xff) {
     case SQLITE_FULL:
       return SystemFailure(file_, ENOSPC);
