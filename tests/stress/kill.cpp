@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "harness.h"
+#include "numbered_values.h"
 #include "set/simulated_set.h"
 #include "vconf.h"
 #include "vconf_control.h"
@@ -37,22 +38,6 @@ struct Results {
   std::atomic<bool> stop;
 };
 
-/// A text that depends on `number` in its first word, its length and its letter; often longer than a page.
-std::string TextOf(int number) {
-  return std::to_string(number) + ' ' +
-         std::string(static_cast<std::size_t>(number) * 7919 % 9000, static_cast<char>('a' + number % 26));
-}
-
-/// The number in the value of `key`, 0 if the key is missing, `kFailed` if the value was never written.
-int NumberIn(int key) {
-  const auto value = vconf::Get(kKeys[static_cast<std::size_t>(key)]);
-  if (!value.ok()) return value.status().code() == vconf::Code::kMissing ? 0 : kFailed;
-  if (key != 2) return std::get<int>(*value);
-  const auto& text = std::get<std::string>(*value);
-  const int number = std::atoi(text.c_str());
-  return text == TextOf(number) ? number : kFailed;
-}
-
 bool WriteNumber(int key, int number) {
   const char* const path = kKeys[static_cast<std::size_t>(key)];
   if (key == 2) return vconf::Set(path, TextOf(number)).ok();
@@ -61,7 +46,7 @@ bool WriteNumber(int key, int number) {
 
 void Write(const std::string& store, int pipe) {
   EXPECT_EQ(vconf::OpenOrCreateStore(store, desk::DefaultEntries()).text(), "");
-  std::array<int, 3> numbers = {NumberIn(0), NumberIn(1), NumberIn(2)};
+  std::array<int, 3> numbers = {NumberIn(kNumber), NumberIn(kMemory), NumberIn(kText)};
   while (true) {
     for (int key = 0; key < 3; ++key) {
       int& number = numbers[static_cast<std::size_t>(key)];
@@ -82,7 +67,7 @@ void Read(const std::string& store, Results& results, int pipe) {
   for (std::uint64_t round = 1; !results.stop; ++round) {
     const auto before = Clock::now();
     for (int key = 0; key < 3; ++key) {
-      const int number = NumberIn(key);
+      const int number = NumberIn(kKeys[static_cast<std::size_t>(key)]);
       int& least = last[static_cast<std::size_t>(key)];
       if (number == kFailed) {
         ++results.torn;
@@ -172,7 +157,7 @@ void RunKill(double kills, unsigned seed) {
     }
     for (int key = 0; key < 3; ++key) {
       const auto at = static_cast<std::size_t>(key);
-      stored[at] = NumberIn(key);
+      stored[at] = NumberIn(kKeys[at]);
       EXPECT_GE(stored[at], least[at]) << kKeys[at] << " lost an acknowledged write";
       EXPECT_LE(stored[at], least[at] + 1) << kKeys[at] << " has a value that was never written";
     }

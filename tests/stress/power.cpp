@@ -16,6 +16,7 @@
 #include <random>
 
 #include "dlog_control.h"
+#include "numbered_values.h"
 #include "support/files.h"
 #include "vconf.h"
 #include "vconf_control.h"
@@ -60,9 +61,9 @@ struct Recorder {
   }
   void Note(int descriptor, Kind kind, std::size_t at, std::string text) {
     if (const auto found = descriptors.find(descriptor); on && found != descriptors.end()) {
-      const bool is_sync = kind == Kind::kSync;
-      kind = is_sync && found->second == kFolder ? Kind::kSyncFolder : kind;
-      kind = is_sync && found->second == kParent ? Kind::kSyncParent : kind;
+      if (kind == Kind::kSync && found->second < 0) {
+        kind = found->second == kFolder ? Kind::kSyncFolder : Kind::kSyncParent;
+      }
       calls.push_back({kind, found->second, at, std::move(text), {}});
     }
   }
@@ -163,22 +164,6 @@ namespace {
 
 constexpr std::array kKeys = {"db/power/number", "db/power/text", "set/power/text"};
 const std::vector<vconf::Entry> kInitial = {{"db/initial", 7}, {"set/initial", std::string(5'000, 'i')}};
-
-/// A text that depends on `number` in its first word, its length and its letter; often longer than a page.
-std::string TextOf(int number) {
-  return std::to_string(number) + ' ' +
-         std::string(static_cast<std::size_t>(number) * 7919 % 9000, static_cast<char>('a' + number % 26));
-}
-
-/// The number in the value of the key, 0 if the key is missing, -1 if the value was never written.
-int NumberIn(std::size_t key) {
-  const auto value = vconf::Get(kKeys.at(key));
-  if (!value.ok()) return value.status().code() == vconf::Code::kMissing ? 0 : -1;
-  if (key == 0) return std::get<int>(*value);
-  const auto& text = std::get<std::string>(*value);
-  const int number = std::atoi(text.c_str());
-  return text == TextOf(number) ? number : -1;
-}
 
 /// The beginning of the region, which contains the number of commits.
 std::string RegionNow(const std::string& store) {
@@ -319,7 +304,7 @@ std::string Check(const std::string& folder, bool made, const std::array<int, 3>
       wrong = entry.path + " is lost";
   }
   for (std::size_t key = 0; key < kKeys.size(); ++key) {
-    const int number = NumberIn(key);
+    const int number = NumberIn(kKeys.at(key));
     if (number < least.at(key) || number > most.at(key)) {
       wrong = std::string(kKeys.at(key)) + " has " + std::to_string(number) + ", acknowledged was " +
               std::to_string(least.at(key)) + ", attempted " + std::to_string(most.at(key));
