@@ -112,8 +112,8 @@ async function measureChromium(bare) {
   await desk.stop();
 }
 
-// In a process of its own: 63 pages that subscribe to a setting, receive its events and send a request every 105 ms. The
-// setting changes every 66 ms. Each message of the parent is answered with what was sent and received so far.
+// In a process of its own: 63 pages that subscribe to a setting, receive its events and send a request every 105 ms.
+// The setting changes every 66 ms. Each message of the parent is answered with what was sent and received so far.
 async function crowd(port) {
   const desk = Object.assign(new Desk(), { port });
   const pages = await openPages(desk, 63);
