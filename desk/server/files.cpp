@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <filesystem>
 #include <string>
 #include <string_view>
@@ -37,13 +38,13 @@ bool IsInside(const std::string& name) {
          std::ranges::none_of(path, [](const auto& part) { return part == ".." || part == "."; });
 }
 
-Answer Serve(const std::filesystem::path& folder, const std::string& name) {
-  const std::filesystem::path file = folder / (name.empty() ? "index.html" : name);
+Answer Serve(const HttpRequest& request, const std::filesystem::path& folder, const std::string& name) {
+  const std::filesystem::path file = folder / name;
   const std::string extension = file.extension();
   const auto* const row = std::ranges::find(kTypes, extension, &TypeRow::first);
   auto content = row != kTypes.end() && IsInside(name) ? ReadFile(file) : vconf::Status(vconf::Code::kMissing, name);
   if (!content.ok()) {
-    return Fail(404, "there is nothing at /" + name);
+    return Fail(404, "there is nothing at " + request.path);
   }
   return {.body = *std::move(content),
           .type = row->second,
@@ -51,12 +52,14 @@ Answer Serve(const std::filesystem::path& folder, const std::string& name) {
           .anywhere = extension == ".js"};
 }
 
-// The example's script tag has the default address; without it, it loads from this desk.
-Answer ServeExample(const std::filesystem::path& folder) {
-  constexpr std::string_view kUsual = "http://localhost:8480";
-  Answer answer = Serve(folder, "index.html");
+// The example's script tag has the default address. Here it loads from this desk, with the request's token.
+Answer ServeExample(const HttpRequest& request, const std::filesystem::path& folder) {
+  constexpr std::string_view kUsual = "http://localhost:8480/desk.js";
+  const std::string token(request.Query("token"));
+  const bool is_token = !token.empty() && std::ranges::all_of(token, [](unsigned char c) { return std::isalnum(c); });
+  Answer answer = Serve(request, folder, "index.html");
   if (const std::size_t at = answer.body.find(kUsual); at != std::string::npos) {
-    answer.body.erase(at, kUsual.size());
+    answer.body.replace(at, kUsual.size(), is_token ? "/desk.js?token=" + token : "/desk.js");
   }
   return answer;
 }
@@ -65,17 +68,15 @@ Answer ServeExample(const std::filesystem::path& folder) {
 
 void AddFiles(Router& router) {
   const std::filesystem::path web = WebFolder();
-  const std::filesystem::path data = web.parent_path();
-  const auto serve = [&](const char* pattern, const std::filesystem::path& folder, const char* name) {
-    router.Get(pattern, [folder, name](const HttpRequest&) { return Serve(folder, name); });
-  };
-  serve("/", web, "index.html");
-  serve("/mirado.js", data / "page", "mirado.js");
-  serve("/mirado.classic.js", data / "page", "mirado.classic.js");
-  router.Get("/example/", [folder = data / "example"](const HttpRequest&) { return ServeExample(folder); });
-  router.Get("/example/**",
-             [folder = data / "example"](const HttpRequest& request) { return Serve(folder, request.parts[0]); });
-  router.Get("/*", [web](const HttpRequest& request) { return Serve(web, request.parts[0]); });
+  const std::filesystem::path page = web.parent_path() / "page";
+  const std::filesystem::path example = web.parent_path() / "example";
+  using Request = const HttpRequest&;
+  router.Get("/", [web](Request request) { return Serve(request, web, "index.html"); });
+  router.Get("/mirado.js", [page](Request request) { return Serve(request, page, "mirado.js"); });
+  router.Get("/mirado.classic.js", [page](Request request) { return Serve(request, page, "mirado.classic.js"); });
+  router.Get("/example/", [example](Request request) { return ServeExample(request, example); });
+  router.Get("/example/**", [example](Request request) { return Serve(request, example, request.parts[0]); });
+  router.Get("/*", [web](Request request) { return Serve(request, web, request.parts[0]); });
 }
 
 }  // namespace desk

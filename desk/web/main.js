@@ -35,6 +35,7 @@ async function readAll() {
 let reading = Promise.resolve();
 const readAgain = () => { reading = reading.then(readAll); };
 
+document.querySelector('[href="/example/"]').href = api.addressOf("/example/");
 observe(["again"], readAgain);
 observe(["doubt"], readDesk);
 

@@ -71,10 +71,13 @@ test("without a token accepts only loopback origins; with --token any origin tha
   assert.equal((await locked.socketOf({ id: "p1-0" })).status, 403);
   assert.equal((await locked.socketOf({ id: "p1-0" }, `?token=${token}`)).status, 404);
   assert.equal(await status(locked, {}, "/desk.js"), 200, "needs no token");
+  const example = async (query) => /"(\/desk.js.*?)"/.exec((await locked.request("GET", `/example/${query}`)).text)[1];
+  assert.deepEqual([await example(""), await example(`?token=${token}`), await example("?token=%22x")],
+    ["/desk.js", `/desk.js?token=${token}`, "/desk.js"]);
   // Without --listen a name is refused even with the token: its owner's DNS may lead to this machine (DNS rebinding).
   assert.equal(await status(locked, { Host: "tv.example" }, `/api/settings?token=${token}`), 403);
   await locked.stop();
-  await chmod(file, 0o644); // Other users may have read it, so it is no longer valid.
+  await chmod(file, 0o640); // Other users may have read it, so it is no longer valid.
   const again = await Desk.startOn(locked.store, "--token", "--listen", "127.0.0.2");
   assert.notEqual(again.token, token);
   assert.equal(again.token, (await readFile(file, "utf8")));
@@ -105,7 +108,7 @@ test("accepts JSON up to a size, and names the error in invalid JSON", async () 
   const cases = [
     [put("value=1", { "Content-Type": "application/x-www-form-urlencoded" }), 415],
     [put('{"value": 1}', { "Content-Type": "text/plain" }), 415],
-    [put('{"value": 1}', { "Content-Type": "application/json; charset=utf-8" }), 200],
+    [put('{"value": 1}', { "Content-Type": "Application/JSON; charset=utf-8" }), 200],
     [put('{"value": 1}', { "Content-Encoding": "gzip" }), 415],
     [put('{"value": 1}'.padEnd(65_536)), 200],
     [put('{"value": 1}'.padEnd(65_537)), 413],
