@@ -22,6 +22,7 @@
 #include "base/http_status.h"
 #include "base/paths.h"
 #include "base/standard_streams.h"
+#include "base/terminal.h"
 #include "server/stream.h"
 #include "set/simulated_set.h"
 
@@ -71,6 +72,7 @@ Desk::Desk(DeskOptions given)
       listener_(loop),
       signals_(loop, SIGINT, SIGTERM),
       input_(loop) {
+  std::signal(SIGCHLD, SIG_DFL);  // if a parent had it ignored, the kernel would drop the status of each host
   struct sigaction hangup = {};
   if (sigaction(SIGHUP, nullptr, &hangup) == 0 && hangup.sa_handler != SIG_IGN) {  // nohup ignores it
     signals_.add(SIGHUP);
@@ -136,7 +138,7 @@ vconf::Status Desk::Start() {
   if (free < kOwn + kFewest) {
     return {vconf::Code::kFull, "this process may open only " + std::to_string(free) +
                                     " more files, but the desk needs " + std::to_string(kOwn + kFewest) +
-                                    "; raise the limit (ulimit -n)"};
+                                    "; raise the hard limit of open files (ulimit -Hn)"};
   }
   limits = Limits::For(free - kOwn);
   pages.set_limit(limits.pages);
@@ -272,10 +274,11 @@ void Desk::OnPluginCheck() {
     return StopWhenAllHaveEnded();
   }
   if (!plugin_->version().empty()) {
-    std::cout << "The plug-in answers: version " << plugin_->version() << ", " << options.host.plugin << std::endl;
-  } else {
-    std::cerr << "mirado desk: the plug-in " << options.host.plugin << " cannot be used\n  " << plugin_->error()
+    std::cout << "The plug-in answers: version " << Printable(plugin_->version()) << ", " << options.host.plugin
               << std::endl;
+  } else {
+    PrintError("mirado desk: the plug-in " + options.host.plugin + " cannot be used");
+    PrintError("  " + plugin_->error());
   }
   SendDeskEvent();
   if (plugin_->ended()) {  // without an answer
@@ -309,7 +312,7 @@ int Desk::Run() {
   try {
     loop.run();
   } catch (const std::exception& error) {
-    std::cerr << "mirado desk: exits after an internal failure: " << error.what() << std::endl;
+    PrintError(std::string("mirado desk: exits after an internal failure: ") + error.what());
     status_ = kCannotWork;
     End();
     loop.run();
@@ -321,8 +324,8 @@ int Desk::Run() {
   loop.restart();
   loop.run_for(kShutdownTime);
   if (store_requests_ > 0) {
-    std::cerr << "mirado desk: a change of the store has not finished; the disk may not be responding" << std::endl;
-    std::_Exit(status_);
+    PrintError("mirado desk: the store has not finished a request; the disk may not be responding");
+    std::_Exit(kCannotWork);
   }
   store_thread_.join();
   return status_;

@@ -134,7 +134,6 @@ void Page::Forget(std::uint64_t ticket) {
   const auto found = std::ranges::find(sends_, ticket, &PendingSend::entry);
   if (found != sends_.end()) {
     found->on_result = nullptr;
-    last_activity_ = Clock::now();
   }
 }
 

@@ -234,7 +234,7 @@ Answer OpenPage(Desk& desk, const HttpRequest& request) {
                                                : std::to_string(desk.pages.limit()) + " pages are already open");
   } catch (const std::system_error& error) {
     return Busy(std::string("no plug-in can be started: ") + error.what() +
-                "; close pages, or raise the desk's limits (ulimit -n, ulimit -u)");
+                "; close pages, or raise the desk's limits (ulimit -Hn, ulimit -u)");
   }
 }
 

@@ -67,7 +67,7 @@ TEST_F(ServerDeathTest, EndsThoughTheStoreHangs) {
                   while (true) pause();
                 })(request, nullptr);
               }),
-              testing::ExitedWithCode(0), "the disk may not be responding");
+              testing::ExitedWithCode(3), "the disk may not be responding");
 }
 
 class LineRecorder final : public desk::HostProcess::Listener {
