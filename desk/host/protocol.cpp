@@ -20,8 +20,7 @@ std::string Line(std::string_view name, std::string_view value) {
   std::string line;
   line.reserve(name.size() + value.size() + 6);
   line.append("{\"").append(name).append("\": ").append(value).append("}");
-  std::ranges::replace_if(
-      line, [](char c) { return c == '\n' || c == '\r'; }, ' ');
+  std::ranges::replace(line, '\n', ' ');
   return line;
 }
 

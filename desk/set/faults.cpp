@@ -59,6 +59,10 @@ vconf::Status CheckFault(const vconf::Fault& fault) {
   if (!found.ok()) {
     return found.status();
   }
+  constexpr std::size_t kMaxPath = 511;  // the store's
+  if (fault.path.empty() || fault.path.size() > kMaxPath || fault.path.find('\0') != std::string::npos) {
+    return {vconf::Code::kBadName, "the path of a fault has 1 to 511 bytes, none of them 0"};
+  }
   const FaultCall& call = **found;
   if ((call.failures == kNotZero && fault.answer == 0) || (call.failures == kNegative && fault.answer >= 0)) {
     return BadValue(std::to_string(fault.answer) + " is not a failure of " + fault.call +

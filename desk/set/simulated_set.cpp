@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <optional>
+#include <set>
 #include <sstream>
 #include <utility>
 
@@ -235,31 +236,26 @@ vconf::Result<std::vector<std::string>> KnownPaths(std::string_view prefix) {
   if (!present.ok()) {
     return present.status();
   }
-  std::vector<std::string> paths;
+  std::set<std::string> paths = {"memory/webapp/caption", "memory/webapp/avplay"};  // not in a new set
   for (const auto& entries : {DefaultEntries(), *present}) {
     for (const vconf::Entry& entry : entries) {
-      if (entry.path.starts_with(prefix)) {
-        paths.push_back(entry.path.substr(prefix.size()));
-      }
+      paths.insert(entry.path);
     }
   }
   for (const Command& command : Commands()) {
-    if (const std::string path = kLatencyPrefix + std::string(command.name); path.starts_with(prefix)) {
-      paths.push_back(path.substr(prefix.size()));
+    paths.insert(kLatencyPrefix + std::string(command.name));
+  }
+  for (const char* const operation :
+       {"check_ace_privilege", "get_window_id", "set_ime_recommended_words_type", "set_ime_recommended_words"}) {
+    paths.insert(std::string(kReplyPrefix) + operation);
+  }
+  std::vector<std::string> names;
+  for (const std::string& path : paths) {
+    if (path.starts_with(prefix)) {
+      names.push_back(path.substr(prefix.size()));
     }
   }
-  for (const char* const path : {"memory/webapp/caption", "memory/webapp/avplay"}) {  // not in a new set
-    if (std::string_view(path).starts_with(prefix)) {
-      paths.emplace_back(path + prefix.size());
-    }
-  }
-  if (prefix == kReplyPrefix) {
-    paths.insert(paths.end(), {"check_ace_privilege", "get_window_id", "set_ime_recommended_words_type",
-                               "set_ime_recommended_words"});
-  }
-  std::ranges::sort(paths);
-  paths.erase(std::unique(paths.begin(), paths.end()), paths.end());
-  return paths;
+  return names;
 }
 
 bool IsFreelyNamed(std::string_view path) {
