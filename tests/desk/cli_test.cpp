@@ -142,7 +142,7 @@ TEST_F(CliTest, AShellRestoresEveryTextThatIsPrinted) {
       {"end\n\n", R"("end\n\n")"},
       {R"(C:\x)", R"(C:\x)"},
       {R"("open)", R"("\"open")"},
-      {"C:\\x\t\xd8\x9c\xe2\x81\xa6", R"("C:\\x\t\u061c\u2066")"},
+      {"C:\\x\t\xd8\x9c\xe2\x81\xa6\xe2\x81\xa9", R"("C:\\x\t\u061c\u2066\u2069")"},
       {"\x1b]0;title\a\x7f", R"("\u001b]0;title\u0007\u007f")"},
       {"F\xc3\xbcnf \xc2\x9bJ " + RightToLeft(), R"("Fünf \u009bJ \u202e")"},
       {"\xff \xc3 \xed\xa0\x80 \xf0\x9f\x98\x80", R"("\xff \xc3 \xed\xa0\x80 😀")"},
@@ -225,6 +225,7 @@ TEST_F(CliTest, AStoreIsMadeWhereThereIsNoneAndReplacedOnlyByForce) {
     const Outcome outcome = RunAsIs({command, "CAPTION", "--store", none});
     EXPECT_EQ(outcome.status, 3) << command;
     EXPECT_TRUE(Holds(outcome.log, none + ": there is no store here")) << outcome.log;
+    EXPECT_EQ(Shell("MIRADO_STORE='" + none + "' mirado " + command + " CAPTION"), 3) << command;
     EXPECT_TRUE(std::filesystem::is_empty(none)) << command;
   }
   EXPECT_EQ(RunAsIs({"set", "CAPTION", "1", "--store", folder().path()}).status, 3) << "a folder with other files";
@@ -336,8 +337,10 @@ TEST_F(CliTest, ListNamesEverySettingAndKeepsItsLinesInColumns) {
 }
 
 TEST_F(CliTest, WatchPrintsEveryChangeUntilItIsStopped) {
+  static_cast<void>(std::signal(SIGHUP, SIG_IGN));  // as nohup does
   Program watch({"watch", "memory/", "--now", "--store", store()}, log());
   EXPECT_EQ(watch.ReadLine(), "memory/tv-viewer/bg_executable 1");
+  watch.Signal(SIGHUP);
   Run({"set", "db/menu/caption/caption", "1"});
   Run({"set", "memory/tv-viewer/bg_executable", "0"});
   Run({"set", "memory/note", "two\nlines"});
@@ -379,7 +382,7 @@ TEST_F(CliTest, WatchEndsAfterSomeChangesOrSomeTime) {
 TEST_F(CliTest, SetUpPrintsArgumentsThatRestoreTheSet) {
   const std::string fresh = Run({"set-up"}).out;
   const std::vector<std::vector<std::string>> changes = {
-      {"b2b", "off"},
+      {"b2b", "unknown"},
       {"privilege", "off"},
       {"privilege", "on", "http://example.org/other"},
       {"picture-size", "none"},
@@ -397,7 +400,7 @@ TEST_F(CliTest, SetUpPrintsArgumentsThatRestoreTheSet) {
   }
   const std::string changed = Run({"set-up"}).out;
   const std::string json = Run({"set-up", "--json"}).out;
-  EXPECT_EQ(Run({"set-up", "b2b"}).out, "b2b off\n");
+  EXPECT_EQ(Run({"set-up", "b2b"}).out, "b2b unknown\n");
   EXPECT_EQ(Run({"set-up", "--json", "latency"}).out, "{\"latency\":{\"getVersion\":250}}\n");
   EXPECT_EQ(Run({"set-up", "embedder", "reply"}).out, "embedder reply get_window_id '\"7\"'\n");
   EXPECT_EQ(Run({"set-up", "latency", "getVersion"}).out, "latency getVersion 250\n");
@@ -614,6 +617,9 @@ TEST_F(ReplayTest, VerifyComparesTheMessagesSent) {
   EXPECT_EQ(RunAsIs({"verify", folder() / "none"}).status, 3);
   const auto ordered = desk::ExpectationFromJson(*desk::ParseJson(R"({"messages":[],"order":1})"));
   EXPECT_TRUE(ordered.status().text().starts_with("\"order\" ")) << ordered.status().text();
+  const std::vector<desk::ParsedJson> hundred(100, "a");
+  EXPECT_TRUE(desk::CheckExpectation({hundred, false, false, {}}).ok());
+  EXPECT_TRUE(Holds(desk::SentList(hundred), "  50  \"a\"\n  and 50 more\n"));
 }
 
 TEST_F(ReplayTest, ADifferenceIsShownAndADamagedRecordingIsNamed) {

@@ -72,7 +72,7 @@ TEST_F(HostTest, ReportsEachInvalidLineOnceAndContinues) {
       {R"({"settle":false})", "must be true"},
       {R"({"set":[]})", "paths and values"},
       {R"({"set":{"db/a/b":1.5}})", "db/a/b: the value must be"},
-      {R"({"set":{"db/menu/caption/caption":"text"}})", "db/menu/caption/caption"},
+      {R"({"set":{"db/menu/caption/caption":"text","db/z":1}})", "db/menu/caption/caption"},
       {R"({"set":{"elsewhere/a":1}})", "elsewhere/a"},
       {R"({"send":)" + deep + "}", "deeper than 128"},
       {R"({"send":[)" + deep_enough + "]}", "deeper than 128"},
@@ -175,6 +175,8 @@ TEST_F(HostTest, LatencyDelaysOneCommandAndASignalEndsTheDelay) {
   const auto start = Clock::now();
   EXPECT_EQ(Ask(host, R"({"command":"getVersion"})"), Done(R"("4.0")"));
   EXPECT_GE(Clock::now() - start, kLatency);
+  ASSERT_EQ(Run({"set", "set/latency/getVersion", "-1"}).status, 0);
+  EXPECT_EQ(Ask(host, R"({"command":"getVersion"})"), Done(R"("4.0")")) << "without a delay";
   ASSERT_EQ(Run({"set-up", "latency", "getVersion", "60000"}).status, 0);
   host.WriteLine(R"({"send":{"command":"getVersion"}})");
   host.Signal(SIGTERM);
