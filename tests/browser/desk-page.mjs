@@ -22,7 +22,7 @@ export async function sendCommand(page, command, { key, value } = {}) {
   await field("Command").selectOption(command);
   if (key !== undefined) await field("Key").selectOption(String(key));
   if (value !== undefined) await field("value").fill(String(value));
-  await form.getByRole("textbox", { name: /^Message as JSON/ }).press("Enter");
+  await form.locator("#say").click();
 }
 
 export const valueOf = (page, label) => page.getByRole("spinbutton", { name: label, exact: true });
