@@ -60,11 +60,13 @@ void PrintCommand(const CLI::App& command) {
 
 void PrintManual(const CLI::App& app) {
   std::cout << ".\\\" Printed by `mirado manual`.\n.TH MIRADO 1\n.SH NAME\nmirado \\- " << Roff(app.get_description())
-            << "\n.SH SYNOPSIS\n.B mirado\n.I COMMAND\n[OPTION...] [ARGUMENT...]\n.SH COMMANDS\n";
+            << "\n.SH SYNOPSIS\n.B mirado\n.I COMMAND\n[OPTION...] [ARGUMENT...]\n.SH OPTIONS\n";
+  PrintOptions(app);
+  std::cout << ".SH COMMANDS\n";
   for (const CLI::App* const command : app.get_subcommands([](const CLI::App*) { return true; })) {
     PrintCommand(*command);
   }
-  std::cout << ".SH EXIT STATUS\n";
+  std::cout << ".SH NOTES\n";
   PrintText(app.get_footer());
 }
 
