@@ -28,7 +28,8 @@ pp::Var FromValue(const vconf::Value& value) {
 
 PP_Var EmbedderName(PP_Instance) {
   const auto name = vconf::Get(kEmbedderName);
-  return FromValue(name.ok() ? *name : vconf::Value(kDefaultEmbedderName)).Detach();
+  const std::string* const text = name.ok() ? std::get_if<std::string>(&*name) : nullptr;
+  return pp::Var(text != nullptr ? *text : kDefaultEmbedderName).Detach();
 }
 
 PP_Var CurrentExtensionInfo(PP_Instance instance) {
