@@ -149,7 +149,6 @@ test("clients that do not read long answers", { timeout: 300_000 }, async () => 
   assert.equal(answer.status, 503);
   await answersOthers();
   while (answer.status === 503) answer = await desk.request("GET", path); // They are closed after a timeout.
-  assert(answer.text.length > 1024 * 1024);
   for (const socket of lazy) socket.destroy();
 });
 
