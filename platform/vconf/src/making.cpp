@@ -161,6 +161,7 @@ std::vector<Row> RowsOf(const std::vector<Entry>& entries) {
     last.insert_or_assign(entry.path, entry.value);
   }
   std::vector<Row> rows;
+  rows.reserve(last.size());
   for (auto& [path, value] : last) {
     rows.push_back({path, std::move(value)});
   }
