@@ -1,4 +1,5 @@
-// The faults of a store: internal keys without notifications. Their text is the answer and the remaining count.
+// Injected faults. Each is a key, kFaultPrefix CALL 0x1f PATH, with the text "ANSWER TIMES"; TIMES 0 is without end. No
+// subscription is notified of them.
 #include <charconv>
 
 #include "store.h"
@@ -44,8 +45,9 @@ Status Store::SetFault(const Fault& fault) {
   std::string key = KeyOf(fault.call, fault.path);
   if (fault.call.empty() || fault.path.empty() || fault.call.find(kBetween) != std::string::npos ||
       key.find('\0') != std::string::npos || key.size() > layout::kMaxName) {
-    return {Code::kBadName, fault.call + " " + fault.path + ": a fault needs a call and a path, of " +
-                                std::to_string(layout::kMaxPath) + " bytes at most, without control characters"};
+    return {Code::kBadName, fault.call + " " + fault.path + ": a fault needs a call and a path, together of " +
+                                std::to_string(layout::kMaxName - kFaultPrefix.size() - 1) +
+                                " bytes at most, without NUL"};
   }
   return Change(Home::kDisk, [&](Region&, std::vector<Row>* rows) {
     rows->push_back({key, TextOf(fault)});
@@ -66,7 +68,7 @@ Status Store::ClearFault(std::string_view call, std::string_view path) {
 Status Store::ClearFaults() {
   return Change(Home::kDisk, [](Region& region, std::vector<Row>* rows) {
     std::vector<Entry> held;
-    static_cast<void>(Table(region).List(kFaultPrefix, &held));  // all that can be read
+    static_cast<void>(Table(region).List(kFaultPrefix, &held));  // a fault that cannot be read stays
     for (Entry& entry : held) {
       rows->push_back({std::move(entry.path), std::nullopt});
     }
@@ -93,8 +95,8 @@ std::optional<int> Store::FindFault(std::string_view call, std::string_view path
     const std::string key = KeyOf(call, at);
     std::optional<Fault> found = Find(Table(region()), key);
     if (found && found->times > 0) {
-      // Looked up again under the lock: another process may have used it up. If this process cannot write, the fault
-      // still applies.
+      // Read again under the lock: another process may have used it up or cleared it. If the change fails, the fault
+      // applies and is not counted.
       static_cast<void>(Change(Home::kDisk, [&](Region& region, std::vector<Row>* rows) {
         found = Find(Table(region), key);
         if (found && found->times > 0) {

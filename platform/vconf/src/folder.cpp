@@ -22,7 +22,7 @@ namespace fs = std::filesystem;
 
 Status Foreign(const std::string& file) {
   return {Code::kNotPermitted,
-          file + ": is a link, not a regular file, or of another owner than its folder; remove it"};
+          file + ": is a symbolic link, is not a regular file, or belongs to another user than its folder; remove it"};
 }
 
 }  // namespace
@@ -90,7 +90,7 @@ Status Folder::Make(const std::string& directory) {
 }
 
 Result<Descriptor> Folder::OpenFile(const std::string& name, int flags, struct stat* about) const {
-  // Not blocking: opening a pipe of that name would wait for its other end.
+  // O_NONBLOCK, since opening a named pipe would wait for a process at its other end.
   Descriptor file(openat(directory_.number(), name.c_str(), flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   if (!file.is_open() || fstat(file.number(), about) != 0) {
     return errno == ELOOP || errno == ENXIO || errno == EISDIR ? Foreign(File(name)) : SystemFailure(File(name), errno);
@@ -141,27 +141,35 @@ Result<std::string> Folder::MoveAway(const std::function<bool(const std::string&
   if (!names.ok()) {
     return names.status();
   }
+  int error = 0;
   for (const std::string& place : {path_ + ".replaced-", File("replaced-")}) {
     std::string target;
     int number = 0;
     do {
       target = place;
       target += std::to_string(++number);
-    } while (mkdir(target.c_str(), 0700) != 0 && errno == EEXIST);
-    bool moved = access(target.c_str(), W_OK) == 0;
-    for (const std::string& name : *names) {
-      moved = moved &&
-              (!moves(name) || rename(File(name).c_str(), std::string(target).append("/").append(name).c_str()) == 0);
+      error = mkdir(target.c_str(), 0700) == 0 ? 0 : errno;
+    } while (error == EEXIST);
+    if (error == 0 && geteuid() == 0 && lchown(target.c_str(), owner_, group_) != 0) {
+      error = errno;
     }
-    if (moved) {
+    for (const std::string& name : *names) {
+      if (error == 0 && moves(name) && rename(File(name).c_str(), (target + '/').append(name).c_str()) != 0) {
+        error = errno;
+      }
+    }
+    if (error == 0) {
       return target;
     }
-    if (errno != EXDEV && errno != EACCES && errno != ENOENT) {
+    if (rmdir(target.c_str()) != 0 && errno == ENOTEMPTY) {
+      Status status = SystemFailure(path_, error);
+      return Status(status.code(), status.text() + "; some of its files are already in " + target);
+    }
+    if (error != EXDEV && error != EACCES && error != EROFS) {
       break;
     }
-    rmdir(target.c_str());
   }
-  return SystemFailure(path_, errno);
+  return SystemFailure(path_, error);
 }
 
 MakingLock::~MakingLock() { flock(folder_.number(), LOCK_UN); }
@@ -173,8 +181,9 @@ Result<MakingLock> Folder::LockMaking() const {
       return SystemFailure(path_, errno);
     }
     if (WaitLimit::Left().count() == 0) {
-      return Status(Code::kBusy, path_ + ": " + HolderOf({path_}) +
-                                     " has been creating the store for too long; resume or end that process");
+      return Status(Code::kBusy,
+                    path_ + ": " + HolderOf({path_}) +
+                        " has been creating, loading or replacing the store for too long; resume or end that process");
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }

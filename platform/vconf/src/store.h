@@ -108,7 +108,7 @@ class Store {
   std::atomic<Code> last_memory_write_{Code::kOk};
 };
 
-/// Whether `path` is a valid path. `set/`, and paths with a NUL, are valid only for the control interface.
+/// Whether `path` is a valid path. `set/` is valid only for the control interface.
 bool IsPath(std::string_view path, bool control);
 
 /// Whether all of `entries` are valid; otherwise the failure of the first invalid one.
