@@ -136,7 +136,11 @@ vconf::Status ParseMember(const Part& part, const std::string& name, const Parse
       return BadValue((full_name + " must be ").append(part.form));
     }
   }
-  changes.emplace_back(part.path + name, std::move(value));
+  std::string path = part.path + name;
+  if (const auto present = vconf::Get(path); !present.ok() && present.status().code() == vconf::Code::kBadName) {
+    return BadValue(full_name + " is too long, or has a character that a path may not have");
+  }
+  changes.emplace_back(std::move(path), std::move(value));
   return {};
 }
 

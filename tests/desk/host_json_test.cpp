@@ -85,6 +85,7 @@ TEST_F(SetTest, AChangeThatIsNotUnderstoodChangesNothingAndNamesItsPart) {
       {R"({"b2b":false,"color":1})", "color"},
       {R"({"b2b":1})", "b2b"},
       {R"({"privileges":{"a":1}})", "privileges/a"},
+      {R"({"b2b":false,"privileges":{")" + std::string(600, 'a') + R"(":true}})", "privileges/aaa"},
       {R"({"b2b":false,"pictureSize":1.5})", "pictureSize"},
       {R"({"latency":{"getVersion":-1}})", "latency/getVersion"},
       {R"({"latency":{"getVersion":"1"}})", "latency/getVersion"},
