@@ -596,7 +596,7 @@ TEST_F(VconfFailureTest, AChangeThatDoesNotFitOnTheDiskIsUndone) {
               Open(texts(33'000, 'a'));
               EXPECT_EQ(vconf::Reset(texts(33'000, 'b')).text(), "");  // the region has room for the next texts now
               signal(SIGXFSZ, SIG_IGN);
-              const rlimit limit{fs::file_size(file() + "-wal"), RLIM_INFINITY};
+              const rlimit limit{static_cast<rlim_t>(fs::file_size(file() + "-wal")), RLIM_INFINITY};
               EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
               EXPECT_EQ(vconf::Reset(texts(60'000, 'c')).code(), Code::kFull);
               EXPECT_EQ(*vconf::List(""), texts(33'000, 'b'));
