@@ -564,8 +564,12 @@ TEST_F(VconfFailureTest, AFullRegionCanBeEmptied) {
   steps.SignalChild();
   steps.AwaitChild();
   auto write = std::async(std::launch::async, [&] { return vconf::Set("db/text", text); });
-  while (next.form != FormOf(kText, kMaxText)) std::this_thread::yield();
+  while (next.form != FormOf(kText, kMaxText) &&
+         write.wait_for(std::chrono::milliseconds(1)) != std::future_status::ready) {
+  }
   fill();
+  EXPECT_EQ(write.wait_for(std::chrono::seconds(0)), std::future_status::timeout)
+      << "should wait for the other process";
   steps.SignalChild();
   EXPECT_EQ(write.get().text(), "");
   const auto written = vconf::Get("db/text");

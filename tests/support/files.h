@@ -36,8 +36,9 @@ class TemporaryFolder {
     std::error_code ignored;
     for (const auto& entry : std::filesystem::directory_iterator(parent, ignored)) {
       int pid = 0;
-      if (sscanf(entry.path().filename().c_str(), "mirado-test-%d-", &pid) == 1 && kill(pid, 0) != 0 &&
-          errno == ESRCH) {
+      int end = 0;
+      sscanf(entry.path().filename().c_str(), "mirado-test-%d-%n", &pid, &end);
+      if (end > 0 && kill(pid, 0) != 0 && errno == ESRCH) {
         std::filesystem::remove_all(entry.path(), ignored);
       }
     }

@@ -150,8 +150,9 @@ Result<std::string> Folder::MoveAway(const std::function<bool(const std::string&
       target += std::to_string(++number);
       error = mkdir(target.c_str(), 0700) == 0 ? 0 : errno;
     } while (error == EEXIST);
-    if (error == 0 && geteuid() == 0 && lchown(target.c_str(), owner_, group_) != 0) {
-      error = errno;
+    if (error == 0 && geteuid() == 0) {
+      const Descriptor made(open(target.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+      error = made.is_open() && fchown(made.number(), owner_, group_) == 0 ? 0 : errno;
     }
     for (const std::string& name : *names) {
       if (error == 0 && moves(name) && rename(File(name).c_str(), (target + '/').append(name).c_str()) != 0) {
@@ -164,9 +165,6 @@ Result<std::string> Folder::MoveAway(const std::function<bool(const std::string&
     if (rmdir(target.c_str()) != 0 && errno == ENOTEMPTY) {
       Status status = SystemFailure(path_, error);
       return Status(status.code(), status.text() + "; some of its files are already in " + target);
-    }
-    if (error != EXDEV && error != EACCES && error != EROFS) {
-      break;
     }
   }
   return SystemFailure(path_, error);

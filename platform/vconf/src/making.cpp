@@ -112,9 +112,9 @@ RegionResult Convert(const Folder& folder) {
   auto region = status.ok() ? Create(folder, rows) : std::move(status);
   if (region.ok()) {
     const auto moved = folder.MoveAway(IsOld);
-    __dlog_print(2, 4, "VCONF", "%s: was converted from an earlier version; its old files %s%s", folder.path().c_str(),
-                 moved.ok() ? "are in " : "could not be moved and are still in the folder",
-                 moved.ok() ? moved->c_str() : "");
+    __dlog_print(
+        2, 4, "VCONF", "%s: was converted from an earlier version; its old files %s%s", folder.path().c_str(),
+        moved.ok() ? "are in " : "could not be moved: ", moved.ok() ? moved->c_str() : moved.status().text().c_str());
   }
   return region;
 }
