@@ -77,6 +77,7 @@ void Clients::CheckAll() {
 }
 
 void Clients::CloseIdle() {
+  closing_ = true;
   for (auto place = open_.begin(); place != open_.end();) {
     Client* const client = *place++;  // `Close` may destroy it
     if (client->idle_since_ < Client::Clock::time_point::max()) {
@@ -259,7 +260,7 @@ void Connection::Reply(Answer answer) {
   if (!head_) {
     response_->body() = std::move(answer.body);
   }
-  response_->keep_alive(keep_alive_);
+  response_->keep_alive(keep_alive_ && !all_.closing_);
   parser_.reset();
   if (buffer_.size() == 0) {
     buffer_ = {};
@@ -274,7 +275,7 @@ void Connection::OnWritten(Error error, std::size_t size) {
     all_.unsent_ -= size;
   }
   response_.reset();
-  if (error || !socket_.is_open()) {
+  if (error || !socket_.is_open() || all_.closing_) {
     Close();
   } else if (keep_alive_) {
     AwaitRequest();

@@ -79,7 +79,7 @@ class Clients {
   bool MakeRoom();
   void set_limit(std::size_t limit) { limit_ = limit; }
 
-  /// Closes the connections that wait for their clients, and stops the timer.
+  /// Closes the connections that wait for their clients, and each other one after its answer; stops the timer.
   void CloseIdle();
   /// Closes all connections and streams.
   void CloseAll();
@@ -95,6 +95,7 @@ class Clients {
   std::list<Client*> open_;  // connections and streams
   boost::asio::steady_timer clock_;
   bool ticking_ = false;
+  bool closing_ = false;  // no connection waits for another request
 };
 
 /// A connection, or a stream that has taken over the socket of one.

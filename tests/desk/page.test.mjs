@@ -1,5 +1,6 @@
 // Pages, their messages, and the start and end of their processes.
 import assert from "node:assert/strict";
+import { once } from "node:events";
 import { readdirSync } from "node:fs";
 import { writeFile } from "node:fs/promises";
 import { isAbsolute, join, relative } from "node:path";
@@ -313,13 +314,16 @@ test("the desk starts in any state of the set, but not without a plug-in", async
   await assert.rejects(desk.mirado("desk", "--port", "0", "--plugin", "/none.so"), { code: 3, stderr: /none\.so: .*open/ });
 });
 
-test("the desk exits at once unless a plug-in still runs; under nohup it survives its terminal", async () => {
+test("the desk exits at once, also with a busy client, unless a plug-in still runs; under nohup it survives its terminal", async () => {
   const kept = await Desk.start("ulimit -c 0 && trap '' HUP");
   if (!process.env.MIRADO_EMULATED) kept.child.kill("SIGHUP"); // the emulator forgets at an exec what is ignored
   assert.equal((await kept.send(await kept.openPage(), { send: VERSION })).json.reply.value, "4.0");
   assert.equal(await kept.stop(), 0);
   await oneOfFiveIsBelow(1500, async () => {
     const brief = await Desk.start();
+    const put = "PUT /api/store/db/a HTTP/1.1\r\nHost: localhost\r\nContent-Type: application/json\r\nContent-Length: 11\r\n\r\n";
+    const busy = (await brief.dial(`${put}{"value":1}`.repeat(100_000))).resume();
+    await once(busy, "data");
     const start = performance.now();
     assert.equal(await brief.stop("SIGHUP"), 0);
     return performance.now() - start;
