@@ -41,6 +41,7 @@ void Pages::Leave(Page& page, Keep keep, std::string_view reason) {
   page.End(reason);
   if (page.crashed()) {
     SendGone(page);
+    boost::asio::post(loop_, [held] {});  // its timer's handler may be queued already
   } else {
     leaving_.insert(std::move(node));
   }
@@ -53,6 +54,7 @@ void Pages::OnEnded(Page& page) {
     return;  // it has crashed and stays open
   }
   SendGone(page);
+  boost::asio::post(loop_, [held = node.mapped()] {});  // its timer's handler may be queued already
   if (on_closed_ && leaving_.empty()) {
     boost::asio::post(loop_, on_closed_);
   }
