@@ -13,7 +13,8 @@ namespace {
 
 struct FaultOptions {
   StoreOption store;
-  std::string call;  ///< empty to list or clear all faults
+  bool has_call = false;  ///< otherwise all faults are listed or cleared
+  std::string call;
   std::string path = kEveryPath;
   std::string answer;
   unsigned times = 0;
@@ -56,7 +57,7 @@ void WarnAboutPath(const FaultCall& call, const vconf::Fault& fault) {
 }
 
 vconf::Status ChangeFaults(const FaultOptions& options) {
-  if (options.call.empty()) {
+  if (!options.has_call) {
     return options.clear ? vconf::ClearFaults() : ListFaults(options.json);
   }
   const auto call = FindFaultCall(options.call);
@@ -80,7 +81,7 @@ vconf::Status ChangeFaults(const FaultOptions& options) {
 
 /// Checks what the parser cannot: PATH, the second of three arguments, may be left out.
 void Check(FaultOptions& options) {
-  if (options.clear || options.call.empty()) {
+  if (options.clear || !options.has_call) {
     return;
   }
   if (options.answer.empty()) {
@@ -133,7 +134,8 @@ void AddFaultCommand(CLI::App& app, Run& run) {
       ->excludes(list)
       ->excludes(answer);
   AddJsonOption(*command, options->json);
-  command->callback([options, &run] {
+  command->callback([options, call, &run] {
+    options->has_call = call->count() > 0;
     Check(*options);
     run = [options] { return WithStore(options->store, IfMissing::kCreate, [&] { return ChangeFaults(*options); }); };
   });

@@ -59,6 +59,7 @@ TEST_F(CliTest, ExitStatusDistinguishesKindsOfFailure) {
   EXPECT_EQ(Run({"set-up", "latency", "getVersoin", "5"}).status, 1);
   EXPECT_EQ(Run({"fault", "vconf_get_float", "-1"}).status, 1);
   EXPECT_EQ(Run({"fault", "--clear", "vconf_get_float"}).status, 1);
+  EXPECT_EQ(Run({"fault", "--clear", ""}).status, 1) << "an empty shell variable";
   EXPECT_EQ(RunAsIs({"fault", "--store", store(), "--", "vconf_get_int", "-1"}).status, 0);
   EXPECT_EQ(Run({"fault", "--clear"}).status, 0);
   for (const std::vector<std::string>& words :
@@ -206,7 +207,7 @@ TEST_F(CliTest, OutputThatCannotBeWrittenIsAFailure) {
   for (const std::string& command :
        std::vector<std::string>{"--help", "--version", "get CAPTION", "list", "list --json", "watch --now", "set-up",
                                 "set-up b2b", "fault --list", "manual", "complete ''", "completion zsh", "get --help",
-                                "replay " + file, "verify " + file}) {
+                                "replay " + file, "verify " + file, "desk --port 0 --temporary"}) {
     EXPECT_EQ(Shell("mirado " + command + " >/dev/full"), 3) << command;
     EXPECT_TRUE(Holds(Contents(log()), "the output is incomplete")) << command;
   }
