@@ -136,6 +136,7 @@ describe("the look of the desk's page", () => {
     const talkAll = () => Promise.all(pages.map((each) =>
       desk.send(each, Array.from({ length: rows }, () => ({ post: { command: "getVersion" } })))));
     const drawn = async (command) => { // all that was sent before it has been drawn, too
+      await Promise.all(pages.map((each) => desk.send(each, { send: { command: "getVersion" } })));
       await desk.send(pages.at(-1), { send: { command } });
       await rowWith(page, command).waitFor();
     };
