@@ -20,6 +20,7 @@ void PrepareStandardStreams() {
     }
   }
   static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
+  static_cast<void>(std::signal(SIGCHLD, SIG_DFL));
 }
 
 int WithCheckedOutput(const std::function<int()>& work) {

@@ -72,7 +72,6 @@ Desk::Desk(DeskOptions given)
       listener_(loop),
       signals_(loop, SIGINT, SIGTERM),
       input_(loop) {
-  std::signal(SIGCHLD, SIG_DFL);  // if a parent had it ignored, the kernel would drop the status of each host
   struct sigaction hangup = {};
   if (sigaction(SIGHUP, nullptr, &hangup) == 0 && hangup.sa_handler != SIG_IGN) {  // nohup ignores it
     signals_.add(SIGHUP);
@@ -274,8 +273,8 @@ void Desk::OnPluginCheck() {
     return StopWhenAllHaveEnded();
   }
   if (!plugin_->version().empty()) {
-    std::cout << "The plug-in answers: version " << Printable(plugin_->version()) << ", " << options.host.plugin
-              << std::endl;
+    std::cout << "The plug-in answers: version " << Printable(plugin_->version()) << ", "
+              << Printable(options.host.plugin) << std::endl;
   } else {
     PrintError("mirado desk: the plug-in " + options.host.plugin + " cannot be used");
     PrintError("  " + plugin_->error());

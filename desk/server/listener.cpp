@@ -60,8 +60,13 @@ vconf::Status Listener::ListenOn(const Address& address, int port) {
     acceptor->listen();
     acceptor->non_blocking(true);
   } catch (const boost::system::system_error& error) {
-    return {vconf::Code::kFailed, InBrackets(address) + ":" + std::to_string(port) + ": " + error.code().message() +
-                                      "; is another desk running? use --port to choose another port"};
+    const char* const advice = error.code() == boost::asio::error::address_in_use
+                                   ? "; is another desk running? use --port to choose another port"
+                               : error.code() == boost::system::errc::address_not_available
+                                   ? "; --listen needs an address of this machine"
+                                   : "";
+    return {vconf::Code::kFailed,
+            InBrackets(address) + ":" + std::to_string(port) + ": " + error.code().message() + advice};
   }
   port_ = acceptor->local_endpoint().port();
   acceptors_.push_back(std::move(acceptor));

@@ -39,7 +39,7 @@ int Serve(const DeskOptions& options) {
   }
   std::cout << "\nThe set is kept in " << options.host.store << "; Ctrl-C ends the desk.\n";
   if (!std::cout.flush()) {
-    return Fail(OutputError(0).text());  // nobody would know where the desk is
+    return kCannotWork;  // nobody would know where the desk is; `WithCheckedOutput` prints why
   }
   if (!store.ok()) {
     PrintError("mirado desk: " + store.text());
