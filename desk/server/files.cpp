@@ -15,7 +15,8 @@
 namespace desk {
 namespace {
 
-// The desk's page loads only its own files and streams, and no page may frame it.
+// For each HTML page, the example included: files and requests only of this desk, but WebSockets of any host and images
+// also from data: URLs; no page may frame it.
 constexpr char kPolicy[] =
     "default-src 'self'; connect-src 'self' ws:; img-src 'self' data:; object-src 'self'; "
     "base-uri 'none'; "

@@ -27,7 +27,7 @@ namespace {
 using Error = boost::system::error_code;
 
 constexpr std::chrono::seconds kTimeToEnd(2);
-// Longer lines are cut, so that memory stays bounded.
+// A longer line is passed on in several parts, so that memory stays bounded.
 constexpr std::size_t kMaxLine = 8UL * 1024 * 1024;
 // The capacity of a pipe: one read gets all that it holds.
 constexpr std::size_t kPipeSize = 64UL * 1024;
@@ -84,7 +84,7 @@ HostProcess::HostProcess(boost::asio::io_context& loop, Listener& listener)
       child_(loop),
       kill_timer_(loop) {}
 
-// The child is still running only if `Run` failed after the fork, or if the loop is gone.
+// The child still runs only if `Start` failed after the fork, or if the loop was destroyed.
 HostProcess::~HostProcess() {
   if (pid_ > 0 && listener_ != nullptr) {
     kill(pid_, SIGKILL);

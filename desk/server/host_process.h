@@ -38,8 +38,8 @@ class HostProcess : public std::enable_shared_from_this<HostProcess> {
   static constexpr std::size_t kMaxQueue = 8UL * 1024 * 1024;  ///< bytes that are queued for a child that does not read
 
   /// Runs `command`, whose first part is the program's path. A program that cannot be run ends with status 127 and a
-  /// line in its log. `listener` must live until `OnEnd`, which is always called. Throws `std::system_error` if no
-  /// process or pipe can be created.
+  /// line in its log. `listener` must live until `OnEnd`, which is called unless the loop is destroyed before. Throws
+  /// `std::system_error` if no process or pipe can be created.
   static std::shared_ptr<HostProcess> Start(boost::asio::io_context& loop, const std::vector<std::string>& command,
                                             Listener& listener);
 

@@ -21,8 +21,8 @@ class Listener {
  public:
   explicit Listener(boost::asio::io_context& loop) : loop_(loop) {}
 
-  /// Binds `port` (0: any free one) on both loopback addresses and on `address`, which is numeric or empty. Fails if
-  /// one of them is in use, and says which.
+  /// Binds `port` (0: any free one) on 127.0.0.1, on ::1 if this machine has it, and on `address`, which is numeric or
+  /// empty; an unspecified address replaces the loopback address of its family. A failure names the address.
   vconf::Status Listen(int port, const std::string& address);
 
   /// Passes each connection to `on_socket`. One for which `clients` has no room gets a 503.

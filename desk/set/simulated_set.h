@@ -7,10 +7,10 @@
 #include "base/json.h"
 #include "vconf_control.h"
 
-/// The simulated set except its settings: the content of a new one, and how it is shown and changed.
+/// The simulated set in the store: the content of a new one, and a JSON description of all but its settings.
 ///
-/// Everything is in the store under `set/`, so a shell, the desk and a test can all control a running set. Every
-/// function uses the store that this process has open and may be called on any thread.
+/// The described parts are keys under `set/`, so a shell, the desk and a test can all control a running set. The
+/// functions use the store that this process has open, and may be called on any thread.
 namespace desk {
 
 /// The keys that the host and the embedder read. Each prefix is followed by a name.
@@ -48,11 +48,12 @@ vconf::Status ResetSet();
 vconf::Result<Json> DescribeSet();
 
 /// Changes what `change` names and leaves the rest; it has the form that `DescribeSet` gives, and null removes. Nothing
-/// is changed if a part of it is invalid. The error names that part, such as "latency/getVersion".
+/// is changed if a part of it is invalid; a text that is too long, or a failing disk, is found later. The error names
+/// the part, such as "latency/getVersion".
 vconf::Status ChangeSet(const ParsedJson& change);
 
-/// The known paths under `prefix`, without the prefix: those in the store and in a new set, the two keys that the
-/// plug-in itself creates, and the embedder's operations.
+/// The known paths under `prefix`, without the prefix: those in the store and in a new set, the latency of each
+/// command, the two keys that the plug-in itself creates, and the embedder's operations.
 vconf::Result<std::vector<std::string>> KnownPaths(std::string_view prefix = "");
 
 /// Whether `path` is under a prefix in which any name is valid, such as that of privileges.

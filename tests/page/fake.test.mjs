@@ -41,8 +41,8 @@ const messages = [
 
 const [sent, posted] = ["send", "post"].map((name) => messages.filter((message) => message[name] !== undefined));
 
-// Replies, events and deliveries for posts; only the order within each kind is fixed.
-function sorted(lines) {
+// Replies, events and answers to posts apart; only the order within each kind is fixed.
+function byKind(lines) {
   const delivered = lines.flatMap(({ message }) => message ?? []).filter((message) => message !== "Unregister");
   return { replies: lines.flatMap(({ reply }) => reply ?? []),
     events: delivered.filter(({ event }) => event !== undefined),
@@ -53,7 +53,7 @@ function real(words) {
   run(["reset"]);
   for (const each of words) run(each);
   const output = run(["host"], messages.map((line) => `${JSON.stringify(line)}\n`).join(""));
-  return sorted(output.trim().split("\n").map((line) => JSON.parse(line)));
+  return byKind(output.trim().split("\n").map((line) => JSON.parse(line)));
 }
 
 async function fake(prepare) {
@@ -67,7 +67,7 @@ async function fake(prepare) {
     else if (set) for (const [path, value] of Object.entries(set)) plugin.settings.set(nameOf(path), value);
     else await plugin.settle();
   }
-  return sorted(lines);
+  return byKind(lines);
 }
 const nameOf = (wanted) => catalog.settings.find(({ path }) => path === wanted).name;
 
@@ -76,7 +76,7 @@ const states = {
   "that is no B2B product": [[["set-up", "b2b", "off"]], ({ set }) => { set.b2b = false; }],
   "that does not know what it is": [[["set-up", "b2b", "unknown"]], ({ set }) => { set.b2b = null; }],
   "whose application lacks the privilege": [[["set-up", "privilege", "off"]], ({ set }) => { set.privilege = false; }],
-  "without lists or video": [
+  "without the list of audio languages or video": [
     [["set-up", "items", "primary-audio-language", "--remove"], ["set-up", "picture-size", "none"]],
     ({ set }) => { set.lists["primary-audio-language"] = null; set.pictureSize = null; }],
   "with another picture and a short list": [

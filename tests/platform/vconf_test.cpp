@@ -184,7 +184,7 @@ TEST_F(VconfChangeTest, AWatchSeesValuesRemovalsAndResets) {
   EXPECT_EQ(*vconf::List(""), (std::vector<Entry>{{"db/new", true}, {"memory/kept", 1}, {"memory/new", 2}}));
 }
 
-TEST_F(VconfChangeTest, ACallbackMayCallAnythingAndEndItself) {
+TEST_F(VconfChangeTest, ACallbackMayUseTheStoreAndEndItsSubscription) {
   struct Once {
     std::promise<int> value;
     static void Call(keynode_t* node, void* self) {
@@ -241,7 +241,7 @@ TEST_F(VconfChangeTest, IgnoreWaitsForARunningCallback) {
   releaser.join();
 }
 
-TEST_F(VconfChangeTest, ASlowSubscriberGetsEachKeyOnceAfterTheJournalOverflows) {
+TEST_F(VconfChangeTest, ASubscriberBehindTheKeptChangesGetsEachKeyOnce) {
   Slow slow;
   std::atomic<int> other{0};
   ASSERT_GE(vconf_notify_key_changed("memory/a", Slow::Call, &slow), 0);
@@ -271,8 +271,8 @@ TEST_F(VconfChangeTest, ASlowSubscriberGetsEachKeyOnceAfterTheJournalOverflows) 
   EXPECT_EQ(changes_.size(), 2U);
 }
 
-TEST_F(VconfChangeTest, ASubscriberThatIsLessThanTheJournalBehindGetsEachChange) {
-  // In the new region the numbers go on, here in the second half of a ring that has not grown yet.
+TEST_F(VconfChangeTest, ASubscriberWithinTheKeptChangesGetsEachChange) {
+  // The new region continues at the next multiple of 65,536, so its ring grows before it overwrites a change.
   for (int i = 0; i < 1100; ++i) vconf_set_int("memory/a", i);
   ASSERT_TRUE(vconf::ReplaceStore(directory(), {}).ok());
   Slow slow;
@@ -287,7 +287,7 @@ TEST_F(VconfChangeTest, ASubscriberThatIsLessThanTheJournalBehindGetsEachChange)
   EXPECT_EQ(other, 1500);
 }
 
-TEST_F(VconfChangeTest, ClosingLeavesNoFileAndNoThread) {
+TEST_F(VconfChangeTest, ClosingLeavesNoDescriptorAndNoThread) {
   const auto count = [](const char* folder) {
     return std::distance(std::filesystem::directory_iterator(folder), std::filesystem::directory_iterator());
   };
@@ -342,7 +342,7 @@ TEST_F(VconfChangeTest, AFaultReplacesTheResultOfACall) {
   EXPECT_EQ(vconf::TakeFault("vconf_get_int", "db/a"), std::nullopt);
 }
 
-TEST_F(VconfChangeTest, AFaultDoesNotChangeSubscriptions) {
+TEST_F(VconfChangeTest, ACallThatFailsByAFaultChangesNoSubscription) {
   std::atomic<int> calls{0};
   ASSERT_EQ(vconf::SetFault({"vconf_notify_key_changed", "db/a", -1, 1}).text(), "");
   ASSERT_EQ(vconf::SetFault({"vconf_ignore_key_changed", "db/a", -2, 0}).text(), "");
