@@ -84,7 +84,7 @@ export class History {
   }
 
   async read(chosen) {
-    const pages = [];
+    const known = new Map();
     let all = [];
     for (const page of chosen ? [chosen] : [...state.pages.keys()]) {
       if (!state.pages.has(page)) continue;
@@ -92,10 +92,10 @@ export class History {
       const answer = isHere ? { [this.kind]: this.known.get(page) } : await api.get(`/api/pages/${page}/${this.kind}`).catch(passOver);
       const entries = answer[this.kind];
       if (!entries) continue;
-      pages.push(page);
+      known.set(page, entries.slice(-KEPT));
       all = all.concat(entries).sort((one, other) => one.time - other.time).slice(-2 * MAX);
     }
-    return { pages, all };
+    return { known, all };
   }
 
   /** Shows the newest entries of the chosen page or of all, as soon as `reading` them has ended. */
@@ -109,9 +109,9 @@ export class History {
     this.reading = null;
     byId(this.kind).ariaBusy = "false";
     if (good) {
-      const { pages, all } = await reading;
+      const { known, all } = await reading;
       this.newest.clear();
-      for (const page of pages) this.known.set(page, []);
+      for (const [page, entries] of known) this.known.set(page, entries);
       this.restart();
       this.appendNew(all);
     }

@@ -5,6 +5,7 @@ import { byId, moveWithArrows } from "./dom.js";
 // The same widths as in the style sheet.
 const narrower = matchMedia("(max-width: 1099px)");
 const narrow = matchMedia("(max-width: 899px)");
+const narrowest = matchMedia("(max-width: 600px)");
 const tabs = [...byId("panels").children];
 const [dialogue, settings] = tabs;
 const panelOf = (tab) => byId(tab.getAttribute("aria-controls"));
@@ -36,7 +37,6 @@ export const isDialogueShown = () => panelOf(dialogue).checkVisibility();
 
 for (const tab of tabs) tab.onclick = () => choose(tab);
 moveWithArrows(byId("panels"), () => tabs.filter(({ hidden }) => !hidden), choose);
-narrower.onchange = narrow.onchange = lay;
 lay();
 
 // A narrow window shows the composer and the filters only on demand.
@@ -44,10 +44,25 @@ function unfold(button, open) {
   button.setAttribute("aria-expanded", String(open));
   byId(button.getAttribute("aria-controls")).classList.toggle("folded", !open);
 }
-for (const button of document.querySelectorAll(".fold")) {
+const folds = document.querySelectorAll(".fold");
+for (const button of folds) {
   button.onclick = () => unfold(button, button.getAttribute("aria-expanded") === "false");
   unfold(button, false);
 }
+
+// After the width has changed, what has the focus stays visible, or something near it gets the focus.
+function layAgain() {
+  const focused = document.activeElement;
+  const around = tabs.find((tab) => panelOf(tab).contains(focused));
+  if (around) choose(around);
+  else lay();
+  for (const button of folds) if (byId(button.getAttribute("aria-controls")).contains(focused)) unfold(button, true);
+  if (!focused || focused === document.body || focused.checkVisibility({ visibilityProperty: true })) return;
+  const near = focused.closest("#pages") ? byId("page-menu") : tabs.find((tab) => tab.ariaSelected === "true");
+  (near.checkVisibility() ? near : byId("main")).focus();
+}
+narrower.onchange = narrow.onchange = narrowest.onchange = layAgain;
+
 export const showComposer = () => unfold(byId("show-composer"), true);
 
 byId("skip").onclick = (event) => {

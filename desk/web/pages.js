@@ -25,7 +25,9 @@ async function choose(id) {
   const mine = wanted = {};
   const late = new Promise((resolve) => setTimeout(resolve, PATIENCE));
   await Promise.race([Promise.all([dialogue, log].map((history) => history.prepare(id))), late]);
-  if (mine === wanted) select(state.pages.has(id) ? id : null);
+  if (mine !== wanted) return;
+  if (!id || state.pages.has(id)) select(id);
+  else changed("selected"); // the page is gone meanwhile; the chosen one stays
 }
 
 function tabOf(id) {
@@ -51,7 +53,7 @@ function show() {
   setText(all, open > 1 ? `All (${open})` : "All");
   const shown = [all, ...pages.map((page) => {
     const tab = tabOf(page.id);
-    const word = { crashed: " ✕ crashed", ended: " (ended)" }[page.state] ?? (page.recording?.running ? " ● rec" : "");
+    const word = { crashed: page.crash?.signal === 9 ? " ✕ killed" : " ✕ crashed", ended: " (ended)" }[page.state] ?? (page.recording?.running ? " ● rec" : "");
     setText(tab, titleOf(page) + word);
     tab.className = page.open ? page.state : `${page.state} ended`;
     tab.title = `${page.title}\n${page.url}`;
@@ -78,6 +80,7 @@ function show() {
 function showRoom() {
   const { scrollLeft, scrollWidth, clientWidth } = strip;
   menu.classList.toggle("needed", scrollWidth > clientWidth + 1);
+  if (strip.contains(document.activeElement) && !strip.checkVisibility({ visibilityProperty: true })) menu.focus();
   strip.classList.toggle("more-left", scrollLeft > 1);
   strip.classList.toggle("more-right", scrollLeft + clientWidth < scrollWidth - 1);
 }
@@ -86,16 +89,18 @@ function showChosen() {
   const page = selectedPage();
   const many = openPages().length;
   setText(byId("page-facts"), page ?
-    `${page.url ? `${page.url} · ` : ""}${page.open ? `process ${page.pid}` : "ended"} · since ${timeOf(page.since).slice(0, 8)}` :
+    `${page.url ? `${page.url} · ` : ""}${page.state === "running" ? `process ${page.pid}` : "ended"} · since ${timeOf(page.since).slice(0, 8)}` :
     `${many || "No"} ${many > 1 ? "pages are" : "page is"} open.`);
   byId("page-facts").title = page?.url ?? "";
   const recording = page?.recording;
-  byId("kill").disabled = byId("record").disabled = page?.state !== "running";
+  byId("kill").disabled = page?.state !== "running";
+  byId("record").disabled = byId("kill").disabled || Boolean(state.desk?.store.error);
   byId("kill").hidden = page?.open === false;
   byId("record").hidden = page?.open === false || Boolean(recording?.running);
   byId("stop").hidden = !recording?.running;
   byId("save").hidden = !recording || Boolean(page.lost);
   const lines = recording && `${recording.lines} ${recording.lines === 1 ? "line" : "lines"}`;
+  byId("recorded").ariaLive = recording?.running ? "off" : null; // it changes every second
   setText(byId("recorded"), !recording ? "" : (recording.running ? `● ${lines}` : `${lines} recorded`) + (recording.full ? ", full" : ""));
   byId("recorded").classList.toggle("running", Boolean(recording?.running));
   byId("close").hidden = !page || page.open && !isConsole(page.id);
@@ -223,3 +228,14 @@ menu.onchange = () => choose(menu.value || null);
 strip.addEventListener("scroll", showRoom, { passive: true });
 new ResizeObserver(() => requestAnimationFrame(showRoom)).observe(strip); // the menu changes its size again
 observe(["pages", "selected"], show);
+observe(["desk"], showChosen);
+
+// The desk sends no event for a recorded line.
+setInterval(async () => {
+  const page = selectedPage();
+  if (!state.linked || !page?.recording?.running) return;
+  const read = await api.get(`/api/pages/${page.id}`).catch(() => null);
+  if (!read || state.pages.get(page.id) !== page) return; // an event since then is newer
+  state.pages.set(page.id, read);
+  showChosen();
+}, 1000);

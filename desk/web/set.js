@@ -40,6 +40,7 @@ observe(["set", "catalog"], () => {
 
 observe(["set", "desk"], () => {
   const known = Boolean(state.set) && !state.desk?.store.error;
+  if (!known && byId("set-parts").contains(document.activeElement)) byId("set-parts").closest(".scroll").focus();
   byId("set-parts").hidden = !known;
   byId("set-unknown").hidden = known || !state.desk?.store.error;
 });
@@ -82,8 +83,8 @@ for (const [id, list] of Object.entries(LISTS)) {
 }
 
 byId("reset").onclick = async () => {
-  const sure = await ask("Reset the set?", "All settings and the set get their initial values, and all faults are cleared. Save a scenario first " +
-      "to be able to come back. Pages stay open.", "Reset the set");
+  const sure = await ask("Reset the set?", "All settings and lists get their initial values, and all faults and delays are cleared. Saved scenarios stay: " +
+      "save one first to be able to come back. Pages stay open.", "Reset the set");
   if (!sure) return;
   await attempt("set", async () => {
     await api.post("/api/reset");
