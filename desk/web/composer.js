@@ -76,12 +76,22 @@ function kindOf(text) {
 const NAMES = { send: "Send", post: "Post" };
 const TITLES = { send: "Wait for the reply", post: "Do not wait; a reply comes as a message" };
 
+// Send stays before Post. A button that has the focus is not moved, because it would lose it.
+function keepOrder(isSendUsual) {
+  const [usual, other] = [byId("say"), byId("say-other")];
+  const [send, post] = isSendUsual ? [usual, other] : [other, usual];
+  if (send.nextElementSibling === post) return;
+  if (document.activeElement === send) send.after(post);
+  else post.before(send);
+}
+
 function showKind() {
   const kind = kindOf(message.value);
   const other = kind === "send" ? "post" : "send";
   byId("say").textContent = NAMES[kind];
   byId("say").title = `${TITLES[kind]} (Enter)`;
   byId("say-other").textContent = NAMES[other];
+  keepOrder(kind === "send");
   byId("say-other").title = `${TITLES[other]} (Alt+Enter)`;
   showInvalid(message, byId("message-error"), "");
   showFailures();
@@ -193,7 +203,7 @@ export function focusMessage() {
 // Why nothing can be sent now; empty if it can.
 function whyNot() {
   const page = selectedPage();
-  if (!state.linked) return "Messages can be sent when the desk runs again.";
+  if (!state.linked) return "Messages can be sent when this page is connected to the desk again.";
   if (state.desk?.store.error) return "Messages can be sent when the store can be used again.";
   if (!page) return `${openPages().length ? "Choose" : "Open"} a page or a console to send messages to its plug-in.`;
   return page.state === "running" ? "" : "Its plug-in has ended. Nothing can be sent to it.";

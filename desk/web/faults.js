@@ -52,7 +52,7 @@ observe(["faults", "catalog", "set", "values"], () => {
   if (texts === shown) return; // values change often
   shown = texts;
   fill(byId("faults"), faults.map((fault) =>
-    entry(describeFault(fault) + (isThere(fault) ? "" : ". The set has nothing of that name"), `${fault.call}(${fault.path}) answers ${fault.answer}`, () => clear(fault))), byId("fault-form"));
+    entry(describeFault(fault) + (isThere(fault) ? "" : ". The set has nothing of that name."), `${fault.call}(${fault.path}) answers ${fault.answer}`, () => clear(fault))), byId("fault-form"));
 });
 
 observe(["set"], () => {

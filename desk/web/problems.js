@@ -62,7 +62,7 @@ observe(["desk"], () => {
   }
   const { store, plugin } = state.desk ?? {};
   report("store", !store?.error ? null : { title: store.code === "damaged" ? "The store is damaged." : "The store cannot be used.",
-    text: "Nothing can be read or changed until it is replaced. Its files are kept.", lines: [store.error], button: { text: "Replace the store …", run: replaceStore } });
+    text: "Nothing can be read or changed until its files are restored or it is replaced. Replacing keeps the files.", lines: [store.error], button: { text: "Replace the store …", run: replaceStore } });
   report("plugin", !plugin?.error ? null : { title: "The plug-in cannot be loaded.", text: plugin.error });
   byId("plugin").textContent = !plugin ? "" : plugin.error ? "No plug-in" : `Plug-in ${plugin.version}`;
   byId("plugin").title = plugin?.path ?? "";
@@ -103,13 +103,15 @@ observe(["pages", "selected"], () => {
     (alive.has(each.id) || each.url !== location.href && (!chosen || isChosen(each))));
   crashed.sort((one, other) => isChosen(one) - isChosen(other) || one.number - other.number);
   const page = crashed.at(-1);
-  report("crash", page ? { title: `The plug-in of ${titleOf(page)} ${howOf(page)}.`, lines: page.lastLog, dismiss: () => dismissCrash(page),
-    ...remedyOf(page) } : null);
+  if (!page) return report("crash", null);
+  const { text, ...remedy } = remedyOf(page);
+  report("crash", { title: `The plug-in of ${titleOf(page)} ${howOf(page)}.`, lines: page.lastLog, dismiss: () => dismissCrash(page),
+    ...remedy, text: page.lastLog?.length ? `${text} The last log lines:` : text });
 });
 
 function remedyOf(page) {
   if (isConsole(page.id)) {
-    return { text: "", button: { text: "Start again", run: async () => {
+    return { text: "The new console watches nothing.", button: { text: "Start again", run: async () => {
       dismissCrash(page);
       showDialogue();
       await restartConsole(page.id);
@@ -122,7 +124,7 @@ function remedyOf(page) {
   // Not another tab of the same application.
   const next = openPages().find((each) => isAgain(each, page) && each.since >= page.crash.time);
   const other = next && page.id === state.selected ? next : page;
-  return { text: next ? `The page has connected again, as #${next.number}.` : "The page is closed.",
+  return { mild: Boolean(next), text: next ? `The page has connected again, as #${next.number}.` : "The page is closed.",
     button: other.id === state.selected ? null : { text: `Show #${other.number}`, run: () => {
       showDialogue();
       select(other.id);

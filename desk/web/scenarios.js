@@ -29,7 +29,7 @@ async function remove(name) {
 observe(["scenarios"], () => {
   byId("scenarios").replaceChildren(...state.scenarios.map(({ name, saved }) => make("li", {},
     make("span", { title: `Saved ${new Date(saved).toLocaleString()}` }, name),
-    make("button", { type: "button", "aria-label": `Load ${name}`, onclick: () => load(name) }, "Load"),
+    make("button", { type: "button", "aria-label": `Load ${name}`, onclick: () => load(name) }, "Load …"),
     make("button", { type: "button", "aria-label": `Delete ${name}`, title: "Delete", className: "remove", onclick: () => remove(name) }))));
 });
 
@@ -37,9 +37,10 @@ byId("scenario-form").onsubmit = async (event) => {
   event.preventDefault();
   const name = byId("scenario-name").value.trim();
   const good = /^[A-Za-z0-9._-]+$/.test(name);
-  showInvalid(byId("scenario-name"), byId("scenario-error"), good ? "" : "A name has letters, digits, dots, underscores and hyphens, and no spaces.");
+  showInvalid(byId("scenario-name"), byId("scenario-error"), good ? "" :
+    !name ? "Enter a name: letters, digits, dots, underscores and hyphens." : "A name has letters, digits, dots, underscores and hyphens, and no spaces.");
   if (!good) return byId("scenario-name").focus();
   if (state.scenarios.some((each) => each.name === name) &&
       !await ask(`Replace the scenario ${name}?`, "What was saved under this name is lost.", "Replace it")) return;
-  await act(() => api.put(addressOf(name), {}));
+  if (await act(() => api.put(addressOf(name), {}))) byId("scenario-name").value = "";
 };

@@ -33,6 +33,7 @@ export function describeDelivery(body) {
 }
 
 export function describeEnd({ status, signal, reason }) {
+  if (signal === 9) return "was killed (signal 9)";
   if (signal !== null) return `crashed with signal ${signal}`;
   if (status !== null) return `ended with status ${status}`;
   return reason;

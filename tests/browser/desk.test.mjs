@@ -92,7 +92,7 @@ describe("the desk's page", () => {
     await crash.getByRole("button", { name: /^Show #/ }).waitFor();
     await button(page, "Dismiss").click();
     await button(page, "Close").click();
-    await tab(page, /My page ✕ crashed/).waitFor({ state: "detached" });
+    await tab(page, /My page ✕ killed/).waitFor({ state: "detached" });
     server.close();
     server.closeAllConnections();
   });
