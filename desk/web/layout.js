@@ -56,9 +56,10 @@ function layAgain() {
   const around = tabs.find((tab) => panelOf(tab).contains(focused));
   if (around) choose(around);
   else lay();
-  for (const button of folds) if (byId(button.getAttribute("aria-controls")).contains(focused)) unfold(button, true);
   if (!focused || focused === document.body || focused.checkVisibility({ visibilityProperty: true })) return;
-  const near = focused.closest("#pages") ? byId("page-menu") : tabs.find((tab) => tab.ariaSelected === "true");
+  const near = focused.closest("#pages") ? byId("page-menu") :
+    [...folds].find((button) => byId(button.getAttribute("aria-controls")).contains(focused)) ??
+    tabs.find((tab) => tab.ariaSelected === "true");
   (near.checkVisibility() ? near : byId("main")).focus();
 }
 narrower.onchange = narrow.onchange = narrowest.onchange = layAgain;
