@@ -28,6 +28,7 @@ constexpr HttpCode HttpCodeOf(vconf::Code code) {
                                                 {503, "busy"},
                                                 {403, "not-permitted"},
                                                 {500, "failed"}}};
+  static_assert(kCodes.size() == static_cast<std::size_t>(vconf::Code::kFailed) + 1, "one row for each code");
   return kCodes[static_cast<std::size_t>(code)];
 }
 

@@ -16,7 +16,7 @@ void AddDeskCommand(CLI::App& app, Run& run) {
   command->footer(
       "Serves the script desk.js, which your pages load; a page that shows and changes the simulated set; and an HTTP\n"
       "interface. Exits on SIGINT, SIGTERM or SIGHUP; SIGHUP is ignored under nohup.\n"
-      "Exit status: 0 success, 2 wrong command line, 3 the desk cannot start.");
+      "Exit status: 0 success, 2 wrong command line, 3 the desk cannot start, or ended because of a failure.");
   CLI::Option* store = AddStoreOption(*command, options->host.store);
   command->add_flag("--temporary", options->temporary, "Use a new store and remove it on exit")->excludes(store);
   AddPluginOption(*command, options->host.plugin);

@@ -45,9 +45,9 @@ Status Store::SetFault(const Fault& fault) {
   std::string key = KeyOf(fault.call, fault.path);
   if (fault.call.empty() || fault.path.empty() || fault.call.find(kBetween) != std::string::npos ||
       key.find('\0') != std::string::npos || key.size() > layout::kMaxName) {
-    return {Code::kBadName, fault.call + " " + fault.path + ": a fault needs a call and a path, together of " +
+    return {Code::kBadName, fault.call + " " + fault.path + ": a fault needs a call and a path, of " +
                                 std::to_string(layout::kMaxName - kFaultPrefix.size() - 1) +
-                                " bytes at most, without NUL"};
+                                " bytes at most together, without NUL"};
   }
   return Change(Home::kDisk, [&](Region&, std::vector<Row>* rows) {
     rows->push_back({key, TextOf(fault)});
