@@ -250,6 +250,7 @@ describe("the desk's page", () => {
     await page.keyboard.press("Escape");
     assert.equal(await field.inputValue(), "2");
     await desk.mirado("set", CAPTION, "1");
+    await settles(() => field.inputValue(), "1");
     const more = page.getByRole("listitem").filter({ has: field }).locator(".more");
     await settles(() => more.getAttribute("aria-disabled"), "true"); // On is the last value with a meaning
     await field.press("ArrowDown");
