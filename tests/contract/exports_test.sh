@@ -36,7 +36,7 @@ while read -r name; do
   symbols "$file" --defined-only '.'
 done <"$scratch/needed" | sort -u >"$scratch/provided"
 symbols "$library" --undefined-only '^U$' >"$scratch/asked"
-expect "symbols that no needed library has" "$(comm -23 "$scratch/asked" "$scratch/provided")" ""
+expect "symbols that are in none of its libraries" "$(comm -23 "$scratch/asked" "$scratch/provided")" ""
 
 strip -o "$scratch/stripped" "$library"
 size=$(wc -c <"$scratch/stripped")

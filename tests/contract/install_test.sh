@@ -1,5 +1,5 @@
 #!/bin/sh
-# An installation works in any folder: program, libraries and plug-in find each other there.
+# Installs the program, moves the folder, and checks that it still runs and that its libraries and links are found.
 #
 #   install_test.sh BUILD-FOLDER
 set -eu

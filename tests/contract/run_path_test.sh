@@ -1,6 +1,6 @@
 #!/bin/sh
-# With no built or installed file does the loader search a folder that others can write to: each run path is relative to
-# the file. An empty element would mean the current folder.
+# Checks the run path of every built and installed file: each element is relative to the file, so the loader searches no
+# folder that others can write to. (An empty element would mean the current folder.)
 #
 #   run_path_test.sh BUILD-FOLDER
 set -eu

@@ -1,5 +1,5 @@
 #!/bin/sh
-# The plug-in can be built by itself, from only its own sources and the installed development files, and works in the
+# Builds the plug-in as for a set, from only its own sources and the installed development files, and loads it in the
 # installed program.
 #
 #   set_test.sh BUILD-FOLDER PLUG-IN-SOURCES CMAKE-CACHE-ARGUMENT...

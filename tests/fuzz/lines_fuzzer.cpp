@@ -1,4 +1,4 @@
-// Reads each input as the JSON lines of a page's session, as `mirado host` does.
+// Fuzzer: reads each input as the JSON lines of a page's session, as `mirado host` does, and checks the output.
 #include <sys/mman.h>
 #include <unistd.h>
 

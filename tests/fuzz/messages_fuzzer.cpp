@@ -1,4 +1,5 @@
-// Passes variables of every kind to both entry points of the plug-in, while settings change and calls fail.
+// Fuzzer: sends and posts variables of every kind to the plug-in, while settings change and calls fail, and checks what
+// the page receives.
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include <array>

@@ -1,3 +1,5 @@
+// Functions with the names of the platform's, which record each call and pass it on; see platform_calls.h.
+
 #include "pepper/platform_calls.h"
 
 #include <dlfcn.h>
@@ -61,7 +63,7 @@ auto Next(Arguments&&... arguments) {
 
 std::string Shown(const pp::Var& var) { return var.is_undefined() ? "undefined" : desk::ToText(desk::ToJson(var)); }
 
-/// The format of the log call at line `number` of the plug-in's source file `name`, or an empty text.
+/// The format string of the log call that ends in or after line `number` of the plug-in's file `name`; else empty.
 std::string FormatOf(const std::string& name, int number) {
   std::ifstream file(MIRADO_PEPPER_FOLDER + (name.ends_with(".h") ? "/inc/" + name : "/src/" + name));
   std::string call;
@@ -76,7 +78,7 @@ std::string FormatOf(const std::string& name, int number) {
   return "";
 }
 
-/// "log 0 4 File.cpp operation > text", with a note in the text if that line of the file does not log it.
+/// Records "log 0 4 File.cpp operation > text", and "(not logged in line N)" if the source has no such call there.
 void RecordLog(const dlog::Line& line) {
   if (line.tag == "VCONF") return;
   std::smatch parts;

@@ -18,6 +18,8 @@
 #include "support/files.h"
 #include "vconf_control.h"
 
+// What the tests of the plug-in share: a loaded plug-in, pages that embed it, their messages, and an embedder.
+
 inline std::string Text(const pp::Var& var) {
   return var.is_undefined() ? "undefined" : desk::ToText(desk::ToJson(var));
 }
@@ -92,6 +94,7 @@ inline std::string AskKey(const std::string& command, int key) {
   return Ask(command, R"("propertyKey":)" + std::to_string(key));
 }
 
+/// The text of a successful reply, and below of an event.
 inline std::string Done(const std::string& value) {
   return R"({"code":0,"value":)" + value + R"(,"errorName":"","errorMessage":""})";
 }

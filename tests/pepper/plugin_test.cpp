@@ -1,4 +1,5 @@
-// The plug-in's library with several threads and instances, and the destruction of instances.
+// The built plug-in with several instances and threads: what is left of a destroyed instance, and which command a reply
+// names. What a single page sees is in transcript_test.cpp.
 
 #include <malloc.h>
 #include <vconf.h>
@@ -17,7 +18,7 @@ constexpr char kTicker[] = "db/menu/Quayhall/Auto-Start_Settings/Channel-bound_A
 constexpr char kViewer[] = "memory/tv-viewer/bg_executable";
 const std::string kModeChanged = Changed("MIRADO_EVENT_CAPTION_CHANGED", 1);
 
-// If the store fails to end a subscription, it still calls the callback, whose handler no longer exists.
+// If the store fails to end a subscription, it goes on calling the callback with a handler that no longer exists.
 TEST_F(PluginTest, DropsTheEventsOfADestroyedInstance) {
   PlatformCalls calls;
   std::vector<std::unique_ptr<Page>> pages;
@@ -53,7 +54,7 @@ TEST_F(PluginTest, DropsTheEventsOfADestroyedInstance) {
   ASSERT_EQ(vconf::OpenStore(folder_ / "store").text(), "");
 }
 
-// In builds without a leak sanitizer.
+// For builds without a leak sanitizer, which would find this, too.
 TEST_F(PluginTest, FreesTheMemoryOfAnInstance) {
   constexpr std::size_t kInstances = 1000;
   std::size_t before = 0;
@@ -92,7 +93,7 @@ TEST_F(PluginTest, LeavesNoSubscriptionBehindWhileCommandsRun) {
 }
 
 TEST_F(PluginTest, EveryReplyNamesItsOwnCommand) {
-  constexpr int kPosts = 20000;  // enough for one worker to run between a command and a reply of the other
+  constexpr int kPosts = 20000;  // so many that one worker runs between a command and its reply in the other
   Page pages[] = {Page(*plugin_), Page(*plugin_)};
   const std::string commands[] = {std::string(40, 'a'), std::string(3, 'b')};
   const auto run = [&](int which) {

@@ -1,5 +1,5 @@
-// Parts of the plug-in that no page can reach: the conversion of paths, the manager's records, the checks of the
-// callbacks, and the wrapper of the embedder.
+// The plug-in's classes, tested directly where no page can reach them: the conversion of paths to keys,
+// MenuValueManager, the checks of the change callbacks, and the calls of the embedder.
 
 #include <future>
 
@@ -51,8 +51,8 @@ TEST_F(PluginTest, CallbacksLogNullPointersAndUnknownKeys) {
                    log + "CaptionVconfCb > Fail to get key code"}));
 }
 
-TEST_F(PluginTest, TheManagerChangesARecordOnlyOnSuccess) {
-  using Record = std::tuple<int, int, std::string>;  // a result, and the record after it
+TEST_F(PluginTest, TheManagerChangesItsArgumentOnlyOnSuccess) {
+  using Record = std::tuple<int, int, std::string>;  // the result, and the members of the value after it
   MenuValueManager manager;
   const auto got = [&](unsigned int key) {
     MenuValue value{7, "old"};
@@ -76,7 +76,7 @@ TEST_F(PluginTest, TheManagerChangesARecordOnlyOnSuccess) {
   EXPECT_EQ(confirmed(18, 1), Record(9999, 300, "old"));
 }
 
-TEST_F(PluginTest, RegistersItselfOnTheLoopOfTheThread) {
+TEST_F(PluginTest, AHandlerRegistersItselfOnTheCurrentThreadsLoop) {
   pp::browser::SetRegisterMessageHandlerResult(-1);
   Page page(*plugin_);
   pp::browser::SetRegisterMessageHandlerResult(0);
@@ -103,7 +103,7 @@ TEST_F(PluginTest, RegistersItselfOnTheLoopOfTheThread) {
   EXPECT_EQ(page.Received(), Lines{});
 }
 
-TEST_F(PluginTest, AsksTheEmbedderOnceForEachText) {
+TEST_F(PluginTest, AsksTheEmbedderOnceForEachPrivilege) {
   pp::ExtensionSystemNorvikaWRT extension{pp::InstanceHandle(7)};
   PlatformCalls calls;
   const auto calls_of = [&](const pp::Var& privilege, bool expected) {
@@ -154,7 +154,7 @@ TEST_F(PluginTest, ConvertsTheEmbeddersRepliesByType) {
   EXPECT_EQ(extension.GetEmbedderName(), "a name");
 }
 
-// In processes of their own, because the plug-in calls the embedder for these only once.
+// The next two run in child processes, because a process asks the embedder for these only once.
 
 TEST_F(PluginTest, AcceptsOnlyTheExactNameOfTheRuntime) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");

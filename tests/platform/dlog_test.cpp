@@ -1,3 +1,5 @@
+// The platform's logger.
+
 #include "dlog.h"
 
 #include <gtest/gtest.h>
@@ -33,7 +35,7 @@ TEST_F(DlogTest, LinesReachStderrWhole) {
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "I/TAG(0): seven: 7\nE/TAG(2): " + long_text + "\n");
 }
 
-TEST_F(DlogTest, LinesAroundTheFixedBufferKeepTheirLength) {
+TEST_F(DlogTest, LinesNearTheSizeOfTheBufferAreNotCut) {
   Collect();
   for (const std::size_t length : {0U, 510U, 511U, 512U, 513U}) {
     __dlog_print(0, 4, "T", "%s", std::string(length, 'y').c_str());

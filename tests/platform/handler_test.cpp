@@ -1,3 +1,5 @@
+// The worker of an instance, pp::SimpleThreadAwaitLoop.
+
 #include <gtest/gtest.h>
 #include <pthread.h>
 
@@ -14,7 +16,7 @@ namespace {
 
 using Loop = pp::MessageLoop::Core;
 
-/// Counts the calls of the loop.
+/// Work that counts how often the loop has run it.
 class CountedWork final : public Loop::Work {
  public:
   explicit CountedWork(std::function<void()> run = [] {}) : run_(std::move(run)) {}

@@ -1,3 +1,6 @@
+// The browser's side of the plug-in interface (browser_control.h), with a small plug-in: loading, the order of
+// messages, registrations, and instances that are destroyed while threads use them.
+
 #include <gtest/gtest.h>
 
 #include <array>
@@ -40,7 +43,7 @@ class Handler : public pp::MessageHandler {
 
   std::function<void(const pp::Var&)> on_message;
   std::function<void()> on_unregistered;
-  std::vector<int> handled;  // written on the loop's thread; read when no handler runs
+  std::vector<int> handled;  // written on the loop's thread, read while it does not run the handler
 };
 
 /// A loaded plug-in. Each instance has a worker with the handler registered on it, unless a test changes that.
@@ -103,7 +106,7 @@ TEST_F(BrowserTest, InitGetsTheParametersAndMayRefuse) {
   EXPECT_EQ(worker_, nullptr) << "the refused instance was not deleted";
 }
 
-TEST_F(BrowserTest, HandlesBothKindsInTheOrderOfTheCalls) {
+TEST_F(BrowserTest, HandlesSendsAndPostsInTheOrderOfTheCalls) {
   constexpr int kThreads = 4;
   constexpr int kMessages = 2000;
   const auto page = MakePage();
@@ -131,7 +134,7 @@ TEST_F(BrowserTest, HandlesBothKindsInTheOrderOfTheCalls) {
   }
 }
 
-TEST_F(BrowserTest, WithoutARegistrationNoCallWaits) {
+TEST_F(BrowserTest, WithoutARegisteredHandlerNoCallWaits) {
   const auto unanswered = [](PageInstance* page) {
     page->Post(1);
     page->Settle();

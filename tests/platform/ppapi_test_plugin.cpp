@@ -1,3 +1,5 @@
+// The plug-in of ppapi_browser_test.cpp. It does nothing itself except to post the parameters that it gets.
+
 #include "ppapi_test_plugin.h"
 
 #include <string>

@@ -1,3 +1,5 @@
+// The variables of the plug-in interface (pp::Var): conversions, shared content, and the counting of references.
+
 #include <gtest/gtest.h>
 
 #include <algorithm>

@@ -1,4 +1,4 @@
-// The small services of the platform, with the simulated set in a temporary store.
+// The services system_info, prefdeck and panelbase: their results and failures, from values in a temporary store.
 
 #include <utility>
 

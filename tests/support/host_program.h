@@ -17,7 +17,7 @@
 #include "support/files.h"
 #include "support/process.h"
 
-/// A running `mirado`, with pipes to its input and output. Its stderr is written to a file.
+/// A running `mirado` with any arguments, with pipes to its input and output. Its stderr is written to a file.
 class Program {
  public:
   Program(std::vector<std::string> arguments, const std::string& log) {

@@ -19,7 +19,7 @@ inline bool HasRobustLocks() {
   std::size_t size = 0;
   return syscall(SYS_get_robust_list, 0, &list, &size) == 0;
 }
-constexpr const char* kNoRobustLocks = "the lock of a process that dies is not released here";
+constexpr const char* kNoRobustLocks = "skipped: the kernel does not release the lock of a process that dies";
 
 /// A child process that runs `body` and can write records to its parent through a pipe. The destructor kills it, and so
 /// does the end of the thread that made it; Ctrl-C does not.
@@ -103,7 +103,7 @@ class Process {
   int pipe_ = -1;
 };
 
-/// Lets a parent and its child wait for each other, by one byte at a time through two pipes made before the fork.
+/// Lets a parent and its child wait for each other. Make it before the fork.
 class Steps {
  public:
   Steps() { EXPECT_EQ(pipe2(to_parent_.data(), O_CLOEXEC) | pipe2(to_child_.data(), O_CLOEXEC), 0); }
