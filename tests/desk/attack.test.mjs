@@ -1,4 +1,4 @@
-// Clients that try to block others: during each attack the desk answers everyone else, and nothing is left afterwards.
+// Clients that try to block others. During each attack the desk must answer everyone else.
 import assert from "node:assert/strict";
 import { once } from "node:events";
 import { Agent } from "node:http";
@@ -26,7 +26,7 @@ const answersOthers = () => oneOfFiveIsBelow(1000, async () => {
 const statusOf = async (socket) =>
   String(await within(Promise.race(["data", "close"].map((event) => once(socket, event))), "an answer")).split(" ")[1];
 
-test("a hostile page that loads as fast as it can", async () => {
+test("survives a hostile page that loads as fast as it can", async () => {
   const agent = new Agent({ keepAlive: true, maxSockets: 6 });
   const headers = { "Sec-Fetch-Site": "cross-site", "Accept-Encoding": "gzip, deflate, br" };
   let going = true;
@@ -39,7 +39,7 @@ test("a hostile page that loads as fast as it can", async () => {
   agent.destroy();
 });
 
-test("clients that disconnect before their reply", async () => {
+test("survives clients that disconnect before their reply", async () => {
   await desk.call("PATCH", "/api/set", { latency: { getMenuValue: 60_000 } });
   const page = await desk.openPage({ grace: 1 });
   const events = await desk.follow("/api/events");
@@ -54,11 +54,11 @@ test("clients that disconnect before their reply", async () => {
   const other = await desk.openPage();
   for (let sends = 0; sends < 512; ++sends) assert.equal((await desk.send(other, { send: VERSION })).status, 200);
   for (const socket of waiting) socket.destroy();
-  await events.next("gone", ({ id }) => id === page.id); // Its own grace applies, not the longer one of a request.
+  await events.next("gone", ({ id }) => id === page.id); // After the page's own grace; the longer one of a waiting request has ended.
   events.close();
 });
 
-test("more streams than the desk allows", async () => {
+test("survives requests for more streams than it allows", async () => {
   const page = await desk.openPage();
   const open = async (path, more = "") => {
     const socket = await desk.dial(`GET ${path} ${HEAD}${more}\r\n`);
@@ -75,7 +75,7 @@ test("more streams than the desk allows", async () => {
   for (const { socket } of streams) socket.destroy();
 });
 
-test("connections that send nothing, send half a request, or do not read", async () => {
+test("survives connections that send nothing, send half a request, or do not read", async () => {
   const half = `POST /api/pages ${HEAD}Content-Length: 100\r\n\r\n{`;
   const sockets = [await desk.dial(`GET /api/events ${HEAD}\r\n`)];
   sockets[0].pause();
@@ -90,7 +90,7 @@ test("connections that send nothing, send half a request, or do not read", async
   for (const socket of sockets) socket.destroy();
 });
 
-test("more pages than the desk allows", async () => {
+test("survives requests for more pages than it allows", async () => {
   const pages = [];
   for (let opened = 0; opened < 64; ++opened) pages.push(await desk.openPage());
   assert.equal((await desk.request("POST", "/api/pages", { body: {} })).status, 503);
@@ -103,7 +103,7 @@ test("more pages than the desk allows", async () => {
   await desk.openPage();
 });
 
-test("a plug-in that does not read its input", { timeout: 300_000 }, async () => {
+test("survives a plug-in that does not read its input", { timeout: 300_000 }, async () => {
   const page = await desk.openPage();
   const socket = await desk.socketOf(page);
   const posts = Array.from({ length: 60 }, () => ({ post: { ...VERSION, more: "x".repeat(1000) } }));
@@ -138,7 +138,7 @@ test("a plug-in that does not read its input", { timeout: 300_000 }, async () =>
   for (const stream of others) stream.close();
 });
 
-test("clients that do not read long answers", { timeout: 300_000 }, async () => {
+test("survives clients that do not read long answers", { timeout: 300_000 }, async () => {
   const page = await desk.openPage();
   const posts = Array.from({ length: 15 }, () => ({ post: { command: "x".repeat(4000) } }));
   for (let batches = 0; batches < 70; ++batches) await desk.send(page, posts);
@@ -152,7 +152,7 @@ test("clients that do not read long answers", { timeout: 300_000 }, async () => 
   for (const socket of lazy) socket.destroy();
 });
 
-test("a request that never ends, and a socket that does not confirm its close", { timeout: 300_000 }, async () => {
+test("survives a request that never ends, and a socket that does not confirm its close", { timeout: 300_000 }, async () => {
   const half = await desk.dial(`POST /api/pages ${HEAD}Content-Length: 100\r\n\r\n{`);
   const page = await desk.openPage();
   const { receive } = await desk.socketOf(page);
@@ -164,7 +164,7 @@ test("a request that never ends, and a socket that does not confirm its close", 
 
 // Limits of the process. If the test runs as root, the desk runs as user 65534, because some do not apply to root.
 for (const limits of ["ulimit -n 64", "ulimit -n 24", "ulimit -u 100", "ulimit -u 12", "ulimit -s 4096"]) {
-  test(`a desk with ${limits}`, async () => {
+  test(`says that it cannot start, or refuses pages, with ${limits}`, async () => {
     await desk.stop();
     desk = null;
     let tight;

@@ -1,4 +1,5 @@
-// The subcommands of `mirado` except `desk`; of `host` its recordings and standard streams.
+// The command line of `mirado`, as a user runs it: exit statuses, output, escaping, scenarios, recordings. The lines
+// that `mirado host` reads and writes are tested in host_test.cpp, `mirado desk` in *.test.mjs.
 
 #include <sys/stat.h>
 
@@ -11,7 +12,7 @@
 #include "host/verify.h"
 #include "set/catalog.h"
 #include "set/simulated_set.h"
-#include "support/host_program.h"
+#include "support/program.h"
 
 namespace {
 
@@ -32,9 +33,9 @@ class CliTest : public ProgramTest {
   /// U+202E, which changes the writing direction.
   static std::string RightToLeft() { return {'\xe2', '\x80', '\xae'}; }
 
-  /// The first line of `text` with a control character, a byte of 0x80 to 0x9f outside of a UTF-8 sequence, or one of
-  /// the marks that these tests put in; empty if there is none.
-  static std::string Unescaped(const std::string& text) {
+  /// The first line of `text` with a control character (also of 0x80 to 0x9f, as a byte or in UTF-8) or with U+202E, or
+  /// that begins with "b2b off", which these tests put after a newline; empty if there is none.
+  static std::string LineWithUnescaped(const std::string& text) {
     std::istringstream lines(text);
     for (std::string line; std::getline(lines, line);) {
       unsigned char before = 0;
@@ -124,7 +125,7 @@ _mirado
   EXPECT_EQ(Shell("bash " + script), 0);
 }
 
-TEST_F(CliTest, AShellRestoresEveryTextThatIsPrinted) {
+TEST_F(CliTest, SettingThePrintedTextRestoresTheValue) {
   struct Case {
     std::string typed, printed;
   };
@@ -193,11 +194,11 @@ TEST_F(CliTest, ControlCharactersFromTheStoreAreEscaped) {
                                              {nasty}}) {
     const Outcome outcome = Run(words);
     EXPECT_FALSE(outcome.out.empty() && outcome.log.empty()) << words[0];
-    EXPECT_EQ(Unescaped(outcome.out + outcome.log), "") << words[0] << " " << words.back();
+    EXPECT_EQ(LineWithUnescaped(outcome.out + outcome.log), "") << words[0] << " " << words.back();
   }
   for (const char* command : {"replay", "verify"}) {
     const Outcome outcome = RunAsIs({command, recording});
-    EXPECT_EQ(Unescaped(outcome.out + outcome.log), "") << command;
+    EXPECT_EQ(LineWithUnescaped(outcome.out + outcome.log), "") << command;
   }
 }
 
@@ -213,13 +214,13 @@ TEST_F(CliTest, OutputThatCannotBeWrittenIsAFailure) {
   }
   EXPECT_EQ(Shell("echo '{\"settle\":true}' | mirado host >/dev/full"), 3);
   if (std::getenv("MIRADO_EMULATED") == nullptr) {  // the emulator itself opens a file as descriptor 0
-    EXPECT_EQ(Shell("mirado host <&- >/dev/null"), 0) << "no other file may become its input";
+    EXPECT_EQ(Shell("mirado host <&- >/dev/null"), 0) << "no file that it opens may take descriptor 0";
   }
   const std::string pipe = "'" + folder() / "pipe" + "'";
   EXPECT_EQ(Shell("mkfifo " + pipe + "; exec 5<>" + pipe + " 4>" + pipe + " 5<&-; mirado list >&4"), 3) << "no reader";
 }
 
-TEST_F(CliTest, AStoreIsMadeWhereThereIsNoneAndReplacedOnlyByForce) {
+TEST_F(CliTest, ReadingCreatesNoStoreAndOnlyResetForceReplacesOne) {
   const std::string none = folder() / "none";
   std::filesystem::create_directory(none);
   for (const char* command : {"get", "list", "watch"}) {
@@ -251,7 +252,7 @@ TEST_F(CliTest, AStoreIsMadeWhereThereIsNoneAndReplacedOnlyByForce) {
   const auto begin = replaced.out.find(folder().path());
   const std::string moved = replaced.out.substr(begin, replaced.out.find(';') - begin);
   EXPECT_TRUE(std::filesystem::is_directory(moved)) << replaced.out;
-  EXPECT_FALSE(std::filesystem::is_empty(moved)) << "the old files are there";
+  EXPECT_FALSE(std::filesystem::is_empty(moved)) << "the old files are kept";
 }
 
 TEST_F(CliTest, AMisspeltArgumentGetsASuggestion) {
@@ -367,7 +368,7 @@ TEST_F(CliTest, WatchEndsAfterSomeChangesOrSomeTime) {
   EXPECT_EQ(prefix.Wait(), 0);
   const std::string all = watch.ReadAll();
   EXPECT_FALSE(Holds(all, "db/ab")) << all;
-  EXPECT_LE(std::ranges::count(all, '\n'), 3);
+  EXPECT_LE(std::ranges::count(all, '\n'), 2);  // two changes; the current value may have been read above
   EXPECT_TRUE(Holds(prefix.ReadAll(), "db/ab "));
   const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(Run({"watch", "db/menu/caption/caption", "--now", "--exact", "--timeout", "0.3"}).out,
@@ -405,12 +406,13 @@ TEST_F(CliTest, SetUpPrintsArgumentsThatRestoreTheSet) {
   EXPECT_EQ(Run({"set-up", "latency", "getVersion"}).out, "latency getVersion 250\n");
   EXPECT_EQ(Run({"set-up", "items", "primary-audio"}).out, "items primary-audio --empty\n");
   EXPECT_EQ(Run({"set-up", "items", "primary-audio", "--json"}).out, "{\"lists\":{\"primary-audio\":[]}}\n");
-  EXPECT_EQ(Run({"set-up", "items", "secondary-audio-language"}).status, 1) << "shown, and not emptied";
+  EXPECT_EQ(Run({"set-up", "items", "secondary-audio-language"}).status, 1) << "it is shown, not created";
   EXPECT_TRUE(Holds(Run({"set-up", "embedder"}).out, "embedder offered off\nembedder name "));
   ASSERT_EQ(Run({"fault", "GetPictureSize", "-1"}).status, 0);
   ASSERT_EQ(Run({"set-up", "save", "other"}).status, 0);
   ASSERT_EQ(Run({"reset"}).status, 0);
   EXPECT_EQ(Run({"set-up"}).out, fresh);
+  // A removed list is not printed, so the lines below cannot remove it.
   Run({"set-up", "items", "secondary-audio-language", "--remove"});
 
   std::istringstream lines(changed);
@@ -469,8 +471,7 @@ class ReplayTest : public CliTest {
     EXPECT_TRUE(Holds(host.ReadLine(), "MIRADO_EVENT_CAPTION_CHANGED"));
     host.WriteLine(R"({"send":{"command":"getMenuValue","propertyKey":1}})");
     EXPECT_TRUE(Holds(host.ReadLine(), R"("value":7)"));
-    // Another program changes the value while the set delays the request for it. It is started before the request, so
-    // that its change comes during the delay.
+    // A second host, started first, changes the value during the latency of the request.
     Program other({"host", "--store", store()}, folder() / "other-log");
     Settle(other);
     Run({"set-up", "latency", "getMenuValue", "1000"});
@@ -504,7 +505,7 @@ TEST_F(ReplayTest, ReplayFromTheRecordedStateGivesTheSameOutput) {
   EXPECT_EQ(RunAsIs({"replay", file()}).status, 0);
   EXPECT_TRUE(std::filesystem::is_empty(temporary));
   EXPECT_EQ(Shell("test \"$(ulimit -f 0; mirado replay '" + file() + "' none 2>/dev/null | grep -c crashed)\" = 1"), 0)
-      << "the output of the first replay is not printed twice";
+      << "a child that is killed because it may write no file must not print the first result again";
   EXPECT_TRUE(std::filesystem::is_empty(temporary));
   const std::string pipe = folder() / "pipe";
   ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
@@ -525,7 +526,7 @@ TEST_F(ReplayTest, ReplayFromTheRecordedStateGivesTheSameOutput) {
   EXPECT_TRUE(Holds(Contents(log()), pipe + ": the recording is incomplete")) << Contents(log());
 }
 
-TEST_F(ReplayTest, ARecordingFromTheMiddleOnKeepsTheSubscriptions) {
+TEST_F(ReplayTest, ARecordingBegunDuringASessionContainsTheSubscriptions) {
   const Outcome host =
       Run({"host", "--report"}, R"({"send":{"command":"registerVconfKeysForCaption","propertyKey":0}})"
                                 "\n{\"record\":true}\n{\"set\":{\"db/menu/caption/caption\":1}}\n{\"record\":false}\n");
@@ -543,7 +544,7 @@ TEST_F(ReplayTest, ARecordingFromTheMiddleOnKeepsTheSubscriptions) {
   EXPECT_EQ(replay.status, 0) << replay.out << replay.log;
 }
 
-TEST_F(ReplayTest, AChangeAfterAnAnswerIsNotPartOfTheRequest) {
+TEST_F(ReplayTest, AChangeAfterAnAnswerIsRecordedAfterTheRequest) {
   ASSERT_EQ(desk::OpenSet(store()).text(), "");
   int value = 0;
   {
@@ -575,7 +576,7 @@ TEST_F(ReplayTest, TheRecordedExamplesReplayWithoutDifferences) {
   EXPECT_EQ(replay.status, 0) << replay.out << replay.log;
 }
 
-TEST_F(ReplayTest, VerifyComparesTheMessagesSent) {
+TEST_F(ReplayTest, VerifyComparesTheSentMessagesWithThoseExpected) {
   Record();
   const std::string read = R"({"command":"getMenuValue","propertyKey":1})";
   const std::string write = R"({"command":"setMenuValue","propertyKey":16})";
@@ -599,7 +600,7 @@ TEST_F(ReplayTest, VerifyComparesTheMessagesSent) {
       {{"setMenuValue", write, read, "--order"}, 0, ""},
       {{read, write, "--order"}, 1, "  sent, but not in this order: " + write},
       {{"setMenuValue", write, "--exact"}, 1, "  sent, but not expected: " + read},
-      // A message that matches two patterns is assigned to the one that has no other.
+      // A message that matches two patterns is assigned to the one that no other message matches.
       {{"setMenuValue", R"({"value":5,"propertyKey":1})", "registerVconfKeysForCaption", read, read, "--exact"}, 0, ""},
       {{"registerVconfKeysForCaption", "setMenuValue", write, read, read, "--order", "--exact"}, 0, ""},
       {{"getVersion", "--json"}, 1, R"({"ok":false,"difference":"  not sent: \"getVersion\")"},

@@ -1,4 +1,4 @@
-// A desk on a temporary store, and the requests of a client.
+// What the tests share: starts desks on temporary stores, and sends them requests as a client does.
 import assert from "node:assert/strict";
 import { execFile, spawn } from "node:child_process";
 import { once } from "node:events";
@@ -18,7 +18,7 @@ const program = process.env.MIRADO ?? fileURLToPath(new URL("../../build/release
 // An emulated processor, or a sanitizer, may take five times as long.
 const slowness = process.env.MIRADO_EMULATED || process.env.MIRADO_SANITIZE ? 5 : 1;
 
-// What `promise` resolves with. Fails after a minute, and then says what did not come and what came instead.
+// Resolves like `promise`. Fails after a minute; the error says what did not come and what came instead.
 export async function within(promise, what, instead = () => "nothing") {
   let timer;
   const limit = 60_000 * slowness;

@@ -1,4 +1,4 @@
-// Which clients are refused, and which requests are invalid.
+// Which clients the desk refuses (by host, origin and token), and which requests are invalid.
 import assert from "node:assert/strict";
 import { once } from "node:events";
 import { chmod, readFile, stat } from "node:fs/promises";
@@ -85,7 +85,7 @@ test("without a token accepts only loopback origins; with --token any origin tha
   assert.equal(await status(again, { Host: "192.168.1.20:8480" }, `/api/settings?token=${again.token}`), 200);
 });
 
-test("needs its port for IPv4 and for IPv6", async () => {
+test("exits if another program uses its port on 127.0.0.1 or ::1", async () => {
   for (const address of ["127.0.0.1", "::1"]) {
     const other = createServer().listen(0, address);
     await once(other, "listening");

@@ -1,6 +1,6 @@
-// The program `mirado host`.
+// `mirado host`: the lines that it reads and writes, and how it ends.
 
-#include "support/host_program.h"
+#include "support/program.h"
 
 #include <chrono>
 #include <utility>
@@ -125,11 +125,11 @@ TEST_F(HostTest, ExitsCleanlyOnSignalClosedOutputAndEndOfInput) {
   EXPECT_TRUE(failed.log.starts_with(none + ": ")) << failed.log;
   EXPECT_EQ(failed.log.rfind(none), 0U) << failed.log;
   const Outcome printing = Run({"host", "--plugin", PRINTING_LIBRARY});
-  EXPECT_EQ(printing.out, "") << "what a plug-in prints is no output of the host";
+  EXPECT_EQ(printing.out, "") << "what a plug-in prints goes to stderr";
   EXPECT_NE(printing.log.find(R"({"reply":1})"), std::string::npos) << printing.log;
 }
 
-TEST_F(HostTest, TheSetDecidesWhatTheEmbedderAndTheProductAnswer) {
+TEST_F(HostTest, TheSimulatedSetDeterminesThePrivilege) {
   const std::string request = R"({"post":{"command":"setMenuValue","propertyKey":0,"value":1}})";
   const auto code = [&] {
     const std::string out = Run({"host"}, request + "\n").out;
@@ -157,7 +157,7 @@ TEST_F(HostTest, TheSetDecidesWhatTheEmbedderAndTheProductAnswer) {
   }
 }
 
-TEST_F(HostTest, RepliesNullIfTheRegistrationFails) {
+TEST_F(HostTest, RepliesNullIfTheHandlerCannotBeRegistered) {
   ASSERT_EQ(Run({"fault", "RegisterMessageHandler", "-1", "--times", "1"}).status, 0);
   Program host = Start();
   EXPECT_EQ(Ask(host, R"({"command":"getVersion"})"), R"({"reply":null})");

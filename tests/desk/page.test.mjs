@@ -1,4 +1,4 @@
-// Pages, their messages, and the start and end of their processes.
+// Pages over HTTP: their messages, streams and recordings, and the start and end of their processes.
 import assert from "node:assert/strict";
 import { once } from "node:events";
 import { readdirSync } from "node:fs";

@@ -1,4 +1,5 @@
-// The exits of the desk after an internal failure, what it reads of a child process, and pages whose host misbehaves.
+// The desk's server, where requests cannot cause the case: the exit after an internal failure, the output of a child
+// process, and a host that stops reading.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -29,7 +30,7 @@ using boost::asio::ip::tcp;
 
 class ServerDeathTest : public testing::Test {
  protected:
-  /// Runs a desk in which `happens` is called while a client is connected. Ends the process with its exit status.
+  /// Runs a desk, calls `happens` while a client is connected, and exits with the desk's status.
   void Run(const std::function<void(desk::Desk&)>& happens) {
     {
       desk::DeskOptions options;
@@ -54,12 +55,12 @@ class ServerDeathTest : public testing::Test {
   int status_ = 0;
 };
 
-TEST_F(ServerDeathTest, EndsInGoodOrderAfterAnException) {
+TEST_F(ServerDeathTest, ExitsWithStatus3AfterAnException) {
   EXPECT_EXIT(Run([](desk::Desk&) { throw std::runtime_error("something is wrong"); }), testing::ExitedWithCode(3),
               "something is wrong");
 }
 
-TEST_F(ServerDeathTest, EndsThoughTheStoreHangs) {
+TEST_F(ServerDeathTest, ExitsAlthoughTheStoreHangs) {
   EXPECT_EXIT(Run([](desk::Desk& desk) {
                 desk::HttpRequest request;
                 desk.OnStore(desk::StoreUse::kReads, [](const desk::HttpRequest&) -> desk::Answer {
@@ -123,7 +124,7 @@ class PagesTest : public testing::Test {
   std::unique_ptr<desk::Pages> pages_;
 };
 
-TEST_F(PagesTest, ReadersHearWhenAPlugInThatAnswersNothingHasRoomAgain) {
+TEST_F(PagesTest, AReaderIsNotifiedWhenAHostThatWasStoppedReadsAgain) {
   struct : desk::EventLog::Reader {
     void OnEvents() override { notified = true; }
     bool notified = false;
@@ -143,7 +144,7 @@ TEST_F(PagesTest, ReadersHearWhenAPlugInThatAnswersNothingHasRoomAgain) {
   page->deliveries().Detach(&reader);
   page->StreamOpened();
   pages_->Leave(*page, desk::Pages::Keep::kHistory);
-  EXPECT_FALSE(page->deliveries().kept().empty()) << "one that reads gets the rest";
+  EXPECT_FALSE(page->deliveries().kept().empty()) << "a reader gets the rest after the page has left";
   page->StreamClosed();
   EXPECT_TRUE(page->deliveries().kept().empty());
 }

@@ -1,4 +1,4 @@
-// The simulated set over HTTP.
+// The simulated set over HTTP: settings, events of changes, faults, and the plug-in's log.
 import assert from "node:assert/strict";
 import { execFileSync } from "node:child_process";
 import { writeFile } from "node:fs/promises";

@@ -12,7 +12,7 @@
 #include <thread>
 #include <vector>
 
-#include "support/host_program.h"
+#include "support/program.h"
 
 /// What the runs share. They check with the expectations of the tests, outside of a test; after a failed one `main`
 /// returns 1.

@@ -1,4 +1,5 @@
-// Conversion between JSON and the plug-in's variables, the description of the set, and scenarios.
+// The desk's code, called directly: JSON and the plug-in's variables, the description of the set, scenarios, and the
+// statuses of failures.
 
 #include <gtest/gtest.h>
 
@@ -15,7 +16,7 @@
 #include "set/faults.h"
 #include "set/scenario.h"
 #include "set/simulated_set.h"
-#include "support/host_program.h"
+#include "support/program.h"
 
 namespace desk {
 namespace {
@@ -26,7 +27,7 @@ ParsedJson Parsed(const std::string& text) {
   return parsed.ok() ? *std::move(parsed) : ParsedJson();
 }
 
-TEST(JsonTest, OnlyIntegersOf32BitsAreInt) {
+TEST(JsonTest, OnlyIntegersOf32BitsBecomeInt) {
   for (const char* text : {"0", "-1", "2147483647", "-2147483648"}) {
     EXPECT_TRUE(ToVar(Parsed(text)).is_int()) << text;
   }
@@ -37,7 +38,7 @@ TEST(JsonTest, OnlyIntegersOf32BitsAreInt) {
   }
 }
 
-TEST(JsonTest, WhatJsonCannotSayBecomesNullOrIsReplaced) {
+TEST(JsonTest, ValuesThatJsonCannotExpressBecomeNullOrAreReplaced) {
   EXPECT_EQ(ToText(ToJson(pp::Var())), "null");
   EXPECT_EQ(ToText(ToJson(pp::Var(std::numeric_limits<double>::infinity()))), "null");
   EXPECT_EQ(ToText(ToJson(pp::Var(std::nan("")))), "null");
@@ -47,7 +48,7 @@ TEST(JsonTest, WhatJsonCannotSayBecomesNullOrIsReplaced) {
             "b\\n\"");
 }
 
-TEST(JsonTest, ReplyFieldsComeFirst) {
+TEST(JsonTest, TheFieldsOfAReplyComeFirst) {
   const pp::Var reply = ToVar(Parsed(R"({"event":"e","errorName":"n","a":1,"errorMessage":"m","value":2,"code":3})"));
   EXPECT_EQ(ToText(ToJson(reply)), R"({"code":3,"value":2,"errorName":"n","errorMessage":"m","a":1,"event":"e"})");
 }
@@ -62,7 +63,7 @@ TEST(JsonTest, RawMembersAreThoseOfTheOutermostContainer) {
   EXPECT_TRUE(RawMembers("{ }").empty() && RawMembers("7").empty());
 }
 
-TEST(JsonTest, EveryValueSurvivesTheWayInAndBackOut) {
+TEST(JsonTest, AValueConvertedThereAndBackIsTheSame) {
   const auto nodes = pp::browser::LiveVarNodes();
   const std::string text =
       R"({"":{},"a":[null,true,false,-2147483648,0.1,-1.5e-07,1e+300,[],[[7.0]]],"b":{"c":"a\"\\\n\u0000\u007fé"}})";
@@ -78,7 +79,7 @@ class SetTest : public testing::Test {
   TemporaryFolder folder_;
 };
 
-TEST_F(SetTest, AChangeThatIsNotUnderstoodChangesNothingAndNamesItsPart) {
+TEST_F(SetTest, AnInvalidChangeChangesNothingAndItsErrorNamesThePart) {
   const Json before = *DescribeSet();
   const std::vector<std::pair<std::string, std::string>> changes = {
       {"[]", "object"},
@@ -104,7 +105,7 @@ TEST_F(SetTest, AChangeThatIsNotUnderstoodChangesNothingAndNamesItsPart) {
   }
 }
 
-TEST_F(SetTest, AScenarioBringsTheWholeSetBack) {
+TEST_F(SetTest, LoadingAScenarioRestoresTheWholeSet) {
   const std::string store = folder_ / "store";
   EXPECT_TRUE(ListScenarios(store)->empty());
   ASSERT_EQ(ChangeSet(Parsed(R"({"b2b":null,"embedder":{"replies":{"a":1,"b":"t","c":true}}})")).text(), "");
@@ -121,7 +122,7 @@ TEST_F(SetTest, AScenarioBringsTheWholeSetBack) {
   EXPECT_EQ(*DescribeState(), saved);
   ASSERT_EQ(LoadScenario(*ReadScenario(store, "A.1")).text(), "");
   EXPECT_EQ(*vconf::Get("db/menu/caption/caption"), vconf::Value(1));
-  EXPECT_EQ((*DescribeSet())["b2b"], true) << "a key that is not named has its value in a new set";
+  EXPECT_EQ((*DescribeSet())["b2b"], true) << "a key that is not in the scenario gets its initial value";
   EXPECT_TRUE(vconf::ListFaults()->empty());
 
   const auto files = *ListScenarios(store);
@@ -158,7 +159,7 @@ TEST_F(SetTest, AScenarioBringsTheWholeSetBack) {
   EXPECT_EQ(count(), files_before) << "no temporary file is left";
 }
 
-TEST(CodeTest, StatusesOfHttpAndOfTheProgramAreThoseOfTheDocument) {
+TEST(CodeTest, EachCodeHasTheHttpStatusOfTheDocument) {
   const std::string text = Contents(MIRADO_EXAMPLES "/../docs/desk-api.md");
   for (int number = 1; number <= static_cast<int>(vconf::Code::kFailed); ++number) {
     const auto code = static_cast<vconf::Code>(number);

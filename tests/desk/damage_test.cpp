@@ -1,21 +1,21 @@
-// The program on a store that is full, read-only, damaged or removed: calls fail with a message, keys that can be read
-// are read, and no wrong value is returned.
+// `mirado` on a store that is full, read-only, damaged or removed: calls fail with a message, keys that can be read are
+// read, and no wrong value is returned.
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 
 #include "set/catalog.h"
-#include "support/host_program.h"
+#include "support/program.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using desk::Json;
 
-class FaultsTest : public ProgramTest {
+class DiskTest : public ProgramTest {
  protected:
-  ~FaultsTest() override {
+  ~DiskTest() override {
     if (mounted_) umount2(store().c_str(), MNT_DETACH);
   }
 
@@ -34,17 +34,17 @@ class FaultsTest : public ProgramTest {
     host.WriteLine(Json{{"post", {{"command", "setMenuValue"}, {"propertyKey", key}, {"value", value}}}}.dump());
     return Json::parse(host.ReadLine())["message"];
   }
-  static void EndWell(Program& host) {
+  static void CloseAndCheckExit(Program& host) {
     host.CloseInput();
     EXPECT_EQ(host.ReadLine(), R"({"message":"Unregister"})");
     EXPECT_EQ(host.Wait(), 0);
   }
 
-  /// The number of log lines that contain `culprit`.
-  long Complaints(const std::string& culprit) const {
+  /// The number of log lines that contain `file`.
+  long LogLinesAbout(const std::string& file) const {
     std::istringstream lines(Contents(log()));
     long count = 0;
-    for (std::string line; std::getline(lines, line);) count += line.find(culprit) != std::string::npos ? 1 : 0;
+    for (std::string line; std::getline(lines, line);) count += line.find(file) != std::string::npos ? 1 : 0;
     return count;
   }
 
@@ -60,7 +60,7 @@ class FaultsTest : public ProgramTest {
   bool mounted_ = false;
 };
 
-TEST_F(FaultsTest, AFullDiskRefusesWritesAndLosesNone) {
+TEST_F(DiskTest, AFullDiskRefusesWritesAndLosesNone) {
   constexpr std::uintmax_t kRoom = 65'536;
   // If no small file system can be mounted, a limit on file sizes is used instead.
   fs::create_directory(store());
@@ -87,17 +87,17 @@ TEST_F(FaultsTest, AFullDiskRefusesWritesAndLosesNone) {
   EXPECT_GT(written, 0);
   EXPECT_EQ(Run({"get", "db/text0"}).out, text + "\n");
   EXPECT_EQ(Get(host, 0)["value"], 3);
-  EXPECT_LE(Complaints(file()), 1) << Contents(log());
+  EXPECT_LE(LogLinesAbout(file()), 1) << Contents(log());
   // After a reset there is space again.
   ASSERT_EQ(Run({"reset"}).status, 0);
   EXPECT_EQ(Set(host, 0, 5)["code"], 0);
   EXPECT_EQ(Run({"set", "db/text0", text}).status, 0);
   setrlimit(RLIMIT_FSIZE, &no_limit);
-  EndWell(host);
+  CloseAndCheckExit(host);
   EXPECT_EQ(Run({"get", "db/menu/caption/caption"}).out, "5\n");
 }
 
-TEST_F(FaultsTest, AReadOnlyStoreIsReadAndNotWritten) {
+TEST_F(DiskTest, AReadOnlyStoreIsReadAndNotWritten) {
   ASSERT_EQ(Run({"set", "db/menu/caption/caption", "7"}).status, 0);
   const std::string before = Contents(file());
   if (geteuid() == 0) {  // permissions do not apply to root
@@ -113,8 +113,9 @@ TEST_F(FaultsTest, AReadOnlyStoreIsReadAndNotWritten) {
   EXPECT_EQ(Get(host, 0)["value"], 7);
   EXPECT_EQ(Set(host, 0, 8)["errorMessage"], "setMenuValue was failed");
   EXPECT_EQ(Get(host, 0)["value"], 7);
-  EXPECT_EQ(Ask(host, {{"command", "showCaption"}, {"show", 1}})["code"], 9999) << "nor are keys in memory";
-  EndWell(host);
+  EXPECT_EQ(Ask(host, {{"command", "showCaption"}, {"show", 1}})["code"], 9999)
+      << "keys in memory cannot be written, either";
+  CloseAndCheckExit(host);
   const auto set = Run({"set", "db/menu/caption/caption", "8"});
   EXPECT_NE(set.status, 0);
   EXPECT_NE(set.log.find(file()), std::string::npos) << set.log;
@@ -124,7 +125,8 @@ TEST_F(FaultsTest, AReadOnlyStoreIsReadAndNotWritten) {
 
 enum Served { kNever, kClosed, kOpen, kAlways };
 
-/// A damage to the store's file, and whether some keys can still be read if the store was closed or open at that time.
+/// A way to damage the store's database, `file`, or another of its files, and whether `mirado host` can then still read
+/// some keys: if it opens the store afterwards (kClosed), if it had it open (kOpen), in both cases, or never.
 struct Damage {
   const char* name;
   void (*make)(const std::string& file);
@@ -139,15 +141,15 @@ constexpr std::uintmax_t kPage = 4096;
 const Damage kDamages[] = {
     {"Emptied", [](const std::string& file) { fs::resize_file(file, 0); }},
     {"CutInAPage", [](const std::string& file) { fs::resize_file(file, 100); }},
-    {"CutToOneHead", [](const std::string& file) { fs::resize_file(file, kPage); }},
-    {"CutToTheHeads", [](const std::string& file) { fs::resize_file(file, 2 * kPage); }},
+    {"CutToOnePage", [](const std::string& file) { fs::resize_file(file, kPage); }},
+    {"CutToTwoPages", [](const std::string& file) { fs::resize_file(file, 2 * kPage); }},
     {"CutInHalf", [](const std::string& file) { fs::resize_file(file, fs::file_size(file) / 2); }},
     {"CutByAPage", [](const std::string& file) { fs::resize_file(file, fs::file_size(file) - kPage); }, kOpen},
-    {"NoiseInTheFirstHead", [](const std::string& file) { Spoil(file, 0, kPage); }},
-    {"NoiseInTheHeads", [](const std::string& file) { Spoil(file, 0, 2 * kPage); }},
+    {"NoiseInTheFirstPage", [](const std::string& file) { Spoil(file, 0, kPage); }},
+    {"NoiseInTwoPages", [](const std::string& file) { Spoil(file, 0, 2 * kPage); }},
     {"NoiseInTheMiddle", [](const std::string& file) { Spoil(file, fs::file_size(file) / 2, kPage); }, kAlways},
     {"NoiseAtTheEnd", [](const std::string& file) { Spoil(file, fs::file_size(file) - kPage, kPage); }, kAlways},
-    {"NoiseBehindTheHeads", [](const std::string& file) { Spoil(file, 2 * kPage, fs::file_size(file) - 2 * kPage); }},
+    {"NoiseAfterTwoPages", [](const std::string& file) { Spoil(file, 2 * kPage, fs::file_size(file) - 2 * kPage); }},
     {"AllNoise", [](const std::string& file) { Spoil(file, 0, fs::file_size(file)); }},
     {"IndexEmptied", [](const std::string& file) { fs::resize_file(file + "-shm", 0); }, kAlways},
     {"RegionEmptied", [](const std::string& file) { fs::resize_file(fs::path(file).replace_filename("live"), 0); },
@@ -156,9 +158,9 @@ const Damage kDamages[] = {
      kAlways},
     {"RegionIndexNoise", [](const std::string& file) { Spoil(fs::path(file).replace_filename("live"), 8192, 50'000); }},
     {"Removed", [](const std::string& file) { fs::remove(file); }, kOpen},
-    {"OfAnotherKind", [](const std::string& file) { fs::remove(file), fs::create_directory(file); }, kOpen}};
+    {"AFolder", [](const std::string& file) { fs::remove(file), fs::create_directory(file); }, kOpen}};
 
-class DamageTest : public FaultsTest, public testing::WithParamInterface<Damage> {
+class DamageTest : public DiskTest, public testing::WithParamInterface<Damage> {
  protected:
   /// Reads all keys, writes them and reads them again. Each reply must be a failure or the value written last; returns
   /// how many reads succeeded.
@@ -185,11 +187,11 @@ class DamageTest : public FaultsTest, public testing::WithParamInterface<Damage>
   void MakeStore() const {
     Program host = Start();
     for (std::size_t key = 0; key < 14; ++key) EXPECT_EQ(Set(host, static_cast<int>(key), Stored(key))["code"], 0);
-    EndWell(host);
+    CloseAndCheckExit(host);
   }
 };
 
-TEST_P(DamageTest, BeforeItIsOpenedGivesFailuresAndNoNewStore) {
+TEST_P(DamageTest, OfAClosedStoreCausesFailuresAndNoNewStore) {
   MakeStore();
   GetParam().make(file());
   const bool is_file = fs::is_regular_file(file());
@@ -197,16 +199,16 @@ TEST_P(DamageTest, BeforeItIsOpenedGivesFailuresAndNoNewStore) {
   Program host = Start();
   const bool opened = Get(host, 0)["code"] == 0;
   EXPECT_TRUE(Exercise(host) > 0 || (GetParam().served & kClosed) == 0);
-  EndWell(host);
+  CloseAndCheckExit(host);
   if (!opened) {
-    EXPECT_GE(Complaints(store()), 1) << Contents(log());
-    EXPECT_LE(Complaints(store()), 3) << "one line for each cause, not for each call";
+    EXPECT_GE(LogLinesAbout(store()), 1) << Contents(log());
+    EXPECT_LE(LogLinesAbout(store()), 3) << "one line for each cause, not for each call";
     EXPECT_EQ(fs::is_regular_file(file()) ? Contents(file()) : "", damaged) << "the damaged file is not changed";
   }
 }
 
-TEST_P(DamageTest, WhileItIsOpenGivesFailuresAndNoCrash) {
-  // With one more change the other of the two file headers is the newest.
+TEST_P(DamageTest, OfAnOpenStoreCausesFailuresAndNoCrash) {
+  // Also with a change that the other process has written last.
   for (const bool one_more : {false, true}) {
     fs::remove_all(store());
     MakeStore();
@@ -217,10 +219,10 @@ TEST_P(DamageTest, WhileItIsOpenGivesFailuresAndNoCrash) {
     GetParam().make(file());
     for (const char* key : {"0", "1", "2"}) EXPECT_NE(Run({"get", key}).status, 1) << "no key is reported as missing";
     EXPECT_TRUE(Exercise(host) > 0 || (GetParam().served & kOpen) == 0);
-    Ask(other, {{"command", "showCaption"}, {"show", 1}});  // the lock is free
-    EndWell(other);
-    EndWell(host);
-    EXPECT_LE(Complaints(file()), 3) << Contents(log());
+    Ask(other, {{"command", "showCaption"}, {"show", 1}});  // returns only if the lock is free
+    CloseAndCheckExit(other);
+    CloseAndCheckExit(host);
+    EXPECT_LE(LogLinesAbout(file()), 3) << Contents(log());
   }
 }
 
