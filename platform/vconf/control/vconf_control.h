@@ -65,8 +65,8 @@ Status CheckStore();
 Result<Value> Get(const std::string& path);
 
 /// A key keeps its type: another type is an error, and so is a path with another prefix. A change under `db/` or `set/`
-/// is durable when the call returns. After `kBusy` it may still take effect, when the process named in the text goes
-/// on.
+/// is durable when the call returns. It may still take effect after `kBusy`, when the process named in the text goes
+/// on, and after a failure of the disk.
 Status Set(const std::string& path, const Value& value);
 Status Remove(const std::string& path);
 

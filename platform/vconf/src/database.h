@@ -43,7 +43,8 @@ class Database {
   /// `kDamaged` if `number`, the last commit in the database, is less than `known`: the log has lost commits.
   Status CheckNumber(std::uint64_t number, std::uint64_t known) const;
 
-  /// One commit. Durable when it returns; after a failure nothing has changed.
+  /// One commit, also without rows. Durable when it returns. After a failure it is not visible here, but
+  /// if the sync failed, it may be when the database is opened anew, unless another commit is made before.
   Status Write(const std::vector<Row>& rows, std::uint64_t number);
 
   /// Extends the log to its size before a checkpoint. A sync of a file that does not grow is one write to the disk

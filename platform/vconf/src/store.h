@@ -85,6 +85,7 @@ class Store {
   Status ChangeOnDisk(Region& region, const Plan& plan);
   Status Connect(const Region& region);
   Status Recover(Region& region);
+  Status PublishFromDisk(Region& region);
   void RecoverIfNeeded();
   Status ToStatus(Code code, std::string_view path, const Region& region) const;
   Status NoteRead(Status status) { return Note(last_read_, std::move(status)); }

@@ -26,7 +26,7 @@ Status Store::ChangeOnDisk(Region& region, const Plan& plan) {
   if (status.ok()) {
     status = Connect(region);
   }
-  if (status.ok() && (lock.inherited() || header.committing != 0)) {
+  if (status.ok() && header.committing != 0) {
     status = Recover(region);
   }
   std::vector<Row> rows;
@@ -37,28 +37,28 @@ Status Store::ChangeOnDisk(Region& region, const Plan& plan) {
   if (!status.ok() || rows.empty()) {
     return status;
   }
-  header.committing = kCommitting;  // before preparing: protects what is prepared from a `Sweep`
   {
     const Publisher publisher(region);
     status = publisher.status().ok() ? Prepare(Home::kDisk, region, rows, &keys) : publisher.status();
-  }
-  const std::uint64_t number = header.published + 1;
-  if (status.ok()) {
-    status = database_->Write(rows, number);
-  }
-  if (status.ok()) {
-    Publisher publisher(region);
-    if (!publisher.status().ok()) {
-      return publisher.status();
+    if (!status.ok()) {
+      return status;
     }
+    header.committing = kCommitting;  // with the lock held, so that no `Sweep` frees what is prepared
+  }
+  // After a failure only the database has the outcome of the commit, so the next change reads it. A commit whose sync
+  // failed may be complete in the log.
+  const std::uint64_t number = header.published + 1;
+  status = database_->Write(rows, number);
+  if (!status.ok()) {
+    return status;
+  }
+  Publisher publisher(region);
+  if (publisher.status().ok()) {
     publisher.Publish(keys);
     header.published = number;
-  }
-  // After a disk failure only the database has the outcome of the commit: the next change reads it.
-  if (status.code() != Code::kFailed) {
     header.committing = 0;
   }
-  return status;
+  return publisher.status();
 }
 
 Status Store::Connect(const Region& region) {
@@ -90,11 +90,21 @@ Status Store::Connect(const Region& region) {
 Status Store::Recover(Region& region) {
   layout::Header& header = region.header();
   header.committing = kRecovering;
+  Status status = PublishFromDisk(region);
+  // A commit whose sync failed may be in the log behind its end, where SQLite finds it when it opens the log anew.
+  // Another commit overwrites it.
+  const std::uint64_t number = header.published + 1;
+  status = status.ok() ? database_->Write({}, number) : std::move(status);
+  header.published = status.ok() ? number : header.published.load();
+  header.committing = status.ok() ? 0 : kCommitting;
+  return status;
+}
+
+Status Store::PublishFromDisk(Region& region) {
   std::vector<Row> rows;
-  std::uint64_t number = header.published;
+  std::uint64_t number = 0;
   Status status = database_->Read(false, &rows, &number);
   if (!status.ok()) {
-    header.committing = kCommitting;
     return status;
   }
   Wanted wanted;
@@ -102,13 +112,12 @@ Status Store::Recover(Region& region) {
     wanted.insert_or_assign(std::move(row.path), *std::move(row.value));
   }
   Publisher publisher(region);
-  const Table table(region);
   std::vector<Entry> held;
   std::vector<Row> changes;
   std::vector<std::uint32_t> keys;
   Code code = Code::kOk;
   for (const std::string_view prefix : {std::string_view("db/"), std::string_view("set/"), kFaultPrefix}) {
-    code = code == Code::kOk ? table.List(prefix, &held) : code;
+    code = code == Code::kOk ? Table(region).List(prefix, &held) : code;
   }
   status = publisher.status().ok() ? ToStatus(code, "", region) : publisher.status();
   if (status.ok()) {
@@ -117,9 +126,8 @@ Status Store::Recover(Region& region) {
   }
   if (status.ok()) {
     publisher.Publish(keys);
-    header.published = std::max<std::uint64_t>(number, header.published);
+    region.header().published = std::max<std::uint64_t>(number, region.header().published);
   }
-  header.committing = status.ok() ? 0 : kCommitting;
   return status;
 }
 
@@ -129,7 +137,7 @@ void Store::RecoverIfNeeded() {
   while (now.writable() && now.is_shared()) {
     const SharedLock lock(now.header().disk_lock, "writing to disk", false);
     if (lock.held()) {
-      if (lock.inherited() || now.header().committing != 0) {
+      if (now.header().committing != 0) {
         Status status = Connect(now);
         static_cast<void>(NoteWrite(Home::kDisk, status.ok() ? Recover(now) : status));
       }
