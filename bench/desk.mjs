@@ -1,5 +1,5 @@
-// Measures the desk, compares it with minimal servers, and prints the table:
-// node bench/desk.mjs [http|chromium|crowd|cpu|attacks|page]...
+// Measures the desk over HTTP and in Chromium, compares it with minimal servers, and prints the table; run by
+// `script/bench desk`: node bench/desk.mjs [http|chromium|crowd|cpu|attacks|page]...
 import { execFile, spawn } from "node:child_process";
 import { once } from "node:events";
 import { readdirSync, readFileSync } from "node:fs";
@@ -90,7 +90,7 @@ async function measureChromium(bare) {
     const timed = (what) => { const begin = performance.now(); what(); return performance.now() - begin; };
     const many = (what) => () => { for (let i = 0; i < reads; ++i) what(); };
     const found = { call: [], bare: [], known: [], unknown: [], calls: [], bares: [] };
-    // In another order each time, so that none is always behind the same.
+    // In changing orders, so that none always follows the same other one.
     const orders = [[call, bare, known, unknown], [unknown, known, bare, call], [bare, call, unknown, known]];
     for (let i = 0; i < 350; ++i) {
       for (const what of orders[i % 3]) {
@@ -162,7 +162,7 @@ async function measureCpu() {
   const one = await perMessage();
   pages.push(...await openPages(desk, 63));
   const many = await perMessage();
-  row("CPU time for one message with 63 idle pages beside it", "with 1 page", ms(one), ms(many), times(many, one));
+  row("CPU time for one message while 63 other pages are idle", "with 1 page", ms(one), ms(many), times(many, one));
   const [before, begin] = [cpuOfAll(desk, pages), performance.now()];
   await sleep(20);
   const idle = (cpuOfAll(desk, pages) - before) / ((performance.now() - begin) / 1000);

@@ -1,17 +1,18 @@
-// The desk's page while 64 pages speak: how often it draws, what it costs, and whether its memory grows.
+// The part `page` of desk.mjs: the desk's page in Chromium while 64 pages send messages. Measures how often it draws, its
+// processor time, and whether its memory grows.
 import { readdirSync, readFileSync } from "node:fs";
 import { createRequire } from "node:module";
 import { Desk } from "../tests/desk/desk.mjs";
 
 const PAGES = 64;
 const RATE = 1000; // rows of the dialogue in a second
-const TICK = 50; // milliseconds between two bursts, which come from one page after the other
-const GROUP = 10; // pages that speak in one burst
+const TICK = 50; // milliseconds between two bursts
+const GROUP = 10; // pages that send in one burst; the next burst is sent by the next ones
 const WARM_UP = 5; // seconds
 const MEASURED = 15; // seconds
 const sleep = (seconds) => new Promise((resolve) => setTimeout(resolve, 1000 * seconds));
 
-// Seconds of CPU of the processes that descend from this one, without `other` and those that descend from it.
+// Seconds of CPU that the descendants of this process have used, without `other` and its descendants.
 function cpuWithout(other) {
   const all = readdirSync("/proc").filter((name) => /^\d+$/.test(name)).flatMap((pid) => {
     try {
@@ -26,7 +27,7 @@ function cpuWithout(other) {
   return sum(String(process.pid));
 }
 
-// Notes when each frame was drawn, and when the dialogue changed.
+// Runs in the page: records when each frame was drawn, and counts the changes of the dialogue.
 function noteFrames() {
   const noted = globalThis.noted = { frames: [], draws: 0 };
   const frame = (now) => {
@@ -37,7 +38,7 @@ function noteFrames() {
   new MutationObserver(() => { ++noted.draws; }).observe(document.querySelector("#dialogue ol"), { childList: true });
 }
 
-// Says something as one page after the other, evenly. Gives a function that ends it and tells how many rows that made.
+// Sends messages from all pages in turn, at an even rate. Returns `rows`, the number of rows so far, and `stop`.
 function talk(desk, pages) {
   const begin = performance.now();
   let [rows, next] = [0, 0];
@@ -53,7 +54,7 @@ function talk(desk, pages) {
   return { rows: () => rows, stop: () => clearInterval(timer) };
 }
 
-/** Gives the rows of the table as arrays of cells. */
+/** Returns the rows of the table as arrays of cells. */
 export async function measurePage() {
   const { chromium } = createRequire(new URL("../tests/browser/package.json", import.meta.url))("playwright-core");
   const desk = await Desk.start();
@@ -93,7 +94,7 @@ export async function measurePage() {
   return [
     [`the desk's page with ${PAGES} pages and ${(rows / seconds).toFixed(0)} rows a second: frames a second`, "", "",
       ((frames.length - 1) / seconds).toFixed(1), ""],
-    ["between two frames, p50 / p99 / most", "", "",
+    ["between two frames, p50 / p99 / longest", "", "",
       [0.5, 0.99, 1].map((part) => gaps[Math.min(Math.floor(gaps.length * part), gaps.length - 1)].toFixed(0)).join(" / ") + " ms", ""],
     ["the dialogue drawn anew, times a second", "", "", (draws / seconds).toFixed(1), ""],
     ["its main thread: all; script, style, layout", "", "",

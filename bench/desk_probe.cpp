@@ -1,5 +1,5 @@
-// What bench/desk.mjs measures with: a bare server of the desk's library with a fixed answer, and a client that keeps
-// its connection.
+// For bench/desk.mjs: a minimal server with the desk's HTTP library and a fixed answer, and a client that measures
+// requests over one connection.
 //
 //   mirado_desk_probe serve              prints its port and serves until it is killed
 //   mirado_desk_probe ask PORT PATH BODY COUNT    prints the median and the 99th percentile in microseconds

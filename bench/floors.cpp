@@ -39,7 +39,7 @@ CondvarPartner::CondvarPartner()
           if (end_) return;
           woke_ = Clock::now();
           partners_turn_ = false;
-          // Not under the lock, which the woken thread would find taken.
+          // Without the lock, which the woken thread acquires at once.
           lock.unlock();
           asker_.notify_one();
           lock.lock();

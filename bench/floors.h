@@ -12,10 +12,10 @@
 
 #include "harness.h"
 
-/// What the system is compared with: the same steps, with as little code as possible.
+/// Floors, which the product is compared with: minimal implementations of the same steps. rows_*.cpp measure both.
 namespace bench {
 
-/// A second thread that waits awake, does `work` when asked and hands back. One asking thread.
+/// A second thread that spins until `Ask`, does `work` and hands back. Only one thread may call `Ask`.
 class SpinPartner {
  public:
   explicit SpinPartner(std::function<void()> work);
@@ -23,7 +23,7 @@ class SpinPartner {
   SpinPartner& operator=(const SpinPartner&) = delete;
   ~SpinPartner();
 
-  /// There and back.
+  /// Hands over and waits, spinning, for the hand-over back.
   void Ask() {
     turn_.store(kPartner, std::memory_order_release);
     while (turn_.load(std::memory_order_acquire) != kAsker) {
@@ -36,7 +36,8 @@ class SpinPartner {
   std::thread thread_;
 };
 
-/// A second thread that waits on a condition variable, and hands back through another one. One asking thread.
+/// A second thread that waits on a condition variable, and hands back through another one. Only one thread may call
+/// `Ask`.
 class CondvarPartner {
  public:
   CondvarPartner();
@@ -44,7 +45,7 @@ class CondvarPartner {
   CondvarPartner& operator=(const CondvarPartner&) = delete;
   ~CondvarPartner();
 
-  /// There and back. Returns when the partner woke.
+  /// Hands over and waits for the hand-over back. Returns the time at which the other thread woke.
   Clock::time_point Ask();
 
  private:
@@ -57,10 +58,10 @@ class CondvarPartner {
   std::thread thread_;
 };
 
-/// An LMDB environment with one tree of text to int, used the shortest way. One thread.
+/// An LMDB environment with one tree of text to int, and as few calls as possible for each access. For one thread.
 class BareStore {
  public:
-  /// In the existing folder `directory`, with `keys` keys beside `key`. `flags` as `mdb_env_open` takes them.
+  /// In the existing folder `directory`, with `key` and `keys` more keys. `flags` as `mdb_env_open` takes them.
   BareStore(const std::string& directory, unsigned flags, std::string key, int keys = 30);
   BareStore(const BareStore&) = delete;
   BareStore& operator=(const BareStore&) = delete;

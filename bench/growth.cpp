@@ -25,10 +25,10 @@ using Page = std::shared_ptr<pp::browser::PageInstance>;
 
 constexpr std::array kInstances{1, 2, 4, 8, 16, 32, 64};
 
-/// Rounds over a whole series; each gives one value of every point.
+/// How often a whole curve is measured. Each time gives one value of every point.
 int SeriesRounds(const Effort& effort) { return (2 * effort.rounds + 2) / 3; }
 
-/// Values of points that are measured again and again, in the order of the points.
+/// The points of a curve that is measured several times.
 class Points {
  public:
   void Add(double x, const std::vector<double>& values) {
@@ -51,8 +51,8 @@ class Points {
   std::map<double, std::vector<std::vector<double>>> points_;
 };
 
-/// Requests per second over all pages, each of them asked by a thread of its own without a pause: the median of five
-/// windows.
+/// Requests per second of all pages together, while a thread for each sends without a pause: the median of five
+/// samples.
 double RequestsPerSecond(const Effort& effort, const std::vector<Page>& pages, const pp::Var& request) {
   struct alignas(64) Count {
     std::atomic<std::uint64_t> value{0};
@@ -83,7 +83,7 @@ double RequestsPerSecond(const Effort& effort, const std::vector<Page>& pages, c
   return rate;
 }
 
-/// Creates pages until there are `count`, each with its first reply.
+/// Creates pages until there are `count`, and sends each a request.
 void GrowTo(int count, const Set& set, const pp::Var& request, std::vector<Page>& pages) {
   while (pages.size() < static_cast<std::size_t>(count)) {
     pages.push_back(set.Page());
@@ -91,7 +91,7 @@ void GrowTo(int count, const Set& set, const pp::Var& request, std::vector<Page>
   }
 }
 
-/// The KiB that each of so many instances takes.
+/// The KiB that an instance takes, for each number of instances.
 std::map<int, double> InstanceMemory() {
   Child child({OwnProgram(), "--instances", "--scratch", Scratch::Place()});
   std::map<int, double> memory;
@@ -170,7 +170,7 @@ Growth GrowSubscribers(const Effort& effort) {
       points.Add(count, {one, EventTime(effort, arrivals, count)});
     }
   }
-  // The row's two numbers are taken in turns, as those of the other rows.
+  // The two figures of the row are measured alternately, as in the other rows.
   const Set set;
   Arrivals arrivals;
   const Page subscriber = set.Page(arrivals.Listener());

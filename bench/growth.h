@@ -6,16 +6,17 @@
 
 #include "harness.h"
 
+/// The curves in docs/performance.md: how a figure changes with the number of instances, subscribers, keys and so on.
 namespace bench {
 
-/// What a growth measurement gives: a plot, and lines of the table where a goal goes with it.
+/// The result of a measurement: curves to plot, and rows of the table.
 struct Growth {
   std::vector<Series> series;
   std::vector<Row> rows;
 };
 
-/// The program that prints, for each number of instances on the curve, the KiB of memory that each of them takes. A new
-/// process, since an older one has freed memory that it would give them first.
+/// Prints, for each number of instances on the curve, the KiB of memory that each of them takes. Must run in a new
+/// process: an older one has freed memory, which the instances would get first.
 int RunInstances();
 
 Growth GrowInstances(const Effort& effort);

@@ -30,7 +30,7 @@ void CheckStop() {
   if (StopAsked()) throw Stop();
 }
 
-void TakeStderr() {
+void DiscardStderr() {
   g_terminal = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3);
   const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
   dup2(nowhere, STDERR_FILENO);
@@ -59,8 +59,8 @@ Comparison Compare(const Effort& effort, const std::function<double()>& floor, c
   return {Median(floors), Median(all_ours), Median(ratios)};
 }
 
-Row AtMost(std::string what, std::string beside, const Comparison& times, double goal) {
-  return {std::move(what),     std::move(beside),         Time(times.floor),  Time(times.ours),
+Row AtMost(std::string what, std::string compared_with, const Comparison& times, double goal) {
+  return {std::move(what),     std::move(compared_with),  Time(times.floor),  Time(times.ours),
           Number(times.ratio), "at most " + Number(goal), times.ratio <= goal};
 }
 

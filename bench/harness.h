@@ -7,34 +7,34 @@
 #include <string>
 #include <vector>
 
-/// How things are measured and told. All times are in nanoseconds unless a name says otherwise.
+/// What all measurements share: repetition, comparison with a floor, and the formats of the table. All times are in
+/// nanoseconds unless a name says otherwise.
 namespace bench {
 
 using Clock = std::chrono::steady_clock;
 
-/// How much is measured; the quick effort shows that everything works, its figures are rough.
+/// How long is measured. The quick effort is for checking that everything works; its figures are rough.
 struct Effort {
   int rounds;                        ///< how often each measurement of a comparison is repeated
-  std::chrono::milliseconds sample;  ///< what one measurement of a short operation takes
+  std::chrono::milliseconds sample;  ///< how long one measurement of a short operation lasts
   int singles;                       ///< how many operations are timed one by one for one measurement
 };
 inline constexpr Effort kFullEffort{15, std::chrono::milliseconds(40), 100};
 inline constexpr Effort kQuickEffort{3, std::chrono::milliseconds(10), 20};
 
-/// Thrown by `CheckStop` once the user asked for the end, so that everything that was started is given back on the way.
+/// Thrown by `CheckStop` after SIGINT or SIGTERM, so that child processes and folders are released on the way.
 struct Stop {};
 
-/// Makes SIGINT and SIGTERM end the run cleanly, at the next `CheckStop`. A reader that went away first does not end
-/// it.
+/// Makes SIGINT and SIGTERM end the run at the next `CheckStop`, and ignores SIGPIPE.
 void HandleStopSignals();
 bool StopAsked();
 void CheckStop();
 
-/// Prints on the terminal what is being measured.
+/// Prints a line on the original stderr, such as the name of the current measurement.
 void Progress(const std::string& text);
 
 /// Discards all later output to stderr; `Progress` still prints.
-void TakeStderr();
+void DiscardStderr();
 
 inline double Between(Clock::time_point start, Clock::time_point end) {
   return std::chrono::duration<double, std::nano>(end - start).count();
@@ -76,8 +76,8 @@ double MedianOf(int count, Operation&& operation) {
   return Median(std::move(times));
 }
 
-/// Two measurements that were taken in turns: the medians of each, and the median of the rounds' ratios, which a
-/// machine that is faster in one minute than in the next does not change.
+/// Two measurements that were taken alternately: the median of each, and the median of the rounds' ratios, which hardly
+/// changes with the machine's speed from minute to minute.
 struct Comparison {
   double floor;
   double ours;
@@ -88,17 +88,17 @@ Comparison Compare(const Effort& effort, const std::function<double()>& floor, c
 /// One line of the table.
 struct Row {
   std::string what;
-  std::string beside;  ///< what it is compared with
+  std::string compared_with;
   std::string floor;
   std::string ours;
   std::string ratio;
   std::string goal;
-  std::optional<bool> reached;  ///< nothing when it could not be measured
+  std::optional<bool> reached;  ///< empty if it could not be measured
 };
 
-/// A row of times whose ratio to the floor shall be at most `goal`.
-Row AtMost(std::string what, std::string beside, const Comparison& times, double goal);
-/// A row of one figure that shall be at most `goal`; `text` says both of them with their unit.
+/// A row of times whose ratio to the floor must be at most `goal`.
+Row AtMost(std::string what, std::string compared_with, const Comparison& times, double goal);
+/// A row of one figure that must be at most `goal`; `text` formats both with their unit.
 Row AtMost(std::string what, double figure, double goal, std::string (*text)(double));
 /// A row that could not be measured, and why.
 Row Missing(std::string what, std::string why);
@@ -107,10 +107,10 @@ Row Missing(std::string what, std::string why);
 std::string Time(double nanoseconds);
 /// An amount of memory with its unit, such as "96 KiB".
 std::string Memory(double bytes);
-/// A number with at most `digits` digits behind the point.
+/// A number with at most `digits` digits after the point.
 std::string Number(double value, int digits = 2);
 
-/// Figures that grow with something: the first column is what grows.
+/// A curve. In each point the first value is what is increased, such as the number of instances.
 struct Series {
   std::string name;
   std::vector<std::string> columns;

@@ -30,7 +30,7 @@ Growth RowsOnly(const Effort& effort) {
   return {{}, Rows(effort)};
 }
 
-// `script/bench --help` reads the names and texts from these lines.
+// `script/bench --help` reads the names and texts from these lines with sed: one entry on each, with this indentation.
 constexpr std::array<Measurement, 17> kMeasurements{{
     {"warm", "warm round trip", RowsOnly<WarmRow>},
     {"parked", "round trip to a parked worker", RowsOnly<ParkedRow>},
@@ -38,8 +38,8 @@ constexpr std::array<Measurement, 17> kMeasurements{{
     {"work", "the commands' own work", RowsOnly<WorkRows>},
     {"read", "reads of the store", RowsOnly<ReadRow>},
     {"dconf", "reads, writes and changes, compared with dconf", RowsOnly<DconfRows>},
-    {"beside", "writes in memory next to a durable writer", RowsOnly<BesideRow>},
-    {"watchers", "many listening processes", RowsOnly<WatchersRow>},
+    {"beside", "writes in memory next to a durable writer", RowsOnly<NextToWriterRow>},
+    {"watchers", "many listening processes", RowsOnly<ListenersRow>},
     {"write", "durable write", RowsOnly<WriteRow>},
     {"event", "change to event", RowsOnly<EventRows>},
     {"host", "start and memory of the host", RowsOnly<HostRows>},
@@ -54,8 +54,8 @@ constexpr std::array<Measurement, 17> kMeasurements{{
 void WriteTable(std::ostream& out, const std::vector<Row>& rows) {
   out << "| what | compared with | its figure | measured | ratio | goal | reached |\n|---|---|---|---|---|---|---|\n";
   for (const Row& row : rows) {
-    out << "| " << row.what << " | " << row.beside << " | " << row.floor << " | " << row.ours << " | " << row.ratio
-        << " | " << row.goal << " | "
+    out << "| " << row.what << " | " << row.compared_with << " | " << row.floor << " | " << row.ours << " | "
+        << row.ratio << " | " << row.goal << " | "
         << (!row.reached   ? "not measured"
             : *row.reached ? "yes"
                            : "no")
@@ -80,7 +80,7 @@ void WriteFile(const std::filesystem::path& path, const std::function<void(std::
 
 int Measure(const std::vector<std::string>& names, const Effort& effort, const std::filesystem::path& out) {
   HandleStopSignals();
-  TakeStderr();
+  DiscardStderr();
   std::vector<Row> rows;
   int done = 0;
   for (const auto& [name, what, measure] : kMeasurements) {

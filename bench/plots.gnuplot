@@ -1,4 +1,5 @@
-# Draws each curve that was measured: gnuplot -e "data='folder'; out='folder'" plots.gnuplot
+# Draws the curves that growth.cpp measured; script/bench runs it. `data` is the folder of the .tsv files, `out` that of
+# the .svg files: gnuplot -e "data='FOLDER'; out='FOLDER'" plots.gnuplot
 set datafile separator '\t'
 set terminal svg size 720,420 font 'sans-serif,13' background '#ffffff'
 set grid lc rgb '#dddddd'

@@ -5,32 +5,36 @@
 
 #include "harness.h"
 
+/// The measurements that give rows of the table; main.cpp lists them. Each starts what it needs and measures the
+/// product and its floor alternately.
 namespace bench {
 
-// Messages: the way of a request and its reply.
+// rows_message.cpp and rows_dbus.cpp: requests and their replies.
 std::vector<Row> WarmRow(const Effort& effort);
 std::vector<Row> ParkedRow(const Effort& effort);
 std::vector<Row> DbusRow(const Effort& effort);
 std::vector<Row> WorkRows(const Effort& effort);
 
-// The store: writes and the events that follow from them.
+// rows_store.cpp and rows_dconf.cpp: reads, writes, and events of changes.
 std::vector<Row> WriteRow(const Effort& effort);
 std::vector<Row> EventRows(const Effort& effort);
 std::vector<Row> DconfRows(const Effort& effort);
 std::vector<Row> ReadRow(const Effort& effort);
-std::vector<Row> BesideRow(const Effort& effort);
-std::vector<Row> WatchersRow(const Effort& effort);
+std::vector<Row> NextToWriterRow(const Effort& effort);
+std::vector<Row> ListenersRow(const Effort& effort);
 
-// The program and the library.
+// rows_program.cpp: the program `mirado host`, and the size of the plug-in.
 std::vector<Row> HostRows(const Effort& effort);
 std::vector<Row> LibraryRow(const Effort& effort);
 
-/// The bus service that the D-Bus row asks: answers reads of `store` on the bus at `address` until its stdin ends.
+// Child processes of these measurements, each the bench itself with another option.
+
+/// The service of the D-Bus row: answers reads of `store` on the bus at `address` until the bus ends.
 int RunDbusService(const std::string& store, const std::string& address);
 
-/// One side of the dconf rows, until its stdin ends: the store in the folder `settings`, or dconf when it is that word.
-/// For a line "read" it answers with the time of a read; for a number with the clock's count before its durable write
-/// and the write's time; after "listen" and its answer it answers with the clock's count in each callback.
+/// One side of the dconf rows: the store in the folder `settings`, or dconf if `settings` is "dconf". Reads lines from
+/// stdin until its end. "read": prints the time of a read. A number: writes it durably, and prints the clock's count
+/// before the write and the time that it took. "listen": subscribes, and prints the clock's count in each callback.
 int RunSettings(const std::string& settings, const Effort& effort);
 
 }  // namespace bench

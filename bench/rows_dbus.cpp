@@ -1,3 +1,5 @@
+// The warm `getMenuValue` compared with a read of the same key through D-Bus: a service in another process.
+
 #include <systemd/sd-bus.h>
 
 #include <iostream>

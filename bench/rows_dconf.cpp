@@ -1,4 +1,5 @@
-// The store compared with dconf, the settings service of desktops: both sides are processes of the same program.
+// The store compared with dconf, the settings service of desktops. Each side is two processes: one reads and writes,
+// one subscribes.
 
 #include <dconf/dconf.h>
 
@@ -13,7 +14,7 @@
 namespace bench {
 namespace {
 
-/// What both sides do for `RunSettings`. A failure throws.
+/// The operations that are measured, in the store and in dconf. A failure throws.
 class Settings {
  public:
   Settings() = default;
@@ -22,11 +23,11 @@ class Settings {
   virtual ~Settings() = default;
   virtual int Read() = 0;
   virtual void Write(int value) = 0;
-  virtual void Listen() = 0;  ///< calls `Tell` for each change, as long as `Serve` runs
+  virtual void Listen() = 0;  ///< subscribes; then each change calls `PrintTime` while `Serve` runs
   virtual void Serve() = 0;
 
  protected:
-  static void Tell() {
+  static void PrintTime() {
     const auto now = Clock::now();
     std::cout << now.time_since_epoch().count() << std::endl;
   }
@@ -44,7 +45,7 @@ class Vconf : public Settings {
   void Write(int value) override { OrThrow(vconf::Set(kDiskKey, value)); }
   void Listen() override {
     if (vconf_notify_key_changed(
-            kDiskKey, [](keynode_t*, void*) { Tell(); }, nullptr) < 0) {
+            kDiskKey, [](keynode_t*, void*) { PrintTime(); }, nullptr) < 0) {
       throw std::runtime_error("a subscription failed");
     }
   }
@@ -67,7 +68,7 @@ class Dconf : public Settings {
     }
   }
   void Listen() override {
-    g_signal_connect(client_, "changed", G_CALLBACK(+[](DConfClient*) { Tell(); }), nullptr);
+    g_signal_connect(client_, "changed", G_CALLBACK(+[](DConfClient*) { PrintTime(); }), nullptr);
     dconf_client_watch_sync(client_, kKey);
   }
   void Serve() override {
@@ -79,12 +80,12 @@ class Dconf : public Settings {
   DConfClient* client_ = dconf_client_new();
 };
 
-/// The medians of one side.
+/// One side: starts its two processes and returns the medians of their times.
 class Side {
  public:
   Side(const std::vector<std::string>& command, const Effort& effort)
       : effort_(effort), writer_(command), listener_(command) {
-    Change();  // the key exists, and the service runs
+    Change();  // creates the key and starts the service
     listener_.Write("listen\n");
     listener_.ReadLine();
   }
@@ -171,8 +172,8 @@ std::vector<Row> DconfRows(const Effort& effort) {
   }
   own.emplace_back(store.path() / "store");
   Side ours(own, effort);
-  const auto row = [&](const char* what, const char* beside, double (Side::*measure)()) {
-    return AtMost(what, beside,
+  const auto row = [&](const char* what, const char* compared_with, double (Side::*measure)()) {
+    return AtMost(what, compared_with,
                   Compare(
                       effort, [&] { return (*dconf.*measure)(); }, [&] { return (ours.*measure)(); }),
                   0.2);

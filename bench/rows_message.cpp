@@ -1,3 +1,5 @@
+// Requests and their replies: the warm round trip, the round trip to a parked worker, and the commands' own work.
+
 #include <sys/resource.h>
 
 #include <stdexcept>
@@ -12,7 +14,7 @@
 namespace bench {
 namespace {
 
-/// One operation after a rest in which the other thread has gone to sleep.
+/// The time of one operation after a pause in which the other thread has gone to sleep.
 template <typename Operation>
 double AfterRest(Operation&& operation) {
   Rest();
@@ -47,7 +49,7 @@ std::vector<Row> WarmRow(const Effort& effort) {
   const Scratch folder;
   BareStore bare(folder.path(), 0, kDiskKey);
   const auto floor = [&] {
-    // Made for the measurement alone: a partner that spins would take a core from the other side.
+    // Exists only during the measurement of the floor: it spins, which would take a core from the product.
     SpinPartner partner([&] { bare.Read(); });
     return PerCall(effort, [&] { partner.Ask(); });
   };
@@ -67,7 +69,7 @@ std::vector<Row> ParkedRow(const Effort& effort) {
   const auto ours = [&] {
     const long before = VoluntarySwitches();
     const double time = MedianOf(effort.singles, [&] { return AfterRest([&] { page->Send(request); }); });
-    // One for the page's rest and one for the worker's.
+    // In each round the page's thread sleeps once, and the worker once.
     if (VoluntarySwitches() - before < effort.singles * 19 / 10) throw std::runtime_error("the worker did not park");
     return time;
   };
@@ -87,7 +89,7 @@ std::vector<Row> WorkRows(const Effort& effort) {
     const char* what;
   };
   std::vector<Row> rows;
-  // A log line is no work of a command; what one costs is among the steps.
+  // Log lines are not counted as work of a command; steps.cpp measures one.
   const WithoutLogLines without_log_lines;
   for (const auto& [command, key, what] :
        {Case{"getMenuValue", kDiskKeyNumber, "a number"}, Case{"getMenuValue", 20, "a speed's name"},

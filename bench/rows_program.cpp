@@ -1,3 +1,5 @@
+// The start and the memory of `mirado host`, and the size of the plug-in.
+
 #include <stdexcept>
 
 #include "rows.h"
@@ -8,7 +10,7 @@ namespace bench {
 std::vector<Row> HostRows(const Effort& effort) {
   const Scratch folder;
   const std::vector<std::string> command{MIRADO_PROGRAM, "host", "--store", folder.path() / "store"};
-  Child({command}).End();  // makes the store, which every later start finds
+  Child({command}).End();  // creates the store
 
   std::vector<double> memory;
   const double start_to_reply = MedianOf(effort.singles, [&] {

@@ -1,3 +1,5 @@
+// The store: reads, durable writes, writes in memory next to a durable writer, and the time from a change to its event.
+
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -17,7 +19,7 @@
 namespace bench {
 namespace {
 
-/// What another process needs to write and its event to come, `path` being under subscription.
+/// The time from a write of `path` by another process to its event. `path` is subscribed.
 double EventFromChild(Child& child, const char* path, int value, Arrivals& arrivals) {
   Rest();
   arrivals.Expect(1);
@@ -88,7 +90,7 @@ std::vector<Row> ReadRow(const Effort& effort) {
   const Set set;
   std::vector<std::string> paths;
   for (int i = 0; i < kKeys; ++i) {
-    paths.push_back("db/menu/other/setting/number/" + std::to_string(i));  // those of the bare store
+    paths.push_back("db/menu/other/setting/number/" + std::to_string(i));  // the paths of BareStore
     if (vconf_set_int(paths.back().c_str(), i) != 0) throw std::runtime_error("a write failed");
   }
   const Scratch folder;
@@ -108,7 +110,7 @@ std::vector<Row> ReadRow(const Effort& effort) {
   return {std::move(row)};
 }
 
-std::vector<Row> BesideRow(const Effort& effort) {
+std::vector<Row> NextToWriterRow(const Effort& effort) {
   const Set set;
   int value = 0;
   const auto p99 = [&] {
@@ -123,12 +125,13 @@ std::vector<Row> BesideRow(const Effort& effort) {
     std::sort(times.begin(), times.end());
     return times[times.size() * 99 / 100];
   };
-  const auto beside = [&] {
+  const auto next_to_writer = [&] {
     Child child({OwnProgram(), "--durable-writer", set.store()});
     child.ReadLine();
     return p99();
   };
-  return {AtMost("`memory/` write next to a durable writer, p99", "the same alone", Compare(effort, p99, beside), 2)};
+  return {AtMost("`memory/` write next to a durable writer, p99", "the same alone",
+                 Compare(effort, p99, next_to_writer), 2)};
 }
 
 namespace {
@@ -146,7 +149,7 @@ double CpuOf(const std::vector<std::unique_ptr<Child>>& children) {
 
 }  // namespace
 
-std::vector<Row> WatchersRow(const Effort& effort) {
+std::vector<Row> ListenersRow(const Effort& effort) {
   constexpr int kProcesses = 64;
   constexpr int kChanges = 20;
   const Set set;
@@ -167,7 +170,7 @@ std::vector<Row> WatchersRow(const Effort& effort) {
       return (CpuOf(*children) - before) / kChanges;
     };
   };
-  const auto floor = measure({OwnProgram(), "--sleeper", file}, [&](int) { words.Ring(); });
+  const auto floor = measure({OwnProgram(), "--sleeper", file}, [&](int) { words.WakeAll(); });
   const auto ours = measure({OwnProgram(), "--listener", set.store()}, [](int i) { vconf_set_int(kMemoryKey, i); });
   return {AtMost("CPU time of 64 listening processes for one change", "64 bare futex wake-ups",
                  Compare(effort, floor, ours), 2)};
@@ -180,7 +183,7 @@ std::vector<Row> EventRows(const Effort& effort) {
     const char* subscribe;
     int key;
     std::filesystem::path place;
-    unsigned flags;  // as little is made durable as the store itself does before its sync call
+    unsigned flags;  // of LMDB, so that it syncs as little as the store does
   };
   std::vector<Row> rows;
   for (const Case& each :
@@ -217,12 +220,12 @@ std::vector<Row> EventRows(const Effort& effort) {
     const auto other = [&] {
       return MedianOf(effort.singles, [&] { return EventFromChild(child, each.path, ++value, arrivals); });
     };
-    const std::string beside = "condition-variable hand-over and LMDB write, as durable";
+    const std::string floor_name = "condition-variable hand-over and LMDB write, as durable";
     const std::string key = std::string("change of a ") + each.what + " key to event at the page, ";
     const bool disk = each.path == kDiskKey;
-    rows.push_back(AtMost(key + "same process", beside, Compare(effort, floor, same), disk ? 1.15 : 1.1));
+    rows.push_back(AtMost(key + "same process", floor_name, Compare(effort, floor, same), disk ? 1.15 : 1.1));
     if (disk) {
-      rows.push_back(AtMost(key + "another process", beside, Compare(effort, floor, other), 1.3));
+      rows.push_back(AtMost(key + "another process", floor_name, Compare(effort, floor, other), 1.3));
       continue;
     }
     const std::string file = folder.path() / "words";
@@ -230,12 +233,12 @@ std::vector<Row> EventRows(const Effort& effort) {
     Child giver({OwnProgram(), "--hand-over", file});
     giver.ReadLine();
     std::atomic<Clock::time_point> taken{Clock::time_point()};
-    // Counted before the first ring, and again before each value is taken: a later ring is then not missed.
-    std::jthread taker([&, seen = words.Rings()](const std::stop_token& stop) mutable {
+    // `seen` is read before the first wake-up, and again before each value is taken, so no later wake-up is missed.
+    std::jthread taker([&, seen = words.Wakeups()](const std::stop_token& stop) mutable {
       while (true) {
         words.Await(seen);
         if (stop.stop_requested()) return;
-        seen = words.Rings();
+        seen = words.Wakeups();
         static_cast<void>(words.Take());
         taken = Clock::now();
         taken.notify_one();
@@ -254,7 +257,7 @@ std::vector<Row> EventRows(const Effort& effort) {
     rows.push_back(AtMost(key + "another process", "hand-over between two processes: slot, robust lock, futex",
                           Compare(effort, hand_over, other), 1.5));
     taker.request_stop();
-    words.Ring();
+    words.WakeAll();
   }
   return rows;
 }

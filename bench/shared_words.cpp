@@ -48,13 +48,13 @@ int SharedWords::Take() {
   return value;
 }
 
-void SharedWords::Ring() {
-  words_->rings.fetch_add(1);
-  syscall(SYS_futex, &words_->rings, FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
+void SharedWords::WakeAll() {
+  words_->wakeups.fetch_add(1);
+  syscall(SYS_futex, &words_->wakeups, FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
 }
 
 void SharedWords::Await(std::uint32_t seen) {
-  while (Rings() == seen) syscall(SYS_futex, &words_->rings, FUTEX_WAIT, seen, nullptr, nullptr, 0);
+  while (Wakeups() == seen) syscall(SYS_futex, &words_->wakeups, FUTEX_WAIT, seen, nullptr, nullptr, 0);
 }
 
 namespace {
@@ -64,7 +64,7 @@ int UntilEnd() {
   std::string line;
   while (std::getline(std::cin, line)) {
   }
-  std::_Exit(EXIT_SUCCESS);  // the other thread goes with the process
+  std::_Exit(EXIT_SUCCESS);  // also ends the other thread
 }
 
 }  // namespace
@@ -75,7 +75,7 @@ int RunHandOver(const std::string& file) {
   for (int value = 0; std::cin >> value;) {
     const auto start = Clock::now();
     words.Put(value);
-    words.Ring();
+    words.WakeAll();
     std::cout << start.time_since_epoch().count() << std::endl;
   }
   return EXIT_SUCCESS;
@@ -84,7 +84,7 @@ int RunHandOver(const std::string& file) {
 int RunSleeper(const std::string& file) {
   SharedWords words(file);
   std::thread([&] {
-    while (true) words.Await(words.Rings());
+    while (true) words.Await(words.Wakeups());
   }).detach();
   return UntilEnd();
 }

@@ -6,13 +6,14 @@
 #include <cstdint>
 #include <string>
 
+/// The floor of a hand-over between processes, and the child processes of the store's rows.
 namespace bench {
 
-/// A page that processes share: one slot, the lock that guards it, and a word to sleep on. As bare as a hand-over
-/// between two processes can be that survives the death of either.
+/// A memory page that processes share: one value, its robust lock, and a futex word. The least that a hand-over between
+/// two processes needs if either may die.
 class SharedWords {
  public:
-  /// Maps `file`, which is made and set up unless it is there.
+  /// Maps `file`; creates and initializes it if it does not exist.
   explicit SharedWords(const std::string& file);
   SharedWords(const SharedWords&) = delete;
   SharedWords& operator=(const SharedWords&) = delete;
@@ -21,28 +22,28 @@ class SharedWords {
   void Put(int value);
   int Take();
 
-  std::uint32_t Rings() const { return words_->rings.load(std::memory_order_acquire); }
-  /// Wakes all who sleep.
-  void Ring();
-  /// Returns when it is no longer `seen` that `Rings()` gives.
+  /// The number of calls of `WakeAll` so far.
+  std::uint32_t Wakeups() const { return words_->wakeups.load(std::memory_order_acquire); }
+  void WakeAll();
+  /// Sleeps until `Wakeups()` is no longer `seen`.
   void Await(std::uint32_t seen);
 
  private:
   struct Words {
     pthread_mutex_t lock;
     int slot;
-    std::atomic<std::uint32_t> rings;
+    std::atomic<std::uint32_t> wakeups;
   };
   Words* words_;
 };
 
-/// For a line "value" of its stdin it hands the value over and answers with the clock's count just before.
+/// For each number on stdin: prints the clock's count just before it hands the number over through `file`.
 int RunHandOver(const std::string& file);
-/// Sleeps on the word of `file`, again and again, until its stdin ends.
+/// Sleeps on the futex word of `file`, again after each wake-up, until stdin ends.
 int RunSleeper(const std::string& file);
-/// Listens to `kMemoryKey` of the store until its stdin ends.
+/// Subscribes to `kMemoryKey` until stdin ends.
 int RunListener(const std::string& store);
-/// Writes `kDiskKey` durably, again and again, until its stdin ends.
+/// Writes `kDiskKey` durably without a pause until stdin ends.
 int RunDurableWriter(const std::string& store);
 
 }  // namespace bench

@@ -14,21 +14,20 @@
 #include "harness.h"
 #include "vconf_control.h"
 
-/// The set that is measured, and what runs beside it.
+/// The simulated set that is measured, pages in it, and child processes.
 namespace bench {
 
-/// The keys that are read and written: one on disk, one in memory, and a text, which the store looks up each time that
-/// it is read.
+/// The keys that are measured: one on disk, one in memory, and a text.
 inline constexpr char kDiskKey[] = "db/menu/caption/caption";
 inline constexpr char kMemoryKey[] = "memory/tv-viewer/bg_executable";
 inline constexpr char kTextKey[] = "db/text";
 inline constexpr int kDiskKeyNumber = 0;
 inline constexpr int kMemoryKeyNumber = 0;
 
-/// Throws a failure as an exception, which ends the run.
+/// Throws the text of a failure, which ends the run.
 void OrThrow(const vconf::Status& status);
 
-/// A new folder, gone with its object.
+/// A new folder, which the destructor removes.
 class Scratch {
  public:
   explicit Scratch(const std::filesystem::path& parent = Place());
@@ -37,18 +36,18 @@ class Scratch {
   ~Scratch();
   const std::filesystem::path& path() const { return path_; }
 
-  /// Where folders are made when nobody says otherwise: on the file system that is measured.
+  /// The default parent: a folder on the file system that is measured.
   static std::filesystem::path& Place();
 
  private:
   std::filesystem::path path_;
 };
 
-/// A set with the real plug-in on the real store. One at a time.
+/// A simulated set with the built plug-in on a new store. Only one may exist at a time.
 class Set {
  public:
   explicit Set(const std::vector<vconf::Entry>& entries);
-  Set();  ///< as a new set is
+  Set();  ///< with the initial values of a new set
   Set(const Set&) = delete;
   Set& operator=(const Set&) = delete;
   ~Set();
@@ -64,15 +63,15 @@ class Set {
 /// A request such as {"command": "getMenuValue", "propertyKey": 0}.
 pp::Var Request(const std::string& command, int key);
 
-/// Sends a message whose reply must be a success, else it throws.
+/// Sends a message, and throws unless its reply is a success.
 void MustSucceed(pp::browser::PageInstance& page, const pp::Var& message);
 
-/// What a listener hears, for one thread that waits: how many deliveries came, and when the last one did.
+/// Lets one thread wait for a number of messages to listeners, and tells when the last one came.
 class Arrivals {
  public:
   pp::browser::Listener Listener();
   void Expect(int count) { left_.store(count, std::memory_order_relaxed); }
-  /// Waits asleep until all expected ones have come and returns when the last did.
+  /// Sleeps until all expected messages have come. Returns the time of the last one.
   Clock::time_point Await();
 
  private:
@@ -80,8 +79,8 @@ class Arrivals {
   Clock::time_point last_;
 };
 
-/// Another process with pipes at its stdin and stdout. It ends with its object, and with this process.
-/// A terminal's Ctrl-C does not reach it, so that it is there until its object ends it.
+/// A child process with pipes to its stdin and stdout. It is ended by the destructor, or when this process ends; Ctrl-C
+/// at the terminal does not reach it.
 class Child {
  public:
   explicit Child(const std::vector<std::string>& command);
@@ -103,14 +102,13 @@ class Child {
   std::string read_;
 };
 
-/// This program, for a child that does a part of a measurement.
+/// The path of this program, to start it as a child with another option.
 std::string OwnProgram();
 
-/// The program that writes `kDiskKey` or `kMemoryKey` whenever it is told to: for a line "path value" of its stdin it
-/// answers with the clock's count just before the write.
+/// For each line "PATH VALUE" on stdin: writes the value, and prints the clock's count just before the write.
 int RunWriter(const std::string& store);
 
-/// A field of a file in /proc/PID that is given in kB, such as "VmHWM:" of "status", in KiB; throws when there is none.
+/// The number of KiB in a field of /proc/PID/`file`, such as "VmHWM:" of "status". Throws if the field is missing.
 double ProcessField(pid_t pid, const std::string& file, const std::string& field);
 
 }  // namespace bench

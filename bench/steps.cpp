@@ -1,4 +1,4 @@
-// Where the time of a warm round trip goes: its steps, each alone, and the whole.
+// The time of each step of a warm round trip, measured separately, and of the whole; `script/bench steps` runs it.
 
 #include <benchmark/benchmark.h>
 
@@ -21,7 +21,7 @@ void Register(const char* name, Step step) {
   })->UseRealTime();
 }
 
-/// What every reading command asks of its request.
+/// The accesses to the request by which a command reads its two entries.
 void ReadRequest(const pp::VarDictionary& request) {
   if (request.HasKey("command") && request.Get("command").type() == PP_VARTYPE_STRING) {
     benchmark::DoNotOptimize(request.Get("command").AsString());
@@ -37,7 +37,7 @@ int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
   if (argc == 2) Scratch::Place() = argv[1];
   HandleStopSignals();
-  TakeStderr();
+  DiscardStderr();
   try {
     const Set set;
     const auto page = set.Page();
@@ -69,7 +69,7 @@ int main(int argc, char** argv) {
              [&] { handler.HandleBlockingMessage(pp::InstanceHandle(0), request); });
     Register("whole: warm round trip", [&] { page->Send(request); });
 
-    Register("beside it: a log line",
+    Register("not included: a log line",
              [] { __dlog_print(0, 4, "QRL_BASE", "%s: %s(%d) > PictureSize is %d", "", "", 1, 0); });
 
     benchmark::RunSpecifiedBenchmarks();
