@@ -1,4 +1,4 @@
-// The example application on a desk, each page with a real plug-in.
+// Pages in Chromium that use the plug-in through a desk: the example application, and pages of several origins.
 import assert from "node:assert/strict";
 import { describe, it } from "node:test";
 import { startSet } from "../../npm/mirado-desk/index.js";
@@ -61,7 +61,7 @@ describe("the example application", () => {
     assert.equal(await desk.mirado("get", SIZE), "3");
   });
 
-  it("goes on when a setting cannot be read", async () => {
+  it("continues if a setting cannot be read", async () => {
     await desk.call("POST", "/api/faults", { call: "vconf_get_int", path: SIZE, answer: -1 });
     const page = await openApp((opening) => notice(opening, "getMenuValue is failed (9999)"));
     await desk.mirado("set", CAPTION, "1");
@@ -160,7 +160,7 @@ describe("a page of another origin", () => {
     }
   });
 
-  it("gets none in a sandboxed frame without the token, nor by an element named currentScript", async () => {
+  it("gets no plug-in in a sandboxed frame without the token, nor by an element named currentScript", async () => {
     const locked = await startDesk("--token");
     const frame = (script) => `<iframe sandbox="allow-scripts" srcdoc='<img name=currentScript src="http://stranger.test/">
       <script src="${script}"></script><embed type="application/x-mirado"><script>
@@ -179,7 +179,7 @@ describe("a page of another origin", () => {
     }
   });
 
-  it("shares one address with any number of others", async () => {
+  it("can be one of any number of pages with the same address", async () => {
     const open = [];
     while (open.length < 9) open.push(await openApp());
     for (const page of open) await rowShows(page, "Captions", "Off");

@@ -1,4 +1,4 @@
-// How the tests and the screenshots use the desk's page.
+// Actions on the desk's page, for the tests and the screenshots.
 
 export const CAPTION = "db/menu/caption/caption";
 

@@ -1,4 +1,4 @@
-// The desk's own page.
+// The desk's page in Chromium: what its user sees and can do.
 import assert from "node:assert/strict";
 import { once } from "node:events";
 import { readFile } from "node:fs/promises";
@@ -389,7 +389,7 @@ describe("the desk's page", () => {
     await rowWith(page, "getVersion").waitFor({ state: "detached" });
   });
 
-  it("tells of a crash with the last log lines, and starts again without losing the keyboard", async () => {
+  it("reports a crash with the last log lines, and starts again without losing the keyboard", async () => {
     for (const milliseconds of [0, 50]) { // the old page's end and the new one's beginning are seen together, and apart
       const page = await newPage();
       await page.addInitScript(spaceEvents, milliseconds);

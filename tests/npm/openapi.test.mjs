@@ -1,4 +1,4 @@
-// Compares the OpenAPI description with the desk: the paths, the methods, and the schemas of the answers.
+// Compares the desk's OpenAPI description (desk/web/openapi.json) with docs/desk-api.md and with a running desk.
 import assert from "node:assert/strict";
 import { readFileSync } from "node:fs";
 import { createRequire } from "node:module";

@@ -1,4 +1,4 @@
-// The package mirado-desk, used as by a test, with real desks.
+// The functions of the package mirado-desk, called as a test of a page would call them, with real desks.
 import assert from "node:assert/strict";
 import { execFileSync, spawnSync } from "node:child_process";
 import { once } from "node:events";
@@ -59,7 +59,7 @@ it("records each message of a page and its plug-in once, and waits for later one
   await page.leave();
 });
 
-it("changes the set", async () => {
+it("reads and changes settings, faults and scenarios, and rejects wrong arguments", async () => {
   const page = await set.openPage();
   const read = () => page.send({ command: "getMenuValue", propertyKey: 15 });
   await set.settings.set("TTS", true);

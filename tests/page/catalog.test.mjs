@@ -1,4 +1,4 @@
-// Compares the catalog with the plug-in, and the files generated from it with those in the repository.
+// Compares desk/set/catalog.json with the plug-in, and the files that script/generate writes with those in the repository.
 import assert from "node:assert/strict";
 import { execFileSync, spawnSync } from "node:child_process";
 import { cpSync, mkdtempSync, readFileSync, rmSync, writeFileSync } from "node:fs";
@@ -72,7 +72,7 @@ it("names the speeds, the errors and the privilege of the plug-in", () => {
     Object.fromEntries(Object.entries(catalog.errors).map(([code, { name }]) => [code, name])));
 });
 
-it("matches the generated files, and the generator names a mistake", () => {
+it("matches the generated files, and script/generate names a mistake in it", () => {
   execFileSync(`${root}script/generate`, ["--check"], { stdio: "pipe" });
   const copy = join(folder, "copy");
   for (const part of ["script/generate", "desk/set", "page", "docs/page-api.md", "npm/mirado-desk/index.d.ts"]) {

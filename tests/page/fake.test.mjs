@@ -1,5 +1,5 @@
-// In each state of the set the fake plug-in and the real one get the same messages, and must send the same replies and
-// deliveries.
+// Sends the same messages to the fake plug-in and to the real one, in several states of the simulated set. Both must send
+// the same replies, events and answers to posts.
 import assert from "node:assert/strict";
 import { execFileSync } from "node:child_process";
 import { mkdtempSync, readFileSync, rmSync } from "node:fs";
@@ -41,7 +41,7 @@ const messages = [
 
 const [sent, posted] = ["send", "post"].map((name) => messages.filter((message) => message[name] !== undefined));
 
-// Replies, events and answers to posts apart; only the order within each kind is fixed.
+// Separates replies, events and answers to posts, because only the order within each kind is fixed.
 function byKind(lines) {
   const delivered = lines.flatMap(({ message }) => message ?? []).filter((message) => message !== "Unregister");
   return { replies: lines.flatMap(({ reply }) => reply ?? []),
@@ -72,11 +72,11 @@ async function fake(prepare) {
 const nameOf = (wanted) => catalog.settings.find(({ path }) => path === wanted).name;
 
 const states = {
-  "in order": [[], () => {}],
+  "in its initial state": [[], () => {}],
   "that is no B2B product": [[["set-up", "b2b", "off"]], ({ set }) => { set.b2b = false; }],
-  "that does not know what it is": [[["set-up", "b2b", "unknown"]], ({ set }) => { set.b2b = null; }],
+  "that cannot say whether it is a B2B product": [[["set-up", "b2b", "unknown"]], ({ set }) => { set.b2b = null; }],
   "whose application lacks the privilege": [[["set-up", "privilege", "off"]], ({ set }) => { set.privilege = false; }],
-  "without the list of audio languages or video": [
+  "without the primary audio languages and without video": [
     [["set-up", "items", "primary-audio-language", "--remove"], ["set-up", "picture-size", "none"]],
     ({ set }) => { set.lists["primary-audio-language"] = null; set.pictureSize = null; }],
   "with another picture and a short list": [
@@ -96,6 +96,7 @@ for (const [name, [words, prepare]] of Object.entries(states)) {
     const got = await fake(prepare);
     assert.ok(expected.replies.length > 300 && expected.answers.length > 600);
     for (const kind of Object.keys(expected)) {
+      // -1 if all are equal; then both slices are empty.
       const first = expected[kind].findIndex((one, index) => JSON.stringify(one) !== JSON.stringify(got[kind][index]));
       assert.deepEqual(got[kind].slice(first, first + 1), expected[kind].slice(first, first + 1),
         `${kind} ${first}: ${JSON.stringify((kind === "replies" ? sent : kind === "answers" ? posted : [])[first])}`);
@@ -104,7 +105,7 @@ for (const [name, [words, prepare]] of Object.entries(states)) {
   });
 }
 
-it("lets a page's tests set its state and read its calls", async () => {
+it("lets a test set the fake's state and read the messages that were sent to it", async () => {
   const plugin = fakePlugin();
   const heard = [];
   for (const type of ["message", "crash"]) plugin.addEventListener(type, () => heard.push(type));

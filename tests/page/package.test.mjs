@@ -1,3 +1,4 @@
+// The package `mirado` as a page's project gets it: packed, installed into an empty folder, imported, type-checked.
 import assert from "node:assert/strict";
 import { execFileSync } from "node:child_process";
 import { copyFileSync, mkdtempSync, readFileSync, rmSync, writeFileSync } from "node:fs";

@@ -1,4 +1,4 @@
-// The store with several processes, and with damaged, removed or read-only files.
+// The store with several processes, and with damaged or read-only files.
 
 #include <fcntl.h>
 

@@ -1,4 +1,4 @@
-// The store in one process.
+// The functions of the store (vconf.h, vconf_control.h) in one process: values, changes, subscriptions, faults.
 
 #include <atomic>
 #include <chrono>
@@ -53,7 +53,7 @@ TEST_F(VconfTest, KeysKeepTypeAndValue) {
   EXPECT_TRUE(Log().empty()) << Log().front();
 }
 
-TEST_F(VconfTest, CallsWithoutAPathOrAStoreReturnAnError) {
+TEST_F(VconfTest, CallsWithAnInvalidPathOrNoStoreReturnAnError) {
   int value = 77;
   std::atomic<int> calls{0};
   const auto all_fail = [&](const char* path) {
@@ -126,7 +126,7 @@ class VconfChangeTest : public VconfTest {
   std::vector<Change> changes_;
 };
 
-TEST_F(VconfChangeTest, EachChangeIsDeliveredOnceInOrderWithItsUserData) {
+TEST_F(VconfChangeTest, EachSubscriptionGetsEachChangeOnceInOrder) {
   std::vector<std::string> first;
   std::vector<std::string> second;
   EXPECT_EQ(vconf_set_int("db/a", 0), 0);
@@ -171,7 +171,7 @@ TEST_F(VconfChangeTest, AWatchSeesValuesRemovalsAndResets) {
     seen.emplace_back(change.path, change.value);
     EXPECT_EQ(change.sequence, changes_.front().sequence + seen.size() - 1);
   }
-  // A long text is not stored in the change, which is delivered with the value of the key at that moment.
+  // A long text is not stored in its change: the change is delivered with the key's value at delivery, or without one.
   ASSERT_EQ(seen.size(), 6U);
   EXPECT_TRUE(!seen[1].second || seen[1].second == vconf::Value(long_text));
   seen[1].second.reset();
@@ -218,7 +218,7 @@ TEST_F(VconfChangeTest, ACallbackMayUseTheStoreAndEndItsSubscription) {
 struct Slow {
   std::latch running{1};
   std::latch go_on{1};
-  int finished = 0;  // not atomic: ending the subscription, or Settle, orders the accesses
+  int finished = 0;  // not atomic: read only after a call that waits for the callback
   static void Call(keynode_t* node, void* self) {
     auto& slow = *static_cast<Slow*>(self);
     if (slow.finished == 0) {

@@ -1,4 +1,5 @@
-// A writing process is killed at random moments, again and again, while another process keeps reading.
+// A writing process is killed at random moments, again and again, while another process reads. No acknowledged write
+// may be lost, no value may be read that was never written, and no lock may stay.
 #include <algorithm>
 #include <atomic>
 #include <cstdio>

@@ -1,4 +1,4 @@
-// stress kill|soak [LENGTH [SEED]]
+// The program `stress kill|soak [LENGTH [SEED]]`, which runs kill.cpp or soak.cpp; see harness.h.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
