@@ -84,9 +84,7 @@ TEST_F(CliTest, ExitStatusDistinguishesKindsOfFailure) {
   EXPECT_EQ(Run({"host", "--log-level", "8"}).log, "");
   EXPECT_EQ(RunAsIs({"replay", folder().path()}).log, folder().path() + ": is a folder; name the recordings in it\n");
   const std::string home = std::getenv("HOME") == nullptr ? "" : std::getenv("HOME");
-  for (const char* name : {"HOME", "XDG_STATE_HOME", "MIRADO_STORE"}) {
-    unsetenv(name);
-  }
+  for (const char* name : {"HOME", "XDG_STATE_HOME", "MIRADO_STORE"}) unsetenv(name);
   setenv("XDG_STATE_HOME", "relative", 1);  // must be ignored, because it is not absolute
   const Outcome homeless = RunAsIs({"get", "db/a"});
   setenv("HOME", home.c_str(), 1);
@@ -451,9 +449,7 @@ class ReplayTest : public CliTest {
   static void Settle(Program& host) {
     host.WriteLine(R"({"settle":true})");
     std::string line = host.ReadLine();
-    while (!line.empty() && line != R"({"settled":true})") {
-      line = host.ReadLine();
-    }
+    while (!line.empty() && line != R"({"settled":true})") line = host.ReadLine();
     ASSERT_EQ(line, R"({"settled":true})");
   }
 
@@ -535,9 +531,7 @@ TEST_F(ReplayTest, ARecordingBegunDuringASessionContainsTheSubscriptions) {
   std::istringstream lines(host.out);
   std::ofstream recording(file());
   for (std::string line; std::getline(lines, line);) {
-    if (line.starts_with(begin)) {
-      recording << line.substr(begin.size(), line.size() - begin.size() - 1) << std::endl;
-    }
+    if (line.starts_with(begin)) recording << line.substr(begin.size(), line.size() - begin.size() - 1) << std::endl;
   }
   EXPECT_TRUE(Holds(Contents(file()), "MIRADO_EVENT_CAPTION_CHANGED")) << host.out;
   const Outcome replay = RunAsIs({"replay", file()});

@@ -66,9 +66,7 @@ TEST_F(DlogTest, SinkGetsOneLineAtATimeAndNoneAfterItIsReplaced) {
   std::vector<std::jthread> writers(4);
   for (auto& writer : writers) {
     writer = std::jthread([] {
-      for (int i = 0; i < 1000; ++i) {
-        __dlog_print(0, 4, "T", "%d", i);
-      }
+      for (int i = 0; i < 1000; ++i) __dlog_print(0, 4, "T", "%d", i);
     });
   }
   writers.clear();

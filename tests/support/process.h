@@ -58,9 +58,7 @@ class Process {
   pid_t id() const { return id_; }
 
   void Signal(int signal) const {
-    if (id_ > 0) {
-      kill(id_, signal);
-    }
+    if (id_ > 0) kill(id_, signal);
   }
   void Kill() const { Signal(SIGKILL); }
 

@@ -27,9 +27,7 @@ class Program {
     arguments.insert(arguments.begin(), MIRADO_PROGRAM);
     std::vector<char*> argv;
     argv.reserve(arguments.size() + 1);
-    for (std::string& argument : arguments) {
-      argv.push_back(argument.data());
-    }
+    for (std::string& argument : arguments) argv.push_back(argument.data());
     argv.push_back(nullptr);
     process_.emplace([&] {
       setpgid(0, 0);
@@ -67,9 +65,7 @@ class Program {
   std::string ReadLine() {
     std::size_t newline = 0;
     while ((newline = received_.find('\n')) == std::string::npos) {
-      if (!Receive()) {
-        return "";
-      }
+      if (!Receive()) return "";
     }
     std::string line = received_.substr(0, newline);
     received_.erase(0, newline + 1);
@@ -102,9 +98,7 @@ class Program {
   }
 
   static void Close(int& fd) {
-    if (fd >= 0) {
-      close(fd);
-    }
+    if (fd >= 0) close(fd);
     fd = -1;
   }
 
