@@ -1,5 +1,5 @@
-// The part `page` of desk.mjs: the desk's page in Chromium while 64 pages send messages. Measures how often it draws, its
-// processor time, and whether its memory grows.
+// The part `page` of desk.mjs: the desk's page in Chromium while 64 pages send messages. Measures how often it draws,
+// its processor time, and whether its memory grows.
 import { readdirSync, readFileSync } from "node:fs";
 import { createRequire } from "node:module";
 import { Desk } from "../tests/desk/desk.mjs";

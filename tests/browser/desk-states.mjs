@@ -1,4 +1,4 @@
-// Twelve states of the desk's page, for the tests of its look and for the screenshots. A new state is one entry of STATES.
+// Twelve states of the desk's page, for the tests of its look and for the screenshots. To add one, extend STATES.
 import { answer, CAPTION, openConsole, openDesk, rowWith, sendCommand } from "./desk-page.mjs";
 
 const messageOf = (command, more) => ({ send: { command, ...more } });

@@ -1,5 +1,5 @@
-// The packages `mirado` and `mirado-desk` as a new user gets them: packed, installed into an empty folder, and used with
-// the files of the README.
+// The packages `mirado` and `mirado-desk` as a new user gets them: packed, installed into an empty folder, and used as
+// in the README.
 import assert from "node:assert/strict";
 import { execFileSync } from "node:child_process";
 import { copyFileSync, mkdtempSync, readFileSync, rmSync, symlinkSync, writeFileSync } from "node:fs";

@@ -1,4 +1,4 @@
-// Compares desk/set/catalog.json with the plug-in, and the files that script/generate writes with those in the repository.
+// Compares desk/set/catalog.json with the plug-in, and the files that script/generate writes with those checked in.
 import assert from "node:assert/strict";
 import { execFileSync, spawnSync } from "node:child_process";
 import { cpSync, mkdtempSync, readFileSync, rmSync, writeFileSync } from "node:fs";

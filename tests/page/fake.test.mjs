@@ -1,5 +1,5 @@
-// Sends the same messages to the fake plug-in and to the real one, in several states of the simulated set. Both must send
-// the same replies, events and answers to posts.
+// Sends the same messages to the fake plug-in and to the real one, in several states of the simulated set. Both must
+// send the same replies, events and answers to posts.
 import assert from "node:assert/strict";
 import { execFileSync } from "node:child_process";
 import { mkdtempSync, readFileSync, rmSync } from "node:fs";

@@ -1,5 +1,5 @@
-// Sends a desk many slightly wrong requests. Each must be answered or its connection closed, and afterwards the desk must
-// still work: http.mjs [REQUESTS [SEED]]
+// Sends a desk many slightly wrong requests. Each must be answered or its connection closed, and afterwards the desk
+// must still work: http.mjs [REQUESTS [SEED]]
 import assert from "node:assert/strict";
 import { execFileSync } from "node:child_process";
 import { randomInt } from "node:crypto";
