@@ -12,7 +12,6 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 
-#include <array>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -27,7 +26,8 @@
 namespace {
 
 bool g_forked = false;
-int g_sync_error = 0;  // of each `fdatasync`, which SQLite calls
+int g_sync_error = 0;     // of each `fdatasync`, which SQLite calls
+std::string g_immovable;  // no `rename` moves a file to a path that contains this
 
 }  // namespace
 
@@ -38,6 +38,11 @@ extern "C" int fdatasync(int file) {
   errno = g_sync_error;
   return errno != 0 ? -1 : static_cast<int>(syscall(SYS_fdatasync, file));
 }
+extern "C" int rename(const char* from, const char* to) noexcept {
+  errno = EXDEV;
+  const bool moves = g_immovable.empty() || std::string_view(to).find(g_immovable) == std::string_view::npos;
+  return moves ? renameat(AT_FDCWD, from, AT_FDCWD, to) : -1;
+}
 
 namespace {
 
@@ -47,12 +52,6 @@ using vconf::Code;
 
 class VconfFailureTest : public VconfTest {
  protected:
-  static int CpuMilliseconds(int who) {
-    rusage usage{};
-    getrusage(who, &usage);
-    return static_cast<int>((usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) * 1000 +
-                            (usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1000);
-  }
   static void Count(keynode_t* /*node*/, void* count) { ++*static_cast<std::atomic<int>*>(count); }
   /// Holds SQLite's write lock until this process ends. It is in the index of the log.
   bool LockLog() const {
@@ -364,7 +363,10 @@ TEST_F(VconfFailureTest, AProcessWithAReplacedStoreOpenUsesTheNewOne) {
   steps.SignalChild();
   EXPECT_EQ(other.Wait(), 0);
   EXPECT_EQ(GetInt("db/new", 0), 6);
-  ASSERT_TRUE(vconf::ReplaceStore(directory(), {}).ok());
+  g_immovable = "store.replaced-";
+  EXPECT_EQ(*vconf::ReplaceStore(directory(), {}), directory() + "/replaced-1");
+  g_immovable.clear();
+  EXPECT_TRUE(fs::exists(directory() + "/replaced-1/keys.db") && !fs::exists(directory() + ".replaced-2"));
   EXPECT_EQ(Process([&] {
               vconf::CloseStore();
               return vconf::OpenStore(directory()).ok() && vconf::SetFault({"other_call", "*", 5, 0}).ok() ? 0 : 1;
@@ -538,6 +540,17 @@ TEST_F(VconfFailureTest, ATextIsReadWholeWhileItIsWritten) {
 TEST_F(VconfFailureTest, AFullRegionCanBeEmptied) {
   using namespace vconf::layout;
   Open({{"db/a", 0}, {"db/text", std::string("short")}});
+  std::promise<void> called;
+  std::promise<void> go_on;
+  std::atomic<int> calls{0};
+  const auto watch = *vconf::WatchPrefix("memory/counted", [&](const Change&) {
+    if (++calls > 1) return;
+    called.set_value();
+    go_on.get_future().wait();
+  });
+  ASSERT_EQ(vconf_set_int("memory/counted", 0), 0);
+  called.get_future().wait();
+  for (int i = 1; i < 4; ++i) ASSERT_EQ(vconf_set_int("memory/counted", i), 0);
   const std::string text(65'536, 'x');
   const auto size = fs::file_size(region());
   for (int i = 0; i < 500; ++i) ASSERT_EQ(vconf::Set("memory/grows", text.substr(0, 61'000 + 8 * i)).text(), "");
@@ -551,6 +564,9 @@ TEST_F(VconfFailureTest, AFullRegionCanBeEmptied) {
   EXPECT_EQ(status.code(), Code::kFull);
   EXPECT_GT(count, 500);
   EXPECT_EQ(vconf::Get("memory/text0")->index(), 2U);
+  go_on.set_value();
+  vconf::Settle();
+  EXPECT_EQ(calls, 2) << "what is freed is no longer kept as a change";
 
   // What is prepared for a write that waits for the disk stays when a write in memory frees the rest.
   for (int i = 0; i < 2; ++i) ASSERT_EQ(vconf::Remove("memory/text" + std::to_string(--count)).text(), "");

@@ -19,29 +19,6 @@ using vconf::Change;
 
 using VconfProcessTest = VconfTest;
 
-TEST_F(VconfProcessTest, AReadIsNeverOlderThanAWriteThatReturned) {
-  constexpr int kRounds = 200;
-  Open();
-  vconf::CloseStore();
-  const Steps steps;
-  Process other([&] {
-    EXPECT_TRUE(vconf::OpenStore(directory()).ok());
-    for (int i = 1; i <= kRounds; ++i) {
-      steps.AwaitParent();
-      EXPECT_EQ(vconf_set_int("db/a", i) | vconf_set_int("memory/a", -i), 0);
-      steps.SignalParent();
-    }
-  });
-  Open();
-  for (int i = 1; i <= kRounds; ++i) {
-    steps.SignalChild();
-    steps.AwaitChild();
-    ASSERT_EQ(GetInt("db/a", 0), i);
-    ASSERT_EQ(GetInt("memory/a", 0), -i);
-  }
-  EXPECT_EQ(other.Wait(), 0);
-}
-
 TEST_F(VconfProcessTest, AProcessKilledWhileReplacingLeavesOneStoreForAll) {
   Open({{"memory/round", 0}});
   std::mt19937 random(7);  // NOLINT(cert-msc51-cpp)
@@ -187,6 +164,7 @@ TEST_F(VconfDamageTest, ZerosAreNotTakenForMissingKeys) {
   EXPECT_EQ(vconf::Get("db/key1").status().code(), vconf::Code::kDamaged);
   EXPECT_EQ(vconf::Get("db/none").status().code(), vconf::Code::kDamaged);
   EXPECT_EQ(vconf::Set("memory/none", 1).code(), vconf::Code::kDamaged);
+  EXPECT_EQ(vconf::ListFaults().status().code(), vconf::Code::kDamaged);
 }
 
 TEST_F(VconfDamageTest, AFileDamagedWhileInUseCausesOnlyFailures) {
@@ -223,6 +201,25 @@ TEST_F(VconfDamageTest, AFileDamagedWhileInUseCausesOnlyFailures) {
   Open();
   for (const std::string& both : {region(), file()}) Overwrite(both, 0, Noise(4096, 3));
   EXPECT_EQ(vconf::CheckStore().code(), vconf::Code::kDamaged);
+}
+
+TEST_F(VconfDamageTest, AChangeThatFailedHalfwayDoesNotContainTheNext) {
+  std::vector<vconf::Entry> entries;
+  for (int i = 100; i < 400; ++i) entries.push_back({"db/key" + std::to_string(i), std::string(100, 'a')});
+  Open(entries);
+  ASSERT_EQ(vconf::Set("db/key100", std::string("a")).text(), "");
+  const std::string whole = Contents(file());
+  const std::size_t page = whole.find("db/key399") / 4096 * 4096;
+  Overwrite(file(), page, Noise(4096, 4));
+  for (auto& entry : entries) entry.value = std::string(100, 'b');
+  EXPECT_EQ(vconf::Reset(entries).code(), vconf::Code::kDamaged);
+  Overwrite(file(), page, whole.substr(page, 4096));
+  EXPECT_EQ(vconf::Set("db/key100", std::string("c")).text(), "");
+  vconf::CloseStore();
+  std::filesystem::remove(region());  // as after a boot
+  Open();
+  EXPECT_EQ(*vconf::Get("db/key100"), vconf::Value("c"));
+  EXPECT_EQ(*vconf::Get("db/key101"), vconf::Value(std::string(100, 'a')));
 }
 
 TEST_F(VconfDamageTest, SettleReturnsWhenTheRegionIsTruncated) {

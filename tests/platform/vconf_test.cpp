@@ -1,7 +1,6 @@
 // The functions of the store (vconf.h, vconf_control.h) in one process: values, changes, subscriptions, faults.
 
 #include <atomic>
-#include <chrono>
 #include <climits>
 #include <future>
 #include <iterator>
@@ -287,18 +286,11 @@ TEST_F(VconfChangeTest, ASubscriberWithinTheKeptChangesGetsEachChange) {
   EXPECT_EQ(other, 1500);
 }
 
-TEST_F(VconfChangeTest, ClosingLeavesNoDescriptorAndNoThread) {
-  const auto count = [](const char* folder) {
-    return std::distance(std::filesystem::directory_iterator(folder), std::filesystem::directory_iterator());
+TEST_F(VconfChangeTest, ClosingLeavesNoDescriptor) {
+  const auto files = [] {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), std::filesystem::directory_iterator());
   };
-  // A sanitizer starts a thread together with the first one. A joined thread is listed until the kernel removes it.
-  pid_t first = 0;
-  std::thread([&] { first = gettid(); }).join();
-  while (std::filesystem::exists("/proc/self/task/" + std::to_string(first))) {
-    std::this_thread::yield();
-  }
-  const auto files = count("/proc/self/fd");
-  const auto threads = count("/proc/self/task");
+  const auto before = files();
   std::unique_ptr<vconf::Watch> outlives;
   for (int i = 0; i < 100; ++i) {
     outlives = *vconf::WatchPrefix("db/", [](const Change&) {});
@@ -306,12 +298,7 @@ TEST_F(VconfChangeTest, ClosingLeavesNoDescriptorAndNoThread) {
     Reopen();
   }
   outlives.reset();
-  EXPECT_EQ(count("/proc/self/fd"), files);
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (count("/proc/self/task") != threads && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::yield();
-  }
-  EXPECT_EQ(count("/proc/self/task"), threads);
+  EXPECT_EQ(files(), before);
   EXPECT_EQ(GetInt("db/a", 0), 100);
 }
 
@@ -340,9 +327,8 @@ TEST_F(VconfChangeTest, AFaultReplacesTheResultOfACall) {
   EXPECT_EQ(vconf_get_int("db/a", &value), -3);
   EXPECT_EQ(GetInt("db/a", 77), 1);
   EXPECT_EQ(vconf::TakeFault("vconf_get_int", "db/a"), std::nullopt);
-}
 
-TEST_F(VconfChangeTest, ACallThatFailsByAFaultChangesNoSubscription) {
+  // A call that fails by a fault changes no subscription.
   std::atomic<int> calls{0};
   ASSERT_EQ(vconf::SetFault({"vconf_notify_key_changed", "db/a", -1, 1}).text(), "");
   ASSERT_EQ(vconf::SetFault({"vconf_ignore_key_changed", "db/a", -2, 0}).text(), "");
