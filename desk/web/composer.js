@@ -185,7 +185,9 @@ byId("composer").onsubmit = (event) => {
 byId("say-other").onclick = () => submit(true);
 
 observe(["catalog"], () => {
+  const chosen = command.value;
   fillSelect(command, state.catalog.commands.map(({ name, posted }) => ({ value: name, text: posted ? `${name} (posted)` : name })));
+  if (chosen && chosen === command.value) return; // what is being composed stays
   command.value = commandOf("getMenuValue") ? "getMenuValue" : command.value;
   chooseCommand();
 });

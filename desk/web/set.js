@@ -49,7 +49,8 @@ observe(["set", "desk"], () => {
 export async function change(part) {
   ++underWay;
   const good = await attempt("set", async () => {
-    state.set = await api.patch("/api/set", part);
+    await api.patch("/api/set", part);
+    await readSet(); // not the answer, which a reading that began earlier would replace
   });
   --underWay;
   changed("set");
