@@ -94,6 +94,7 @@ describe("the look of the desk's page", () => {
     await openDesk(page, desk.url);
     await openConsole(page);
     await page.reload(); // so that Tab reaches the first control
+    await page.locator("main[aria-busy=false]").waitFor(); // so that the console is open again
     await page.getByRole("tab", { name: /Console/, selected: true }).waitFor();
     await page.keyboard.press("Tab");
     await page.keyboard.press("Enter");
@@ -122,8 +123,9 @@ describe("the look of the desk's page", () => {
     await Promise.all(pages.map((each) => desk.send(each, { send: { command: "registerVconfKeysForCaption", propertyKey: 0 } })));
     await openDesk(page, desk.url);
     await page.getByRole("tab", { name: /^All/ }).click();
-    const width = () => page.locator("#settings").evaluate((it) => it.scrollWidth - it.clientWidth);
-    assert.equal(await width(), 0, "the settings do not scroll sideways when 64 pages watch one of them");
+    await page.getByRole("button", { name: "Watch Caption, Caption; watched by 64 pages" }).waitFor();
+    const width = await page.locator("#settings").evaluate((it) => it.scrollWidth - it.clientWidth);
+    assert.equal(width, 0, "the settings do not scroll sideways when 64 pages watch one of them");
 
     const cdp = await page.context().newCDPSession(page);
     await cdp.send("Performance.enable", { timeDomain: "threadTicks" }); // only the processor time of this page

@@ -8,8 +8,10 @@ export const openDesk = async (page, url) => {
 };
 
 export const openConsole = async (page) => {
+  const consoles = page.getByRole("tab", { name: /^#\d+ Console$/ });
+  const earlier = await consoles.count();
   await page.getByRole("button", { name: "+ Console" }).click();
-  await page.getByRole("tab", { name: /^#\d+ Console$/, selected: true }).waitFor();
+  await consoles.nth(earlier).and(page.locator("[aria-selected=true]")).waitFor();
 };
 
 /** The rows of the dialogue that contain `text`. */

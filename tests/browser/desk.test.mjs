@@ -102,7 +102,7 @@ describe("the desk's page", () => {
     await desk.send(one, getVersion);
     await desk.send(two, { send: { command: "isTVSPicSizeResized" } });
     const page = await openedDesk();
-    await tab(page, /^All/).click();
+    await tab(page, /^All/).and(page.locator("[aria-selected=true]")).waitFor();
     await rowWith(page, "getVersion").waitFor();
     await rowWith(page, "isTVSPicSizeResized").waitFor();
     await disabled(button(page, "Send")); // there is no plug-in to send to
@@ -110,16 +110,16 @@ describe("the desk's page", () => {
     await page.getByText("Make it fail").waitFor({ state: "hidden" });
 
     // A late answer to a request for another page is not shown.
-    const held = [];
-    await page.route("**/dialogue", (route) => { held.push(route); });
+    const held = new Map(); // by page
+    await page.route("**/dialogue", (route) => { held.set(route.request().url().split("/").at(-2), route); });
     await tab(page, / One/).click();
     await rowWith(page, "").first().waitFor({ state: "detached" }); // nor are another page's rows
     await tab(page, / Two/).click();
-    await settles(() => held.length, 2);
+    await settles(() => held.size, 2);
     await desk.send(two, { send: { command: "getMenuValue", propertyKey: 20 } }); // in the answer, and also an event
-    await held[1].continue();
+    await held.get(two.id).continue();
     await rowWith(page, "isTVSPicSizeResized").waitFor();
-    await Promise.all([page.waitForResponse(`**/${one.id}/dialogue`).then((response) => response.finished()), held[0].continue()]);
+    await Promise.all([page.waitForResponse(`**/${one.id}/dialogue`).then((response) => response.finished()), held.get(one.id).continue()]);
     await page.unroute("**/dialogue");
     await desk.send(two, { send: { command: "getMenuValue", propertyKey: 0 } }); // a later entry is shown
     await rowWith(page, "getMenuValue CAPTION").waitFor();
@@ -321,6 +321,7 @@ describe("the desk's page", () => {
     await page.getByLabel("Picture size", { exact: true }).blur();
     await page.getByText("The picture size is a whole number").waitFor();
     await page.getByLabel("B2B product").selectOption("no");
+    await settles(async () => (await desk.call("GET", "/api/set")).b2b, false);
     const scenario = page.getByRole("form", { name: "Save a scenario" });
     await scenario.getByLabel("Name").fill("no b2b");
     await scenario.getByRole("button").click();
@@ -439,6 +440,7 @@ describe("the desk's page", () => {
     assert.equal(page.url(), `${locked.url}/`);
     await button(page, "Connect a page").click();
     await tab(page, / Two/).click();
+    await tab(page, / Two/).and(page.locator("[aria-selected=true]")).waitFor();
     await button(page, "Kill …").waitFor();
     await page.reload();
     await tab(page, / Two/).and(page.locator("[aria-selected=true]")).waitFor();
