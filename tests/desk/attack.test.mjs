@@ -162,8 +162,8 @@ test("survives a request that never ends, and a socket that does not confirm its
   assert.equal(await contentOf(half), "");
 });
 
-// Limits of the process. If the test runs as root, the desk runs as user 65534, because some do not apply to root.
-for (const limits of ["ulimit -n 64", "ulimit -n 24", "ulimit -u 100", "ulimit -u 12", "ulimit -s 4096"]) {
+// Limits of the process. If the test runs as root, the desk runs as another user, because some do not apply to root.
+for (const limits of ["ulimit -n 64", "ulimit -n 24", "ulimit -u 100", "ulimit -u 12", "ulimit -u 4", "ulimit -s 4096"]) {
   test(`says that it cannot start, or refuses pages, with ${limits}`, async () => {
     await desk.stop();
     desk = null;

@@ -50,16 +50,18 @@ export class Desk {
     return Promise.all(Array.from(running, (desk) => desk.stop()));
   }
 
-  // A first option that begins with "ulimit" is a shell command that runs before the desk.
+  // A first option that begins with "ulimit" is a shell command that runs before the desk. Then the third line may also
+  // be the report that the plug-in cannot be used.
   static async run(options) {
     const desk = new Desk();
     const limits = options[0].startsWith("ulimit") ? [options.shift()] : [];
     const port = options.includes("--port") ? [] : ["--port", "0"];
     const run = [program, "desk", "--until-closed", ...port, ...options];
     if (limits.length) {
-      run.unshift("bash", "-c", `${limits} && exec "$0" "$@"`);
-      // A limit of processes does not apply to root, and other users need the capability to open files below /root.
-      if (process.getuid() === 0) run.unshift("setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
+      run.unshift("bash", "-c", `${limits} && exec "$0" "$@" 2>&1`);
+      // A limit of processes does not apply to root, and other users need the capability to open files below /root. It
+      // counts all processes of the user, so each process that runs tests has a user of its own.
+      if (process.getuid() === 0) run.unshift("setpriv", `--reuid=${20_000 + process.pid % 40_000}`, "--regid=65534", "--clear-groups",
         "--inh-caps=+dac_override", "--ambient-caps=+dac_override", "--");
     }
     // Its input closes when this process ends, also when it is killed.
@@ -75,7 +77,7 @@ export class Desk {
     const link = /:(\d+)\/(?:\?token=(\w+))?$/.exec(desk.lines[0]);
     desk.port = Number(link?.[1]);
     desk.token = link?.[2];
-    if (!desk.port) {
+    if (!desk.port || !/plug-in/.test(desk.lines[2])) { // it may also fail after it has printed its address
       const [status] = await desk.exit;
       throw Object.assign(new Error(`the desk did not start: ${desk.lines}`), { status });
     }
