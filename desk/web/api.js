@@ -52,6 +52,18 @@ export const put = (path, body) => request("PUT", path, body);
 export const patch = (path, body) => request("PATCH", path, body);
 export const remove = (path) => request("DELETE", path);
 
+/**
+ * Returns a function that runs each action after the previous one has ended, and resolves with its result. Requests
+ * that are sent at the same time may arrive in any order.
+ */
+export function inOrder() {
+  let last = Promise.resolve();
+  return (action) => {
+    last = last.then(action, action);
+    return last;
+  };
+}
+
 /** The address of the key at `path`, which may contain any character. */
 export const keyAddress = (path) => `/api/store/${encodeURIComponent(path)}`;
 

@@ -20,6 +20,7 @@ function fromLines(text) {
   });
 }
 
+const inOrder = api.inOrder();
 let underWay = 0; // the number of unanswered changes; until it is 0 the page shows the entered values
 
 observe(["set", "catalog"], () => {
@@ -48,10 +49,10 @@ observe(["set", "desk"], () => {
 /** Changes a part of the set. If this is false, the failure has been reported and the page shows the unchanged set. */
 export async function change(part) {
   ++underWay;
-  const good = await attempt("set", async () => {
+  const good = await inOrder(() => attempt("set", async () => {
     await api.patch("/api/set", part);
     await readSet(); // not the answer, which a reading that began earlier would replace
-  });
+  }));
   --underWay;
   changed("set");
   return good;

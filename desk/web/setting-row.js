@@ -26,6 +26,7 @@ export class SettingRow {
     this.path = setting.path;
     this.value = undefined;
     this.watchers = [];
+    this.inOrder = api.inOrder();
     this.written = []; // values from here, in their order, that the desk has not told of yet
     this.name = make("button", { type: "button", className: "name", "aria-expanded": "false", title: "Everything about this key",
       onclick: () => this.toggleDetails() }, setting.label ?? setting.path);
@@ -100,7 +101,8 @@ export class SettingRow {
   async write(value) {
     if (value !== this.shown) this.written.push(value);
     this.shown = value;
-    if (await attempt(`store ${this.path}`, () => api.put(api.keyAddress(this.path), { value }))) return;
+    const put = () => attempt(`store ${this.path}`, () => api.put(api.keyAddress(this.path), { value }));
+    if (await this.inOrder(put)) return;
     this.written = [];
     this.showInField(this.value);
   }
