@@ -14,6 +14,7 @@ async function openPages(desk, count) {
 async function talk(page) {
   await openConsole(page);
   await sendCommand(page, "registerVconfKeysForCaption", { key: 0 });
+  await rowWith(page, /registerVconfKeysForCaption.*gives/).waitFor();
   await sendCommand(page, "setMenuValue", { key: 0, value: 1 });
   await sendCommand(page, "getMenuValue", { key: 14 }); // cannot be read
   await sendCommand(page, "getMenuValue", { key: 20 });
