@@ -1,3 +1,5 @@
+// The client library for pages: methods, promises and subscriptions for the messages of the plug-in; see README.md.
+//
 // Pages on a set run in an engine of generation 47. So this file uses only ECMAScript 5 and what that engine supports,
 // except for the `export` of each declaration, which script/generate removes to create mirado.classic.js.
 

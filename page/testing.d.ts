@@ -1,7 +1,7 @@
 import type { PluginElement, PluginEnd } from "./mirado.js";
 
-/** A plug-in, and the set around it, for unit tests: `connect(fakePlugin())`. A new set is a B2B product whose
- *  application holds the privilege. */
+/** A fake plug-in with its own simulated set, for unit tests: `connect(fakePlugin())`. A new set is a B2B product whose
+ *  application has the privilege. */
 export interface FakePlugin extends PluginElement {
   /** The set's settings, by the name of their constant, such as "CAPTION" or "MENU_KEY_CAPTION". `set` changes one as
    *  another program on the set would: a page that watches it gets an event. After `set` with null, reading the setting

@@ -1,11 +1,12 @@
-# The services of a set as targets. MIRADO_SET is a folder with the set's headers and libraries: the root of its SDK, or
-# what the package mirado-dev installs. docs/porting.md tells what each service has to offer.
+# Finds the headers and libraries of a set's services, and defines a target for each, for a build of the plug-in by
+# itself. MIRADO_SET is the folder that contains them: the root of the set's SDK, or that of the package mirado-dev.
+# docs/porting.md describes what each service must provide.
 #
-# A header or a library that has another name on the set is given by hand, as -DMIRADO_VCONF_HEADERS=FOLDER and
-# -DMIRADO_VCONF_LIBRARY=FILE for the service vconf.
+# If a header or a library has another name on the set, give it as -DMIRADO_VCONF_HEADERS=FOLDER or
+# -DMIRADO_VCONF_LIBRARY=FILE, here for the service vconf.
 set(MIRADO_SET "" CACHE PATH "The folder with the set's headers and libraries")
 if(NOT IS_DIRECTORY "${MIRADO_SET}")
-  message(FATAL_ERROR "MIRADO_SET is '${MIRADO_SET}', which is no folder. "
+  message(FATAL_ERROR "MIRADO_SET is '${MIRADO_SET}', which is not a folder. "
                       "Give the folder with the set's headers and libraries, as -DMIRADO_SET=DIR")
 endif()
 

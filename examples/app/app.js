@@ -1,4 +1,5 @@
-// Written for an engine of generation 47, as on a set: classic scripts, with the language features of that generation.
+// A small television application: captions over a film, and their settings, changed by remote control. It uses only the
+// language features of an engine of generation 47, as on a set, and classic scripts.
 "use strict";
 
 // What the numbers of a setting mean in this application: for each number its name, and its effect on the captions.

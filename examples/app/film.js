@@ -2,7 +2,7 @@
 
 const FRAME = 38; // milliseconds: about 25 frames a second
 
-// In place of a video: a scene that depends only on the time, with captions.
+// Takes the place of a video: draws a scene that depends only on the time, with captions.
 class Film {
   /** `cues` are [seconds, text], by time; `onFrame` gets the time in seconds, from 0 to below `length`. */
   constructor(canvas, length, cues, onFrame) {

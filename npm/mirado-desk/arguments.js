@@ -1,3 +1,4 @@
+// Checks the arguments of the package's functions, so that a mistake in a test is reported at once.
 const short = (name) => name.replace(/^[A-Z]+_KEY_/, "");
 
 /** The setting among `settings` with this name or path. Throws a TypeError that lists all settings if there is none. */

@@ -1,3 +1,4 @@
+// A page of a simulated set, for tests: its messages, and its plug-in. index.d.ts describes the public functions.
 import { isDeepStrictEqual } from "node:util";
 import { checkFields, findSetting, refuseUnknown } from "./arguments.js";
 

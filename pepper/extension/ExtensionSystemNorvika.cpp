@@ -6,7 +6,7 @@
 namespace pp {
 namespace {
 
-/// The embedder's record, or null. The browser is asked once per process, and a null answer is kept too.
+/// The embedder's functions, or null. The browser is asked once in each process, also if it returns null.
 const PPB_ExtensionSystem_Norvika_0_1* GetInterface() {
   static const auto* const interface = static_cast<const PPB_ExtensionSystem_Norvika_0_1*>(
       Module::Get()->GetBrowserInterface(PPB_EXTENSIONSYSTEM_NORVIKA_INTERFACE_0_1));

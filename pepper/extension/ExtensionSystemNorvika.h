@@ -7,20 +7,20 @@
 
 namespace pp {
 
-/// The embedder's private interface, for one instance. A failure is told by value: an undefined variable or an empty
-/// text. An object belongs to one thread at a time; construction and destruction make no call.
+/// The embedder's private interface, for one instance. A failure gives an undefined variable or an empty text. Only one
+/// thread at a time may use an object. The constructor and the destructor make no call.
 class ExtensionSystemNorvika {
  public:
   explicit ExtensionSystemNorvika(const InstanceHandle& handle);
 
-  /// Has the embedder carry out the operation of that name and blocks until it answers. Undefined when the embedder
-  /// does not offer the interface or the operation failed.
+  /// Makes the embedder perform the operation of this name, and blocks until it replies. Returns undefined if the
+  /// embedder does not offer the interface, or if the operation failed.
   Var GenericSyncCall(const Var& operation_name, const Var& operation_data);
 
-  /// Empty when the embedder does not offer the interface or has no name.
+  /// Empty if the embedder does not offer the interface or has no name.
   std::string GetEmbedderName() const;
 
-  /// Information on the running extension, as the embedder gives it.
+  /// The embedder's information about the running extension, unchanged.
   Var GetCurrentExtensionInfo();
 
  private:

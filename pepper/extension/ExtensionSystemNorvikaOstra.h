@@ -8,20 +8,20 @@
 
 namespace pp {
 
-/// The named operations of the embedder. A failed call, or a reply of another type than the operation's, gives the
-/// default that each names.
+/// Operations of the embedder. If an operation fails, or its reply has the wrong type, the function returns the default
+/// that its comment names.
 class ExtensionSystemNorvikaOstra : public ExtensionSystemNorvika {
  public:
   explicit ExtensionSystemNorvikaOstra(const InstanceHandle& handle);
 
-  /// Whether the application holds `privilege`, a string; false by default and for a variable of another type. The
-  /// embedder is asked once for each text, whatever it answers.
+  /// Whether the application has `privilege`, a string; false by default, and if it is not a string. The embedder is
+  /// asked once for each string, and the result is kept, also that of a failure.
   bool CheckPrivilege(const Var& privilege);
 
   /// The application's window, -1 by default.
   std::int32_t GetWindowId();
 
-  /// Switches the input method's recommended words on or off, or hands them over; false by default.
+  /// Switches the input method's recommended words on or off, and passes them to it; false by default.
   bool SetIMERecommendedWordsType(bool should_enable);
   bool SetIMERecommendedWords(const Var& words);
 

@@ -8,16 +8,16 @@
 
 namespace pp {
 
-/// The embedder as the set's web runtime.
+/// The embedder, if it is the set's web runtime.
 class ExtensionSystemNorvikaWRT : public ExtensionSystemNorvikaOstra {
  public:
   explicit ExtensionSystemNorvikaWRT(const InstanceHandle& handle);
 
-  /// Whether the embedder is the set's web runtime, by its name. It is asked at the first call in the process.
+  /// Whether the embedder has the name of the set's web runtime. Determined at the first call in the process.
   bool IsValid() const;
 
  private:
-  std::map<std::string, Var> attributes_;  // kept for the runtime's own extensions; no operation here uses it
+  std::map<std::string, Var> attributes_;  // for extensions of the runtime; not used by the plug-in
 };
 
 }  // namespace pp

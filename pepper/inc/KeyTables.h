@@ -2,8 +2,8 @@
 
 #include <cstdint>
 
-/// The settings, each one row: the key's enumerator and its store path. A row's position is its key number, which pages
-/// use: do not insert or reorder rows.
+/// The settings that the plug-in offers. Each row is one: the key's enumerator and its path in the store. The row's
+/// position is the key number that pages use, so add rows only at the end.
 ///
 /// A changed path is converted to the first row whose path begins with it. So a path must come before every longer path
 /// that begins with it; a static_assert in PluginMirado.cpp checks this.
@@ -31,7 +31,7 @@
   ROW(MENU_KEY_VOICE_GUIDE_SPEED, "db/menu/system/accessibility/voiceguide/speed")                            \
   ROW(MENU_KEY_DIGITAL_CAPTION_STYLE, "db/menu/caption/digitalcaptionoptions/style")
 
-/// The keys of the TV viewer, a key space of their own.
+/// The keys of the TV viewer, which are numbered separately.
 #define MIRADO_ROWS(ROW) ROW(MIRADO_KEY_BG_EXECUTABLE, "memory/tv-viewer/bg_executable")
 
 #define KEY_ENUMERATOR(enumerator, path) enumerator,
@@ -40,7 +40,7 @@
 enum MenuKey : std::uint32_t { MENU_CAPTION_ROWS(KEY_ENUMERATOR) };
 enum MiradoKey : std::uint32_t { MIRADO_ROWS(KEY_ENUMERATOR) };
 
-/// Rows of each table. Keys are compared with them as unsigned numbers, so that a negative key is out of range.
+/// The number of rows of each table. Keys are compared with it as unsigned numbers, so a negative key is out of range.
 inline constexpr std::uint32_t CAPTION_SETTING_MAP_SIZE = MENU_CAPTION_ROWS(KEY_COUNT);
 inline constexpr std::uint32_t MIRADO_MAP_SIZE = MIRADO_ROWS(KEY_COUNT);
 

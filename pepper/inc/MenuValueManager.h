@@ -2,33 +2,34 @@
 
 #include <string>
 
-/// A menu setting.
+/// The value of a menu setting.
 struct MenuValue {
   int iValue = 0;      ///< the number, as the store holds it
-  std::string sValue;  ///< the text; filled for the voice guide's speed alone
+  std::string sValue;  ///< the name of the voice guide's speed; empty for all other settings
 };
 
-/// Reads and writes menu settings by key number, and holds every exception that a single key makes.
+/// Reads and writes menu settings by key number. All rules that apply to single keys only are here.
 ///
-/// Operations answer with a `ResultCode`. The object has no data: all state lies in the store, and any thread may call
-/// it. No lock spans two calls.
+/// The functions return a `ResultCode`. The object has no data, because all state is in the store; any thread may call
+/// it. No lock is held between two calls.
 ///
-/// A write goes `getMenuValue`, `confirmMenuValue` on the record that it filled, `setMenuValue` with that same record.
-/// Only `getMenuValue` tests the key; the others take none that it has not accepted.
+/// A write takes three calls: `getMenuValue`, `confirmMenuValue` with the value that it has filled in, and
+/// `setMenuValue` with the result. Only `getMenuValue` checks the key; the others may be called only with a key that it
+/// has accepted.
 class MenuValueManager {
  public:
-  /// Reads the current setting of `key` into `value`. RESULT_INVALID_VALUE: no such key; RESULT_NOT_SUPPORTED: a key
-  /// that is not served (`value` is untouched); RESULT_FAILED: the store refused.
+  /// Reads the setting of `key` into `value`. RESULT_INVALID_VALUE: there is no such key; RESULT_NOT_SUPPORTED: the key
+  /// cannot be read (in both cases `value` is not changed); RESULT_FAILED: the store could not read it.
   int getMenuValue(unsigned int key, MenuValue& value);
 
-  /// Turns `confirmed`, which comes in holding the current setting, into what is to be written when `value` is
-  /// requested. RESULT_INVALID_VALUE: the key's item list does not hold `value`; RESULT_FAILED: there is no such list;
-  /// RESULT_NOT_SUPPORTED: a key that is not served. On failure `confirmed` is untouched.
+  /// Changes `confirmed` from the current setting into the one to be written if a page requests `value`.
+  /// RESULT_INVALID_VALUE: `value` is not in the key's item list; RESULT_FAILED: there is no such list;
+  /// RESULT_NOT_SUPPORTED: the key cannot be written. On failure `confirmed` is not changed.
   int confirmMenuValue(unsigned int key, MenuValue value, MenuValue& confirmed);
 
-  /// Copies `value` into `confirmed` when the item list `menuId` holds its number; results as `confirmMenuValue`.
+  /// Copies `value` to `confirmed` if its number is in the item list `menuId`. Results as for `confirmMenuValue`.
   int setMenuWithMenuID(std::string menuId, MenuValue value, MenuValue& confirmed);
 
-  /// Writes the number of `value` and makes it durable. RESULT_FAILED: the store refused and nothing was written.
+  /// Writes the number of `value` and asks the store to make it durable. RESULT_FAILED: the write failed.
   int setMenuValue(unsigned int key, MenuValue value);
 };

@@ -24,46 +24,47 @@
 
 struct _keynode_t;
 
-/// The privilege that the writing command asks for.
+/// The privilege that `setMenuValue` requires.
 inline constexpr const char* MIRADO_PRIVILEGE = "http://norvika.com/privilege/mirado";
 
-/// Takes the page's messages and answers each with one reply.
+/// Handles the messages of one page: each gets one reply, and changes of watched settings become events.
 ///
 /// Messages are handled on the worker's loop, one at a time. The change callbacks run on the store's notification
-/// thread; construction, `ClearAllVConfKeys` and destruction belong to the plug-in's main thread. What more than one of
-/// them reaches is guarded by `m_keysMutex` and by the register of handlers.
+/// thread. The constructor, `ClearAllVConfKeys` and the destructor run on the plug-in's main thread. `m_keysMutex` and
+/// the register of handlers guard what several of these threads use; see docs/architecture.md.
 class MiradoMessageHandler : public PPBaseMessageHandler {
  public:
-  /// `instance` holds this handler and outlives it. Asks the embedder for the privilege, which blocks.
+  /// `instance` contains this handler. Blocks while it asks the embedder whether the application has the privilege.
   explicit MiradoMessageHandler(pp::Instance* instance);
   MiradoMessageHandler(const MiradoMessageHandler&) = delete;
   MiradoMessageHandler& operator=(const MiradoMessageHandler&) = delete;
 
-  /// Returns when no change callback of this handler is running any more; later ones drop their event.
+  /// Waits for running change callbacks of this handler. Later ones do nothing.
   ~MiradoMessageHandler() override;
 
-  /// Posts the bare text "Unregister" to the page: no further message will be handled.
+  /// Posts the text "Unregister" to the page: no further message will be handled.
   void WasUnregistered(pp::InstanceHandle handle) override;
-  /// The path of posted messages. It serves `setMenuValue` alone; every reply goes out as a delivery.
+  /// Handles a posted message. The only command is `setMenuValue`; each reply is posted to the page.
   void HandleMessageImpl(pp::InstanceHandle handle, const pp::Var& message) override;
-  /// The path of messages that the page waits on: the commands of `m_messageMap`. The result is the reply.
+  /// Handles a message whose reply the page waits for: the commands of `m_messageMap`. Returns the reply.
   pp::Var HandleBlockingMessageImpl(pp::InstanceHandle handle, const pp::Var& message) override;
 
-  /// A copy of the instance, for calls off the worker.
+  /// A copy of the instance, which any thread may use to post messages.
   pp::Instance GetInstance();
 
-  /// Registers this handler on the calling thread's loop and tells the page when that fails. For a runtime that serves
-  /// the handler on a loop of its own; `PluginMirado` registers it on the worker's loop itself and does not call this.
+  /// Registers this handler on the calling thread's loop; if that fails, posts an error text to the page. For a runtime
+  /// that runs the handler on its own loop. `PluginMirado` does not call it: it registers the handler on the worker's.
   void Register();
 
-  /// Ends all subscriptions, empties both key sets and closes them: a later register command fails and calls no store.
+  /// Ends all subscriptions and empties both sets of watched paths. Later register commands fail without a call to the
+  /// store.
   void ClearAllVConfKeys();
 
-  /// The first row whose path begins with `path`, or -1. A null `path` is not allowed.
+  /// The key of the first row whose path begins with `path`, or -1. `path` must not be null.
   static int ConvertCaptionKey(const char* path);
   static int ConvertMiradoChangeKey(const char* path);
 
-  /// What the store calls for a change; `data` is the handler that subscribed.
+  /// The callbacks that the store calls for a change; `data` is the address of the handler that subscribed.
   static void CaptionVconfCb(_keynode_t* node, void* data);
   static void MiradoChangeCb(_keynode_t* node, void* data);
 
@@ -83,17 +84,17 @@ class MiradoMessageHandler : public PPBaseMessageHandler {
   pp::Var registerVconfKeysForMirado(const pp::VarDictionary& dictionary);
   pp::Var unRegisterVconfKeysForMirado(const pp::VarDictionary& dictionary);
 
-  /// Writes a menu setting: on a B2B product, for an application with the privilege.
+  /// Writes a menu setting, if the set is a B2B product and the application has the privilege.
   void setMenuValue(pp::Instance instance, const pp::VarDictionary& dictionary);
 
-  // The commands' workers: true when done, false when the page is told that it failed.
+  // What the commands of the same names do with a valid key. False if it fails.
   bool getMiradoValue(unsigned int key, int& value);
   bool registerVconfKeysForCaption(unsigned int key);
   bool unRegisterVconfKeysForCaption(unsigned int key);
   bool registerVconfKeysForMirado(unsigned int key);
   bool unRegisterVconfKeysForMirado(unsigned int key);
 
-  // What the subscription commands, the change callbacks and the caption commands share. The log names `operation`.
+  // Shared by the subscription commands, the change callbacks and the caption commands. Log lines name `operation`.
   pp::Var answerSubscription(const pp::VarDictionary& dictionary, bool (MiradoMessageHandler::*worker)(unsigned int),
                              const char* name);
   bool subscribe(const KeyTable& table, unsigned int key, const char* operation);
@@ -106,7 +107,7 @@ class MiradoMessageHandler : public PPBaseMessageHandler {
   void respondFailure(pp::Instance instance, const std::string& text, int code, const std::string& message,
                       pp::Var value = pp::Var(pp::Var::Null()));
 
-  // The register of handlers is what the change callbacks look their handler up in.
+  // The change callbacks look up their handler in the register of handlers, which all instances share.
   void enterRegister();
   void leaveRegister();
 
@@ -115,12 +116,13 @@ class MiradoMessageHandler : public PPBaseMessageHandler {
 
   pp::Instance* m_instance;
   MenuValueManager* m_menuValueManager;
-  std::set<std::string> m_captionVconfKeys;  // paths under subscription; guarded by m_keysMutex
+  std::set<std::string> m_captionVconfKeys;  // watched paths; guarded by m_keysMutex
   std::set<std::string> m_miradoVconfKeys;   // likewise
   bool hasPrivilege;
-  std::mutex m_keysMutex;       // may be held while the store is called, so no change callback takes it
-  bool m_keysClosed = false;    // set for good by ClearAllVConfKeys; guarded by m_keysMutex
-  bool m_namedByStore = false;  // the store refused to end a subscription; guarded by m_keysMutex
+  std::mutex m_keysMutex;     // may be held while the store is called, so no change callback takes it
+  bool m_keysClosed = false;  // set by ClearAllVConfKeys, never reset; guarded by m_keysMutex
+  // The store failed to end a subscription, so it still has this address; guarded by m_keysMutex.
+  bool m_namedByStore = false;
 };
 
 inline MiradoMessageHandler::MiradoMessageHandler(pp::Instance* instance) : m_instance(instance) {
@@ -128,7 +130,7 @@ inline MiradoMessageHandler::MiradoMessageHandler(pp::Instance* instance) : m_in
   hasPrivilege = extension.CheckPrivilege(pp::Var(MIRADO_PRIVILEGE));
   MIRADO_LOG("[PluginMirado] hasPrivilege : %d", hasPrivilege);
   auto manager = std::make_unique<MenuValueManager>();
-  enterRegister();  // may throw, and nobody would free the manager then
+  enterRegister();  // may throw; the unique_ptr then frees the manager
   m_menuValueManager = manager.release();
 }
 
@@ -140,7 +142,8 @@ inline MiradoMessageHandler::~MiradoMessageHandler() {
   }
 }
 
-/// The plug-in in one page. Made and destroyed on the plug-in's main thread; the page's messages run on the worker.
+/// One embedding of the plug-in in a page. Created and destroyed on the plug-in's main thread; its messages are handled
+/// on the worker.
 class PluginMirado : public pp::Instance {
  public:
   explicit PluginMirado(PP_Instance instance);
@@ -152,12 +155,12 @@ class PluginMirado : public pp::Instance {
   bool Init(std::uint32_t argc, const char* argn[], const char* argv[]) override;
 
   static void* operator new(std::size_t size);
-  /// Frees the memory, unless the store refused to end a subscription of the handler that was in it.
+  /// Frees the memory, unless the store still has the address of the handler in it (see `leaveRegister`).
   static void operator delete(void* memory);
 
  private:
   MiradoMessageHandler message_handler_;
-  // For calls that the browser completes later. There is none yet, so no callback is drawn from it.
+  // For calls that the browser completes later. There are none yet, so no callback is created.
   pp::CompletionCallbackFactory<PluginMirado, pp::ThreadSafeThreadTraits> callback_factory_;
   pp::SimpleThreadAwaitLoop* additional_thread_;  // owned
 };
@@ -167,7 +170,7 @@ inline PluginMirado::PluginMirado(PP_Instance instance)
       message_handler_(this),
       callback_factory_(this),
       additional_thread_(new pp::SimpleThreadAwaitLoop(pp::InstanceHandle(this))) {
-  // A thread starts out with its maker's name, so this names the worker as well.
+  // A new thread inherits this name, so the worker gets it, too.
   prctl(PR_SET_NAME, "qrl.mirado", 0, 0);
   MIRADO_LOG("[PluginMirado] begin additional_thread_->Start()");
   additional_thread_->Start();
@@ -185,7 +188,7 @@ inline PluginMirado::~PluginMirado() {
   delete additional_thread_;  // before the handler that its loop serves
 }
 
-/// The plug-in's module; Pepper owns it and the instances that it makes.
+/// The plug-in's module. The browser owns it and the instances that it creates.
 class PluginMiradoModule : public pp::Module {
  public:
   pp::Instance* CreateInstance(PP_Instance instance) override;

@@ -1,6 +1,6 @@
 #pragma once
 
-/// What an operation came to; the numbers are the codes that the page gets.
+/// The result of an operation. The numbers are the codes in replies to the page.
 enum ResultCode : int {
   RESULT_OK = 0,
   RESULT_NOT_SUPPORTED = 9,

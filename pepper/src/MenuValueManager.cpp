@@ -14,7 +14,7 @@
 
 namespace {
 
-/// The name of a voice guide speed. The stored numbers run from 1 to 15, three to a name; any other reads as normal.
+/// The name of a voice guide speed: 1 to 15, three numbers for each name. Any other number is "NORMAL".
 const char* SpeedName(int speed) {
   static constexpr const char* kNames[] = {"VERY_SLOW", "SLOW", "NORMAL", "FAST", "VERY_FAST"};
   return speed >= 1 && speed <= 15 ? kNames[(speed - 1) / 3] : "NORMAL";
@@ -62,7 +62,7 @@ int MenuValueManager::confirmMenuValue(unsigned int key, MenuValue value, MenuVa
     case MENU_KEY_APPS_TICKER:
       return RESULT_NOT_SUPPORTED;
     default:
-      // A menu value is the low byte; what the set keeps in the upper three stays.
+      // A menu value is in the low byte; the set may keep something else in the other three.
       confirmed.iValue = (confirmed.iValue & ~0xFF) | value.iValue;
       return RESULT_OK;
   }

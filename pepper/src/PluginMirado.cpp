@@ -25,7 +25,7 @@ constexpr KeyMapEntry g_MiradoKeyMap[MIRADO_MAP_SIZE] = {MIRADO_ROWS(KEY_ROW)};
 
 namespace {
 
-/// Whether each path of the table is traced back to its own row (see KeyTables.h).
+/// Whether the changed path of each row is converted to that row (see KeyTables.h).
 template <std::size_t N>
 constexpr bool EveryPathFindsItsRow(const KeyMapEntry (&rows)[N]) {
   for (std::size_t row = 0; row < N; ++row) {
@@ -54,8 +54,8 @@ const std::map<std::string, MiradoMessageHandler::Command> MiradoMessageHandler:
 
 static const std::string strBlank;
 
-/// The last command text that a dispatch accepted. Each worker sees the text of the message that it is handling, so
-/// that with several instances in one process every reply names its own command.
+/// The command of the last message that had one. It is one for each thread, so that with several instances in one
+/// process each reply names the command of its own worker's message.
 static thread_local std::string command;
 
 // ---------------------------------------------------------------------------------------------------------------------
@@ -63,20 +63,20 @@ static thread_local std::string command;
 
 namespace {
 
-/// The entry `key` when it is there and an Int; a missing entry and one of another type are the same to every command.
+/// The entry `key` if it is an Int. A missing entry and one of another type have the same effect in every command.
 std::optional<std::int32_t> IntEntry(const pp::VarDictionary& dictionary, const char* key) {
   if (!dictionary.HasKey(key) || dictionary.Get(key).type() != PP_VARTYPE_INT32) return std::nullopt;
   return dictionary.Get(key).AsInt();
 }
 
-/// Makes the text under "command" the current command; false, and the old one stays, when there is none.
+/// Sets `command` to the text of the entry "command". Without such a text returns false and does not change it.
 bool AcceptCommand(const pp::VarDictionary& dictionary) {
   if (!dictionary.HasKey("command") || dictionary.Get("command").type() != PP_VARTYPE_STRING) return false;
   command = dictionary.Get("command").AsString();
   return true;
 }
 
-/// The one error name that goes with a code. The trailing blank of the last is part of it.
+/// The error name of a failure's code. The blank at the end of the last one is part of it.
 const char* ErrorName(int code) {
   switch (code) {
     case RESULT_NOT_SUPPORTED:
@@ -90,7 +90,7 @@ const char* ErrorName(int code) {
   }
 }
 
-/// What the page is told when the manager could not serve its key.
+/// The error message for a failure of MenuValueManager.
 const char* ManagerMessage(int result, const char* platform_call_failed) {
   switch (result) {
     case RESULT_INVALID_VALUE:
@@ -246,7 +246,7 @@ void MiradoMessageHandler::setMenuValue(pp::Instance instance, const pp::VarDict
 }
 
 // ---------------------------------------------------------------------------------------------------------------------
-// The two caption values that the page publishes
+// showCaption and registerInAppCaptionControl
 
 struct MiradoMessageHandler::CaptionValueCommand {
   const char* name;
@@ -289,7 +289,8 @@ pp::Var MiradoMessageHandler::publishCaptionValue(const CaptionValueCommand& row
 // ---------------------------------------------------------------------------------------------------------------------
 // Subscriptions
 
-/// One of the two key tables: what its subscription commands work on, and how their failures are logged.
+/// One of the two key tables, with what its subscription commands use: the set of watched paths, the callback, and how
+/// failures are logged.
 struct MiradoMessageHandler::KeyTable {
   const KeyMapEntry* rows;
   std::uint32_t size;
@@ -368,7 +369,7 @@ bool MiradoMessageHandler::subscribe(const KeyTable& table, unsigned int key, co
   const std::lock_guard lock(m_keysMutex);
   std::set<std::string>& keys = this->*table.keys;
   if (!keys.contains(path)) {
-    // Once the keys have been cleared nothing may be subscribed any more: nobody would end it.
+    // After ClearAllVConfKeys nobody would end a new subscription.
     if (m_keysClosed || vconf_notify_key_changed(path, table.callback, this) < 0) {
       MIRADO_LOG_AS(table.failure_log_id, table.failure_priority, operation,
                     "unable to register a vconf changed cb to key: %d", key);
@@ -420,7 +421,7 @@ void MiradoMessageHandler::ClearAllVConfKeys() {
 
 namespace {
 
-/// The first row whose path begins with `path`, or -1, which is logged for `operation`.
+/// The first row whose path begins with `path`. If there is none, logs it for `operation` and returns -1.
 int RowOf(const char* path, const KeyMapEntry* rows, std::uint32_t size, const char* operation) {
   const std::size_t length = std::strlen(path);
   for (std::uint32_t row = 0; row < size; ++row) {
@@ -430,18 +431,18 @@ int RowOf(const char* path, const KeyMapEntry* rows, std::uint32_t size, const c
   return -1;
 }
 
-/// The handlers that the store may name, and whether each is alive. A change callback holds the register shared for its
-/// whole run and drops its event when its handler is not alive, so it never touches a destroyed one.
+/// The handlers whose address the store may have, and whether each is alive. A change callback holds the lock, shared,
+/// while it runs, and does nothing if its handler is not alive. So it never accesses a destroyed handler.
 ///
-/// A destroyed handler stays in the register when the store refused to end one of its subscriptions. Its memory is then
-/// never used again: a callback names its handler by address alone, and a later handler there would get its events.
+/// A destroyed handler stays in the register if the store failed to end one of its subscriptions. Its memory is then
+/// never reused: callbacks identify a handler only by its address, so a later handler there would get its events.
 struct HandlerRegister {
   std::shared_mutex mutex;
   std::map<const MiradoMessageHandler*, bool> alive;
 };
 
 HandlerRegister& Handlers() {
-  // Never destroyed: the store's thread may call back until the process ends.
+  // Never destroyed: the store's thread may call a callback until the process ends.
   static auto* const handlers = new HandlerRegister;
   return *handlers;
 }
@@ -462,7 +463,7 @@ void MiradoMessageHandler::leaveRegister() {
   }
 }
 
-// Not inlined, because GCC then warns that the class's `delete` frees what the global `new` made.
+// Not inlined, because GCC then warns that the class's `delete` frees memory of the global `new`.
 [[gnu::noinline]] void* PluginMirado::operator new(std::size_t size) { return ::operator new(size); }
 
 void PluginMirado::operator delete(void* memory) {
@@ -486,9 +487,9 @@ int MiradoMessageHandler::ConvertMiradoChangeKey(const char* path) {
 }
 
 struct MiradoMessageHandler::ChangeEvent {
-  const char* callback;  // its name in the log
+  const char* callback;  // the function's name, for the log
   const char* name;
-  const char* setting;  // how the log names what changed
+  const char* setting;  // its name in the log
   int (*convert)(const char* path);
 };
 

@@ -4,10 +4,10 @@
 #include <string>
 #include <string_view>
 
-/// The side of the logger that a runtime or a test steers.
+/// Controls the logger, for a runtime or a test.
 namespace dlog {
 
-/// One line as the writer gave it; the views live for the call only.
+/// A log line as it was written. The views are valid only during the call.
 struct Line {
   int log_id;
   int priority;
@@ -17,15 +17,15 @@ struct Line {
 
 using Sink = std::function<void(const Line&)>;
 
-/// Lines below `priority` are dropped before they are formatted. At load it is 4, so that all of the plug-in's lines
-/// pass. Any thread.
+/// Drops lines below `priority` before they are formatted. The initial value is 4, which keeps all lines of the
+/// plug-in. Any thread.
 void SetThreshold(int priority);
 
-/// Sends every line to `sink` in place of stderr; an empty sink brings stderr back. The sink is called on the writer's
-/// thread, one call at a time; it must not log. When the call returns, no earlier sink is running any more.
+/// Passes every line to `sink` instead of stderr; an empty sink restores stderr. The sink is called on the writing
+/// thread, one call at a time, and must not log. When this returns, the previous sink is not running any more.
 void SetSink(Sink sink);
 
-/// The line as it stands on stderr, without the newline: priority letter, tag, log id, text,
+/// The line as it is written to stderr, without the newline: priority letter, tag, log id, text,
 /// such as "I/QRL_BASE(0): text".
 std::string Format(const Line& line);
 

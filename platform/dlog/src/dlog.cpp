@@ -24,7 +24,7 @@ constexpr std::size_t kUsualLength = 512;
 
 std::atomic<int> g_threshold{kInfo};
 
-// Says without a lock that there is no sink, which is how a set runs.
+// Whether there is a sink, readable without a lock. On a set there is none.
 std::atomic<bool> g_has_sink{false};
 
 // Never destroyed: a thread may still log while the process ends.

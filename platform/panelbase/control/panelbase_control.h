@@ -1,7 +1,7 @@
 #pragma once
 
-/// Where the simulated set keeps its picture size: an int in the store at this path. Without it the set has no video
-/// control. The faults "CreateVideoControl" and "GetPictureSize" know no path but "*".
+/// The simulated set's picture size: an int in the store at this path. Without it the set has no video control. The
+/// faults "CreateVideoControl" and "GetPictureSize" have no path.
 namespace panelbase {
 
 inline constexpr char kPictureSizePath[] = "set/panelbase/picture_size";

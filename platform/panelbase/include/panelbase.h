@@ -1,16 +1,17 @@
 #pragma once
 
-/// The TV service's video side.
+/// The video functions of the TV service.
 
-/// Which of the set's pictures a control is for. The set numbers them; 1 is the main picture.
+/// The pictures of the set, by its own numbers.
 enum EProfile : int {
   PROFILE_MAIN = 1,
 };
 
-/// The video control of one picture. The service owns every control: a caller uses the pointer and drops it.
+/// The video control of one picture. The service owns it: a caller does not free the pointer.
 class IVideoControl {
  public:
-  /// Puts the picture-size code into `*size`. Returns 0, or a negative number and leaves `*size` alone. Any thread.
+  /// Writes the picture-size code to `*size` and returns 0. On failure returns a negative number and does not change
+  /// `*size`. Any thread.
   virtual int GetPictureSize(int* size) = 0;
 
  protected:
@@ -19,7 +20,8 @@ class IVideoControl {
 
 class Panelbase {
  public:
-  /// Points `*control` at the control of `profile`; leaves it alone when none is to be had. `display` is 0 for the
-  /// set's own panel. Returns 0 or a negative number. Any thread; the control lives as long as the process.
+  /// Sets `*control` to the control of `profile` and returns 0. On failure returns a negative number and does not
+  /// change
+  /// `*control`. `display` is 0 for the set's own panel. Any thread. The control exists until the process ends.
   static int CreateVideoControl(EProfile profile, int display, IVideoControl** control);
 };

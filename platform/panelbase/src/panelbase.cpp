@@ -23,7 +23,7 @@ class MainVideoControl final : public IVideoControl {
   int GetPictureSize(int* size) override {
     if (size == nullptr) return kFailed;
     if (const auto fault = vconf::TakeFault("GetPictureSize", "")) return *fault;
-    // The set may lose its picture after it gave out the control.
+    // The set may lose its picture after it has returned the control.
     const std::optional<int> stored = StoredPictureSize();
     if (!stored) return kFailed;
     *size = *stored;

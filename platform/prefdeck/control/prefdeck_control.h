@@ -1,8 +1,8 @@
 #pragma once
 
-/// Where the simulated set keeps its item lists: a string in the store at this prefix and the list's name, one item a
-/// line, its value and its label parted by the first blank ("12 English (UK)"). An empty string is a list without
-/// items. Any fault "GetItemDataList", whose path is the list's name, makes the call fail.
+/// The simulated set's item lists: each is a string in the store at this prefix followed by the list's name. Each line
+/// is an item: its value, a blank, its label ("12 English (UK)"). An empty string is a list without items. A fault
+/// "GetItemDataList" has the list's name as its path; with any answer it makes the call fail.
 namespace prefdeck {
 
 inline constexpr char kListPrefix[] = "set/prefdeck/";

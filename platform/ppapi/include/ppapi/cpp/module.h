@@ -14,7 +14,7 @@ class Module {
   Module& operator=(const Module&) = delete;
   virtual ~Module();
 
-  /// The module of this process, null when none is loaded.
+  /// The module of this process, or null if none is loaded.
   static Module* Get() noexcept;
 
   /// Called once after the module was created; false aborts loading.

@@ -13,8 +13,8 @@ enum PassRef { PASS_REF };
 
 /// A variable that holds one reference to its value. Copies share strings, arrays and dictionaries.
 ///
-/// Different threads may hold copies of one variable; a dictionary or an array that several threads hold must not be
-/// changed meanwhile.
+/// Different threads may hold copies of one variable. While several threads hold a dictionary or an array, it must not
+/// be changed.
 class Var {
  public:
   struct Null {};
