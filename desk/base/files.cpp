@@ -69,12 +69,12 @@ vconf::Result<std::string> ReadFile(const std::string& file) {
 }
 
 vconf::Status ReplaceFile(const std::string& file, std::string_view content) {
+  const UniqueFd folder(open(std::filesystem::path(file).parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   std::string building = file + "~XXXXXX";
-  const UniqueFd fd(mkostemp(building.data(), O_CLOEXEC));
+  const UniqueFd fd(folder ? mkostemp(building.data(), O_CLOEXEC) : -1);
   if (!fd) {
     return FileStatus(errno, file);
   }
-  const UniqueFd folder(open(std::filesystem::path(file).parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (WriteAll(fd.get(), content) && fsync(fd.get()) == 0 && rename(building.c_str(), file.c_str()) == 0 &&
       fsync(folder.get()) == 0) {
     return {};

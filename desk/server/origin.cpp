@@ -1,12 +1,14 @@
 #include "server/origin.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <cerrno>
 #include <charconv>
 #include <cstdint>
 #include <random>
@@ -126,6 +128,11 @@ bool OriginCheck::Knows(std::string_view token) const {
 }
 
 vconf::Result<std::string> KeptToken(const std::string& store) {
+  // Locked, so that of two desks that start at the same moment one creates the token and the other reads it.
+  const UniqueFd folder(open(store.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!folder || flock(folder.get(), LOCK_EX) != 0) {
+    return FileStatus(errno, store);
+  }
   const std::string file = store + "/token";
   const UniqueFd kept(open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
   struct stat status {};

@@ -4,13 +4,16 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <future>
 #include <memory>
+#include <ranges>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -69,6 +72,15 @@ TEST_F(ServerDeathTest, ExitsAlthoughTheStoreHangs) {
                 })(request, nullptr);
               }),
               testing::ExitedWithCode(3), "the disk may not be responding");
+}
+
+TEST(KeptTokenTest, IsTheSameForDesksThatStartAtTheSameMoment) {
+  const TemporaryFolder folder;
+  std::array<std::future<vconf::Result<std::string>>, 16> desks;
+  std::ranges::generate(desks, [&] { return std::async(std::launch::async, desk::KeptToken, folder.path()); });
+  const std::string token = *desks.front().get();
+  EXPECT_EQ(token.size(), 32U);
+  for (auto& other : desks | std::views::drop(1)) EXPECT_EQ(*other.get(), token);
 }
 
 class LineRecorder final : public desk::HostProcess::Listener {
