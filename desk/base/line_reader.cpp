@@ -22,13 +22,13 @@ LineReader::Result LineReader::Next(std::string& line) {
     }
     position_ = is_complete ? end + 1 : end;
   }
-  if (is_empty || shutdown_.IsRaised()) {
+  if (is_empty || error_ != 0 || shutdown_.IsRaised()) {
     return Result::kEnd;
   }
   return is_too_long ? Result::kTooLong : Result::kLine;
 }
 
-/// Reads the next part of the input; false at its end.
+/// Reads the next part of the input; false at its end and after an error.
 bool LineReader::Fill() {
   constexpr std::size_t kChunk = 16'384;
   buffer_.resize(kChunk);
@@ -37,6 +37,7 @@ bool LineReader::Fill() {
   do {
     count = shutdown_.WaitFor(fd_) ? read(fd_, buffer_.data(), buffer_.size()) : 0;
   } while (count < 0 && (errno == EINTR || errno == EAGAIN));
+  error_ = count < 0 ? errno : 0;
   buffer_.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
   return count > 0;
 }

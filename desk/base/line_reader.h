@@ -17,9 +17,12 @@ class LineReader {
   LineReader(int fd, const ShutdownSignal& shutdown) : fd_(fd), shutdown_(shutdown) {}
 
   /// Reads the next line into `line`, without its newline, which the last line may lack. A line that is too long is
-  /// read to its end and dropped. The input ends at end of file, at a read error, or on the shutdown signal, which also
-  /// drops a line that is not complete.
+  /// read to its end and dropped. The input ends at end of file, at a read error, or on the shutdown signal; the last
+  /// two also drop a line that is not complete.
   Result Next(std::string& line);
+
+  /// The errno of the read that failed, or 0.
+  int error() const { return error_; }
 
  private:
   bool Fill();
@@ -28,6 +31,7 @@ class LineReader {
   const ShutdownSignal& shutdown_;
   std::string buffer_;
   std::size_t position_ = 0;
+  int error_ = 0;
 };
 
 }  // namespace desk

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
+#include <system_error>
 
 namespace desk {
 namespace {
@@ -27,7 +28,11 @@ int BlockSignals() {
 
 }  // namespace
 
-ShutdownSignal::ShutdownSignal() : signals_(BlockSignals()), raised_(eventfd(0, EFD_CLOEXEC)) {}
+ShutdownSignal::ShutdownSignal() : signals_(BlockSignals()), raised_(eventfd(0, EFD_CLOEXEC)) {
+  if (!signals_ || !raised_) {
+    throw std::system_error(errno, std::generic_category(), "signals cannot be received");
+  }
+}
 
 // A SIGHUP that is pending now has its usual effect and status, after everything was put in order.
 ShutdownSignal::~ShutdownSignal() {

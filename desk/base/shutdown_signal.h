@@ -11,6 +11,7 @@ namespace desk {
 ///
 /// Must be created before any other thread: it blocks the signals in the calling thread, and threads inherit that. To
 /// be destroyed on the same thread: a SIGHUP ends the process there. Every other function may be called on any thread.
+/// The constructor throws `std::system_error` if no descriptor is free.
 class ShutdownSignal {
  public:
   ShutdownSignal();

@@ -7,6 +7,7 @@
 #include <csignal>
 #include <cstring>
 #include <iostream>
+#include <system_error>
 
 #include "base/exit_status.h"
 #include "base/terminal.h"
@@ -16,7 +17,10 @@ namespace desk {
 void PrepareStandardStreams() {
   for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
     if (fcntl(stream, F_GETFD) < 0) {
-      static_cast<void>(open("/dev/null", stream == STDIN_FILENO ? O_WRONLY : O_RDONLY));  // takes the lowest number
+      // Takes the lowest number, which is that of the stream.
+      if (open("/dev/null", stream == STDIN_FILENO ? O_WRONLY : O_RDONLY) < 0) {
+        throw std::system_error(errno, std::generic_category(), "/dev/null cannot be opened");
+      }
     }
   }
   static_cast<void>(std::signal(SIGPIPE, SIG_IGN));

@@ -11,7 +11,7 @@ namespace desk {
 /// To be called first in `main`. Opens each closed standard stream so that reading or writing it still fails. Otherwise
 /// the next file that is opened, such as the store's, would get its descriptor, and the program's output would be
 /// written into that file. Ignores SIGPIPE, so that writing to a closed pipe is a failed write, and no longer ignores
-/// SIGCHLD, so that the exit status of a child is known.
+/// SIGCHLD, so that the exit status of a child is known. Throws `std::system_error` if /dev/null cannot be opened.
 void PrepareStandardStreams();
 
 /// Runs `work`, which returns an exit status, and checks that its output was written; if not, returns `kCannotWork` and

@@ -6,6 +6,7 @@
 #include <system_error>
 
 #include "base/files.h"
+#include "base/standard_streams.h"
 
 namespace desk {
 namespace {
@@ -29,8 +30,10 @@ TemporaryFolder::TemporaryFolder(std::string_view name) {
 
 TemporaryFolder::~TemporaryFolder() {
   if (status_.ok()) {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
+    std::error_code error;
+    if (std::filesystem::remove_all(path_, error); error) {
+      PrintError(path_.string() + ": the temporary folder cannot be removed: " + error.message());
+    }
   }
 }
 

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <exception>
 #include <string>
 
 #include "base/terminal.h"
@@ -61,6 +62,11 @@ int Main(const std::vector<std::string>& arguments) {
 }  // namespace desk::cli
 
 int main(int argc, char** argv) {
-  desk::PrepareStandardStreams();
-  return desk::WithCheckedOutput([&] { return desk::cli::Main({argv + 1, argv + argc}); });
+  try {
+    desk::PrepareStandardStreams();
+    return desk::WithCheckedOutput([&] { return desk::cli::Main({argv + 1, argv + argc}); });
+  } catch (const std::exception& error) {
+    desk::PrintError(std::string("mirado: ") + error.what());
+    return desk::kCannotWork;
+  }
 }

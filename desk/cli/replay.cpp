@@ -67,17 +67,19 @@ int ReplayInChild(const std::string& file, const ReplayOptions& options, const S
     std::exit(WithCheckedOutput([&] { return ReplayOne(file, options.plugin, folder.path() / "store"); }));
   }
   const UniqueFd child_exit(child > 0 ? pidfd_open(child, 0) : -1);
-  const std::string error = child_exit ? "" : std::strerror(errno);
-  const bool ended = child_exit && shutdown.WaitFor(child_exit.get());
-  int status = 0;
-  if (child > 0) {
-    if (!ended) {
-      kill(child, SIGKILL);
-    }
-    waitpid(child, &status, 0);
+  std::string error = child_exit ? "" : std::strerror(errno);
+  if (child_exit && !shutdown.WaitFor(child_exit.get())) {
+    error = "a signal stopped it";
   }
-  if (!ended) {
-    PrintError(file + ": cannot be replayed: " + (error.empty() ? "a signal stopped it" : error));
+  if (child > 0 && !error.empty()) {
+    kill(child, SIGKILL);
+  }
+  int status = 0;
+  if (child > 0 && waitpid(child, &status, 0) < 0) {
+    error = std::strerror(errno);
+  }
+  if (!error.empty()) {
+    PrintError(file + ": cannot be replayed: " + error);
     return kCannotWork;
   }
   if (WIFSIGNALED(status)) {

@@ -200,7 +200,7 @@ vconf::Status Watch(const StoreOptions& options) {
   }
   if (seen < options.count) {
     return {vconf::Code::kMissing,
-            "timed out after " + std::to_string(seen) + " of " + std::to_string(options.count) + " changes"};
+            "the watch ended after " + std::to_string(seen) + " of " + std::to_string(options.count) + " changes"};
   }
   return {};
 }

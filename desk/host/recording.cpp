@@ -5,11 +5,11 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <iostream>
 #include <system_error>
 #include <utility>
 
 #include "base/files.h"
+#include "base/standard_streams.h"
 #include "base/terminal.h"
 #include "set/catalog.h"
 #include "set/simulated_set.h"
@@ -131,7 +131,7 @@ Recorder::Recorder(Sink sink, Output output) : sink_(std::move(sink)), output_(s
   const auto state = DescribeState();
   for (const vconf::Status& status : {watch.status(), state.status()}) {
     if (!status.ok()) {
-      std::cerr << "the recording does not contain the state of the store: " << status.text() << '\n';
+      PrintError("the recording does not contain the state of the store: " + status.text());
       break;
     }
   }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <optional>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -79,20 +80,24 @@ bool ReadRequests(int input, const ShutdownSignal& shutdown,
   std::string line;
   for (int number = 1;; ++number) {
     const auto result = reader.Next(line);
-    if (result == LineReader::Result::kEnd) {
-      return all_done;
-    }
     if (result == LineReader::Result::kLine && line.find_first_not_of(" \t\r") == std::string::npos) {
       continue;
     }
-    const vconf::Result<Request> request =
-        result == LineReader::Result::kLine
-            ? ParseRequest(line)
-            : BadValue("the line is longer than " + std::to_string(LineReader::kMaxLine) + " bytes");
-    const vconf::Status status = request.ok() ? handle(line, *request) : request.status();
+    vconf::Status status;
+    if (result == LineReader::Result::kLine) {
+      const auto request = ParseRequest(line);
+      status = request.ok() ? handle(line, *request) : request.status();
+    } else if (result == LineReader::Result::kTooLong) {
+      status = BadValue("the line is longer than " + std::to_string(LineReader::kMaxLine) + " bytes");
+    } else if (reader.error() != 0) {
+      status = {vconf::Code::kFailed, "the input cannot be read: " + std::generic_category().message(reader.error())};
+    }
     if (!status.ok()) {
       all_done = false;
       on_error(Line(Out::kError, {{"line", number}, {"text", status.text()}}));
+    }
+    if (result == LineReader::Result::kEnd) {
+      return all_done;
     }
   }
 }

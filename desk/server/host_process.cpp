@@ -59,12 +59,11 @@ Pipe MakePipe() {
   sigemptyset(&none);
   sigprocmask(SIG_SETMASK, &none, nullptr);
   std::signal(SIGPIPE, SIG_DFL);
-  dup2(input, STDIN_FILENO);
-  dup2(output, STDOUT_FILENO);
-  dup2(log, STDERR_FILENO);
-  // Otherwise connections would stay open in the child after the desk has closed them.
-  close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
-  execv(arguments[0], arguments);
+  // Without close_range, connections would stay open in the child after the desk has closed them.
+  if (dup2(input, STDIN_FILENO) >= 0 && dup2(output, STDOUT_FILENO) >= 0 && dup2(log, STDERR_FILENO) >= 0 &&
+      close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC) == 0) {
+    execv(arguments[0], arguments);
+  }
   const char* const cause = strerrordesc_np(errno);
   for (const char* const part : {"cannot run ", static_cast<const char*>(arguments[0]), ": ", cause, "\n"}) {
     if (write(STDERR_FILENO, part, std::strlen(part)) < 0) {
