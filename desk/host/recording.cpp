@@ -220,6 +220,9 @@ vconf::Result<Recording> ReadRecording(const std::string& file) {
       return BadRecording(file + ": line " + std::to_string(number) + ": " + status.text());
     }
   }
+  if (stream.bad()) {
+    return FileStatus(errno, file);
+  }
   if (number == 0) {
     return BadRecording(file + ": is empty, and so not a recording");
   }
