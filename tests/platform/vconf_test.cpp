@@ -223,7 +223,7 @@ struct Slow {
     if (slow.finished == 0) {
       slow.running.count_down();
       slow.go_on.wait();
-      vconf_sync_key(node->keyname);
+      vconf_sync_key(node->keyname);  // a callback may call the store while another thread waits for it
     }
     ++slow.finished;
   }

@@ -11,7 +11,7 @@ inline std::string TextOf(int number) {
          std::string(static_cast<std::size_t>(number) * 7919 % 9000, static_cast<char>('a' + number % 26));
 }
 
-/// The number in the value of a key, 0 if the key is missing, -1 if the value was never written.
+/// The number in the value of a key; 0 if the key is missing; -1 if it cannot be read or was never written.
 inline int NumberIn(const char* path) {
   const auto value = vconf::Get(path);
   if (!value.ok()) return value.status().code() == vconf::Code::kMissing ? 0 : -1;
