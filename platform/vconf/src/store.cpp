@@ -24,10 +24,10 @@ struct Prefix {
 };
 constexpr std::array<Prefix, 3> kPrefixes{{{"db/", false}, {kMemoryPrefix, false}, {"set/", true}}};
 
+// With constant indices the compiler compares without a call.
 const Prefix* PrefixOf(std::string_view path) {
-  const auto* const found =
-      std::find_if(kPrefixes.begin(), kPrefixes.end(), [&](const Prefix& each) { return path.starts_with(each.text); });
-  return found != kPrefixes.end() ? found : nullptr;
+  const auto is = [path](const Prefix& each) { return path.starts_with(each.text) ? &each : nullptr; };
+  return is(kPrefixes[0]) != nullptr ? &kPrefixes[0] : is(kPrefixes[1]) != nullptr ? &kPrefixes[1] : is(kPrefixes[2]);
 }
 
 // What is wrong with a path that `IsPath` refuses, and what to do.

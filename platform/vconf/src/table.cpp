@@ -22,15 +22,18 @@ constexpr std::uint32_t kMaxKeys = layout::kMaxSize / sizeof(Key);
 
 constexpr std::uint32_t WordsOf(std::uint32_t bytes) { return (bytes + 3) / 4; }
 
-// The word at `at`, padded with zeros. A copy of a fixed size is one instruction.
-std::uint32_t WordAt(std::string_view bytes, std::size_t at) {
-  std::uint32_t word = 0;
+// The word at `at`, padded with zeros. A copy of a fixed size is one instruction, so the padding is shifted in.
+template <typename T = std::uint32_t>
+T WordAt(std::string_view bytes, std::size_t at) {
+  static_assert(std::endian::native == std::endian::little);
+  T word = 0;
   if (at + sizeof word <= bytes.size()) {
     std::memcpy(&word, bytes.data() + at, sizeof word);
-    return word;
-  }
-  for (std::size_t i = at; i < bytes.size(); ++i) {
-    word |= std::uint32_t{static_cast<unsigned char>(bytes[i])} << (8 * (i - at));
+  } else if (bytes.size() >= sizeof word) {
+    std::memcpy(&word, bytes.data() + bytes.size() - sizeof word, sizeof word);
+    word >>= 8 * (at + sizeof word - bytes.size());
+  } else {
+    std::memcpy(&word, bytes.data() + at, bytes.size() - at);
   }
   return word;
 }
@@ -79,8 +82,7 @@ std::optional<Value> RawValue::ToValue() && {
 std::uint32_t Table::HashOf(std::string_view path) {
   std::uint64_t hash = path.size();
   for (std::size_t at = 0; at < path.size(); at += 8) {
-    const std::uint64_t high = at + 4 < path.size() ? WordAt(path, at + 4) : 0;
-    hash = (hash ^ (high << 32U) ^ WordAt(path, at)) * 0x9E3779B97F4A7C15U;
+    hash = (hash ^ WordAt<std::uint64_t>(path, at)) * 0x9E3779B97F4A7C15U;
     hash ^= hash >> 32U;
   }
   return static_cast<std::uint32_t>(hash);
@@ -98,21 +100,21 @@ Key* Table::KeyAt(std::uint32_t offset) const {
 }
 
 Key* Table::Find(std::string_view path, std::uint32_t hash, std::uint32_t* offset) const {
+  const auto size = static_cast<std::uint32_t>(path.size());
   std::uint32_t at = region_.header().buckets[hash % layout::kBuckets].load(std::memory_order_acquire);
   for (std::uint32_t steps = 0; steps < kMaxKeys; ++steps) {
-    Key* const key = KeyAt(at);
+    Key* const key = region_.At<Key>(at);
     if (key == nullptr) {
-      return nullptr;
+      break;
     }
-    if (key->hash.load(std::memory_order_acquire) == hash &&
-        key->path_size.load(std::memory_order_relaxed) == path.size()) {
+    if (key->hash.load(std::memory_order_acquire) == hash && key->path_size.load(std::memory_order_relaxed) == size &&
+        region_.At<Key>(at, SizeOfKey(size)) != nullptr) {
       const Word* const words = PathWords(*key);
       std::uint32_t i = 0;
-      const std::uint32_t count = WordsOf(static_cast<std::uint32_t>(path.size()));
-      while (i < count && words[i].load(std::memory_order_acquire) == WordAt(path, std::size_t{4} * i)) {
-        ++i;
+      while (i < size && words[i / 4].load(std::memory_order_acquire) == WordAt(path, i)) {
+        i += 4;
       }
-      if (i == count) {
+      if (i >= size) {
         *offset = at;
         return key;
       }
