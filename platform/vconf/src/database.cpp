@@ -108,11 +108,11 @@ Status CheckDatabase(const Folder& folder, ino_t* inode) {
   return {};
 }
 
-Result<std::unique_ptr<Database>> Database::Connect(const std::string& file, int flags, ino_t inode) {
+Result<std::unique_ptr<Database>> Database::Connect(const std::string& file, int flags) {
   sqlite3* connection = nullptr;
   const int result = sqlite3_open_v2(
       file.c_str(), &connection, flags | SQLITE_OPEN_NOFOLLOW | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_PRIVATECACHE, "unix");
-  std::unique_ptr<Database> database(new Database(connection, file, inode));
+  std::unique_ptr<Database> database(new Database(connection, file));
   if (result != SQLITE_OK) {
     return database->Failure(result);
   }
@@ -143,7 +143,7 @@ Status Database::Make(const Folder& folder, const std::string& name, const std::
   if (!file.ok()) {
     return file.status();
   }
-  auto made = Connect(folder.File(name), SQLITE_OPEN_READWRITE, 0);
+  auto made = Connect(folder.File(name), SQLITE_OPEN_READWRITE);
   if (!made.ok()) {
     return made.status();
   }
@@ -170,7 +170,7 @@ Result<std::unique_ptr<Database>> Database::Open(const Folder& folder, bool writ
   if (Status status = CheckDatabase(folder, &inode); !status.ok()) {
     return status;
   }
-  auto opened = Connect(folder.File(Folder::kDatabase), writable ? SQLITE_OPEN_READWRITE : SQLITE_OPEN_READONLY, inode);
+  auto opened = Connect(folder.File(Folder::kDatabase), writable ? SQLITE_OPEN_READWRITE : SQLITE_OPEN_READONLY);
   if (opened.ok()) {
     // No checkpoint at the last close: the regular checkpoints are sufficient.
     sqlite3_db_config((*opened)->connection_, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
@@ -361,11 +361,8 @@ Status Database::CheckHead() const {
   return sound ? Status() : Damaged(file_);
 }
 
-bool Database::IsCurrent(const Folder& folder) const {
+bool Database::HasIndex(const Folder& folder) const {
   struct stat about = {};
-  if (!folder.Check(Folder::kDatabase, &about).ok() || about.st_ino != inode_) {
-    return false;
-  }
   constexpr off_t kIndexPage = 32768;
   const Status index = folder.Check(std::string(Folder::kDatabase) + "-shm", &about);
   return index.ok() ? about.st_size >= kIndexPage : put_ == nullptr && remove_ == nullptr;

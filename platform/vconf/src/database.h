@@ -54,14 +54,13 @@ class Database {
   /// `kDamaged` if the file no longer begins with the header of a database.
   Status CheckHead() const;
 
-  /// Whether the files are still those that were opened, and not truncated: SQLite maps one of them.
-  bool IsCurrent(const Folder& folder) const;
+  /// Whether the index of the log is there and not truncated, or not needed yet: SQLite maps it.
+  bool HasIndex(const Folder& folder) const;
 
  private:
-  Database(sqlite3* connection, std::string file, ino_t inode)
-      : connection_(connection), file_(std::move(file)), inode_(inode) {}
+  Database(sqlite3* connection, std::string file) : connection_(connection), file_(std::move(file)) {}
 
-  static Result<std::unique_ptr<Database>> Connect(const std::string& file, int flags, ino_t inode);
+  static Result<std::unique_ptr<Database>> Connect(const std::string& file, int flags);
   Status Run(const char* statement);
   Status Prepare(const char* text, sqlite3_stmt** statement);
   Status Query(const char* text, const std::function<Status(sqlite3_stmt*)>& on_row);
@@ -71,7 +70,6 @@ class Database {
 
   sqlite3* connection_;
   const std::string file_;
-  const ino_t inode_;
   sqlite3_stmt* put_ = nullptr;
   sqlite3_stmt* remove_ = nullptr;
 };

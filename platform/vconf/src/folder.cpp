@@ -38,8 +38,6 @@ Descriptor::~Descriptor() {
   }
 }
 
-int Descriptor::Take() { return std::exchange(number_, -1); }
-
 Status SystemFailure(const std::string& file, int error) {
   const auto status = [&](Code code, const std::string& text) { return Status(code, file + ": " + text); };
   switch (error) {

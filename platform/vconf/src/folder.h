@@ -15,13 +15,12 @@ namespace vconf {
 class Descriptor {
  public:
   explicit Descriptor(int number = -1) : number_(number) {}
-  Descriptor(Descriptor&& other) noexcept : number_(other.Take()) {}
+  Descriptor(Descriptor&& other) noexcept : number_(std::exchange(other.number_, -1)) {}
   Descriptor& operator=(Descriptor&& other) noexcept;
   ~Descriptor();
 
   int number() const { return number_; }
   bool is_open() const { return number_ >= 0; }
-  int Take();
 
  private:
   int number_;

@@ -69,7 +69,7 @@ Status Store::Connect(const Region& region) {
     return {Code::kRemoved,
             folder.File(Folder::kDatabase) + ": was removed or replaced while it was in use; restart this program"};
   }
-  if (database_ != nullptr && database_->IsCurrent(folder)) {
+  if (database_ != nullptr && database_->HasIndex(folder)) {
     return database_->CheckHead();
   }
   database_.reset();
