@@ -69,7 +69,8 @@ function show() {
   if (focused && document.activeElement !== focused) { // moved or removed
     (strip.contains(focused) ? focused : tabOf(state.selected ?? "")).focus({ preventScroll: true });
   }
-  byId("conversation").setAttribute("aria-labelledby", tabOf(state.selected ?? "").id);
+  const named = state.pages.has(state.selected) ? tabOf(state.selected) : all; // a new console has no tab yet
+  byId("conversation").setAttribute("aria-labelledby", named.id);
   fillSelect(menu, [...tabs].map(([id, { textContent }]) => ({ value: id, text: textContent })));
   menu.value = state.selected ?? "";
   showRoom();
