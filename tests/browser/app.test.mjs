@@ -91,28 +91,38 @@ describe("pages and their plug-ins", () => {
     await Promise.all([caption(first, "visible"), caption(second, "visible")]);
   });
 
-  it("lose no message but the one that the desk refuses", async () => {
+  it("lose no message but the one that the desk refuses, also when the connection is lost", async () => {
     const page = await openApp();
     const outcome = await page.evaluate(async () => {
       const embed = document.querySelector("embed");
       const refused = "\ud800"; // half of a surrogate pair
-      const write = (value) => embed.postMessage({ command: "setMenuValue", propertyKey: 0, value });
+      const key = { propertyKey: 1 }; // the application does not read it
+      const write = (value) => embed.postMessage({ command: "setMenuValue", ...key, value });
+      const heard = [];
+      const on = (listen) => embed.addEventListener("message", ({ data }) => { if (data.command) listen(data.value); });
+      on((value) => heard.push(value));
+      const [one, two, four] = [1, 2, 4].map((last) => new Promise((done) => on((value) => value === last && done())));
+      const { send } = WebSocket.prototype;
+      let socket;
+      WebSocket.prototype.send = function (text) { send.call(socket = this, text); };
       write(1);
+      await one;
       embed.postMessage(refused);
       write(2);
-      const { value } = embed.postMessageAndAwaitResponse({ command: "getMenuValue", propertyKey: 0 });
+      const { value } = embed.postMessageAndAwaitResponse({ command: "getMenuValue", ...key });
+      await two;
+      socket.close();
       write(3);
       embed.postMessage(refused);
       write(4);
-      await new Promise((resolve) =>
-        embed.addEventListener("message", ({ data }) => { if (data.value === 4) resolve(); }));
+      await four;
       try {
         return embed.postMessageAndAwaitResponse(refused);
       } catch (error) {
-        return [value, error.name];
+        return [value, heard, error.name];
       }
     });
-    assert.deepEqual(outcome, [2, "TypeError"]);
+    assert.deepEqual(outcome, [2, [1, 2, 3, 4], "TypeError"]);
   });
 
   it("end every waiting call when the plug-in dies", async () => {

@@ -75,6 +75,7 @@ export const STATES = [
     await talk(page);
     await desk.damage();
     await page.reload();
+    await page.locator("main[aria-busy=false]").waitFor();
     await page.getByRole("alert").filter({ hasText: "The store is damaged" }).waitFor();
   } },
   { name: "desk-gone", show: async (page, desk) => {
