@@ -26,8 +26,10 @@ constexpr std::array<Prefix, 3> kPrefixes{{{"db/", false}, {kMemoryPrefix, false
 
 // With constant indices the compiler compares without a call.
 const Prefix* PrefixOf(std::string_view path) {
-  const auto is = [path](const Prefix& each) { return path.starts_with(each.text) ? &each : nullptr; };
-  return is(kPrefixes[0]) != nullptr ? &kPrefixes[0] : is(kPrefixes[1]) != nullptr ? &kPrefixes[1] : is(kPrefixes[2]);
+  const auto at = [path](const Prefix& each) { return path.starts_with(each.text) ? &each : nullptr; };
+  const Prefix* const first = at(kPrefixes[0]);
+  const Prefix* const second = at(kPrefixes[1]);
+  return first != nullptr ? first : second != nullptr ? second : at(kPrefixes[2]);
 }
 
 // What is wrong with a path that `IsPath` refuses, and what to do.
