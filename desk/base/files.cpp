@@ -14,7 +14,6 @@
 #include "base/unique_fd.h"
 
 namespace desk {
-namespace {
 
 bool WriteAll(int fd, std::string_view bytes) {
   while (!bytes.empty()) {
@@ -26,8 +25,6 @@ bool WriteAll(int fd, std::string_view bytes) {
   }
   return true;
 }
-
-}  // namespace
 
 vconf::Status FileStatus(int error, const std::string& file) {
   const auto code = [error] {

@@ -10,6 +10,9 @@ namespace desk {
 /// The failure of a call on `file` that left `error` in errno.
 vconf::Status FileStatus(int error, const std::string& file);
 
+/// Writes all of `bytes` to `fd`; false after an error, which is in errno.
+bool WriteAll(int fd, std::string_view bytes);
+
 /// All bytes of a regular file.
 vconf::Result<std::string> ReadFile(const std::string& file);
 

@@ -59,6 +59,8 @@ std::string_view HostOf(std::string_view origin) {
   return scheme == std::string_view::npos ? std::string_view() : origin.substr(scheme + 3);
 }
 
+}  // namespace
+
 std::string MakeToken() {
   constexpr std::string_view kDigits = "0123456789abcdef";
   std::random_device random;
@@ -68,8 +70,6 @@ std::string MakeToken() {
   }
   return token;
 }
-
-}  // namespace
 
 bool IsLoopbackHost(std::string_view host) {
   const std::string name = NameOf(host);

@@ -51,6 +51,9 @@ class OriginCheck {
   bool elsewhere_;
 };
 
+/// 32 random hexadecimal digits, which others cannot guess.
+std::string MakeToken();
+
 /// Reads the token from the folder `store`, or creates it: a file that only its owner may read.
 vconf::Result<std::string> KeptToken(const std::string& store);
 

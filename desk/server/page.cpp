@@ -4,10 +4,9 @@
 
 #include <algorithm>
 #include <cstring>
-#include <random>
-#include <sstream>
 #include <utility>
 
+#include "server/origin.h"
 #include "set/catalog.h"
 #include "set/simulated_set.h"
 #include "vconf_control.h"
@@ -24,14 +23,6 @@ constexpr int kLastLines = 5;
 std::int64_t NowInMilliseconds() {
   using std::chrono::duration_cast;
   return duration_cast<std::chrono::milliseconds>(std::chrono::system_clock::now().time_since_epoch()).count();
-}
-
-// The page's number, for people, and a part that other clients cannot guess.
-std::string MakeId(int number) {
-  std::random_device random;
-  std::ostringstream id;
-  id << 'p' << number << '-' << std::hex << random() << random();
-  return id.str();
 }
 
 // The value of the member `name` of `json`, as JSON text; empty if there is none.
@@ -81,7 +72,7 @@ Json DescribeEnd(int wait_status, const Json& last_log) {
 Page::Page(boost::asio::io_context& loop, int number, PageDescription description, const HostCommand& command,
            EventLog& events, Owner& owner)
     : number_(number),
-      id_(MakeId(number)),
+      id_("p" + std::to_string(number) + "-" + MakeToken()),
       description_(std::move(description)),
       since_(NowInMilliseconds()),
       events_(events),
