@@ -234,7 +234,10 @@ TEST_F(VconfChangeTest, IgnoreWaitsForARunningCallback) {
   ASSERT_GE(vconf_notify_key_changed("db/a", Slow::Call, &slow), 0);
   vconf_set_int("db/a", 1);
   slow.running.wait();
-  std::thread releaser([&] { slow.go_on.count_down(); });
+  std::thread releaser([&, ending = "/proc/self/task/" + std::to_string(gettid()) + "/stat"] {
+    while (Contents(ending).find(") S ") == std::string::npos) std::this_thread::yield();
+    slow.go_on.count_down();
+  });
   EXPECT_GE(vconf_ignore_key_changed("db/a", Slow::Call), 0);
   EXPECT_EQ(slow.finished, 1);
   releaser.join();
