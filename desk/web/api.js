@@ -27,8 +27,10 @@ export function addressOf(path) {
   return `${path}${path.includes("?") ? "&" : "?"}token=${encodeURIComponent(token)}`;
 }
 
-async function request(method, path, body) {
-  const options = { method };
+const ANSWER_LIMIT = 30_000; // in milliseconds; the store itself waits five seconds for a busy disk
+
+async function request(method, path, body, signal = AbortSignal.timeout(ANSWER_LIMIT)) {
+  const options = { method, signal };
   if (body !== undefined) {
     options.headers = { "Content-Type": "application/json" };
     options.body = JSON.stringify(body);
@@ -67,5 +69,5 @@ export function inOrder() {
 /** The address of the key at `path`, which may contain any character. */
 export const keyAddress = (path) => `/api/store/${encodeURIComponent(path)}`;
 
-/** Sends `{send: M}` or `{post: M}` to the plug-in of a page. */
-export const say = (page, message) => post(`/api/pages/${page}/messages`, message);
+/** Sends `{send: M}` or `{post: M}` to the plug-in of a page. It waits as long as the delay that the set has for the command. */
+export const say = (page, message) => request("POST", `/api/pages/${page}/messages`, message, null);

@@ -59,20 +59,20 @@ function show() {
     tab.title = `${page.title}\n${page.url}`;
     return tab;
   })];
+  const chosenTab = state.pages.has(state.selected) ? tabOf(state.selected) : all; // a new console has no tab yet
   for (const [place, tab] of shown.entries()) {
     if (strip.children[place] !== tab) strip.insertBefore(tab, strip.children[place] ?? null);
-    const chosen = tab === tabOf(state.selected ?? "");
+    const chosen = tab === chosenTab;
     if (chosen && tab.getAttribute("aria-selected") !== "true") requestAnimationFrame(() => tab.scrollIntoView({ block: "nearest", inline: "nearest" }));
     tab.setAttribute("aria-selected", String(chosen));
     tab.tabIndex = chosen ? 0 : -1;
   }
   if (focused && document.activeElement !== focused) { // moved or removed
-    (strip.contains(focused) ? focused : tabOf(state.selected ?? "")).focus({ preventScroll: true });
+    (strip.contains(focused) ? focused : chosenTab).focus({ preventScroll: true });
   }
-  const named = state.pages.has(state.selected) ? tabOf(state.selected) : all; // a new console has no tab yet
-  byId("conversation").setAttribute("aria-labelledby", named.id);
+  byId("conversation").setAttribute("aria-labelledby", chosenTab.id);
   fillSelect(menu, [...tabs].map(([id, { textContent }]) => ({ value: id, text: textContent })));
-  menu.value = state.selected ?? "";
+  menu.value = state.pages.has(state.selected) ? state.selected : "";
   showRoom();
   showChosen();
 }

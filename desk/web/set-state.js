@@ -6,15 +6,15 @@ import { changed, state } from "./state.js";
 let current = null; // the running reading
 let next = null; // the one after it
 
-async function read() {
-  await attempt("set", async () => {
+function read() {
+  return attempt("set", async () => {
     const [set, faults, { scenarios }] = await Promise.all(["set", "faults", "scenarios"].map((part) => api.get(`/api/${part}`)));
     Object.assign(state, { set, faults, scenarios });
     changed("set", "faults", "scenarios");
   });
 }
 
-/** Resolves when the state at the time of the call, or a later one, has been read. */
+/** Resolves when the state at the time of the call, or a later one, has been read; with false if that failed. */
 export function readSet() {
   if (!current) {
     current = read().finally(() => { current = null; });

@@ -49,13 +49,13 @@ observe(["set", "desk"], () => {
 /** Changes a part of the set. If this is false, the failure has been reported and the page shows the unchanged set. */
 export async function change(part) {
   ++underWay;
-  const good = await inOrder(() => attempt("set", async () => {
-    await api.patch("/api/set", part);
-    await readSet(); // not the answer, which a reading that began earlier would replace
-  }));
-  --underWay;
-  changed("set");
-  return good;
+  try {
+    // The answer is not used: a reading that began earlier could replace it.
+    return await inOrder(() => attempt("set", () => api.patch("/api/set", part))) && await readSet();
+  } finally {
+    --underWay;
+    changed("set");
+  }
 }
 
 byId("b2b").onchange = () => change({ b2b: JSON.parse(byId("b2b").value) });
@@ -88,8 +88,5 @@ byId("reset").onclick = async () => {
   const sure = await ask("Reset the set?", "All settings and lists get their initial values, and all faults and delays are cleared. Saved scenarios stay: " +
       "save one first to be able to come back. Pages stay open.", "Reset the set");
   if (!sure) return;
-  await attempt("set", async () => {
-    await api.post("/api/reset");
-    await readSet();
-  });
+  if (await inOrder(() => attempt("set", () => api.post("/api/reset")))) await readSet();
 };

@@ -103,8 +103,8 @@ export class SettingRow {
     this.shown = value;
     const put = () => attempt(`store ${this.path}`, () => api.put(api.keyAddress(this.path), { value }));
     if (await this.inOrder(put)) return;
-    this.written = [];
-    this.showInField(this.value);
+    this.written = this.written.slice(this.written.indexOf(value) + 1);
+    if (!this.written.length) this.showInField(this.value);
   }
 
   showWatchers(pages) {
@@ -170,7 +170,7 @@ export class SettingRow {
   async remove() {
     const name = this.setting.name ? shortName(this.setting) : this.path;
     if (!await ask(`Remove ${name}?`, `This removes the key ${this.path} and its value for all programs.`, "Remove it")) return;
-    await attempt(`store ${this.path}`, () => api.remove(api.keyAddress(this.path)));
+    await this.inOrder(() => attempt(`store ${this.path}`, () => api.remove(api.keyAddress(this.path))));
   }
 
   flash() {
