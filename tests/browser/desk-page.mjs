@@ -8,10 +8,10 @@ export const openDesk = async (page, url) => {
 };
 
 export const openConsole = async (page) => {
-  const consoles = page.getByRole("tab", { name: /^#\d+ Console$/ });
-  const earlier = await consoles.count();
+  const chosen = page.locator("#pages [aria-selected=true]");
+  const earlier = await page.locator("#pages [role=tab]").evaluateAll((tabs) => tabs.map(({ id }) => id));
   await page.getByRole("button", { name: "+ Console" }).click();
-  await consoles.nth(earlier).and(page.locator("[aria-selected=true]")).waitFor();
+  await chosen.filter({ hasText: / Console$/ }).and(page.locator(earlier.map((id) => `:not(#${id})`).join(""))).waitFor();
 };
 
 /** The rows of the dialogue that contain `text`. */
