@@ -73,6 +73,7 @@ export class Desk {
     desk.lines = [];
     const lines = createInterface(desk.child.stdout).on("line", (line) => desk.lines.push(line) === 3 && lines.close());
     await within(once(lines, "close"), `three lines of ${run}`, () => desk.lines);
+    if (limits.length) desk.child.stdout.pipe(process.stderr, { end: false });
     for (const one of [desk.child, desk.child.stdin, desk.child.stdout]) one.unref();
     const link = /:(\d+)\/(?:\?token=(\w+))?$/.exec(desk.lines[0]);
     desk.port = Number(link?.[1]);
