@@ -321,10 +321,8 @@ Status Database::WriteRow(const Row& row, std::uint64_t number) {
 
 Status Database::WriteRows(const std::vector<Row>& rows, std::uint64_t number) {
   const bool removes = std::none_of(rows.begin(), rows.end(), [](const Row& row) { return row.value.has_value(); });
-  if (rows.size() == 1 && !removes) {
-    return WriteRow(rows.front(), number);
-  }
-  Status status = Run("BEGIN IMMEDIATE");
+  const bool alone = rows.size() == 1 && !removes;  // commits by itself
+  Status status = alone ? Status() : Run("BEGIN IMMEDIATE");
   for (const Row& row : rows) {
     if (status.ok()) {
       status = WriteRow(row, number);
@@ -333,9 +331,10 @@ Status Database::WriteRows(const std::vector<Row>& rows, std::uint64_t number) {
   if (status.ok() && removes) {
     status = WriteRow({kRemoval, 0}, number);
   }
-  if (status.ok()) {
+  if (status.ok() && !alone) {
     status = Run("COMMIT");
   }
+  may_be_in_log_ = may_be_in_log_ || (!status.ok() && (sqlite3_errcode(connection_) & 0xff) == SQLITE_IOERR);
   if (!status.ok() && sqlite3_get_autocommit(connection_) == 0) {
     static_cast<void>(Run("ROLLBACK"));
   }
@@ -343,6 +342,7 @@ Status Database::WriteRows(const std::vector<Row>& rows, std::uint64_t number) {
 }
 
 Status Database::Write(const std::vector<Row>& rows, std::uint64_t number) {
+  may_be_in_log_ = false;
   Status status = WriteRows(rows, number);
   if (status.code() == Code::kFull) {
     // On a full disk the log has space again after its content was copied to the database.

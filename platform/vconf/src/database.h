@@ -43,9 +43,12 @@ class Database {
   /// `kDamaged` if `number`, the last commit in the database, is less than `known`: the log has lost commits.
   Status CheckNumber(std::uint64_t number, std::uint64_t known) const;
 
-  /// One commit, also without rows. Durable when it returns. After a failure it is not visible here, but
-  /// if the sync failed, it may be when the database is opened anew, unless another commit is made before.
+  /// One commit, also without rows. Durable when it returns. After a failure it is not visible here.
   Status Write(const std::vector<Row>& rows, std::uint64_t number);
+
+  /// Whether the last `Write` failed when it wrote or synced the log. Then the commit may be visible when the database
+  /// is opened anew, unless another commit is made before.
+  bool may_be_in_log() const { return may_be_in_log_; }
 
   /// Extends the log to its size before a checkpoint. A sync of a file that does not grow is one write to the disk
   /// instead of several, and the space stays available if the disk gets full.
@@ -72,6 +75,7 @@ class Database {
   const std::string file_;
   sqlite3_stmt* put_ = nullptr;
   sqlite3_stmt* remove_ = nullptr;
+  bool may_be_in_log_ = false;
 };
 
 /// Whether the file of `folder` has the header of a database of this store. The failure is the one that opening it

@@ -45,11 +45,11 @@ Status Store::ChangeOnDisk(Region& region, const Plan& plan) {
     }
     header.committing = kCommitting;  // with the lock held, so that no `Sweep` frees what is prepared
   }
-  // After a failure only the database has the outcome of the commit, so the next change reads it. A commit whose sync
-  // failed may be complete in the log.
   const std::uint64_t number = header.published + 1;
   status = database_->Write(rows, number);
   if (!status.ok()) {
+    // If the outcome is not known, the next change reads it from the database.
+    header.committing = database_->may_be_in_log() ? kCommitting : 0;
     return status;
   }
   Publisher publisher(region);
@@ -91,12 +91,15 @@ Status Store::Recover(Region& region) {
   layout::Header& header = region.header();
   header.committing = kRecovering;
   Status status = PublishFromDisk(region);
+  header.committing = kCommitting;
   // A commit whose sync failed may be in the log behind its end, where SQLite finds it when it opens the log anew.
   // Another commit overwrites it.
   const std::uint64_t number = header.published + 1;
   status = status.ok() ? database_->Write({}, number) : std::move(status);
-  header.published = status.ok() ? number : header.published.load();
-  header.committing = status.ok() ? 0 : kCommitting;
+  if (status.ok()) {
+    header.published = number;
+    header.committing = 0;
+  }
   return status;
 }
 

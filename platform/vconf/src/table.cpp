@@ -104,10 +104,11 @@ Key* Table::Find(std::string_view path, std::uint32_t hash, std::uint32_t* offse
   std::uint32_t at = region_.header().buckets[hash % layout::kBuckets].load(std::memory_order_acquire);
   for (std::uint32_t steps = 0; steps < kMaxKeys; ++steps) {
     Key* const key = region_.At<Key>(at);
-    if (key == nullptr) {
-      break;
+    const std::uint32_t found = key != nullptr ? key->path_size.load(std::memory_order_acquire) : UINT32_MAX;
+    if (found > layout::kMaxName) {
+      break;  // as `Sweep`, which would free what is behind
     }
-    if (key->hash.load(std::memory_order_acquire) == hash && key->path_size.load(std::memory_order_relaxed) == size &&
+    if (found == size && key->hash.load(std::memory_order_acquire) == hash &&
         region_.At<Key>(at, SizeOfKey(size)) != nullptr) {
       const Word* const words = PathWords(*key);
       std::uint32_t i = 0;
