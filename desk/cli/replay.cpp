@@ -64,7 +64,11 @@ int ReplayInChild(const std::string& file, const ReplayOptions& options, const S
       _exit(kCannotWork);
     }
     dlog::SetThreshold(options.log_level);
-    std::exit(WithCheckedOutput([&] { return ReplayOne(file, options.plugin, folder.path() / "store"); }));
+    try {
+      std::exit(WithCheckedOutput([&] { return ReplayOne(file, options.plugin, folder.path() / "store"); }));
+    } catch (...) {
+      std::abort();  // a crash of the replay; the folder is the parent's
+    }
   }
   const UniqueFd child_exit(child > 0 ? pidfd_open(child, 0) : -1);
   std::string error = child_exit ? "" : std::strerror(errno);

@@ -59,9 +59,10 @@ Pipe MakePipe() {
   sigemptyset(&none);
   sigprocmask(SIG_SETMASK, &none, nullptr);
   std::signal(SIGPIPE, SIG_DFL);
-  // Without close_range, connections would stay open in the child after the desk has closed them.
-  if (dup2(input, STDIN_FILENO) >= 0 && dup2(output, STDOUT_FILENO) >= 0 && dup2(log, STDERR_FILENO) >= 0 &&
-      close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC) == 0) {
+  if (dup2(input, STDIN_FILENO) >= 0 && dup2(output, STDOUT_FILENO) >= 0 && dup2(log, STDERR_FILENO) >= 0) {
+    // Otherwise connections would stay open in the child after the desk has closed them. Where the kernel or a sandbox
+    // does not allow this call, the desk works nevertheless.
+    static_cast<void>(close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC));
     execv(arguments[0], arguments);
   }
   const char* const cause = strerrordesc_np(errno);
