@@ -90,7 +90,7 @@ async function measureChromium(bare) {
     const timed = (what) => { const begin = performance.now(); what(); return performance.now() - begin; };
     const many = (what) => () => { for (let i = 0; i < reads; ++i) what(); };
     const found = { call: [], bare: [], known: [], unknown: [], calls: [], bares: [] };
-    // In changing orders, so that none always follows the same other one.
+    // In changing orders, so that no call always follows the same one.
     const orders = [[call, bare, known, unknown], [unknown, known, bare, call], [bare, call, unknown, known]];
     for (let i = 0; i < 350; ++i) {
       for (const what of orders[i % 3]) {

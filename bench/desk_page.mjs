@@ -7,7 +7,7 @@ import { Desk } from "../tests/desk/desk.mjs";
 const PAGES = 64;
 const RATE = 1000; // rows of the dialogue in a second
 const TICK = 50; // milliseconds between two bursts
-const GROUP = 10; // pages that send in one burst; the next burst is sent by the next ones
+const GROUP = 10; // pages that send in one burst; the next ten send the next burst
 const WARM_UP = 5; // seconds
 const MEASURED = 15; // seconds
 const sleep = (seconds) => new Promise((resolve) => setTimeout(resolve, 1000 * seconds));

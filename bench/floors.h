@@ -23,7 +23,7 @@ class SpinPartner {
   SpinPartner& operator=(const SpinPartner&) = delete;
   ~SpinPartner();
 
-  /// Hands over and waits, spinning, for the hand-over back.
+  /// Hands over, and spins until the partner hands back.
   void Ask() {
     turn_.store(kPartner, std::memory_order_release);
     while (turn_.load(std::memory_order_acquire) != kAsker) {

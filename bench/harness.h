@@ -13,7 +13,7 @@ namespace bench {
 
 using Clock = std::chrono::steady_clock;
 
-/// How long is measured. The quick effort is for checking that everything works; its figures are rough.
+/// How long each measurement takes. The quick effort is for checking that everything works; its figures are rough.
 struct Effort {
   int rounds;                        ///< how often each measurement of a comparison is repeated
   std::chrono::milliseconds sample;  ///< how long one measurement of a short operation lasts
