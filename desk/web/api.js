@@ -69,5 +69,5 @@ export function inOrder() {
 /** The address of the key at `path`, which may contain any character. */
 export const keyAddress = (path) => `/api/store/${encodeURIComponent(path)}`;
 
-/** Sends `{send: M}` or `{post: M}` to the plug-in of a page. It waits as long as the delay that the set has for the command. */
+/** Sends `{send: M}` or `{post: M}` to the plug-in of a page. Waits without limit: the set may delay the command. */
 export const say = (page, message) => request("POST", `/api/pages/${page}/messages`, message, null);
