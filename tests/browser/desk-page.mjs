@@ -9,6 +9,7 @@ export const openDesk = async (page, url) => {
 
 export const openConsole = async (page) => {
   const chosen = page.locator("#pages [aria-selected=true]");
+  await page.locator("#tab-all").waitFor({ state: "attached" }); // all tabs are drawn in one frame
   const earlier = await page.locator("#pages [role=tab]").evaluateAll((tabs) => tabs.map(({ id }) => id));
   await page.getByRole("button", { name: "+ Console" }).click();
   await chosen.filter({ hasText: / Console$/ }).and(page.locator(earlier.map((id) => `:not(#${id})`).join(""))).waitFor();
