@@ -27,7 +27,7 @@ export function addressOf(path) {
   return `${path}${path.includes("?") ? "&" : "?"}token=${encodeURIComponent(token)}`;
 }
 
-const ANSWER_LIMIT = 30_000; // in milliseconds; the store itself waits five seconds for a busy disk
+const ANSWER_LIMIT = 120_000; // in milliseconds; several writes may each wait five seconds for a busy store
 
 async function request(method, path, body, signal = AbortSignal.timeout(ANSWER_LIMIT)) {
   const options = { method, signal };

@@ -41,7 +41,7 @@ export class Rows {
     this.list.addEventListener("click", ({ target }) => { top = target.getBoundingClientRect().top; }, { capture: true });
     this.list.addEventListener("click", ({ target }) => {
       this.scroller.scrollTop += target.getBoundingClientRect().top - top;
-      target.closest("li").scrollIntoView({ block: "nearest" });
+      target.closest("li")?.scrollIntoView({ block: "nearest" });
     });
   }
 

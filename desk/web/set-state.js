@@ -7,7 +7,7 @@ let current = null; // the running reading
 let next = null; // the one after it
 
 function read() {
-  return attempt("set", async () => {
+  return attempt("reading the set", async () => {
     const [set, faults, { scenarios }] = await Promise.all(["set", "faults", "scenarios"].map((part) => api.get(`/api/${part}`)));
     Object.assign(state, { set, faults, scenarios });
     changed("set", "faults", "scenarios");
