@@ -101,12 +101,12 @@ std::vector<Row> ReadRow(const Effort& effort) {
   const auto ours = [&] {
     return PerCall(effort, [&] {
       int value = -1;
-      vconf_get_int(paths[++turn % kKeys].c_str(), &value);
+      if (vconf_get_int(paths[++turn % kKeys].c_str(), &value) != 0) throw std::runtime_error("a read failed");
       sum += value;
     });
   };
   Row row = AtMost("`vconf_get_int`, one key after another", "LMDB read", Compare(effort, floor, ours), 1);
-  if (sum <= 0) throw std::runtime_error("a read failed");
+  if (sum <= 0) throw std::runtime_error("the reads gave no values");
   return {std::move(row)};
 }
 
@@ -235,6 +235,7 @@ std::vector<Row> EventRows(const Effort& effort) {
     std::atomic<Clock::time_point> taken{Clock::time_point()};
     // `seen` is read before the first wake-up, and again before each value is taken, so no later wake-up is missed.
     std::jthread taker([&, seen = words.Wakeups()](const std::stop_token& stop) mutable {
+      const std::stop_callback wake(stop, [&] { words.WakeAll(); });
       while (true) {
         words.Await(seen);
         if (stop.stop_requested()) return;
@@ -256,8 +257,6 @@ std::vector<Row> EventRows(const Effort& effort) {
     };
     rows.push_back(AtMost(key + "another process", "hand-over between two processes: slot, robust lock, futex",
                           Compare(effort, hand_over, other), 1.5));
-    taker.request_stop();
-    words.WakeAll();
   }
   return rows;
 }
