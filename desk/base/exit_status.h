@@ -4,7 +4,7 @@
 
 namespace desk {
 
-/// The exit statuses of all programs, which scripts rely on.
+/// The exit statuses of all commands, which scripts rely on.
 enum ExitStatus : int {
   kDone = 0,
   kRefused = 1,     ///< refused or not as expected: no such key, an invalid line, a replay that differs

@@ -2,8 +2,8 @@
 
 #include <string>
 
-/// Default paths. The program and its libraries are found relative to the executable, so a build folder works like an
-/// installation.
+/// The paths of the store and of what is installed. The latter is found relative to the running executable, so a build
+/// folder works like an installation.
 namespace desk {
 
 /// `MIRADO_STORE`, else `mirado/store` in the user's state directory; empty if the user has none.
@@ -12,10 +12,10 @@ std::string DefaultStore();
 /// `MIRADO_PLUGIN`, else `libmirado.so` beside the platform's libraries.
 std::string DefaultPlugin();
 
-/// The program `mirado`.
+/// The path of the program `mirado`, also in another executable such as a test.
 std::string MiradoProgram();
 
-/// The files that the desk serves.
+/// The folder of the files that the desk serves.
 std::string WebFolder();
 
 }  // namespace desk

@@ -6,12 +6,12 @@
 
 namespace desk {
 
-/// Tells that the program has to exit: because of SIGINT, SIGTERM or SIGHUP (unless it is ignored, as under nohup), or
-/// because of `Raise`.
+/// Tells whether the program has to exit: because of SIGINT, SIGTERM or SIGHUP (unless SIGHUP is ignored, as under
+/// nohup), or because of `Raise`.
 ///
 /// Must be created before any other thread: it blocks the signals in the calling thread, and threads inherit that. To
-/// be destroyed on the same thread: a SIGHUP ends the process there. Every other function may be called on any thread.
-/// The constructor throws `std::system_error` if no descriptor is free.
+/// be destroyed on the same thread: it unblocks SIGHUP, so one that was received ends the process there. Every other
+/// function may be called on any thread. The constructor throws `std::system_error` if no descriptor is free.
 class ShutdownSignal {
  public:
   ShutdownSignal();
@@ -28,7 +28,7 @@ class ShutdownSignal {
   bool WaitFor(int fd, std::chrono::milliseconds limit = std::chrono::milliseconds(-1)) const;
 
  private:
-  // Neither of the two is ever read, so both stay readable.
+  // Neither of the two is ever read, so each stays readable.
   UniqueFd signals_;
   UniqueFd raised_;
 };

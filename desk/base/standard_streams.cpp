@@ -17,7 +17,7 @@ namespace desk {
 void PrepareStandardStreams() {
   for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
     if (fcntl(stream, F_GETFD) < 0) {
-      // Takes the lowest number, which is that of the stream.
+      // Opened in the wrong direction, so that using it still fails. `open` takes the lowest free number: the stream's.
       if (open("/dev/null", stream == STDIN_FILENO ? O_WRONLY : O_RDONLY) < 0) {
         throw std::system_error(errno, std::generic_category(), "/dev/null cannot be opened");
       }

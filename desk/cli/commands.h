@@ -13,8 +13,8 @@
 #include "cli/options.h"
 #include "vconf_control.h"
 
-/// The commands of `mirado`. Each `Add…` adds one to the parser. The command that the user gives sets `run`, which
-/// returns the exit status.
+/// The commands of `mirado`. Each `Add…Command` adds its commands to the parser. The command that the user gives sets
+/// `run`, which returns the exit status.
 namespace desk::cli {
 
 using Run = std::function<int()>;
@@ -40,11 +40,11 @@ struct StoreOption {
   std::string folder;
   const CLI::Option* option = nullptr;
 
-  /// Whether the user named it with --store or MIRADO_STORE.
+  /// Whether the user gave the folder with --store or MIRADO_STORE.
   bool IsNamed() const;
 };
 
-/// Adds `--store` to `command`; the result receives its value.
+/// Adds `--store` to `command`. `store` receives its value, and must exist until the command line has been parsed.
 void AddStoreOption(CLI::App& command, StoreOption& store);
 
 /// Adds `--json` to `command`.
@@ -53,17 +53,17 @@ void AddJsonOption(CLI::App& command, bool& json);
 /// What a command does if the store does not exist.
 enum class IfMissing {
   kCreate,  ///< creates it with a new set
-  kFail,    ///< fails if the user named it, otherwise creates it
+  kFail,    ///< creates only the default store; fails for a folder that the user gave
 };
 
-/// Opens the store and runs `work` on it. Failures are printed to stderr.
+/// Opens the store and runs `work` on it. Failures are printed to stderr. Returns the exit status.
 int WithStore(const StoreOption& store, IfMissing if_missing, const std::function<vconf::Status()>& work);
 
 /// Prints one line of JSON that is safe on a terminal.
 void PrintJson(const Json& json);
 
-/// A key as it is typed: a path, or a setting by its number in the menu's table or its constant, of which MENU_KEY_ and
-/// MIRADO_KEY_ may be left out.
+/// A key as it is typed: a path; a setting's constant, with or without its prefix MENU_KEY_ or MIRADO_KEY_; or the
+/// number of a MENU_KEY_ setting.
 vconf::Result<std::string> PathFromArgument(const std::string& argument);
 
 /// If `path` is not in `known`, prints a warning on stderr: the path, `what`, and the most similar known path.

@@ -1,6 +1,7 @@
-// A long list. While it is scrolled to its end, only the last rows are in the document; while it is scrolled up, all of
-// them. Then nothing moves, and a button shows the number of new rows. The style sheet lays the list out from its end,
-// so the browser keeps the end visible, and adding or removing rows at the top moves nothing.
+// A long list. While it is scrolled to its end, only the last rows are in the document. While it is scrolled up, all
+// rows up to that moment are, nothing moves, and a button shows the number of newer ones. The style sheet lays the list
+// out from its end (column-reverse): `scrollTop` is 0 at the end and negative above, so the browser keeps the end
+// visible.
 import { make } from "./dom.js";
 
 export const MAX_ROWS = 1000;

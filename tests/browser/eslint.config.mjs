@@ -1,4 +1,4 @@
-// One style for all JavaScript; script/test checks it, and so does, from the top folder,
+// One style for all JavaScript, which script/test checks. To correct the files, from the top folder:
 // `tests/browser/node_modules/.bin/eslint --config tests/browser/eslint.config.mjs --fix .`
 import js from "@eslint/js";
 import stylistic from "@stylistic/eslint-plugin";
