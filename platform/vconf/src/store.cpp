@@ -24,12 +24,10 @@ struct Prefix {
 };
 constexpr std::array<Prefix, 3> kPrefixes{{{"db/", false}, {kMemoryPrefix, false}, {"set/", true}}};
 
-// With constant indices the compiler compares without a call.
 const Prefix* PrefixOf(std::string_view path) {
-  const auto at = [path](const Prefix& each) { return path.starts_with(each.text) ? &each : nullptr; };
-  const Prefix* const first = at(kPrefixes[0]);
-  const Prefix* const second = at(kPrefixes[1]);
-  return first != nullptr ? first : second != nullptr ? second : at(kPrefixes[2]);
+  const auto* const found =
+      std::find_if(kPrefixes.begin(), kPrefixes.end(), [&](const Prefix& each) { return path.starts_with(each.text); });
+  return found != kPrefixes.end() ? found : nullptr;
 }
 
 // What is wrong with a path that `IsPath` refuses, and what to do.

@@ -95,7 +95,9 @@ Status Store::Recover(Region& region) {
   // A commit whose sync failed may be in the log behind its end, where SQLite finds it when it opens the log anew.
   // Another commit overwrites it.
   const std::uint64_t number = header.published + 1;
-  status = status.ok() ? database_->Write({}, number) : std::move(status);
+  if (status.ok()) {
+    status = database_->Write({}, number);
+  }
   if (status.ok()) {
     header.published = number;
     header.committing = 0;
