@@ -139,7 +139,7 @@ TEST_F(CliTest, SettingThePrintedTextRestoresTheValue) {
       {R"("open)", R"("\"open")"},
       {"C:\\x\t\xd8\x9c\xe2\x81\xa6\xe2\x81\xa9", R"("C:\\x\t\u061c\u2066\u2069")"},
       {"\x1b]0;title\a\x7f", R"("\u001b]0;title\u0007\u007f")"},
-      {"F\xc3\xbcnf \xc2\x9bJ " + RightToLeft(), R"("Fünf \u009bJ \u202e")"},
+      {"F\xc3\xbcnf \xc2\x9fJ " + RightToLeft(), R"("Fünf \u009fJ \u202e")"},
       {"\xff \xc3 \xed\xa0\x80 \xf0\x9f\x98\x80", R"("\xff \xc3 \xed\xa0\x80 😀")"},
   };
   for (const Case& each : cases) {
