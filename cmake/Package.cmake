@@ -27,9 +27,9 @@ libraries to link and a configuration for CMake.")
 
 # Required by Debian: the licence and the changelog.
 foreach(component_and_package runtime:mirado development:mirado-dev)
-  string(REPLACE ":" ";" parts ${component_and_package})
-  list(GET parts 0 component)
-  list(GET parts 1 package)
+  string(REPLACE ":" ";" pair ${component_and_package})
+  list(GET pair 0 component)
+  list(GET pair 1 package)
   install(FILES ${PROJECT_SOURCE_DIR}/cmake/debian/copyright DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${package}
           COMPONENT ${component})
   mirado_install_compressed(changelog ${CMAKE_INSTALL_DATADIR}/doc/${package} ${component}

@@ -12,9 +12,9 @@ endif()
 
 foreach(service_and_header dlog:dlog.h handler:pp_base_message_handler.h panelbase:panelbase.h ppapi:ppapi/cpp/module.h
                            prefdeck:prefdeck.h system_info:system_info.h vconf:vconf.h)
-  string(REPLACE ":" ";" parts ${service_and_header})
-  list(GET parts 0 service)
-  list(GET parts 1 header)
+  string(REPLACE ":" ";" pair ${service_and_header})
+  list(GET pair 0 service)
+  list(GET pair 1 header)
   string(TOUPPER MIRADO_${service} name)
   find_path(${name}_HEADERS ${header} REQUIRED PATHS ${MIRADO_SET} NO_DEFAULT_PATH NO_CMAKE_FIND_ROOT_PATH
             PATH_SUFFIXES include usr/include include/${service} usr/include/${service})

@@ -38,9 +38,9 @@ it("the README's tests pass with only the packed files", () => {
     const text = readFileSync(join(folder, "node_modules", name, "README.md"), "utf8");
     assert.doesNotMatch(text, /\]\((?!https?:)/, "no file outside of the package is there to lead to");
   }
-  const [config, spec, test] = blocks("js");
+  const [config, pageTest, test] = blocks("js");
   writeFileSync(join(folder, "index.html"), blocks("html")[0]);
-  writeFileSync(join(folder, "caption.spec.mjs"), spec);
+  writeFileSync(join(folder, "caption.spec.mjs"), pageTest);
   writeFileSync(join(folder, "b2b.test.mjs"), test);
   writeFileSync(join(folder, "playwright.config.mjs"), config);
   assert.match(run("node", "--test", "b2b.test.mjs"), /# pass 1\n/);

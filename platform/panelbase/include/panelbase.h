@@ -21,7 +21,6 @@ class IVideoControl {
 class Panelbase {
  public:
   /// Sets `*control` to the control of `profile` and returns 0. On failure returns a negative number and does not
-  /// change
-  /// `*control`. `display` is 0 for the set's own panel. Any thread. The control exists until the process ends.
+  /// change `*control`. `display` is 0 for the set's own panel. Any thread. The control exists until the process ends.
   static int CreateVideoControl(EProfile profile, int display, IVideoControl** control);
 };
