@@ -7,9 +7,13 @@ export function ask(title, text, yes) {
   byId("ask-title").textContent = title;
   byId("ask-text").textContent = text;
   byId("ask-yes").textContent = yes;
-  dialog.returnValue = "";
   dialog.showModal();
   return new Promise((resolve) => {
-    dialog.addEventListener("close", () => resolve(dialog.returnValue === "yes"), { once: true });
+    // Closing returns the focus at once, but "close" is dispatched later: a key pressed in between would be lost.
+    dialog.onsubmit = dialog.oncancel = (event) => {
+      event.preventDefault();
+      dialog.close();
+      resolve(event.submitter?.value === "yes");
+    };
   });
 }
