@@ -40,11 +40,11 @@ it("the README's tests pass with only the packed files", () => {
   }
   const [config, pageTest, test] = blocks("js");
   writeFileSync(join(folder, "index.html"), blocks("html")[0]);
-  writeFileSync(join(folder, "caption.spec.mjs"), pageTest);
+  writeFileSync(join(folder, "caption.page.mjs"), pageTest);
   writeFileSync(join(folder, "b2b.test.mjs"), test);
   writeFileSync(join(folder, "playwright.config.mjs"), config);
   assert.match(run("node", "--test", "b2b.test.mjs"), /# pass 1\n/);
-  writeFileSync(join(folder, "fixture.spec.mjs"), `import { expect, test } from "mirado-desk/playwright";
+  writeFileSync(join(folder, "fixture.page.mjs"), `import { expect, test } from "mirado-desk/playwright";
     let last;
     test("needs no answer to a script tag for a desk", async ({ page, set }) => {
       last = set;
