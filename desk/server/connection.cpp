@@ -9,7 +9,6 @@
 #include <boost/asio/write.hpp>
 #include <boost/beast/http/read.hpp>
 #include <boost/beast/http/write.hpp>
-#include <boost/beast/websocket/rfc6455.hpp>
 
 namespace desk {
 namespace {
@@ -49,11 +48,11 @@ bool Clients::MakeRoom() {
   if (open_.size() < limit_) {
     return true;
   }
-  Client* const idlest = *std::ranges::min_element(open_, {}, &Client::idle_since_);
+  const auto idlest = std::ranges::min_element(open_, {}, &Client::idle_since_);
   if (idlest->idle_since_ == Client::Clock::time_point::max()) {
     return false;
   }
-  idlest->Close();  // it is counted until its last handler has run
+  idlest->Close();
   return true;
 }
 
@@ -66,10 +65,10 @@ void Clients::CheckAll() {
     }
     const auto now = Client::Clock::now();
     for (auto place = open_.begin(); place != open_.end();) {
-      Client* const client = *place++;  // `Close` may destroy it
-      pollfd look{client->polled_fd_, POLLRDHUP, 0};
-      if (now > client->deadline_ || (client->polled_fd_ >= 0 && poll(&look, 1, 0) > 0)) {
-        client->Close();
+      Client& client = *place++;  // `Close` removes it
+      pollfd look{client.polled_fd_, POLLRDHUP, 0};
+      if (now > client.deadline_ || (client.polled_fd_ >= 0 && poll(&look, 1, 0) > 0)) {
+        client.Close();
       }
     }
     CheckAll();
@@ -79,27 +78,26 @@ void Clients::CheckAll() {
 void Clients::CloseIdle() {
   closing_ = true;
   for (auto place = open_.begin(); place != open_.end();) {
-    Client* const client = *place++;  // `Close` may destroy it
-    if (client->idle_since_ < Client::Clock::time_point::max()) {
-      client->Close();
+    Client& client = *place++;  // `Close` removes it
+    if (client.idle_since_ < Client::Clock::time_point::max()) {
+      client.Close();
     }
   }
   clock_.cancel();
 }
 
 void Clients::CloseAll() {
-  for (auto place = open_.begin(); place != open_.end();) {
-    (*place++)->Close();
+  while (!open_.empty()) {
+    open_.front().Close();
   }
 }
 
-Client::Client(Clients& all) : all_(all), place_(all.open_.insert(all.open_.end(), this)) {
+Client::Client(Clients& all) : all_(all) {
+  all.open_.push_back(*this);
   if (!std::exchange(all.ticking_, true)) {
     all.CheckAll();
   }
 }
-
-Client::~Client() { all_.open_.erase(place_); }
 
 Connection::Connection(Socket socket, Clients& all, const OriginCheck& check, const Handler& handler)
     : Client(all), socket_(std::move(socket)), check_(check), handler_(handler) {}
@@ -210,17 +208,11 @@ void Connection::Handle() {
   head_ = read.method() == http::verb::head;
   request.method = head_ ? http::verb::get : read.method();
   request.from_desk_page = OriginCheck::IsDeskPage(claim);
-  request.upgrade = boost::beast::websocket::is_upgrade(read);
   request.content_type = View(read[http::field::content_type]);
   request.last_event_id = View(read["Last-Event-ID"]);
   request.body = std::move(parser_->get().body());
+  polled_fd_ = socket_.native_handle();  // until it is answered; the next request may already be there
   handler_(request, shared_from_this());
-}
-
-// The socket is not read meanwhile, since the next request may already be there.
-void Connection::OnGone(std::function<void()> on_gone) {
-  on_gone_ = std::move(on_gone);
-  polled_fd_ = socket_.native_handle();
 }
 
 void Connection::Reply(Answer answer) {
@@ -228,7 +220,6 @@ void Connection::Reply(Answer answer) {
     return;
   }
   answered_ = true;
-  on_gone_ = nullptr;
   polled_fd_ = -1;
   if (answer.body.size() > kLongAnswer && all_.unsent_ + answer.body.size() > kMaxUnsent) {
     answer = Busy("too many long answers are still being read by other clients; try again");
@@ -290,18 +281,15 @@ void Connection::OnWritten(Error error, std::size_t size) {
 
 Socket Connection::Take() {
   answered_ = true;
+  unlink();  // the stream takes its place
   return std::move(socket_);
 }
 
 void Connection::Close() {
-  const auto self = shared_from_this();  // `on_gone_` may hold the last reference
+  unlink();
+  answered_ = true;
   Error ignored;
   socket_.close(ignored);
-  polled_fd_ = -1;
-  idle_since_ = Clock::time_point::max();
-  if (!std::exchange(answered_, true) && on_gone_) {
-    std::exchange(on_gone_, nullptr)();
-  }
 }
 
 }  // namespace desk

@@ -6,7 +6,6 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
-#include <list>
 #include <map>
 #include <memory>
 #include <optional>
@@ -21,6 +20,7 @@
 #include <boost/beast/http/message.hpp>
 #include <boost/beast/http/parser.hpp>
 #include <boost/beast/http/string_body.hpp>
+#include <boost/intrusive/list.hpp>
 
 #include "server/answer.h"
 #include "server/event_log.h"
@@ -44,6 +44,7 @@ void DiscardInput(Stream& stream, OnEnd on_end) {
                          });
 }
 
+class Clients;
 class Connection;
 
 /// A request that was read completely.
@@ -57,7 +58,6 @@ struct HttpRequest {
   std::string body;
   ParsedJson json;              // the parsed body, for routes that take JSON
   bool from_desk_page = false;  ///< sent by the desk's own page
-  bool upgrade = false;         ///< asks for a WebSocket
 
   /// The value of `name` in the query; empty if missing.
   std::string_view Query(std::string_view name) const {
@@ -66,7 +66,33 @@ struct HttpRequest {
   }
 };
 
-class Client;
+/// A connection, or a stream that has taken over the socket of one.
+class Client : public boost::intrusive::list_base_hook<boost::intrusive::link_mode<boost::intrusive::auto_unlink>> {
+ public:
+  Client(const Client&) = delete;
+  Client& operator=(const Client&) = delete;
+
+  /// Closes the socket and removes this from `Clients`.
+  virtual void Close() = 0;
+
+ protected:
+  using Clock = std::chrono::steady_clock;
+
+  explicit Client(Clients& all);
+  virtual ~Client() = default;
+
+  Clients& all_;
+  Clock::time_point deadline_ = Clock::time_point::max();  ///< when it is closed at the latest
+  /// Since when it has waited for a request, its rest, or the client's closing; may be closed then if there are too
+  /// many.
+  Clock::time_point idle_since_ = Clock::time_point::max();
+  /// The socket while nothing is read from it, otherwise -1. It is checked each second for whether the client has
+  /// disconnected.
+  int polled_fd_ = -1;
+
+ private:
+  friend Clients;
+};
 
 /// All connections and streams: their number, and once a second which of them to close. To be used on the loop's thread
 /// only.
@@ -91,40 +117,11 @@ class Clients {
   void CheckAll();
 
   std::size_t limit_ = 1;
-  std::size_t unsent_ = 0;   // bytes of long answers being written
-  std::list<Client*> open_;  // connections and streams
+  std::size_t unsent_ = 0;  // bytes of long answers being written
+  boost::intrusive::list<Client, boost::intrusive::constant_time_size<false>> open_;
   boost::asio::steady_timer clock_;
   bool ticking_ = false;
   bool closing_ = false;  // no connection waits for another request
-};
-
-/// A connection, or a stream that has taken over the socket of one.
-class Client {
- public:
-  Client(const Client&) = delete;
-  Client& operator=(const Client&) = delete;
-
-  virtual void Close() = 0;
-
- protected:
-  using Clock = std::chrono::steady_clock;
-
-  explicit Client(Clients& all);
-  virtual ~Client();
-
-  Clients& all_;
-  Clock::time_point deadline_ = Clock::time_point::max();  ///< when it is closed at the latest
-  /// Since when it has waited for a request, its rest, or the client's closing; may be closed then if there are too
-  /// many.
-  Clock::time_point idle_since_ = Clock::time_point::max();
-  /// The socket while nothing is read from it, otherwise -1. It is checked each second for whether the client has
-  /// disconnected.
-  int polled_fd_ = -1;
-
- private:
-  friend Clients;
-
-  std::list<Client*>::iterator place_;
 };
 
 class Connection final : public Client, public std::enable_shared_from_this<Connection> {
@@ -145,8 +142,8 @@ class Connection final : public Client, public std::enable_shared_from_this<Conn
   /// Answers the request. Does nothing if the client has disconnected.
   void Reply(Answer answer);
 
-  /// Calls `on_gone` if the client disconnects before it is answered, within two seconds.
-  void OnGone(std::function<void()> on_gone);
+  /// Whether the client waits for the answer. False once it has disconnected, which is noticed within two seconds.
+  bool is_waiting() const { return !answered_; }
 
   /// The request as parsed by Beast, for the answer to an upgrade.
   const http::request<http::string_body>& message() const { return parser_->get(); }
@@ -178,7 +175,6 @@ class Connection final : public Client, public std::enable_shared_from_this<Conn
   std::optional<http::request_parser<http::string_body>> parser_;
   std::optional<http::response<http::string_body>> response_;
   std::vector<std::pair<std::string_view, std::string>> fields_;
-  std::function<void()> on_gone_;
   bool keep_alive_ = false;
   bool answered_ = true;
   bool head_ = false;

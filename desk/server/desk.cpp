@@ -59,7 +59,7 @@ Limits Limits::For(std::size_t free) {
           .pages = std::clamp<std::size_t>(left / HostProcess::kDescriptors, 1, Pages::kMaxPages),
           .events = std::min<std::size_t>(connections / 8, 32),
           .deliveries = connections / 4,
-          .sends = connections / 2};
+          .sends = static_cast<std::ptrdiff_t>(connections / 2)};
 }
 
 Desk::Desk(DeskOptions given)

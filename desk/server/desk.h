@@ -32,7 +32,7 @@ struct Limits {
   std::size_t pages;
   std::size_t events;      ///< streams of `/api/events`
   std::size_t deliveries;  ///< streams of deliveries, of all pages
-  std::size_t sends;       ///< clients that wait for a reply, of all pages
+  std::ptrdiff_t sends;    ///< clients that wait for a reply, of all pages
 
   static constexpr std::size_t kReserve = 4;  ///< additional streams of each kind for the desk's own page
 
@@ -90,9 +90,7 @@ class Desk {
   Limits limits{};
   EventLog events;
   Pages pages;
-  std::size_t event_streams = 0;
   std::size_t delivery_streams = 0;
-  std::size_t waiting_sends = 0;
   vconf::Status store;  ///< of opening the store
 
  private:

@@ -80,6 +80,7 @@ class EventLog {
   /// `reader` must live until it is detached.
   void Attach(Reader* reader) { readers_.push_back(reader); }
   void Detach(Reader* reader) { std::erase(readers_, reader); }
+  std::size_t readers() const { return readers_.size(); }
 
  private:
   const Limits limits_;

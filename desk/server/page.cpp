@@ -69,6 +69,8 @@ Json DescribeEnd(int wait_status, const Json& last_log) {
 
 }  // namespace
 
+Answer AnswerGone() { return Fail(410, "the page's plug-in is gone"); }
+
 Page::Page(boost::asio::io_context& loop, int number, PageDescription description, const HostCommand& command,
            EventLog& events, Owner& owner)
     : number_(number),
@@ -87,15 +89,14 @@ Page::Page(boost::asio::io_context& loop, int number, PageDescription descriptio
   CheckAbandoned();
 }
 
-std::uint64_t Page::Submit(const std::vector<Message>& messages, OnResult on_result) {
+Page::Outcome Page::Submit(const std::vector<Message>& messages, const std::shared_ptr<Connection>& client) {
   last_activity_ = Clock::now();
   for (const Message& message : messages) {
     if (message.number && last_number_ && *message.number <= *last_number_) {
       continue;
     }
     if (!CanHear() || !host_->HasRoom()) {
-      on_result({.outcome = CanHear() ? Outcome::kFull : Outcome::kGone});
-      return 0;
+      return CanHear() ? Outcome::kFull : Outcome::kGone;
     }
     if (message.number) {
       last_number_ = message.number;
@@ -103,7 +104,7 @@ std::uint64_t Page::Submit(const std::vector<Message>& messages, OnResult on_res
     ++sent_;
     const Pending pending{.entry = AddToDialogue(message.waits ? "send" : "post", message.body), .start = Clock::now()};
     if (message.waits) {
-      sends_.push_back({pending, std::exchange(on_result, nullptr)});
+      sends_.push_back({pending, client});
     } else {
       posts_.push_back(pending);
     }
@@ -114,18 +115,10 @@ std::uint64_t Page::Submit(const std::vector<Message>& messages, OnResult on_res
     // After the entry in the dialogue, so that the events of what it causes follow.
     host_->Write(FormatLine(message.waits ? In::kSend : In::kPost, message.body));
     if (message.waits) {
-      return sends_.back().entry;
+      return Outcome::kWaits;
     }
   }
-  on_result({});
-  return 0;
-}
-
-void Page::Forget(std::uint64_t ticket) {
-  const auto found = std::ranges::find(sends_, ticket, &PendingSend::entry);
-  if (found != sends_.end()) {
-    found->on_result = nullptr;
-  }
+  return Outcome::kDone;
 }
 
 void Page::OnLine(std::string_view line) {
@@ -158,9 +151,9 @@ void Page::OnReply(std::string_view reply) {
   const PendingSend pending = std::move(sends_.front());
   sends_.pop_front();
   AddToDialogue("reply", reply, &pending);
-  if (pending.on_result) {
+  if (pending.client->is_waiting()) {
     last_activity_ = Clock::now();
-    pending.on_result({.outcome = Outcome::kDone, .text = std::string(reply)});
+    pending.client->Reply({.body = "{\"reply\":" + std::string(reply) + "}"});
   }
 }
 
@@ -250,15 +243,13 @@ void Page::EndWaiting() {
   watches_.clear();
   posts_.clear();
   for (const PendingSend& pending : std::exchange(sends_, {})) {
-    if (pending.on_result) {
-      pending.on_result({.outcome = Outcome::kGone});
-    }
+    pending.client->Reply(AnswerGone());
   }
 }
 
 // A page that has left gets no more streams.
 void Page::ReleaseDeliveries() {
-  if (left_ && streams_ == 0) {
+  if (left_ && deliveries_.readers() == 0) {
     deliveries_.Clear();
   }
 }
@@ -346,19 +337,16 @@ void Page::OnRecorded(std::string_view line) {
   ++recording_->lines;
 }
 
-void Page::StreamClosed() {
-  --streams_;
+void Page::OnStreamClosed() {
   last_activity_ = Clock::now();
   ReleaseDeliveries();
-  if (streams_ == 0) {
-    CheckAbandoned();
-  }
+  CheckAbandoned();
 }
 
 // Runs again when the grace could have passed. A client that waits for a reply sends nothing meanwhile, so the maximum
 // latency is added, until it has the reply or disconnects.
 void Page::CheckAbandoned() {
-  if (left_ || streams_ > 0) {
+  if (left_ || deliveries_.readers() > 0) {
     return;
   }
   const auto end = last_activity_ + description_.grace + std::chrono::milliseconds(waiting() > 0 ? kMaxLatency : 0);

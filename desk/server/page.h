@@ -17,6 +17,7 @@
 
 #include "base/json.h"
 #include "host/protocol.h"
+#include "server/connection.h"
 #include "server/event_log.h"
 #include "server/host_process.h"
 #include "server/options.h"
@@ -29,6 +30,9 @@ struct PageDescription {
   std::string url;
   std::chrono::seconds grace{5};  ///< how long the page lives without a stream or a message
 };
+
+/// The answer if the plug-in's process has ended.
+Answer AnswerGone();
 
 /// A page as clients see it under `/api/pages/ID`. To be used on the loop's thread only.
 class Page final : private HostProcess::Listener {
@@ -43,14 +47,10 @@ class Page final : private HostProcess::Listener {
 
   enum class Outcome {
     kDone,
-    kGone,  ///< there is no plug-in process, or it ended before it replied
-    kFull,  ///< the plug-in has left too much unread
+    kWaits,  ///< the page answers the client when the plug-in has replied, or has gone
+    kGone,   ///< there is no plug-in process
+    kFull,   ///< the plug-in has left too much unread
   };
-  struct Result {
-    Outcome outcome = Outcome::kDone;
-    std::string text = {};  ///< the reply as JSON, if a send was not skipped
-  };
-  using OnResult = std::function<void(const Result&)>;
 
   struct Recording {
     std::int64_t since;  ///< milliseconds since 1970
@@ -85,19 +85,15 @@ class Page final : private HostProcess::Listener {
   int number() const { return number_; }
   const PageDescription& description() const { return description_; }
 
-  /// Passes `messages` to the plug-in in order. Only the last may be a send. `on_result` is called once: with the reply
-  /// to the send, or before this call returns. Messages whose number is not above all earlier ones are skipped; a
-  /// skipped send has no reply. Returns a ticket for `Forget`, or 0 if nothing waits for a reply.
-  std::uint64_t Submit(const std::vector<Message>& messages, OnResult on_result);
+  /// Passes `messages` to the plug-in in order. Only the last may be a send; `client` waits for its reply. Messages
+  /// whose number is not above all earlier ones are skipped; a skipped send has no reply.
+  Outcome Submit(const std::vector<Message>& messages, const std::shared_ptr<Connection>& client = nullptr);
 
-  /// The number of sends whose clients wait for a reply.
+  /// The number of clients that wait for a reply.
   static constexpr std::ptrdiff_t kMaxWaiting = 16;  ///< to be checked before `Submit`; a page in a browser has one
   std::ptrdiff_t waiting() const {
-    return std::ranges::count_if(sends_, [](const PendingSend& send) { return bool(send.on_result); });
+    return std::ranges::count_if(sends_, [](const PendingSend& send) { return send.client->is_waiting(); });
   }
-
-  /// The client no longer waits for the reply.
-  void Forget(std::uint64_t ticket);
 
   Json Describe() const;
   bool Watches(std::string_view path) const;
@@ -119,10 +115,8 @@ class Page final : private HostProcess::Listener {
   /// `reason` unless there was a crash. Does not wait.
   void End(std::string_view reason);
 
-  /// A stream of deliveries was opened or closed.
-  void StreamOpened() { ++streams_; }
-  void StreamClosed();
-  int streams() const { return streams_; }
+  /// A stream has ended reading the deliveries.
+  void OnStreamClosed();
 
   /// The process has ended before the page left.
   bool crashed() const { return !crash_.is_null(); }
@@ -134,7 +128,7 @@ class Page final : private HostProcess::Listener {
     Clock::time_point start;
   };
   struct PendingSend : Pending {
-    OnResult on_result;  // empty if its client has gone
+    std::shared_ptr<Connection> client;
   };
 
   void OnLine(std::string_view line) override;
@@ -175,7 +169,6 @@ class Page final : private HostProcess::Listener {
   std::uint64_t entries_ = 0;
   std::uint64_t sent_ = 0;
   std::uint64_t delivered_ = 0;
-  int streams_ = 0;
   Clock::time_point last_activity_ = Clock::now();
   bool left_ = false;
   Json crash_;  // how and when, if its process ended before the page left

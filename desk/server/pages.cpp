@@ -1,6 +1,7 @@
 #include "server/pages.h"
 
 #include <algorithm>
+#include <numeric>
 #include <utility>
 
 #include <boost/asio/post.hpp>
@@ -26,6 +27,11 @@ std::shared_ptr<Page> Pages::Open(PageDescription description, bool reserve) {
 std::shared_ptr<Page> Pages::FindIn(const Map& pages, std::string_view id) {
   const auto found = std::ranges::find_if(pages, [&](const auto& entry) { return entry.second->id() == id; });
   return found == pages.end() ? nullptr : found->second;
+}
+
+std::ptrdiff_t Pages::waiting() const {
+  return std::transform_reduce(pages_.begin(), pages_.end(), std::ptrdiff_t{0}, std::plus(),
+                               [](const auto& entry) { return entry.second->waiting(); });
 }
 
 void Pages::Leave(Page& page, Keep keep, std::string_view reason) {

@@ -43,6 +43,9 @@ class Pages final : private Page::Owner {
   /// ending.
   const std::map<int, std::shared_ptr<Page>>& ended() const { return ended_; }
 
+  /// The number of clients that wait for a reply of a page.
+  std::ptrdiff_t waiting() const;
+
   std::size_t limit() const { return limit_; }
   bool is_closing() const { return static_cast<bool>(on_closed_); }
   void set_limit(std::size_t limit) { limit_ = limit; }

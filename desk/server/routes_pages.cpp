@@ -8,6 +8,8 @@
 #include <utility>
 #include <vector>
 
+#include <boost/beast/websocket/rfc6455.hpp>
+
 #include "host/protocol.h"
 #include "host/verify.h"
 #include "server/desk.h"
@@ -93,39 +95,24 @@ vconf::Result<std::vector<Page::Message>> ReadMessages(std::string_view text) {
   return messages;
 }
 
-Answer AnswerTo(const Page::Result& result) {
-  switch (result.outcome) {
-    case Page::Outcome::kGone:
-      return Fail(410, "the page's plug-in is gone");
-    case Page::Outcome::kFull:
-      return Busy("the plug-in has left too many messages unread");
-    case Page::Outcome::kDone:
-      break;
-  }
-  return result.text.empty() ? Answer{} : Answer{.body = "{\"reply\":" + result.text + "}"};
-}
-
-void Submit(Desk& desk, const std::shared_ptr<Page>& page, const HttpRequest& request,
-            const ConnectionPtr& connection) {
+void Submit(Desk& desk, Page& page, const HttpRequest& request, const ConnectionPtr& connection) {
   const auto messages = ReadMessages(request.body);
   if (!messages.ok()) {
     return connection->Reply(Fail(messages.status()));
   }
   const bool waits = !messages->empty() && messages->back().waits;
-  if (waits && (desk.waiting_sends >= desk.limits.sends || page->waiting() >= Page::kMaxWaiting)) {
+  if (waits && (desk.pages.waiting() >= desk.limits.sends || page.waiting() >= Page::kMaxWaiting)) {
     return connection->Reply(Busy("too many requests are already waiting for a reply"));
   }
-  // Counted as long as the client waits for the answer.
-  ++desk.waiting_sends;
-  const std::shared_ptr<void> counted(nullptr, [&desk](void*) { --desk.waiting_sends; });
-  const std::uint64_t ticket = page->Submit(
-      *messages, [connection, counted](const Page::Result& result) { connection->Reply(AnswerTo(result)); });
-  if (ticket != 0) {
-    connection->OnGone([page = std::weak_ptr(page), ticket] {
-      if (const auto left = page.lock()) {
-        left->Forget(ticket);
-      }
-    });
+  switch (page.Submit(*messages, connection)) {
+    case Page::Outcome::kDone:
+      return connection->Reply({});
+    case Page::Outcome::kWaits:
+      return;
+    case Page::Outcome::kGone:
+      return connection->Reply(AnswerGone());
+    case Page::Outcome::kFull:
+      return connection->Reply(Busy("the plug-in has left too many messages unread"));
   }
 }
 
@@ -154,8 +141,7 @@ std::optional<std::string> TakePosts(Page& page, std::string_view text) {
       return refuse(post.number.value_or(0), R"(a socket takes {"n": N, "post": M})");
     }
   }
-  Page::Outcome outcome{};
-  page.Submit(*messages, [&](const Page::Result& result) { outcome = result.outcome; });
+  const Page::Outcome outcome = page.Submit(*messages);
   if (outcome == Page::Outcome::kFull) {
     return std::nullopt;  // The next time, the posts that were passed on are skipped by their numbers.
   }
@@ -174,16 +160,15 @@ std::uint64_t StartOf(const HttpRequest& request, std::uint64_t otherwise) {
 
 void StreamDeliveries(Desk& desk, const std::shared_ptr<Page>& page, const HttpRequest& request,
                       const ConnectionPtr& connection, bool takes_posts) {
-  if (page->streams() >= 4 ||
+  if (page->deliveries().readers() >= 4 ||
       desk.delivery_streams >= desk.limits.deliveries + (request.from_desk_page ? Limits::kReserve : 0)) {
     return connection->Reply(Busy("too many streams of deliveries are already open"));
   }
-  page->StreamOpened();
   ++desk.delivery_streams;
   StreamSource source{.log = &page->deliveries(),
                       .position = StartOf(request, 0),
                       .held = std::shared_ptr<void>(nullptr, [&desk, page](void*) {
-                        page->StreamClosed();
+                        page->OnStreamClosed();
                         --desk.delivery_streams;
                       })};
   if (takes_posts) {
@@ -193,13 +178,10 @@ void StreamDeliveries(Desk& desk, const std::shared_ptr<Page>& page, const HttpR
 }
 
 void StreamEvents(Desk& desk, const HttpRequest& request, const ConnectionPtr& connection) {
-  if (desk.event_streams >= desk.limits.events + (request.from_desk_page ? Limits::kReserve : 0)) {
+  if (desk.events.readers() >= desk.limits.events + (request.from_desk_page ? Limits::kReserve : 0)) {
     return connection->Reply(Busy(std::to_string(desk.limits.events) + " streams of events are already open"));
   }
-  ++desk.event_streams;
-  StartStream(connection, {.log = &desk.events,
-                           .position = StartOf(request, desk.events.newest()),
-                           .held = std::shared_ptr<void>(nullptr, [&desk](void*) { --desk.event_streams; })});
+  StartStream(connection, {.log = &desk.events, .position = StartOf(request, desk.events.newest())});
 }
 
 // Compares the messages that the page has sent with those that the body expects.
@@ -307,7 +289,7 @@ void AddPageRoutes(Router& router, Desk& desk) {
   });
 
   add(verb::post, "/messages", Body::kJsonText, Of::kOpen,
-      [&desk](const PagePtr& page, const auto& request, const auto& to) { Submit(desk, page, request, to); });
+      [&desk](const PagePtr& page, const auto& request, const auto& to) { Submit(desk, *page, request, to); });
   add(verb::post, "/verify", Body::kJson, Of::kOpen,
       [](const PagePtr& page, const auto& request, const auto& to) { to->Reply(Verify(*page, request.json)); });
   add(verb::get, "/deliveries", Body::kNone, Of::kOpen,
@@ -315,7 +297,7 @@ void AddPageRoutes(Router& router, Desk& desk) {
         StreamDeliveries(desk, page, request, to, false);
       });
   add(verb::get, "/socket", Body::kNone, Of::kOpen, [&desk](const PagePtr& page, const auto& request, const auto& to) {
-    if (!request.upgrade) {
+    if (!boost::beast::websocket::is_upgrade(to->message())) {
       return to->Reply(Fail(426, "this is a WebSocket; /deliveries sends the same as server-sent events"));
     }
     StreamDeliveries(desk, page, request, to, true);

@@ -87,6 +87,7 @@ class EventStream final : public Stream, public std::enable_shared_from_this<Eve
   }
 
   void Close() override {
+    unlink();
     Error ignored;
     socket_.close(ignored);
   }
@@ -186,10 +187,10 @@ class EventSocket final : public Stream, public std::enable_shared_from_this<Eve
   }
 
   void Close() override {
+    unlink();
     over_ = true;
     Error ignored;
     socket_.next_layer().close(ignored);
-    polled_fd_ = -1;
     const auto last = std::exchange(self_while_waiting_, nullptr);
   }
 

@@ -147,17 +147,16 @@ TEST_F(PagesTest, AReaderIsNotifiedWhenAHostThatWasStoppedReadsAgain) {
   const std::string post = '"' + std::string(60'000, 'x') + '"';
   auto outcome = desk::Page::Outcome::kDone;
   while (outcome == desk::Page::Outcome::kDone) {
-    page->Submit({{.waits = false, .body = post, .number = {}}}, [&](const auto& result) { outcome = result.outcome; });
+    outcome = page->Submit({{.waits = false, .body = post, .number = {}}});
   }
   EXPECT_EQ(outcome, desk::Page::Outcome::kFull);
   page->deliveries().Attach(&reader);
   kill(pid, SIGCONT);
   EXPECT_TRUE(Await([&] { return reader.notified; }));
-  page->deliveries().Detach(&reader);
-  page->StreamOpened();
   pages_->Leave(*page, desk::Pages::Keep::kHistory);
   EXPECT_FALSE(page->deliveries().kept().empty()) << "a reader gets the rest after the page has left";
-  page->StreamClosed();
+  page->deliveries().Detach(&reader);
+  page->OnStreamClosed();
   EXPECT_TRUE(page->deliveries().kept().empty());
 }
 
