@@ -62,6 +62,8 @@ Limits Limits::For(std::size_t free) {
           .sends = static_cast<std::ptrdiff_t>(connections / 2)};
 }
 
+bool IsKeyOfPrograms(std::string_view path) { return path.starts_with("db/") || path.starts_with("memory/"); }
+
 Desk::Desk(DeskOptions given)
     : options(std::move(given)),
       events(kEventLimits),
@@ -112,11 +114,11 @@ vconf::Status Desk::OpenStore() {
 
 // On the store's notification thread.
 void Desk::OnChange(const vconf::Change& change) {
-  const bool shared = change.path.starts_with("db/") || change.path.starts_with("memory/");
-  const Text text =
-      shared ? MakeText(ToText({{"path", change.path}, {"value", change.value ? ToJson(*change.value) : Json()}}))
-             : MakeText("{}");
-  boost::asio::post(loop, [this, shared, text] { events.Add(shared ? "setting" : "set", text); });
+  if (!IsKeyOfPrograms(change.path)) {
+    return SendSetEvent();
+  }
+  const Json event = {{"path", change.path}, {"value", change.value ? ToJson(*change.value) : Json()}};
+  boost::asio::post(loop, [this, text = MakeText(ToText(event))] { events.Add("setting", text); });
 }
 
 vconf::Status Desk::Start() {
@@ -223,27 +225,27 @@ void Desk::SendDeskEvent() {
   }
 }
 
-Router::Handler Desk::OnStore(StoreUse use, std::function<Answer(const HttpRequest&)> work) {
-  return [this, use, work = std::move(work)](HttpRequest& request, const ConnectionPtr& connection) {
+void Desk::SendSetEvent() {
+  boost::asio::post(loop, [this] { events.Add("set", MakeText("{}")); });
+}
+
+Router::Handler Desk::OnStore(std::function<Answer(const HttpRequest&)> work) {
+  return [this, work = std::move(work)](HttpRequest& request, const ConnectionPtr& connection) {
     ++store_requests_;
     const auto until_answered = boost::asio::make_work_guard(loop);
-    auto run = [this, use, work, request = std::move(request), connection = connection, until_answered]() mutable {
+    auto run = [this, work, request = std::move(request), connection = connection, until_answered]() mutable {
       Answer answer;
       try {
         answer = work(request);
       } catch (const std::exception& error) {
         answer = Fail({vconf::Code::kFailed, error.what()});
       }
-      // A client that has the answer and then opens a stream must not get these changes as new ones.
-      if (use != StoreUse::kReads) {
-        vconf::Settle();
-      }
+      // Waits until `OnChange` was called for these changes: a client that opens a stream after the answer must not
+      // receive them as new events.
+      vconf::Settle();
       // The connection belongs to the loop's thread, so it must not be destroyed here.
-      boost::asio::post(loop, [this, use, connection = std::move(connection), answer = std::move(answer)] {
-        if (use == StoreUse::kChangesSet) {
-          SendSetEvent();
-        }
-        connection->Reply(answer);
+      boost::asio::post(loop, [connection = std::move(connection), answer = std::move(answer)]() mutable {
+        connection->Reply(std::move(answer));
       });
       --store_requests_;
     };

@@ -40,12 +40,8 @@ struct Limits {
   static Limits For(std::size_t free);
 };
 
-/// What a request does with the store.
-enum class StoreUse {
-  kReads,        ///< changes nothing that streams report
-  kChangesKeys,  ///< the store reports each changed key by itself
-  kChangesSet,   ///< may change what is no key, such as faults: followed by an event `set`
-};
+/// Whether programs on the set use the key, such as a setting. All others hold the state of the simulated set.
+bool IsKeyOfPrograms(std::string_view path);
 
 /// One event loop, on the main thread, owns pages, processes, connections and streams. Changes of the store, which may
 /// wait for a disk or a lock, run one by one on the store's thread.
@@ -72,13 +68,14 @@ class Desk {
 
   /// A handler that runs `work` on the store's thread and answers with its result. The events of its changes are sent
   /// before the answer.
-  Router::Handler OnStore(StoreUse use, std::function<Answer(const HttpRequest&)> work);
+  Router::Handler OnStore(std::function<Answer(const HttpRequest&)> work);
 
   /// The answer of `GET /api/desk`.
   Json Describe() const;
   /// Sends an event `desk` if that answer has changed.
   void SendDeskEvent();
-  void SendSetEvent() { events.Add("set", MakeText("{}")); }
+  /// Sends an event `set`, for changes that the store does not report, such as those of faults. Any thread.
+  void SendSetEvent();
 
   /// Opens the store, again if it is open, and subscribes to its changes. Not while the store's thread uses it.
   vconf::Status OpenStore();

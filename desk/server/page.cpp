@@ -16,7 +16,6 @@ namespace {
 
 constexpr EventLog::Limits kDeliveries{.events = 10'000, .bytes = 8UL * 1024 * 1024};
 constexpr EventLog::Limits kHistory{.events = 1'000, .bytes = 4UL * 1024 * 1024};
-constexpr std::size_t kMaxPendingPosts = 10'000;
 constexpr std::size_t kMaxRecording = 8UL * 1024 * 1024;
 constexpr int kLastLines = 5;
 
@@ -37,7 +36,7 @@ std::string_view MemberOf(std::string_view json, std::string_view name) {
 std::string ValueNow(std::string_view message) {
   const std::string_view event = MemberOf(message, "event");
   if (event.empty()) {
-    return {};
+    return "";
   }
   const auto is_meant = [&](const Setting& setting) {
     return event.substr(1, event.size() - 2) == setting.table->event &&
@@ -45,10 +44,10 @@ std::string ValueNow(std::string_view message) {
   };
   const auto setting = std::ranges::find_if(Settings(), is_meant);
   if (setting == Settings().end()) {
-    return {};
+    return "";
   }
   const auto value = vconf::Get(std::string(setting->path));
-  return value.ok() ? ToText(ToJson(*value)) : std::string();
+  return value.ok() ? ToText(ToJson(*value)) : "";
 }
 
 Json DescribeEnd(int wait_status, const Json& last_log) {
@@ -108,10 +107,6 @@ Page::Outcome Page::Submit(const std::vector<Message>& messages, const std::shar
     } else {
       posts_.push_back(pending);
     }
-    if (posts_.size() > kMaxPendingPosts) {  // a plug-in may answer no post at all
-      posts_.pop_front();
-      ++posts_dropped_;
-    }
     // After the entry in the dialogue, so that the events of what it causes follow.
     host_->Write(FormatLine(message.waits ? In::kSend : In::kPost, message.body));
     if (message.waits) {
@@ -134,7 +129,7 @@ void Page::OnLine(std::string_view line) {
     case Out::kError:  // the desk sends only valid lines
       return OnLogLine(line);
     case Out::kLog:
-      return Log(out->value.substr(1, out->value.size() - 2));
+      return AddRow(log_, "log", out->value.substr(1, out->value.size() - 2));
     case Out::kWatches:
       return OnWatches(out->value);
     case Out::kRecord:
@@ -160,11 +155,7 @@ void Page::OnReply(std::string_view reply) {
 void Page::OnDelivery(std::string_view message) {
   ++delivered_;
   // The plug-in answers each post with one delivery that names a command, in the order of the posts.
-  const bool answers = !MemberOf(message, "command").empty();
-  if (answers && posts_dropped_ > 0) {
-    --posts_dropped_;
-    AddToDialogue("message", message);
-  } else if (answers && !posts_.empty()) {
+  if (!posts_.empty() && !MemberOf(message, "command").empty()) {
     const Pending pending = posts_.front();
     posts_.pop_front();
     AddToDialogue("message", message, &pending);
@@ -180,15 +171,7 @@ void Page::OnWatches(std::string_view paths) {
 }
 
 void Page::OnLogLine(std::string_view line) {
-  Log(R"("priority":null,"tag":null,"logId":null,"text":)" + ToText(line));
-}
-
-void Page::Log(std::string_view parts) {
-  std::string entry = R"({"page":")" + id_ + R"(","n":)" + std::to_string(log_.newest() + 1) + R"(,"time":)" +
-                      std::to_string(NowInMilliseconds()) + ",";
-  const Text text = MakeText(entry.append(parts).append("}"));
-  log_.Add("log", text);
-  events_.Add("log", text);
+  AddRow(log_, "log", R"("priority":null,"tag":null,"logId":null,"text":)" + ToText(line));
 }
 
 Json Page::LastLog(std::ptrdiff_t count) const {
@@ -214,25 +197,32 @@ void Page::OnEnd(int wait_status) {
   owner_.OnEnded(*this);  // last, because it may destroy this page
 }
 
+// Without the JSON library, which would take half as much time again for each message and change the form of numbers.
+void Page::AddRow(EventLog& log, const char* name, std::string_view members) {
+  std::string row;
+  row.reserve(members.size() + 120);
+  row.append(R"({"page":")").append(id_).append(R"(","n":)").append(std::to_string(log.newest() + 1));
+  row.append(R"(,"time":)").append(std::to_string(NowInMilliseconds())).append(",").append(members).append("}");
+  const Text text = MakeText(std::move(row));
+  log.Add(name, text);
+  events_.Add(name, text);
+}
+
 std::uint64_t Page::AddToDialogue(std::string_view kind, std::string_view body, const Pending* answers,
                                   std::string_view now) {
-  std::string entry;
-  entry.reserve(body.size() + 160);
-  entry.append(R"({"page":")").append(id_).append(R"(","n":)").append(std::to_string(++entries_));
-  entry.append(R"(,"time":)").append(std::to_string(NowInMilliseconds())).append(R"(,"kind":")").append(kind);
-  entry.append(R"(","body":)").append(body);
+  std::string members;
+  members.reserve(body.size() + 80);
+  members.append(R"("kind":")").append(kind).append(R"(","body":)").append(body);
   if (answers != nullptr) {
     const auto duration = std::chrono::round<std::chrono::microseconds>(Clock::now() - answers->start);
-    entry.append(R"(,"to":)").append(std::to_string(answers->entry)).append(R"(,"duration":)");
-    entry.append(ToText(std::chrono::duration<double, std::milli>(duration).count()));
+    members.append(R"(,"to":)").append(std::to_string(answers->entry)).append(R"(,"duration":)");
+    members.append(ToText(std::chrono::duration<double, std::milli>(duration).count()));
   }
   if (!now.empty()) {
-    entry.append(R"(,"now":)").append(now);
+    members.append(R"(,"now":)").append(now);
   }
-  const Text text = MakeText(std::move(entry.append("}")));
-  dialogue_.Add("dialogue", text);
-  events_.Add("dialogue", text);
-  return entries_;
+  AddRow(dialogue_, "dialogue", members);
+  return dialogue_.newest();
 }
 
 // The plug-in gets no more messages.

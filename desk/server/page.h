@@ -140,7 +140,7 @@ class Page final : private HostProcess::Listener {
   void OnDelivery(std::string_view message);
   void OnWatches(std::string_view paths);
   void OnRecorded(std::string_view line);
-  void Log(std::string_view parts);
+  void AddRow(EventLog& log, const char* name, std::string_view members);
   Json LastLog(std::ptrdiff_t count) const;
   std::uint64_t AddToDialogue(std::string_view kind, std::string_view body, const Pending* answers = nullptr,
                               std::string_view now = {});
@@ -161,12 +161,10 @@ class Page final : private HostProcess::Listener {
   EventLog log_;
   std::deque<PendingSend> sends_;  // the host answers in order
   std::deque<Pending> posts_;
-  std::uint64_t posts_dropped_ = 0;  // pending before those of `posts_`
   std::vector<std::string> watches_;
   std::optional<std::int64_t> last_number_;
   std::optional<Recording> recording_;
   int recordings_awaited_ = 0;  // started, but their first lines have not arrived
-  std::uint64_t entries_ = 0;
   std::uint64_t sent_ = 0;
   std::uint64_t delivered_ = 0;
   Clock::time_point last_activity_ = Clock::now();

@@ -64,10 +64,10 @@ void Router::Route(HttpRequest& request, const ConnectionPtr& connection) const 
       }
       request.parts.push_back(std::move(*decoded));
     }
-    if (entry.body != Body::kNone && !IsJsonType(request.content_type)) {
-      return connection->Reply(Fail(415, "the body must be application/json"));
-    }
     if (entry.body == Body::kJson) {
+      if (!IsJsonType(request.content_type)) {
+        return connection->Reply(Fail(415, "the body must be application/json"));
+      }
       auto json = ParseJson(request.body);
       if (!json.ok()) {
         return connection->Reply(Fail(json.status()));

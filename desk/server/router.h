@@ -15,9 +15,8 @@ using ConnectionPtr = std::shared_ptr<Connection>;
 
 /// What a handler needs of the request's body.
 enum class Body {
-  kNone,      ///< the body is ignored
-  kJson,      ///< it must be JSON and is parsed into `HttpRequest::json`
-  kJsonText,  ///< its type must be JSON; the handler parses `HttpRequest::body` itself
+  kNone,  ///< the body is ignored
+  kJson,  ///< it must be JSON and is parsed into `HttpRequest::json`
 };
 
 /// The table of routes. A pattern is a path in which `*` stands for one segment and `**`, at the end, for all remaining

@@ -67,23 +67,14 @@ std::optional<Page::Message> ReadMessage(std::string_view json) {
   return std::nullopt;
 }
 
-// The messages in `text`, which must outlive them.
-vconf::Result<std::vector<Page::Message>> ReadMessages(std::string_view text) {
-  if (const auto parsed = ParseJson(text); !parsed.ok()) {
-    return parsed.status();
-  }
-  std::vector<std::string_view> entries;
-  text.remove_prefix(text.find_first_not_of(" \t\r\n"));
-  if (text.starts_with('[')) {
-    for (const RawMember& element : RawMembers(text)) {
-      entries.push_back(element.value);
-    }
-  } else {
-    entries.push_back(text);
-  }
+// The messages in `json`, which is valid and must outlive them.
+vconf::Result<std::vector<Page::Message>> ReadMessages(std::string_view json) {
+  json.remove_prefix(json.find_first_not_of(" \t\r\n"));
+  const std::vector<RawMember> entries =
+      json.starts_with('[') ? RawMembers(json) : std::vector<RawMember>{{.name = {}, .value = json}};
   std::vector<Page::Message> messages;
-  for (const std::string_view entry : entries) {
-    const auto message = ReadMessage(entry);
+  for (const RawMember& entry : entries) {
+    const auto message = ReadMessage(entry.value);
     if (!message) {
       return BadValue(R"(a message is {"post": M} or {"send": M}, and may have an integer "n")");
     }
@@ -129,10 +120,11 @@ std::int64_t NumberIn(std::string_view text) {
 // Handles a text from a page's WebSocket: posts with numbers, which are acknowledged. Empty while the plug-in has no
 // room.
 std::optional<std::string> TakePosts(Page& page, std::string_view text) {
-  const auto messages = ReadMessages(text);
   const auto refuse = [&](std::int64_t number, const std::string& cause) {
     return ToText({{"refused", number}, {"error", cause}});
   };
+  const auto parsed = ParseJson(text);
+  const auto messages = parsed.ok() ? ReadMessages(text) : parsed.status();
   if (!messages.ok()) {
     return refuse(NumberIn(text), messages.status().text());
   }
@@ -288,7 +280,7 @@ void AddPageRoutes(Router& router, Desk& desk) {
                             : Fail({vconf::Code::kMissing, "no recording of this page was started"});
   });
 
-  add(verb::post, "/messages", Body::kJsonText, Of::kOpen,
+  add(verb::post, "/messages", Body::kJson, Of::kOpen,
       [&desk](const PagePtr& page, const auto& request, const auto& to) { Submit(desk, *page, request, to); });
   add(verb::post, "/verify", Body::kJson, Of::kOpen,
       [](const PagePtr& page, const auto& request, const auto& to) { to->Reply(Verify(*page, request.json)); });

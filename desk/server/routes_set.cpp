@@ -1,5 +1,6 @@
 // Routes of the simulated set: its state, its faults and scenarios, and of the desk itself.
 
+#include <functional>
 #include <string>
 #include <utility>
 
@@ -11,10 +12,10 @@
 namespace desk {
 namespace {
 
-Answer AnswerWithFaults() {
+vconf::Result<Json> DescribeFaults() {
   const auto faults = vconf::ListFaults();
   if (!faults.ok()) {
-    return Fail(faults.status());
+    return faults.status();
   }
   Json calls = Json::array();
   for (const FaultCall& call : FaultCalls()) {
@@ -22,15 +23,15 @@ Answer AnswerWithFaults() {
     if (!call.prefix.empty()) {
       const auto known = KnownPaths(call.prefix);
       if (!known.ok()) {
-        return Fail(known.status());
+        return known.status();
       }
       calls.back()["paths"] = *known;
     }
   }
-  return JsonAnswer({{"calls", std::move(calls)}, {"faults", *faults}});
+  return Json{{"calls", std::move(calls)}, {"faults", *faults}};
 }
 
-vconf::Status Clear(const HttpRequest& request) {
+vconf::Status ClearFaults(const HttpRequest& request) {
   if (!request.query.contains("call")) {
     return vconf::ClearFaults();
   }
@@ -41,13 +42,6 @@ vconf::Status Clear(const HttpRequest& request) {
   return vconf::ClearFault(call, request.query.contains("path") ? std::string(request.Query("path")) : kEveryPath);
 }
 
-Answer AnswerWithScenarios(const std::string& store) {
-  const auto scenarios = ListScenarios(store);
-  return scenarios.ok() ? JsonAnswer({{"scenarios", *scenarios}}) : Fail(scenarios.status());
-}
-
-Answer AnswerWithFaults(const vconf::Status& status) { return status.ok() ? AnswerWithFaults() : Fail(status); }
-
 vconf::Status SaveAs(const std::string& store, const HttpRequest& request) {
   const ParsedJson& body = request.json;
   if (!body.is_object() || body.size() != body.count("scenario")) {
@@ -56,14 +50,9 @@ vconf::Status SaveAs(const std::string& store, const HttpRequest& request) {
   return body.empty() ? SaveScenario(store, request.parts[0]) : SaveScenario(store, request.parts[0], body["scenario"]);
 }
 
-vconf::Status Load(const std::string& store, const std::string& name) {
-  const auto scenario = ReadScenario(store, name);
-  return scenario.ok() ? LoadScenario(*scenario) : scenario.status();
-}
-
-vconf::Status AddFaultFrom(const ParsedJson& body) {
-  const auto fault = FaultFromJson(body);
-  return fault.ok() ? AddFault(*fault) : fault.status();
+// The answer after a change: what `describe` returns, or the failure of the change.
+Answer AnswerWith(const vconf::Status& changed, vconf::Result<Json> (*describe)()) {
+  return changed.ok() ? AnswerOf(describe()) : Fail(changed);
 }
 
 }  // namespace
@@ -71,39 +60,47 @@ vconf::Status AddFaultFrom(const ParsedJson& body) {
 void AddSetRoutes(Router& router, Desk& desk) {
   using http::verb;
   using Request = const HttpRequest&;
-  constexpr auto kReads = StoreUse::kReads;
-  constexpr auto kChanges = StoreUse::kChangesSet;
+  const std::string& store = desk.options.host.store;
+  const auto changes_set = [&desk](std::function<Answer(Request)> work) {
+    return desk.OnStore([&desk, work = std::move(work)](Request request) {
+      Answer answer = work(request);
+      desk.SendSetEvent();
+      return answer;
+    });
+  };
   router.Get("/api/desk", [&desk](Request) { return JsonAnswer(desk.Describe()); });
 
-  router.Add(verb::get, "/api/set", Body::kNone, desk.OnStore(kReads, [](Request) { return AnswerOf(DescribeSet()); }));
-  router.Add(verb::patch, "/api/set", Body::kJson, desk.OnStore(kChanges, [](Request request) {
-    const vconf::Status status = ChangeSet(request.json);
-    return status.ok() ? AnswerOf(DescribeSet()) : Fail(status);
-  }));
-  router.Add(verb::post, "/api/reset", Body::kNone, desk.OnStore(kChanges, [&desk](Request request) {
-    return request.Query("force") == "1" ? desk.ReplaceStore() : AnswerOf(ResetSet());
-  }));
+  router.Add(verb::get, "/api/set", Body::kNone, desk.OnStore([](Request) { return AnswerOf(DescribeSet()); }));
+  router.Add(verb::patch, "/api/set", Body::kJson,
+             desk.OnStore([](Request request) { return AnswerWith(ChangeSet(request.json), DescribeSet); }));
+  router.Add(verb::post, "/api/reset", Body::kNone, changes_set([&desk](Request request) {
+               return request.Query("force") == "1" ? desk.ReplaceStore() : AnswerOf(ResetSet());
+             }));
 
-  router.Add(verb::get, "/api/faults", Body::kNone, desk.OnStore(kReads, [](Request) { return AnswerWithFaults(); }));
-  router.Add(verb::post, "/api/faults", Body::kJson,
-             desk.OnStore(kChanges, [](Request request) { return AnswerWithFaults(AddFaultFrom(request.json)); }));
+  router.Add(verb::get, "/api/faults", Body::kNone, desk.OnStore([](Request) { return AnswerOf(DescribeFaults()); }));
+  router.Add(verb::post, "/api/faults", Body::kJson, changes_set([](Request request) {
+               const auto fault = FaultFromJson(request.json);
+               return AnswerWith(fault.ok() ? AddFault(*fault) : fault.status(), DescribeFaults);
+             }));
   router.Add(verb::delete_, "/api/faults", Body::kNone,
-             desk.OnStore(kChanges, [](Request request) { return AnswerWithFaults(Clear(request)); }));
+             changes_set([](Request request) { return AnswerWith(ClearFaults(request), DescribeFaults); }));
 
-  const std::string& store = desk.options.host.store;
-  router.Add(verb::get, "/api/scenarios", Body::kNone,
-             desk.OnStore(kReads, [&store](Request) { return AnswerWithScenarios(store); }));
-  router.Add(verb::get, "/api/scenarios/*", Body::kNone, desk.OnStore(kReads, [&store](Request request) {
+  router.Add(verb::get, "/api/scenarios", Body::kNone, desk.OnStore([&store](Request) {
+    const auto scenarios = ListScenarios(store);
+    return scenarios.ok() ? JsonAnswer({{"scenarios", *scenarios}}) : Fail(scenarios.status());
+  }));
+  router.Add(verb::get, "/api/scenarios/*", Body::kNone, desk.OnStore([&store](Request request) {
     const auto scenario = ReadScenario(store, request.parts[0]);
     return scenario.ok() ? Answer{.body = scenario->dump()} : Fail(scenario.status());
   }));
   router.Add(verb::put, "/api/scenarios/*", Body::kJson,
-             desk.OnStore(kReads, [&store](Request request) { return AnswerOf(SaveAs(store, request)); }));
-  router.Add(verb::delete_, "/api/scenarios/*", Body::kNone, desk.OnStore(kReads, [&store](Request request) {
-    return AnswerOf(RemoveScenario(store, request.parts[0]));
-  }));
-  router.Add(verb::post, "/api/scenarios/*/load", Body::kNone,
-             desk.OnStore(kChanges, [&store](Request request) { return AnswerOf(Load(store, request.parts[0])); }));
+             desk.OnStore([&store](Request request) { return AnswerOf(SaveAs(store, request)); }));
+  router.Add(verb::delete_, "/api/scenarios/*", Body::kNone,
+             desk.OnStore([&store](Request request) { return AnswerOf(RemoveScenario(store, request.parts[0])); }));
+  router.Add(verb::post, "/api/scenarios/*/load", Body::kNone, changes_set([&store](Request request) {
+               const auto scenario = ReadScenario(store, request.parts[0]);
+               return AnswerOf(scenario.ok() ? LoadScenario(*scenario) : scenario.status());
+             }));
 }
 
 }  // namespace desk

@@ -11,9 +11,6 @@
 namespace desk {
 namespace {
 
-// Other prefixes hold the state of the simulated set.
-bool IsShared(std::string_view path) { return path.starts_with("db/") || path.starts_with("memory/"); }
-
 Answer DescribeSettings(const Desk& desk) {
   Json settings = Json::array();
   for (const Setting& setting : Settings()) {
@@ -51,7 +48,7 @@ Answer List(const HttpRequest& request) {
   }
   Json keys = Json::array();
   for (const vconf::Entry& entry : *entries) {
-    if (IsShared(entry.path)) {
+    if (IsKeyOfPrograms(entry.path)) {
       keys.push_back({{"path", entry.path}, {"value", ToJson(entry.value)}});
     }
   }
@@ -60,7 +57,7 @@ Answer List(const HttpRequest& request) {
 
 Answer Read(const HttpRequest& request) {
   const std::string& path = request.parts[0];
-  if (!IsShared(path)) {
+  if (!IsKeyOfPrograms(path)) {
     return Fail({vconf::Code::kMissing, "there is no key " + path});
   }
   const auto value = vconf::Get(path);
@@ -68,8 +65,8 @@ Answer Read(const HttpRequest& request) {
 }
 
 vconf::Status CheckPath(const std::string& path) {
-  return IsShared(path) ? vconf::Status()
-                        : vconf::Status(vconf::Code::kBadName, path + ": a path begins with db/ or memory/");
+  return IsKeyOfPrograms(path) ? vconf::Status()
+                               : vconf::Status(vconf::Code::kBadName, path + ": a path begins with db/ or memory/");
 }
 
 Answer Write(const HttpRequest& request) {
@@ -97,8 +94,8 @@ void AddStoreRoutes(Router& router, Desk& desk) {
   router.Get("/api/settings", [&desk](const HttpRequest&) { return DescribeSettings(desk); });
   router.Get("/api/store", List);
   router.Get("/api/store/**", Read);
-  router.Add(verb::put, "/api/store/**", Body::kJson, desk.OnStore(StoreUse::kChangesKeys, Write));
-  router.Add(verb::delete_, "/api/store/**", Body::kNone, desk.OnStore(StoreUse::kChangesKeys, Remove));
+  router.Add(verb::put, "/api/store/**", Body::kJson, desk.OnStore(Write));
+  router.Add(verb::delete_, "/api/store/**", Body::kNone, desk.OnStore(Remove));
 }
 
 }  // namespace desk

@@ -66,7 +66,7 @@ TEST_F(ServerDeathTest, ExitsWithStatus3AfterAnException) {
 TEST_F(ServerDeathTest, ExitsAlthoughTheStoreHangs) {
   EXPECT_EXIT(Run([](desk::Desk& desk) {
                 desk::HttpRequest request;
-                desk.OnStore(desk::StoreUse::kReads, [](const desk::HttpRequest&) -> desk::Answer {
+                desk.OnStore([](const desk::HttpRequest&) -> desk::Answer {
                   raise(SIGTERM);
                   while (true) pause();
                 })(request, nullptr);
