@@ -19,19 +19,17 @@ using Error = boost::system::error_code;
 template <int kName>
 using TcpOption = boost::asio::detail::socket_option::integer<IPPROTO_TCP, kName>;
 
-// The connection to a client whose machine no longer responds ends after a minute.
-constexpr int kProbeAfter = 30;  // seconds without data
-constexpr int kProbeEach = 10;
+// An idle connection to a client whose machine no longer responds ends after a minute.
+constexpr int kProbeAfter = 30;     // seconds without data
+constexpr int kProbeInterval = 10;  // seconds
 constexpr int kProbes = 3;
 
-bool HasIpv6(boost::asio::io_context& loop) {
-  Error error;
-  tcp::socket probe(loop);
-  probe.open(tcp::v6(), error);
-  if (!error) {
-    probe.bind({boost::asio::ip::address_v6::loopback(), 0}, error);
-  }
-  return !error;
+vconf::Status CannotListen(const Address& address, int port, const Error& error) {
+  const char* const advice =
+      error == boost::asio::error::address_in_use ? "; is another desk running? use --port to choose another port"
+      : error == boost::system::errc::address_not_available ? "; --listen needs an address of this machine"
+                                                            : "";
+  return {vconf::Code::kFailed, InBrackets(address) + ":" + std::to_string(port) + ": " + error.message() + advice};
 }
 
 }  // namespace
@@ -40,7 +38,7 @@ std::string InBrackets(const Address& address) {
   return address.is_v6() ? "[" + address.to_string() + "]" : address.to_string();
 }
 
-vconf::Status Listener::ListenOn(const Address& address, int port) {
+Error Listener::ListenOn(const Address& address, int port) {
   auto acceptor = std::make_unique<Acceptor>(loop_);
   const tcp::endpoint endpoint(address, static_cast<unsigned short>(port));
   try {
@@ -50,58 +48,58 @@ vconf::Status Listener::ListenOn(const Address& address, int port) {
     }
     // Without it a port stays taken for a minute after the desk has ended.
     acceptor->set_option(Acceptor::reuse_address(true));
-    // Connections inherit these.
+    // Accepted connections inherit these five options.
     acceptor->set_option(tcp::no_delay(true));
     acceptor->set_option(boost::asio::socket_base::keep_alive(true));
     acceptor->set_option(TcpOption<TCP_KEEPIDLE>(kProbeAfter));
-    acceptor->set_option(TcpOption<TCP_KEEPINTVL>(kProbeEach));
+    acceptor->set_option(TcpOption<TCP_KEEPINTVL>(kProbeInterval));
     acceptor->set_option(TcpOption<TCP_KEEPCNT>(kProbes));
     acceptor->bind(endpoint);
     acceptor->listen();
     acceptor->non_blocking(true);
   } catch (const boost::system::system_error& error) {
-    const char* const advice = error.code() == boost::asio::error::address_in_use
-                                   ? "; is another desk running? use --port to choose another port"
-                               : error.code() == boost::system::errc::address_not_available
-                                   ? "; --listen needs an address of this machine"
-                                   : "";
-    return {vconf::Code::kFailed,
-            InBrackets(address) + ":" + std::to_string(port) + ": " + error.code().message() + advice};
+    return error.code();
   }
   port_ = acceptor->local_endpoint().port();
   acceptors_.push_back(std::move(acceptor));
   return {};
 }
 
-// On loopback of both families, or another program could serve `http://localhost` in the other one.
+// Always on loopback of IPv4 and IPv6: if one were left free, another program could listen there on the same port and
+// receive requests for http://localhost.
 vconf::Status Listener::Listen(int port, const std::string& address) {
-  std::vector<Address> addresses = {boost::asio::ip::address_v4::loopback()};
-  if (HasIpv6(loop_)) {
-    addresses.emplace_back(boost::asio::ip::address_v6::loopback());
-  }
+  const Address loopback6 = boost::asio::ip::address_v6::loopback();
+  std::vector<Address> addresses = {boost::asio::ip::address_v4::loopback(), loopback6};
+  Address other;
   if (!address.empty()) {
     Error error;
-    const Address other = boost::asio::ip::make_address(address, error);
+    other = boost::asio::ip::make_address(address, error);
     if (error) {
       return {vconf::Code::kBadValue,
               address + " is not an address; --listen needs an IP address of this machine, such as 192.168.1.20"};
     }
-    std::erase_if(addresses, [&](const Address& loopback) {
-      return loopback == other || (other.is_unspecified() && loopback.is_v6() == other.is_v6());  // which includes it
+    std::erase_if(addresses, [&](const Address& loopback) {  // 0.0.0.0 and :: include it
+      return loopback == other || (other.is_unspecified() && loopback.is_v6() == other.is_v6());
     });
     addresses.push_back(other);
   }
-  vconf::Status status;
-  // A port that is free on one address may be in use on another.
-  for (int tries = port == 0 ? 20 : 1; tries > 0; --tries) {
+  const auto listen_on_all = [&]() -> vconf::Status {
     acceptors_.clear();
-    status = {};
     for (const Address& each : addresses) {
-      status = status.ok() ? ListenOn(each, acceptors_.empty() ? port : port_) : status;
+      const int wanted = acceptors_.empty() ? port : port_;
+      const Error error = ListenOn(each, wanted);
+      const bool has_no_ipv6 = error == boost::asio::error::address_family_not_supported ||
+                               error == boost::system::errc::address_not_available;
+      if (error && !(has_no_ipv6 && each == loopback6 && each != other)) {
+        return CannotListen(each, wanted, error);
+      }
     }
-    if (status.ok()) {
-      break;
-    }
+    return {};
+  };
+  vconf::Status status = listen_on_all();
+  // A port that is free on one address may be in use on another.
+  for (int tries = 1; port == 0 && !status.ok() && tries < 20; ++tries) {
+    status = listen_on_all();
   }
   return status;
 }
@@ -120,7 +118,7 @@ void Listener::Accept(Acceptor& acceptor) {
       return;
     }
     if (error) {
-      // No more descriptors or memory. Until there are, the socket stays readable, so this waits.
+      // Most likely no descriptor or memory is left. Accepting would fail again at once, so this waits.
       const auto retry = std::make_shared<boost::asio::steady_timer>(loop_, std::chrono::milliseconds(20));
       return retry->async_wait([this, retry, &acceptor](Error) {
         if (!acceptors_.empty()) {

@@ -35,7 +35,7 @@ class Listener {
  private:
   using Acceptor = boost::asio::basic_socket_acceptor<boost::asio::ip::tcp, boost::asio::io_context::executor_type>;
 
-  vconf::Status ListenOn(const boost::asio::ip::address& address, int port);
+  boost::system::error_code ListenOn(const boost::asio::ip::address& address, int port);
   void Accept(Acceptor& acceptor);
 
   boost::asio::io_context& loop_;
