@@ -67,7 +67,7 @@ bool IsKeyOfPrograms(std::string_view path) { return path.starts_with("db/") || 
 Desk::Desk(DeskOptions given)
     : options(std::move(given)),
       events(kEventLimits),
-      pages(loop, options.host, events, [this] { SendDeskEvent(); }),
+      pages(loop, HostCommand(options, options.store), events, [this] { SendDeskEvent(); }),
       check_("", false),
       handler_([this](HttpRequest& request, const ConnectionPtr& connection) { Handle(request, connection); }),
       clients_(loop),
@@ -103,7 +103,7 @@ void Desk::Handle(HttpRequest& request, const ConnectionPtr& connection) {
 vconf::Status Desk::OpenStore() {
   watch_.reset();
   vconf::CloseStore();
-  store = OpenSet(options.host.store);
+  store = OpenSet(options.store);
   if (store.ok()) {
     auto watch = vconf::WatchPrefix("", [this](const vconf::Change& change) { OnChange(change); });
     store = watch.status();
@@ -123,7 +123,7 @@ void Desk::OnChange(const vconf::Change& change) {
 
 vconf::Status Desk::Start() {
   if (options.token || !options.listen.empty()) {
-    auto token = KeptToken(options.host.store);
+    auto token = KeptToken(options.store);
     if (!token.ok()) {
       return token.status();
     }
@@ -145,7 +145,7 @@ vconf::Status Desk::Start() {
   pages.set_limit(limits.pages);
   clients_.set_limit(limits.connections);
   // Before whatever may call End, which needs it.
-  plugin_ = std::make_unique<PluginCheck>(loop, options.host, [this] { OnPluginCheck(); });
+  plugin_ = std::make_unique<PluginCheck>(loop, HostCommand(options, "/dev/null"), [this] { OnPluginCheck(); });
   listener_.Start(clients_, [this](Socket socket) {
     std::make_shared<Connection>(std::move(socket), clients_, check_, handler_)->Start();
   });
@@ -181,10 +181,10 @@ std::vector<std::string> Desk::Command() const {
   if (options.temporary) {
     add({"--temporary"});
   } else {
-    add({"--store", std::filesystem::absolute(options.host.store)});
+    add({"--store", std::filesystem::absolute(options.store)});
   }
-  if (options.host.plugin != DefaultPlugin()) {
-    add({"--plugin", std::filesystem::absolute(options.host.plugin)});
+  if (options.plugin != DefaultPlugin()) {
+    add({"--plugin", std::filesystem::absolute(options.plugin)});
   }
   if (!options.listen.empty()) {
     add({"--listen", options.listen});
@@ -207,11 +207,11 @@ Json Desk::Describe() const {
           {"script", Script()},
           {"command", Command()},
           {"plugin",
-           {{"path", options.host.plugin},
+           {{"path", options.plugin},
             {"version", or_null(plugin_ ? plugin_->version() : "")},
             {"error", or_null(plugin_ ? plugin_->error() : "")}}},
           {"store",
-           {{"folder", options.host.store},
+           {{"folder", options.store},
             {"error", or_null(usable.text())},
             {"code", usable.ok() ? Json() : Json(HttpCodeOf(usable.code()).name)}}},
           {"pages", {{"open", pages.all().size()}, {"limit", pages.limit()}}}};
@@ -258,7 +258,7 @@ Answer Desk::ReplaceStore() {
   std::packaged_task<Answer()> replace([this] {
     watch_.reset();
     vconf::CloseStore();
-    const auto moved = vconf::ReplaceStore(options.host.store, DefaultEntries());
+    const auto moved = vconf::ReplaceStore(options.store, DefaultEntries());
     const vconf::Status opened = OpenStore();
     SendDeskEvent();
     if (!moved.ok() || !opened.ok()) {
@@ -275,10 +275,10 @@ void Desk::OnPluginCheck() {
     return StopWhenAllHaveEnded();
   }
   if (!plugin_->version().empty()) {
-    std::cout << "The plug-in answers: version " << Printable(plugin_->version()) << ", "
-              << Printable(options.host.plugin) << std::endl;
+    std::cout << "The plug-in answers: version " << Printable(plugin_->version()) << ", " << Printable(options.plugin)
+              << std::endl;
   } else {
-    PrintError("mirado desk: the plug-in " + options.host.plugin + " cannot be used");
+    PrintError("mirado desk: the plug-in " + options.plugin + " cannot be used");
     PrintError("  " + plugin_->error());
   }
   SendDeskEvent();

@@ -70,8 +70,8 @@ Json DescribeEnd(int wait_status, const Json& last_log) {
 
 Answer AnswerGone() { return Fail(410, "the page's plug-in is gone"); }
 
-Page::Page(boost::asio::io_context& loop, int number, PageDescription description, const HostCommand& command,
-           EventLog& events, Owner& owner)
+Page::Page(boost::asio::io_context& loop, int number, PageDescription description,
+           const std::vector<std::string>& host_command, EventLog& events, Owner& owner)
     : number_(number),
       id_("p" + std::to_string(number) + "-" + MakeToken()),
       description_(std::move(description)),
@@ -82,7 +82,7 @@ Page::Page(boost::asio::io_context& loop, int number, PageDescription descriptio
       dialogue_(kHistory),
       log_(kHistory),
       abandon_timer_(loop),
-      host_(HostProcess::Start(loop, command.Arguments(), *this)),
+      host_(HostProcess::Start(loop, host_command, *this)),
       pid_(host_->pid()) {
   SendPageEvent();
   CheckAbandoned();

@@ -20,7 +20,6 @@
 #include "server/connection.h"
 #include "server/event_log.h"
 #include "server/host_process.h"
-#include "server/options.h"
 
 namespace desk {
 
@@ -74,8 +73,8 @@ class Page final : private HostProcess::Listener {
 
   /// Starts the plug-in. Events of the page are added to `events`, which must outlive the page, as must `owner`. Throws
   /// `std::system_error` if no process or pipe can be created.
-  Page(boost::asio::io_context& loop, int number, PageDescription description, const HostCommand& command,
-       EventLog& events, Owner& owner);
+  Page(boost::asio::io_context& loop, int number, PageDescription description,
+       const std::vector<std::string>& host_command, EventLog& events, Owner& owner);
   ~Page() = default;
 
   Page(const Page&) = delete;

@@ -8,8 +8,9 @@
 
 namespace desk {
 
-Pages::Pages(boost::asio::io_context& loop, HostCommand command, EventLog& events, std::function<void()> on_change)
-    : loop_(loop), command_(std::move(command)), events_(events), on_change_(std::move(on_change)) {}
+Pages::Pages(boost::asio::io_context& loop, std::vector<std::string> host_command, EventLog& events,
+             std::function<void()> on_change)
+    : loop_(loop), host_command_(std::move(host_command)), events_(events), on_change_(std::move(on_change)) {}
 
 std::shared_ptr<Page> Pages::Open(PageDescription description, bool reserve) {
   if (on_closed_ || pages_.size() >= limit_ + (reserve ? 1 : 0)) {
@@ -17,7 +18,7 @@ std::shared_ptr<Page> Pages::Open(PageDescription description, bool reserve) {
   }
   const int number = last_number_ + 1;
   Page::Owner& owner = *this;
-  auto page = std::make_shared<Page>(loop_, number, std::move(description), command_, events_, owner);
+  auto page = std::make_shared<Page>(loop_, number, std::move(description), host_command_, events_, owner);
   pages_.emplace(number, page);
   last_number_ = number;
   on_change_();

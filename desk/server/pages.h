@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include <boost/asio/io_context.hpp>
 
@@ -22,7 +23,8 @@ class Pages final : private Page::Owner {
   static constexpr std::size_t kMaxEnded = 8;
 
   /// `on_change` is called after a page was opened or has left.
-  Pages(boost::asio::io_context& loop, HostCommand command, EventLog& events, std::function<void()> on_change);
+  Pages(boost::asio::io_context& loop, std::vector<std::string> host_command, EventLog& events,
+        std::function<void()> on_change);
 
   Pages(const Pages&) = delete;
   Pages& operator=(const Pages&) = delete;
@@ -70,7 +72,7 @@ class Pages final : private Page::Owner {
   void SendGone(const Page& page);
 
   boost::asio::io_context& loop_;
-  const HostCommand command_;
+  const std::vector<std::string> host_command_;
   EventLog& events_;
   std::size_t limit_ = kMaxPages;
   const std::function<void()> on_change_;

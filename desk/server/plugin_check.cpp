@@ -6,10 +6,10 @@
 
 namespace desk {
 
-PluginCheck::PluginCheck(boost::asio::io_context& loop, HostCommand command, std::function<void()> on_change)
+PluginCheck::PluginCheck(boost::asio::io_context& loop, const std::vector<std::string>& host_command,
+                         std::function<void()> on_change)
     : on_change_(std::move(on_change)) {
-  command.store = "/dev/null";
-  process_ = HostProcess::Start(loop, command.Arguments(), *this);
+  process_ = HostProcess::Start(loop, host_command, *this);
   process_->Write(FormatLine(In::kSend, R"({"command": "getVersion"})"));
 }
 

@@ -9,17 +9,18 @@
 #include <boost/asio/io_context.hpp>
 
 #include "server/host_process.h"
-#include "server/page.h"
 
 namespace desk {
 
-/// Starts the plug-in in a process of its own and asks it for its version. It has no store, so the set's faults and
-/// latencies do not affect it. To be used on the loop's thread only, and destroyed after the process has ended.
+/// Starts the plug-in in a process of its own and asks it for its version. To be used on the loop's thread only, and
+/// destroyed after the process has ended.
 class PluginCheck final : private HostProcess::Listener {
  public:
-  /// `on_change` is called when the version or an error is known, and when the process has ended. Throws
-  /// `std::system_error` if no process or pipe can be created.
-  PluginCheck(boost::asio::io_context& loop, HostCommand command, std::function<void()> on_change);
+  /// `host_command` should name no store, so that the set's faults and latencies do not affect the query. `on_change`
+  /// is called when the version or an error is known, and when the process has ended. Throws `std::system_error` if no
+  /// process or pipe can be created.
+  PluginCheck(boost::asio::io_context& loop, const std::vector<std::string>& host_command,
+              std::function<void()> on_change);
 
   const std::string& version() const { return version_; }  ///< empty if not known
   const std::string& error() const { return error_; }      ///< empty if there is none

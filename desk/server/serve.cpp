@@ -37,7 +37,7 @@ int Serve(const DeskOptions& options) {
   for (const std::string& link : desk.Links()) {
     std::cout << std::exchange(name, ", and ") << link;
   }
-  std::cout << "\nThe set is kept in " << options.host.store << "; Ctrl-C ends the desk.\n";
+  std::cout << "\nThe set is kept in " << options.store << "; Ctrl-C ends the desk.\n";
   if (!std::cout.flush()) {
     return kCannotWork;  // nobody would know where the desk is; `WithCheckedOutput` prints why
   }
@@ -56,7 +56,7 @@ int ServeDesk(DeskOptions options) {
       if (!folder.emplace("mirado-set").status().ok()) {
         return Fail(folder->status().text());
       }
-      options.host.store = folder->path() / "store";
+      options.store = folder->path() / "store";
     }
     const int status = Serve(options);
     vconf::CloseStore();

@@ -36,10 +36,7 @@ class ServerDeathTest : public testing::Test {
   /// Runs a desk, calls `happens` while a client is connected, and exits with the desk's status.
   void Run(const std::function<void(desk::Desk&)>& happens) {
     {
-      desk::DeskOptions options;
-      options.port = 0;
-      options.host = {.program = MIRADO_PROGRAM, .plugin = MIRADO_PLUGIN_PATH, .store = folder_ / "store"};
-      desk::Desk desk(options);
+      desk::Desk desk({.program = MIRADO_PROGRAM, .plugin = MIRADO_PLUGIN_PATH, .store = folder_ / "store", .port = 0});
       if (!desk.OpenStore().ok() || !desk.Start().ok()) _exit(99);
       const std::string link = desk.Links().front();
       tcp::socket client(desk.loop);
@@ -117,8 +114,7 @@ class PagesTest : public testing::Test {
     const std::string program = folder_ / "host";
     std::ofstream(program) << "#!/bin/sh\n" << script << '\n';
     std::filesystem::permissions(program, std::filesystem::perms::owner_all);
-    pages_ = std::make_unique<desk::Pages>(loop_, desk::HostCommand{.program = program, .plugin = {}, .store = {}},
-                                           events_, [] {});
+    pages_ = std::make_unique<desk::Pages>(loop_, std::vector{program}, events_, [] {});
     return pages_->Open({.title = {}, .url = {}, .grace = std::chrono::hours(1)}, false);
   }
 
