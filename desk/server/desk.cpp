@@ -32,14 +32,14 @@ namespace {
 using boost::asio::ip::tcp;
 using Error = boost::system::error_code;
 
-// The events that are kept for `/api/events`.
+// Of the log behind `/api/events`. Older events are dropped.
 constexpr EventLog::Limits kEventLimits{.events = 20'000, .bytes = 16UL * 1024 * 1024};
 
 // How long clients may take to read the last events, and the store to finish a change.
 constexpr std::chrono::seconds kShutdownTime(2);
 
-// How many more descriptors this process may open, after raising its limit.
-std::size_t FreeDescriptors() {
+// Raises the limit of open descriptors as far as this process may, and returns how many more it may open.
+std::size_t RaiseDescriptorLimit() {
   rlimit limit{};
   getrlimit(RLIMIT_NOFILE, &limit);
   limit.rlim_cur = limit.rlim_max;
@@ -52,6 +52,8 @@ std::size_t FreeDescriptors() {
 
 }  // namespace
 
+// Half of the descriptors are for connections, the others for the pipes of pages. Of the connections at most an eighth
+// are streams of events, a quarter deliveries, and half waiting sends, so that an eighth is left for short requests.
 Limits Limits::For(std::size_t free) {
   const std::size_t connections = std::clamp<std::size_t>(free / 2, 8, 1024);
   const std::size_t left = free > connections ? free - connections : 0;
@@ -65,17 +67,17 @@ Limits Limits::For(std::size_t free) {
 bool IsKeyOfPrograms(std::string_view path) { return path.starts_with("db/") || path.starts_with("memory/"); }
 
 Desk::Desk(DeskOptions given)
-    : options(std::move(given)),
-      events(kEventLimits),
-      pages(loop, HostCommand(options, options.store), events, [this] { SendDeskEvent(); }),
+    : options_(std::move(given)),
+      events_(kEventLimits),
+      pages_(loop_, HostCommand(options_, options_.store), events_, [this] { SendDeskEvent(); }),
       check_("", false),
       handler_([this](HttpRequest& request, const ConnectionPtr& connection) { Handle(request, connection); }),
-      clients_(loop),
-      listener_(loop),
-      signals_(loop, SIGINT, SIGTERM),
-      input_(loop) {
+      clients_(loop_),
+      listener_(loop_),
+      signals_(loop_, SIGINT, SIGTERM),
+      input_(loop_) {
   struct sigaction hangup = {};
-  if (sigaction(SIGHUP, nullptr, &hangup) == 0 && hangup.sa_handler != SIG_IGN) {  // nohup ignores it
+  if (sigaction(SIGHUP, nullptr, &hangup) == 0 && hangup.sa_handler != SIG_IGN) {  // as under nohup
     signals_.add(SIGHUP);
   }
   AddSetRoutes(router_, *this);
@@ -84,12 +86,13 @@ Desk::Desk(DeskOptions given)
   AddFiles(router_);
 }
 
-// Pending handlers refer to this desk, so they run before it is destroyed.
+// Closing the connections makes their handlers ready to run. They refer to this desk, so they run before it is
+// destroyed.
 Desk::~Desk() {
   watch_.reset();
   clients_.CloseAll();
-  loop.restart();
-  loop.poll();
+  loop_.restart();
+  loop_.poll();
 }
 
 void Desk::Handle(HttpRequest& request, const ConnectionPtr& connection) {
@@ -103,13 +106,13 @@ void Desk::Handle(HttpRequest& request, const ConnectionPtr& connection) {
 vconf::Status Desk::OpenStore() {
   watch_.reset();
   vconf::CloseStore();
-  store = OpenSet(options.store);
-  if (store.ok()) {
+  store_ = OpenSet(options_.store);
+  if (store_.ok()) {
     auto watch = vconf::WatchPrefix("", [this](const vconf::Change& change) { OnChange(change); });
-    store = watch.status();
+    store_ = watch.status();
     watch_ = watch.ok() ? *std::move(watch) : nullptr;
   }
-  return store;
+  return store_;
 }
 
 // On the store's notification thread.
@@ -118,34 +121,34 @@ void Desk::OnChange(const vconf::Change& change) {
     return SendSetEvent();
   }
   const Json event = {{"path", change.path}, {"value", change.value ? ToJson(*change.value) : Json()}};
-  boost::asio::post(loop, [this, text = MakeText(ToText(event))] { events.Add("setting", text); });
+  boost::asio::post(loop_, [this, text = MakeText(ToText(event))] { events_.Add("setting", text); });
 }
 
 vconf::Status Desk::Start() {
-  if (options.token || !options.listen.empty()) {
-    auto token = KeptToken(options.store);
+  if (options_.token || !options_.listen.empty()) {
+    auto token = KeptToken(options_.store);
     if (!token.ok()) {
       return token.status();
     }
-    check_ = OriginCheck(*std::move(token), !options.listen.empty());
+    check_ = OriginCheck(*std::move(token), !options_.listen.empty());
   }
-  if (vconf::Status status = listener_.Listen(options.port, options.listen); !status.ok()) {
+  if (vconf::Status status = listener_.Listen(options_.port, options_.listen); !status.ok()) {
     return status;
   }
-  // For the store's files, a file that is served, and the pipes of a page that is being started.
-  constexpr std::size_t kOwn = 12;
-  constexpr std::size_t kFewest = 24;
-  const std::size_t free = FreeDescriptors();
+  constexpr std::size_t kOwn = 12;     // for the store's files, a served file, and the pipes while a page starts
+  constexpr std::size_t kFewest = 24;  // for connections and pages: 12 connections and 3 pages
+  const std::size_t free = RaiseDescriptorLimit();
   if (free < kOwn + kFewest) {
     return {vconf::Code::kFull, "this process may open only " + std::to_string(free) +
                                     " more files, but the desk needs " + std::to_string(kOwn + kFewest) +
                                     "; raise the hard limit of open files (ulimit -Hn)"};
   }
-  limits = Limits::For(free - kOwn);
-  pages.set_limit(limits.pages);
-  clients_.set_limit(limits.connections);
-  // Before whatever may call End, which needs it.
-  plugin_ = std::make_unique<PluginCheck>(loop, HostCommand(options, "/dev/null"), [this] { OnPluginCheck(); });
+  limits_ = Limits::For(free - kOwn);
+  pages_.set_limit(limits_.pages);
+  clients_.set_limit(limits_.connections);
+  // Created before the listener, the signals and the input are started: those may call `End`, which uses it. It has no
+  // store, so the set's faults and latencies do not affect it.
+  plugin_check_ = std::make_unique<PluginCheck>(loop_, HostCommand(options_, "/dev/null"), [this] { OnPluginCheck(); });
   listener_.Start(clients_, [this](Socket socket) {
     std::make_shared<Connection>(std::move(socket), clients_, check_, handler_)->Start();
   });
@@ -155,7 +158,7 @@ vconf::Status Desk::Start() {
       End();
     }
   });
-  if (options.until_closed) {
+  if (options_.until_closed) {
     input_.assign(dup(STDIN_FILENO));
     DiscardInput(input_, [this] { End(); });
   }
@@ -169,8 +172,8 @@ std::string Desk::Link(const std::string& host, std::string_view path) const {
 
 std::vector<std::string> Desk::Links() const {
   std::vector<std::string> links = {Link("localhost", "/")};
-  if (!options.listen.empty()) {
-    links.push_back(Link(InBrackets(boost::asio::ip::make_address(options.listen)), "/"));
+  if (!options_.listen.empty()) {
+    links.push_back(Link(InBrackets(boost::asio::ip::make_address(options_.listen)), "/"));
   }
   return links;
 }
@@ -178,18 +181,18 @@ std::vector<std::string> Desk::Links() const {
 std::vector<std::string> Desk::Command() const {
   std::vector<std::string> words = {"mirado", "desk", "--port", std::to_string(listener_.port())};
   const auto add = [&](std::initializer_list<std::string> more) { words.insert(words.end(), more); };
-  if (options.temporary) {
+  if (options_.temporary) {
     add({"--temporary"});
   } else {
-    add({"--store", std::filesystem::absolute(options.store)});
+    add({"--store", std::filesystem::absolute(options_.store)});
   }
-  if (options.plugin != DefaultPlugin()) {
-    add({"--plugin", std::filesystem::absolute(options.plugin)});
+  if (options_.plugin != DefaultPlugin()) {
+    add({"--plugin", std::filesystem::absolute(options_.plugin)});
   }
-  if (!options.listen.empty()) {
-    add({"--listen", options.listen});
+  if (!options_.listen.empty()) {
+    add({"--listen", options_.listen});
   }
-  if (options.token) {
+  if (options_.token) {
     add({"--token"});
   }
   return words;
@@ -201,38 +204,38 @@ Json Desk::Describe() const {
     addresses.push_back(link.substr(0, link.rfind('/')));
   }
   const auto or_null = [](std::string_view text) { return text.empty() ? Json() : Json(text); };
-  const vconf::Status usable = store.ok() ? vconf::CheckStore() : store;
+  const vconf::Status usable = store_.ok() ? vconf::CheckStore() : store_;
   return {{"version", MIRADO_VERSION},
           {"addresses", std::move(addresses)},
           {"script", Script()},
           {"command", Command()},
           {"plugin",
-           {{"path", options.plugin},
-            {"version", or_null(plugin_ ? plugin_->version() : "")},
-            {"error", or_null(plugin_ ? plugin_->error() : "")}}},
+           {{"path", options_.plugin},
+            {"version", or_null(plugin_check_ ? plugin_check_->version() : "")},
+            {"error", or_null(plugin_check_ ? plugin_check_->error() : "")}}},
           {"store",
-           {{"folder", options.store},
+           {{"folder", options_.store},
             {"error", or_null(usable.text())},
             {"code", usable.ok() ? Json() : Json(HttpCodeOf(usable.code()).name)}}},
-          {"pages", {{"open", pages.all().size()}, {"limit", pages.limit()}}}};
+          {"pages", {{"open", pages_.all().size()}, {"limit", pages_.limit()}}}};
 }
 
 void Desk::SendDeskEvent() {
   std::string now = ToText(Describe());
   if (now != last_desk_event_) {
-    events.Add("desk", MakeText(now));
+    events_.Add("desk", MakeText(now));
     last_desk_event_ = std::move(now);
   }
 }
 
 void Desk::SendSetEvent() {
-  boost::asio::post(loop, [this] { events.Add("set", MakeText("{}")); });
+  boost::asio::post(loop_, [this] { events_.Add("set", MakeText("{}")); });
 }
 
 Router::Handler Desk::OnStore(std::function<Answer(const HttpRequest&)> work) {
   return [this, work = std::move(work)](HttpRequest& request, const ConnectionPtr& connection) {
     ++store_requests_;
-    const auto until_answered = boost::asio::make_work_guard(loop);
+    const auto until_answered = boost::asio::make_work_guard(loop_);
     auto run = [this, work, request = std::move(request), connection = connection, until_answered]() mutable {
       Answer answer;
       try {
@@ -244,7 +247,7 @@ Router::Handler Desk::OnStore(std::function<Answer(const HttpRequest&)> work) {
       // receive them as new events.
       vconf::Settle();
       // The connection belongs to the loop's thread, so it must not be destroyed here.
-      boost::asio::post(loop, [connection = std::move(connection), answer = std::move(answer)]() mutable {
+      boost::asio::post(loop_, [connection = std::move(connection), answer = std::move(answer)]() mutable {
         connection->Reply(std::move(answer));
       });
       --store_requests_;
@@ -253,12 +256,12 @@ Router::Handler Desk::OnStore(std::function<Answer(const HttpRequest&)> work) {
   };
 }
 
-// The loop reads the store, too, so the store is replaced there, while the store's thread waits and uses nothing.
+// Runs on the store's thread. The loop's thread also reads the store, so it does the replacement, while this one waits.
 Answer Desk::ReplaceStore() {
   std::packaged_task<Answer()> replace([this] {
     watch_.reset();
     vconf::CloseStore();
-    const auto moved = vconf::ReplaceStore(options.store, DefaultEntries());
+    const auto moved = vconf::ReplaceStore(options_.store, DefaultEntries());
     const vconf::Status opened = OpenStore();
     SendDeskEvent();
     if (!moved.ok() || !opened.ok()) {
@@ -266,23 +269,23 @@ Answer Desk::ReplaceStore() {
     }
     return JsonAnswer({{"moved", *moved}});
   });
-  boost::asio::post(loop, std::ref(replace));
+  boost::asio::post(loop_, std::ref(replace));
   return replace.get_future().get();
 }
 
 void Desk::OnPluginCheck() {
   if (ending_ || std::exchange(plugin_reported_, true)) {
-    return StopWhenAllHaveEnded();
+    return StopWhenAllHaveExited();
   }
-  if (!plugin_->version().empty()) {
-    std::cout << "The plug-in answers: version " << Printable(plugin_->version()) << ", " << Printable(options.plugin)
-              << std::endl;
+  if (!plugin_check_->version().empty()) {
+    std::cout << "The plug-in answers: version " << Printable(plugin_check_->version()) << ", "
+              << Printable(options_.plugin) << std::endl;
   } else {
-    PrintError("mirado desk: the plug-in " + options.plugin + " cannot be used");
-    PrintError("  " + plugin_->error());
+    PrintError("mirado desk: the plug-in " + options_.plugin + " cannot be used");
+    PrintError("  " + plugin_check_->error());
   }
   SendDeskEvent();
-  if (plugin_->ended()) {  // without an answer
+  if (plugin_check_->exited()) {  // without an answer
     status_ = kCannotWork;
     End();
   }
@@ -292,38 +295,38 @@ void Desk::End() {
   if (std::exchange(ending_, true)) {
     return;
   }
-  events.Add("end", MakeText("{}"));
+  events_.Add("end", MakeText("{}"));
   listener_.Close();
   signals_.cancel();
   input_.close();
-  plugin_->End();
-  pages.Close([this] {
+  plugin_check_->End();
+  pages_.Close([this] {
     pages_closed_ = true;
-    StopWhenAllHaveEnded();
+    StopWhenAllHaveExited();
   });
 }
 
-void Desk::StopWhenAllHaveEnded() {
-  if (pages_closed_ && plugin_->ended()) {
-    loop.stop();
+void Desk::StopWhenAllHaveExited() {
+  if (pages_closed_ && plugin_check_->exited()) {
+    loop_.stop();
   }
 }
 
 int Desk::Run() {
   try {
-    loop.run();
+    loop_.run();
   } catch (const std::exception& error) {
     PrintError(std::string("mirado desk: exits after an internal failure: ") + error.what());
     status_ = kCannotWork;
     End();
-    loop.run();
+    loop_.run();
   }
   // All processes have ended. Streams get their last events, and the store makes the changes that it has been asked
   // for.
-  events.Close();
+  events_.Close();
   clients_.CloseIdle();
-  loop.restart();
-  loop.run_for(kShutdownTime);
+  loop_.restart();
+  loop_.run_for(kShutdownTime);
   if (store_requests_ > 0) {
     PrintError("mirado desk: the store has not finished a request; the disk may not be responding");
     std::_Exit(kCannotWork);

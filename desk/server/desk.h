@@ -82,13 +82,13 @@ class Desk {
   /// Moves the store's files aside and creates a new store. To be called on the store's thread.
   Answer ReplaceStore();
 
-  boost::asio::io_context loop{1};
-  const DeskOptions options;
-  Limits limits{};
-  EventLog events;
-  Pages pages;
-  std::size_t delivery_streams = 0;
-  vconf::Status store;  ///< of opening the store
+  boost::asio::io_context& loop() { return loop_; }
+  const DeskOptions& options() const { return options_; }
+  const Limits& limits() const { return limits_; }
+  EventLog& events() { return events_; }  ///< of `/api/events`
+  Pages& pages() { return pages_; }
+  const Pages& pages() const { return pages_; }
+  std::size_t delivery_streams = 0;  ///< counted by their route, also those of pages that have left
 
  private:
   std::string Link(const std::string& host, std::string_view path) const;
@@ -96,8 +96,14 @@ class Desk {
   void OnPluginCheck();
   void Handle(HttpRequest& request, const ConnectionPtr& connection);
   void End();
-  void StopWhenAllHaveEnded();
+  void StopWhenAllHaveExited();
 
+  boost::asio::io_context loop_{1};
+  const DeskOptions options_;
+  Limits limits_{};
+  EventLog events_;
+  Pages pages_;
+  vconf::Status store_;  // of opening the store
   OriginCheck check_;
   Router router_;
   Connection::Handler handler_;
@@ -105,7 +111,7 @@ class Desk {
   Listener listener_;
   boost::asio::signal_set signals_;
   boost::asio::posix::basic_stream_descriptor<boost::asio::io_context::executor_type> input_;
-  std::unique_ptr<PluginCheck> plugin_;
+  std::unique_ptr<PluginCheck> plugin_check_;
   std::unique_ptr<vconf::Watch> watch_;
   boost::asio::thread_pool store_thread_{1};
   std::atomic<int> store_requests_ = 0;  // queued or running on the store's thread

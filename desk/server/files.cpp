@@ -53,7 +53,8 @@ Answer Serve(const HttpRequest& request, const std::filesystem::path& folder, co
           .anywhere = extension == ".js"};
 }
 
-// The example's script tag has the default address. Here it loads from this desk, with the request's token.
+// The example's script tag names the default address. Replaces that, so that desk.js is loaded from this desk, with the
+// token of the request.
 Answer ServeExample(const HttpRequest& request, const std::filesystem::path& folder) {
   constexpr std::string_view kUsual = "http://localhost:8480/desk.js";
   const std::string token(request.Query("token"));

@@ -140,9 +140,9 @@ void HostProcess::AwaitOutput(Output& output) {
   });
 }
 
-// False at the end of the pipe.
+// False at the end of the pipe, and after an error.
 bool HostProcess::ReadOnce(Output& output) {
-  static std::array<char, kPipeSize> chunk;
+  static std::array<char, kPipeSize> chunk;  // for all processes: nothing else reads during the calls of `on_line`
   const ssize_t size = read(output.pipe.native_handle(), chunk.data(), chunk.size());
   if (size < 0) {
     return errno == EAGAIN || errno == EINTR;
@@ -192,7 +192,7 @@ void HostProcess::WriteQueued() {
       return;
     }
     const bool had_room = self->HasRoom();
-    self->WriteQueued();  // also after an error: the child reads no more, and its end will be reported
+    self->WriteQueued();  // also after an error: the child has closed its input, so this drops what is queued
     if (!had_room && self->HasRoom()) {
       self->listener_->OnRoom();
     }
@@ -233,7 +233,7 @@ void HostProcess::AwaitEnd() {
     if (waitpid(self->pid_, &status, WNOHANG) == 0) {
       return self->AwaitEnd();
     }
-    // The rest of its output comes before its end. The end of the pipe is not awaited: a grandchild may hold it open.
+    // Passes on the rest of stdout and stderr. Their end is not awaited: a grandchild may hold the pipes open.
     self->log_.pipe.cancel();
     self->output_.pipe.cancel();
     self->Drain(self->log_);

@@ -32,9 +32,9 @@ void PluginCheck::OnLine(std::string_view line) {
 }
 
 void PluginCheck::OnEnd(int /*wait_status*/) {
-  ended_ = true;
+  exited_ = true;
   if (version_.empty() && error_.empty()) {
-    error_ = last_line_.empty() ? "the plug-in's process has ended" : last_line_;
+    error_ = last_line_.empty() ? "the plug-in's process has exited" : last_line_;
   }
   on_change_();
 }

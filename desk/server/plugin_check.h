@@ -13,18 +13,17 @@
 namespace desk {
 
 /// Starts the plug-in in a process of its own and asks it for its version. To be used on the loop's thread only, and
-/// destroyed after the process has ended.
+/// destroyed after the process has exited.
 class PluginCheck final : private HostProcess::Listener {
  public:
-  /// `host_command` should name no store, so that the set's faults and latencies do not affect the query. `on_change`
-  /// is called when the version or an error is known, and when the process has ended. Throws `std::system_error` if no
-  /// process or pipe can be created.
+  /// `on_change` is called when the version or an error is known, and when the process has exited. Throws
+  /// `std::system_error` if no process or pipe can be created.
   PluginCheck(boost::asio::io_context& loop, const std::vector<std::string>& host_command,
               std::function<void()> on_change);
 
   const std::string& version() const { return version_; }  ///< empty if not known
   const std::string& error() const { return error_; }      ///< empty if there is none
-  bool ended() const { return ended_; }                    ///< the process has ended
+  bool exited() const { return exited_; }                  ///< the process has exited
 
   void End() { process_->End(); }
 
@@ -37,7 +36,7 @@ class PluginCheck final : private HostProcess::Listener {
   std::string version_;
   std::string error_;
   std::string last_line_;
-  bool ended_ = false;
+  bool exited_ = false;
   std::shared_ptr<HostProcess> process_;
 };
 

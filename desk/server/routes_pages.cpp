@@ -92,7 +92,7 @@ void Submit(Desk& desk, Page& page, const HttpRequest& request, const Connection
     return connection->Reply(Fail(messages.status()));
   }
   const bool waits = !messages->empty() && messages->back().waits;
-  if (waits && (desk.pages.waiting() >= desk.limits.sends || page.waiting() >= Page::kMaxWaiting)) {
+  if (waits && (desk.pages().waiting() >= desk.limits().sends || page.waiting() >= Page::kMaxWaiting)) {
     return connection->Reply(Busy("too many requests are already waiting for a reply"));
   }
   switch (page.Submit(*messages, connection)) {
@@ -153,7 +153,7 @@ std::uint64_t StartOf(const HttpRequest& request, std::uint64_t otherwise) {
 void StreamDeliveries(Desk& desk, const std::shared_ptr<Page>& page, const HttpRequest& request,
                       const ConnectionPtr& connection, bool takes_posts) {
   if (page->deliveries().readers() >= 4 ||
-      desk.delivery_streams >= desk.limits.deliveries + (request.from_desk_page ? Limits::kReserve : 0)) {
+      desk.delivery_streams >= desk.limits().deliveries + (request.from_desk_page ? Limits::kReserve : 0)) {
     return connection->Reply(Busy("too many streams of deliveries are already open"));
   }
   ++desk.delivery_streams;
@@ -170,10 +170,10 @@ void StreamDeliveries(Desk& desk, const std::shared_ptr<Page>& page, const HttpR
 }
 
 void StreamEvents(Desk& desk, const HttpRequest& request, const ConnectionPtr& connection) {
-  if (desk.events.readers() >= desk.limits.events + (request.from_desk_page ? Limits::kReserve : 0)) {
-    return connection->Reply(Busy(std::to_string(desk.limits.events) + " streams of events are already open"));
+  if (desk.events().readers() >= desk.limits().events + (request.from_desk_page ? Limits::kReserve : 0)) {
+    return connection->Reply(Busy(std::to_string(desk.limits().events) + " streams of events are already open"));
   }
-  StartStream(connection, {.log = &desk.events, .position = StartOf(request, desk.events.newest())});
+  StartStream(connection, {.log = &desk.events(), .position = StartOf(request, desk.events().newest())});
 }
 
 // Compares the messages that the page has sent with those that the body expects.
@@ -202,10 +202,10 @@ Answer OpenPage(Desk& desk, const HttpRequest& request) {
     return Fail(description.status());
   }
   try {
-    const auto page = desk.pages.Open(*description, request.from_desk_page);
+    const auto page = desk.pages().Open(*description, request.from_desk_page);
     return page ? JsonAnswer(page->Describe(), 201)
-                : Busy(desk.pages.is_closing() ? "the desk is ending"
-                                               : std::to_string(desk.pages.limit()) + " pages are already open");
+                : Busy(desk.pages().is_closing() ? "the desk is ending"
+                                                 : std::to_string(desk.pages().limit()) + " pages are already open");
   } catch (const std::system_error& error) {
     return Busy(std::string("no plug-in can be started: ") + error.what() +
                 "; close pages, or raise the desk's limits (ulimit -Hn, ulimit -u)");
@@ -224,8 +224,8 @@ void AddPageRoutes(Router& router, Desk& desk) {
     router.Add(method, std::string("/api/pages/*") + suffix, body,
                [&desk, which, handler = std::move(handler)](HttpRequest& request, const ConnectionPtr& connection) {
                  const std::string& id = request.parts[0];
-                 const PagePtr open = desk.pages.Find(id);
-                 if (const PagePtr page = open || which == Of::kOpen ? open : desk.pages.FindEnded(id)) {
+                 const PagePtr open = desk.pages().Find(id);
+                 if (const PagePtr page = open || which == Of::kOpen ? open : desk.pages().FindEnded(id)) {
                    return handler(page, request, connection);
                  }
                  connection->Reply(Fail({vconf::Code::kMissing, "there is no page " + id}));
@@ -245,18 +245,18 @@ void AddPageRoutes(Router& router, Desk& desk) {
   };
 
   router.Get("/api/pages", [&desk, describe_all](const HttpRequest&) {
-    return JsonAnswer({{"pages", describe_all(desk.pages.all())}, {"ended", describe_all(desk.pages.ended())}});
+    return JsonAnswer({{"pages", describe_all(desk.pages().all())}, {"ended", describe_all(desk.pages().ended())}});
   });
   router.Add(verb::post, "/api/pages", Body::kJson,
              [&desk](const HttpRequest& request, const ConnectionPtr& to) { to->Reply(OpenPage(desk, request)); });
   add_now(verb::get, "", Of::kOpen, [](Page& page) { return JsonAnswer(page.Describe()); });
   add_now(verb::delete_, "", Of::kEndedToo, [&desk](Page& page) {
-    desk.pages.Leave(page, Pages::Keep::kNothing);
-    desk.pages.Drop(page);
+    desk.pages().Leave(page, Pages::Keep::kNothing);
+    desk.pages().Drop(page);
     return Answer{};
   });
   add_now(verb::post, "/leave", Of::kOpen, [&desk](Page& page) {
-    desk.pages.Leave(page, Pages::Keep::kHistory);
+    desk.pages().Leave(page, Pages::Keep::kHistory);
     return Answer{};
   });
   add_now(verb::post, "/kill", Of::kOpen, [](Page& page) {

@@ -60,7 +60,7 @@ Answer AnswerWith(const vconf::Status& changed, vconf::Result<Json> (*describe)(
 void AddSetRoutes(Router& router, Desk& desk) {
   using http::verb;
   using Request = const HttpRequest&;
-  const std::string& store = desk.options.store;
+  const std::string& store = desk.options().store;
   const auto changes_set = [&desk](std::function<Answer(Request)> work) {
     return desk.OnStore([&desk, work = std::move(work)](Request request) {
       Answer answer = work(request);

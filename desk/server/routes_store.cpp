@@ -20,7 +20,7 @@ Answer DescribeSettings(const Desk& desk) {
       return Fail(value.status());
     }
     Json watchers = Json::array();
-    for (const auto& [number, page] : desk.pages.all()) {
+    for (const auto& [number, page] : desk.pages().all()) {
       if (page->Watches(setting.path)) {
         watchers.push_back(number);
       }

@@ -4,6 +4,8 @@
 #include <iostream>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <utility>
 
 #include "base/exit_status.h"
 #include "base/standard_streams.h"
@@ -21,12 +23,12 @@ int Fail(const std::string& error) {
 
 int Serve(const DeskOptions& options) {
   Desk desk(options);
-  // A store that is damaged can be put right from the desk's page.
-  constexpr int kNothing = 8;
-  constexpr int kUsual = 4;
-  dlog::SetThreshold(kNothing);  // the store would log what its status says
+  constexpr int kNoLogLines = 8;
+  constexpr int kDefaultThreshold = 4;
+  dlog::SetThreshold(kNoLogLines);  // the store would also log the text of the status
   const vconf::Status store = desk.OpenStore();
-  dlog::SetThreshold(kUsual);
+  dlog::SetThreshold(kDefaultThreshold);
+  // The desk also starts on a damaged or removed store, because its page can replace the store.
   if (!store.ok() && store.code() != vconf::Code::kDamaged && store.code() != vconf::Code::kRemoved) {
     return Fail(store.text());
   }
@@ -37,9 +39,10 @@ int Serve(const DeskOptions& options) {
   for (const std::string& link : desk.Links()) {
     std::cout << std::exchange(name, ", and ") << link;
   }
-  std::cout << "\nThe set is kept in " << options.store << "; Ctrl-C ends the desk.\n";
+  std::cout << "\nThe set is kept in " << options.store << "; Ctrl-C ends the desk"
+            << (options.temporary ? " and removes the set.\n" : ".\n");
   if (!std::cout.flush()) {
-    return kCannotWork;  // nobody would know where the desk is; `WithCheckedOutput` prints why
+    return kCannotWork;  // without the links nobody can use the desk; `WithCheckedOutput` prints why
   }
   if (!store.ok()) {
     PrintError("mirado desk: " + store.text());

@@ -39,7 +39,7 @@ class ServerDeathTest : public testing::Test {
       desk::Desk desk({.program = MIRADO_PROGRAM, .plugin = MIRADO_PLUGIN_PATH, .store = folder_ / "store", .port = 0});
       if (!desk.OpenStore().ok() || !desk.Start().ok()) _exit(99);
       const std::string link = desk.Links().front();
-      tcp::socket client(desk.loop);
+      tcp::socket client(desk.loop());
       client.connect({boost::asio::ip::address_v4::loopback(),
                       static_cast<unsigned short>(std::stoi(link.substr(link.rfind(':') + 1)))});
       boost::asio::write(client,
