@@ -117,7 +117,7 @@ int RunInstances() {
   HandleStopSignals();
   const Set set;
   const pp::Var request = Request("getMenuValue", kDiskKeyNumber);
-  // Counted page by page: the counters in `status` are approximate.
+  // `smaps_rollup` is exact; the kernel updates the counters in `status` only now and then.
   const auto memory = [] { return ProcessField(getpid(), "smaps_rollup", "Anonymous:"); };
   const double before = memory();
   std::vector<Page> pages;
@@ -129,7 +129,7 @@ int RunInstances() {
   return EXIT_SUCCESS;
 }
 
-Growth GrowInstances(const Effort& effort) {
+Figures GrowInstances(const Effort& effort) {
   const pp::Var request = Request("getMenuValue", kDiskKeyNumber);
   Points points;
   for (int round = 0; round < SeriesRounds(effort); ++round) {
@@ -155,7 +155,7 @@ Growth GrowInstances(const Effort& effort) {
             rate(medians.front()[1]), rate((*fewest)[1]), Number(ratio), "at least 0.9", ratio >= 0.9}}};
 }
 
-Growth GrowSubscribers(const Effort& effort) {
+Figures GrowSubscribers(const Effort& effort) {
   Points points;
   for (int round = 0; round < SeriesRounds(effort); ++round) {
     for (const int count : kInstances) {
@@ -186,14 +186,14 @@ Growth GrowSubscribers(const Effort& effort) {
       {AtMost("an event of 1 subscriber among 64 instances", "1 instance", Compare(effort, alone, among_others), 1.2)}};
 }
 
-Growth GrowSubscriptions(const Effort& effort) {
+Figures GrowSubscriptions(const Effort& effort) {
   Points points;
   for (int round = 0; round < SeriesRounds(effort); ++round) {
     const Set set;
     Arrivals arrivals;
     const Page page = set.Page(arrivals.Listener());
     MustSucceed(*page, Request("registerVconfKeysForMirado", kMemoryKeyNumber));
-    for (int count = 1; count <= 23; ++count) {
+    for (int count = 1; count <= 23; ++count) {  // one key in memory, then the 22 keys of the menu
       if (count > 1) MustSucceed(*page, Request("registerVconfKeysForCaption", count - 2));
       points.Add(count, {EventTime(effort, arrivals, 1)});
     }
@@ -201,7 +201,7 @@ Growth GrowSubscriptions(const Effort& effort) {
   return {{{"subscriptions", {"subscriptions of the page", "ns to the event"}, points.Medians()}}, {}};
 }
 
-Growth GrowKeys(const Effort& effort) {
+Figures GrowKeys(const Effort& effort) {
   const pp::Var request = Request("getMenuValue", kDiskKeyNumber);
   Points points;
   for (int round = 0; round < SeriesRounds(effort); ++round) {
@@ -228,7 +228,7 @@ Growth GrowKeys(const Effort& effort) {
           {}};
 }
 
-Growth GrowMessages(const Effort& effort) {
+Figures GrowMessages(const Effort& effort) {
   const Set set;
   const Page page = set.Page();
   const std::string head = R"({"command":"getMenuValue","propertyKey":0,"more":)";

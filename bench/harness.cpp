@@ -47,20 +47,21 @@ double Median(std::vector<double> values) {
   return *middle;
 }
 
-Comparison Compare(const Effort& effort, const std::function<double()>& floor, const std::function<double()>& ours) {
-  std::vector<double> floors;
-  std::vector<double> all_ours;
+Comparison Compare(const Effort& effort, const std::function<double()>& reference,
+                   const std::function<double()>& measured) {
+  std::vector<double> references;
+  std::vector<double> measurements;
   std::vector<double> ratios;
   for (int round = 0; round < effort.rounds; ++round) {
-    floors.push_back(floor());
-    all_ours.push_back(ours());
-    ratios.push_back(all_ours.back() / floors.back());
+    references.push_back(reference());
+    measurements.push_back(measured());
+    ratios.push_back(measurements.back() / references.back());
   }
-  return {Median(floors), Median(all_ours), Median(ratios)};
+  return {Median(references), Median(measurements), Median(ratios)};
 }
 
 Row AtMost(std::string what, std::string compared_with, const Comparison& times, double goal) {
-  return {std::move(what),     std::move(compared_with),  Time(times.floor),  Time(times.ours),
+  return {std::move(what),     std::move(compared_with),  Time(times.reference), Time(times.measured),
           Number(times.ratio), "at most " + Number(goal), times.ratio <= goal};
 }
 

@@ -41,7 +41,7 @@ inline double Between(Clock::time_point start, Clock::time_point end) {
 }
 inline double Since(Clock::time_point start) { return Between(start, Clock::now()); }
 
-/// Sleeps until every idle thread of the measured system has stopped spinning.
+/// Sleeps 0.5 ms: after that, every idle thread of the product has stopped spinning and sleeps.
 void Rest();
 
 double Median(std::vector<double> values);
@@ -79,24 +79,25 @@ double MedianOf(int count, Operation&& operation) {
 /// Two measurements that were taken alternately: the median of each, and the median of the rounds' ratios, which hardly
 /// changes with the machine's speed from minute to minute.
 struct Comparison {
-  double floor;
-  double ours;
-  double ratio;
+  double reference;  ///< what the product is compared with: mostly its floor
+  double measured;
+  double ratio;  ///< measured / reference
 };
-Comparison Compare(const Effort& effort, const std::function<double()>& floor, const std::function<double()>& ours);
+Comparison Compare(const Effort& effort, const std::function<double()>& reference,
+                   const std::function<double()>& measured);
 
 /// One line of the table.
 struct Row {
   std::string what;
   std::string compared_with;
-  std::string floor;
-  std::string ours;
+  std::string reference;
+  std::string measured;
   std::string ratio;
   std::string goal;
   std::optional<bool> reached;  ///< empty if it could not be measured
 };
 
-/// A row of times whose ratio to the floor must be at most `goal`.
+/// A row of times whose ratio must be at most `goal`.
 Row AtMost(std::string what, std::string compared_with, const Comparison& times, double goal);
 /// A row of one figure that must be at most `goal`; `text` formats both with their unit.
 Row AtMost(std::string what, double figure, double goal, std::string (*text)(double));
@@ -115,6 +116,12 @@ struct Series {
   std::string name;
   std::vector<std::string> columns;
   std::vector<std::vector<double>> points;
+};
+
+/// The result of a measurement: curves to plot, and rows of the table.
+struct Figures {
+  std::vector<Series> series;
+  std::vector<Row> rows;
 };
 
 }  // namespace bench

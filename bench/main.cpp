@@ -22,11 +22,11 @@ using namespace bench;
 struct Measurement {
   const char* name;
   const char* what;
-  Growth (*measure)(const Effort& effort);
+  Figures (*measure)(const Effort& effort);
 };
 
 template <std::vector<Row> (*Rows)(const Effort&)>
-Growth RowsOnly(const Effort& effort) {
+Figures RowsOnly(const Effort& effort) {
   return {{}, Rows(effort)};
 }
 
@@ -38,8 +38,8 @@ constexpr std::array<Measurement, 17> kMeasurements{{
     {"work", "the commands' own work", RowsOnly<WorkRows>},
     {"read", "reads of the store", RowsOnly<ReadRow>},
     {"dconf", "reads, writes and changes, compared with dconf", RowsOnly<DconfRows>},
-    {"beside", "writes in memory next to a durable writer", RowsOnly<NextToWriterRow>},
-    {"watchers", "many listening processes", RowsOnly<ListenersRow>},
+    {"next_to_writer", "writes in memory next to a durable writer", RowsOnly<NextToWriterRow>},
+    {"listeners", "many listening processes", RowsOnly<ListenersRow>},
     {"write", "durable write", RowsOnly<WriteRow>},
     {"event", "change to event", RowsOnly<EventRows>},
     {"host", "start and memory of the host", RowsOnly<HostRows>},
@@ -54,7 +54,7 @@ constexpr std::array<Measurement, 17> kMeasurements{{
 void WriteTable(std::ostream& out, const std::vector<Row>& rows) {
   out << "| what | compared with | its figure | measured | ratio | goal | reached |\n|---|---|---|---|---|---|---|\n";
   for (const Row& row : rows) {
-    out << "| " << row.what << " | " << row.compared_with << " | " << row.floor << " | " << row.ours << " | "
+    out << "| " << row.what << " | " << row.compared_with << " | " << row.reference << " | " << row.measured << " | "
         << row.ratio << " | " << row.goal << " | "
         << (!row.reached   ? "not measured"
             : *row.reached ? "yes"
@@ -87,9 +87,9 @@ int Measure(const std::vector<std::string>& names, const Effort& effort, const s
     ++done;
     if (!names.empty() && std::find(names.begin(), names.end(), name) == names.end()) continue;
     Progress("[" + std::to_string(done) + "/" + std::to_string(kMeasurements.size()) + "] " + what);
-    const Growth growth = measure(effort);
-    rows.insert(rows.end(), growth.rows.begin(), growth.rows.end());
-    for (const Series& series : growth.series) {
+    const Figures figures = measure(effort);
+    rows.insert(rows.end(), figures.rows.begin(), figures.rows.end());
+    for (const Series& series : figures.series) {
       WriteSeries(std::cout, series);
       if (!out.empty()) {
         WriteFile(out / (series.name + ".tsv"), [&](std::ostream& file) { WriteSeries(file, series); });
@@ -126,7 +126,8 @@ int main(int argc, char** argv) {
   app.add_flag("--quick", quick, "Rough figures in a fraction of the time");
   app.add_option("--out", out, "A folder for the table and the curves")->check(CLI::ExistingDirectory);
   app.add_option("--scratch", Scratch::Place(), "A folder on the file system that is measured");
-  // For the processes that the measurements start.
+  // Not for users: each makes this program one of the child processes that rows.h, growth.h, shared_words.h and
+  // simulated.h declare as `Run…`.
   app.add_flag("--instances", instances)->group("");
   app.add_option("--writer", writer)->group("");
   app.add_option("--hand-over", hand_over)->group("");

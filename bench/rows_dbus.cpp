@@ -95,9 +95,10 @@ std::vector<Row> DbusRow(const Effort& effort) {
 
   const auto warm = [&] { return PerCall(effort, [&] { page->Send(request); }); };
   const auto through_bus = [&] { return PerCall(effort, [&] { GetThroughBus(bus.get()); }); };
+  // The other way round than in the other rows: the product is the reference, and the bus must be slower.
   const Comparison times = Compare(effort, warm, through_bus);
-  return {{kWhat, "warm `getMenuValue`", Time(times.floor), Time(times.ours), Number(times.ratio, 0), "at least 50",
-           times.ratio >= 50}};
+  return {{kWhat, "warm `getMenuValue`", Time(times.reference), Time(times.measured), Number(times.ratio, 0),
+           "at least 50", times.ratio >= 50}};
 }
 
 }  // namespace bench

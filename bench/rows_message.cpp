@@ -26,10 +26,10 @@ double AfterRest(Operation&& operation) {
 /// Drops the plug-in's log lines for a while.
 class WithoutLogLines {
  public:
-  WithoutLogLines() { dlog::SetThreshold(7); }
+  WithoutLogLines() { dlog::SetThreshold(7); }  // above the priority of every line
   WithoutLogLines(const WithoutLogLines&) = delete;
   WithoutLogLines& operator=(const WithoutLogLines&) = delete;
-  ~WithoutLogLines() { dlog::SetThreshold(4); }
+  ~WithoutLogLines() { dlog::SetThreshold(4); }  // the initial value
 };
 
 long VoluntarySwitches() {
@@ -69,7 +69,7 @@ std::vector<Row> ParkedRow(const Effort& effort) {
   const auto ours = [&] {
     const long before = VoluntarySwitches();
     const double time = MedianOf(effort.singles, [&] { return AfterRest([&] { page->Send(request); }); });
-    // In each round the page's thread sleeps once, and the worker once.
+    // In each round the page's thread sleeps once, and the worker once: together 2; 1.9 allows for a few exceptions.
     if (VoluntarySwitches() - before < effort.singles * 19 / 10) throw std::runtime_error("the worker did not park");
     return time;
   };
@@ -89,10 +89,11 @@ std::vector<Row> WorkRows(const Effort& effort) {
     const char* what;
   };
   std::vector<Row> rows;
+  constexpr int kSpeedKeyNumber = 20;  // VOICE_GUIDE_SPEED
   // Log lines are not counted as work of a command; steps.cpp measures one.
   const WithoutLogLines without_log_lines;
   for (const auto& [command, key, what] :
-       {Case{"getMenuValue", kDiskKeyNumber, "a number"}, Case{"getMenuValue", 20, "a speed's name"},
+       {Case{"getMenuValue", kDiskKeyNumber, "a number"}, Case{"getMenuValue", kSpeedKeyNumber, "a speed's name"},
         Case{"getMiradoValue", kMemoryKeyNumber, "a number"}, Case{"isTVSPicSizeResized", 0, "its log line apart"},
         Case{"getVersion", 0, "a text"}}) {
     const pp::Var request = Request(command, key);

@@ -24,8 +24,8 @@ std::vector<Row> HostRows(const Effort& effort) {
     if (host.End() != 0) throw std::runtime_error("mirado host failed");
     return time;
   });
-  return {AtMost("`mirado host` from start to first reply", start_to_reply, 20e6, Time),
-          AtMost("its peak memory", Median(memory) * 1024, 16 * 1024 * 1024, Memory)};
+  return {AtMost("`mirado host` from start to first reply", start_to_reply, 20e6 /* ns */, Time),
+          AtMost("its peak memory", Median(memory) * 1024, 16 * 1024 * 1024 /* bytes */, Memory)};
 }
 
 std::vector<Row> LibraryRow(const Effort& /*effort*/) {

@@ -66,7 +66,7 @@ std::vector<Row> WriteRow(const Effort& effort) {
   };
   const std::string log = folder.path() / "log";
   const int file = open(log.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-  const std::string block(1U << 20U, 'x');
+  const std::string block(1U << 20U, 'x');  // written once, so that no append changes the size of the file
   if (file < 0 || write(file, block.data(), block.size()) < 0 || fsync(file) != 0) throw std::runtime_error(log);
   off_t at = 0;
   const auto append = [&] {
@@ -119,7 +119,7 @@ std::vector<Row> NextToWriterRow(const Effort& effort) {
       const auto start = Clock::now();
       if (vconf_set_int(kMemoryKey, ++value) != 0) throw std::runtime_error("a write failed");
       times.push_back(Since(start));
-      if (i % 64 == 0) std::this_thread::sleep_for(std::chrono::microseconds(500));
+      if (i % 64 == 0) Rest();  // the writes extend over several commits of the writer
     }
     CheckStop();
     std::sort(times.begin(), times.end());
@@ -156,7 +156,8 @@ std::vector<Row> ListenersRow(const Effort& effort) {
   const Scratch folder("/dev/shm");
   const std::string file = folder.path() / "words";
   SharedWords words(file);
-  const auto measure = [&](const std::vector<std::string>& command, const std::function<void(int)>& change) {
+  // Starts 64 processes of `command`. Returns a function that measures their CPU time for one `change`.
+  const auto with_processes = [&](const std::vector<std::string>& command, const std::function<void(int)>& change) {
     std::vector<std::unique_ptr<Child>> children;
     for (int i = 0; i < kProcesses; ++i) children.push_back(std::make_unique<Child>(command));
     for (const auto& child : children) child->ReadLine();
@@ -164,14 +165,15 @@ std::vector<Row> ListenersRow(const Effort& effort) {
       const double before = CpuOf(*children);
       for (int i = 0; i < kChanges; ++i) {
         change(i);
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));  // until all processes sleep again
       }
       CheckStop();
       return (CpuOf(*children) - before) / kChanges;
     };
   };
-  const auto floor = measure({OwnProgram(), "--sleeper", file}, [&](int) { words.WakeAll(); });
-  const auto ours = measure({OwnProgram(), "--listener", set.store()}, [](int i) { vconf_set_int(kMemoryKey, i); });
+  const auto floor = with_processes({OwnProgram(), "--sleeper", file}, [&](int) { words.WakeAll(); });
+  const auto ours =
+      with_processes({OwnProgram(), "--listener", set.store()}, [](int i) { vconf_set_int(kMemoryKey, i); });
   return {AtMost("CPU time of 64 listening processes for one change", "64 bare futex wake-ups",
                  Compare(effort, floor, ours), 2)};
 }
@@ -182,8 +184,8 @@ std::vector<Row> EventRows(const Effort& effort) {
     const char* what;
     const char* subscribe;
     int key;
-    std::filesystem::path place;
-    unsigned flags;  // of LMDB, so that it syncs as little as the store does
+    std::filesystem::path place;  // of the LMDB file
+    unsigned flags;               // for LMDB: it must not sync more often than the store does
   };
   std::vector<Row> rows;
   for (const Case& each :
@@ -206,7 +208,7 @@ std::vector<Row> EventRows(const Effort& effort) {
         return Between(start, partner.Ask());
       });
     };
-    const auto same = [&] {
+    const auto own_process = [&] {
       return MedianOf(effort.singles, [&] {
         Rest();
         arrivals.Expect(1);
@@ -217,15 +219,15 @@ std::vector<Row> EventRows(const Effort& effort) {
     };
     Child child({OwnProgram(), "--writer", set.store()});
     child.ReadLine();
-    const auto other = [&] {
+    const auto other_process = [&] {
       return MedianOf(effort.singles, [&] { return EventFromChild(child, each.path, ++value, arrivals); });
     };
     const std::string floor_name = "condition-variable hand-over and LMDB write, as durable";
     const std::string key = std::string("change of a ") + each.what + " key to event at the page, ";
     const bool disk = each.path == kDiskKey;
-    rows.push_back(AtMost(key + "same process", floor_name, Compare(effort, floor, same), disk ? 1.15 : 1.1));
+    rows.push_back(AtMost(key + "same process", floor_name, Compare(effort, floor, own_process), disk ? 1.15 : 1.1));
     if (disk) {
-      rows.push_back(AtMost(key + "another process", floor_name, Compare(effort, floor, other), 1.3));
+      rows.push_back(AtMost(key + "another process", floor_name, Compare(effort, floor, other_process), 1.3));
       continue;
     }
     const std::string file = folder.path() / "words";
@@ -256,7 +258,7 @@ std::vector<Row> EventRows(const Effort& effort) {
       });
     };
     rows.push_back(AtMost(key + "another process", "hand-over between two processes: slot, robust lock, futex",
-                          Compare(effort, hand_over, other), 1.5));
+                          Compare(effort, hand_over, other_process), 1.5));
   }
   return rows;
 }

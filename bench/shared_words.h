@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <string>
 
-/// The floor of a hand-over between processes, and the child processes of the store's rows.
+/// The floor of a hand-over between two processes, and the child processes of rows_store.cpp.
 namespace bench {
 
 /// A memory page that processes share: one value, its robust lock, and a futex word. The least that a hand-over between

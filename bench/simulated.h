@@ -14,15 +14,15 @@
 #include "harness.h"
 #include "vconf_control.h"
 
-/// The simulated set that is measured, pages in it, and child processes.
+/// What the measurements start: a simulated set (television) with the plug-in, pages in it, and child processes.
 namespace bench {
 
 /// The keys that are measured: one on disk, one in memory, and a text.
 inline constexpr char kDiskKey[] = "db/menu/caption/caption";
 inline constexpr char kMemoryKey[] = "memory/tv-viewer/bg_executable";
 inline constexpr char kTextKey[] = "db/text";
-inline constexpr int kDiskKeyNumber = 0;
-inline constexpr int kMemoryKeyNumber = 0;
+inline constexpr int kDiskKeyNumber = 0;    ///< its `propertyKey` in `getMenuValue` and `setMenuValue`
+inline constexpr int kMemoryKeyNumber = 0;  ///< its `propertyKey` in `getMiradoValue`
 
 /// Throws the text of a failure, which ends the run.
 void OrThrow(const vconf::Status& status);
@@ -36,7 +36,7 @@ class Scratch {
   ~Scratch();
   const std::filesystem::path& path() const { return path_; }
 
-  /// The default parent: a folder on the file system that is measured.
+  /// The folder for scratch folders, on the file system that is measured; `--scratch` sets it.
   static std::filesystem::path& Place();
 
  private:
