@@ -128,7 +128,7 @@ TEST_F(VconfFailureTest, AStoppedOrKilledReaderDoesNotMakeTheStoreGrow) {
     }
     if (i == 2'000) reader.Kill();
   }
-  EXPECT_LT(size(), after_some + 1'000'000) << "only the journal of changes may grow";
+  EXPECT_LT(size(), after_some + 1'000'000) << "only the ring of kept changes may grow";
   EXPECT_EQ(GetInt("db/a", 0), 3'000);
 }
 

@@ -365,7 +365,7 @@ void RunSoak(double seconds, unsigned seed) {
   const bool takes_more =
       kSanitized || std::getenv("MIRADO_EMULATED") != nullptr;  // the emulator allocates some for each thread
   EXPECT_TRUE(takes_more || Growth(memory) < (done < 600 ? 2.0 : 0.3)) << Growth(memory) << " MiB";
-  // The journal of changes reaches its full size after a minute or two.
+  // The ring of kept changes reaches its full size after a minute or two.
   EXPECT_TRUE(done < 600 || Growth(size) < 1.0) << "the store grows";
   const auto& counts = soak.counts();
   std::printf("soak: %.0f seconds%s; %llu pages, %llu of them processes of their own, %llu of those killed\n", done,

@@ -1,3 +1,4 @@
+// `browser::Plugin` loads a plug-in; `browser::PageInstance` connects one of its instances with its `Embedding`.
 #include "browser_control.h"
 
 #include <dlfcn.h>

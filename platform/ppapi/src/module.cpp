@@ -1,3 +1,4 @@
+// `pp::Module` of this process, and the interfaces that the browser offers to it by name.
 #include "ppapi/cpp/module.h"
 
 #include <atomic>

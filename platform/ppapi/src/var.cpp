@@ -60,7 +60,7 @@ namespace {
 
 /// Releases one reference to the node of `var`, which must have one, and adds the node to the list `dead` if it was the
 /// last.
-void BuryIfLast(const PP_Var& var, PP_VarNode** dead) noexcept {
+void ReleaseReference(const PP_Var& var, PP_VarNode** dead) noexcept {
   PP_VarNode* const node = var.value.as_node;
   if (node == nullptr) return;
   // The only owner of a node can release it without an atomic operation.
@@ -72,7 +72,7 @@ void BuryIfLast(const PP_Var& var, PP_VarNode** dead) noexcept {
 }
 
 void ReleaseChild(Var* child, PP_VarNode** dead) noexcept {
-  if (child->is_string() || child->is_array() || child->is_dictionary()) BuryIfLast(child->Detach(), dead);
+  if (child->is_string() || child->is_array() || child->is_dictionary()) ReleaseReference(child->Detach(), dead);
 }
 
 struct StringNode final : PP_VarNode {
@@ -170,7 +170,7 @@ PP_Var MakeVar(PP_VarType type, PP_VarNode* node) noexcept {
   return var;
 }
 
-/// The empty text needs no node.
+/// A string variable with the only reference; an empty text has no node.
 PP_Var MakeString(std::string_view utf8) {
   return MakeVar(PP_VARTYPE_STRING, utf8.empty() ? nullptr : new StringNode(utf8));
 }
@@ -190,7 +190,7 @@ void Var::AddReference() const noexcept {
 /// A list instead of recursion: a page's message may be nested too deep for the stack.
 void Var::DropReference() noexcept {
   PP_VarNode* dead = nullptr;
-  BuryIfLast(var_, &dead);
+  ReleaseReference(var_, &dead);
   while (dead != nullptr) {
     PP_VarNode* const node = std::exchange(dead, dead->next_dead);
     g_live_nodes.Add(-1);
@@ -251,7 +251,7 @@ bool VarDictionary::HasKey(std::string_view key) const { return DictionaryOf(var
 
 void VarDictionary::Set(std::string_view key, const Var& value) {
   DictionaryNode& node = DictionaryOf(var_);
-  if (node.entries.empty()) node.entries.reserve(4);  // a reply's
+  if (node.entries.empty()) node.entries.reserve(4);  // as many as a reply has
   const auto entry = node.LowerBound(key);
   if (entry != node.entries.end() && entry->key == key) {
     entry->value = value;

@@ -14,7 +14,7 @@
 namespace vconf::bus_guard {
 namespace {
 
-// Static, and never locked by the signal handler, which may run at any point.
+// The guarded ranges. The signal handler reads them at any point and must not wait, so they are atomic, without a lock.
 struct Range {
   std::atomic<char*> begin{nullptr};
   std::atomic<std::size_t> size{0};

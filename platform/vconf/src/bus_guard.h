@@ -9,7 +9,7 @@
 /// previous handler.
 namespace vconf::bus_guard {
 
-/// Any thread. False if there are too many ranges.
+/// Any thread. False if 32 ranges are guarded already.
 bool Guard(void* begin, std::size_t size);
 void Release(void* begin);
 

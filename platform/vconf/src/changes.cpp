@@ -1,4 +1,4 @@
-#include "journal.h"
+#include "changes.h"
 
 #include <algorithm>
 #include <utility>
@@ -11,7 +11,8 @@ using layout::SizeOf;
 
 namespace {
 
-// Always within the ring, and another one for each of `kFirstRecords` numbers, whatever a damaged header contains.
+// The record in the ring for the change `number`. Even if `records` in the header is damaged, it is within the ring,
+// and `kFirstRecords` successive numbers have different records.
 ChangeRecord& RecordOf(const Region& region, std::uint64_t number) {
   const std::uint32_t mask =
       (region.header().records.load(std::memory_order_acquire) - 1) | (layout::kFirstRecords - 1);
@@ -71,7 +72,7 @@ void Publisher::Record(std::uint64_t number, std::uint32_t key) {
   if (at == nullptr) {
     return;  // was damaged meanwhile
   }
-  // Where the ring is doubled, all of its records stay where they are.
+  // The ring is doubled only at such a number: then the records that it has keep their places.
   const std::uint32_t records = header.records.load(std::memory_order_relaxed);
   if ((number & (2 * std::uint64_t{records} - 1)) == records && region_.GrowRing(2 * records)) {
     header.records.store(2 * records, std::memory_order_release);
@@ -129,9 +130,9 @@ bool ReadChanges(Region& region, std::uint64_t next, std::size_t most, std::vect
       LoadBytes(record.text.data(), SizeOf(value.form), &value.text);
     }
     const bool is_long = value.is_text() && !IsKept(value.form);
-    // Check that it was not overwritten, nor its key unlinked, while it was read.
+    // Check that the record was not overwritten, nor its key unlinked, while it was read.
     if (!named || record.number.load(std::memory_order_acquire) != number ||
-        header.floor.load(std::memory_order_acquire) > number ||
+        header.first_kept.load(std::memory_order_acquire) > number ||
         (!is_long && check != value.CheckOf(Table::HashOf(change.path)))) {
       return !changes->empty();
     }

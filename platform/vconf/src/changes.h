@@ -8,8 +8,10 @@
 
 namespace vconf {
 
-/// Holds the region's lock to prepare and publish changes, and wakes waiting listeners when it is released. If the
-/// previous owner died while publishing, the constructor first completes that.
+/// Publishes changes: makes prepared values the current ones, and keeps a record of each in the ring of the region.
+///
+/// Holds the region's lock for its scope, and wakes waiting listeners when it releases the lock. If the previous owner
+/// of the lock died while publishing, the constructor first completes that.
 class Publisher {
  public:
   explicit Publisher(Region& region);
@@ -36,8 +38,8 @@ class Publisher {
   bool wakes_ = false;
 };
 
-/// Reads at most `most` changes from number `next` on, those of faults included. False if the first of them is no
-/// longer kept or cannot be read. Any thread; no lock.
+/// Appends kept changes from number `next` on, those of faults included, until `changes` has `most`. False if number
+/// `next` is no longer kept or cannot be read. Any thread; no lock.
 bool ReadChanges(Region& region, std::uint64_t next, std::size_t most, std::vector<Change>* changes);
 
 }  // namespace vconf

@@ -96,7 +96,7 @@ Status CheckDatabase(const Folder& folder, ino_t* inode) {
   }
   *inode = about.st_ino;
   Head head{};
-  if (pread(file->number(), head.data(), head.size(), 0) != static_cast<ssize_t>(head.size()) || !IsHead(head)) {
+  if (pread(file->get(), head.data(), head.size(), 0) != static_cast<ssize_t>(head.size()) || !IsHead(head)) {
     return Damaged(folder.File(Folder::kDatabase));
   }
   for (const char* const suffix : {"-wal", "-shm"}) {
@@ -162,7 +162,7 @@ Status Database::Make(const Folder& folder, const std::string& name, const std::
     status = database.Run("PRAGMA wal_checkpoint(TRUNCATE)");
   }
   made->reset();
-  return !status.ok() || fsync(file->number()) == 0 ? status : SystemFailure(folder.File(name), errno);
+  return !status.ok() || fsync(file->get()) == 0 ? status : SystemFailure(folder.File(name), errno);
 }
 
 Result<std::unique_ptr<Database>> Database::Open(const Folder& folder, bool writable) {
@@ -178,9 +178,9 @@ Result<std::unique_ptr<Database>> Database::Open(const Folder& folder, bool writ
   return opened;
 }
 
-// SQLite does not take zeros as part of the log. No process writes to it meanwhile, not even another program.
+// Fills the log with zeros, which SQLite does not take for commits. The transaction keeps all other writers out.
 void Database::ReserveLog() {
-  constexpr sqlite3_int64 kLogSize = 32 + (kLogPages + 2) * (4096 + 24);
+  constexpr sqlite3_int64 kLogSize = 32 + (kLogPages + 2) * (4096 + 24);  // header; a page and its frame header each
   constexpr int kStep = 65536;
   sqlite3_file* log = nullptr;
   sqlite3_int64 size = 0;
@@ -349,7 +349,8 @@ Status Database::Write(const std::vector<Row>& rows, std::uint64_t number) {
     static_cast<void>(Run("PRAGMA wal_checkpoint(RESTART)"));
     status = WriteRows(rows, number);
   }
-  sqlite3_db_release_memory(connection_);  // so that the next one reads the file, and detects damage
+  sqlite3_db_release_memory(
+      connection_);  // drops cached pages, so that the next commit reads the file and detects damage
   return status;
 }
 
@@ -363,7 +364,7 @@ Status Database::CheckHead() const {
 
 bool Database::HasIndex(const Folder& folder) const {
   struct stat about = {};
-  constexpr off_t kIndexPage = 32768;
+  constexpr off_t kIndexPage = 32768;  // the index grows in units of this
   const Status index = folder.Check(std::string(Folder::kDatabase) + "-shm", &about);
   return index.ok() ? about.st_size >= kIndexPage : put_ == nullptr && remove_ == nullptr;
 }

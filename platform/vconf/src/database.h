@@ -43,7 +43,7 @@ class Database {
   /// `kDamaged` if `number`, the last commit in the database, is less than `known`: the log has lost commits.
   Status CheckNumber(std::uint64_t number, std::uint64_t known) const;
 
-  /// One commit, also without rows. Durable when it returns. After a failure it is not visible here.
+  /// Makes one commit, also without rows. Durable when it returns. After a failure this connection does not see it.
   Status Write(const std::vector<Row>& rows, std::uint64_t number);
 
   /// Whether the last `Write` failed when it wrote or synced the log. Then the commit may be visible when the database

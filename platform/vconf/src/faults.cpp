@@ -86,11 +86,11 @@ Result<std::vector<Fault>> Store::ListFaults() {
       faults.push_back(*std::move(fault));
     }
   }
-  Status status = NoteRead(ToStatus(now.IsWhole() ? code : Code::kDamaged, kFaultPrefix, now));
+  Status status = LogRead(ToStatus(now.IsWhole() ? code : Code::kDamaged, kFaultPrefix, now));
   return status.ok() ? Result(std::move(faults)) : std::move(status);
 }
 
-std::optional<int> Store::FindFault(std::string_view call, std::string_view path) {
+std::optional<int> Store::ConsumeFault(std::string_view call, std::string_view path) {
   for (const std::string_view at : {path, kAnyPath}) {
     const std::string key = KeyOf(call, at);
     std::optional<Fault> found = Find(Table(region()), key);

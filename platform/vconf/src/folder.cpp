@@ -27,12 +27,12 @@ Status Foreign(const std::string& file) {
 
 }  // namespace
 
-Descriptor& Descriptor::operator=(Descriptor&& other) noexcept {
+UniqueFd& UniqueFd::operator=(UniqueFd&& other) noexcept {
   std::swap(number_, other.number_);
   return *this;
 }
 
-Descriptor::~Descriptor() {
+UniqueFd::~UniqueFd() {
   if (is_open()) {
     close(number_);
   }
@@ -64,14 +64,14 @@ Status SystemFailure(const std::string& file, int error) {
 
 Result<Folder> Folder::Open(const std::string& directory) {
   const std::unique_ptr<char, decltype(&std::free)> real(realpath(directory.c_str(), nullptr), std::free);
-  Descriptor opened(real != nullptr ? open(real.get(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC) : -1);
+  UniqueFd opened(real != nullptr ? open(real.get(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC) : -1);
   struct stat about = {};
-  if (!opened.is_open() || fstat(opened.number(), &about) != 0) {
+  if (!opened.is_open() || fstat(opened.get(), &about) != 0) {
     return errno == ENOENT ? Status(Code::kMissing, directory + ": there is no store here")
                            : SystemFailure(directory, errno);
   }
   const bool owns = about.st_uid == geteuid() || geteuid() == 0;
-  const bool may_write = owns && faccessat(opened.number(), ".", W_OK | X_OK, AT_EACCESS) == 0;
+  const bool may_write = owns && faccessat(opened.get(), ".", W_OK | X_OK, AT_EACCESS) == 0;
   return Folder(real.get(), std::move(opened), about.st_uid, about.st_gid, may_write);
 }
 
@@ -87,10 +87,10 @@ Status Folder::Make(const std::string& directory) {
   return failed ? SystemFailure(directory, failed.value()) : Status();
 }
 
-Result<Descriptor> Folder::OpenFile(const std::string& name, int flags, struct stat* about) const {
+Result<UniqueFd> Folder::OpenFile(const std::string& name, int flags, struct stat* about) const {
   // O_NONBLOCK, since opening a named pipe would wait for a process at its other end.
-  Descriptor file(openat(directory_.number(), name.c_str(), flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-  if (!file.is_open() || fstat(file.number(), about) != 0) {
+  UniqueFd file(openat(directory_.get(), name.c_str(), flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  if (!file.is_open() || fstat(file.get(), about) != 0) {
     return errno == ELOOP || errno == ENXIO || errno == EISDIR ? Foreign(File(name)) : SystemFailure(File(name), errno);
   }
   if (!S_ISREG(about->st_mode) || about->st_uid != owner_) {
@@ -99,31 +99,30 @@ Result<Descriptor> Folder::OpenFile(const std::string& name, int flags, struct s
   return file;
 }
 
-Result<Descriptor> Folder::MakeFile(const std::string& name) const {
+Result<UniqueFd> Folder::MakeFile(const std::string& name) const {
   Remove(name);
-  Descriptor file(openat(directory_.number(), name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-  if (!file.is_open() || (geteuid() == 0 && fchown(file.number(), owner_, group_) != 0)) {
+  UniqueFd file(openat(directory_.get(), name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+  if (!file.is_open() || (geteuid() == 0 && fchown(file.get(), owner_, group_) != 0)) {
     return SystemFailure(File(name), errno);
   }
   return file;
 }
 
 Status Folder::Check(const std::string& name, struct stat* about) const {
-  if (fstatat(directory_.number(), name.c_str(), about, AT_SYMLINK_NOFOLLOW) != 0) {
+  if (fstatat(directory_.get(), name.c_str(), about, AT_SYMLINK_NOFOLLOW) != 0) {
     return SystemFailure(File(name), errno);
   }
   return S_ISREG(about->st_mode) && about->st_uid == owner_ ? Status() : Foreign(File(name));
 }
 
 Status Folder::Rename(const std::string& from, const std::string& to) const {
-  return renameat(directory_.number(), from.c_str(), directory_.number(), to.c_str()) == 0
-             ? Status()
-             : SystemFailure(File(to), errno);
+  return renameat(directory_.get(), from.c_str(), directory_.get(), to.c_str()) == 0 ? Status()
+                                                                                     : SystemFailure(File(to), errno);
 }
 
-void Folder::Remove(const std::string& name) const { unlinkat(directory_.number(), name.c_str(), 0); }
+void Folder::Remove(const std::string& name) const { unlinkat(directory_.get(), name.c_str(), 0); }
 
-Status Folder::Sync() const { return fsync(directory_.number()) == 0 ? Status() : SystemFailure(path_, errno); }
+Status Folder::Sync() const { return fsync(directory_.get()) == 0 ? Status() : SystemFailure(path_, errno); }
 
 Result<std::vector<std::string>> Folder::Names() const {
   std::error_code failed;
@@ -149,8 +148,8 @@ Result<std::string> Folder::MoveAway(const std::function<bool(const std::string&
       error = mkdir(target.c_str(), 0700) == 0 ? 0 : errno;
     } while (error == EEXIST);
     if (error == 0 && geteuid() == 0) {
-      const Descriptor made(open(target.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-      error = made.is_open() && fchown(made.number(), owner_, group_) == 0 ? 0 : errno;
+      const UniqueFd made(open(target.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+      error = made.is_open() && fchown(made.get(), owner_, group_) == 0 ? 0 : errno;
     }
     for (const std::string& name : *names) {
       if (error == 0 && moves(name) && rename(File(name).c_str(), (target + '/').append(name).c_str()) != 0) {
@@ -168,11 +167,11 @@ Result<std::string> Folder::MoveAway(const std::function<bool(const std::string&
   return SystemFailure(path_, error);
 }
 
-MakingLock::~MakingLock() { flock(folder_.number(), LOCK_UN); }
+FolderLock::~FolderLock() { flock(folder_.get(), LOCK_UN); }
 
-Result<MakingLock> Folder::LockMaking() const {
-  Descriptor folder(open(path_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  while (folder.is_open() && flock(folder.number(), LOCK_EX | LOCK_NB) != 0) {
+Result<FolderLock> Folder::Lock() const {
+  UniqueFd folder(open(path_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  while (folder.is_open() && flock(folder.get(), LOCK_EX | LOCK_NB) != 0) {
     if (errno != EWOULDBLOCK && errno != EINTR) {
       return SystemFailure(path_, errno);
     }
@@ -183,7 +182,7 @@ Result<MakingLock> Folder::LockMaking() const {
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
-  return folder.is_open() ? Result(MakingLock(std::move(folder))) : SystemFailure(path_, errno);
+  return folder.is_open() ? Result(FolderLock(std::move(folder))) : SystemFailure(path_, errno);
 }
 
 }  // namespace vconf

@@ -12,29 +12,29 @@
 namespace vconf {
 
 /// Owns a file descriptor.
-class Descriptor {
+class UniqueFd {
  public:
-  explicit Descriptor(int number = -1) : number_(number) {}
-  Descriptor(Descriptor&& other) noexcept : number_(std::exchange(other.number_, -1)) {}
-  Descriptor& operator=(Descriptor&& other) noexcept;
-  ~Descriptor();
+  explicit UniqueFd(int number = -1) : number_(number) {}
+  UniqueFd(UniqueFd&& other) noexcept : number_(std::exchange(other.number_, -1)) {}
+  UniqueFd& operator=(UniqueFd&& other) noexcept;
+  ~UniqueFd();
 
-  int number() const { return number_; }
+  int get() const { return number_; }
   bool is_open() const { return number_ >= 0; }
 
  private:
   int number_;
 };
 
-/// Holds the lock of a folder (`flock`) for its scope. A child that is forked meanwhile does not keep it.
-class MakingLock {
+/// Holds the `flock` of a folder for its scope. It is released at the end even if a forked child has the descriptor.
+class FolderLock {
  public:
-  explicit MakingLock(Descriptor folder) : folder_(std::move(folder)) {}
-  MakingLock(MakingLock&&) = default;
-  ~MakingLock();
+  explicit FolderLock(UniqueFd folder) : folder_(std::move(folder)) {}
+  FolderLock(FolderLock&&) = default;
+  ~FolderLock();
 
  private:
-  Descriptor folder_;
+  UniqueFd folder_;
 };
 
 /// The failure of a system call on `file`, from errno.
@@ -65,11 +65,11 @@ class Folder {
   /// Whether this process may create and write files here.
   bool may_write() const { return may_write_; }
 
-  /// `kMissing`, or `kNotPermitted` if it is not a regular file of the owner.
-  Result<Descriptor> OpenFile(const std::string& name, int flags, struct stat* about) const;
+  /// Opens a file of the folder. `kMissing`, or `kNotPermitted` if it is not a regular file of the owner.
+  Result<UniqueFd> OpenFile(const std::string& name, int flags, struct stat* about) const;
 
   /// Creates a file of the owner, and replaces an existing one of this name.
-  Result<Descriptor> MakeFile(const std::string& name) const;
+  Result<UniqueFd> MakeFile(const std::string& name) const;
 
   /// `kMissing` if there is no such file, `kNotPermitted` if it is a link, not a regular file, or not the owner's.
   Status Check(const std::string& name, struct stat* about) const;
@@ -87,14 +87,14 @@ class Folder {
   Result<std::string> MoveAway(const std::function<bool(const std::string& name)>& moves) const;
 
   /// Prevents other processes from creating or replacing the store until the result is destroyed.
-  Result<MakingLock> LockMaking() const;
+  Result<FolderLock> Lock() const;
 
  private:
-  Folder(std::string path, Descriptor directory, uid_t owner, gid_t group, bool may_write)
+  Folder(std::string path, UniqueFd directory, uid_t owner, gid_t group, bool may_write)
       : path_(std::move(path)), directory_(std::move(directory)), owner_(owner), group_(group), may_write_(may_write) {}
 
   std::string path_;
-  Descriptor directory_;
+  UniqueFd directory_;
   uid_t owner_;
   gid_t group_;
   bool may_write_;

@@ -16,7 +16,7 @@ using Word = std::atomic<std::uint32_t>;
 using LongWord = std::atomic<std::uint64_t>;
 static_assert(Word::is_always_lock_free && LongWord::is_always_lock_free);
 
-/// Values of `Header::state`. A truncated region reads as zeros, which is none of these.
+/// Values of `Header::state`. A truncated region reads as zeros, and 0 is none of these.
 enum State : std::uint32_t {
   kWhole = 0x6c697665,
   kReplaced,  ///< replaced by another region
@@ -37,7 +37,7 @@ constexpr std::uint32_t kFirstRecords = 1024;
 constexpr std::uint32_t kMaxRecords = 65536;
 
 constexpr std::uint32_t kMaxPath = 511;
-constexpr std::uint32_t kMaxName = kMaxPath + 64;  // of a fault: a call and a path
+constexpr std::uint32_t kMaxName = kMaxPath + 64;  // of any key: those of faults contain a call and a path
 
 /// Marks the end of each list of keys. A 0 there is damage: a failing disk leaves zeros.
 constexpr std::uint32_t kEndOfList = 1;
@@ -95,27 +95,27 @@ struct Header {  // NOLINT(clang-analyzer-optin.performance.Padding): what chang
   Word state;
   Word no_faults;  // 0 if there may be faults, and in a replaced or truncated region
   Word format;
-  Word lock_size;  // differs in a program of another word size
+  Word lock_size;  // of a mutex: a program of another word size (32 or 64 bits) cannot use the locks
   std::array<char, 40> boot;
-  LongWord device;  // of this file; a copy has another inode
+  LongWord device;  // these three identify this file; a copy differs in one of them
   LongWord inode;
-  LongWord born;
+  LongWord born;      // its birth time in nanoseconds; 0 if the file system has none
   LongWord database;  // the inode of the database that it was read from
 
   Word openings;  // how often the region was opened for writing
 
   alignas(64) LongWord last;  // the number of the last change
-  LongWord floor;             // changes below it are no longer kept
+  LongWord first_kept;        // changes with lower numbers are no longer kept
   Word records;               // the number of records in use in the ring, a power of two
   Word unlinks;               // how often keys were unlinked from their buckets
 
   alignas(64) Word wakeups;  // the futex word, incremented for each wake-up
-  Word asleep;               // set before sleeping, cleared by the process that wakes
+  Word asleep;               // 1 if a thread may be asleep; the process that wakes all sets it to 0
 
   alignas(64) Lock lock;  // guards everything except what `disk_lock` guards
   LongWord publishing;    // the changes up to this one have records, and the next owner of the lock publishes them
-  Word end;               // of the allocated blocks
-  Word growing;           // of the file, as far as disk space is allocated
+  Word blocks_end;        // the end of the last block
+  Word file_end;          // disk space is allocated up to here
   Word free;              // the first free block
 
   alignas(64) Lock disk_lock;  // guards the database, and changes of keys on disk

@@ -23,18 +23,19 @@ struct Notifier::Listener {
 
 namespace {
 
-// A process may be killed after its change is visible and before it wakes the listeners.
-constexpr std::chrono::seconds kLookAnyway{1};
-constexpr std::chrono::milliseconds kSettleLook{100};
+// How often the thread, and a thread in `Settle`, looks for changes without being woken: a writer may be killed after
+// its change is visible and before it wakes the listeners.
+constexpr std::chrono::seconds kPollInterval{1};
+constexpr std::chrono::milliseconds kSettlePollInterval{100};
 
-constexpr std::size_t kMostAtOnce = 256;
+constexpr std::size_t kMostAtOnce = 256;  // changes that are read before they are delivered
 
-// The program's signal handlers must not run on the notification thread, except those for faults.
+// The program's signal handlers must not run on the notification thread, except the fatal ones.
 void BlockSignals(sigset_t* previous) {
   sigset_t all;
   sigfillset(&all);
-  for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP}) {
-    sigdelset(&all, fault);
+  for (const int fatal : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP}) {
+    sigdelset(&all, fatal);
   }
   pthread_sigmask(SIG_SETMASK, &all, previous);
 }
@@ -87,7 +88,7 @@ Status Notifier::Start(std::uint64_t* since) {
     return {};
   }
   if (thread_.joinable()) {
-    thread_.join();  // it is executing its last instructions, which acquire no lock
+    thread_.join();  // it has set `alive_` to false and acquires no lock any more
   }
   region_ = &region;
   next_ = *since + 1;
@@ -159,7 +160,7 @@ void Notifier::Settle() {
     return !alive_ || (region_ == &now && next_ > last && running_ == nullptr) || (!now.IsWhole() && lost_ != before);
   };
   // A writer wakes the thread, unless it died or was stopped just before.
-  while (!progress_.wait_for(lock, kSettleLook, settled)) {
+  while (!progress_.wait_for(lock, kSettlePollInterval, settled)) {
     region_->WakeOwn();
   }
 }
@@ -198,7 +199,7 @@ void Notifier::Run() {
       return;
     }
     if (region == looked_at) {
-      region->AwaitWakeup(seen, kLookAnyway);
+      region->AwaitWakeup(seen, kPollInterval);
     }
   }
 }
@@ -212,7 +213,7 @@ bool Notifier::Deliver(Region** region) {
     lock.unlock();
     *region = &store_.region();
     changes.clear();
-    bool remembered = (*region)->IsWhole() && ReadChanges(**region, next, kMostAtOnce, &changes);
+    bool kept = (*region)->IsWhole() && ReadChanges(**region, next, kMostAtOnce, &changes);
     lock.lock();
     const bool lost = *region != region_ || !(*region)->IsWhole();
     if (lost) {
@@ -228,10 +229,10 @@ bool Notifier::Deliver(Region** region) {
       region_ = *region;
       next_ = 0;
       changes.clear();
-      remembered = false;
+      kept = false;
     }
     lock.unlock();
-    if (!remembered) {
+    if (!kept) {
       CatchUp(**region);
     }
     for (const Change& change : changes) {
@@ -248,7 +249,7 @@ bool Notifier::Deliver(Region** region) {
     }
     lost_ += lost ? 1 : 0;
     progress_.notify_all();
-    if (changes.empty() && remembered) {
+    if (changes.empty() && kept) {
       return true;
     }
   }
@@ -283,7 +284,7 @@ std::vector<Notifier::ListenerPtr> Notifier::ListenersOf(const Change& change) c
   return listeners;
 }
 
-// Changes were dropped: each subscribed key may have changed, and a watch gets the values of all of its keys.
+// After changes that are no longer kept: calls each subscription once, and each watch with the values of all its keys.
 void Notifier::CatchUp(Region& region) {
   std::uint64_t last = region.header().last.load(std::memory_order_acquire);
   std::vector<ListenerPtr> listeners;

@@ -74,7 +74,7 @@ class Notifier {
   std::uint64_t next_ = 0;    // the first change that was not delivered yet
   bool alive_ = false;        // the thread runs, and will check for listeners before it ends
   bool forked_ = false;       // the thread belongs to the parent
-  unsigned lost_ = 0;         // how often the region was replaced, or was damaged without a replacement
+  unsigned lost_ = 0;         // how often the thread has found the region replaced, or damaged without a replacement
   std::thread thread_;
   std::thread::id thread_id_;
 };

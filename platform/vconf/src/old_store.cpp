@@ -6,9 +6,9 @@
 #include <memory>
 #include <string_view>
 
-#include "making.h"
+#include "store_files.h"
 
-namespace vconf::making {
+namespace vconf::store_files {
 namespace {
 
 enum class Tag : std::uint8_t { kInt = 1, kBool = 2, kText = 3 };
@@ -128,4 +128,4 @@ Status ReadOldStore(const Folder& folder, const std::function<void(Row)>& visit)
                                       : Status(Code::kDamaged, file + ": is damaged; restore it, or replace the store");
 }
 
-}  // namespace vconf::making
+}  // namespace vconf::store_files

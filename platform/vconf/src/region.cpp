@@ -21,10 +21,10 @@
 namespace vconf {
 namespace {
 
-constexpr std::uint32_t kGrowth = 64U << 10U;
+constexpr std::uint32_t kGrowth = 64U << 10U;  // the file grows by at least so many bytes
 
 // A process that maps the region read-only cannot announce that it sleeps, so it polls.
-constexpr std::chrono::milliseconds kReadersWait{20};
+constexpr std::chrono::milliseconds kReadOnlyPollInterval{20};
 
 // The boot id, which is the same for all processes, including containers. Empty if it cannot be read.
 std::string ThisBoot() {
@@ -72,8 +72,8 @@ int Allocate(int file, std::size_t from, std::size_t size) {
 constexpr std::size_t kRing = offsetof(layout::Header, ring);
 
 // The header fields that are the same in every new region. Returns 0, or the error of initialising the locks.
-int Begin(layout::Header& header) {
-  header.end = layout::kFirstBlock;
+int InitHeader(layout::Header& header) {
+  header.blocks_end = layout::kFirstBlock;
   header.records = layout::kFirstRecords;
   for (layout::Word& bucket : header.buckets) {
     bucket.store(layout::kEndOfList, std::memory_order_relaxed);
@@ -86,10 +86,10 @@ int Begin(layout::Header& header) {
 
 }  // namespace
 
-Result<std::unique_ptr<Region>> Region::Map(std::string file, Descriptor descriptor, bool writable) {
+Result<std::unique_ptr<Region>> Region::Map(std::string file, UniqueFd descriptor, bool writable) {
   const int sharing = descriptor.is_open() ? MAP_SHARED : MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE;
   void* const base =
-      mmap(nullptr, layout::kMaxSize, writable ? PROT_READ | PROT_WRITE : PROT_READ, sharing, descriptor.number(), 0);
+      mmap(nullptr, layout::kMaxSize, writable ? PROT_READ | PROT_WRITE : PROT_READ, sharing, descriptor.get(), 0);
   if (base == MAP_FAILED) {
     return SystemFailure(file, errno);
   }
@@ -133,7 +133,7 @@ Result<std::unique_ptr<Region>> Region::Open(const Folder& folder, ino_t databas
   if (this_boot.empty()) {
     return Status(Code::kFailed, "/proc/sys/kernel/random/boot_id: cannot be read; mount /proc");
   }
-  const Identity identity = IdentityOf((*region)->descriptor_.number());
+  const Identity identity = IdentityOf((*region)->descriptor_.get());
   if (!(*region)->IsWhole() || header.format != layout::kFormat || this_boot != boot.data() ||
       header.device != identity.device || header.inode != identity.inode || header.born != identity.born ||
       header.database != database) {
@@ -155,7 +155,7 @@ Result<std::unique_ptr<Region>> Region::Make(const Folder& folder, const std::st
   if (!made.ok()) {
     return made.status();
   }
-  const int file = made->number();
+  const int file = made->get();
   int error = Allocate(file, 0, kRing + layout::kFirstRecords * sizeof(layout::ChangeRecord));
   error = error == 0 ? Allocate(file, layout::kFirstBlock, kGrowth) : error;
   if (error != 0) {
@@ -176,29 +176,29 @@ Result<std::unique_ptr<Region>> Region::Make(const Folder& folder, const std::st
   header.database = database;
   header.format = layout::kFormat;
   header.lock_size = sizeof(pthread_mutex_t);
-  header.growing = layout::kFirstBlock + kGrowth;
-  error = Begin(header);
+  header.file_end = layout::kFirstBlock + kGrowth;
+  error = InitHeader(header);
   (*region)->ChooseFutexBit();
   return error == 0 ? std::move(region) : SystemFailure((*region)->file(), error);
 }
 
 Result<std::unique_ptr<Region>> Region::MakePrivate(const Folder& folder) {
-  auto region = Map(folder.File(Folder::kRegion), Descriptor(), true);
+  auto region = Map(folder.File(Folder::kRegion), UniqueFd(), true);
   if (!region.ok()) {
     return region;
   }
-  (*region)->header().growing = layout::kMaxSize;
-  const int error = Begin((*region)->header());
+  (*region)->header().file_end = layout::kMaxSize;
+  const int error = InitHeader((*region)->header());
   return error == 0 ? std::move(region) : SystemFailure((*region)->file(), error);
 }
 
 bool Region::IsRemoved() const {
   struct stat about = {};
-  return is_shared() && (fstat(descriptor_.number(), &about) != 0 || about.st_nlink == 0);
+  return is_shared() && (fstat(descriptor_.get(), &about) != 0 || about.st_nlink == 0);
 }
 
 bool Region::Grow(std::uint32_t end) {
-  const std::uint32_t from = header().growing.load(std::memory_order_relaxed);
+  const std::uint32_t from = header().file_end.load(std::memory_order_relaxed);
   if (end <= from) {
     return true;
   }
@@ -206,17 +206,17 @@ bool Region::Grow(std::uint32_t end) {
     return false;
   }
   const std::uint32_t to = std::min(layout::kMaxSize, std::max(end, from + kGrowth));
-  if (Allocate(descriptor_.number(), from, to - from) != 0) {
+  if (Allocate(descriptor_.get(), from, to - from) != 0) {
     return false;
   }
-  header().growing.store(to, std::memory_order_release);
+  header().file_end.store(to, std::memory_order_release);
   return true;
 }
 
 bool Region::GrowRing(std::uint32_t records) {
   const std::size_t begin = kRing + records / 2 * sizeof(layout::ChangeRecord);
   return records <= layout::kMaxRecords && is_shared() &&
-         Allocate(descriptor_.number(), begin, records / 2 * sizeof(layout::ChangeRecord)) == 0;
+         Allocate(descriptor_.get(), begin, records / 2 * sizeof(layout::ChangeRecord)) == 0;
 }
 
 void Region::MarkReplaced() {
@@ -243,7 +243,7 @@ void Region::AwaitWakeup(std::uint32_t seen, std::chrono::nanoseconds limit) {
   if (writable_) {
     header().asleep = 1;
   } else {
-    limit = std::min<std::chrono::nanoseconds>(limit, kReadersWait);
+    limit = std::min<std::chrono::nanoseconds>(limit, kReadOnlyPollInterval);
   }
   timespec until = {};
   clock_gettime(CLOCK_MONOTONIC, &until);

@@ -14,8 +14,8 @@ namespace vconf {
 /// each offset is checked before use. Any thread.
 class Region {
  public:
-  /// Opens the region of `folder`, if it was created in this boot, as this file, from the database with the inode
-  /// `database`. `kMissing` if not; it may then be replaced.
+  /// Opens the region of `folder`. `kMissing` if it was not created in this boot, as this file, from the database with
+  /// the inode `database`; it may then be replaced.
   static Result<std::unique_ptr<Region>> Open(const Folder& folder, ino_t database);
 
   /// Opens the region of `folder` from any boot, if the file is long enough: to read its counters, and to mark it as
@@ -46,14 +46,14 @@ class Region {
   /// `size` bytes at `offset`, or null if they are not between the header and the end of the file.
   template <typename T>
   T* At(std::uint32_t offset, std::uint32_t size = sizeof(T)) const {
-    const std::uint32_t end = header().growing.load(std::memory_order_acquire);
+    const std::uint32_t end = header().file_end.load(std::memory_order_acquire);
     return offset >= layout::kFirstBlock && offset % alignof(T) == 0 && end <= layout::kMaxSize && size <= end &&
                    offset <= end - size
                ? reinterpret_cast<T*>(static_cast<char*>(base_) + offset)
                : nullptr;
   }
 
-  /// Extends the file to `end`; false if the disk or the region is full. Requires the lock.
+  /// Extends the file at least to `end`; false if the disk or the region is full. Requires the lock.
   bool Grow(std::uint32_t end);
 
   /// Allocates disk space for this number of records; false if the disk is full, or there may not be so many. Requires
@@ -69,19 +69,19 @@ class Region {
   /// Sleeps while `header().wakeups` is `seen`, for at most `limit`; may return early.
   void AwaitWakeup(std::uint32_t seen, std::chrono::nanoseconds limit);
 
-  /// Wakes the waiting thread of this process, and those of few other processes.
+  /// Wakes the waiting thread of this process, and those of processes that have the same `futex_bit_`.
   void WakeOwn();
 
  private:
-  Region(std::string file, Descriptor descriptor, void* base, bool writable)
+  Region(std::string file, UniqueFd descriptor, void* base, bool writable)
       : file_(std::move(file)), descriptor_(std::move(descriptor)), base_(base), writable_(writable) {}
 
   void ChooseFutexBit() { futex_bit_ = 1U << (header().openings.fetch_add(1) % 32U); }
 
-  static Result<std::unique_ptr<Region>> Map(std::string file, Descriptor descriptor, bool writable);
+  static Result<std::unique_ptr<Region>> Map(std::string file, UniqueFd descriptor, bool writable);
 
   const std::string file_;
-  const Descriptor descriptor_;
+  const UniqueFd descriptor_;
   void* const base_;
   const bool writable_;
   std::uint32_t futex_bit_ = 1;  // 32 openings in a row have different ones

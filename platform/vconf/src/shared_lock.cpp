@@ -16,7 +16,7 @@ namespace {
 std::atomic<std::uint32_t> g_process{
     static_cast<std::uint32_t>(getpid())};  // cached, because the system call takes as long as a lock
 
-// 0 outside of a limit.
+// How long this thread may wait from `t_begin` on; 0 without a `WaitLimit`.
 thread_local std::chrono::milliseconds t_limit{0};
 
 // The time of the first wait within this thread's outermost limit; 0 before.
@@ -103,7 +103,7 @@ std::string HolderOf(const std::vector<std::string>& files) {
   return NameOf(0);
 }
 
-void NoteProcess() { g_process = static_cast<std::uint32_t>(getpid()); }
+void RememberProcessId() { g_process = static_cast<std::uint32_t>(getpid()); }
 
 int InitLock(layout::Lock& lock) {
   pthread_mutexattr_t attributes;

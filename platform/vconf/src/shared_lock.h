@@ -29,14 +29,14 @@ class WaitLimit {
   const std::chrono::milliseconds outer_;
 };
 
-/// The process that has locked one of these files, or the folder, for messages.
+/// The process that has locked one of these files or folders, for messages; "another process" if it is not known.
 std::string HolderOf(const std::vector<std::string>& files);
 
 /// Returns 0, or the error.
 int InitLock(layout::Lock& lock);
 
-/// Must be called in a child after a fork.
-void NoteProcess();
+/// Must be called in a child after a fork: the cached process id is written into each lock that is acquired.
+void RememberProcessId();
 
 /// Holds a lock of the region for its scope. A thread must not acquire one twice; it waits as long as its `WaitLimit`
 /// allows.

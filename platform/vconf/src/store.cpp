@@ -83,13 +83,13 @@ Result<std::unique_ptr<Store>> Store::Open(const std::string& directory, const s
     return status;
   }
   const WaitLimit limit;
-  auto place = making::Attach(directory, initial);
-  if (!place.ok()) {
-    return place.status();
+  auto files = store_files::Attach(directory, initial);
+  if (!files.ok()) {
+    return files.status();
   }
-  std::unique_ptr<Store> store(new Store(place->folder.path()));
-  store->region_ = place->region.get();
-  store->places_.push_back(*std::move(place));
+  std::unique_ptr<Store> store(new Store(files->folder.path()));
+  store->region_ = files->region.get();
+  store->opened_.push_back(*std::move(files));
   store->RecoverIfNeeded();
   return store;
 }
@@ -110,9 +110,9 @@ Region& Store::Renew(Region& old) {
   if (now != &old) {
     return *now;
   }
-  if (auto place = Successor(old)) {
-    places_.push_back(*std::move(place));
-    region_.store(places_.back().region.get(), std::memory_order_release);
+  if (auto files = Successor(old)) {
+    opened_.push_back(*std::move(files));
+    region_.store(opened_.back().region.get(), std::memory_order_release);
   } else {
     look_again_ = Clock::now() + kLookAgain;
   }
@@ -120,24 +120,24 @@ Region& Store::Renew(Region& old) {
 }
 
 // The region that replaces a damaged, replaced or private one; empty while there is none.
-std::optional<making::Place> Store::Successor(Region& old) {
+std::optional<store_files::Opened> Store::Successor(Region& old) {
   const bool is_private = old.IsWhole();
   const bool replaced = old.header().state == layout::kReplaced;
-  database_.reset();  // its locks on the file are released when this process closes any other descriptor of it
-  auto place = making::Attach(directory_, nullptr, !is_private);
+  database_.reset();  // closing any other descriptor of the file would release SQLite's locks on it
+  auto files = store_files::Attach(directory_, nullptr, !is_private);
   if (is_private) {
-    if (!place.ok() || !place->region->is_shared()) {
+    if (!files.ok() || !files->region->is_shared()) {
       return std::nullopt;
     }
     old.MarkReplaced();
-  } else if (!place.ok()) {
-    static_cast<void>(NoteRead(replaced ? Status(Code::kRemoved, place.status().text()) : place.status()));
+  } else if (!files.ok()) {
+    static_cast<void>(LogRead(replaced ? Status(Code::kRemoved, files.status().text()) : files.status()));
     return std::nullopt;
   } else if (!replaced) {
     __dlog_print(2, 6, "VCONF", "%s: is damaged; db/ and set/ were read from disk again, memory/ is lost",
                  old.file().c_str());
   }
-  return *std::move(place);
+  return *std::move(files);
 }
 
 void Store::BeforeFork() {
@@ -149,7 +149,7 @@ void Store::AfterFork() { database_mutex_.unlock(); }
 
 // ---- reading
 
-Status Store::Note(std::atomic<Code>& last, Status status) {
+Status Store::LogIfNew(std::atomic<Code>& last, Status status) {
   const Code code = status.code();
   const bool of_the_file = code >= Code::kFull;
   if ((of_the_file || code == Code::kOk) && last.load(std::memory_order_relaxed) != code &&
@@ -184,7 +184,7 @@ inline Code Store::ReadKey(std::string_view path, const Read& read) {
     Region& now = region();
     const Code code = read(Table(now));
     if (code == Code::kOk || now.IsWhole()) {
-      return code == Code::kDamaged ? NoteRead(ToStatus(code, path, now)).code() : code;
+      return code == Code::kDamaged ? LogRead(ToStatus(code, path, now)).code() : code;
     }
     if (&region() == &now) {
       return Code::kDamaged;
@@ -214,7 +214,7 @@ Status Store::List(std::string_view prefix, std::vector<Entry>* entries) {
       code = Table(now).List(within ? prefix : each.text, entries);
     }
   }
-  return NoteRead(ToStatus(now.IsWhole() ? code : Code::kDamaged, prefix, now));
+  return LogRead(ToStatus(now.IsWhole() ? code : Code::kDamaged, prefix, now));
 }
 
 // ---- writing
@@ -238,7 +238,7 @@ Status Store::ForWriting(Region** region) {
 }
 
 Status Store::Change(Home home, const Plan& plan) {
-  constexpr int kTries = 3;
+  constexpr int kTries = 3;  // again after the first; a store is hardly ever replaced even once during a call
   const WaitLimit limit;
   for (int tries = 0;; ++tries) {
     Region* region = nullptr;
@@ -246,9 +246,9 @@ Status Store::Change(Home home, const Plan& plan) {
     if (status.ok()) {
       status = home == Home::kDisk ? ChangeOnDisk(*region, plan) : ChangeInMemory(*region, plan);
     }
-    // If the region was replaced meanwhile, the new one does not have the change.
+    // The region was replaced meanwhile, so the change was not made: repeat it in the new one.
     if (status.code() != Code::kRemoved || region->IsWhole() || tries == kTries) {
-      return NoteWrite(home, std::move(status));
+      return LogWrite(home, std::move(status));
     }
   }
 }
@@ -373,7 +373,7 @@ Status Store::Reset(const std::vector<Entry>& entries) {
 Status Store::Check() {
   Region* region = nullptr;
   Status status = ForWriting(&region);
-  return status.code() == Code::kReadOnly ? Status() : NoteWrite(Home::kDisk, std::move(status));
+  return status.code() == Code::kReadOnly ? Status() : LogWrite(Home::kDisk, std::move(status));
 }
 
 }  // namespace vconf

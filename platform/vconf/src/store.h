@@ -11,10 +11,10 @@
 #include <string_view>
 #include <vector>
 
+#include "changes.h"
 #include "database.h"
-#include "journal.h"
-#include "making.h"
 #include "region.h"
+#include "store_files.h"
 #include "table.h"
 #include "vconf_control.h"
 
@@ -26,6 +26,7 @@ namespace vconf {
 /// disk lock, commits to the database and acquires the region's lock to publish.
 class Store {
  public:
+  /// Without `initial`, the store must exist.
   static Result<std::unique_ptr<Store>> Open(const std::string& directory, const std::vector<Entry>* initial);
 
   Result<Value> Get(std::string_view path);
@@ -49,7 +50,7 @@ class Store {
   std::optional<int> TakeFault(std::string_view call, std::string_view path) {
     return region_.load(std::memory_order_acquire)->header().no_faults.load(std::memory_order_acquire) != 0
                ? std::nullopt
-               : FindFault(call, path);
+               : ConsumeFault(call, path);
   }
 
   /// The current region. Replaced regions stay mapped until the store is closed. It may be damaged if there is no
@@ -61,9 +62,10 @@ class Store {
   void AfterFork();
 
  private:
-  // Appends the changes to make, based on the current state; called with the locks that keep it from changing.
+  // Appends the changes to make to `rows`. It is called with the locks held, so the state that it reads does not
+  // change.
   using Plan = std::function<Status(Region& region, std::vector<Row>* rows)>;
-  enum class Home : std::uint8_t { kDisk, kMemory };
+  enum class Home : std::uint8_t { kDisk, kMemory };  // where a key is kept
   static Home HomeOf(std::string_view path);
   using Wanted = std::map<std::string, Value, std::less<>>;
 
@@ -78,7 +80,7 @@ class Store {
   template <typename Read>
   Code ReadKey(std::string_view path, const Read& read);
   Region& Renew(Region& old);
-  std::optional<making::Place> Successor(Region& old);
+  std::optional<store_files::Opened> Successor(Region& old);
   Status ForWriting(Region** region);
   Status Change(Home home, const Plan& plan);
   Status ChangeInMemory(Region& region, const Plan& plan);
@@ -88,28 +90,30 @@ class Store {
   Status PublishFromDisk(Region& region);
   void RecoverIfNeeded();
   Status ToStatus(Code code, std::string_view path, const Region& region) const;
-  Status NoteRead(Status status) { return Note(last_read_, std::move(status)); }
-  Status NoteWrite(Home home, Status status) {
-    return Note(home == Home::kDisk ? last_disk_write_ : last_memory_write_, std::move(status));
+  Status LogRead(Status status) { return LogIfNew(last_read_, std::move(status)); }
+  Status LogWrite(Home home, Status status) {
+    return LogIfNew(home == Home::kDisk ? last_disk_write_ : last_memory_write_, std::move(status));
   }
-  static Status Note(std::atomic<Code>& last, Status status);
-  std::optional<int> FindFault(std::string_view call, std::string_view path);
+  // Logs a failure of the store's files or locks, unless the last such call failed with the same code.
+  static Status LogIfNew(std::atomic<Code>& last, Status status);
+  std::optional<int> ConsumeFault(std::string_view call, std::string_view path);
 
   const std::string directory_;
 
   std::atomic<Region*> region_{nullptr};
   std::atomic<std::chrono::steady_clock::time_point> look_again_{};  // no search for a new region before this time
 
-  std::mutex database_mutex_;           // guards these two
-  std::vector<making::Place> places_;   // the last one is in use
-  std::unique_ptr<Database> database_;  // opened for the first change on disk
+  std::mutex database_mutex_;                // guards these two
+  std::vector<store_files::Opened> opened_;  // the last one is in use
+  std::unique_ptr<Database> database_;       // opened for the first change on disk
 
   std::atomic<Code> last_read_{Code::kOk};
   std::atomic<Code> last_disk_write_{Code::kOk};
   std::atomic<Code> last_memory_write_{Code::kOk};
 };
 
-/// Whether `path` is a valid path. `set/` is valid only for the control interface.
+/// Whether `path` is valid: a known prefix, a name, and no more than 511 bytes. `set/` is valid only with `control`,
+/// for the control interface.
 bool IsPath(std::string_view path, bool control);
 
 /// Whether all of `entries` are valid; otherwise the failure of the first invalid one.

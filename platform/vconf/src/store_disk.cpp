@@ -62,7 +62,7 @@ Status Store::ChangeOnDisk(Region& region, const Plan& plan) {
 }
 
 Status Store::Connect(const Region& region) {
-  const Folder& folder = places_.back().folder;
+  const Folder& folder = opened_.back().folder;
   struct stat about = {};
   if (!folder.Check(Folder::kDatabase, &about).ok() || about.st_ino != region.header().database) {
     database_.reset();
@@ -144,7 +144,7 @@ void Store::RecoverIfNeeded() {
     if (lock.held()) {
       if (now.header().committing != 0) {
         Status status = Connect(now);
-        static_cast<void>(NoteWrite(Home::kDisk, status.ok() ? Recover(now) : status));
+        static_cast<void>(LogWrite(Home::kDisk, status.ok() ? Recover(now) : status));
       }
       return;
     }

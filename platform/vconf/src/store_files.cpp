@@ -1,4 +1,4 @@
-#include "making.h"
+#include "store_files.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -8,11 +8,11 @@
 #include <map>
 #include <utility>
 
+#include "changes.h"
 #include "dlog.h"
-#include "journal.h"
 #include "shared_lock.h"
 
-namespace vconf::making {
+namespace vconf::store_files {
 namespace {
 
 const std::string kNewDatabase = std::string(Folder::kDatabase) + Folder::kUnfinished;
@@ -25,12 +25,12 @@ RegionResult IfOk(Status status, RegionResult region) { return status.ok() ? std
 bool IsUnfinished(const std::string& name) { return name.find(Folder::kUnfinished) != std::string::npos; }
 bool IsOld(const std::string& name) { return name == Folder::kOldStore || name == "lock.mdb" || name == "bell"; }
 
-// Fills a region that no other process uses yet. Its change numbers are above `last`, and begin where the ring begins:
-// then it is doubled before it overwrites a change.
+// Fills a region that no other process uses yet. Its change numbers are above `last` and begin at a multiple of the
+// ring's full size, so that the ring is doubled before it overwrites a change. `number` is that of the last commit.
 Status Fill(Region& region, const std::vector<Row>& rows, std::uint64_t number, std::uint64_t last) {
   last = (last + layout::kMaxRecords - 1) / layout::kMaxRecords * layout::kMaxRecords;
   region.header().last = last;
-  region.header().floor = last + 1;
+  region.header().first_kept = last + 1;
   Publisher publisher(region);
   Table table(region);
   std::vector<std::uint32_t> keys;
@@ -53,11 +53,11 @@ RegionResult MakeRegion(const Folder& folder, ino_t database, const std::vector<
 }
 
 // The counters that a new region takes from the old one, which may be of another boot or missing; 0 if not known.
-struct Past {
+struct Counters {
   std::uint64_t last = 0;       // the number of its last change, from which the next region continues
   std::uint64_t published = 0;  // the number of its last commit
 };
-Past PastOf(const RegionResult& region) {
+Counters CountersOf(const RegionResult& region) {
   constexpr std::uint64_t kBelievable = std::uint64_t{1} << 48U;
   if (!region.ok()) {
     return {};
@@ -69,7 +69,7 @@ Past PastOf(const RegionResult& region) {
 }
 
 // A folder in which the creation of a store was interrupted counts as empty.
-Result<bool> IsFree(const Folder& folder) {
+Result<bool> IsEmpty(const Folder& folder) {
   const auto names = folder.Names();
   if (!names.ok()) {
     return names.status();
@@ -122,7 +122,7 @@ RegionResult Convert(const Folder& folder) {
 // The keys on disk. SQLite takes damage in the log for its end; the previous region has the real number of commits.
 Status ReadAll(Database& database, const RegionResult& before, std::vector<Row>* rows, std::uint64_t* number) {
   Status status = database.Read(true, rows, number);
-  return status.ok() ? database.CheckNumber(*number, PastOf(before).published) : status;
+  return status.ok() ? database.CheckNumber(*number, CountersOf(before).published) : status;
 }
 
 bool HasOldStore(const Folder& folder) {
@@ -170,8 +170,8 @@ std::vector<Row> RowsOf(const std::vector<Entry>& entries) {
 
 // For the first process: a new store, an old one, or a store without a region of this boot.
 RegionResult MakeFirst(const Folder& folder, const std::vector<Entry>* initial) {
-  const auto lock = folder.LockMaking();
-  const auto free = lock.ok() ? IsFree(folder) : lock.status();
+  const auto lock = folder.Lock();
+  const auto free = lock.ok() ? IsEmpty(folder) : lock.status();
   ino_t inode = 0;
   Status status = free.ok() ? CheckDatabase(folder, &inode) : free.status();
   if (status.code() == Code::kMissing && free.ok()) {
@@ -199,10 +199,10 @@ RegionResult MakeFirst(const Folder& folder, const std::vector<Entry>* initial) 
     status = database.ok() ? ReadAll(**database, before, &rows, &number) : database.status();
   }
   if (status.ok()) {
-    region = MakeRegion(folder, inode, rows, number, PastOf(before).last);
+    region = MakeRegion(folder, inode, rows, number, CountersOf(before).last);
     status = region.ok() ? folder.Rename(kNewRegion, Folder::kRegion) : region.status();
   }
-  // If the disk is full, the store can be read at least.
+  // With a full disk the store can at least be read.
   return status.code() == Code::kFull ? MakePrivate(folder) : IfOk(std::move(status), std::move(region));
 }
 
@@ -222,7 +222,7 @@ Result<Folder> OpenOrMakeFolder(const std::string& directory, bool make) {
 
 }  // namespace
 
-Result<Place> Attach(const std::string& directory, const std::vector<Entry>* initial, bool may_be_private) {
+Result<Opened> Attach(const std::string& directory, const std::vector<Entry>* initial, bool may_be_private) {
   auto folder = OpenOrMakeFolder(directory, initial != nullptr);
   if (!folder.ok()) {
     return folder.status();
@@ -233,7 +233,7 @@ Result<Place> Attach(const std::string& directory, const std::vector<Entry>* ini
   if (region.status().code() == Code::kMissing && (folder->may_write() || may_be_private)) {
     region = folder->may_write() ? MakeFirst(*folder, initial) : MakePrivate(*folder);
   }
-  return region.ok() ? Result(Place{*std::move(folder), *std::move(region)}) : region.status();
+  return region.ok() ? Result(Opened{*std::move(folder), *std::move(region)}) : region.status();
 }
 
 Result<std::string> Replace(const std::string& directory, const std::vector<Entry>& initial) {
@@ -244,7 +244,7 @@ Result<std::string> Replace(const std::string& directory, const std::vector<Entr
   if (!folder->may_write()) {
     return SystemFailure(directory, EROFS);
   }
-  const auto lock = folder->LockMaking();
+  const auto lock = folder->Lock();
   const auto is_ours = [](const std::string& name) {
     return !IsUnfinished(name) && (name.starts_with(Folder::kDatabase) || name == Folder::kRegion || IsOld(name));
   };
@@ -256,7 +256,7 @@ Result<std::string> Replace(const std::string& directory, const std::vector<Entr
     return Status(Code::kMissing, directory + ": there is no store here");
   }
   const auto before = Region::OpenAny(*folder);
-  const auto region = Build(*folder, RowsOf(initial), PastOf(before).last);
+  const auto region = Build(*folder, RowsOf(initial), CountersOf(before).last);
   if (!region.ok()) {
     return region.status();
   }
@@ -278,4 +278,4 @@ Result<std::string> Replace(const std::string& directory, const std::vector<Entr
   return status.ok() ? std::move(moved) : Result<std::string>(std::move(status));
 }
 
-}  // namespace vconf::making
+}  // namespace vconf::store_files

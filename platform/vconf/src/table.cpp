@@ -17,7 +17,7 @@ using layout::Word;
 
 namespace {
 
-// More keys than can fit: a longer chain is damaged.
+// No region has room for so many keys, so a longer list is damaged.
 constexpr std::uint32_t kMaxKeys = layout::kMaxSize / sizeof(Key);
 
 constexpr std::uint32_t WordsOf(std::uint32_t bytes) { return (bytes + 3) / 4; }
@@ -40,7 +40,7 @@ T WordAt(std::string_view bytes, std::size_t at) {
 
 Word* PathWords(Key& key) { return reinterpret_cast<Word*>(&key + 1); }
 
-// All sizes of blocks are multiples of this, so that what remains of a free block is one.
+// All sizes of blocks are multiples of this, so the rest of a divided free block can hold a `Block`.
 constexpr std::uint32_t kUnit = sizeof(Block);
 
 std::uint32_t SizeOfKey(std::uint32_t path_size) {
@@ -106,7 +106,7 @@ Key* Table::Find(std::string_view path, std::uint32_t hash, std::uint32_t* offse
     Key* const key = region_.At<Key>(at);
     const std::uint32_t found = key != nullptr ? key->path_size.load(std::memory_order_acquire) : UINT32_MAX;
     if (found > layout::kMaxName) {
-      break;  // as `Sweep`, which would free what is behind
+      break;  // damaged: `Sweep` stops here, too, and would free the keys behind it
     }
     if (found == size && key->hash.load(std::memory_order_acquire) == hash &&
         region_.At<Key>(at, SizeOfKey(size)) != nullptr) {
@@ -156,7 +156,7 @@ std::uint32_t Table::LoadSlot(const Slot& slot, RawValue* value) const {
   return check;
 }
 
-Code Table::Look(const Key& key, RawValue* held) const {
+Code Table::ReadCurrent(const Key& key, RawValue* held) const {
   while (true) {
     const std::uint32_t version = key.version.load(std::memory_order_acquire);
     const std::uint32_t check = LoadSlot(key.slots[version % 2], held);
@@ -169,7 +169,7 @@ Code Table::Look(const Key& key, RawValue* held) const {
 }
 
 // A key that is unlinked meanwhile may hide the keys after it, and its block may be reused for another key.
-inline Code Table::Seek(std::string_view path, RawValue* held) const {
+inline Code Table::FindValue(std::string_view path, RawValue* held) const {
   const std::uint32_t hash = HashOf(path);
   const Word& unlinks = region_.header().unlinks;
   while (true) {
@@ -179,7 +179,7 @@ inline Code Table::Seek(std::string_view path, RawValue* held) const {
     // A key counts as missing only if its bucket can be read to the end.
     const bool sound =
         key != nullptr || ReadBucket(hash % layout::kBuckets, [](const Key&, const std::string&) { return true; });
-    const Code code = key != nullptr ? Look(*key, held) : sound ? Code::kMissing : Code::kDamaged;
+    const Code code = key != nullptr ? ReadCurrent(*key, held) : sound ? Code::kMissing : Code::kDamaged;
     if (unlinks.load(std::memory_order_acquire) == before) {
       return code;
     }
@@ -188,7 +188,7 @@ inline Code Table::Seek(std::string_view path, RawValue* held) const {
 
 Code Table::Read(std::string_view path, std::optional<Value>* value) const {
   RawValue held;
-  const Code code = Seek(path, &held);
+  const Code code = FindValue(path, &held);
   if (code == Code::kOk) {
     *value = std::move(held).ToValue();
   }
@@ -197,7 +197,7 @@ Code Table::Read(std::string_view path, std::optional<Value>* value) const {
 
 Code Table::ReadNumber(std::string_view path, Kind kind, int* number) const {
   RawValue held;
-  const Code code = Seek(path, &held);
+  const Code code = FindValue(path, &held);
   if (code == Code::kOk && KindOf(held.form) == kind) {
     *number = static_cast<int>(held.content);
   }
@@ -229,7 +229,7 @@ Code Table::List(std::string_view prefix, std::vector<Entry>* entries) const {
     for (std::uint32_t bucket = 0; bucket < layout::kBuckets; ++bucket) {
       const bool read = ReadBucket(bucket, [&](const Key& key, const std::string& path) {
         if (RawValue held; path.starts_with(prefix)) {
-          const Code code = Look(key, &held);
+          const Code code = ReadCurrent(key, &held);
           sound = sound && code != Code::kDamaged;
           if (code == Code::kOk) {
             entries->push_back({path, *std::move(held).ToValue()});
@@ -274,11 +274,11 @@ std::uint32_t Table::Allocate(std::uint32_t size) {
     last = at;
     link = &block->next;
   }
-  const std::uint32_t end = header.end.load(std::memory_order_relaxed);
+  const std::uint32_t end = header.blocks_end.load(std::memory_order_relaxed);
   if (end < layout::kFirstBlock || end > layout::kMaxSize - size || !region_.Grow(end + size)) {
     return 0;
   }
-  header.end.store(end + size, std::memory_order_relaxed);
+  header.blocks_end.store(end + size, std::memory_order_relaxed);
   return end;
 }
 
@@ -345,7 +345,7 @@ bool Table::Prepare(std::string_view path, const Value* value, std::uint32_t* ke
 
 void Table::Sweep(bool spares_disk) {
   layout::Header& header = region_.header();
-  header.floor = header.last + 1;  // the records refer to keys
+  header.first_kept = header.last + 1;  // kept changes refer to keys that may be freed below
   header.unlinks.fetch_add(1);
   std::vector<std::pair<std::uint32_t, std::uint32_t>> used;
   std::string path;
@@ -379,7 +379,7 @@ void Table::Sweep(bool spares_disk) {
   FreeAllBut(std::move(used));
 }
 
-// Each element is the offset and the size of a block.
+// Makes all space between the blocks `used` (offset, size) the new list of free blocks.
 void Table::FreeAllBut(std::vector<std::pair<std::uint32_t, std::uint32_t>> used) {
   layout::Header& header = region_.header();
   header.free.store(0, std::memory_order_relaxed);
@@ -398,7 +398,7 @@ void Table::FreeAllBut(std::vector<std::pair<std::uint32_t, std::uint32_t>> used
     }
     begin = std::max(begin, at + size);
   }
-  header.end.store(begin, std::memory_order_relaxed);
+  header.blocks_end.store(begin, std::memory_order_relaxed);
 }
 
 }  // namespace vconf

@@ -74,17 +74,17 @@ class Table {
   /// it. A second call for the same key replaces the first. False if there is no space.
   bool Prepare(std::string_view path, const Value* value, std::uint32_t* key);
 
-  /// Frees all blocks that are not in use, also those of removed keys and of unused slots. The kept changes are
-  /// dropped: a subscriber that has not read them gets one notification for each key instead. Spares what is prepared
-  /// for keys on disk if `spares_disk`, and nothing else.
+  /// Frees all blocks that are not in use, also those of removed keys and of unused slots, with what is prepared in
+  /// them; if `spares_disk`, not those of keys on disk. The kept changes are dropped: a subscriber that has not read
+  /// them gets one notification for each key instead.
   void Sweep(bool spares_disk);
 
  private:
   layout::Key* Find(std::string_view path, std::uint32_t hash, std::uint32_t* offset) const;
   template <typename Visit>
   bool ReadBucket(std::uint32_t bucket, Visit&& visit) const;
-  Code Look(const layout::Key& key, RawValue* held) const;
-  Code Seek(std::string_view path, RawValue* held) const;
+  Code ReadCurrent(const layout::Key& key, RawValue* held) const;
+  Code FindValue(std::string_view path, RawValue* held) const;
   bool FillSlot(layout::Slot& slot, std::uint32_t hash, const Value* value);
   std::uint32_t Allocate(std::uint32_t size);
   void FreeAllBut(std::vector<std::pair<std::uint32_t, std::uint32_t>> used);

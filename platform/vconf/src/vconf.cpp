@@ -1,3 +1,5 @@
+// The functions of both public headers, vconf.h and vconf_control.h: each finds the store that this process has open,
+// and calls it. Also what has to happen around a fork.
 #include "vconf.h"
 
 #include <pthread.h>
@@ -18,27 +20,27 @@ namespace vconf {
 namespace {
 
 // The store of this process. The notifier is destroyed first, since its thread reads the store.
-struct Session {
-  explicit Session(std::unique_ptr<Store> opened)
+struct OpenedStore {
+  explicit OpenedStore(std::unique_ptr<Store> opened)
       : store(std::move(opened)), notifier(std::make_shared<Notifier>(*store)) {}
 
   const std::unique_ptr<Store> store;
   std::shared_ptr<Notifier> notifier;
 };
 
-// Never destroyed: other threads may still call it while the process exits.
-std::atomic<Session*> g_session{nullptr};
+// Not destroyed at exit: other threads may still use it then. Null while no store is open.
+std::atomic<OpenedStore*> g_store{nullptr};
 
-Session* TheSession() { return g_session.load(std::memory_order_acquire); }
+OpenedStore* TheStore() { return g_store.load(std::memory_order_acquire); }
 
 // A fork copies one thread and all locks. All locks are held during the fork, so the child's state is consistent. The
 // child has no notification thread, so it has no subscriptions; the parent's objects that it inherited stay unused.
 // The notifier calls the store with its mutex held, so its mutex is locked first. Another thread may open a store
 // meanwhile.
-thread_local Session* t_forking = nullptr;
+thread_local OpenedStore* t_forking = nullptr;
 
 void BeforeFork() {
-  t_forking = TheSession();
+  t_forking = TheStore();
   if (t_forking != nullptr) {
     t_forking->notifier->BeforeFork();
     t_forking->store->BeforeFork();
@@ -51,13 +53,13 @@ void AfterForkInParent() {
   }
 }
 void AfterForkInChild() {
-  NoteProcess();
-  if (Session* const session = t_forking) {
-    session->store->AfterFork();
-    session->notifier->AfterForkInChild();
+  RememberProcessId();
+  if (OpenedStore* const opened = t_forking) {
+    opened->store->AfterFork();
+    opened->notifier->AfterForkInChild();
     // Never destroyed, because the call that forked may be running in it.
     static auto& inherited = *new std::vector<std::shared_ptr<Notifier>>;
-    inherited.push_back(std::exchange(session->notifier, std::make_shared<Notifier>(*session->store)));
+    inherited.push_back(std::exchange(opened->notifier, std::make_shared<Notifier>(*opened->store)));
   }
 }
 
@@ -71,11 +73,11 @@ const Status& NoStore() {
 // Runs `step` on the store.
 template <typename Step>
 auto OnStore(Step&& step) -> decltype(step(std::declval<Store&>())) {
-  const Session* const session = TheSession();
-  if (session == nullptr) {
+  const OpenedStore* const opened = TheStore();
+  if (opened == nullptr) {
     return NoStore();
   }
-  return step(*session->store);
+  return step(*opened->store);
 }
 
 // A process has one store at a time.
@@ -84,8 +86,8 @@ Status Open(const std::string& directory, const std::vector<Entry>* initial) {
   static std::once_flag forks;
   const std::lock_guard lock(opening);
   std::call_once(forks, [] { pthread_atfork(BeforeFork, AfterForkInParent, AfterForkInChild); });
-  NoteProcess();  // for a process that was forked before its parent opened a store
-  if (TheSession() != nullptr) {
+  RememberProcessId();  // for a process that was forked before its parent opened a store
+  if (TheStore() != nullptr) {
     return {Code::kFailed, directory + ": this process has a store open already; close that first"};
   }
   auto store = Store::Open(directory, initial);
@@ -93,7 +95,7 @@ Status Open(const std::string& directory, const std::vector<Entry>* initial) {
     __dlog_print(2, 6, "VCONF", "%s", store.status().text().c_str());
     return store.status();
   }
-  g_session.store(new Session(*std::move(store)), std::memory_order_release);
+  g_store.store(new OpenedStore(*std::move(store)), std::memory_order_release);
   return {};
 }
 
@@ -121,27 +123,28 @@ constexpr int kFailed = -1;
 int AnswerOf(const Status& status) { return status.ok() ? 0 : kFailed; }
 
 // Common to every call: checks the path, and returns the answer of a fault if there is one. Otherwise returns the
-// result of `step`, which gets the session and the path.
+// result of `step`, which gets the opened store and the path.
 template <typename Step>
 int Answer(const char* call, const char* path, Step&& step) {
-  Session* const session = TheSession();
-  if (session == nullptr || path == nullptr || !IsPath(path, false)) {
+  OpenedStore* const opened = TheStore();
+  if (opened == nullptr || path == nullptr || !IsPath(path, false)) {
     return kFailed;
   }
-  if (const auto fault = session->store->TakeFault(call, path)) {
+  if (const auto fault = opened->store->TakeFault(call, path)) {
     return *fault;
   }
-  return step(*session, path);
+  return step(*opened, path);
 }
 
 int Read(const char* call, const char* path, layout::Kind kind, int* result) {
-  return Answer(call, path, [=](Session& session, std::string_view at) {
-    return session.store->GetNumber(at, kind, result) == Code::kOk ? 0 : kFailed;
+  return Answer(call, path, [=](OpenedStore& opened, std::string_view at) {
+    return opened.store->GetNumber(at, kind, result) == Code::kOk ? 0 : kFailed;
   });
 }
 
 int Write(const char* call, const char* path, const Value& value) {
-  return Answer(call, path, [&](Session& session, const char* at) { return AnswerOf(session.store->Set(at, value)); });
+  return Answer(call, path,
+                [&](OpenedStore& opened, const char* at) { return AnswerOf(opened.store->Set(at, value)); });
 }
 
 }  // namespace
@@ -152,12 +155,12 @@ Status OpenOrCreateStore(const std::string& directory, const std::vector<Entry>&
   return Open(directory, &initial);
 }
 
-void CloseStore() { delete g_session.exchange(nullptr); }
+void CloseStore() { delete g_store.exchange(nullptr); }
 
 Result<std::string> ReplaceStore(const std::string& directory, const std::vector<Entry>& initial) {
   Status wrong = CheckEntries(initial);
   const WaitLimit limit;
-  return wrong.ok() ? making::Replace(directory, initial) : Result<std::string>(std::move(wrong));
+  return wrong.ok() ? store_files::Replace(directory, initial) : Result<std::string>(std::move(wrong));
 }
 
 Status CheckStore() {
@@ -187,31 +190,31 @@ Result<std::vector<Entry>> List(const std::string& prefix) {
 }
 
 Result<std::unique_ptr<Watch>> WatchPrefix(const std::string& prefix, std::function<void(const Change&)> on_change) {
-  const Session* const session = TheSession();
-  if (session == nullptr) {
+  const OpenedStore* const opened = TheStore();
+  if (opened == nullptr) {
     return NoStore();
   }
   Notifier::ListenerPtr listener;
-  if (Status status = session->notifier->Watch(prefix, std::move(on_change), &listener); !status.ok()) {
+  if (Status status = opened->notifier->Watch(prefix, std::move(on_change), &listener); !status.ok()) {
     return status;
   }
-  return std::unique_ptr<Watch>(std::make_unique<NotifierWatch>(session->notifier, std::move(listener)));
+  return std::unique_ptr<Watch>(std::make_unique<NotifierWatch>(opened->notifier, std::move(listener)));
 }
 
 void Settle() {
-  if (const Session* const session = TheSession()) {
-    session->notifier->Settle();
+  if (const OpenedStore* const opened = TheStore()) {
+    opened->notifier->Settle();
   }
 }
 
 std::size_t SubscriptionCount() {
-  const Session* const session = TheSession();
-  return session != nullptr ? session->notifier->subscriptions() : 0;
+  const OpenedStore* const opened = TheStore();
+  return opened != nullptr ? opened->notifier->subscriptions() : 0;
 }
 
 std::vector<std::string> SubscribedPaths() {
-  const Session* const session = TheSession();
-  return session != nullptr ? session->notifier->SubscribedPaths() : std::vector<std::string>();
+  const OpenedStore* const opened = TheStore();
+  return opened != nullptr ? opened->notifier->SubscribedPaths() : std::vector<std::string>();
 }
 
 Status SetFault(const Fault& fault) {
@@ -231,8 +234,8 @@ Result<std::vector<Fault>> ListFaults() {
 }
 
 std::optional<int> TakeFault(std::string_view call, std::string_view path) {
-  const Session* const session = TheSession();
-  return session != nullptr ? session->store->TakeFault(call, path) : std::nullopt;
+  const OpenedStore* const opened = TheStore();
+  return opened != nullptr ? opened->store->TakeFault(call, path) : std::nullopt;
 }
 
 }  // namespace vconf
@@ -248,9 +251,9 @@ int vconf_set_int(const char* path, int value) { return vconf::Write("vconf_set_
 int vconf_set_bool(const char* path, int value) { return vconf::Write("vconf_set_bool", path, value != 0); }
 
 int vconf_sync_key(const char* path) {
-  return vconf::Answer("vconf_sync_key", path, [](vconf::Session& session, const char* at) {
-    // Writes are already durable.
-    return std::string_view(at).starts_with(vconf::kMemoryPrefix) ? 0 : vconf::AnswerOf(session.store->Check());
+  return vconf::Answer("vconf_sync_key", path, [](vconf::OpenedStore& opened, const char* at) {
+    // `Set` on disk is durable when it returns, so only this remains: is the store still there?
+    return std::string_view(at).starts_with(vconf::kMemoryPrefix) ? 0 : vconf::AnswerOf(opened.store->Check());
   });
 }
 
@@ -258,14 +261,14 @@ int vconf_notify_key_changed(const char* path, vconf_callback_fn callback, void*
   if (callback == nullptr) {
     return vconf::kFailed;
   }
-  return vconf::Answer("vconf_notify_key_changed", path, [=](vconf::Session& session, const char* at) {
-    return vconf::AnswerOf(session.notifier->Subscribe(at, callback, user_data));
+  return vconf::Answer("vconf_notify_key_changed", path, [=](vconf::OpenedStore& opened, const char* at) {
+    return vconf::AnswerOf(opened.notifier->Subscribe(at, callback, user_data));
   });
 }
 
 int vconf_ignore_key_changed(const char* path, vconf_callback_fn callback) {
-  return vconf::Answer("vconf_ignore_key_changed", path, [=](vconf::Session& session, const char* at) {
-    session.notifier->Ignore(at, callback);
+  return vconf::Answer("vconf_ignore_key_changed", path, [=](vconf::OpenedStore& opened, const char* at) {
+    opened.notifier->Ignore(at, callback);
     return 0;
   });
 }
