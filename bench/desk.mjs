@@ -15,7 +15,7 @@ const run = promisify(execFile);
 const probe = fileURLToPath(new URL("../build/release/bin/mirado_desk_probe", import.meta.url));
 const READ = { send: { command: "getMenuValue", propertyKey: 0 } };
 const PARTS = ["http", "chromium", "crowd", "cpu", "attacks", "page"];
-const READS = 44; // one after the other, as an application may do at its start
+const READS = 44; // two for each of the 22 menu settings, as an application may do at its start
 const wanted = process.argv.slice(2);
 const wants = (name) => wanted.length === 0 || wanted.includes(name);
 const sleep = (seconds) => new Promise((resolve) => setTimeout(resolve, 1000 * seconds));
@@ -25,6 +25,8 @@ const ms = (value) => `${value.toFixed(3)} ms`;
 const pair = ({ p50, p99 }) => `${ms(p50)} / ${ms(p99)}`;
 const times = (a, b) => `${(a / b).toFixed(2)} times`;
 
+// Sends `count` requests one after the other, and returns their times in milliseconds. A first call, whose result is not
+// used, warms up what is measured.
 async function ask(port, path, count = 2000) {
   const { stdout } = await run(probe, ["ask", port, path, JSON.stringify(READ), count]);
   const [p50, p99] = stdout.split(" ").map((value) => Number(value) / 1000);
@@ -182,6 +184,7 @@ async function measureAttacks() {
       const floods = Array.from({ length: 6 }, flood);
       return async () => { going = false; await Promise.all(floods); };
     },
+    // The plug-in is stopped, so no send is answered.
     "256 sends whose clients leave, of which 16 wait": async (desk) => {
       const page = await desk.openPage();
       process.kill(page.pid, "SIGSTOP");

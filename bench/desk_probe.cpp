@@ -32,8 +32,9 @@ namespace {
 namespace http = boost::beast::http;
 using boost::asio::ip::tcp;
 
-struct Bare : std::enable_shared_from_this<Bare> {
-  explicit Bare(tcp::socket given) : socket(std::move(given)) {}
+/// A connection of the minimal server: answers each request with the same reply. Its pending handlers keep it alive.
+struct BareConnection : std::enable_shared_from_this<BareConnection> {
+  explicit BareConnection(tcp::socket given) : socket(std::move(given)) {}
 
   void Read() {
     request = {};
@@ -70,7 +71,7 @@ void Accept(tcp::acceptor& acceptor) {
   acceptor.async_accept([&acceptor](auto error, tcp::socket socket) {
     if (!error) {
       socket.set_option(tcp::no_delay(true));
-      std::make_shared<Bare>(std::move(socket))->Read();
+      std::make_shared<BareConnection>(std::move(socket))->Read();
     }
     Accept(acceptor);
   });
@@ -100,6 +101,7 @@ std::string Request(int port, const char* path, std::string_view body) {
          std::string(body);
 }
 
+/// Sends `count` requests, one after the other over one connection, and prints the times.
 int Ask(int port, const char* path, const char* body, int count) {
   const int client = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_in address{};

@@ -27,8 +27,8 @@ namespace {
 struct Recording {
   std::mutex mutex;
   Lines lines;
-  const void* handler = nullptr;                // the newest
-  pp::SimpleThreadAwaitLoop* worker = nullptr;  // the newest
+  const void* handler = nullptr;                // the last one that was registered
+  pp::SimpleThreadAwaitLoop* worker = nullptr;  // the last one that was started
 };
 std::atomic<Recording*> g_recording{nullptr};
 

@@ -20,9 +20,9 @@ using Handler = MiradoMessageHandler;
 TEST_F(PluginTest, ConvertsAPathToTheFirstRowWhosePathBeginsWithIt) {
   const std::string mode = g_MenuCaptionMap[MENU_KEY_SUBTITLE_MODE].path;
   PlatformCalls calls;
-  EXPECT_EQ(Handler::ConvertCaptionKey(mode.c_str()), 17);
-  EXPECT_EQ(Handler::ConvertCaptionKey(mode.substr(0, 20).c_str()), 16);
-  EXPECT_EQ(Handler::ConvertCaptionKey(mode.substr(0, 8).c_str()), 0);
+  EXPECT_EQ(Handler::ConvertCaptionKey(mode.c_str()), MENU_KEY_SUBTITLE_MODE);
+  EXPECT_EQ(Handler::ConvertCaptionKey("db/menu/subtitle/sub"), MENU_KEY_SUBTITLE);
+  EXPECT_EQ(Handler::ConvertCaptionKey("db/menu/"), MENU_KEY_CAPTION);
   EXPECT_EQ(Handler::ConvertCaptionKey(""), 0);
   EXPECT_EQ(calls.Take(), Lines{});
   EXPECT_EQ(Handler::ConvertCaptionKey((mode + "x").c_str()), -1);
@@ -59,21 +59,21 @@ TEST_F(PluginTest, TheManagerChangesItsArgumentOnlyOnSuccess) {
     const int result = manager.getMenuValue(key, value);
     return Record{result, value.iValue, value.sValue};
   };
-  EXPECT_EQ(got(14), Record(9, 7, "old"));
+  EXPECT_EQ(got(MENU_KEY_APPS_TICKER), Record(9, 7, "old"));
   EXPECT_EQ(got(CAPTION_SETTING_MAP_SIZE), Record(26, 7, "old"));
-  EXPECT_EQ(got(20), Record(0, 8, "NORMAL"));
-  EXPECT_EQ(got(15), Record(0, 0, "old"));
+  EXPECT_EQ(got(MENU_KEY_VOICE_GUIDE_SPEED), Record(0, 8, "NORMAL"));
+  EXPECT_EQ(got(MENU_KEY_TTS), Record(0, 0, "old"));
   const auto confirmed = [&](unsigned int key, int requested) {
     MenuValue current{300, "old"};
     const int result = manager.confirmMenuValue(key, {requested, "new"}, current);
     return Record{result, current.iValue, current.sValue};
   };
-  EXPECT_EQ(confirmed(14, 1), Record(9, 300, "old"));
-  EXPECT_EQ(confirmed(3, 5), Record(0, 261, "old"));
-  EXPECT_EQ(confirmed(18, 1), Record(0, 1, "new"));
-  EXPECT_EQ(confirmed(19, 99), Record(26, 300, "old"));
+  EXPECT_EQ(confirmed(MENU_KEY_APPS_TICKER, 1), Record(9, 300, "old"));
+  EXPECT_EQ(confirmed(MENU_KEY_DIGITAL_CAPTION_FONT_STYLE, 5), Record(0, 261, "old"));
+  EXPECT_EQ(confirmed(MENU_KEY_PRIMARY_AUDIO_LANGUAGE, 1), Record(0, 1, "new"));
+  EXPECT_EQ(confirmed(MENU_KEY_SECONDARY_AUDIO_LANGUAGE, 99), Record(26, 300, "old"));
   Fault("GetItemDataList", "*", -1);
-  EXPECT_EQ(confirmed(18, 1), Record(9999, 300, "old"));
+  EXPECT_EQ(confirmed(MENU_KEY_PRIMARY_AUDIO_LANGUAGE, 1), Record(9999, 300, "old"));
 }
 
 TEST_F(PluginTest, AHandlerRegistersItselfOnTheCurrentThreadsLoop) {

@@ -32,7 +32,7 @@ class CountedWork final : public Loop::Work {
   const std::function<void()> run_;
 };
 
-TEST(Worker, RunsTasksQueuedBeforeTheStartOnItsOwnThread) {
+TEST(Worker, RunsWorkThatWasQueuedBeforeTheStartOnItsOwnThread) {
   pp::SimpleThreadAwaitLoop worker(pp::InstanceHandle(PP_Instance{1}));
   Loop& loop = *worker.message_loop().core();
   std::latch done(1);

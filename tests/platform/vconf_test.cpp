@@ -252,11 +252,8 @@ TEST_F(VconfChangeTest, ASubscriberBehindTheKeptChangesGetsEachKeyOnce) {
   ASSERT_GE(vconf_notify_key_changed("memory/b", CountCall, &other), 0);
   const auto watch = Collect("memory/");
   std::atomic<int> late{0};
-  std::vector<Entry> many;
-  many.reserve(33'000);
-  for (int i = 0; i < 33'000; ++i) {
-    many.push_back({"memory/many" + std::to_string(i), i});
-  }
+  std::vector<Entry> many;  // its keys and their removal are more than the 65,536 changes that are kept
+  for (int i = 0; i < 33'000; ++i) many.push_back({"memory/many" + std::to_string(i), i});
   ASSERT_EQ(vconf::Reset(many).text(), "");
   ASSERT_EQ(vconf::Reset({{"memory/last", 1}}).text(), "");
   ASSERT_GE(vconf_notify_key_changed("memory/a", CountCall, &late), 0);

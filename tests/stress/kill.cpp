@@ -1,5 +1,5 @@
-// A writing process is killed at random moments, again and again, while another process reads. No acknowledged write
-// may be lost, no value may be read that was never written, and no lock may stay.
+// The run `kill`: a writing process is killed at random moments, again and again, while another process reads. No
+// acknowledged write may be lost, no value may be read that was never written, and no lock may stay held.
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
@@ -175,8 +175,9 @@ void RunKill(double kills, unsigned seed) {
   EXPECT_LT(results.read.milliseconds_without_gaps(), kLongTime) << "the reader stalled";
   EXPECT_LT(slowest_opening.milliseconds_without_gaps(), kLongTime) << "opening the store took too long";
   std::printf(
-      "kill: %d kills%s, %llu acknowledged writes all there; store open again after %.2f ms (median), %.2f ms (most)\n"
-      "  beside it %llu reads, none torn, the slowest %.1f ms (a write: %.1f ms); %llu events, one for each write\n",
+      "kill: %d kills%s, %llu acknowledged writes all there; store open again after %.2f ms (median), %.2f ms "
+      "(longest)\n"
+      "  during this %llu reads, none torn, the slowest %.1f ms (a write: %.1f ms); %llu events, one for each write\n",
       kill, Progress::Remark().c_str(), static_cast<unsigned long long>(acknowledged), Quantile(opening, 0.5),
       Quantile(opening, 1), 3ULL * results.reads.load(), results.read.milliseconds(), results.write.milliseconds(),
       static_cast<unsigned long long>(results.events.load()));

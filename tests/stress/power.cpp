@@ -25,9 +25,10 @@ namespace {
 
 enum class Kind { kWrite, kTruncate, kSync, kCreate, kRename, kUnlink, kSyncFolder, kSyncParent, kTry, kAcknowledge };
 
-struct Call {
+/// A recorded call, or the beginning (kTry) or success (kAcknowledge) of a write to the store.
+struct Step {
   Kind kind;
-  int file = 0;        // of kTry and kAcknowledge: the key, -1 for the new store
+  int file = 0;        // of kTry and kAcknowledge: the index in kKeys, -1 for the creation of the store
   std::size_t at = 0;  // of kTry and kAcknowledge: the number written
   std::string text;    // the written bytes, a name, or of kAcknowledge the beginning of the region
   std::string to;      // the new name
@@ -42,7 +43,7 @@ struct Recorder {
   std::map<std::string, int> names;
   std::map<int, int> descriptors;
   int files = 0;
-  std::vector<Call> calls;
+  std::vector<Step> steps;
 
   // "" for a file that is not recorded. The region is never synced; each kAcknowledge has its beginning instead.
   std::string NameOf(const std::string& path) const {
@@ -54,29 +55,29 @@ struct Recorder {
     if (on && folder == path + "/store") descriptors[descriptor] = kParent;
     if (const std::string name = NameOf(path); descriptor >= 0 && !name.empty() && !name.ends_with("-shm")) {
       const auto [found, is_new] = names.try_emplace(name, files);
-      if (is_new) calls.push_back({Kind::kCreate, files++, 0, name, {}});
+      if (is_new) steps.push_back({Kind::kCreate, files++, 0, name, {}});
       descriptors[descriptor] = found->second;
     }
     return descriptor;
   }
-  void Note(int descriptor, Kind kind, std::size_t at, std::string text) {
+  void Record(int descriptor, Kind kind, std::size_t at, std::string text) {
     if (const auto found = descriptors.find(descriptor); on && found != descriptors.end()) {
       if (kind == Kind::kSync && found->second < 0) {
         kind = found->second == kFolder ? Kind::kSyncFolder : Kind::kSyncParent;
       }
-      calls.push_back({kind, found->second, at, std::move(text), {}});
+      steps.push_back({kind, found->second, at, std::move(text), {}});
     }
   }
   void Renamed(const std::string& from, const std::string& to) {
     if (const auto found = names.find(NameOf(from)); found != names.end()) {
-      calls.push_back({Kind::kRename, found->second, 0, found->first, NameOf(to)});
+      steps.push_back({Kind::kRename, found->second, 0, found->first, NameOf(to)});
       names[NameOf(to)] = found->second;
       names.erase(found);
     }
   }
   void Unlinked(const std::string& path) {
     if (const auto found = names.find(NameOf(path)); found != names.end()) {
-      calls.push_back({Kind::kUnlink, found->second, 0, found->first, {}});
+      steps.push_back({Kind::kUnlink, found->second, 0, found->first, {}});
       names.erase(found);
     }
   }
@@ -126,20 +127,20 @@ int close(int descriptor) {
   return REAL(close)(descriptor);
 }
 ssize_t pwrite64(int descriptor, const void* bytes, std::size_t size, off64_t at) {
-  TheRecorder().Note(descriptor, Kind::kWrite, static_cast<std::size_t>(at),
-                     std::string(static_cast<const char*>(bytes), size));
+  TheRecorder().Record(descriptor, Kind::kWrite, static_cast<std::size_t>(at),
+                       std::string(static_cast<const char*>(bytes), size));
   return REAL(pwrite64)(descriptor, bytes, size, at);
 }
 int ftruncate64(int descriptor, off64_t size) noexcept {
-  TheRecorder().Note(descriptor, Kind::kTruncate, static_cast<std::size_t>(size), "");
+  TheRecorder().Record(descriptor, Kind::kTruncate, static_cast<std::size_t>(size), "");
   return REAL(ftruncate64)(descriptor, size);
 }
 int fdatasync(int descriptor) {
-  TheRecorder().Note(descriptor, Kind::kSync, 0, "");
+  TheRecorder().Record(descriptor, Kind::kSync, 0, "");
   return REAL(fdatasync)(descriptor);
 }
 int fsync(int descriptor) {
-  TheRecorder().Note(descriptor, Kind::kSync, 0, "");
+  TheRecorder().Record(descriptor, Kind::kSync, 0, "");
   return REAL(fsync)(descriptor);
 }
 int rename(const char* from, const char* to) noexcept {
@@ -177,15 +178,15 @@ void RecordAStore(const std::string& store, int writes) {
   recorder.folder = std::filesystem::canonical(store.substr(0, store.rfind('/'))) / "store";
   recorder.on = true;
   EXPECT_EQ(vconf::OpenOrCreateStore(store, kInitial).text(), "");
-  recorder.calls.push_back({Kind::kAcknowledge, -1, 0, {}, {}});
+  recorder.steps.push_back({Kind::kAcknowledge, -1, 0, {}, {}});
   for (int number = 1; number <= writes; ++number) {
     for (int key = 0; key < 3; ++key) {
       const char* const path = kKeys.at(static_cast<std::size_t>(key));
       const auto count = static_cast<std::size_t>(number);
-      recorder.calls.push_back({Kind::kTry, key, count, {}, {}});
+      recorder.steps.push_back({Kind::kTry, key, count, {}, {}});
       EXPECT_EQ(key == 0 ? vconf_set_int(path, number) : vconf::Set(path, TextOf(number)).ok() ? 0 : 1, 0);
       EXPECT_EQ(key == 0 ? vconf_sync_key(path) : 0, 0);
-      recorder.calls.push_back({Kind::kAcknowledge, key, count, RegionNow(store), {}});
+      recorder.steps.push_back({Kind::kAcknowledge, key, count, RegionNow(store), {}});
     }
   }
   vconf::CloseStore();
@@ -197,30 +198,30 @@ class Disk {
  public:
   explicit Disk(bool syncs) : syncs_(syncs) {}
 
-  void Take(const Call& call) {
-    switch (call.kind) {
+  void Take(const Step& step) {
+    switch (step.kind) {
       case Kind::kWrite:
       case Kind::kTruncate:
-        unsynced_[call.file].push_back(&call);
+        unsynced_[step.file].push_back(&step);
         break;
       case Kind::kCreate:
       case Kind::kRename:
       case Kind::kUnlink:
-        unsynced_names_.push_back(&call);
+        unsynced_names_.push_back(&step);
         break;
       case Kind::kSync:
         if (syncs_) {
-          for (const Call* each : std::exchange(unsynced_[call.file], {})) Apply(*each, &synced_[call.file]);
+          for (const Step* each : std::exchange(unsynced_[step.file], {})) Apply(*each, &synced_[step.file]);
         }
         break;
       case Kind::kSyncFolder:
-        for (const Call* each : std::exchange(unsynced_names_, {})) Apply(*each, &names_);
+        for (const Step* each : std::exchange(unsynced_names_, {})) Apply(*each, &names_);
         break;
       case Kind::kSyncParent:
         has_folder_ = true;
         break;
       case Kind::kAcknowledge:
-        region_ = call.text;
+        region_ = step.text;
         break;
       default:
         break;
@@ -249,16 +250,16 @@ class Disk {
       const std::size_t count = pending != unsynced_.end() ? pending->second.size() : 0;
       const std::size_t point = random() % (count + 1);
       for (std::size_t i = 0; i < count; ++i) {
-        const Call& call = *pending->second[i];
+        const Step& step = *pending->second[i];
         const bool torn = (way == 2 && i == point) || way == 3;
-        if (torn && call.kind == Kind::kWrite) {
-          for (std::size_t at = 0; at < call.text.size();) {
-            const std::size_t size = std::min(sector - (call.at + at) % sector, call.text.size() - at);
-            if (random() % 2 == 0) Apply({Kind::kWrite, file, call.at + at, call.text.substr(at, size), {}}, &content);
+        if (torn && step.kind == Kind::kWrite) {
+          for (std::size_t at = 0; at < step.text.size();) {
+            const std::size_t size = std::min(sector - (step.at + at) % sector, step.text.size() - at);
+            if (random() % 2 == 0) Apply({Kind::kWrite, file, step.at + at, step.text.substr(at, size), {}}, &content);
             at += size;
           }
         } else if (way == 0 || (way == 2 && i < point) || (torn && random() % 2 == 0)) {
-          Apply(call, &content);
+          Apply(step, &content);
         }
       }
       std::ofstream(folder + "/" + name, std::ios::binary) << content;
@@ -266,20 +267,20 @@ class Disk {
   }
 
  private:
-  static void Apply(const Call& call, std::string* content) {
-    if (call.kind == Kind::kTruncate) {
-      content->resize(call.at);
+  static void Apply(const Step& step, std::string* content) {
+    if (step.kind == Kind::kTruncate) {
+      content->resize(step.at);
     } else {
-      content->resize(std::max(content->size(), call.at + call.text.size()));
-      content->replace(call.at, call.text.size(), call.text);
+      content->resize(std::max(content->size(), step.at + step.text.size()));
+      content->replace(step.at, step.text.size(), step.text);
     }
   }
-  static void Apply(const Call& call, std::map<std::string, int>* names) {
-    if (call.kind == Kind::kCreate) {
-      (*names)[call.text] = call.file;
+  static void Apply(const Step& step, std::map<std::string, int>* names) {
+    if (step.kind == Kind::kCreate) {
+      (*names)[step.text] = step.file;
     } else {
-      if (call.kind == Kind::kRename) (*names)[call.to] = call.file;
-      names->erase(call.text);
+      if (step.kind == Kind::kRename) (*names)[step.to] = step.file;
+      names->erase(step.text);
     }
   }
 
@@ -287,8 +288,8 @@ class Disk {
   bool has_folder_ = false;  // its name is synced
   std::map<int, std::string> synced_;
   std::map<std::string, int> names_;
-  std::map<int, std::vector<const Call*>> unsynced_;
-  std::vector<const Call*> unsynced_names_;
+  std::map<int, std::vector<const Step*>> unsynced_;
+  std::vector<const Step*> unsynced_names_;
   std::string region_;
 };
 
@@ -318,25 +319,25 @@ std::string Check(const std::string& folder, bool made, const std::array<int, 3>
 
 /// Opens `states` disk states from all points of the record. Returns how many were wrong; `first` describes the first.
 int Replay(const std::string& folder, int states, bool syncs, std::mt19937& random, std::string* first) {
-  const std::vector<Call>& calls = TheRecorder().calls;
+  const std::vector<Step>& steps = TheRecorder().steps;
   Disk disk(syncs);
   std::array<int, 3> least{};
   std::array<int, 3> most{};
   bool made = false;
   int done = 0;
   int wrong = 0;
-  for (std::size_t i = 0; i < calls.size(); ++i) {
-    const Call& call = calls[i];
-    disk.Take(call);
-    if (call.kind == Kind::kTry) most.at(static_cast<std::size_t>(call.file)) = static_cast<int>(call.at);
-    if (call.kind == Kind::kAcknowledge) {
+  for (std::size_t i = 0; i < steps.size(); ++i) {
+    const Step& step = steps[i];
+    disk.Take(step);
+    if (step.kind == Kind::kTry) most.at(static_cast<std::size_t>(step.file)) = static_cast<int>(step.at);
+    if (step.kind == Kind::kAcknowledge) {
       made = true;
-      if (call.file >= 0) least.at(static_cast<std::size_t>(call.file)) = static_cast<int>(call.at);
+      if (step.file >= 0) least.at(static_cast<std::size_t>(step.file)) = static_cast<int>(step.at);
     }
-    for (; static_cast<std::size_t>(done) * calls.size() < (i + 1) * static_cast<std::size_t>(states); ++done) {
+    for (; static_cast<std::size_t>(done) * steps.size() < (i + 1) * static_cast<std::size_t>(states); ++done) {
       disk.Write(folder, random);
       if (const std::string text = Check(folder, made, least, most); !text.empty() && wrong++ == 0) {
-        *first = "after call " + std::to_string(i) + ": " + text;
+        *first = "after step " + std::to_string(i) + ": " + text;
       }
     }
   }
@@ -364,7 +365,7 @@ int main(int argc, char** argv) {
   // As if syncs of files had no effect: wrong states must be found, otherwise the check above proves nothing.
   const int without = Replay(folder / "disk", std::max(100, states / 20), false, random, &first);
   EXPECT_GT(without, 0);
-  std::printf("power: %d states from %zu calls, %d wrong; without syncs of files %d of %d are wrong, the first %s\n",
-              states, TheRecorder().calls.size(), wrong, without, std::max(100, states / 20), first.c_str());
+  std::printf("power: %d states from %zu steps, %d wrong; without syncs of files %d of %d are wrong, the first %s\n",
+              states, TheRecorder().steps.size(), wrong, without, std::max(100, states / 20), first.c_str());
   return testing::UnitTest::GetInstance()->ad_hoc_test_result().Failed() ? 1 : 0;
 }

@@ -1,5 +1,5 @@
-// Pages open and close, send, post and watch, while three processes change settings and calls begin to fail. Each
-// request gets one reply, each acknowledged write is stored, and each change is delivered once.
+// The run `soak`: pages open and close, send, post and watch, while three processes change settings and calls begin to
+// fail. Each request gets one reply, each acknowledged write is stored, and each change is delivered once.
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
