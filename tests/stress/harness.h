@@ -14,8 +14,8 @@
 
 #include "support/program.h"
 
-/// What the runs `kill` and `soak` share. They use the expectations of GoogleTest outside of a test; `main` returns 1 if
-/// one has failed.
+/// What the runs `kill` and `soak` share. They use the expectations of GoogleTest outside of a test; `main` returns 1
+/// if one has failed.
 namespace stress {
 
 using Clock = std::chrono::steady_clock;
