@@ -25,8 +25,8 @@ const ms = (value) => `${value.toFixed(3)} ms`;
 const pair = ({ p50, p99 }) => `${ms(p50)} / ${ms(p99)}`;
 const times = (a, b) => `${(a / b).toFixed(2)} times`;
 
-// Sends `count` requests one after the other, and returns their times in milliseconds. A first call, whose result is not
-// used, warms up what is measured.
+// Sends `count` requests one after the other, and returns their times in milliseconds. A first call, whose result is
+// not used, warms up what is measured.
 async function ask(port, path, count = 2000) {
   const { stdout } = await run(probe, ["ask", port, path, JSON.stringify(READ), count]);
   const [p50, p99] = stdout.split(" ").map((value) => Number(value) / 1000);
