@@ -16,7 +16,6 @@ using vconf::Change;
 using vconf::Entry;
 using vconf::Fault;
 
-void CountCall(keynode_t* /*node*/, void* count) { ++*static_cast<std::atomic<int>*>(count); }
 void CollectPath(keynode_t* node, void* paths) {
   static_cast<std::vector<std::string>*>(paths)->emplace_back(node->keyname);
 }
@@ -61,8 +60,8 @@ TEST_F(VconfTest, CallsWithAnInvalidPathOrNoStoreReturnAnError) {
     EXPECT_LT(vconf_set_int(path, 1), 0);
     EXPECT_LT(vconf_set_bool(path, 1), 0);
     EXPECT_LT(vconf_sync_key(path), 0);
-    EXPECT_LT(vconf_notify_key_changed(path, CountCall, &calls), 0);
-    EXPECT_LT(vconf_ignore_key_changed(path, CountCall), 0);
+    EXPECT_LT(vconf_notify_key_changed(path, Count, &calls), 0);
+    EXPECT_LT(vconf_ignore_key_changed(path, Count), 0);
   };
   all_fail("db/no-store");
   EXPECT_EQ(vconf::Set("db/a", 1).text(), "no store is open; open one first");
@@ -144,7 +143,7 @@ TEST_F(VconfChangeTest, EachSubscriptionGetsEachChangeOnceInOrder) {
 
   EXPECT_GE(vconf_ignore_key_changed("db/a", CollectPath), 0);
   EXPECT_GE(vconf_ignore_key_changed("db/a", CollectPath), 0);
-  EXPECT_GE(vconf_ignore_key_changed("memory/b", CountCall), 0);
+  EXPECT_GE(vconf_ignore_key_changed("memory/b", Count), 0);
   EXPECT_EQ(vconf::SubscriptionCount(), 1U);
   EXPECT_EQ(vconf_set_int("db/a", 1), 0);
   EXPECT_EQ(vconf_set_int("memory/b", 2), 0);
@@ -249,14 +248,14 @@ TEST_F(VconfChangeTest, ASubscriberBehindTheKeptChangesGetsEachKeyOnce) {
   ASSERT_GE(vconf_notify_key_changed("memory/a", Slow::Call, &slow), 0);
   vconf_set_int("memory/a", 0);
   slow.running.wait();
-  ASSERT_GE(vconf_notify_key_changed("memory/b", CountCall, &other), 0);
+  ASSERT_GE(vconf_notify_key_changed("memory/b", Count, &other), 0);
   const auto watch = Collect("memory/");
   std::atomic<int> late{0};
   std::vector<Entry> many;  // its keys and their removal are more than the 65,536 changes that are kept
   for (int i = 0; i < 33'000; ++i) many.push_back({"memory/many" + std::to_string(i), i});
   ASSERT_EQ(vconf::Reset(many).text(), "");
   ASSERT_EQ(vconf::Reset({{"memory/last", 1}}).text(), "");
-  ASSERT_GE(vconf_notify_key_changed("memory/a", CountCall, &late), 0);
+  ASSERT_GE(vconf_notify_key_changed("memory/a", Count, &late), 0);
   slow.go_on.count_down();
   vconf::Settle();
   EXPECT_EQ(late, 0);
@@ -277,7 +276,7 @@ TEST_F(VconfChangeTest, ASubscriberWithinTheKeptChangesGetsEachChange) {
   Slow slow;
   std::atomic<int> other{0};
   ASSERT_GE(vconf_notify_key_changed("memory/a", Slow::Call, &slow), 0);
-  ASSERT_GE(vconf_notify_key_changed("memory/b", CountCall, &other), 0);
+  ASSERT_GE(vconf_notify_key_changed("memory/b", Count, &other), 0);
   vconf_set_int("memory/a", 0);
   slow.running.wait();
   for (int i = 0; i < 1500; ++i) vconf_set_int("memory/b", i);
@@ -332,15 +331,15 @@ TEST_F(VconfChangeTest, AFaultReplacesTheResultOfACall) {
   std::atomic<int> calls{0};
   ASSERT_EQ(vconf::SetFault({"vconf_notify_key_changed", "db/a", -1, 1}).text(), "");
   ASSERT_EQ(vconf::SetFault({"vconf_ignore_key_changed", "db/a", -2, 0}).text(), "");
-  EXPECT_EQ(vconf_notify_key_changed("db/a", CountCall, &calls), -1);
+  EXPECT_EQ(vconf_notify_key_changed("db/a", Count, &calls), -1);
   EXPECT_EQ(vconf::SubscriptionCount(), 0U);
-  EXPECT_GE(vconf_notify_key_changed("db/a", CountCall, &calls), 0);
-  EXPECT_EQ(vconf_ignore_key_changed("db/a", CountCall), -2);
+  EXPECT_GE(vconf_notify_key_changed("db/a", Count, &calls), 0);
+  EXPECT_EQ(vconf_ignore_key_changed("db/a", Count), -2);
   vconf_set_int("db/a", 1);
   vconf::Settle();
   EXPECT_EQ(calls, 1);
   EXPECT_EQ(vconf::ClearFaults().text(), "");
-  EXPECT_GE(vconf_ignore_key_changed("db/a", CountCall), 0);
+  EXPECT_GE(vconf_ignore_key_changed("db/a", Count), 0);
 }
 
 }  // namespace

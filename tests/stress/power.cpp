@@ -101,27 +101,17 @@ mode_t ModeOf(int flags, va_list arguments) {
 }  // namespace
 
 extern "C" {
-int open(const char* path, int flags, ...) {
-  va_list arguments;
-  va_start(arguments, flags);
-  const mode_t mode = ModeOf(flags, arguments);
-  va_end(arguments);
-  return TheRecorder().Opened(REAL(open)(path, flags, mode), path);
-}
-int open64(const char* path, int flags, ...) {
-  va_list arguments;
-  va_start(arguments, flags);
-  const mode_t mode = ModeOf(flags, arguments);
-  va_end(arguments);
-  return TheRecorder().Opened(REAL(open64)(path, flags, mode), path);
-}
-int openat(int folder, const char* path, int flags, ...) {
-  va_list arguments;
-  va_start(arguments, flags);
-  const mode_t mode = ModeOf(flags, arguments);
-  va_end(arguments);
-  return TheRecorder().Opened(REAL(openat)(folder, path, flags, mode), path);
-}
+#define RECORDED_OPEN(name, parameters, arguments)           \
+  int name parameters {                                      \
+    va_list list;                                            \
+    va_start(list, flags);                                   \
+    const mode_t mode = ModeOf(flags, list);                 \
+    va_end(list);                                            \
+    return TheRecorder().Opened(REAL(name) arguments, path); \
+  }
+RECORDED_OPEN(open, (const char* path, int flags, ...), (path, flags, mode))
+RECORDED_OPEN(open64, (const char* path, int flags, ...), (path, flags, mode))
+RECORDED_OPEN(openat, (int folder, const char* path, int flags, ...), (folder, path, flags, mode))
 int close(int descriptor) {
   TheRecorder().descriptors.erase(descriptor);
   return REAL(close)(descriptor);

@@ -1,9 +1,11 @@
 #pragma once
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <csignal>
 #include <functional>
 #include <mutex>
@@ -46,6 +48,13 @@ class VconfTest : public testing::Test {
   static int GetInt(const std::string& path, int otherwise) {
     vconf_get_int(path.c_str(), &otherwise);
     return otherwise;
+  }
+
+  static void Count(keynode_t* /*node*/, void* count) { ++*static_cast<std::atomic<int>*>(count); }
+  /// Holds SQLite's write lock until this process ends. It is in the index of the log.
+  bool LockLog() const {
+    struct flock lock = {.l_type = F_WRLCK, .l_whence = SEEK_SET, .l_start = 120, .l_len = 1, .l_pid = 0};
+    return fcntl(open((file() + "-shm").c_str(), O_RDWR | O_CLOEXEC), F_SETLK, &lock) == 0;
   }
 
   /// The lines logged so far; the store's own thread may add some at any time.
