@@ -28,14 +28,14 @@ function cpuWithout(other) {
 }
 
 // Runs in the page: records when each frame was drawn, and counts the changes of the dialogue.
-function noteFrames() {
-  const noted = globalThis.noted = { frames: [], draws: 0 };
+function recordFrames() {
+  const recorded = globalThis.recorded = { frames: [], draws: 0 };
   const frame = (now) => {
-    noted.frames.push(now);
+    recorded.frames.push(now);
     requestAnimationFrame(frame);
   };
   requestAnimationFrame(frame);
-  new MutationObserver(() => { ++noted.draws; }).observe(document.querySelector("#dialogue ol"), { childList: true });
+  new MutationObserver(() => { ++recorded.draws; }).observe(document.querySelector("#dialogue ol"), { childList: true });
 }
 
 // Sends messages from all pages in turn, at an even rate. Returns `rows`, the number of rows so far, and `stop`.
@@ -66,7 +66,7 @@ export async function measurePage() {
   await page.getByRole("tab", { name: `All (${PAGES})` }).click();
   const cdp = await page.context().newCDPSession(page);
   await cdp.send("Performance.enable", { timeDomain: "threadTicks" });
-  const look = async () => {
+  const measure = async () => {
     await cdp.send("HeapProfiler.collectGarbage");
     const { metrics } = await cdp.send("Performance.getMetrics");
     const { TaskDuration, LayoutDuration, ScriptDuration, RecalcStyleDuration, JSHeapUsedSize, Nodes } =
@@ -77,12 +77,12 @@ export async function measurePage() {
 
   const load = talk(desk, pages);
   await sleep(WARM_UP);
-  const before = await look();
+  const before = await measure();
   const rowsBefore = load.rows();
-  await page.evaluate(noteFrames);
+  await page.evaluate(recordFrames);
   await sleep(MEASURED);
-  const { frames, draws } = await page.evaluate(() => globalThis.noted);
-  const after = await look();
+  const { frames, draws } = await page.evaluate(() => globalThis.recorded);
+  const after = await measure();
   const rows = load.rows() - rowsBefore;
   load.stop();
   await browser.close();

@@ -9,11 +9,11 @@ import { connectTo } from "./http.js";
 import { Page } from "./page.js";
 
 const packed = fileURLToPath(new URL("program/bin/mirado", import.meta.url));
-const usualProgram = () => process.env.MIRADO ?? (existsSync(packed) ? packed : "mirado");
+const defaultProgram = () => process.env.MIRADO ?? (existsSync(packed) ? packed : "mirado");
 
 export async function startSet(options = {}) {
   refuseUnknown("startSet", options, ["program", "anyOrigin", "timeout"]);
-  const { program = usualProgram(), anyOrigin = false, timeout = 5000 } = options;
+  const { program = defaultProgram(), anyOrigin = false, timeout = 5000 } = options;
   const origins = anyOrigin ? ["--token"] : [];
   // However this process ends, the desk's standard input is then closed; so it exits, and removes its store.
   const child = spawn(program, ["desk", "--port", "0", "--temporary", "--until-closed", ...origins], { stdio: "pipe" });

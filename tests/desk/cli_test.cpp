@@ -197,7 +197,7 @@ TEST_F(CliTest, ControlCharactersFromTheStoreAreEscaped) {
 
 TEST_F(CliTest, OutputThatCannotBeWrittenIsAFailure) {
   ASSERT_EQ(Run({"fault", "vconf_set_int", "db/a", "-1"}).status, 0);
-  const std::string file = MIRADO_EXAMPLES "/recordings/gates.jsonl";
+  const std::string file = MIRADO_EXAMPLES "/recordings/refused-writes.jsonl";
   for (const std::string& command :
        std::vector<std::string>{"--help", "--version", "get CAPTION", "list", "list --json", "watch --now", "set-up",
                                 "set-up b2b", "fault --list", "manual", "complete ''", "completion zsh", "get --help",

@@ -33,12 +33,12 @@ int CountSlots() noexcept {
 
 const int g_slots = CountSlots();
 constinit std::atomic<int> g_slots_taken{0};
-constinit std::atomic<bool> g_slot_refused{false};  // since the last late return from a yield
+constinit std::atomic<bool> g_slot_refused{false};  // whether a thread was refused a slot since the last late yield
 
 // A yield that returns late means that another thread used a whole turn of the scheduler. If no thread of this process
 // was refused a slot, it is a thread that never waits, such as another program's. Then yields only make this thread
 // late: for a while it parks instead, because a thread that is woken runs at once.
-constexpr std::chrono::milliseconds kTurn{1};
+constexpr std::chrono::milliseconds kTurn{1};  // a yield that takes longer is late
 constexpr std::chrono::seconds kTimeWithoutYields{1};
 thread_local constinit steady_clock::time_point t_no_yields_until{};
 

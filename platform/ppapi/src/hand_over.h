@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdint>
 
+/// How a thread waits for another one: it spins for a bounded time, then parks, that is, sleeps on a futex.
 namespace pp {
 
 /// Sleeps while `word` is `value`, until `WakeOne`. May return early.

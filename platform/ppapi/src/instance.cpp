@@ -1,3 +1,4 @@
+// `pp::Instance` and `pp::InstanceHandle`: each call finds the `Embedding` by the identifier and passes it on.
 #include "ppapi/cpp/instance.h"
 
 #include <atomic>
