@@ -79,13 +79,13 @@ class Page {
 
   /// Returns the reply and checks its form.
   Json Send(const Json& message) {
-    Json reply = Ask(message);
+    Json reply = SendMessage(message);
     fuzz::CheckReply(reply);
     return reply;
   }
   void Post(const Json& message) {
     received_.Expect(message["command"]);
-    Tell(message);
+    PostMessage(message);
   }
   /// Closes the page and checks that each post has got its delivery.
   virtual void Leave() = 0;
@@ -93,8 +93,8 @@ class Page {
   fuzz::ReceivedMessages& received() { return received_; }
 
  protected:
-  virtual Json Ask(const Json& message) = 0;
-  virtual void Tell(const Json& message) = 0;
+  virtual Json SendMessage(const Json& message) = 0;
+  virtual void PostMessage(const Json& message) = 0;
 
   fuzz::ReceivedMessages received_;
 };
@@ -112,8 +112,8 @@ class PageInThisProcess : public Page {
   }
 
  private:
-  Json Ask(const Json& message) override { return desk::ToJson(instance_->Send(desk::ToVar(message))); }
-  void Tell(const Json& message) override { instance_->Post(desk::ToVar(message)); }
+  Json SendMessage(const Json& message) override { return desk::ToJson(instance_->Send(desk::ToVar(message))); }
+  void PostMessage(const Json& message) override { instance_->Post(desk::ToVar(message)); }
 
   std::shared_ptr<pp::browser::PageInstance> instance_;
 };
@@ -139,8 +139,8 @@ class PageInOwnProcess : public Page {
   }
 
  private:
-  void Tell(const Json& message) override { host_.WriteLine(Json{{"post", message}}.dump()); }
-  Json Ask(const Json& message) override {
+  void PostMessage(const Json& message) override { host_.WriteLine(Json{{"post", message}}.dump()); }
+  Json SendMessage(const Json& message) override {
     host_.WriteLine(Json{{"send", message}}.dump());
     while (true) {
       const Json line = Next();
@@ -178,7 +178,7 @@ class Soak {
     } else if (choice < 9) {
       Fault();
     } else if (choice < 50) {
-      Ask(AnyPage());
+      Request(AnyPage());
     } else {
       Write(AnyPage());
     }
@@ -246,7 +246,7 @@ class Soak {
     ++counts_.faults;
   }
 
-  void Ask(std::size_t at) {
+  void Request(std::size_t at) {
     static constexpr std::array kCommands = {"getVersion",          "getMenuValue",
                                              "getMiradoValue",      "registerVconfKeysForCaption",
                                              "showCaption",         "registerVconfKeysForMirado",

@@ -10,12 +10,12 @@
 namespace pp::browser {
 namespace {
 
-class Page final : public PageInstance {
+class ConnectedInstance final : public PageInstance {
  public:
-  explicit Page(std::shared_ptr<Embedding> embedding) : embedding_(std::move(embedding)) {}
-  Page(const Page&) = delete;
-  Page& operator=(const Page&) = delete;
-  ~Page() override { Page::Destroy(); }
+  explicit ConnectedInstance(std::shared_ptr<Embedding> embedding) : embedding_(std::move(embedding)) {}
+  ConnectedInstance(const ConnectedInstance&) = delete;
+  ConnectedInstance& operator=(const ConnectedInstance&) = delete;
+  ~ConnectedInstance() override { ConnectedInstance::Destroy(); }
 
   /// Creates the plug-in's side. False on failure.
   bool Create(Module* module, const std::vector<std::pair<std::string, std::string>>& arguments) {
@@ -60,8 +60,8 @@ class LoadedPlugin final : public Plugin {
 
   std::shared_ptr<PageInstance> CreateInstance(
       Listener listener, const std::vector<std::pair<std::string, std::string>>& arguments) override {
-    auto page = std::make_shared<Page>(Embedding::Make(std::move(listener)));
-    return page->Create(module_.get(), arguments) ? page : nullptr;
+    auto instance = std::make_shared<ConnectedInstance>(Embedding::Make(std::move(listener)));
+    return instance->Create(module_.get(), arguments) ? instance : nullptr;
   }
 
  private:

@@ -38,8 +38,8 @@ class Publisher {
   bool wakes_ = false;
 };
 
-/// Appends kept changes from number `next` on, those of faults included, until `changes` has `most`. False if number
-/// `next` is no longer kept or cannot be read. Any thread; no lock.
+/// Fills the empty `changes` with at most `most` kept changes from number `next` on, those of faults included. False if
+/// number `next` is no longer kept or cannot be read. Any thread; no lock.
 bool ReadChanges(Region& region, std::uint64_t next, std::size_t most, std::vector<Change>* changes);
 
 }  // namespace vconf

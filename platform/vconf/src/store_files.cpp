@@ -23,6 +23,7 @@ using RegionResult = Result<std::unique_ptr<Region>>;
 RegionResult IfOk(Status status, RegionResult region) { return status.ok() ? std::move(region) : std::move(status); }
 
 bool IsUnfinished(const std::string& name) { return name.find(Folder::kUnfinished) != std::string::npos; }
+// Whether it is the name of a file of the previous version.
 bool IsOld(const std::string& name) { return name == Folder::kOldStore || name == "lock.mdb" || name == "bell"; }
 
 // Fills a region that no other process uses yet. Its change numbers are above `last` and begin at a multiple of the
