@@ -7,6 +7,7 @@
 #include "KeyTables.h"
 #include "MenuValueManager.h"
 #include "PluginMirado.h"
+#include "ResultCode.h"
 #include "message_loop_control.h"
 #include "pepper/plugin_fixture.h"
 #include "ppapi/cpp/message_loop.h"
@@ -59,21 +60,21 @@ TEST_F(PluginTest, TheManagerChangesItsArgumentOnlyOnSuccess) {
     const int result = manager.getMenuValue(key, value);
     return Record{result, value.iValue, value.sValue};
   };
-  EXPECT_EQ(got(MENU_KEY_APPS_TICKER), Record(9, 7, "old"));
-  EXPECT_EQ(got(CAPTION_SETTING_MAP_SIZE), Record(26, 7, "old"));
-  EXPECT_EQ(got(MENU_KEY_VOICE_GUIDE_SPEED), Record(0, 8, "NORMAL"));
-  EXPECT_EQ(got(MENU_KEY_TTS), Record(0, 0, "old"));
+  EXPECT_EQ(got(MENU_KEY_APPS_TICKER), Record(RESULT_NOT_SUPPORTED, 7, "old"));
+  EXPECT_EQ(got(CAPTION_SETTING_MAP_SIZE), Record(RESULT_INVALID_VALUE, 7, "old"));
+  EXPECT_EQ(got(MENU_KEY_VOICE_GUIDE_SPEED), Record(RESULT_OK, 8, "NORMAL"));
+  EXPECT_EQ(got(MENU_KEY_TTS), Record(RESULT_OK, 0, "old"));
   const auto confirmed = [&](unsigned int key, int requested) {
     MenuValue current{300, "old"};
     const int result = manager.confirmMenuValue(key, {requested, "new"}, current);
     return Record{result, current.iValue, current.sValue};
   };
-  EXPECT_EQ(confirmed(MENU_KEY_APPS_TICKER, 1), Record(9, 300, "old"));
-  EXPECT_EQ(confirmed(MENU_KEY_DIGITAL_CAPTION_FONT_STYLE, 5), Record(0, 261, "old"));
-  EXPECT_EQ(confirmed(MENU_KEY_PRIMARY_AUDIO_LANGUAGE, 1), Record(0, 1, "new"));
-  EXPECT_EQ(confirmed(MENU_KEY_SECONDARY_AUDIO_LANGUAGE, 99), Record(26, 300, "old"));
+  EXPECT_EQ(confirmed(MENU_KEY_APPS_TICKER, 1), Record(RESULT_NOT_SUPPORTED, 300, "old"));
+  EXPECT_EQ(confirmed(MENU_KEY_DIGITAL_CAPTION_FONT_STYLE, 5), Record(RESULT_OK, 261, "old"));
+  EXPECT_EQ(confirmed(MENU_KEY_PRIMARY_AUDIO_LANGUAGE, 1), Record(RESULT_OK, 1, "new"));
+  EXPECT_EQ(confirmed(MENU_KEY_SECONDARY_AUDIO_LANGUAGE, 99), Record(RESULT_INVALID_VALUE, 300, "old"));
   Fault("GetItemDataList", "*", -1);
-  EXPECT_EQ(confirmed(MENU_KEY_PRIMARY_AUDIO_LANGUAGE, 1), Record(9999, 300, "old"));
+  EXPECT_EQ(confirmed(MENU_KEY_PRIMARY_AUDIO_LANGUAGE, 1), Record(RESULT_FAILED, 300, "old"));
 }
 
 TEST_F(PluginTest, AHandlerRegistersItselfOnTheCurrentThreadsLoop) {
