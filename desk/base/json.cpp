@@ -41,22 +41,16 @@ auto ReplyRank(std::string_view name) {
 
 }  // namespace
 
-vconf::Result<ParsedJson> ParseJson(std::string_view text, int* top_level_names, int max_depth) {
-  int names = 0;
-  const auto on_event = [&names, max_depth](int depth, ParsedJson::parse_event_t event, ParsedJson&) {
+vconf::Result<ParsedJson> ParseJson(std::string_view text, int max_depth) {
+  const auto on_event = [max_depth](int depth, ParsedJson::parse_event_t event, ParsedJson&) {
     using Event = ParsedJson::parse_event_t;
     if ((event == Event::object_start || event == Event::array_start) && depth >= max_depth) {
       throw TooDeep();
     }
-    names += event == Event::key && depth == 1 ? 1 : 0;
     return true;
   };
   try {
-    ParsedJson json = ParsedJson::parse(text, on_event);
-    if (top_level_names != nullptr) {
-      *top_level_names = names;
-    }
-    return json;
+    return ParsedJson::parse(text, on_event);
   } catch (const TooDeep&) {
     return BadValue("nested deeper than " + std::to_string(max_depth));
   } catch (const ParsedJson::exception& error) {

@@ -27,10 +27,8 @@ inline vconf::Status BadValue(std::string text) { return {vconf::Code::kBadValue
 
 /// Parses `text`, which must be one JSON value in valid UTF-8, nested no deeper than `max_depth`. A failure is
 /// `kBadValue` with the cause, and the column (from 1) of a syntax error. Of duplicate names in an object the last one
-/// is used, as in a browser; `top_level_names`, if given, receives the number of names in the outermost object,
-/// including duplicates.
-vconf::Result<ParsedJson> ParseJson(std::string_view text, int* top_level_names = nullptr,
-                                    int max_depth = kMaxJsonDepth);
+/// is used, as in a browser.
+vconf::Result<ParsedJson> ParseJson(std::string_view text, int max_depth = kMaxJsonDepth);
 
 /// One line without a newline, always valid UTF-8: invalid bytes are replaced.
 std::string ToText(const Json& json);

@@ -209,7 +209,7 @@ vconf::Result<Recording> ReadRecording(const std::string& file) {
   int number = 0;
   for (std::string line; std::getline(stream, line);) {
     ++number;
-    auto parsed = ParseJson(line, nullptr, kMaxJsonDepth + 1);
+    auto parsed = ParseJson(line, kMaxJsonDepth + 1);
     vconf::Status status = parsed.status();
     if (status.ok() && !parsed->is_object()) {
       status = BadRecording("must be an object");

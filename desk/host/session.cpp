@@ -51,13 +51,12 @@ Json Line(Out kind, Json value) {
 }  // namespace
 
 vconf::Result<Request> ParseRequest(std::string_view line) {
-  int names = 0;
-  auto parsed = ParseJson(line, &names);
+  auto parsed = ParseJson(line);
   if (!parsed.ok()) {
     return parsed.status();
   }
   ParsedJson& json = *parsed;
-  if (!json.is_object() || names != 1) {
+  if (!json.is_object() || RawMembers(line).size() != 1) {
     return BadValue(kForm);
   }
   const std::string& name = json.begin().key();
