@@ -4,6 +4,8 @@
 
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "base/http_status.h"
 #include "base/json.h"
@@ -11,13 +13,13 @@
 
 namespace desk {
 
+using HeaderField = std::pair<std::string_view, std::string>;
+
 struct Answer {
   unsigned status = 200;
   std::string body = "{}";
   std::string_view type = "application/json";  ///< a literal
-  std::string allow = {};                      ///< the methods that are supported, for a 405
-  std::string policy = {};                     ///< the Content-Security-Policy, for a page
-  bool anywhere = false;                       ///< pages of other origins may load it, such as a script
+  std::vector<HeaderField> fields = {};        ///< in addition to those of every answer
 };
 
 inline Answer JsonAnswer(const Json& json, unsigned status = 200) { return {.status = status, .body = ToText(json)}; }

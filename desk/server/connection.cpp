@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <iterator>
 #include <utility>
 
 #include <boost/asio/write.hpp>
@@ -134,7 +135,7 @@ void Connection::OnRead(Error error) {
   keep_alive_ = !error && parser_->get().keep_alive();
   answered_ = false;
   head_ = false;
-  fields_.clear();
+  fields_ = {{"X-Content-Type-Options", "nosniff"}, {"Cache-Control", "no-cache"}};
   if (error == http::error::body_limit) {
     return Reply(Fail(413, "a body may have " + std::to_string(kMaxBody) + " bytes at most"));
   }
@@ -189,7 +190,7 @@ void Connection::Handle() {
   if (const auto refusal = check_.Refuse(claim)) {
     return Reply(Fail({vconf::Code::kNotPermitted, *refusal}));
   }
-  fields_ = {{"Vary", "Origin"}};
+  fields_.emplace_back("Vary", "Origin");
   if (!claim.origin.empty()) {
     fields_.emplace_back("Access-Control-Allow-Origin", claim.origin);
   }
@@ -230,19 +231,9 @@ void Connection::Reply(Answer answer) {
   }
   constexpr unsigned kHttp11 = 11;
   response_.emplace(static_cast<http::status>(answer.status), kHttp11);
+  std::ranges::move(answer.fields, std::back_inserter(fields_));
   for (const auto& [name, value] : fields_) {
     response_->set(boost::beast::string_view(name.data(), name.size()), value);
-  }
-  response_->set("X-Content-Type-Options", "nosniff");
-  response_->set(http::field::cache_control, "no-cache");
-  if (!answer.policy.empty()) {
-    response_->set("Content-Security-Policy", answer.policy);
-  }
-  if (answer.anywhere) {
-    response_->set("Cross-Origin-Resource-Policy", "cross-origin");
-  }
-  if (!answer.allow.empty()) {
-    response_->set(http::field::allow, answer.allow);
   }
   if (answer.status != 204) {
     response_->set(http::field::content_type, boost::beast::string_view(answer.type.data(), answer.type.size()));
@@ -253,9 +244,7 @@ void Connection::Reply(Answer answer) {
   }
   response_->keep_alive(keep_alive_ && !all_.closing_);
   parser_.reset();
-  if (buffer_.size() == 0) {
-    buffer_ = {};
-  }
+  buffer_.shrink_to_fit();
   deadline_ = Clock::now() + kAnswerTime;
   http::async_write(socket_, *response_,
                     [self = shared_from_this(), size](Error error, std::size_t) { self->OnWritten(error, size); });

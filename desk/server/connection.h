@@ -149,7 +149,7 @@ class Connection final : public Client, public std::enable_shared_from_this<Conn
   const http::request<http::string_body>& message() const { return parser_->get(); }
 
   /// The header fields that every answer to this request has.
-  const std::vector<std::pair<std::string_view, std::string>>& fields() const { return fields_; }
+  const std::vector<HeaderField>& fields() const { return fields_; }
 
   /// Whether the request is a HEAD.
   bool head() const { return head_; }
@@ -174,7 +174,7 @@ class Connection final : public Client, public std::enable_shared_from_this<Conn
   boost::beast::flat_buffer buffer_;
   std::optional<http::request_parser<http::string_body>> parser_;
   std::optional<http::response<http::string_body>> response_;
-  std::vector<std::pair<std::string_view, std::string>> fields_;
+  std::vector<HeaderField> fields_;
   bool keep_alive_ = false;
   bool answered_ = true;
   bool head_ = false;

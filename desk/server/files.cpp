@@ -32,6 +32,8 @@ constexpr std::array<TypeRow, 8> kTypes{{{".html", "text/html; charset=utf-8"},
                                          {".ts", "text/plain; charset=utf-8"},
                                          {".md", "text/plain; charset=utf-8"}}};
 
+using Fields = std::vector<HeaderField>;
+
 // Whether the name stays below its folder.
 bool IsInside(const std::string& name) {
   const std::filesystem::path path(name);
@@ -49,8 +51,9 @@ Answer Serve(const HttpRequest& request, const std::filesystem::path& folder, co
   }
   return {.body = *std::move(content),
           .type = row->second,
-          .policy = extension == ".html" ? kPolicy : "",
-          .anywhere = extension == ".js"};
+          .fields = extension == ".html" ? Fields{{"Content-Security-Policy", kPolicy}}
+                    : extension == ".js" ? Fields{{"Cross-Origin-Resource-Policy", "cross-origin"}}
+                                         : Fields{}};
 }
 
 // The example's script tag names the default address. Replaces that, so that desk.js is loaded from this desk, with the

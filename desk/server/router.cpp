@@ -80,7 +80,7 @@ void Router::Route(HttpRequest& request, const ConnectionPtr& connection) const 
     return connection->Reply(Fail(404, "there is nothing at " + request.path));
   }
   Answer answer = Fail(405, request.path + " takes " + allowed);
-  answer.allow = allowed;
+  answer.fields = {{"Allow", allowed}};
   connection->Reply(std::move(answer));
 }
 

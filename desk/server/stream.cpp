@@ -33,7 +33,7 @@ class Stream : public Client, public EventLog::Reader {
     if (source_.log->closed()) {
       deadline_ = Clock::now() + kCloseTime;
     }
-    if (ready_ && !writing_) {
+    if (!writing_) {
       Write();
     }
   }
@@ -45,8 +45,7 @@ class Stream : public Client, public EventLog::Reader {
   std::optional<EventLog::Event> Next() { return source_.log->Next(source_.position); }
 
   StreamSource source_;
-  bool ready_ = false;  // events may be written
-  bool writing_ = false;
+  bool writing_ = true;  // also while the stream is being set up
 };
 
 class EventStream final : public Stream, public std::enable_shared_from_this<EventStream> {
@@ -56,7 +55,6 @@ class EventStream final : public Stream, public std::enable_shared_from_this<Eve
 
   void Start(std::string head) {
     text_ = std::move(head) + kRetry;
-    ready_ = true;
     Write();
     DiscardInput(socket_, [self = shared_from_this()] { self->Close(); });
   }
@@ -105,8 +103,7 @@ class EventSocket final : public Stream, public std::enable_shared_from_this<Eve
     socket_.text(true);
   }
 
-  void Start(const http::request<http::string_body>& request,
-             const std::vector<std::pair<std::string_view, std::string>>& fields) {
+  void Start(const http::request<http::string_body>& request, const std::vector<HeaderField>& fields) {
     socket_.set_option(websocket::stream_base::decorator([fields](websocket::response_type& response) {
       for (const auto& [name, value] : fields) {
         response.set(boost::beast::string_view(name.data(), name.size()), value);
@@ -114,7 +111,7 @@ class EventSocket final : public Stream, public std::enable_shared_from_this<Eve
     }));
     socket_.async_accept(request, [self = shared_from_this()](Error error) {
       if (!error) {
-        self->ready_ = true;
+        self->writing_ = false;
         self->Write();
         self->Read();
       }
@@ -215,8 +212,8 @@ void StartStream(const std::shared_ptr<Connection>& connection, StreamSource sou
         ->Start(connection->message(), connection->fields());
     return;
   }
-  std::string head = "HTTP/1.1 200 OK\r\nConnection: close\r\nCache-Control: no-cache\r\n";
-  head.append("X-Content-Type-Options: nosniff\r\nContent-Type: ").append(kType).append("\r\n");
+  std::string head = "HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Type: ";
+  head.append(kType).append("\r\n");
   for (const auto& [name, value] : connection->fields()) {
     head.append(name).append(": ").append(value).append("\r\n");
   }
