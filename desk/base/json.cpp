@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cmath>
 #include <cstdint>
 #include <utility>
 #include <vector>
@@ -101,7 +100,7 @@ Json ToJson(const pp::Var& var) {
     case PP_VARTYPE_INT32:
       return var.AsInt();
     case PP_VARTYPE_DOUBLE:
-      return std::isfinite(var.AsDouble()) ? Json(var.AsDouble()) : Json();
+      return var.AsDouble();
     case PP_VARTYPE_STRING:
       return var.AsString();
     case PP_VARTYPE_ARRAY: {

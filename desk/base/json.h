@@ -36,8 +36,8 @@ std::string ToText(const Json& json);
 /// An integer that fits 32 bits becomes an Int and every other number, 7.0 too, a Double.
 pp::Var ToVar(const ParsedJson& json);
 
-/// Undefined, and a Double that is not finite, become null. The fields of a reply come first in a fixed order, then all
-/// other names in byte order.
+/// Undefined becomes null, and so does a Double that is not finite when it is printed. The fields of a reply come first
+/// in a fixed order, then all other names in byte order.
 Json ToJson(const pp::Var& var);
 
 /// A 32-bit integer, a bool or a text; empty for any other JSON value.

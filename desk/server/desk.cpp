@@ -144,7 +144,6 @@ vconf::Status Desk::Start() {
                                     "; raise the hard limit of open files (ulimit -Hn)"};
   }
   limits_ = Limits::For(free - kOwn);
-  pages_.set_limit(limits_.pages);
   clients_.set_limit(limits_.connections);
   // Created before the listener, the signals and the input are started: those may call `End`, which uses it. It has no
   // store, so the set's faults and latencies do not affect it.
@@ -217,15 +216,7 @@ Json Desk::Describe() const {
            {{"folder", options_.store},
             {"error", or_null(usable.text())},
             {"code", usable.ok() ? Json() : Json(HttpCodeOf(usable.code()).name)}}},
-          {"pages", {{"open", pages_.all().size()}, {"limit", pages_.limit()}}}};
-}
-
-void Desk::SendDeskEvent() {
-  std::string now = ToText(Describe());
-  if (now != last_desk_event_) {
-    events_.Add("desk", MakeText(now));
-    last_desk_event_ = std::move(now);
-  }
+          {"pages", {{"open", pages_.all().size()}, {"limit", limits_.pages}}}};
 }
 
 void Desk::SendSetEvent() {

@@ -72,8 +72,8 @@ class Desk {
 
   /// The answer of `GET /api/desk`.
   Json Describe() const;
-  /// Sends an event `desk` if that answer has changed.
-  void SendDeskEvent();
+  /// Sends that answer as an event `desk`, after something in it changed.
+  void SendDeskEvent() { events_.Add("desk", MakeText(ToText(Describe()))); }
   /// Sends an event `set`, for changes that the store does not report, such as those of faults. Any thread.
   void SendSetEvent();
 
@@ -115,7 +115,6 @@ class Desk {
   std::unique_ptr<vconf::Watch> watch_;
   boost::asio::thread_pool store_thread_{1};
   std::atomic<int> store_requests_ = 0;  // queued or running on the store's thread
-  std::string last_desk_event_;
   int status_ = 0;
   bool plugin_reported_ = false;
   bool ending_ = false;

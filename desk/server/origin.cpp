@@ -11,6 +11,8 @@
 #include <cerrno>
 #include <charconv>
 #include <cstdint>
+#include <functional>
+#include <numeric>
 #include <random>
 #include <system_error>
 #include <utility>
@@ -117,14 +119,8 @@ bool OriginCheck::IsDeskPage(const Claim& claim) {
 
 // Its time does not depend on where the difference is.
 bool OriginCheck::Knows(std::string_view token) const {
-  if (token_.empty() || token.size() != token_.size()) {
-    return false;
-  }
-  unsigned difference = 0;
-  for (std::size_t index = 0; index < token_.size(); ++index) {
-    difference |= static_cast<unsigned char>(token[index] ^ token_[index]);
-  }
-  return difference == 0;
+  return !token_.empty() && token.size() == token_.size() &&
+         std::transform_reduce(token.begin(), token.end(), token_.begin(), 0, std::bit_or(), std::bit_xor()) == 0;
 }
 
 vconf::Result<std::string> KeptToken(const std::string& store) {

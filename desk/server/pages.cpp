@@ -12,8 +12,8 @@ Pages::Pages(boost::asio::io_context& loop, std::vector<std::string> host_comman
              std::function<void()> on_change)
     : loop_(loop), host_command_(std::move(host_command)), events_(events), on_change_(std::move(on_change)) {}
 
-std::shared_ptr<Page> Pages::Open(PageDescription description, bool reserve) {
-  if (on_closed_ || pages_.size() >= limit_ + (reserve ? 1 : 0)) {
+std::shared_ptr<Page> Pages::Open(PageDescription description, std::size_t limit) {
+  if (on_closed_ || pages_.size() >= limit) {
     return nullptr;
   }
   const int number = last_number_ + 1;

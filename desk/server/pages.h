@@ -29,9 +29,9 @@ class Pages final : private Page::Owner {
   Pages(const Pages&) = delete;
   Pages& operator=(const Pages&) = delete;
 
-  /// Starts a page. Null if the limit is reached, which is one higher with `reserve`. Throws `std::system_error` if no
-  /// process or pipe can be created.
-  std::shared_ptr<Page> Open(PageDescription description, bool reserve);
+  /// Starts a page. Null if `limit` pages are open, or after `Close`. Throws `std::system_error` if no process or pipe
+  /// can be created.
+  std::shared_ptr<Page> Open(PageDescription description, std::size_t limit);
 
   /// An open page; null for an unknown one.
   std::shared_ptr<Page> Find(std::string_view id) const { return FindIn(pages_, id); }
@@ -48,9 +48,7 @@ class Pages final : private Page::Owner {
   /// The number of clients that wait for a reply of a page.
   std::ptrdiff_t waiting() const;
 
-  std::size_t limit() const { return limit_; }
   bool is_closing() const { return static_cast<bool>(on_closed_); }
-  void set_limit(std::size_t limit) { limit_ = limit; }
 
   enum class Keep { kNothing, kHistory };
   /// Ends an open page. With `kHistory` it becomes one of `ended` if its dialogue is not empty.
@@ -74,7 +72,6 @@ class Pages final : private Page::Owner {
   boost::asio::io_context& loop_;
   const std::vector<std::string> host_command_;
   EventLog& events_;
-  std::size_t limit_ = kMaxPages;
   const std::function<void()> on_change_;
   Map pages_;
   Map leaving_;  // until their processes have ended

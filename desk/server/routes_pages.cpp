@@ -202,10 +202,10 @@ Answer OpenPage(Desk& desk, const HttpRequest& request) {
     return Fail(description.status());
   }
   try {
-    const auto page = desk.pages().Open(*description, request.from_desk_page);
+    const auto page = desk.pages().Open(*description, desk.limits().pages + (request.from_desk_page ? 1 : 0));
     return page ? JsonAnswer(page->Describe(), 201)
                 : Busy(desk.pages().is_closing() ? "the desk is ending"
-                                                 : std::to_string(desk.pages().limit()) + " pages are already open");
+                                                 : std::to_string(desk.limits().pages) + " pages are already open");
   } catch (const std::system_error& error) {
     return Busy(std::string("no plug-in can be started: ") + error.what() +
                 "; close pages, or raise the desk's limits (ulimit -Hn, ulimit -u)");

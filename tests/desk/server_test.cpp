@@ -19,8 +19,7 @@
 #include <string_view>
 #include <vector>
 
-#include <boost/asio/ip/tcp.hpp>
-#include <boost/asio/write.hpp>
+#include <boost/asio/post.hpp>
 
 #include "server/desk.h"
 #include "server/host_process.h"
@@ -29,23 +28,14 @@
 
 namespace {
 
-using boost::asio::ip::tcp;
-
 class ServerDeathTest : public testing::Test {
  protected:
-  /// Runs a desk, calls `happens` while a client is connected, and exits with the desk's status.
+  /// Runs a desk, calls `happens` on its loop, and exits with the desk's status.
   void Run(const std::function<void(desk::Desk&)>& happens) {
     {
       desk::Desk desk({.program = MIRADO_PROGRAM, .plugin = MIRADO_PLUGIN_PATH, .store = folder_ / "store", .port = 0});
       if (!desk.OpenStore().ok() || !desk.Start().ok()) _exit(99);
-      const std::string link = desk.Links().front();
-      tcp::socket client(desk.loop());
-      client.connect({boost::asio::ip::address_v4::loopback(),
-                      static_cast<unsigned short>(std::stoi(link.substr(link.rfind(':') + 1)))});
-      boost::asio::write(client,
-                         boost::asio::buffer(std::string("GET /api/events HTTP/1.1\r\nHost: localhost\r\n\r\n")));
-      std::array<char, 1024> head{};
-      client.async_read_some(boost::asio::buffer(head), [&](auto, std::size_t) { happens(desk); });
+      boost::asio::post(desk.loop(), [&] { happens(desk); });
       status_ = desk.Run();
     }
     _exit(status_);
@@ -115,7 +105,7 @@ class PagesTest : public testing::Test {
     std::ofstream(program) << "#!/bin/sh\n" << script << '\n';
     std::filesystem::permissions(program, std::filesystem::perms::owner_all);
     pages_ = std::make_unique<desk::Pages>(loop_, std::vector{program}, events_, [] {});
-    return pages_->Open({.title = {}, .url = {}, .grace = std::chrono::hours(1)}, false);
+    return pages_->Open({.title = {}, .url = {}, .grace = std::chrono::hours(1)}, 1);
   }
 
   /// Whether `done` becomes true; the pages live meanwhile.
