@@ -32,17 +32,17 @@ class ServerDeathTest : public testing::Test {
  protected:
   /// Runs a desk, calls `happens` on its loop, and exits with the desk's status.
   void Run(const std::function<void(desk::Desk&)>& happens) {
+    int status = 0;
     {
       desk::Desk desk({.program = MIRADO_PROGRAM, .plugin = MIRADO_PLUGIN_PATH, .store = folder_ / "store", .port = 0});
       if (!desk.OpenStore().ok() || !desk.Start().ok()) _exit(99);
       boost::asio::post(desk.loop(), [&] { happens(desk); });
-      status_ = desk.Run();
+      status = desk.Run();
     }
-    _exit(status_);
+    _exit(status);
   }
 
   TemporaryFolder folder_;
-  int status_ = 0;
 };
 
 TEST_F(ServerDeathTest, ExitsWithStatus3AfterAnException) {
