@@ -95,13 +95,13 @@ std::vector<Row> ReadRow(const Effort& effort) {
   }
   const Scratch folder;
   BareStore bare(folder.path(), 0, kDiskKey, kKeys);
-  int turn = 0;
+  std::size_t turn = 0;
   long sum = 0;
-  const auto floor = [&] { return PerCall(effort, [&] { sum += bare.Read(paths[++turn % kKeys]); }); };
+  const auto floor = [&] { return PerCall(effort, [&] { sum += bare.Read(paths[++turn % paths.size()]); }); };
   const auto ours = [&] {
     return PerCall(effort, [&] {
       int value = -1;
-      if (vconf_get_int(paths[++turn % kKeys].c_str(), &value) != 0) throw std::runtime_error("a read failed");
+      if (vconf_get_int(paths[++turn % paths.size()].c_str(), &value) != 0) throw std::runtime_error("a read failed");
       sum += value;
     });
   };
@@ -159,6 +159,7 @@ std::vector<Row> ListenersRow(const Effort& effort) {
   // Starts 64 processes of `command`. Returns a function that measures their CPU time for one `change`.
   const auto with_processes = [&](const std::vector<std::string>& command, const std::function<void(int)>& change) {
     std::vector<std::unique_ptr<Child>> children;
+    children.reserve(kProcesses);
     for (int i = 0; i < kProcesses; ++i) children.push_back(std::make_unique<Child>(command));
     for (const auto& child : children) child->ReadLine();
     return [children = std::make_shared<decltype(children)>(std::move(children)), change] {

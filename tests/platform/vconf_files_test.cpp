@@ -188,7 +188,8 @@ TEST_F(VconfFilesTest, AFullRegionCanBeEmptied) {
   for (int i = 1; i < 4; ++i) ASSERT_EQ(vconf_set_int("memory/counted", i), 0);
   const std::string text(65'536, 'x');
   const auto size = fs::file_size(region());
-  for (int i = 0; i < 500; ++i) ASSERT_EQ(vconf::Set("memory/grows", text.substr(0, 61'000 + 8 * i)).text(), "");
+  for (std::size_t i = 0; i < 500; ++i)
+    ASSERT_EQ(vconf::Set("memory/grows", text.substr(0, 61'000 + 8 * i)).text(), "");
   EXPECT_LT(fs::file_size(region()), size + (1U << 20U));
   int count = 0;
   vconf::Status status;

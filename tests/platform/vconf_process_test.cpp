@@ -111,8 +111,8 @@ TEST_F(VconfProcessTest, AStoppedWriterIsNamedAndBlocksNoReader) {
     // Opens no store before the fork: a process that opens its first store after a fork must be named too.
     EXPECT_EQ(Process([&] { return vconf::OpenOrCreateStore(directory(), initial).ok() ? 0 : 1; }).Wait(), 0);
     Process writer([&] {
-      for (int i = 1; vconf::OpenStore(directory()).ok() || true; ++i) vconf_set_int(path.c_str(), i);
-      return 1;
+      EXPECT_EQ(vconf::OpenStore(directory()).text(), "");
+      for (int i = 1;; ++i) vconf_set_int(path.c_str(), i);
     });
     Open();
     vconf::Status status;

@@ -251,8 +251,8 @@ TEST_F(VconfChangeTest, ASubscriberBehindTheKeptChangesGetsEachKeyOnce) {
   ASSERT_GE(vconf_notify_key_changed("memory/b", Count, &other), 0);
   const auto watch = Collect("memory/");
   std::atomic<int> late{0};
-  std::vector<Entry> many;  // its keys and their removal are more than the 65,536 changes that are kept
-  for (int i = 0; i < 33'000; ++i) many.push_back({"memory/many" + std::to_string(i), i});
+  std::vector<Entry> many(33'000);  // its keys and their removal are more than the 65,536 changes that are kept
+  for (std::size_t i = 0; i < many.size(); ++i) many[i] = {"memory/many" + std::to_string(i), static_cast<int>(i)};
   ASSERT_EQ(vconf::Reset(many).text(), "");
   ASSERT_EQ(vconf::Reset({{"memory/last", 1}}).text(), "");
   ASSERT_GE(vconf_notify_key_changed("memory/a", Count, &late), 0);

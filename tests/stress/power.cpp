@@ -252,7 +252,7 @@ class Disk {
           Apply(step, &content);
         }
       }
-      std::ofstream(folder + "/" + name, std::ios::binary) << content;
+      std::ofstream(std::filesystem::path(folder) / name, std::ios::binary) << content;
     }
   }
 
