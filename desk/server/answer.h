@@ -2,12 +2,13 @@
 
 // The answer to a request.
 
+#include <array>
+#include <cstddef>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
 
-#include "base/http_status.h"
 #include "base/json.h"
 #include "result.h"
 
@@ -24,10 +25,34 @@ struct Answer {
 
 inline Answer JsonAnswer(const Json& json, unsigned status = 200) { return {.status = status, .body = ToText(json)}; }
 
-/// {"error": text, "code": name}, with the HTTP status for `status`, which must be a failure.
+/// The HTTP status for a failure, and its name in the answer's field "code".
+struct HttpFailure {
+  unsigned status;
+  std::string_view name;
+};
+
+constexpr HttpFailure HttpFailureOf(vconf::Code code) {
+  // In the order of the enumerators.
+  constexpr std::array<HttpFailure, 12> kFailures = {{{200, "ok"},
+                                                      {404, "missing"},
+                                                      {409, "wrong-type"},
+                                                      {400, "bad-name"},
+                                                      {400, "bad-value"},
+                                                      {507, "full"},
+                                                      {403, "read-only"},
+                                                      {500, "damaged"},
+                                                      {500, "removed"},
+                                                      {503, "busy"},
+                                                      {403, "not-permitted"},
+                                                      {500, "failed"}}};
+  static_assert(kFailures.size() == static_cast<std::size_t>(vconf::Code::kFailed) + 1, "one row for each code");
+  return kFailures[static_cast<std::size_t>(code)];
+}
+
+/// {"error": text, "code": name}; `status` must be a failure.
 inline Answer Fail(const vconf::Status& status) {
-  const HttpCode code = HttpCodeOf(status.code());
-  return JsonAnswer({{"error", status.text()}, {"code", code.name}}, static_cast<unsigned>(code.status));
+  const auto [http_status, name] = HttpFailureOf(status.code());
+  return JsonAnswer({{"error", status.text()}, {"code", name}}, http_status);
 }
 
 /// {"error": text}: a failure that has no code.

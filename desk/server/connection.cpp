@@ -45,8 +45,8 @@ std::optional<std::string> Decode(std::string_view text) {
   return decoded;
 }
 
-bool Clients::MakeRoom() {
-  if (open_.size() < limit_) {
+bool Clients::MakeRoom(std::size_t limit) {
+  if (open_.size() < limit) {
     return true;
   }
   const auto idlest = std::ranges::min_element(open_, {}, &Client::idle_since_);

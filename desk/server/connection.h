@@ -100,10 +100,9 @@ class Clients {
  public:
   explicit Clients(boost::asio::io_context& loop) : clock_(loop) {}
 
-  /// Whether one more connection may be opened. At the limit, the connection that has waited longest for its client is
+  /// Whether one more connection may be opened. If `limit` are open, the one that has waited longest for its client is
   /// closed; false if none waits.
-  bool MakeRoom();
-  void set_limit(std::size_t limit) { limit_ = limit; }
+  bool MakeRoom(std::size_t limit);
 
   /// Closes the connections that wait for their clients, and each other one after its answer; stops the timer.
   void CloseIdle();
@@ -116,7 +115,6 @@ class Clients {
 
   void CheckAll();
 
-  std::size_t limit_ = 1;
   std::size_t unsent_ = 0;  // bytes of long answers being written
   boost::intrusive::list<Client, boost::intrusive::constant_time_size<false>> open_;
   boost::asio::steady_timer clock_;

@@ -19,7 +19,6 @@
 #include <boost/asio/post.hpp>
 
 #include "base/exit_status.h"
-#include "base/http_status.h"
 #include "base/paths.h"
 #include "base/standard_streams.h"
 #include "base/terminal.h"
@@ -144,12 +143,15 @@ vconf::Status Desk::Start() {
                                     "; raise the hard limit of open files (ulimit -Hn)"};
   }
   limits_ = Limits::For(free - kOwn);
-  clients_.set_limit(limits_.connections);
   // Created before the listener, the signals and the input are started: those may call `End`, which uses it. It has no
   // store, so the set's faults and latencies do not affect it.
   plugin_check_ = std::make_unique<PluginCheck>(loop_, HostCommand(options_, "/dev/null"), [this] { OnPluginCheck(); });
-  listener_.Start(clients_, [this](Socket socket) {
+  listener_.Start([this](Socket& socket) {
+    if (!clients_.MakeRoom(limits_.connections)) {
+      return false;
+    }
     std::make_shared<Connection>(std::move(socket), clients_, check_, handler_)->Start();
+    return true;
   });
   signals_.async_wait([this](Error failed, int signal) {
     if (!failed) {
@@ -215,7 +217,7 @@ Json Desk::Describe() const {
           {"store",
            {{"folder", options_.store},
             {"error", or_null(usable.text())},
-            {"code", usable.ok() ? Json() : Json(HttpCodeOf(usable.code()).name)}}},
+            {"code", usable.ok() ? Json() : Json(HttpFailureOf(usable.code()).name)}}},
           {"pages", {{"open", pages_.all().size()}, {"limit", limits_.pages}}}};
 }
 

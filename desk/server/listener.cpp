@@ -104,8 +104,7 @@ vconf::Status Listener::Listen(int port, const std::string& address) {
   return status;
 }
 
-void Listener::Start(Clients& clients, std::function<void(Socket)> on_socket) {
-  clients_ = &clients;
+void Listener::Start(OnSocket on_socket) {
   on_socket_ = std::move(on_socket);
   for (const auto& acceptor : acceptors_) {
     Accept(*acceptor);
@@ -126,9 +125,7 @@ void Listener::Accept(Acceptor& acceptor) {
         }
       });
     }
-    if (clients_->MakeRoom()) {
-      on_socket_(std::move(socket));
-    } else {
+    if (!on_socket_(socket)) {
       static constexpr std::string_view kBusy =
           "HTTP/1.1 503 Service Unavailable\r\nContent-Type: application/json\r\nConnection: close\r\n\r\n"
           "{\"error\":\"too many connections are open already\",\"code\":\"busy\"}";

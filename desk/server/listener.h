@@ -25,8 +25,11 @@ class Listener {
   /// empty; an unspecified address replaces the loopback address of its family. A failure names the address.
   vconf::Status Listen(int port, const std::string& address);
 
-  /// Passes each connection to `on_socket`. One for which `clients` has no room gets a 503.
-  void Start(Clients& clients, std::function<void(Socket)> on_socket);
+  /// Takes over the socket of a new connection, or returns false if there is no room for it; its client then gets a
+  /// 503.
+  using OnSocket = std::function<bool(Socket&)>;
+
+  void Start(OnSocket on_socket);
 
   void Close() { acceptors_.clear(); }
 
@@ -40,8 +43,7 @@ class Listener {
 
   boost::asio::io_context& loop_;
   std::vector<std::unique_ptr<Acceptor>> acceptors_;
-  Clients* clients_ = nullptr;
-  std::function<void(Socket)> on_socket_;
+  OnSocket on_socket_;
   unsigned short port_ = 0;
 };
 

@@ -9,9 +9,9 @@
 #include <regex>
 
 #include "base/exit_status.h"
-#include "base/http_status.h"
 #include "browser_control.h"
 #include "host/protocol.h"
+#include "server/answer.h"
 #include "set/catalog.h"
 #include "set/faults.h"
 #include "set/scenario.h"
@@ -149,7 +149,7 @@ TEST(CodeTest, EachCodeHasTheHttpStatusOfTheDocument) {
   const std::string text = Contents(MIRADO_EXAMPLES "/../docs/desk-api.md");
   for (int number = 1; number <= static_cast<int>(vconf::Code::kFailed); ++number) {
     const auto code = static_cast<vconf::Code>(number);
-    const auto [status, name] = HttpCodeOf(code);
+    const auto [status, name] = HttpFailureOf(code);
     // The first number in parentheses after the name.
     std::smatch found;
     ASSERT_TRUE(std::regex_search(text, found, std::regex("`" + std::string(name) + "`[^()]*\\((\\d+)\\)"))) << name;
