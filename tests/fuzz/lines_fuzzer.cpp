@@ -66,7 +66,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   fuzz::ReceivedMessages received;
   desk::Json answer = desk::Json::array();
   const auto output = [&](const desk::Json& line) {
-    const auto read_back = desk::ParseJson(desk::ToText(line), nullptr, desk::kMaxJsonDepth + 2);
+    const auto read_back = desk::ParseJson(desk::ToText(line), desk::kMaxJsonDepth + 2);
     fuzz::Require(read_back.ok(), "the output is JSON", line);
     if (line.contains("message")) {
       received.Receive(line["message"]);
@@ -93,7 +93,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     fuzz::Require(line.size() == 1 && error.is_object() && error.value("line", std::size_t{0}) >= good + bad &&
                       !error.value("text", "").empty(),
                   "the error contains the line and the cause", line);
-    const auto read_back = desk::ParseJson(desk::ToText(line), nullptr, desk::kMaxJsonDepth + 2);
+    const auto read_back = desk::ParseJson(desk::ToText(line), desk::kMaxJsonDepth + 2);
     fuzz::Require(read_back.ok(), "the output is JSON", line);
   };
   const bool all_good = desk::ReadRequests(input.get(), NeverRaised(), handle, report_error);
